@@ -1,0 +1,29 @@
+# How every folder of the daemon is built: one static library a folder, the repository root as the
+# only include root, no exceptions, and warnings as errors.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_package(Threads REQUIRED)
+
+# Warnings and include root, for product and test code alike.
+add_library(uafd_options INTERFACE)
+target_include_directories(uafd_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(uafd_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+target_link_libraries(uafd_options INTERFACE Threads::Threads)
+
+# uafd_folder(NAME SOURCES file... [USES folder...])
+# USES is checked against the folder's #include lines by tools/check-includes.
+function(uafd_folder name)
+  cmake_parse_arguments(FOLDER "" "" "SOURCES;USES" ${ARGN})
+  add_library(${name} STATIC ${FOLDER_SOURCES})
+  target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+  target_link_libraries(${name} PUBLIC uafd_options ${FOLDER_USES})
+endfunction()
+
+# daemon/uac_user.h: constants shared by the control device's two users.
+add_library(uac_user INTERFACE)
+target_link_libraries(uac_user INTERFACE uafd_options)

@@ -1,0 +1,52 @@
+#include "tests/support/fake_log.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include <android/log.h>
+
+namespace {
+
+std::mutex linesMutex;
+std::vector<fake_log::Line>& storedLines() {
+    static auto* const stored = new std::vector<fake_log::Line>;
+    return *stored;
+}
+
+}  // namespace
+
+namespace fake_log {
+
+std::ostream& operator<<(std::ostream& out, const Line& line) {
+    return out << line.priority << ' ' << line.tag << " \"" << line.text << '"';
+}
+
+std::vector<Line> lines() {
+    const std::lock_guard<std::mutex> lock(linesMutex);
+    return storedLines();
+}
+
+int count(int priority, const std::string& tag, const std::string& text) {
+    const std::vector<Line> all = lines();
+    return static_cast<int>(std::count(all.begin(), all.end(), Line{priority, tag, text}));
+}
+
+void clear() {
+    const std::lock_guard<std::mutex> lock(linesMutex);
+    storedLines().clear();
+}
+
+}  // namespace fake_log
+
+extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    const std::lock_guard<std::mutex> lock(linesMutex);
+    storedLines().push_back({priority, tag, text});
+    return length;
+}
