@@ -1,0 +1,149 @@
+#include "channel/capture_sync.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <time.h>
+
+#include <android/log.h>
+
+#include "channel/uaf_snk.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFSNK";
+constexpr int64_t NS_PER_SECOND = 1000000000;
+
+// The board's own sound card. Which of its PCMs is the microphone depends on the codec.
+constexpr char CARD_ID_PATH[] = "/proc/asound/card0/id";
+constexpr char STATUS_PATH_PCM0[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char STATUS_PATH_PCM1[] = "/proc/asound/card0/pcm1c/sub0/status";
+constexpr int STATUS_LINES = 11;
+
+using Line = char[80];
+
+int64_t micTstampNs = -1;
+int32_t synchTriesLeft = 0;
+
+// Seconds and nanoseconds as one count; wraps on numbers that no clock shows.
+int64_t nanoseconds(int64_t seconds, int64_t fraction) {
+    return static_cast<int64_t>(static_cast<uint64_t>(seconds) * NS_PER_SECOND +
+                                static_cast<uint64_t>(fraction));
+}
+
+void logOpenFailure(const char* path, int openErrno) {
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to open %s: %s", path,
+                        strerror(openErrno));
+}
+
+const char* statusPathOf(const char* cardId) {
+    const bool onPcm0 =
+        strstr(cardId, "tarvine") != nullptr || strstr(cardId, "rockchiprt5640c") != nullptr;
+    return onPcm0 ? STATUS_PATH_PCM0 : STATUS_PATH_PCM1;
+}
+
+// The microphone's status file, open, or null after logging why not.
+FILE* openStatusFile() {
+    FILE* const idFile = fopen(CARD_ID_PATH, "r");
+    if (idFile == nullptr) {
+        const int openErrno = errno;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to open /proc/asound/card0/id: %s",
+                            strerror(openErrno));
+        // Names the default status file although none was opened: an unknown card is reported by
+        // this pair of lines, which log readers look for together.
+        logOpenFailure(STATUS_PATH_PCM1, openErrno);
+        return nullptr;
+    }
+    Line cardId;
+    if (fgets(cardId, sizeof cardId, idFile) == nullptr) {
+        const int readErrno = errno;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "Failed to determine card type for: /proc/asound/card0/id");
+        fclose(idFile);
+        logOpenFailure(STATUS_PATH_PCM1, readErrno);
+        return nullptr;
+    }
+    const char* const statusPath = statusPathOf(cardId);
+    FILE* const statusFile = fopen(statusPath, "r");
+    const int openErrno = errno;
+    fclose(idFile);
+    if (statusFile == nullptr) {
+        logOpenFailure(statusPath, openErrno);
+    }
+    return statusFile;
+}
+
+// The time stamp of a running stream within the first lines, or -1.
+int64_t readTimestamp(FILE* statusFile) {
+    bool running = false;
+    Line line;
+    for (int i = 0; i < STATUS_LINES && fgets(line, sizeof line, statusFile) != nullptr; ++i) {
+        if (strstr(line, "state: RUNNING") != nullptr) {
+            running = true;
+        }
+        long seconds;
+        long fraction;
+        if (running && strstr(line, "tstamp") != nullptr &&
+            sscanf(line, "tstamp      : %ld.%ld\n", &seconds, &fraction) == 2) {
+            return nanoseconds(seconds, fraction);
+        }
+    }
+    return -1;
+}
+
+int fail(SynchStartupState* state) {
+    state->state = SYNCH_FINISHED;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "synch startup failed");
+    return -1;
+}
+
+bool isHeldBack(int64_t startNs, int64_t nowNs) {
+    const auto sinceStart =
+        static_cast<int64_t>(static_cast<uint64_t>(nowNs) - static_cast<uint64_t>(startNs));
+    // A start in the future gives a negative phase, which is outside the range and ends the wait.
+    const int64_t phaseNs = sinceStart % SYNCH_GRID_NS;
+    return static_cast<uint64_t>(phaseNs - SYNCH_HOLD_FROM_NS) < SYNCH_HOLD_LENGTH_NS;
+}
+
+}  // namespace
+
+int64_t UafSnk::micCaptureTimestamp() {
+    FILE* const statusFile = openStatusFile();
+    if (statusFile == nullptr) {
+        return -1;
+    }
+    const int64_t timestampNs = readTimestamp(statusFile);
+    fclose(statusFile);
+    return timestampNs;
+}
+
+int UafSnk::synchStartup(int frames, SynchStartupState* state) {
+    switch (state->state) {
+        case SYNCH_FINISHED:
+            return 0;
+        case SYNCH_NOT_STARTED:
+            micTstampNs = micCaptureTimestamp();
+            synchTriesLeft = SYNCH_TRIES;
+            state->state = SYNCH_WAITING;
+            break;
+        case SYNCH_WAITING:
+            break;
+        default:
+            return fail(state);
+    }
+    // A period without frames is never the first one written, but it uses up a try.
+    if (micTstampNs < 1 || --synchTriesLeft < 0) {
+        return fail(state);
+    }
+    if (frames < 1) {
+        return 1;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (isHeldBack(micTstampNs, nanoseconds(now.tv_sec, now.tv_nsec))) {
+        return 1;
+    }
+    state->state = SYNCH_FINISHED;
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "synch startup ok");
+    return 0;
+}

@@ -1,0 +1,25 @@
+// The sink channel's start synchronisation: which captured period is the first one written to the
+// app. Writing starts on a 10 ms grid that is anchored where the board's own microphone capture
+// started, so that the app's two streams keep a fixed phase. Periods before that are dropped.
+//
+// Called from the sink's worker only; one sink exists, so the start time and the remaining tries
+// are process-wide. The two calls are UafSnk's micCaptureTimestamp and synchStartup.
+#pragma once
+
+#include <cstdint>
+
+enum SynchState : int32_t {
+    SYNCH_NOT_STARTED = 0,  // nothing done yet
+    SYNCH_WAITING = 1,      // start time known, waiting for the right phase
+    SYNCH_FINISHED = 2,     // write; reached by success and by failure alike
+};
+
+// One per run of the sink's loop.
+struct SynchStartupState {
+    int32_t state = SYNCH_NOT_STARTED;  // SynchState
+};
+
+constexpr int32_t SYNCH_TRIES = 600;  // periods that may be held back or missing before it gives up
+constexpr int64_t SYNCH_GRID_NS = 10000000;
+constexpr int64_t SYNCH_HOLD_FROM_NS = 3500000;     // phases from here ...
+constexpr uint64_t SYNCH_HOLD_LENGTH_NS = 5000000;  // ... for this long are held back

@@ -1,0 +1,44 @@
+#include "channel/rt_thread.h"
+
+#include <cerrno>
+#include <sched.h>
+
+#include <android/log.h>
+
+namespace {
+
+void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
+    if (pthread_attr_setschedpolicy(attributes, SCHED_FIFO) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "unable to setschedpolicy\n");
+        return;
+    }
+    sched_param parameters;
+    if (pthread_attr_getschedparam(attributes, &parameters) != 0) {
+        return;
+    }
+    parameters.sched_priority = RT_PRIORITY;
+    if (pthread_attr_setschedparam(attributes, &parameters) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "unable to set thread priority\n");
+        return;
+    }
+    // Without this the creator's policy and priority are inherited and the two above are ignored.
+    // Not before: SCHED_FIFO without a priority would keep the thread from being created.
+    pthread_attr_setinheritsched(attributes, PTHREAD_EXPLICIT_SCHED);
+}
+
+}  // namespace
+
+int createRtThread(pthread_t* threadId, void* (*entry)(void*), void* argument, const char* tag) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    setRtScheduling(&attributes, tag);
+    pthread_t created;
+    const int rc = pthread_create(&created, &attributes, entry, argument);
+    const int createErrno = errno;
+    pthread_attr_destroy(&attributes);
+    if (rc == 0) {
+        *threadId = created;
+    }
+    errno = createErrno;
+    return rc;
+}

@@ -1,0 +1,295 @@
+#include "channel/uaf_ch.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <time.h>
+
+#include <android/log.h>
+
+#include "alsa/xrun_recovery.h"
+#include "channel/rt_thread.h"
+#include "ipc/uaf_ipc.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFCH";
+constexpr long NS_PER_MS = 1000000;
+
+void sleepMs(long ms) {
+    const timespec pause{0, ms * NS_PER_MS};
+    nanosleep(&pause, nullptr);
+}
+
+}  // namespace
+
+UafCh::UafCh(int channelMsgType) : msgType(static_cast<uint32_t>(channelMsgType)) {
+    if (pthread_mutex_init(&intfMutex, nullptr) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "pthread_mutex_init for intfMutex failed\n");
+    }
+}
+
+UafCh::~UafCh() {
+    pthread_mutex_destroy(&intfMutex);
+}
+
+int UafCh::setDevName(const char* newFifoName, const char* newPcmName) {
+    fifoName.set(nullptr);
+    pcmName.set(nullptr);
+    // Threads of the channel are created on this thread only, so none can appear meanwhile; acquire
+    // pairs with releaseDevNames.
+    if (nameReaders.load(std::memory_order_acquire) == 0) {
+        fifoName.freeReplaced();
+        pcmName.freeReplaced();
+    }
+    fifoName.set(newFifoName);
+    pcmName.set(newPcmName);
+    return 0;
+}
+
+int UafCh::intfUpdate(bool on) {
+    if (!beginUpdate(on)) {
+        return -1;
+    }
+    return updateAndUnlock(on, pthread_mutex_lock(&intfMutex));
+}
+
+int UafCh::requestStop(const std::atomic<bool>& toldToStop) {
+    constexpr long retryMs = 1;
+    if (!beginUpdate(false)) {
+        return -1;
+    }
+    int lockResult = pthread_mutex_trylock(&intfMutex);
+    while (lockResult == EBUSY) {
+        if (toldToStop.load(std::memory_order_acquire)) {
+            return 0;
+        }
+        sleepMs(retryMs);
+        lockResult = pthread_mutex_trylock(&intfMutex);
+    }
+    return updateAndUnlock(false, lockResult);
+}
+
+bool UafCh::beginUpdate(bool on) const {
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "intfUpdate to %d, current state %d\n", on,
+                        state.load(std::memory_order_relaxed));
+    if (pcmName.load() == nullptr || fifoName.load() == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "devName not set\n");
+        return false;
+    }
+    return true;
+}
+
+// No request is refused because of the lock.
+int UafCh::updateAndUnlock(bool on, int lockResult) {
+    if (lockResult != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "intfMutex lock failed, but best effort at this point: %d\n",
+                            lockResult);
+    }
+    const int result = on ? switchOn() : switchOff();
+    if (lockResult == 0) {
+        const int rc = pthread_mutex_unlock(&intfMutex);
+        if (rc != 0) {
+            // The stop's text, although nothing was stopped: log readers know this one.
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
+        }
+    }
+    return result;
+}
+
+int UafCh::switchOff() {
+    const int current = state.load(std::memory_order_relaxed);
+    switch (current) {
+        case UAFCH_RUNNING:
+            // An increment that raced with the last cancel must not shorten this stop.
+            stopDelayCnt.store(0, std::memory_order_relaxed);
+            state.store(UAFCH_STOPPING, std::memory_order_release);
+            break;
+        case UAFCH_STOPPING:
+        case UAFCH_STOPPED:
+            break;
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unknown state %d\n", current);
+    }
+    return 0;
+}
+
+int UafCh::switchOn() {
+    const int current = state.load(std::memory_order_relaxed);
+    switch (current) {
+        case UAFCH_RUNNING:
+            return 0;
+        case UAFCH_STOPPING:
+            __android_log_print(
+                ANDROID_LOG_DEBUG, LOG_TAG, "stopDelayCnt = %d\n",
+                static_cast<int>(stopDelayCnt.exchange(0, std::memory_order_relaxed)));
+            state.store(UAFCH_RUNNING, std::memory_order_release);
+            return 0;
+        case UAFCH_STOPPED:
+            return start();
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unknown state %d\n", current);
+            return 0;
+    }
+}
+
+int UafCh::start() {
+    stopDelayCnt.store(0, std::memory_order_relaxed);
+    state.store(UAFCH_RUNNING, std::memory_order_release);
+    if (uafStart() < 0) {
+        // Nothing is undone: the next uafStart cleans up what this one left open.
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed to start audio");
+        state.store(UAFCH_STOPPED, std::memory_order_release);
+        return -1;
+    }
+    UafIpc::queueMsg({msgType, 1});
+    if (joinPending) {
+        pthread_join(threadId, nullptr);
+        joinPending = false;
+    }
+    holdDevNames();
+    if (createRtThread(&threadId, ChThread, this, LOG_TAG) != 0) {
+        releaseDevNames();
+        // The stream stays open and the app stays told that it is on; the next on request finds the
+        // stream open and starts it afresh.
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_create failed");
+        state.store(UAFCH_STOPPED, std::memory_order_release);
+        return -1;
+    }
+    return 0;
+}
+
+void* UafCh::ChThread(void* channel) {
+    static_cast<UafCh*>(channel)->uafLoop();
+    return nullptr;
+}
+
+bool UafCh::isRunning() {
+    // Without the lock, which would cost every pass: an on request may cancel the stop between the
+    // count and the lock, and the channel then stops all the same.
+    if (state.load(std::memory_order_acquire) != UAFCH_STOPPING) {
+        return true;
+    }
+    if (stopDelayCnt.fetch_add(1, std::memory_order_relaxed) + 1 < STOP_DELAY_PASSES) {
+        return true;
+    }
+    stop();
+    return false;
+}
+
+void UafCh::stop() {
+    const int lockResult = pthread_mutex_lock(&intfMutex);
+    if (lockResult != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "intfMutex lock failed when attempting to stop the UAFCH: %d\n",
+                            lockResult);
+    }
+    uafStop();
+    UafIpc::queueMsg({msgType, 0});
+    const int stoppedFrom = state.load(std::memory_order_relaxed);
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "UAF channel stopped. Current state is (%d)\n",
+                        stoppedFrom);
+    releaseDevNames();  // nothing after this reads them
+    state.store(UAFCH_STOPPED, std::memory_order_release);
+    stopDelayCnt.store(0, std::memory_order_relaxed);
+    joinPending = true;
+    if (lockResult == 0) {
+        const int rc = pthread_mutex_unlock(&intfMutex);
+        if (rc != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
+        }
+    }
+    if (stoppedFrom != UAFCH_STOPPING) {
+        // An on request slipped in before the lock: stopped it stays until the next one.
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "ALERT! This should be impossible and can cause inconsistencies in "
+                            "this channel's state.");
+    }
+}
+
+int UafCh::setVolume(int16_t volume, uint32_t type) {
+    // The value is the low half alone; receivers ignore the upper one.
+    const UsbAudioMsgT msg{type, static_cast<uint16_t>(volume)};
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "setVolume volume=%d, sending: type=0x%08X, data=0x%08X\n", volume,
+                        msg.type, msg.data);
+    UafIpc::queueMsg(msg);
+    return 0;
+}
+
+int UafCh::setMute(bool mute, uint32_t type) {
+    const UsbAudioMsgT msg{type, mute ? 1U : 0U};
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute, msg.type,
+                        msg.data);
+    UafIpc::queueMsg(msg);
+    return 0;
+}
+
+void UafCh::adjCh(int16_t* buf, int inCh, int outCh, int frames) {
+    if (inCh == outCh) {
+        return;
+    }
+    if (inCh == 2 && outCh == 1) {
+        for (int i = 0; i < frames; ++i) {
+            buf[i] = buf[2 * i];
+        }
+    } else if (inCh == 1 && outCh == 2) {
+        // Backwards, so that no sample is overwritten before it is read.
+        for (int i = frames - 1; i >= 0; --i) {
+            buf[2 * i + 1] = buf[i];
+            buf[2 * i] = buf[i];
+        }
+    } else {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unsupported: inCh=%d, outCh=%d\n", inCh,
+                            outCh);
+    }
+}
+
+void UafCh::pauseForTimeout() {
+    sleepMs(WAIT_TIMEOUT_MS);
+}
+
+bool UafCh::openFifo(int flags, size_t blockBytes, const char* tag) {
+    const char* const name = fifoName.load();
+    fifoFd = name == nullptr ? -1 : open(name, flags);
+    if (fifoFd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "failed to open %s\n",
+                            DevName::printable(name));
+        return false;
+    }
+    fcntl(fifoFd, F_SETPIPE_SZ, static_cast<int>(blockBytes));
+    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", name,
+                        fcntl(fifoFd, F_GETPIPE_SZ));
+    return true;
+}
+
+int UafCh::recoverPcm(int err, const char* tag) {
+    const int rc = xrun_recovery(pcmHandle, err);
+    if (rc < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "ALSA xrun recovery failed (%s)\n",
+                            snd_strerror(rc));
+    }
+    return rc;
+}
+
+int UafCh::missedWait(int waitResult, const char* tag) {
+    if (waitResult == -EPIPE || waitResult == -ESTRPIPE) {
+        const int rc = recoverPcm(waitResult, tag);
+        if (rc < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, tag, "rc=%d\n", rc);
+        }
+        return rc;
+    }
+    if (pcmStallCnt == 0) {
+        __android_log_print(ANDROID_LOG_DEBUG, tag, "timeout0, rc=%d\n", waitResult);
+    }
+    ++pcmStallCnt;
+    if (waitResult < 0) {
+        pauseForTimeout();  // a removed card fails every wait at once
+    }
+    return 0;
+}

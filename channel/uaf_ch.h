@@ -1,0 +1,135 @@
+// The base of the two audio channels: device names, worker thread, the three-state life cycle that
+// the gadget's events drive, the debounced stop, and the messages to the companion app. A derived
+// channel supplies only the stream: uafLoop, uafStart and uafStop.
+//
+// The event loop owns the channels and calls setDevName, intfUpdate, setVolume and setMute. The
+// worker thread calls isRunning once per pass and, after an I/O failure, intfUpdate(false).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <pthread.h>
+
+#include <alsa/asoundlib.h>
+
+#include "channel/dev_name.h"
+
+// One audio stream's fixed shape, shared by both channels.
+constexpr unsigned SAMPLE_RATE_HZ = 48000;
+constexpr unsigned PCM_CHANNELS = 1;   // the gadget card's streams
+constexpr int FIFO_CHANNELS = 2;       // the app's FIFOs: interleaved stereo
+constexpr int PERIOD_FRAMES = 240;     // 5 ms
+constexpr int WAIT_TIMEOUT_MS = 10;    // of one snd_pcm_wait, so that isRunning is polled
+constexpr unsigned LOG_PASSES = 6000;  // a progress line every so many passes
+
+// How many calls of isRunning after an off request stop the channel (the last of them does).
+constexpr uint32_t STOP_DELAY_PASSES = 4;
+
+enum UafChState : int {
+    UAFCH_RUNNING = 1,   // stream open, worker thread running
+    UAFCH_STOPPING = 2,  // switched off; the worker goes on while it counts stopDelayCnt up
+    UAFCH_STOPPED = 3,   // no stream, no worker
+};
+
+class UafCh {
+  public:
+    // `msgType` is the app message type of this channel's on and off messages.
+    explicit UafCh(int msgType);
+    // Stops and joins nothing: the channels live as long as the process.
+    virtual ~UafCh();
+    UafCh(const UafCh&) = delete;
+    UafCh& operator=(const UafCh&) = delete;
+
+    // The worker's body: runs on the worker thread until isRunning() returns false.
+    virtual void uafLoop() = 0;
+    // Opens the stream, on the thread of intfUpdate(true), under intfMutex. Negative = failure.
+    virtual int uafStart() = 0;
+    // Closes the stream, on the worker thread, under intfMutex. Returns 0.
+    virtual int uafStop() = 0;
+
+    // Sets both names to copies of the texts; null leaves a name unset. Event loop only; takes no
+    // lock, so a channel that is still stopping may find its names gone. Always 0.
+    int setDevName(const char* newFifoName, const char* newPcmName);
+
+    // The state machine of on and off requests. Any thread but the source's buffer thread. Returns
+    // 0, or -1 when a name is unset, the stream did not start, or its thread could not be created.
+    int intfUpdate(bool on);
+
+    // The worker thread's entry: runs uafLoop of `channel`.
+    static void* ChThread(void* channel);
+
+    // True while the worker goes on. The fourth call after an off request stops the channel here,
+    // on the worker thread, and returns false. Between the request and the stop the stream simply
+    // runs, and an on request cancels the stop.
+    bool isRunning();
+
+    // Queue one message for the app: the volume in the low 16 bits, or 1 for muted and 0 for not.
+    // Any thread; state and lock are not touched. Always 0.
+    int setVolume(int16_t volume, uint32_t type);
+    int setMute(bool mute, uint32_t type);
+
+    // Converts `frames` interleaved frames in place between 1 and 2 channels; `buf` holds
+    // frames x max(inCh, outCh) samples. To mono the left sample is kept, without mixing. Any other
+    // pair of different counts is logged and changes nothing.
+    static void adjCh(int16_t* buf, int inCh, int outCh, int frames);
+
+  protected:
+    // intfUpdate(false) for a thread that a stop joins while it holds intfMutex: never waits for
+    // the lock, and gives up with 0 once `toldToStop` is set. An off is without effect in every
+    // state in which that can happen.
+    int requestStop(const std::atomic<bool>& toldToStop);
+
+    // Brackets the life of every thread that reads the names: while one lives, no copy is freed.
+    void holdDevNames() { nameReaders.fetch_add(1, std::memory_order_relaxed); }
+    void releaseDevNames() { nameReaders.fetch_sub(1, std::memory_order_release); }
+
+    // Takes as long as a wait that times out, for what fails at once and would otherwise let a
+    // real-time thread spin.
+    static void pauseForTimeout();
+
+    // Opens fifoName into fifoFd, which blocks until the app holds the other end, and asks for a
+    // pipe capacity of `blockBytes`. False when it does not open. Logs under `tag`:
+    // "failed to open %s\n" (error), "%s opened buffer size %d\n" (debug).
+    bool openFifo(int flags, size_t blockBytes, const char* tag);
+
+    // xrun_recovery of the PCM, with its result. Logs under `tag`, error level:
+    // "ALSA xrun recovery failed (%s)\n".
+    int recoverPcm(int err, const char* tag);
+
+    // What a pass returns whose snd_pcm_wait gave `waitResult` instead of 1: the result of an
+    // xrun's recovery, or 0 for a stall. Stalls are counted in pcmStallCnt and never stop the
+    // channel, whatever their code and however long they last: the other side has merely stopped.
+    // Logs under `tag`: "rc=%d\n" (error) after a failed recovery, "timeout0, rc=%d\n" (debug) on
+    // the first stall of a run.
+    int missedWait(int waitResult, const char* tag);
+
+    bool joinPending = false;               // a finished worker waits to be joined; intfMutex
+    std::atomic<uint32_t> stopDelayCnt{0};  // isRunning calls since the off request
+    snd_pcm_t* pcmHandle = nullptr;         // null when closed
+    int fifoFd = -1;                        // -1 when closed
+    DevName pcmName;                        // ALSA device name
+    DevName fifoName;                       // path of the channel's FIFO
+    snd_pcm_status_t* pcmStatus = nullptr;  // allocated by uafStart, kept until destruction
+    int pcmStallCnt = 0;                    // consecutive waits that found the PCM not ready
+    int availChkCnt = 0;                    // ready periods since the sink's backlog check
+    pthread_t threadId{};                   // the current or last worker
+    // Read without the lock: a stale value costs one pass. Release and acquire, so that a worker
+    // that sees UAFCH_STOPPING counts from the 0 that the off request wrote before it.
+    std::atomic<int> state{UAFCH_STOPPED};
+    const uint32_t msgType;  // type of the on and off messages
+    // Guards the state's transitions, uafStart and uafStop. It may be held while uafStop joins the
+    // source's buffer thread, which must therefore never wait for it (requestStop). Taken before
+    // the source's frame-buffer mutex is never needed; the worker may take it while it holds that
+    // one.
+    pthread_mutex_t intfMutex;
+
+  private:
+    bool beginUpdate(bool on) const;
+    int updateAndUnlock(bool on, int lockResult);
+    int switchOff();
+    int switchOn();
+    int start();
+    void stop();
+
+    std::atomic<int> nameReaders{0};  // threads that may hold a loaded name
+};

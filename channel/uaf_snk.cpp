@@ -1,0 +1,280 @@
+#include "channel/uaf_snk.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <signal.h>
+#include <unistd.h>
+
+#include <android/log.h>
+
+#include "alsa/pcm_params.h"
+#include "alsa/step_error.h"
+#include "ipc/usb_audio_msg.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFSNK";
+
+constexpr size_t PERIOD_BYTES = PERIOD_FRAMES * PCM_CHANNELS * sizeof(int16_t);
+constexpr size_t PCM_BUF_SAMPLES = PERIOD_FRAMES * FIFO_CHANNELS;
+constexpr size_t FIFO_BLOCK_BYTES = PCM_BUF_SAMPLES * sizeof(int16_t);
+
+// The gadget card's capture stream, frames.
+constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = 2400;
+constexpr snd_pcm_uframes_t START_THRESHOLD_FRAMES = PERIOD_FRAMES;
+constexpr snd_pcm_uframes_t STOP_THRESHOLD_FRAMES = 4800;
+constexpr snd_pcm_uframes_t AVAIL_MIN_FRAMES = PERIOD_FRAMES;
+
+// The backlog check: what may wait, and the values of availChkCnt that pace the check in ready
+// periods.
+constexpr snd_pcm_sframes_t BACKLOG_FRAMES = 3 * PERIOD_FRAMES;
+constexpr int CHECK_DUE = 99;  // the check runs from here on
+constexpr int CHECK_NEXT_PERIOD = 100;
+constexpr int CHECK_AFTER_DROP = 97;  // again in three periods
+
+// Process-wide: without it, writing to a FIFO whose reader has gone would end the daemon.
+void sigpipe_handler(int number) {
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "handler: %d\n", number);
+}
+
+void installSigpipeHandler() {
+    struct sigaction action {};
+    action.sa_handler = sigpipe_handler;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(SIGPIPE, &action, nullptr) != 0) {
+        const int actionErrno = errno;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "sigaction failed: <%d:%s>\n", actionErrno,
+                            strerror(actionErrno));
+    }
+}
+
+}  // namespace
+
+UafSnk::UafSnk() : UafCh(USB_AUDIO_MSG_SPK_STATE) {}
+
+UafSnk::~UafSnk() {
+    if (pcmStatus != nullptr) {
+        snd_pcm_status_free(pcmStatus);
+        pcmStatus = nullptr;
+    }
+}
+
+// ---- Start and stop: under intfMutex -----------------------------------------------------------
+
+int UafSnk::uafStart() {
+    pcmStallCnt = 0;
+    availChkCnt = CHECK_NEXT_PERIOD;
+    if (!pcmBuf) {
+        pcmBuf.reset(new (std::nothrow) int16_t[PCM_BUF_SAMPLES]());
+        if (!pcmBuf) {
+            return -1;
+        }
+    }
+    if (pcmStatus == nullptr && snd_pcm_status_malloc(&pcmStatus) < 0) {
+        pcmStatus = nullptr;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed snd_pcm_status_malloc\n");
+        return -1;
+    }
+    if (pcmHandle != nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "start, audio still open, trying to close\n");
+        uafStop();
+    } else {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "start, opening %s\n",
+                            DevName::printable(pcmName.load()));
+    }
+    return openPcm();
+}
+
+int UafSnk::openPcm() {
+    // The numbers name the steps in field logs; they are fixed.
+    const char* const name = pcmName.load();
+    snd_pcm_t* pcm = nullptr;
+    int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_CAPTURE, 0);
+    if (rc < 0) {
+        return stepFailed(90, rc);
+    }
+    pcmHandle = pcm;
+    rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
+    if (rc < 0) {
+        return stepFailed(92, rc);
+    }
+    rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
+    if (rc < 0) {
+        return stepFailed(94, rc);
+    }
+    rc = snd_pcm_start(pcmHandle);
+    if (rc < 0) {
+        return stepFailed(100, rc);
+    }
+    return 0;
+}
+
+int UafSnk::stepFailed(int step, int rc) const {
+    logStepError(LOG_TAG, "uafStart", step, "rc", rc);
+    return rc;
+}
+
+int UafSnk::uafStop() {
+    if (pcmHandle != nullptr) {
+        snd_pcm_drop(pcmHandle);
+        snd_pcm_close(pcmHandle);
+        pcmHandle = nullptr;
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
+                            DevName::printable(pcmName.load()));
+    }
+    if (fifoFd >= 1) {
+        close(fifoFd);
+        fifoFd = -1;
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
+                            DevName::printable(fifoName.load()));
+    }
+    return 0;
+}
+
+// ---- PCM to FIFO: the worker thread ------------------------------------------------------------
+
+void UafSnk::uafLoop() {
+    installSigpipeHandler();
+    SynchStartupState synch;
+    unsigned loopcnt = 0;
+    unsigned framesRead = 0;
+    unsigned bytesWritten = 0;
+    while (isRunning()) {
+        const int frames = pcmRead();
+        if (frames < 0) {
+            intfUpdate(false);
+            continue;
+        }
+        framesRead += static_cast<unsigned>(frames);
+        adjCh(pcmBuf.get(), PCM_CHANNELS, FIFO_CHANNELS, PERIOD_FRAMES);
+        if (synchStartup(frames, &synch) >= 1) {
+            continue;
+        }
+        const int bytes = fifoWrite();
+        if (bytes < 0) {
+            intfUpdate(false);
+            continue;
+        }
+        bytesWritten += static_cast<unsigned>(bytes);
+        if (loopcnt % LOG_PASSES == 0) {
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                                "loopcnt %d, pcmRead %d, fifoWrite %d\n", static_cast<int>(loopcnt),
+                                static_cast<int>(framesRead), static_cast<int>(bytesWritten));
+        }
+        ++loopcnt;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit, loopcnt=%d, pcmRead %d, fifoWrite %d\n",
+                        static_cast<int>(loopcnt), static_cast<int>(framesRead),
+                        static_cast<int>(bytesWritten));
+}
+
+// One period into pcmBuf. Returns the frames read, 0 after a timeout or a recovered xrun (the
+// buffer then holds silence or the period before), or a negative code when the channel must stop.
+int UafSnk::pcmRead() {
+    if (!restartIfStopped()) {
+        return -1;
+    }
+    const int ready = snd_pcm_wait(pcmHandle, WAIT_TIMEOUT_MS);
+    if (ready != 1) {
+        clearPeriod();
+        return missedWait(ready, LOG_TAG);
+    }
+    const int sinceCheck = availChkCnt++;
+    if (sinceCheck >= CHECK_DUE && !dropBacklog()) {
+        return -1;
+    }
+    const int rc = sndRead();
+    if (rc == -1) {
+        return -1;
+    }
+    if (pcmStallCnt != 0) {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "clear timeout, pcmStallCnt=%d\n",
+                            pcmStallCnt);
+        pcmStallCnt = 0;
+    }
+    if (rc < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "rc=%d\n", rc);
+    }
+    return rc;
+}
+
+// A PCM that an xrun's recovery has prepared is started again here.
+bool UafSnk::restartIfStopped() {
+    const snd_pcm_state_t pcmState = snd_pcm_state(pcmHandle);
+    if (pcmState != SND_PCM_STATE_SETUP && pcmState != SND_PCM_STATE_PREPARED) {
+        return true;
+    }
+    const int rc = snd_pcm_start(pcmHandle);
+    if (rc < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, ALSA failed to start: %s",
+                            snd_strerror(rc));
+        return false;
+    }
+    availChkCnt = CHECK_NEXT_PERIOD;
+    return true;
+}
+
+// Throws whole periods away until no more than three wait. False when a read stopped the channel.
+bool UafSnk::dropBacklog() {
+    availChkCnt = 0;
+    const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcmHandle);
+    if (avail <= BACKLOG_FRAMES) {
+        return true;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "too much samples in the buffer, drop samples. (avail=%d)\n",
+                        static_cast<int>(avail));
+    while (snd_pcm_avail_update(pcmHandle) > BACKLOG_FRAMES) {
+        const int rc = sndRead();
+        if (rc == -1) {
+            return false;
+        }
+        if (rc < 0) {
+            break;  // a failed recovery: the read of the kept period reports it
+        }
+    }
+    availChkCnt = CHECK_AFTER_DROP;
+    return true;
+}
+
+// One snd_pcm_readi. Returns the frames read, the result of an xrun's recovery (the buffer is left
+// as it was, and the period before goes out once more), or -1 when the channel must stop.
+int UafSnk::sndRead() {
+    const int rc = static_cast<int>(snd_pcm_readi(pcmHandle, pcmBuf.get(), PERIOD_FRAMES));
+    if (rc >= 0) {
+        return rc;
+    }
+    if (rc == -EPIPE || rc == -ESTRPIPE) {
+        availChkCnt = CHECK_NEXT_PERIOD;
+        return recoverPcm(rc, LOG_TAG);
+    }
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, unexpected read error\n");
+    clearPeriod();
+    return -1;
+}
+
+// The period as stereo to the app. Returns the bytes written; 0 when the app did not take them: the
+// period is lost and the next write opens the FIFO anew; -1 when the FIFO cannot be opened.
+int UafSnk::fifoWrite() {
+    // The open waits until the app opens the FIFO for reading; nothing is captured meanwhile.
+    if (fifoFd <= 0 && !openFifo(O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+        return -1;
+    }
+    const int rc = static_cast<int>(write(fifoFd, pcmBuf.get(), FIFO_BLOCK_BYTES));
+    if (rc == static_cast<int>(FIFO_BLOCK_BYTES)) {
+        return rc;
+    }
+    __android_log_print(
+        ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to write rc=%d, expect %d\n",
+        DevName::printable(fifoName.load()), rc, static_cast<int>(FIFO_BLOCK_BYTES));
+    close(fifoFd);
+    fifoFd = -1;
+    return 0;
+}
+
+void UafSnk::clearPeriod() {
+    memset(pcmBuf.get(), 0, PERIOD_BYTES);
+}

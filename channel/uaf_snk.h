@@ -1,0 +1,45 @@
+// The sink channel: the USB host's speaker audio on its way to the companion app. The worker
+// captures mono periods of 5 ms from the gadget card, doubles each sample to stereo and writes them
+// into the app's FIFO. All of it runs on the worker thread; no lock is taken here.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "channel/capture_sync.h"
+#include "channel/uaf_ch.h"
+
+class UafSnk : public UafCh {
+  public:
+    UafSnk();
+    // Closes neither the PCM nor the FIFO: that is uafStop's.
+    ~UafSnk() override;
+
+    void uafLoop() override;
+    // 0, -1 without memory, or the negative ALSA code of the step that failed; a failure leaves the
+    // PCM as it is, for the next start to close. The FIFO is opened by the first write.
+    int uafStart() override;
+    int uafStop() override;
+
+    // When the board's own microphone capture started, in nanoseconds of CLOCK_REALTIME, from its
+    // ALSA status file; -1, logged, when no running capture with a time stamp is found.
+    static int64_t micCaptureTimestamp();
+
+    // Decides on the period just read, `frames` frames or 0 after a timeout: 0 = write it, 1 = drop
+    // it, -1 = synchronisation failed just now (logged), write it and all that follow.
+    static int synchStartup(int frames, SynchStartupState* state);
+
+  private:
+    int openPcm();
+    int stepFailed(int step, int rc) const;
+    bool restartIfStopped();
+    int pcmRead();
+    bool dropBacklog();
+    int sndRead();
+    int fifoWrite();
+    void clearPeriod();
+
+    // One period: read into the first half as 240 mono samples, then expanded in place to
+    // 240 x 2. Allocated by the first start.
+    std::unique_ptr<int16_t[]> pcmBuf;
+};

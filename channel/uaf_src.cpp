@@ -1,0 +1,448 @@
+#include "channel/uaf_src.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sched.h>
+#include <unistd.h>
+
+#include <android/log.h>
+
+#include "alsa/pcm_params.h"
+#include "alsa/step_error.h"
+#include "channel/rt_thread.h"
+#include "ipc/usb_audio_msg.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFSRC";
+
+// The FIFO is read 10 ms at a time.
+constexpr int FIFO_BLOCK_FRAMES = 480;
+constexpr size_t FIFO_BLOCK_BYTES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS * sizeof(int16_t);
+
+// Buffer sizes, samples.
+constexpr size_t FIFO_BUF_SAMPLES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS;
+constexpr size_t PCM_BUF_SAMPLES = 960;
+constexpr size_t SILENCE_BUF_SAMPLES = 720;
+constexpr int QBUFF_SAMPLES = 1920;
+
+// The gadget card's playback stream, frames.
+constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = 720;
+constexpr snd_pcm_uframes_t START_THRESHOLD_FRAMES = PERIOD_FRAMES;
+constexpr snd_pcm_uframes_t STOP_THRESHOLD_FRAMES = 1440;
+constexpr snd_pcm_uframes_t AVAIL_MIN_FRAMES = PERIOD_FRAMES;
+
+// What the frame buffer holds, samples: its storage and the depth range that it keeps. An app that
+// starves it again and again gets the large one for the rest of the run.
+struct FrameBufferSize {
+    int storage;
+    int depthLow;
+    int depthHigh;
+};
+constexpr FrameBufferSize SMALL{QBUFF_SAMPLES / 2, 480, 720};  // 10 to 15 ms
+constexpr FrameBufferSize LARGE{QBUFF_SAMPLES, 960, 1440};     // 20 to 30 ms
+
+constexpr unsigned STATS_PASSES = 100;      // a statistics check every so many passes: 1 s
+constexpr uint32_t ENLARGE_UNDERRUNS = 11;  // underruns between two checks that enlarge
+
+std::unique_ptr<int16_t[]> zeroedSamples(size_t count) {
+    return std::unique_ptr<int16_t[]>(new (std::nothrow) int16_t[count]());
+}
+
+bool logFailedSsrs(const char* call, int rc) {
+    if (rc != SSRS_OK) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s error: %d\n", call, rc);
+    }
+    return rc != SSRS_OK;
+}
+
+}  // namespace
+
+UafSrc::UafSrc() : UafCh(USB_AUDIO_MSG_MIC_STATE) {
+    if (pthread_mutex_init(&ssrsMutex, nullptr) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_mutex_init failed\n");
+    }
+}
+
+UafSrc::~UafSrc() {
+    if (fifoFd >= 1) {
+        close(fifoFd);
+        fifoFd = -1;
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "destruct, closing %s\n",
+                            DevName::printable(fifoName.load()));
+    }
+    if (pcmStatus != nullptr) {
+        snd_pcm_status_free(pcmStatus);
+    }
+    free(ssrsCtx);
+    pthread_mutex_destroy(&ssrsMutex);
+}
+
+// ---- Start and stop: under intfMutex -----------------------------------------------------------
+
+int UafSrc::uafStart() {
+    pcmStallCnt = 0;
+    availChkCnt = 0;
+    if (!allocateBuffers()) {
+        return -1;
+    }
+    // A PCM left open by a start that failed is cleaned up below, together with its buffer thread;
+    // until then no thread is started.
+    const bool stillOpen = pcmHandle != nullptr;
+    if (!stillOpen) {
+        buildFrameBuffer();
+        if (!startBufferThread()) {
+            return 0;
+        }
+    }
+    if (pcmStatus == nullptr && snd_pcm_status_malloc(&pcmStatus) < 0) {
+        pcmStatus = nullptr;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed snd_pcm_status_malloc\n");
+        return -1;
+    }
+    if (stillOpen) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "start, audio still open, trying to close\n");
+        uafStop();
+        buildFrameBuffer();
+        if (!startBufferThread()) {
+            return 0;
+        }
+    } else {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "start, opening %s\n",
+                            DevName::printable(pcmName.load()));
+    }
+    return openPcm();
+}
+
+// The buffers live until the channel is destroyed. False without memory.
+bool UafSrc::allocateBuffers() {
+    if (!fifoBuf) {
+        fifoBuf = zeroedSamples(FIFO_BUF_SAMPLES);
+    }
+    if (!pcmBuf) {
+        pcmBuf = zeroedSamples(PCM_BUF_SAMPLES);
+    }
+    if (!silenceBuf) {
+        silenceBuf = zeroedSamples(SILENCE_BUF_SAMPLES);
+    }
+    if (!ssrsQBuff) {
+        ssrsQBuff = zeroedSamples(QBUFF_SAMPLES);
+    }
+    return fifoBuf && pcmBuf && silenceBuf && ssrsQBuff;
+}
+
+// Failures are only logged: the frame-buffer calls that follow fail and stop the channel.
+void UafSrc::buildFrameBuffer() {
+    if (ssrsCtx != nullptr) {
+        return;
+    }
+    const uint32_t size = SSRS_GetContextSize();
+    ssrsCtx = static_cast<SSRS_Ctx*>(malloc(size));
+    if (ssrsCtx == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "Can't allocate %d bytes of memory for SSRS context structure.\n",
+                            static_cast<int>(size));
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "init SSRS\n");
+    logFailedSsrs("SSRS_InitContext", SSRS_InitContext(ssrsCtx));
+    logFailedSsrs("SSRS_SetFrameSize", SSRS_SetFrameSize(ssrsCtx, PERIOD_FRAMES));
+    logFailedSsrs("SSRS_SetQBuff", SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), SMALL.storage));
+    logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, SMALL.depthLow, SMALL.depthHigh));
+}
+
+// Goes on with a thread that a failed start left. False when none could be created.
+bool UafSrc::startBufferThread() {
+    if (bufferThreadJoinable || fifoName.load() == nullptr) {
+        return true;
+    }
+    bufferStopRequested.store(false, std::memory_order_relaxed);
+    holdDevNames();
+    if (createRtThread(&bufferThread, UafSrcBufferThread, this, LOG_TAG) != 0) {
+        const int createErrno = errno;
+        releaseDevNames();
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_create: <%d:%s>\n", createErrno,
+                            strerror(createErrno));
+        return false;
+    }
+    bufferThreadJoinable = true;
+    return true;
+}
+
+int UafSrc::openPcm() {
+    // The numbers name the steps in field logs; they are fixed.
+    const char* const name = pcmName.load();
+    snd_pcm_t* pcm = nullptr;
+    int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_PLAYBACK, 0);
+    if (rc < 0) {
+        return stepFailed(204, rc);
+    }
+    pcmHandle = pcm;
+    rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
+    if (rc < 0) {
+        return stepFailed(206, rc);
+    }
+    rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
+    if (rc < 0) {
+        return stepFailed(208, rc);
+    }
+    rc = static_cast<int>(snd_pcm_writei(pcmHandle, silenceBuf.get(), PERIOD_FRAMES));
+    if (rc < 0) {
+        return stepFailed(214, rc);
+    }
+    return 0;
+}
+
+int UafSrc::stepFailed(int step, int rc) const {
+    logStepError(LOG_TAG, "uafStart", step, "rc", rc);
+    return rc;
+}
+
+int UafSrc::uafStop() {
+    if (bufferThreadJoinable) {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stopping buffer thread\n");
+        bufferThreadRunning.store(0, std::memory_order_relaxed);
+        bufferStopRequested.store(true, std::memory_order_release);
+        pthread_join(bufferThread, nullptr);
+        bufferThreadRunning.store(0, std::memory_order_relaxed);  // it may have marked itself since
+        bufferThreadJoinable = false;
+        releaseDevNames();
+    }
+    if (pcmHandle != nullptr) {
+        snd_pcm_drop(pcmHandle);
+        snd_pcm_close(pcmHandle);
+        pcmHandle = nullptr;
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, close %s\n",
+                            DevName::printable(pcmName.load()));
+    }
+    free(ssrsCtx);
+    ssrsCtx = nullptr;
+    return 0;
+}
+
+// ---- FIFO to frame buffer: the buffer thread ---------------------------------------------------
+
+void* UafSrc::UafSrcBufferThread(void* channel) {
+    static_cast<UafSrc*>(channel)->bufferLoop();
+    return nullptr;
+}
+
+void UafSrc::bufferLoop() {
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "enter buffer loop\n");
+    bufferThreadRunning.store(1, std::memory_order_relaxed);
+    BufferRun run;
+    bool ssrsLocked = false;
+    while (keepBuffering()) {
+        if (bufferPass(run, ssrsLocked)) {
+            if (run.loopcnt % LOG_PASSES == 0) {
+                __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "buffer loopcnt %d, fifoRead %d\n",
+                                    static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
+            }
+            ++run.loopcnt;
+            continue;
+        }
+        requestStop(bufferStopRequested);
+        if (ssrsLocked) {
+            pthread_mutex_unlock(&ssrsMutex);
+            ssrsLocked = false;
+        }
+        endFailedBufferPass();
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit buffer loop, loopcnt=%d, fifoRead %d\n",
+                        static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
+}
+
+bool UafSrc::keepBuffering() const {
+    return bufferThreadRunning.load(std::memory_order_relaxed) == 1 &&
+           !bufferStopRequested.load(std::memory_order_acquire);
+}
+
+// One block from the FIFO into the frame buffer. False on any failure; `ssrsLocked` is then true
+// when the frame buffer failed, and stays locked until the stop has been requested.
+bool UafSrc::bufferPass(BufferRun& run, bool& ssrsLocked) {
+    const int bytes = fifoRead();
+    if (bytes < 0) {
+        return false;
+    }
+    run.fifoBytes += static_cast<unsigned>(bytes);
+    adjCh(fifoBuf.get(), FIFO_CHANNELS, PCM_CHANNELS, FIFO_BLOCK_FRAMES);
+    int rc = pthread_mutex_lock(&ssrsMutex);
+    if (rc != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "bufferLoop: lock failed: %d\n", rc);
+        return false;
+    }
+    rc = SSRS_Write(ssrsCtx, fifoBuf.get(), FIFO_BLOCK_FRAMES);
+    if (rc != SSRS_OK && rc != SSRS_QUEUE_FULL) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SSRS_Write error: %d\n", rc);
+        ssrsLocked = true;
+        return false;
+    }
+    if (run.loopcnt >= STATS_PASSES && run.loopcnt % STATS_PASSES == 0) {
+        checkUnderruns(run);
+    }
+    rc = pthread_mutex_unlock(&ssrsMutex);
+    if (rc != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "bufferLoop: unlock failed: %d\n", rc);
+        return false;
+    }
+    return true;
+}
+
+void UafSrc::checkUnderruns(BufferRun& run) {
+    SSRS_Stats stats{};
+    SSRS_StatsGet(ssrsCtx, &stats);
+    if (stats.underruns != run.seenUnderruns) {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                            "buffer loopcnt %d, Depth %d, Underruns %u, Overruns %u\n",
+                            static_cast<int>(run.loopcnt), static_cast<int>(stats.avgDepth),
+                            stats.underruns, stats.overruns);
+    }
+    if (!run.enlargeTried && stats.underruns - run.seenUnderruns >= ENLARGE_UNDERRUNS) {
+        enlargeFrameBuffer();
+        run.enlargeTried = true;
+    }
+    run.seenUnderruns = stats.underruns;
+}
+
+// Discards the queued audio; the next write primes the buffer to the middle of the larger range.
+void UafSrc::enlargeFrameBuffer() {
+    if (logFailedSsrs("SSRS_SetQBuff", SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), LARGE.storage)) ||
+        logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, LARGE.depthLow, LARGE.depthHigh))) {
+        return;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "increased ssrs queue depth\n");
+}
+
+// A failed pass is retried at once, but lets others run. When the channel is stopped, because a
+// start failed after it had created this thread, nobody ends the thread and it must not spin.
+void UafSrc::endFailedBufferPass() {
+    if (state.load(std::memory_order_relaxed) == UAFCH_STOPPED) {
+        pauseForTimeout();
+    } else {
+        sched_yield();
+    }
+}
+
+// One read of up to FIFO_BLOCK_BYTES into fifoBuf. A short read is not completed: the rest of the
+// block keeps what the read before left there. Returns the bytes, 0 at end of file, or -1.
+int UafSrc::fifoRead() {
+    // The open waits until the app opens the FIFO for writing.
+    if (fifoFd < 1 && !openFifo(O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+        return -1;
+    }
+    const int rc = static_cast<int>(read(fifoFd, fifoBuf.get(), FIFO_BLOCK_BYTES));
+    if (rc > 0) {
+        return rc;
+    }
+    memset(fifoBuf.get(), 0, FIFO_BLOCK_BYTES);
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to read rc=%d, expect %d\n",
+                        DevName::printable(fifoName.load()), rc,
+                        static_cast<int>(FIFO_BLOCK_BYTES));
+    close(fifoFd);
+    fifoFd = -1;
+    return rc;
+}
+
+// ---- Frame buffer to PCM: the worker thread ----------------------------------------------------
+
+void UafSrc::uafLoop() {
+    unsigned loopcnt = 0;
+    unsigned framesWritten = 0;
+    bool ssrsLocked = false;
+    while (isRunning()) {
+        const int frames = pcmWrite(ssrsLocked);
+        if (frames < 0) {
+            intfUpdate(false);
+            if (ssrsLocked) {
+                pthread_mutex_unlock(&ssrsMutex);
+                ssrsLocked = false;
+            }
+            continue;
+        }
+        framesWritten += static_cast<unsigned>(frames);
+        if (loopcnt % LOG_PASSES == 0) {
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "loopcnt %d, pcmWrite %d\n",
+                                static_cast<int>(loopcnt), static_cast<int>(framesWritten));
+        }
+        ++loopcnt;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit, loopcnt=%d, pcmWrite %d\n",
+                        static_cast<int>(loopcnt), static_cast<int>(framesWritten));
+}
+
+// One frame into the PCM. Returns the frames written, 0 when none could be, or a negative code;
+// `ssrsLocked` as for bufferPass.
+int UafSrc::pcmWrite(bool& ssrsLocked) {
+    if (pcmHandle == nullptr) {
+        return -1;  // started without its buffer thread: the channel stops itself
+    }
+    const snd_pcm_state_t pcmState = snd_pcm_state(pcmHandle);
+    if (pcmState == SND_PCM_STATE_SETUP || pcmState == SND_PCM_STATE_PREPARED) {
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "need to kick start\n");
+        if (sndWrite(silenceBuf.get()) == -1) {
+            return -1;
+        }
+        availChkCnt = 0;
+    }
+    const int ready = snd_pcm_wait(pcmHandle, WAIT_TIMEOUT_MS);
+    if (ready != 1) {
+        return missedWait(ready, LOG_TAG);
+    }
+    if (takeFrame(ssrsLocked) < 0) {
+        return -1;
+    }
+    const int written = sndWrite(pcmBuf.get());
+    if (written == -1) {
+        return -1;
+    }
+    if (pcmStallCnt != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "clear timeout, pcmStallCnt=%d\n",
+                            pcmStallCnt);
+        pcmStallCnt = 0;
+    }
+    if (written < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "rc=%d\n", written);
+    }
+    return written;
+}
+
+// The next frame into pcmBuf: always a whole one, silence where the app has starved the buffer.
+// 0, or -1 with `ssrsLocked` as for bufferPass.
+int UafSrc::takeFrame(bool& ssrsLocked) {
+    int rc = pthread_mutex_lock(&ssrsMutex);
+    if (rc != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mutex lock failed: %d\n", rc);
+        return -1;
+    }
+    rc = SSRS_Read(ssrsCtx, pcmBuf.get());
+    if (rc != SSRS_OK) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SSRS_Read error: %d\n", rc);
+        ssrsLocked = true;
+        return -1;
+    }
+    rc = pthread_mutex_unlock(&ssrsMutex);
+    if (rc != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mutex unlock failed: %d\n", rc);
+        return -1;
+    }
+    return 0;
+}
+
+// One period from `buf`. Returns the frames written (a short write is not completed), the result of
+// an xrun's recovery (the period is lost), or -1 when the channel must stop.
+int UafSrc::sndWrite(const int16_t* buf) {
+    const int rc = static_cast<int>(snd_pcm_writei(pcmHandle, buf, PERIOD_FRAMES));
+    if (rc >= 0) {
+        return rc;
+    }
+    if (rc == -EPIPE || rc == -ESTRPIPE) {
+        availChkCnt = 0;
+        return recoverPcm(rc, LOG_TAG);
+    }
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, unexpected write error(%s)\n",
+                        snd_strerror(rc));
+    return -1;
+}

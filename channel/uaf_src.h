@@ -1,0 +1,76 @@
+// The source channel: the companion app's microphone audio on its way to the USB host. A buffer
+// thread reads the app's FIFO in 10 ms blocks, keeps the left channel and writes it into the frame
+// buffer; the worker takes 5 ms frames out of it and plays them into the gadget card.
+//
+// Both threads run at real-time priority. The frame buffer absorbs the app's jitter and the clock
+// difference between the app and the host.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <pthread.h>
+
+#include "buffer/ssrs.h"
+#include "channel/uaf_ch.h"
+
+class UafSrc : public UafCh {
+  public:
+    UafSrc();
+    // Joins no thread and does not close the PCM.
+    ~UafSrc() override;
+
+    void uafLoop() override;
+    // 0, also when the buffer thread could not be created (the channel then stops itself); -1
+    // without memory; otherwise the negative ALSA code of the step that failed. A failure leaves
+    // the PCM and the buffer thread as they are: the next start goes on with the thread and closes
+    // the PCM.
+    int uafStart() override;
+    // Joins the buffer thread, which may wait in the FIFO until the app writes to it or closes it.
+    int uafStop() override;
+
+  private:
+    // What one run of the buffer thread counts and remembers.
+    struct BufferRun {
+        unsigned loopcnt = 0;        // successful passes
+        unsigned fifoBytes = 0;      // bytes read from the FIFO
+        uint32_t seenUnderruns = 0;  // at the last statistics check
+        bool enlargeTried = false;   // the frame buffer is enlarged at most once a run
+    };
+
+    static void* UafSrcBufferThread(void* channel);
+
+    bool allocateBuffers();
+    void buildFrameBuffer();
+    bool startBufferThread();
+    int openPcm();
+    int stepFailed(int step, int rc) const;
+
+    void bufferLoop();
+    bool keepBuffering() const;
+    bool bufferPass(BufferRun& run, bool& ssrsLocked);
+    void checkUnderruns(BufferRun& run);
+    void enlargeFrameBuffer();
+    void endFailedBufferPass();
+    int fifoRead();
+
+    int pcmWrite(bool& ssrsLocked);
+    int takeFrame(bool& ssrsLocked);
+    int sndWrite(const int16_t* buf);
+
+    pthread_t bufferThread{};
+    bool bufferThreadJoinable = false;            // created and not yet joined; intfMutex
+    std::atomic<int32_t> bufferThreadRunning{0};  // 1 while it should run; set by the thread itself
+    // A stop that comes before the thread has marked itself running must not be lost. Release and
+    // acquire: what the stop wrote before is seen by the thread that it ends.
+    std::atomic<bool> bufferStopRequested{false};
+    std::unique_ptr<int16_t[]> fifoBuf;     // one FIFO block, 480 x 2, reduced in place to 480 x 1
+    std::unique_ptr<int16_t[]> pcmBuf;      // one frame on its way to the PCM
+    std::unique_ptr<int16_t[]> silenceBuf;  // a silent period
+    std::unique_ptr<int16_t[]> ssrsQBuff;   // the frame buffer's sample storage
+    // Guards the frame buffer between the two threads; held around frame-buffer calls only. A
+    // thread that failed inside one keeps it until its stop request is made, so intfMutex may be
+    // taken under it, and never the other way round.
+    pthread_mutex_t ssrsMutex;
+    SSRS_Ctx* ssrsCtx = nullptr;  // raw memory; null when stopped
+};

@@ -1,0 +1,71 @@
+#include "daemon/card_binding.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include <alsa/asoundlib.h>
+#include <android/log.h>
+
+#include "channel/fifo_paths.h"
+#include "channel/uaf_snk.h"
+#include "channel/uaf_src.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFIFO";
+constexpr char DRIVER_NAME[] = "Vexa_Gadget";
+
+// Fills `info` with what the card says of itself. False, reported on standard output, when it does
+// not.
+bool queryCard(int card, snd_ctl_card_info_t* info) {
+    char name[32];
+    snprintf(name, sizeof name, "hw:%d", card);
+    snd_ctl_t* control;
+    int rc = snd_ctl_open(&control, name, 0);
+    if (rc < 0) {
+        printf("control open (%i): %s\n", card, snd_strerror(rc));
+        return false;
+    }
+    rc = snd_ctl_card_info(control, info);
+    if (rc < 0) {
+        printf("control hardware info (%i): %s\n", card, snd_strerror(rc));
+    }
+    snd_ctl_close(control);
+    return rc >= 0;
+}
+
+}  // namespace
+
+int drvCodecCardSearch(const char* driverName, int card) {
+    snd_ctl_card_info_t* info;
+    snd_ctl_card_info_alloca(&info);
+    if (snd_card_next(&card) < 0) {
+        return card;
+    }
+    while (card >= 0) {
+        // A prefix is enough: drivers append to the name.
+        if (queryCard(card, info) &&
+            strncmp(snd_ctl_card_info_get_driver(info), driverName, strlen(driverName)) == 0) {
+            return card;
+        }
+        if (snd_card_next(&card) < 0) {
+            puts("snd_card_next");
+            return card;
+        }
+    }
+    return -1;
+}
+
+int uafBind(UafSrc* src, UafSnk* snk) {
+    const int card = drvCodecCardSearch(DRIVER_NAME, -1);
+    if (card < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Audio gadget driver is not ready.\n");
+        return -1;
+    }
+    char pcmName[20];
+    snprintf(pcmName, sizeof pcmName, "%s:%d", "hw", card);
+    src->setDevName(FIFO_TX_PATH, pcmName);
+    snk->setDevName(FIFO_RX_PATH, pcmName);
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "UAC Vexa is enabled, using %s\n", pcmName);
+    return card;
+}

@@ -1,0 +1,104 @@
+#include "daemon/event_loop.h"
+
+#include <unistd.h>
+
+#include <android/log.h>
+
+#include "channel/uaf_snk.h"
+#include "channel/uaf_src.h"
+#include "daemon/card_binding.h"
+#include "ipc/usb_audio_msg.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFIFO";
+
+// No event: what the record holds before the first successful read.
+constexpr uint32_t INVALID_EVENT = 0xFFFFFFFF;
+
+// The driver's signed 16-bit volume; the upper half of the word is not part of it.
+int16_t volumeOf(uint32_t data) {
+    return static_cast<int16_t>(data & 0xFFFF);
+}
+
+}  // namespace
+
+void EventLoop::run(int controlFd) {
+    UacUserMsgT record{INVALID_EVENT, 0};
+    for (;;) {
+        // What the read returns is only logged: a short read leaves the rest of the record as it
+        // was, and after a failed one the record before is handled once more. Drivers of boards in
+        // the field answer that way, and handling an event twice is harmless.
+        const ssize_t size = read(controlFd, &record, sizeof record);
+        handle(record, static_cast<int>(size));
+    }
+}
+
+void EventLoop::handle(const UacUserMsgT& record, int size) {
+    const uint32_t data = record.data;
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "read msg: type=%u, data=0x%08x, size=%d; "
+                        "state={cardnum:%d bindcnt=%d bindbad:%d}\n",
+                        record.type, data, size, cardnum, bindcnt, bindbad);
+    switch (record.type) {
+        case F_UAC_VEXA_USER_EVT_BIND:
+            bind();
+            break;
+        case F_UAC_VEXA_USER_EVT_UNBIND:
+            unbind();
+            break;
+        case F_UAC_VEXA_USER_EVT_SPK_ACTIVE:
+            bindIfMissed(data, "Speaker active while USB is not binded, will try binding it now");
+            snk.intfUpdate(data != 0);
+            break;
+        case F_UAC_VEXA_USER_EVT_MIC_ACTIVE:
+            bindIfMissed(data, "Mic active while USB is not binded, will try binding it now");
+            src.intfUpdate(data != 0);
+            break;
+        case F_UAC_VEXA_USER_EVT_SPK_VOLUME:
+            snk.setVolume(volumeOf(data), USB_AUDIO_MSG_SPK_VOLUME);
+            break;
+        case F_UAC_VEXA_USER_EVT_MIC_VOLUME:
+            src.setVolume(volumeOf(data), USB_AUDIO_MSG_MIC_VOLUME);
+            break;
+        case F_UAC_VEXA_USER_EVT_SPK_MUTE:
+            snk.setMute(data != 0, USB_AUDIO_MSG_SPK_MUTE);
+            break;
+        case F_UAC_VEXA_USER_EVT_MIC_MUTE:
+            src.setMute(data != 0, USB_AUDIO_MSG_MIC_MUTE);
+            break;
+        default:
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "invalid msg: type=%u\n", record.type);
+    }
+}
+
+// Also when already bound: the card is searched again and the channels get their names anew.
+void EventLoop::bind() {
+    cardnum = uafBind(&src, &snk);
+    if (cardnum != -1) {
+        ++bindcnt;
+    }
+}
+
+void EventLoop::unbind() {
+    if (cardnum != -1) {
+        --bindcnt;
+        src.intfUpdate(false);
+        snk.intfUpdate(false);
+        src.setDevName(nullptr, nullptr);
+        snk.setDevName(nullptr, nullptr);
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "UAC Vexa is disabled, bindcnt=%d, bindbad=%d\n", bindcnt, bindbad);
+    cardnum = -1;
+}
+
+// A stream may be switched on before its bind event, or after one that came too early for the card.
+void EventLoop::bindIfMissed(uint32_t active, const char* complaint) {
+    if (cardnum != -1 || active == 0) {
+        return;
+    }
+    ++bindbad;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s, bindbad=%d\n", complaint, bindbad);
+    cardnum = uafBind(&src, &snk);
+}

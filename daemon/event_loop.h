@@ -1,0 +1,33 @@
+// Turns the gadget driver's event records into binding, channel starts and stops, and volume and
+// mute messages. Main thread only, for the rest of the process's life; logs under the tag "UAFIFO".
+#pragma once
+
+#include "daemon/uac_user.h"
+
+class UafSnk;
+class UafSrc;
+
+class EventLoop {
+  public:
+    EventLoop(UafSrc& src, UafSnk& snk) : src(src), snk(snk) {}
+
+    // Reads records from the gadget control device and handles each, forever.
+    [[noreturn]] void run(int controlFd);
+
+    // Logs and handles one record; `size` is what the read that should have filled it returned.
+    void handle(const UacUserMsgT& record, int size);
+
+  private:
+    void bind();
+    void unbind();
+    void bindIfMissed(uint32_t active, const char* complaint);
+
+    UafSrc& src;       // the host's microphone
+    UafSnk& snk;       // the host's speaker
+    int cardnum = -1;  // index of the bound gadget card, -1 = unbound
+    // Bind events that found the card, less unbind events while bound. A card bound by an
+    // activation is not counted, but its unbinding is, so the count may go below zero: field logs
+    // are read with that rule.
+    int bindcnt = 0;
+    int bindbad = 0;  // activations while unbound, each of which tried to bind
+};

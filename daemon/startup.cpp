@@ -1,0 +1,82 @@
+#include "daemon/startup.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <android/log.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include "channel/fifo_paths.h"
+#include "daemon/uac_user.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "UAFIFO";
+constexpr useconds_t RETRY_PAUSE_US = 200000;
+constexpr unsigned long LOG_FAILURES = 1500;  // a line every so many: about five minutes
+
+// Returns the open descriptor; `failures` counts the attempts that did not open.
+int waitForFifo(const char* path, int flags, unsigned long* failures) {
+    for (*failures = 0;; ++*failures) {
+        const int fd = open(path, flags);
+        if (fd >= 0) {
+            return fd;
+        }
+        if (*failures % LOG_FAILURES == 0) {
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                                "%s is not available yet. Waiting for creation...", path);
+        }
+        usleep(RETRY_PAUSE_US);
+    }
+}
+
+bool createNode() {
+    const int rc = mknod(UAC_USER_PATH, S_IFCHR | UAC_USER_PERMISSIONS,
+                         makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
+    const int mknodErrno = errno;
+    if (rc < 0 && mknodErrno != EEXIST) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mknod failed, rc=%d, errno=%d\n", rc,
+                            mknodErrno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void waitForFifos() {
+    unsigned long rxFailures;
+    unsigned long txFailures;
+    const int rxFd = waitForFifo(FIFO_RX_PATH, O_WRONLY, &rxFailures);
+    const int txFd = waitForFifo(FIFO_TX_PATH, O_RDONLY, &txFailures);
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                        "Fifos observed for %s after %lu attempts, %s after %lu attempts",
+                        FIFO_RX_PATH, rxFailures, FIFO_TX_PATH, txFailures);
+    close(rxFd);
+    close(txFd);
+}
+
+int openGadgetControl() {
+    if (!createNode()) {
+        return -1;
+    }
+    const int fd = open(UAC_USER_PATH, O_RDONLY);
+    if (fd < 0) {
+        const int openErrno = errno;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "open %s failed, rc=%d, errno=%d\n",
+                            UAC_USER_PATH, fd, openErrno);
+    }
+    return fd;
+}
+
+void requestInitialState(int controlFd) {
+    const int rc = ioctl(controlFd, F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr);
+    if (rc != 0) {
+        const int ioctlErrno = errno;
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
+                            "failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc,
+                            ioctlErrno);
+    }
+}

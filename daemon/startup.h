@@ -1,0 +1,16 @@
+// What happens before the event loop: waiting for the companion app, opening the gadget control
+// device, asking the driver for its state. Main thread only; logs under the tag "UAFIFO".
+#pragma once
+
+// Returns once the companion app holds the other end of both FIFOs: each is opened, which blocks
+// until then, and closed again. An open that fails, for whatever reason, is retried every 200 ms
+// without limit; the first failure and every 1500th after it are logged at debug level.
+void waitForFifos();
+
+// Creates the gadget control device's node, taking an existing one as it is, and opens it for
+// reading, blocking. Returns the descriptor, or -1 after an error line.
+int openGadgetControl();
+
+// Asks the driver to report its current state as ordinary event records. A failure is only logged,
+// at debug level: the daemon then learns the state from the next events.
+void requestInitialState(int controlFd);
