@@ -17,8 +17,11 @@ typedef enum android_LogPriority {
     ANDROID_LOG_SILENT,
 } android_LogPriority;
 
-// Writes one message to standard error as one line in logcat's threadtime form. Any thread.
-// Returns the number of bytes written, or a negative errno.
+// Writes one message to standard error as one line in logcat's threadtime form (UTC), with one
+// write(); trailing line ends are dropped, inner ones become spaces, a text beyond 1023 bytes is
+// cut. Any thread, and the SIGPIPE handler; allocates nothing and keeps errno. It never raises
+// SIGPIPE, and when standard error has no room it loses the line instead of waiting.
+// Returns the number of bytes written, or a negative errno (-EAGAIN: no room, line lost).
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
 

@@ -1,0 +1,129 @@
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <android/log.h>
+
+namespace {
+
+constexpr size_t TEXT_BYTES = 1024;  // as on Android, terminator included
+constexpr size_t LINE_BYTES = 4096;  // what a pipe that polls writable takes at once (PIPE_BUF)
+constexpr char PRIORITIES[] = "??VDIWEFS";  // logcat's letter for each android_LogPriority
+
+constexpr int64_t SECONDS_PER_DAY = 86400;
+
+// One writer at a time: the room that poll() saw is still there at the write(). It is locked only
+// with SIGPIPE blocked, so that the SIGPIPE handler may log too.
+pthread_mutex_t outputMutex = PTHREAD_MUTEX_INITIALIZER;
+
+struct CivilTime {
+    int month, day, hour, minute, second, millisecond;
+};
+
+// UTC by arithmetic: localtime_r and gmtime_r both lock and may read files and allocate. Years are
+// counted from 1 March, so that the leap day is a year's last.
+CivilTime toCivil(const timespec& now) {
+    constexpr int64_t daysPerEra = 146097;   // 400 years
+    constexpr int64_t daysToEpoch = 719468;  // 0000-03-01 to 1970-01-01
+    const int64_t seconds = now.tv_sec % SECONDS_PER_DAY;
+    const int64_t dayOfEra = (now.tv_sec / SECONDS_PER_DAY + daysToEpoch) % daysPerEra;
+    const int64_t yearOfEra =
+        (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / (daysPerEra - 1)) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
+    const int64_t day = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
+    return {static_cast<int>(month),          static_cast<int>(day),
+            static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
+            static_cast<int>(seconds % 60),   static_cast<int>(now.tv_nsec / 1000000)};
+}
+
+char priorityLetter(int prio) {
+    return prio >= 0 && prio <= ANDROID_LOG_SILENT ? PRIORITIES[prio] : '?';
+}
+
+bool isLineEnd(char c) {
+    return c == '\n' || c == '\r';
+}
+
+// Makes the text one line, without a line end.
+void flatten(char* text) {
+    size_t length = strlen(text);
+    while (length > 0 && isLineEnd(text[length - 1]))
+        length--;
+    text[length] = '\0';
+    for (size_t i = 0; i < length; i++) {
+        if (isLineEnd(text[i]))
+            text[i] = ' ';
+    }
+}
+
+// The whole line, its end included; returns its length.
+size_t formatLine(char (&line)[LINE_BYTES], int prio, const char* tag, const char* text) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const CivilTime t = toCivil(now);
+    const int wanted = snprintf(
+        line, sizeof line - 1, "%02d-%02d %02d:%02d:%02d.%03d %5d %5d %c %-8s: %s", t.month, t.day,
+        t.hour, t.minute, t.second, t.millisecond, static_cast<int>(getpid()),
+        static_cast<int>(gettid()), priorityLetter(prio), tag, text);
+    const size_t length = wanted < 0 ? 0 : strnlen(line, sizeof line - 1);
+    line[length] = '\n';
+    return length + 1;
+}
+
+// Writes if that cannot wait. A stopped reader must not freeze an audio thread.
+int writeWithoutWaiting(const char* line, size_t length) {
+    pollfd out = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&out, 1, 0) != 1)
+        return -EAGAIN;
+    const ssize_t written = write(STDERR_FILENO, line, length);
+    return written < 0 ? -errno : static_cast<int>(written);
+}
+
+// Keeps a gone reader's SIGPIPE from this thread: the daemon's handler for it logs as well.
+int writeLine(const char* line, size_t length) {
+    sigset_t pipeOnly, before, pendingBefore;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &before);
+    sigpending(&pendingBefore);
+
+    pthread_mutex_lock(&outputMutex);
+    const int result = writeWithoutWaiting(line, length);
+    pthread_mutex_unlock(&outputMutex);
+
+    // One that was pending before is somebody else's, and stays.
+    if (result == -EPIPE && sigismember(&pendingBefore, SIGPIPE) == 0) {
+        const timespec atOnce = {0, 0};
+        sigtimedwait(&pipeOnly, nullptr, &atOnce);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return result;
+}
+
+}  // namespace
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    const int error = errno;
+    char text[TEXT_BYTES];
+    va_list arguments;
+    va_start(arguments, fmt);
+    if (vsnprintf(text, sizeof text, fmt, arguments) < 0)
+        text[0] = '\0';
+    va_end(arguments);
+    flatten(text);
+
+    char line[LINE_BYTES];
+    const size_t length = formatLine(line, prio, tag != nullptr ? tag : "", text);
+    const int result = writeLine(line, length);
+    errno = error;
+    return result;
+}
