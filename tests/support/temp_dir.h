@@ -1,0 +1,30 @@
+// A folder of a test's own, gone with the object. One thread.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+class TempDir {
+  public:
+    TempDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "uafd-XXXXXX").string();
+        directory = mkdtemp(pattern.data());
+    }
+    ~TempDir() { std::filesystem::remove_all(directory); }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return directory; }
+
+    // Writes a file with exactly this content; returns its path.
+    std::string write(const std::string& name, const std::string& content) const {
+        const std::string file = directory + "/" + name;
+        std::ofstream(file, std::ios::binary) << content;
+        return file;
+    }
+
+  private:
+    std::string directory;
+};
