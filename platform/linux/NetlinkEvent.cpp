@@ -1,0 +1,75 @@
+#include <cstring>
+#include <new>
+
+#include <sysutils/NetlinkEvent.h>
+
+namespace {
+
+constexpr int FORMAT_ASCII = 0;
+
+// What follows the prefix, or null when the text does not begin with it.
+const char* afterPrefix(const char* text, const char* prefix) {
+    const size_t length = strlen(prefix);
+    return strncmp(text, prefix, length) == 0 ? text + length : nullptr;
+}
+
+NetlinkEvent::Action actionFromName(const char* name, NetlinkEvent::Action otherwise) {
+    if (strcmp(name, "add") == 0)
+        return NetlinkEvent::Action::kAdd;
+    if (strcmp(name, "remove") == 0)
+        return NetlinkEvent::Action::kRemove;
+    if (strcmp(name, "change") == 0)
+        return NetlinkEvent::Action::kChange;
+    return otherwise;
+}
+
+}  // namespace
+
+NetlinkEvent::NetlinkEvent() = default;
+
+NetlinkEvent::~NetlinkEvent() = default;
+
+bool NetlinkEvent::decode(char* buffer, int size, int format) {
+    clear();
+    if (buffer == nullptr || size <= 0 || format != FORMAT_ASCII)
+        return false;
+    const size_t length = static_cast<size_t>(size);
+    mText.reset(new (std::nothrow) char[length + 1]);
+    if (mText == nullptr)
+        return false;
+    memcpy(mText.get(), buffer, length);
+    mText[length] = '\0';
+
+    const char* text = mText.get();
+    const char* const end = text + length;
+    if (strchr(text, '@') == nullptr)
+        return false;
+    for (text += strlen(text) + 1; text < end; text += strlen(text) + 1)
+        takeField(text);
+    return true;
+}
+
+void NetlinkEvent::takeField(const char* text) {
+    if (const char* const action = afterPrefix(text, "ACTION="))
+        mAction = actionFromName(action, mAction);
+    else if (const char* const subsystem = afterPrefix(text, "SUBSYSTEM="))
+        mSubsystem = subsystem;
+    else if (afterPrefix(text, "SEQNUM=") == nullptr && mParamCount < NL_PARAMS_MAX)
+        mParams[mParamCount++] = text;
+}
+
+const char* NetlinkEvent::findParam(const char* paramName) {
+    for (int i = 0; i < mParamCount; i++) {
+        const char* const rest = afterPrefix(mParams[i], paramName);
+        if (rest != nullptr && *rest == '=')
+            return rest + 1;
+    }
+    return nullptr;
+}
+
+void NetlinkEvent::clear() {
+    mText.reset();
+    mAction = Action::kUnknown;
+    mSubsystem = nullptr;
+    mParamCount = 0;
+}
