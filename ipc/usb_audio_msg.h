@@ -18,7 +18,7 @@ enum UsbAudioMsgType : uint32_t {
     USB_AUDIO_MSG_MIC_STATE = 2,   // to the app: 1 = microphone channel started, 0 = stopped
     USB_AUDIO_MSG_SPK_VOLUME = 3,  // both ways: signed 16-bit volume in the low half of data
     USB_AUDIO_MSG_MIC_VOLUME = 4,  // to the app: signed 16-bit volume in the low half of data
-    USB_AUDIO_MSG_SPK_MUTE = 5,   // both ways: 0 = unmuted; to the app 1 = muted, from it any other
-    USB_AUDIO_MSG_MIC_MUTE = 6,   // to the app: 0 = unmuted, 1 = muted
-    USB_AUDIO_MSG_INIT_SYNC = 7,  // from the app: asks for the current state; data ignored
+    USB_AUDIO_MSG_SPK_MUTE = 5,    // both ways: 0 = unmuted, any other = muted (to the app: 1)
+    USB_AUDIO_MSG_MIC_MUTE = 6,    // to the app: 0 = unmuted, 1 = muted
+    USB_AUDIO_MSG_INIT_SYNC = 7,   // from the app: asks for the current state; data ignored
 };

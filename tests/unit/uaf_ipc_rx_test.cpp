@@ -1,0 +1,433 @@
+// The receive thread of the app IPC service: every message of the app, sync-up replies, odd
+// datagrams and the ways to end.
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include "ipc/uaf_ipc.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_sys.h"
+#include "tests/support/ipc_service.h"
+
+namespace {
+
+using ipc_service::debugLine;
+using ipc_service::errorLine;
+using Lines = std::vector<fake_log::Line>;
+using Message = IpcService::Message;
+using Messages = std::vector<Message>;
+
+constexpr unsigned long SET_SPK_VOLUME = 0x4002F501;
+constexpr unsigned long SET_SPK_MUTE = 0x4004F502;
+constexpr int GADGET_FD = 77;
+
+struct Request {
+    unsigned long code;
+    uint32_t data;
+    bool operator==(const Request& other) const { return code == other.code && data == other.data; }
+};
+
+// One answer of the app's socket.
+struct Receive {
+    std::string bytes;
+    ssize_t result;
+    int error;
+};
+
+Receive datagram(uint32_t type, uint32_t data) {
+    return {ipc_service::bytesOf(type, data), 8, 0};
+}
+
+const Receive END = {"", -1, EBADF};
+const fake_log::Line START_LINE = debugLine("rxLoop: starting\n");
+const fake_log::Line END_LINE = errorLine("receive error: <-1:9>\n");
+
+class UafIpcRxTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        ASSERT_TRUE(service.start());
+        fake_sys::hooks().open = [this](const char* path, int flags) {
+            EXPECT_STREQ("/dev/uac_user", path);
+            EXPECT_EQ(O_WRONLY, flags);
+            opens++;
+            return GADGET_FD;
+        };
+        fake_sys::hooks().ioctl = [this](int fd, unsigned long code, void* data) {
+            EXPECT_EQ(GADGET_FD, fd);
+            requests.push_back({code, *static_cast<uint32_t*>(data)});
+            errno = requestError;
+            return requestResult;
+        };
+    }
+
+    void TearDown() override {
+        service.take();
+        fake_sys::Test::TearDown();
+    }
+
+    // Runs the receive thread on these answers and, behind them, an error that ends it.
+    void receive(std::vector<Receive> answers) {
+        answers.push_back(END);
+        size_t next = 0;
+        fake_sys::hooks().recvfrom = [&](int fd, void* data, size_t size, int flags, sockaddr* from,
+                                         socklen_t* fromLength) {
+            EXPECT_EQ(IpcService::RX_SOCK, fd);
+            EXPECT_EQ(8U, size);
+            EXPECT_EQ(0, flags);
+            EXPECT_EQ(nullptr, from);
+            EXPECT_EQ(nullptr, fromLength);
+            EXPECT_EQ(std::string(8, '\0'), std::string(static_cast<char*>(data), 8));
+            if (next == answers.size()) {
+                ADD_FAILURE() << "received again after the end";
+                pthread_exit(nullptr);
+            }
+            const Receive& answer = answers[next++];
+            memcpy(data, answer.bytes.data(), answer.bytes.size());
+            errno = answer.error;
+            return answer.result;
+        };
+        service.runRx();
+        received = next;
+    }
+
+    // The log between the receive loop's first and last line.
+    Lines linesInside() { return ipc_service::linesBetween(START_LINE, END_LINE); }
+
+    // What the app gets for a sync-up.
+    Messages syncUp() {
+        service.take();
+        receive({datagram(7, 0)});
+        return service.take();
+    }
+
+    void setStates(uint32_t usb, uint32_t speaker, uint32_t microphone) {
+        UafIpc::queueMsg({0, usb});
+        UafIpc::queueMsg({1, speaker});
+        UafIpc::queueMsg({2, microphone});
+    }
+
+    IpcService service;
+    std::vector<Request> requests;
+    int requestResult = 0;
+    int requestError = 0;
+    int opens = 0;
+    size_t received = 0;
+};
+
+// The cache lasts as long as the process, so the first sync-up is made before any test.
+Messages firstReply;
+class FirstSyncUp : public ::testing::Environment {
+    void SetUp() override {
+        IpcService service;
+        service.start();
+        fake_sys::hooks().open = [](const char*, int) { return GADGET_FD; };
+        int calls = 0;
+        fake_sys::hooks().recvfrom = [&](int, void* data, size_t, int, sockaddr*, socklen_t*) {
+            const Receive answer = ++calls == 1 ? datagram(7, 0) : END;
+            memcpy(data, answer.bytes.data(), answer.bytes.size());
+            errno = answer.error;
+            return answer.result;
+        };
+        service.runRx();
+        firstReply = service.take();
+        fake_sys::reset();
+    }
+};
+const ::testing::Environment* const firstSyncUp =
+    ::testing::AddGlobalTestEnvironment(new FirstSyncUp);
+
+TEST_F(UafIpcRxTest, SyncUpBeforeAnyStateSaysDisconnectedAlone) {
+    EXPECT_EQ((Messages{{0, 0}}), firstReply);
+}
+
+TEST_F(UafIpcRxTest, SyncUpWhileConfiguredGivesAllThreeStatesInOrder) {
+    for (const uint32_t speaker : {0U, 1U}) {
+        for (const uint32_t microphone : {0U, 1U}) {
+            setStates(1, speaker, microphone);
+            EXPECT_EQ((Messages{{0, 1}, {1, speaker}, {2, microphone}}), syncUp());
+        }
+    }
+}
+
+TEST_F(UafIpcRxTest, SyncUpWhileDisconnectedSaysThatAlone) {
+    for (const uint32_t channels : {0U, 1U}) {
+        setStates(0, channels, channels);
+        EXPECT_EQ((Messages{{0, 0}}), syncUp());
+    }
+}
+
+TEST_F(UafIpcRxTest, SyncUpIsLoggedAndItsDataIgnored) {
+    setStates(1, 0, 0);
+    service.take();
+    fake_log::clear();
+    receive({datagram(7, 0xFFFFFFFF)});
+    EXPECT_EQ((Lines{debugLine("app request init state sync up")}), linesInside());
+    EXPECT_EQ((Messages{{0, 1}, {1, 0}, {2, 0}}), service.take());
+    EXPECT_TRUE(requests.empty());
+}
+
+TEST_F(UafIpcRxTest, StateBeyondOneIsSentButNotRemembered) {
+    setStates(1, 1, 1);
+    service.take();
+    setStates(2, 0x80000000, 0xFFFFFFFF);
+    EXPECT_EQ((Messages{{0, 2}, {1, 0x80000000}, {2, 0xFFFFFFFF}}), service.take());
+    EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}}), syncUp());
+}
+
+TEST_F(UafIpcRxTest, OnlyStateMessagesAreRemembered) {
+    setStates(1, 1, 1);
+    for (const uint32_t type : {3U, 4U, 5U, 6U, 7U, 8U})
+        UafIpc::queueMsg({type, 0});
+    EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}}), syncUp());
+}
+
+TEST_F(UafIpcRxTest, SyncUpIsOneHoldOfTheLockAndABroadcastPerMessage) {
+    setStates(1, 1, 0);
+    service.take();
+    std::string calls;
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        calls += mutex == service.queueMutex ? "L" : "";
+        return fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    fake_sys::hooks().pthread_mutex_unlock = [&](pthread_mutex_t* mutex) {
+        calls += mutex == service.queueMutex ? "U" : "";
+        return fake_sys::real::pthread_mutex_unlock(mutex);
+    };
+    fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) {
+        calls += 'B';
+        return 0;
+    };
+    receive({datagram(7, 0)});
+    EXPECT_EQ("LBBBU", calls);
+}
+
+TEST_F(UafIpcRxTest, SyncUpThatCannotLockIsLost) {
+    setStates(1, 1, 0);
+    service.take();
+    fake_log::clear();
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        return mutex == service.queueMutex ? EDEADLK : fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    receive({datagram(7, 0)});
+    EXPECT_EQ((Lines{debugLine("app request init state sync up"),
+                     errorLine("queueMsg: lock failed: 35\n")}),
+              linesInside());
+    EXPECT_EQ(Messages{}, service.take());
+}
+
+TEST_F(UafIpcRxTest, SyncUpAtAHundredPendingLeavesOnlyItsLastMessage) {
+    setStates(1, 0, 1);
+    service.take();
+    for (uint32_t i = 0; i < 100; i++)
+        UafIpc::queueMsg({3, i});
+    fake_log::clear();
+    receive({datagram(7, 0)});
+    EXPECT_EQ((Lines{debugLine("app request init state sync up"),
+                     errorLine("queueMsg: overwriting msg: <0x00000003:0x00000063> -> "
+                               "<0x00000000:0x00000001>\n"),
+                     errorLine("queueMsg: overwriting msg: <0x00000000:0x00000001> -> "
+                               "<0x00000001:0x00000000>\n"),
+                     errorLine("queueMsg: overwriting msg: <0x00000001:0x00000000> -> "
+                               "<0x00000002:0x00000001>\n")}),
+              linesInside());
+    const Messages taken = service.take();
+    ASSERT_EQ(100U, taken.size());
+    EXPECT_EQ((Message{3, 98}), taken[98]);
+    EXPECT_EQ((Message{2, 1}), taken[99]);
+}
+
+// A state queued by another thread just before the reply takes the lock is the one it gives.
+TEST_F(UafIpcRxTest, ReplyGivesTheStateThatStandsWhenItHoldsTheLock) {
+    setStates(1, 1, 1);
+    service.take();
+    int locks = 0;
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        if (mutex == service.queueMutex && ++locks == 1)
+            UafIpc::queueMsg({1, 0});
+        return fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    receive({datagram(7, 0)});
+    EXPECT_EQ((Messages{{1, 0}, {0, 1}, {1, 0}, {2, 1}}), service.take());
+}
+
+// A state stored while the reply is being built comes behind it, and stays.
+TEST_F(UafIpcRxTest, ReplyNeverRevivesAStateThatWasReplacedMeanwhile) {
+    setStates(1, 1, 1);
+    service.take();
+    std::thread producer;
+    std::atomic<bool> stored{false};
+    const std::thread::id receiver = std::this_thread::get_id();
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        if (std::this_thread::get_id() != receiver)
+            stored = true;
+        return fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    int messages = 0;
+    fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t* condition) {
+        if (std::this_thread::get_id() == receiver && ++messages == 2) {
+            producer = std::thread([] { UafIpc::queueMsg({1, 0}); });
+            while (!stored)
+                sched_yield();
+        }
+        return fake_sys::real::pthread_cond_broadcast(condition);
+    };
+    receive({datagram(7, 0)});
+    producer.join();
+    EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}, {1, 0}}), service.take());
+    fake_sys::hooks().pthread_cond_broadcast = nullptr;
+    EXPECT_EQ((Messages{{0, 1}, {1, 0}, {2, 1}}), syncUp());
+}
+
+TEST_F(UafIpcRxTest, SpeakerVolumeIsTheLowHalfWhateverTheUpperHolds) {
+    const std::pair<uint32_t, const char*> table[] = {{0x0000FFFF, "-1"},     {0x1234FFFF, "-1"},
+                                                      {0x00000000, "0"},      {0x00007FFF, "32767"},
+                                                      {0xFFFF8000, "-32768"}, {0x0001FF80, "-128"}};
+    for (const auto& [data, volume] : table) {
+        fake_log::clear();
+        requests.clear();
+        receive({datagram(3, data)});
+        EXPECT_EQ((Lines{debugLine(std::string("got speaker volume msg: volume=") + volume)}),
+                  linesInside());
+        ASSERT_EQ(1U, requests.size());
+        EXPECT_EQ(SET_SPK_VOLUME, requests[0].code);
+        int16_t driversView = 0;
+        memcpy(&driversView, &requests[0].data, sizeof driversView);
+        EXPECT_EQ(volume, std::to_string(driversView));
+    }
+}
+
+TEST_F(UafIpcRxTest, SpeakerMuteIsPassedAsItIs) {
+    for (const uint32_t mute : {0U, 1U, 7U, 0xFFFFFFFFU}) {
+        fake_log::clear();
+        requests.clear();
+        receive({datagram(5, mute)});
+        EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=" + std::to_string(mute))}),
+                  linesInside());
+        EXPECT_EQ((std::vector<Request>{{SET_SPK_MUTE, mute}}), requests);
+    }
+}
+
+TEST_F(UafIpcRxTest, FailedRequestIsLoggedAndTheNextMessageHandled) {
+    requestError = ENOTTY;
+    for (const int result : {-1, 1}) {
+        requestResult = result;
+        fake_log::clear();
+        receive({datagram(5, 1), datagram(3, 2)});
+        const std::string failed = "rxLoop: ioctl failed: <" + std::to_string(result) + ":25>\n";
+        EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1"), errorLine(failed),
+                         debugLine("got speaker volume msg: volume=2"), errorLine(failed)}),
+                  linesInside());
+    }
+    EXPECT_EQ(4U, requests.size());
+}
+
+TEST_F(UafIpcRxTest, EveryOtherTypeIsUnknownAndChangesNothing) {
+    setStates(1, 1, 1);
+    service.take();
+    const std::pair<uint32_t, const char*> table[] = {
+        {0, "0"}, {1, "1"}, {2, "2"}, {4, "4"}, {6, "6"}, {8, "8"}, {0xFFFFFFFF, "4294967295"}};
+    for (const auto& [type, number] : table) {
+        fake_log::clear();
+        receive({datagram(type, 0)});
+        EXPECT_EQ((Lines{errorLine(std::string("got unknown msg: type=") + number +
+                                   ", msg: 0x00000000")}),
+                  linesInside());
+    }
+    fake_log::clear();
+    receive({datagram(9, 0xAB12CD)});
+    EXPECT_EQ((Lines{errorLine("got unknown msg: type=9, msg: 0x00AB12CD")}), linesInside());
+    EXPECT_EQ(Messages{}, service.take());
+    EXPECT_TRUE(requests.empty());
+    EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}}), syncUp());
+}
+
+TEST_F(UafIpcRxTest, ShortDatagramIsRejectedAndTheLoopGoesOn) {
+    receive({{std::string(4, 'x'), 4, 0}, {std::string(7, 'x'), 7, 0}, datagram(5, 1)});
+    EXPECT_EQ((Lines{errorLine("unexpected msg size: 4\n"), errorLine("unexpected msg size: 7\n"),
+                     debugLine("got speaker volume mute msg: mute=1")}),
+              linesInside());
+}
+
+TEST_F(UafIpcRxTest, ReceiveThatWouldBlockIsTriedAgain) {
+    receive({{"", -1, EAGAIN}, {"", -1, EAGAIN}, datagram(5, 1)});
+    EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1")}), linesInside());
+    EXPECT_EQ(4U, received);
+}
+
+TEST_F(UafIpcRxTest, AnyOtherReceiveErrorEndsTheThread) {
+    receive({{"", -1, EINTR}, datagram(5, 1)});
+    EXPECT_EQ((Lines{START_LINE, errorLine("receive error: <-1:4>\n")}), fake_log::lines());
+    EXPECT_EQ(1U, received);
+    EXPECT_EQ(1, opens);
+}
+
+TEST_F(UafIpcRxTest, MissingControlDeviceEndsTheThread) {
+    fake_sys::hooks().open = [](const char*, int) {
+        errno = ENOENT;
+        return -1;
+    };
+    fake_sys::hooks().recvfrom = [](auto...) -> ssize_t {
+        ADD_FAILURE() << "received without the control device";
+        return -1;
+    };
+    service.runRx();
+    EXPECT_EQ((Lines{START_LINE, errorLine("rxLoop: opening /dev/uac_user failed: <-1:2>\n")}),
+              fake_log::lines());
+}
+
+TEST_F(UafIpcRxTest, LoopEndsOnceTheServiceNoLongerRuns) {
+    int calls = 0;
+    fake_sys::hooks().recvfrom = [&](int, void* data, size_t, int, sockaddr*, socklen_t*) {
+        if (++calls > 1)
+            return ssize_t{-1};
+        fake_sys::hooks().socket = [](int, int, int) { return -1; };
+        EXPECT_FALSE(service.startAgain());
+        memcpy(data, datagram(5, 1).bytes.data(), 8);
+        return ssize_t{8};
+    };
+    service.runRx();
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(1U, requests.size());
+}
+
+// Real datagrams: what the socket itself makes of odd lengths.
+TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheThread) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, ends));
+    const std::string lengthened = datagram(5, 1).bytes + "more";
+    ASSERT_EQ(12, send(ends[1], lengthened.data(), 12, 0));
+    ASSERT_EQ(4, send(ends[1], lengthened.data(), 4, 0));
+    ASSERT_EQ(8, send(ends[1], datagram(3, 2).bytes.data(), 8, 0));
+    ASSERT_EQ(0, send(ends[1], "", 0, 0));
+    fake_sys::hooks().recvfrom = [&](int, void* data, size_t size, int flags, sockaddr* from,
+                                     socklen_t* fromLength) {
+        errno = ECHILD;
+        return fake_sys::real::recvfrom(ends[0], data, size, flags, from, fromLength);
+    };
+    service.runRx();
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(
+        (Lines{START_LINE, debugLine("got speaker volume mute msg: mute=1"),
+               errorLine("unexpected msg size: 4\n"), debugLine("got speaker volume msg: volume=2"),
+               errorLine("receive error: <0:10>\n")}),
+        fake_log::lines());
+}
+
+TEST_F(UafIpcRxTest, EmptyDatagramBehindAStaleEagainDoesNotEndTheThread) {
+    receive({{"", 0, EAGAIN}, datagram(5, 1)});
+    EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1")}), linesInside());
+}
+
+}  // namespace

@@ -1,0 +1,220 @@
+// The app IPC service: its start, with every way to fail, and who may run after it.
+#include "ipc/uaf_ipc.h"
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_sys.h"
+#include "tests/support/ipc_service.h"
+
+namespace {
+
+using Lines = std::vector<fake_log::Line>;
+using ipc_service::debugLine;
+using ipc_service::errorLine;
+using Strings = std::vector<std::string>;
+
+class UafIpcTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        service.hold();
+    }
+
+    void expectFailure(const Strings& lines, const Strings& closed) {
+        EXPECT_FALSE(started);
+        Lines expected;
+        for (const std::string& line : lines)
+            expected.push_back(errorLine(line));
+        EXPECT_EQ(expected, fake_log::lines());
+        Strings actual;
+        for (const std::string& call : service.calls) {
+            if (call.rfind("close", 0) == 0)
+                actual.push_back(call);
+        }
+        EXPECT_EQ(closed, actual);
+    }
+
+    // Starts with the hooks as they are.
+    void start() { started = ipc.start(); }
+
+    IpcService service;
+    UafIpc ipc;
+    bool started = false;
+};
+
+TEST_F(UafIpcTest, OpensBothSocketsBindsTheOwnPathAndCreatesBothThreads) {
+    start();
+    EXPECT_TRUE(started);
+    EXPECT_EQ((Strings{"socket 1 2 0", "socket 1 2 0", "unlink /tmp/usbAudioUdsIpcTx",
+                       "bind 902 1 110", "/tmp/usbAudioUdsIpcTx", "create", "create"}),
+              service.calls);
+    EXPECT_EQ(Lines{}, fake_log::lines());
+}
+
+TEST_F(UafIpcTest, SendingSocketFails) {
+    fake_sys::hooks().socket = [](int, int, int) {
+        errno = EMFILE;
+        return -1;
+    };
+    start();
+    expectFailure({"socket failed: <-1:24>\n"}, {});
+}
+
+TEST_F(UafIpcTest, ReceivingSocketFails) {
+    int calls = 0;
+    fake_sys::hooks().socket = [&](int, int, int) {
+        errno = ENFILE;
+        return ++calls == 1 ? IpcService::TX_SOCK : -1;
+    };
+    start();
+    expectFailure({"socket failed: <-1:23>"}, {"close 901"});
+}
+
+TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
+    fake_sys::hooks().unlink = [](const char*) {
+        errno = ENOENT;
+        return -1;
+    };
+    start();
+    EXPECT_TRUE(started);
+    EXPECT_EQ((Lines{errorLine("unlink failed err 2, path does not exist ... ignoring")}),
+              fake_log::lines());
+}
+
+TEST_F(UafIpcTest, OldPathThatStaysFails) {
+    fake_sys::hooks().unlink = [](const char*) {
+        errno = EISDIR;
+        return -1;
+    };
+    start();
+    expectFailure({"unlink failed, error: 21"}, {"close 902", "close 901"});
+}
+
+TEST_F(UafIpcTest, BindFails) {
+    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
+        errno = EADDRINUSE;
+        return -1;
+    };
+    start();
+    expectFailure({"bind failed, error: 98\n"}, {"close 902", "close 901"});
+}
+
+TEST_F(UafIpcTest, ReceiveThreadFails) {
+    int calls = 0;
+    fake_sys::hooks().pthread_create = [&](auto...) {
+        calls++;
+        errno = ENOMEM;
+        return EAGAIN;
+    };
+    start();
+    EXPECT_EQ(1, calls);
+    expectFailure({"creating IPC RX thread failed: <11:12:Cannot allocate memory>\n"},
+                  {"close 902", "close 901"});
+}
+
+TEST_F(UafIpcTest, TransmitThreadFails) {
+    int calls = 0;
+    fake_sys::hooks().pthread_create = [&](auto...) {
+        errno = ENOMEM;
+        return ++calls == 1 ? 0 : EAGAIN;
+    };
+    start();
+    expectFailure({"creating IPC TX thread failed: <11:12:Cannot allocate memory>\n"},
+                  {"close 902", "close 901"});
+}
+
+TEST_F(UafIpcTest, FailedClosesAreLoggedAndForgotten) {
+    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
+        errno = EACCES;
+        return -1;
+    };
+    fake_sys::hooks().close = [this](int fd) {
+        service.calls.push_back("close " + std::to_string(fd));
+        errno = fd == IpcService::RX_SOCK ? EIO : EINTR;
+        return -1;
+    };
+    start();
+    expectFailure(
+        {"bind failed, error: 13\n", "closing IPC rx socket failed: <-1:5:Input/output error>\n",
+         "closing IPC tx socket failed: <-1:4:Interrupted system call>\n"},
+        {"close 902", "close 901"});
+    service.calls.clear();
+    fake_log::clear();
+    fake_sys::hooks().socket = [](int, int, int) {
+        errno = EMFILE;
+        return -1;
+    };
+    start();
+    expectFailure({"socket failed: <-1:24>\n"}, {});
+}
+
+// The exit path destroys the instance: the thread that is there already must not have begun.
+TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
+    static std::atomic<bool> running;
+    static void* (*receiveEntry)(void*);
+    running = false;
+    pthread_t receiver{};
+    int calls = 0;
+    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
+                                           void* (*entry)(void*), void* argument) {
+        if (++calls == 2) {
+            while (!running)
+                sched_yield();
+            errno = EAGAIN;
+            return EAGAIN;
+        }
+        receiveEntry = entry;
+        const int rc = fake_sys::real::pthread_create(
+            id, nullptr,
+            [](void* instance) {
+                running = true;
+                return receiveEntry(instance);
+            },
+            argument);
+        receiver = *id;
+        return rc;
+    };
+    fake_sys::hooks().open = [](const char*, int) { return -1; };
+    auto doomed = std::make_unique<UafIpc>();
+    EXPECT_FALSE(doomed->start());
+    doomed.reset();
+    pthread_join(receiver, nullptr);
+    EXPECT_EQ((Lines{errorLine("creating IPC TX thread failed: "
+                               "<11:11:Resource temporarily unavailable>\n")}),
+              fake_log::lines());
+}
+
+TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
+    pthread_t receiver{};
+    int calls = 0;
+    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
+                                           void* (*entry)(void*), void* argument) {
+        if (++calls == 2)
+            return 0;
+        const int rc = fake_sys::real::pthread_create(id, nullptr, entry, argument);
+        receiver = *id;
+        return rc;
+    };
+    fake_sys::hooks().open = [](const char*, int) {
+        errno = ENODEV;
+        return -1;
+    };
+    start();
+    EXPECT_TRUE(started);
+    pthread_join(receiver, nullptr);
+    EXPECT_EQ((Lines{debugLine("rxLoop: starting\n"),
+                     errorLine("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
+              fake_log::lines());
+}
+
+}  // namespace
