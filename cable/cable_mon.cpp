@@ -1,0 +1,208 @@
+#include "cable/cable_mon.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <unistd.h>
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/system_properties.h>
+#include <sys/time.h>
+#include <sysutils/NetlinkEvent.h>
+
+#include "cable/cable_mon_log.h"
+#include "cable/usb_state.h"
+#include "ipc/uaf_ipc.h"
+
+namespace {
+
+constexpr uint32_t KERNEL_PID = 0;
+constexpr uint32_t KERNEL_GROUP = 1;
+constexpr int PLAIN_TEXT_FORMAT = 0;  // a plain number: its name has moved between classes
+constexpr int ACTION_CHANGE = 3;
+
+constexpr char SUBSYSTEM[] = "android_usb";
+constexpr char STATE_PARAM[] = "USB_STATE";
+
+void closeStateFile(FILE* file) {
+    const int rc = fclose(file);
+    const int error = errno;
+    if (rc != 0)
+        LOGE("closing %s failed: <%d:%d:%s>\n", CABLE_USB_STATE_PATH, rc, error, strerror(error));
+}
+
+bool readInitialState(FILE* file) {
+    char line[STATE_LINE_BYTES] = {};
+    if (fgets(line, sizeof line, file) == nullptr) {
+        LOGE("reading %s failed: feof=%d, ferror=%d\n", CABLE_USB_STATE_PATH, feof(file),
+             ferror(file));
+        return false;
+    }
+    LOGD("Initial USB state is %s\n", line);
+    return beginsWith(line, USB_STATE_CONFIGURED);
+}
+
+// Only a configured gadget is reported: the app takes "disconnected" for granted.
+bool reportInitialState() {
+    FILE* const file = fopen(CABLE_USB_STATE_PATH, "r");
+    if (file == nullptr) {
+        const int error = errno;
+        LOGE("opening %s failed: <%d:%s>\n", CABLE_USB_STATE_PATH, error, strerror(error));
+        return false;
+    }
+    const bool configured = readInitialState(file);
+    if (configured)
+        UafIpc::queueMsg(UafIpc::UafIpcConnectedMsg);
+    closeStateFile(file);
+    return configured;
+}
+
+}  // namespace
+
+CableMon::CableMon() : running(0), nlSock(-1) {}
+
+CableMon::~CableMon() = default;
+
+bool CableMon::start() {
+    char controller[PROP_VALUE_MAX] = {};
+    __system_property_get(CABLE_CONTROLLER_PROPERTY, controller);
+    isRkSoc = beginsWith(controller, CABLE_RK_CONTROLLER);
+    if (openSocket() && createThread())
+        return true;
+    running.store(0, std::memory_order_relaxed);
+    closeSocket();
+    return false;
+}
+
+bool CableMon::openSocket() {
+    nlSock = socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT);
+    if (nlSock < 0) {
+        const int error = errno;
+        LOGE("opening netlink socket failed: <%d:%s>\n", error, strerror(error));
+        return false;
+    }
+    if (isRkSoc) {
+        // Without the timeout there are only fewer checks.
+        const timeval timeout = {CABLE_CHECK_PERIOD_S, 0};
+        setsockopt(nlSock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    }
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<uint32_t>(getpid());
+    address.nl_groups = CABLE_UEVENT_GROUPS;
+    if (bind(nlSock, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const int error = errno;
+        LOGE("bind failed: <%d:%s>\n", error, strerror(error));
+        return false;
+    }
+    return true;
+}
+
+bool CableMon::createThread() {
+    running.store(1, std::memory_order_relaxed);
+    const int rc = pthread_create(&thread, nullptr, CableThread, this);
+    const int error = errno;
+    if (rc != 0)
+        LOGE("pthread_create: <%d:%s>\n", error, strerror(error));
+    return rc == 0;
+}
+
+void CableMon::closeSocket() {
+    if (nlSock < 0)
+        return;
+    const int rc = close(nlSock);
+    const int error = errno;
+    if (rc != 0)
+        LOGE("closing netlink socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+    nlSock = -1;
+}
+
+void* CableMon::CableThread(void* instance) {
+    static_cast<CableMon*>(instance)->loop();
+    return nullptr;
+}
+
+void CableMon::loop() {
+    plugNoAckCnt = 0;
+    bool usbConfigured = reportInitialState();
+    LOGD("enter loop\n");
+    while (running.load(std::memory_order_relaxed) != 0)
+        receiveEvent(usbConfigured);
+}
+
+void CableMon::receiveEvent(bool& usbConfigured) {
+    char buffer[CABLE_UEVENT_BYTES];
+    iovec part = {buffer, sizeof buffer};
+    sockaddr_nl sender = {};
+    msghdr header = {};
+    header.msg_name = &sender;
+    header.msg_namelen = sizeof sender;
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    const int result = static_cast<int>(recvmsg(nlSock, &header, 0));
+    const int error = errno;
+
+    if (result < 0) {
+        handleReceiveError(result, error);
+    } else if ((header.msg_flags & MSG_TRUNC) != 0) {
+        LOGE("recvmsg truncate: <%d:%d:%s>, buf size is %d\n", result, error, strerror(error),
+             static_cast<int>(sizeof buffer));
+    } else if (sender.nl_pid != KERNEL_PID || sender.nl_groups != KERNEL_GROUP) {
+        LOGE("ignoring non-kernel netlink multicast message\n");
+    } else if (result == 0) {
+        LOGD("recvmsg returned zero\n");
+    } else {
+        const std::unique_ptr<NetlinkEvent> event(new (std::nothrow) NetlinkEvent);
+        if (event != nullptr && event->decode(buffer, result, PLAIN_TEXT_FORMAT))
+            handleEvent(*event, usbConfigured);
+        else
+            LOGE("decoding netlinmk msg failed\n");
+    }
+}
+
+// With a timeout set, every error is a tick of the check.
+void CableMon::handleReceiveError(int result, int error) {
+    if (isRkSoc) {
+        LOGD("recvmsg error: <%d:%d:%s> - likely a timeout for RK-based SoC\n", result, error,
+             strerror(error));
+        validateConnectionState();
+    } else {
+        LOGE("recvmsg error: <%d:%d:%s>\n", result, error, strerror(error));
+    }
+}
+
+void CableMon::handleEvent(NetlinkEvent& event, bool& usbConfigured) {
+    const char* const subsystem = event.getSubsystem();
+    if (subsystem == nullptr || strcmp(subsystem, SUBSYSTEM) != 0)
+        return;
+    // An int on older platforms, a scoped enumeration on newer ones.
+    const int action = static_cast<int>(event.getAction());
+    if (action != ACTION_CHANGE) {
+        LOGD("subsystem: %s, action: %d\n", subsystem, action);
+        return;
+    }
+    const char* const state = event.findParam(STATE_PARAM);
+    if (state == nullptr) {
+        LOGE("usb state is NULL\n");
+        return;
+    }
+    LOGD("subsystem: %s, action: %d, usbstate=%s\n", subsystem, action, state);
+    handleUsbState(state, usbConfigured);
+}
+
+// The app hears of edges only; any other state ("CONNECTED") is one on the way.
+void CableMon::handleUsbState(const char* state, bool& usbConfigured) {
+    if (strcmp(state, USB_STATE_DISCONNECTED) == 0) {
+        if (usbConfigured)
+            UafIpc::queueMsg(UafIpc::UafIpcDisconnectedMsg);
+        usbConfigured = false;
+    } else if (strcmp(state, USB_STATE_CONFIGURED) == 0 && !usbConfigured) {
+        UafIpc::queueMsg(UafIpc::UafIpcConnectedMsg);
+        usbConfigured = true;
+    }
+    if (stateCb != nullptr)
+        stateCb(stateCbCtx, usbConfigured);
+}

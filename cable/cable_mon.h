@@ -1,0 +1,69 @@
+// The cable monitor: follows the board's USB gadget through kernel uevents and tells the app when
+// the host has configured it and when the link is gone. On the board with the controller
+// "ff300000.usb" it also restarts the controller when the cable is plugged but the gadget does not
+// notice. main owns the one instance and calls start() once; the rest is the monitor thread's own.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+
+class NetlinkEvent;
+
+constexpr char CABLE_USB_STATE_PATH[] = "/sys/devices/virtual/android_usb/android0/state";
+constexpr char CABLE_PLUG_STATE_PATH[] =
+    "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
+    "state";
+constexpr char CABLE_CONTROLLER_PROPERTY[] = "sys.usb.controller";
+constexpr char CABLE_CONFIG_PROPERTY[] = "sys.usb.config";
+constexpr char CABLE_RK_CONTROLLER[] = "ff300000.usb";
+
+constexpr int CABLE_CHECK_PERIOD_S = 1;     // receive timeout that paces the checks
+constexpr int32_t CABLE_NO_ACK_CHECKS = 3;  // such checks in a row restart the controller
+constexpr uint32_t CABLE_UEVENT_GROUPS = 15;
+constexpr size_t CABLE_UEVENT_BYTES = 2304;
+
+class CableMon {
+  public:
+    CableMon();
+    // Stops nothing: the monitor lasts as long as the process.
+    virtual ~CableMon();
+
+    // Opens the uevent socket and starts the thread; logs the step that failed. The daemon runs on
+    // without the monitor then.
+    bool start();
+
+  private:
+    static void* CableThread(void* instance);
+
+    bool openSocket();
+    bool createThread();
+    void closeSocket();
+
+    void loop();
+    // One message: received, checked and handled. Updates the configured flag.
+    void receiveEvent(bool& usbConfigured);
+    void handleReceiveError(int result, int error);
+    void handleEvent(NetlinkEvent& event, bool& usbConfigured);
+    void handleUsbState(const char* state, bool& usbConfigured);
+    // After each failed receive: counts the checks that find the fault, and restarts the
+    // controller.
+    void validateConnectionState();
+    void classify(const char* usbLine, const char* plugLine);
+
+    pthread_t thread{};
+    // Relaxed: it is set before the thread exists and publishes nothing else.
+    std::atomic<int32_t> running;
+    int nlSock;  // -1: none
+    bool isRkSoc = false;
+
+  protected:
+    // A listener of every USB state change, for a subclass to set before start(); its result is
+    // ignored. Called by the monitor thread.
+    int (*stateCb)(void* context, bool configured) = nullptr;
+    void* stateCbCtx = nullptr;
+
+  private:
+    int32_t plugNoAckCnt = 0;  // checks in a row: plugged, but the gadget is "DISCONNECTED"
+};

@@ -1,0 +1,17 @@
+// The words of the gadget's state, in its uevents and in its state file, for the monitor's own
+// files only.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+constexpr char USB_STATE_CONFIGURED[] = "CONFIGURED";
+constexpr char USB_STATE_DISCONNECTED[] = "DISCONNECTED";
+
+constexpr size_t STATE_LINE_BYTES = 32;  // of a state file's line, terminator included
+
+// A file's line carries its line end, so only its beginning is compared.
+template <size_t N>
+bool beginsWith(const char* text, const char (&word)[N]) {
+    return strncmp(text, word, N - 1) == 0;
+}
