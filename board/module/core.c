@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The simulated board as a whole: brings its parts up in order and takes them down in reverse.
+ */
+#include <linux/module.h>
+#include <linux/platform_device.h>
+#include "usb_board.h"
+
+const char *const usb_dir_names[USB_DIRS] = { "speaker", "mic" };
+const char *const pcm_dir_names[USB_DIRS] = { "capture", "playback" };
+struct device *board_device;
+
+static bool bound = true;
+module_param(bound, bool, 0444);
+MODULE_PARM_DESC(bound, "the gadget function starts bound");
+
+static bool plugged = true;
+module_param(plugged, bool, 0444);
+MODULE_PARM_DESC(plugged, "the cable starts plugged and the gadget configured");
+
+static int index = 1;
+module_param(index, int, 0444);
+MODULE_PARM_DESC(index, "index of the gadget sound card");
+
+static struct platform_device *platform;
+
+static int platform_init(void)
+{
+	platform = platform_device_register_simple("usb_board", PLATFORM_DEVID_NONE, NULL, 0);
+	if (IS_ERR(platform))
+		return PTR_ERR(platform);
+	board_device = &platform->dev;
+	return 0;
+}
+
+static void platform_exit(void)
+{
+	platform_device_unregister(platform);
+}
+
+static int function_init(void)
+{
+	gadget_index = index;
+	return gadget_function_init(bound, plugged);
+}
+
+/* The board's own card comes before the gadget's, so that it is card 0. */
+static const struct part {
+	int (*init)(void);
+	void (*exit)(void);
+} parts[] = {
+	{ event_log_init, event_log_exit },
+	{ platform_init, platform_exit },
+	{ android_usb_init, android_usb_exit },
+	{ board_card_init, board_card_exit },
+	{ uac_user_init, uac_user_exit },
+	{ host_clock_init, host_clock_exit },
+	{ function_init, gadget_card_exit },
+	{ host_audio_init, host_audio_exit },
+	{ host_command_init, host_command_exit },
+	{ counters_init, counters_exit },
+};
+
+static void take_down(size_t count)
+{
+	while (count--)
+		parts[count].exit();
+}
+
+static int __init usb_board_init(void)
+{
+	size_t i;
+	int err;
+
+	for (i = 0; i < ARRAY_SIZE(parts); i++) {
+		err = parts[i].init();
+		if (err) {
+			take_down(i);
+			return err;
+		}
+	}
+	return 0;
+}
+
+static void __exit usb_board_exit(void)
+{
+	take_down(ARRAY_SIZE(parts));
+}
+
+module_init(usb_board_init);
+module_exit(usb_board_exit);
+MODULE_DESCRIPTION("Simulated USB audio gadget, its host and its board");
+MODULE_LICENSE("GPL");
