@@ -1,0 +1,402 @@
+// The simulated hardware itself: the gadget control device, the gadget's and the cable's state, and
+// the host's commands.
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include "daemon/uac_user.h"
+#include "tests/board/usb_host.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using usb_host::command;
+using usb_host::contents;
+using usb_host::counter;
+using usb_host::kNsPerMs;
+using usb_host::nowNs;
+using usb_host::sleepNs;
+
+constexpr size_t kQueueRecords = 16384;
+constexpr char kNode[] = "/tmp/uac_user_test";
+constexpr char kStatePath[] = "/sys/devices/virtual/android_usb/android0/state";
+constexpr char kCablePath[] =
+    "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
+    "state";
+
+// Type and data of a record.
+using Record = std::pair<uint32_t, uint32_t>;
+
+// An opening of the gadget control device, through a node of the tests' own.
+class Control {
+  public:
+    explicit Control(int flags = O_RDONLY | O_NONBLOCK) {
+        mknod(kNode, S_IFCHR | 0600, makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
+        fd_ = open(kNode, flags | O_CLOEXEC);
+    }
+    ~Control() { close(fd_); }
+    Control(const Control&) = delete;
+    Control& operator=(const Control&) = delete;
+
+    int fd() const { return fd_; }
+    // 0 or the errno.
+    int request(unsigned long code, void* argument) const {
+        return ioctl(fd_, code, argument) == 0 ? 0 : errno;
+    }
+    std::vector<Record> records() const {
+        std::vector<Record> all;
+        for (UacUserMsgT record; read(fd_, &record, sizeof record) == sizeof record;) {
+            all.emplace_back(record.type, record.data);
+        }
+        return all;
+    }
+
+  private:
+    int fd_;
+};
+
+class Module : public testing::Test {
+  protected:
+    void SetUp() override {
+        usb_host::reset();
+        Control().records();
+    }
+};
+
+TEST_F(Module, QueuesARecordForEveryChangeByTheHost) {
+    const struct {
+        const char* text;
+        Record record;
+    } rows[] = {
+        {"bind", {F_UAC_VEXA_USER_EVT_BIND, 0}},
+        {"unbind", {F_UAC_VEXA_USER_EVT_UNBIND, 0}},
+        {"speaker on", {F_UAC_VEXA_USER_EVT_SPK_ACTIVE, 1}},
+        {"speaker off", {F_UAC_VEXA_USER_EVT_SPK_ACTIVE, 0}},
+        {"mic on", {F_UAC_VEXA_USER_EVT_MIC_ACTIVE, 1}},
+        {"mic off", {F_UAC_VEXA_USER_EVT_MIC_ACTIVE, 0}},
+        {"volume speaker -1280", {F_UAC_VEXA_USER_EVT_SPK_VOLUME, 0xfb00}},
+        {"volume mic 256", {F_UAC_VEXA_USER_EVT_MIC_VOLUME, 256}},
+        {"mute speaker 1", {F_UAC_VEXA_USER_EVT_SPK_MUTE, 1}},
+        {"mute mic 0", {F_UAC_VEXA_USER_EVT_MIC_MUTE, 0}},
+        {"record 8 0x1ff80", {8, 0x1ff80}},
+        {"record 0xffffffff 4294967295\n", {0xffffffff, 0xffffffff}},
+    };
+    const Control control;
+    for (const auto& row : rows) {
+        EXPECT_EQ(command(row.text), 0) << row.text;
+        EXPECT_THAT(control.records(), ElementsAre(row.record)) << row.text;
+    }
+}
+
+TEST_F(Module, AnswersInitSyncWithTheStateInsteadOfWhatWasQueued) {
+    const Control control;
+    command("volume speaker -5");
+    command("volume mic 7");
+    command("mute mic 1");
+    command("mic on");
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr), 0);
+    EXPECT_THAT(control.records(), ElementsAre(Record{0, 0}, Record{4, 0xfffb}, Record{5, 7},
+                                               Record{6, 0}, Record{7, 1}, Record{3, 1}));
+    command("speaker on");
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr), 0);
+    EXPECT_THAT(control.records(),
+                ElementsAre(Record{0, 0}, Record{4, 0xfffb}, Record{5, 7}, Record{6, 0},
+                            Record{7, 1}, Record{2, 1}, Record{3, 1}));
+    command("unbind");
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr), 0);
+    EXPECT_THAT(control.records(), ElementsAre(Record{1, 0}));
+}
+
+TEST_F(Module, TakesVolumeAndMuteFromTheDaemon) {
+    const Control control(O_WRONLY);
+    usb_host::EventLog log;
+    uint32_t data = 0x1ff80;
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME, &data), 0);
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE, &data), 0);
+    EXPECT_EQ(counter("speaker.volume"), -128);
+    EXPECT_EQ(counter("speaker.mute"), 1);
+    EXPECT_THAT(Control().records(), IsEmpty());
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE, nullptr), EFAULT);
+    EXPECT_EQ(control.request(0x5401, nullptr), ENOTTY);
+    EXPECT_THAT(log.texts(),
+                ElementsAre("uac SET_SPK_VOLUME -128 0", "uac SET_SPK_MUTE 130944 0", "uac open r",
+                            "uac close r", "uac SET_SPK_MUTE 0 -14", "uac ioctl 0x00005401 -25"));
+}
+
+TEST_F(Module, FailsRequestsOnDemand) {
+    const Control control;
+    uint32_t data = 1;
+    command("fault init_sync 5");
+    command("fault set_volume 19 after=1 times=2");
+    command("fault set_mute 1");
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr), EIO);
+    EXPECT_THAT(control.records(), IsEmpty());
+    for (const int expected : {0, ENODEV, ENODEV, 0}) {
+        EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME, &data), expected);
+    }
+    EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE, &data), EPERM);
+    EXPECT_EQ(counter("speaker.mute"), 0);
+}
+
+TEST_F(Module, GivesEachRecordToOneOfItsReaders) {
+    const Control first;
+    const Control second;
+    command("record 4 1 2");
+    UacUserMsgT a{};
+    UacUserMsgT b{};
+    EXPECT_EQ(read(second.fd(), &a, sizeof a), 8);
+    EXPECT_EQ(read(first.fd(), &b, sizeof b), 8);
+    EXPECT_EQ(a.data, 1U);
+    EXPECT_EQ(b.data, 2U);
+    EXPECT_EQ(read(first.fd(), &b, sizeof b), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(read(first.fd(), &b, sizeof b - 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(Module, BlocksAReaderUntilARecordOrASignalComes) {
+    const Control control(O_RDONLY);
+    pollfd poller{control.fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&poller, 1, 0), 0);
+
+    struct sigaction quiet {};
+    quiet.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &quiet, nullptr);
+    const pthread_t reader = pthread_self();
+    std::thread other([reader] {
+        sleepNs(5 * kNsPerMs);
+        pthread_kill(reader, SIGUSR1);
+        sleepNs(5 * kNsPerMs);
+        command("record 6 1");
+    });
+    UacUserMsgT record{};
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(poll(&poller, 1, -1), 1);
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 8);
+    EXPECT_EQ(Record(record.type, record.data), Record(6, 1));
+    other.join();
+}
+
+TEST_F(Module, KeepsABurstInOrderAndCountsWhatDoesNotFit) {
+    const Control control;
+    const int64_t dropped = counter("records.dropped");
+    EXPECT_EQ(command("record 4 0 " + std::to_string(kQueueRecords)), 0);
+    EXPECT_EQ(command("record 4 0 3"), ENOSPC);
+    EXPECT_EQ(counter("records.dropped"), dropped + 3);
+    const std::vector<Record> records = control.records();
+    ASSERT_EQ(records.size(), kQueueRecords);
+    for (size_t i = 0; i < kQueueRecords; i++) {
+        ASSERT_EQ(records[i].second, i);
+    }
+}
+
+TEST_F(Module, SpoilsReadsOnDemand) {
+    const Control control;
+    UacUserMsgT record{0xaaaaaaaa, 0xaaaaaaaa};
+    command("record 6 1 3");
+    command("fault read 5 after=1");
+    command("fault read_short 3 after=1");
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 8);
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), -1);
+    EXPECT_EQ(errno, EIO);
+    record.type = 0xaaaaaaaa;
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 3);
+    EXPECT_EQ(record.type, 0xaa000006);
+    command("fault read 0 times=2");
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 0);
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 0);
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), 8);
+    EXPECT_EQ(record.data, 3U);
+}
+
+TEST_F(Module, SpoilsAReadThatAlreadyWaits) {
+    const Control control(O_RDONLY);
+    std::thread other([] {
+        sleepNs(5 * kNsPerMs);
+        command("fault read 19");
+    });
+    UacUserMsgT record{};
+    EXPECT_EQ(read(control.fd(), &record, sizeof record), -1);
+    EXPECT_EQ(errno, ENODEV);
+    other.join();
+}
+
+// A listener for the kernel's uevents.
+class Uevents {
+  public:
+    Uevents() : fd_(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
+        sockaddr_nl address{};
+        address.nl_family = AF_NETLINK;
+        address.nl_groups = 1;
+        bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    ~Uevents() { close(fd_); }
+    Uevents(const Uevents&) = delete;
+    Uevents& operator=(const Uevents&) = delete;
+
+    // The next event, its strings joined by spaces, without its number; empty when there is none.
+    std::string next() {
+        char buffer[4096];
+        const ssize_t len = recv(fd_, buffer, sizeof buffer, 0);
+        std::string text(buffer, static_cast<size_t>(std::max<ssize_t>(len, 1)) - 1);
+        std::replace(text.begin(), text.end(), '\0', ' ');
+        return text.substr(0, text.find(" SEQNUM="));
+    }
+    std::vector<std::string> ofSubsystem(const std::string& subsystem) {
+        std::vector<std::string> all;
+        for (std::string event = next(); !event.empty(); event = next()) {
+            if (event.find("SUBSYSTEM=" + subsystem + " ") != std::string::npos ||
+                event.find("SUBSYSTEM=" + subsystem) + 10 + subsystem.size() == event.size()) {
+                all.push_back(event);
+            }
+        }
+        return all;
+    }
+
+  private:
+    const int fd_;
+};
+
+constexpr char kChange[] =
+    "change@/devices/virtual/android_usb/android0 ACTION=change "
+    "DEVPATH=/devices/virtual/android_usb/android0 SUBSYSTEM=android_usb";
+
+TEST_F(Module, ShowsTheUsbStateInAFileAndAUevent) {
+    Uevents uevents;
+    EXPECT_EQ(command("usb_state DISCONNECTED"), 0);
+    EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
+    EXPECT_THAT(uevents.ofSubsystem("android_usb"),
+                ElementsAre(std::string(kChange) + " USB_STATE=DISCONNECTED"));
+    EXPECT_EQ(command("usb_state CONFIGURED quiet"), 0);
+    EXPECT_EQ(contents(kStatePath), "CONFIGURED\n");
+    EXPECT_THAT(uevents.ofSubsystem("android_usb"), IsEmpty());
+    EXPECT_EQ(command("usb_state " + std::string(32, 'X')), EINVAL);
+}
+
+TEST_F(Module, SendsUeventsOfAnyKind) {
+    Uevents uevents;
+    EXPECT_EQ(command("uevent change"), 0);
+    EXPECT_EQ(command("uevent add USB_STATE=CONFIGURED A=1"), 0);
+    EXPECT_EQ(command("foreign change USB_STATE=CONFIGURED"), 0);
+    EXPECT_EQ(uevents.next(), kChange);
+    EXPECT_EQ(uevents.next(),
+              "add@/devices/virtual/android_usb/android0 ACTION=add "
+              "DEVPATH=/devices/virtual/android_usb/android0 SUBSYSTEM=android_usb "
+              "USB_STATE=CONFIGURED A=1");
+    EXPECT_EQ(uevents.next(),
+              "change@/devices/platform/ff2c0000.syscon ACTION=change "
+              "DEVPATH=/devices/platform/ff2c0000.syscon SUBSYSTEM=platform "
+              "USB_STATE=CONFIGURED MODALIAS=platform:ff2c0000.syscon");
+    EXPECT_EQ(uevents.next(), "");
+    EXPECT_EQ(command("uevent explode"), EINVAL);
+}
+
+TEST_F(Module, PullsAndPlugsTheCable) {
+    command("speaker on");
+    usb_host::EventLog log;
+    EXPECT_EQ(command("unplug"), 0);
+    EXPECT_EQ(contents(kCablePath), "0\n");
+    EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
+    EXPECT_EQ(command("plug"), 0);
+    EXPECT_EQ(contents(kCablePath), "1\n");
+    EXPECT_EQ(contents(kStatePath), "CONFIGURED\n");
+    EXPECT_THAT(log.texts(), ElementsAre("cable 0", "usb_state DISCONNECTED",
+                                         "uac record type=2 data=0x00000000", "cable 1",
+                                         "usb_state CONNECTED", "usb_state CONFIGURED"));
+}
+
+TEST_F(Module, ReenumeratesWithTheCableAndWithoutAFault) {
+    const std::vector<std::string> restart = {"usb_state DISCONNECTED",
+                                              "uac record type=1 data=0x00000000", "card remove",
+                                              "card add 1", "uac record type=0 data=0x00000000"};
+    std::vector<std::string> complete = restart;
+    complete.insert(complete.end(), {"usb_state CONNECTED", "usb_state CONFIGURED"});
+    command("fault enumerate 1");
+    usb_host::EventLog log;
+    EXPECT_EQ(command("reenumerate"), 0);
+    EXPECT_EQ(log.texts(), restart);
+    EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
+    EXPECT_EQ(command("reenumerate"), 0);
+    EXPECT_EQ(log.texts(), complete);
+    command("cable 0");
+    log.lines();
+    EXPECT_EQ(command("reenumerate"), 0);
+    EXPECT_EQ(log.texts(), restart);
+}
+
+TEST_F(Module, RefusesWhatItDoesNotUnderstand) {
+    for (const char* text : {"",
+                             "nonsense",
+                             "bind now",
+                             "speaker",
+                             "speaker maybe",
+                             "volume speaker 32768",
+                             "volume both 1",
+                             "mute mic 2",
+                             "record 1",
+                             "ppb 100000001",
+                             "cable perhaps",
+                             "card eject",
+                             "fault nothing 1",
+                             "fault read",
+                             "fault read -1",
+                             "fault read 5 often",
+                             "fault clear all",
+                             "xrun mic at=x",
+                             "stall mic",
+                             "usb_state A loudly"}) {
+        EXPECT_EQ(command(text), EINVAL) << text;
+    }
+}
+
+TEST_F(Module, StampsItsLogAndTellsAReaderWhatItMissed) {
+    usb_host::EventLog log;
+    const int64_t before = nowNs();
+    command("log here I am");
+    const int64_t after = nowNs();
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].text, "host log here I am");
+    EXPECT_GE(lines[0].ns, before);
+    EXPECT_LE(lines[0].ns, after);
+    for (int i = 0; i < 16384 + 5; i++) {
+        command("log");
+    }
+    const auto rest = log.lines();
+    ASSERT_EQ(rest.size(), 16384U + 1);
+    EXPECT_EQ(rest[0].text, "lost 5");
+}
+
+TEST_F(Module, CanBeUnloadedAndLoadedUnboundAndUnplugged) {
+    ASSERT_EQ(system("rmmod usb_board"), 0);
+    EXPECT_EQ(contents("/proc/usb_host"), "no /proc/usb_host");
+    ASSERT_EQ(system("modprobe usb_board bound=0 plugged=0 index=3"), 0);
+    EXPECT_EQ(counter("card"), -1);
+    EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
+    EXPECT_EQ(contents(kCablePath), "0\n");
+    EXPECT_EQ(command("bind"), 0);
+    EXPECT_EQ(counter("card"), 3);
+    ASSERT_EQ(system("rmmod usb_board"), 0);
+    ASSERT_EQ(system("modprobe usb_board"), 0);
+    EXPECT_EQ(counter("card"), 1);
+    EXPECT_EQ(contents("/proc/asound/card0/id"), "rockchiprt5640c\n");
+}
+
+}  // namespace

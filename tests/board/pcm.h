@@ -1,0 +1,79 @@
+// A PCM of the simulated board as a test program uses it: alsa-lib's handle, opened, set up in the
+// one format and closed again. Belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <alsa/asoundlib.h>
+
+class Pcm {
+  public:
+    explicit Pcm(snd_pcm_stream_t stream, const std::string& name = "hw:1")
+        : opened_(snd_pcm_open(&pcm_, name.c_str(), stream, 0)) {}
+    ~Pcm() {
+        if (pcm_ != nullptr) {
+            snd_pcm_close(pcm_);
+        }
+    }
+    Pcm(const Pcm&) = delete;
+    Pcm& operator=(const Pcm&) = delete;
+
+    snd_pcm_t* get() const { return pcm_; }
+    int opened() const { return opened_; }
+    int start() { return snd_pcm_start(pcm_); }
+    snd_pcm_state_t state() const { return snd_pcm_state(pcm_); }
+
+    // The steps of setting up, by the call that failed; "" when all went well.
+    std::string setUp(snd_pcm_uframes_t buffer, snd_pcm_uframes_t period,
+                      snd_pcm_uframes_t stopThreshold = 1 << 30) {
+        snd_pcm_hw_params_t* hw;
+        snd_pcm_hw_params_alloca(&hw);
+        int dir = 0;
+        const std::string failed =
+            step("any", snd_pcm_hw_params_any(pcm_, hw)) +
+            step("access", snd_pcm_hw_params_set_access(pcm_, hw, SND_PCM_ACCESS_RW_INTERLEAVED)) +
+            step("format", snd_pcm_hw_params_set_format(pcm_, hw, SND_PCM_FORMAT_S16_LE)) +
+            step("channels", snd_pcm_hw_params_set_channels(pcm_, hw, 1)) +
+            step("rate", snd_pcm_hw_params_set_rate_near(pcm_, hw, &rate, &dir)) +
+            step("buffer", snd_pcm_hw_params_set_buffer_size_near(pcm_, hw, &buffer)) +
+            step("period", snd_pcm_hw_params_set_period_size_near(pcm_, hw, &period, &dir)) +
+            step("install", snd_pcm_hw_params(pcm_, hw));
+        return failed.empty() ? setThresholds(period, stopThreshold) : failed;
+    }
+
+    // Frames read or written, or the negative error.
+    snd_pcm_sframes_t read(std::vector<int16_t>& frames) {
+        return snd_pcm_readi(pcm_, frames.data(), frames.size());
+    }
+    snd_pcm_sframes_t write(const std::vector<int16_t>& frames) {
+        return snd_pcm_writei(pcm_, frames.data(), frames.size());
+    }
+
+    unsigned rate = 48000;  // as granted
+
+  private:
+    std::string setThresholds(snd_pcm_uframes_t period, snd_pcm_uframes_t stopThreshold) {
+        snd_pcm_sw_params_t* sw;
+        snd_pcm_sw_params_alloca(&sw);
+        return step("current", snd_pcm_sw_params_current(pcm_, sw)) +
+               step("start", snd_pcm_sw_params_set_start_threshold(pcm_, sw, period)) +
+               step("stop", snd_pcm_sw_params_set_stop_threshold(pcm_, sw, stopThreshold)) +
+               step("avail", snd_pcm_sw_params_set_avail_min(pcm_, sw, period)) +
+               step("sw_params", snd_pcm_sw_params(pcm_, sw));
+    }
+
+    // Only the first failure counts; what follows it fails in its wake.
+    std::string step(const char* name, int result) {
+        if (result >= 0 || failed_) {
+            return "";
+        }
+        failed_ = true;
+        return name + std::to_string(result);
+    }
+
+    snd_pcm_t* pcm_ = nullptr;
+    const int opened_;
+    bool failed_ = false;
+};
