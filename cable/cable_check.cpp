@@ -46,12 +46,15 @@ void CableMon::validateConnectionState() {
     char plugLine[STATE_LINE_BYTES] = {};
     if (usbFile != nullptr && plugFile != nullptr &&
         fgets(usbLine, sizeof usbLine, usbFile) != nullptr &&
-        fgets(plugLine, sizeof plugLine, plugFile) != nullptr)
+        fgets(plugLine, sizeof plugLine, plugFile) != nullptr) {
         classify(usbLine, plugLine);
-    if (usbFile != nullptr)
+    }
+    if (usbFile != nullptr) {
         fclose(usbFile);
-    if (plugFile != nullptr)
+    }
+    if (plugFile != nullptr) {
         fclose(plugFile);
+    }
     if (plugNoAckCnt >= CABLE_NO_ACK_CHECKS) {
         plugNoAckCnt = 0;
         restartController();
@@ -60,8 +63,9 @@ void CableMon::validateConnectionState() {
 
 // Other states leave the count alone: the gadget is on its way to one of the two.
 void CableMon::classify(const char* usbLine, const char* plugLine) {
-    if (beginsWith(usbLine, USB_STATE_CONFIGURED))
+    if (beginsWith(usbLine, USB_STATE_CONFIGURED)) {
         plugNoAckCnt = 0;
-    else if (beginsWith(usbLine, USB_STATE_DISCONNECTED))
+    } else if (beginsWith(usbLine, USB_STATE_DISCONNECTED)) {
         plugNoAckCnt = plugLine[0] == PLUGGED ? plugNoAckCnt + 1 : 0;
+    }
 }

@@ -30,8 +30,9 @@ constexpr char STATE_PARAM[] = "USB_STATE";
 void closeStateFile(FILE* file) {
     const int rc = fclose(file);
     const int error = errno;
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("closing %s failed: <%d:%d:%s>\n", CABLE_USB_STATE_PATH, rc, error, strerror(error));
+    }
 }
 
 bool readInitialState(FILE* file) {
@@ -54,8 +55,9 @@ bool reportInitialState() {
         return false;
     }
     const bool configured = readInitialState(file);
-    if (configured)
+    if (configured) {
         UafIpc::queueMsg(UafIpc::UafIpcConnectedMsg);
+    }
     closeStateFile(file);
     return configured;
 }
@@ -70,8 +72,9 @@ bool CableMon::start() {
     char controller[PROP_VALUE_MAX] = {};
     __system_property_get(CABLE_CONTROLLER_PROPERTY, controller);
     isRkSoc = beginsWith(controller, CABLE_RK_CONTROLLER);
-    if (openSocket() && createThread())
+    if (openSocket() && createThread()) {
         return true;
+    }
     running.store(0, std::memory_order_relaxed);
     closeSocket();
     return false;
@@ -105,18 +108,21 @@ bool CableMon::createThread() {
     running.store(1, std::memory_order_relaxed);
     const int rc = pthread_create(&thread, nullptr, CableThread, this);
     const int error = errno;
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("pthread_create: <%d:%s>\n", error, strerror(error));
+    }
     return rc == 0;
 }
 
 void CableMon::closeSocket() {
-    if (nlSock < 0)
+    if (nlSock < 0) {
         return;
+    }
     const int rc = close(nlSock);
     const int error = errno;
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("closing netlink socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+    }
     nlSock = -1;
 }
 
@@ -129,8 +135,9 @@ void CableMon::loop() {
     plugNoAckCnt = 0;
     bool usbConfigured = reportInitialState();
     LOGD("enter loop\n");
-    while (running.load(std::memory_order_relaxed) != 0)
+    while (running.load(std::memory_order_relaxed) != 0) {
         receiveEvent(usbConfigured);
+    }
 }
 
 void CableMon::receiveEvent(bool& usbConfigured) {
@@ -156,10 +163,11 @@ void CableMon::receiveEvent(bool& usbConfigured) {
         LOGD("recvmsg returned zero\n");
     } else {
         const std::unique_ptr<NetlinkEvent> event(new (std::nothrow) NetlinkEvent);
-        if (event != nullptr && event->decode(buffer, result, PLAIN_TEXT_FORMAT))
+        if (event != nullptr && event->decode(buffer, result, PLAIN_TEXT_FORMAT)) {
             handleEvent(*event, usbConfigured);
-        else
+        } else {
             LOGE("decoding netlinmk msg failed\n");
+        }
     }
 }
 
@@ -176,8 +184,9 @@ void CableMon::handleReceiveError(int result, int error) {
 
 void CableMon::handleEvent(NetlinkEvent& event, bool& usbConfigured) {
     const char* const subsystem = event.getSubsystem();
-    if (subsystem == nullptr || strcmp(subsystem, SUBSYSTEM) != 0)
+    if (subsystem == nullptr || strcmp(subsystem, SUBSYSTEM) != 0) {
         return;
+    }
     // An int on older platforms, a scoped enumeration on newer ones.
     const int action = static_cast<int>(event.getAction());
     if (action != ACTION_CHANGE) {
@@ -196,13 +205,15 @@ void CableMon::handleEvent(NetlinkEvent& event, bool& usbConfigured) {
 // The app hears of edges only; any other state ("CONNECTED") is one on the way.
 void CableMon::handleUsbState(const char* state, bool& usbConfigured) {
     if (strcmp(state, USB_STATE_DISCONNECTED) == 0) {
-        if (usbConfigured)
+        if (usbConfigured) {
             UafIpc::queueMsg(UafIpc::UafIpcDisconnectedMsg);
+        }
         usbConfigured = false;
     } else if (strcmp(state, USB_STATE_CONFIGURED) == 0 && !usbConfigured) {
         UafIpc::queueMsg(UafIpc::UafIpcConnectedMsg);
         usbConfigured = true;
     }
-    if (stateCb != nullptr)
+    if (stateCb != nullptr) {
         stateCb(stateCbCtx, usbConfigured);
+    }
 }

@@ -38,8 +38,9 @@ void fillAddress(sockaddr_un& address, const char* path) {
 
 // The socket's file outlives the process that bound it.
 bool removeStalePath(const char* path) {
-    if (unlink(path) == 0)
+    if (unlink(path) == 0) {
         return true;
+    }
     const int error = errno;
     if (error == ENOENT) {
         // An error line although nothing is wrong: whoever watches the log of a first start
@@ -61,8 +62,9 @@ bool UafIpc::start() {
     msgQueue = {nullptr, &msgQueue.first};
     if (openSockets()) {
         running.store(1, std::memory_order_relaxed);
-        if (createThreads())
+        if (createThreads()) {
             return true;
+        }
     }
     running.store(0, std::memory_order_relaxed);
     closeSockets();
@@ -87,8 +89,9 @@ bool UafIpc::openSockets() {
     }
     fillAddress(rxAddr, UAF_IPC_RX_PATH);
 
-    if (!removeStalePath(UAF_IPC_RX_PATH))
+    if (!removeStalePath(UAF_IPC_RX_PATH)) {
         return false;
+    }
     if (bind(rxSock, reinterpret_cast<const sockaddr*>(&rxAddr), sizeof rxAddr) != 0) {
         const int error = errno;
         LOGE("bind failed, error: %d\n", error);
@@ -106,8 +109,9 @@ bool UafIpc::createThreads() {
     } else {
         rc = pthread_create(&txThread, nullptr, UafIpcTxThread, this);
         error = errno;
-        if (rc != 0)
+        if (rc != 0) {
             LOGE("creating IPC TX thread failed: <%d:%d:%s>\n", rc, error, strerror(error));
+        }
     }
     anyAdmitted = rc == 0;
     admittedThread = rxThread;
@@ -119,21 +123,24 @@ void UafIpc::closeSockets() {
     if (rxSock >= 0) {
         const int rc = close(rxSock);
         const int error = errno;
-        if (rc != 0)
+        if (rc != 0) {
             LOGE("closing IPC rx socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+        }
         rxSock = -1;
     }
     if (txSock >= 0) {
         const int rc = close(txSock);
         const int error = errno;
-        if (rc != 0)
+        if (rc != 0) {
             LOGE("closing IPC tx socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+        }
         txSock = -1;
     }
 }
 
 void* UafIpc::UafIpcRxThread(void* instance) {
-    if (waitUntilAdmitted())
+    if (waitUntilAdmitted()) {
         static_cast<UafIpc*>(instance)->rxLoop();
+    }
     return nullptr;
 }

@@ -14,8 +14,9 @@ namespace {
 void request(int gadgetFd, unsigned long code, uint32_t& data) {
     const int rc = ioctl(gadgetFd, code, &data);
     const int error = errno;
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("rxLoop: ioctl failed: <%d:%d>\n", rc, error);
+    }
 }
 
 }  // namespace
@@ -30,8 +31,9 @@ void UafIpc::rxLoop() {
         return;
     }
     while (running.load(std::memory_order_relaxed) != 0) {
-        if (!receiveMsg(gadgetFd))
+        if (!receiveMsg(gadgetFd)) {
             return;
+        }
     }
 }
 
@@ -42,16 +44,18 @@ bool UafIpc::receiveMsg(int gadgetFd) {
     if (size <= 0) {
         // An empty datagram comes here too, with the errno of some earlier call: it ends the
         // thread like an error does.
-        if (error == EAGAIN)
+        if (error == EAGAIN) {
             return true;
+        }
         LOGE("receive error: <%d:%d>\n", static_cast<int>(size), error);
         return false;
     }
     // A longer datagram arrives as its first eight bytes, and counts.
-    if (size != static_cast<ssize_t>(sizeof msg))
+    if (size != static_cast<ssize_t>(sizeof msg)) {
         LOGE("unexpected msg size: %d\n", static_cast<int>(size));
-    else
+    } else {
         handleMsg(gadgetFd, msg);
+    }
     return true;
 }
 
@@ -79,8 +83,9 @@ void UafIpc::handleMsg(int gadgetFd, UsbAudioMsgT& msg) {
 // One hold for the whole reply, read from the cache and not written to it: a state that another
 // thread queues meanwhile stands behind the reply, and the reply cannot revive the one before.
 void UafIpc::queueSyncReply() {
-    if (!lockQueue())
+    if (!lockQueue()) {
         return;
+    }
     if (lastUsbState.load(std::memory_order_relaxed) == 1) {
         appendOrOverwrite(UafIpcConnectedMsg);
         appendOrOverwrite({USB_AUDIO_MSG_SPK_STATE, lastSpkState.load(std::memory_order_relaxed)});

@@ -30,43 +30,50 @@ void pauseBeforeRetry() {
 
 void UafIpc::queueMsg(const UsbAudioMsgT& msg) {
     cacheState(msg);
-    if (!lockQueue())
+    if (!lockQueue()) {
         return;
+    }
     appendOrOverwrite(msg);
     unlockQueue();
 }
 
 void UafIpc::cacheState(const UsbAudioMsgT& msg) {
-    if (msg.data > 1)
+    if (msg.data > 1) {
         return;
-    if (msg.type == USB_AUDIO_MSG_USB_STATE)
+    }
+    if (msg.type == USB_AUDIO_MSG_USB_STATE) {
         lastUsbState.store(msg.data, std::memory_order_relaxed);
-    else if (msg.type == USB_AUDIO_MSG_SPK_STATE)
+    } else if (msg.type == USB_AUDIO_MSG_SPK_STATE) {
         lastSpkState.store(msg.data, std::memory_order_relaxed);
-    else if (msg.type == USB_AUDIO_MSG_MIC_STATE)
+    } else if (msg.type == USB_AUDIO_MSG_MIC_STATE) {
         lastMicState.store(msg.data, std::memory_order_relaxed);
+    }
 }
 
 bool UafIpc::lockQueue() {
     const int rc = pthread_mutex_lock(&queueMutex);
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("queueMsg: lock failed: %d\n", rc);
+    }
     return rc == 0;
 }
 
 void UafIpc::unlockQueue() {
     const int rc = pthread_mutex_unlock(&queueMutex);
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("queueMsg: unlock failed: %d\n", rc);
+    }
 }
 
 void UafIpc::appendOrOverwrite(const UsbAudioMsgT& msg) {
     const bool queued = msgQueueLen < UAF_IPC_QUEUE_MAX ? append(msg) : overwriteNewest(msg);
-    if (!queued)
+    if (!queued) {
         return;
+    }
     const int rc = pthread_cond_broadcast(&queueCond);
-    if (rc != 0)
+    if (rc != 0) {
         LOGE("queueMsg: conditional broadcast failed: %d\n", rc);
+    }
 }
 
 bool UafIpc::append(const UsbAudioMsgT& msg) {
@@ -108,8 +115,9 @@ void UafIpc::txLoop() {
             LOGE("txLoop: lock failed: %d\n", rc);
             return;
         }
-        if (!waitForMsg())
+        if (!waitForMsg()) {
             return;
+        }
         UafIpcQueueEntry* const entry = takeOldest();
         rc = pthread_mutex_unlock(&queueMutex);
         if (entry != nullptr) {
@@ -129,12 +137,14 @@ void UafIpc::txLoop() {
 bool UafIpc::waitForMsg() {
     while (msgQueueLen == 0) {
         int rc = pthread_cond_wait(&queueCond, &queueMutex);
-        if (rc == 0)
+        if (rc == 0) {
             continue;
+        }
         LOGE("txLoop: conditional wait failed: %d\n", rc);
         rc = pthread_mutex_unlock(&queueMutex);
-        if (rc != 0)
+        if (rc != 0) {
             LOGE("txLoop: unlock failed: %d\n", rc);
+        }
         return false;
     }
     return true;
@@ -142,13 +152,15 @@ bool UafIpc::waitForMsg() {
 
 UafIpcQueueEntry* UafIpc::takeOldest() {
     UafIpcQueueEntry* const entry = msgQueue.first;
-    if (entry == nullptr)
+    if (entry == nullptr) {
         return nullptr;
+    }
     *entry->prevNext = entry->next;
-    if (entry->next != nullptr)
+    if (entry->next != nullptr) {
         entry->next->prevNext = entry->prevNext;
-    else
+    } else {
         msgQueue.tail = entry->prevNext;
+    }
     msgQueueLen--;
     return entry;
 }

@@ -14,12 +14,15 @@ const char* afterPrefix(const char* text, const char* prefix) {
 }
 
 NetlinkEvent::Action actionFromName(const char* name, NetlinkEvent::Action otherwise) {
-    if (strcmp(name, "add") == 0)
+    if (strcmp(name, "add") == 0) {
         return NetlinkEvent::Action::kAdd;
-    if (strcmp(name, "remove") == 0)
+    }
+    if (strcmp(name, "remove") == 0) {
         return NetlinkEvent::Action::kRemove;
-    if (strcmp(name, "change") == 0)
+    }
+    if (strcmp(name, "change") == 0) {
         return NetlinkEvent::Action::kChange;
+    }
     return otherwise;
 }
 
@@ -31,38 +34,44 @@ NetlinkEvent::~NetlinkEvent() = default;
 
 bool NetlinkEvent::decode(char* buffer, int size, int format) {
     clear();
-    if (buffer == nullptr || size <= 0 || format != FORMAT_ASCII)
+    if (buffer == nullptr || size <= 0 || format != FORMAT_ASCII) {
         return false;
+    }
     const size_t length = static_cast<size_t>(size);
     mText.reset(new (std::nothrow) char[length + 1]);
-    if (mText == nullptr)
+    if (mText == nullptr) {
         return false;
+    }
     memcpy(mText.get(), buffer, length);
     mText[length] = '\0';
 
     const char* text = mText.get();
     const char* const end = text + length;
-    if (strchr(text, '@') == nullptr)
+    if (strchr(text, '@') == nullptr) {
         return false;
-    for (text += strlen(text) + 1; text < end; text += strlen(text) + 1)
+    }
+    for (text += strlen(text) + 1; text < end; text += strlen(text) + 1) {
         takeField(text);
+    }
     return true;
 }
 
 void NetlinkEvent::takeField(const char* text) {
-    if (const char* const action = afterPrefix(text, "ACTION="))
+    if (const char* const action = afterPrefix(text, "ACTION=")) {
         mAction = actionFromName(action, mAction);
-    else if (const char* const subsystem = afterPrefix(text, "SUBSYSTEM="))
+    } else if (const char* const subsystem = afterPrefix(text, "SUBSYSTEM=")) {
         mSubsystem = subsystem;
-    else if (afterPrefix(text, "SEQNUM=") == nullptr && mParamCount < NL_PARAMS_MAX)
+    } else if (afterPrefix(text, "SEQNUM=") == nullptr && mParamCount < NL_PARAMS_MAX) {
         mParams[mParamCount++] = text;
+    }
 }
 
 const char* NetlinkEvent::findParam(const char* paramName) {
     for (int i = 0; i < mParamCount; i++) {
         const char* const rest = afterPrefix(mParams[i], paramName);
-        if (rest != nullptr && *rest == '=')
+        if (rest != nullptr && *rest == '=') {
             return rest + 1;
+        }
     }
     return nullptr;
 }

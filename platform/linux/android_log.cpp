@@ -56,12 +56,14 @@ bool isLineEnd(char c) {
 // Makes the text one line, without a line end.
 void flatten(char* text) {
     size_t length = strlen(text);
-    while (length > 0 && isLineEnd(text[length - 1]))
+    while (length > 0 && isLineEnd(text[length - 1])) {
         length--;
+    }
     text[length] = '\0';
     for (size_t i = 0; i < length; i++) {
-        if (isLineEnd(text[i]))
+        if (isLineEnd(text[i])) {
             text[i] = ' ';
+        }
     }
 }
 
@@ -82,8 +84,9 @@ size_t formatLine(char (&line)[LINE_BYTES], int prio, const char* tag, const cha
 // Writes if that cannot wait. A stopped reader must not freeze an audio thread.
 int writeWithoutWaiting(const char* line, size_t length) {
     pollfd out = {STDERR_FILENO, POLLOUT, 0};
-    if (poll(&out, 1, 0) != 1)
+    if (poll(&out, 1, 0) != 1) {
         return -EAGAIN;
+    }
     const ssize_t written = write(STDERR_FILENO, line, length);
     return written < 0 ? -errno : static_cast<int>(written);
 }
@@ -116,8 +119,9 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     char text[TEXT_BYTES];
     va_list arguments;
     va_start(arguments, fmt);
-    if (vsnprintf(text, sizeof text, fmt, arguments) < 0)
+    if (vsnprintf(text, sizeof text, fmt, arguments) < 0) {
         text[0] = '\0';
+    }
     va_end(arguments);
     flatten(text);
 

@@ -23,10 +23,12 @@ size_t readValue(int fd, char* value) {
     size_t length = 0;
     while (length < VALUE_LENGTH_MAX) {
         const ssize_t got = read(fd, value + length, VALUE_LENGTH_MAX - length);
-        if (got == 0 || (got < 0 && errno != EINTR))
+        if (got == 0 || (got < 0 && errno != EINTR)) {
             break;
-        if (got > 0)
+        }
+        if (got > 0) {
             length += static_cast<size_t>(got);
+        }
     }
     return length;
 }
@@ -35,13 +37,15 @@ size_t readValue(int fd, char* value) {
 
 int __system_property_get(const char* name, char* value) {
     value[0] = '\0';
-    if (!isPropertyName(name))
+    if (!isPropertyName(name)) {
         return 0;
+    }
     char path[sizeof PROPERTIES_DIR + 1 + NAME_MAX];
     snprintf(path, sizeof path, "%s/%s", PROPERTIES_DIR, name);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
         return 0;
+    }
     value[readValue(fd, value)] = '\0';
     close(fd);
     value[strcspn(value, "\r\n")] = '\0';
