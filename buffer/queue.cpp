@@ -1,0 +1,126 @@
+#include "buffer/queue.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+namespace {
+
+// How many of the `n` bytes at `position` lie before the end of the storage.
+size_t beforeEnd(const QUEUE_Ctx* ctx, const uint8_t* position, size_t n) {
+    return std::min(n, static_cast<size_t>(ctx->bufEnd - position));
+}
+
+// Steps over `n` bytes; a step that ends exactly at the end of the storage lands on its start.
+uint8_t* advance(const QUEUE_Ctx* ctx, uint8_t* position, size_t n) {
+    const auto room = static_cast<size_t>(ctx->bufEnd - position);
+    return n < room ? position + n : ctx->bufStart + (n - room);
+}
+
+int32_t QueueEnqueueFromBuff(QUEUE_Ctx* ctx, const uint8_t* src, int32_t n) {
+    if (n > ctx->size - ctx->depth) {
+        return QUEUE_FULL;
+    }
+    const auto bytes = static_cast<size_t>(n);
+    const size_t head = beforeEnd(ctx, ctx->writePtr, bytes);
+    memmove(ctx->writePtr, src, head);
+    if (head < bytes) {
+        memmove(ctx->bufStart, src + head, bytes - head);
+    }
+    ctx->writePtr = advance(ctx, ctx->writePtr, bytes);
+    ctx->depth += n;
+    return QUEUE_OK;
+}
+
+int32_t QueueDequeueToBuff(QUEUE_Ctx* ctx, uint8_t* dst, int32_t n) {
+    if (ctx->depth < n) {
+        memset(dst, 0, static_cast<size_t>(n));
+        n = ctx->depth;
+    }
+    const auto bytes = static_cast<size_t>(n);
+    const size_t head = beforeEnd(ctx, ctx->readPtr, bytes);
+    memmove(dst, ctx->readPtr, head);
+    if (head < bytes) {
+        memmove(dst + head, ctx->bufStart, bytes - head);
+    }
+    ctx->readPtr = advance(ctx, ctx->readPtr, bytes);
+    ctx->depth -= n;
+    return QUEUE_OK;
+}
+
+// The checks that both directions share; QUEUE_OK lets the transfer go ahead.
+int32_t checkTransfer(const QUEUE_Ctx* ctx, const void* data, int32_t n) {
+    if (ctx == nullptr) {
+        return QUEUE_NULL_CONTEXT;
+    }
+    if (data == nullptr) {
+        return QUEUE_NULL_DATA;
+    }
+    return n < 0 || n > ctx->size ? QUEUE_BAD_LENGTH : QUEUE_OK;
+}
+
+}  // namespace
+
+uint32_t QUEUE_GetContextSize(void) {
+    return sizeof(QUEUE_Ctx);
+}
+
+int32_t QUEUE_InitContext(QUEUE_Ctx* ctx) {
+    if (ctx == nullptr) {
+        return QUEUE_NULL_CONTEXT;
+    }
+    *ctx = QUEUE_Ctx{};
+    return QUEUE_OK;
+}
+
+int32_t QUEUE_SetBuffer(QUEUE_Ctx* ctx, void* storage, int32_t size) {
+    if (ctx == nullptr) {
+        return QUEUE_NULL_CONTEXT;
+    }
+    if (storage == nullptr) {
+        return QUEUE_NULL_DATA;
+    }
+    if (size < 1 || size % 4 != 0) {
+        return QUEUE_BAD_SIZE;
+    }
+    ctx->bufStart = ctx->readPtr = ctx->writePtr = static_cast<uint8_t*>(storage);
+    ctx->bufEnd = ctx->bufStart + size;
+    ctx->size = size;
+    return QUEUE_OK;
+}
+
+int32_t QUEUE_Clear(QUEUE_Ctx* ctx) {
+    if (ctx == nullptr) {
+        return QUEUE_NULL_CONTEXT;
+    }
+    ctx->readPtr = ctx->writePtr = ctx->bufStart;
+    ctx->depth = 0;
+    return QUEUE_OK;
+}
+
+int32_t QUEUE_EnqueueFromBuff(QUEUE_Ctx* ctx, const void* src, int32_t n) {
+    const int32_t status = checkTransfer(ctx, src, n);
+    if (status != QUEUE_OK || n == 0) {
+        return status;
+    }
+    return QueueEnqueueFromBuff(ctx, static_cast<const uint8_t*>(src), n);
+}
+
+int32_t QUEUE_DequeueToBuff(QUEUE_Ctx* ctx, void* dst, int32_t n) {
+    const int32_t status = checkTransfer(ctx, dst, n);
+    if (status != QUEUE_OK || n == 0) {
+        return status;
+    }
+    return QueueDequeueToBuff(ctx, static_cast<uint8_t*>(dst), n);
+}
+
+int32_t QUEUE_GetDepth(const QUEUE_Ctx* ctx, uint32_t* depth) {
+    if (ctx == nullptr) {
+        return QUEUE_NULL_CONTEXT;
+    }
+    if (depth == nullptr) {
+        return QUEUE_NULL_DATA;
+    }
+    *depth = static_cast<uint32_t>(ctx->depth);
+    return QUEUE_OK;
+}
