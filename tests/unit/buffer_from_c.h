@@ -1,0 +1,13 @@
+// The buffer modules as a C program sees them; called by ssrs_setup_test.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Takes both modules through their calls. Returns 0, or the line of the first call that went wrong.
+int bufferFromC(void);
+
+#ifdef __cplusplus
+}
+#endif
