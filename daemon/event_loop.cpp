@@ -26,9 +26,9 @@ int16_t volumeOf(uint32_t data) {
 void EventLoop::run(int controlFd) {
     UacUserMsgT record{INVALID_EVENT, 0};
     for (;;) {
-        // What the read returns is only logged. A short read leaves the rest of the record as it was,
-        // and after a failed one the record before is handled once more: every event states what is
-        // so, not what changed, and handling it again changes nothing.
+        // What the read returns is only logged. A short read leaves the rest of the record as it
+        // was, and after a failed one the record before is handled once more: every event states
+        // what is so, not what changed, and handling it again changes nothing.
         const ssize_t size = read(controlFd, &record, sizeof record);
         handle(record, static_cast<int>(size));
     }
