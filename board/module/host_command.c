@@ -226,7 +226,7 @@ static const struct command commands[] = {
 	{ "unplug", 1, 1, run_unplug },
 	{ "plug", 1, 1, run_plug },
 	{ "reenumerate", 1, 1, run_reenumerate },
-	{ "fault", 3, 5, fault_command },
+	{ "fault", 2, 5, fault_command },
 	{ "log", 1, COMMAND_ARGS, run_log },
 };
 
