@@ -1,0 +1,44 @@
+#include "tests/support/fake_ipc.h"
+
+#include <mutex>
+
+#include "ipc/uaf_ipc.h"
+
+namespace {
+
+std::mutex queuedMutex;
+std::vector<fake_ipc::Message>& queued() {
+    static auto* const stored = new std::vector<fake_ipc::Message>;
+    return *stored;
+}
+
+}  // namespace
+
+namespace fake_ipc {
+
+std::vector<Message> messages() {
+    const std::lock_guard<std::mutex> lock(queuedMutex);
+    return queued();
+}
+
+void clear() {
+    const std::lock_guard<std::mutex> lock(queuedMutex);
+    queued().clear();
+    onMessage() = nullptr;
+}
+
+std::function<void(const Message&)>& onMessage() {
+    static auto* const hook = new std::function<void(const Message&)>;
+    return *hook;
+}
+
+}  // namespace fake_ipc
+
+void UafIpc::queueMsg(const UsbAudioMsgT& msg) {
+    const fake_ipc::Message message{msg.type, msg.data};
+    if (fake_ipc::onMessage()) {
+        fake_ipc::onMessage()(message);
+    }
+    const std::lock_guard<std::mutex> lock(queuedMutex);
+    queued().push_back(message);
+}

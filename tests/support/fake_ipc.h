@@ -1,0 +1,25 @@
+// Stands in for the queue of messages to the companion app: keeps every message for comparison.
+// Linked by tests of the parts that only produce messages; the real queue is left out then.
+//
+// Any thread may queue; a test reads copies.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <utility>
+#include <vector>
+
+namespace fake_ipc {
+
+using Message = std::pair<uint32_t, uint32_t>;  // type, data
+
+// Every message since the last clear(), oldest first.
+std::vector<Message> messages();
+// Forgets the messages and the hook.
+void clear();
+
+// Called for each message when set, on the thread that queues it, without a lock held. Set before
+// the threads that queue start.
+std::function<void(const Message&)>& onMessage();
+
+}  // namespace fake_ipc
