@@ -46,6 +46,7 @@ int __real_pthread_cond_broadcast(pthread_cond_t* condition);
 int __real_pthread_attr_setschedpolicy(pthread_attr_t* attributes, int policy);
 int __real_pthread_attr_getschedparam(const pthread_attr_t* attributes, sched_param* parameters);
 int __real_pthread_attr_setschedparam(pthread_attr_t* attributes, const sched_param* parameters);
+int __real_pthread_attr_destroy(pthread_attr_t* attributes);
 }
 
 namespace fake_sys {
@@ -181,6 +182,9 @@ int pthread_attr_getschedparam(const pthread_attr_t* attributes, sched_param* pa
 int pthread_attr_setschedparam(pthread_attr_t* attributes, const sched_param* parameters) {
     return __real_pthread_attr_setschedparam(attributes, parameters);
 }
+int pthread_attr_destroy(pthread_attr_t* attributes) {
+    return __real_pthread_attr_destroy(attributes);
+}
 
 }  // namespace real
 }  // namespace fake_sys
@@ -313,6 +317,10 @@ int __wrap_pthread_attr_setschedparam(pthread_attr_t* attributes, const sched_pa
     return hooks().pthread_attr_setschedparam
                ? hooks().pthread_attr_setschedparam(attributes, parameters)
                : real::pthread_attr_setschedparam(attributes, parameters);
+}
+int __wrap_pthread_attr_destroy(pthread_attr_t* attributes) {
+    return hooks().pthread_attr_destroy ? hooks().pthread_attr_destroy(attributes)
+                                        : real::pthread_attr_destroy(attributes);
 }
 int __wrap_fcntl(int fd, int command, ...) {
     va_list arguments;

@@ -55,6 +55,7 @@ struct Hooks {
     std::function<int(pthread_attr_t*, int)> pthread_attr_setschedpolicy;
     std::function<int(const pthread_attr_t*, sched_param*)> pthread_attr_getschedparam;
     std::function<int(pthread_attr_t*, const sched_param*)> pthread_attr_setschedparam;
+    std::function<int(pthread_attr_t*)> pthread_attr_destroy;
     // The variadic calls, with their one optional argument as a number or pointer-sized value.
     std::function<int(int fd, int command, long argument)> fcntl;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
@@ -103,6 +104,7 @@ int pthread_cond_broadcast(pthread_cond_t* condition);
 int pthread_attr_setschedpolicy(pthread_attr_t* attributes, int policy);
 int pthread_attr_getschedparam(const pthread_attr_t* attributes, sched_param* parameters);
 int pthread_attr_setschedparam(pthread_attr_t* attributes, const sched_param* parameters);
+int pthread_attr_destroy(pthread_attr_t* attributes);
 int fcntl(int fd, int command, long argument);
 int ioctl(int fd, unsigned long request, void* argument);
 }  // namespace real

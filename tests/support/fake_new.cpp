@@ -1,0 +1,43 @@
+#include "tests/support/fake_new.h"
+
+#include <atomic>
+#include <cstddef>
+#include <new>
+
+namespace {
+
+constexpr int NEVER = -1;
+std::atomic<int> successesLeft{NEVER};
+
+bool failsNow() {
+    return successesLeft.load() != NEVER && successesLeft.fetch_sub(1) == 0;
+}
+
+}  // namespace
+
+namespace fake_new {
+
+void failAfter(int successes) {
+    successesLeft = successes;
+}
+
+void reset() {
+    successesLeft = NEVER;
+}
+
+}  // namespace fake_new
+
+// The linker's --wrap under the operators' mangled names: the sanitizers bring operators of their
+// own, which a definition here would collide with.
+extern "C" {
+void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
+void* __real__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
+
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
+    return failsNow() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+
+void* __wrap__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
+    return failsNow() ? nullptr : __real__ZnamRKSt9nothrow_t(size, tag);
+}
+}

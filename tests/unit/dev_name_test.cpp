@@ -1,0 +1,125 @@
+// A channel's device name: copied on set, read without a lock, and kept as long as a reader may
+// hold it.
+#include "channel/dev_name.h"
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/fake_new.h"
+#include "tests/support/fake_sys.h"
+
+namespace {
+
+class DevNameTest : public fake_sys::Test {
+  protected:
+    void TearDown() override {
+        fake_new::reset();
+        fake_sys::Test::TearDown();
+    }
+    DevName name;
+};
+
+TEST_F(DevNameTest, IsUnsetAtFirst) {
+    EXPECT_EQ(nullptr, name.load());
+}
+
+TEST_F(DevNameTest, KeepsACopyOfTheText) {
+    char text[] = "hw:1";
+    name.set(text);
+    text[3] = '9';
+    EXPECT_STREQ("hw:1", name.load());
+}
+
+TEST_F(DevNameTest, TakesTheNewestText) {
+    name.set("hw:1");
+    name.set("hw:2");
+    EXPECT_STREQ("hw:2", name.load());
+}
+
+TEST_F(DevNameTest, NullUnsetsTheName) {
+    name.set("hw:1");
+    name.set(nullptr);
+    EXPECT_EQ(nullptr, name.load());
+    name.set(nullptr);
+    EXPECT_EQ(nullptr, name.load());
+}
+
+TEST_F(DevNameTest, EmptyTextIsAName) {
+    name.set("");
+    EXPECT_STREQ("", name.load());
+}
+
+TEST_F(DevNameTest, ReplacedCopiesStayReadable) {
+    name.set("first");
+    const char* const first = name.load();
+    name.set("second");
+    const char* const second = name.load();
+    name.set(nullptr);
+    name.set("third");
+    EXPECT_STREQ("first", first);
+    EXPECT_STREQ("second", second);
+}
+
+TEST_F(DevNameTest, FreeingTheReplacedKeepsTheCurrentCopy) {
+    name.set("first");
+    name.set("second");
+    name.freeReplaced();
+    name.freeReplaced();
+    EXPECT_STREQ("second", name.load());
+}
+
+TEST_F(DevNameTest, IsUnsetWhenTheTextCannotBeCopied) {
+    name.set("hw:1");
+    fake_sys::hooks().strdup = [](const char*) { return nullptr; };
+    name.set("hw:2");
+    EXPECT_EQ(nullptr, name.load());
+    fake_sys::reset();
+    name.set("hw:3");
+    EXPECT_STREQ("hw:3", name.load());
+}
+
+TEST_F(DevNameTest, IsUnsetWhenTheCopyCannotBeKept) {
+    name.set("hw:1");
+    fake_new::failAfter(0);
+    name.set("hw:2");
+    EXPECT_EQ(nullptr, name.load());
+    name.set("hw:3");
+    EXPECT_STREQ("hw:3", name.load());
+}
+
+TEST_F(DevNameTest, PrintsAnUnsetNameAsNull) {
+    EXPECT_STREQ("(null)", DevName::printable(nullptr));
+    EXPECT_STREQ("hw:1", DevName::printable("hw:1"));
+}
+
+// A reader sees one of the texts, whole, or none, while they are set and cleared under it.
+TEST_F(DevNameTest, ReaderSeesWholeTextsWhileTheyAreReplaced) {
+    std::atomic<bool> done{false};
+    std::atomic<int> seen{0};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        while (!done) {
+            const char* const text = name.load();
+            if (text != nullptr) {
+                ++seen;
+                const std::string copy = text;
+                torn += copy != "hw:1" && copy != "/tmp/usbAudioFifoTx";
+            }
+        }
+    });
+    for (int i = 0; i < 1000 || seen < 1000; ++i) {
+        name.set(i % 2 == 0 ? "hw:1" : "/tmp/usbAudioFifoTx");
+        if (i % 8 == 0) {
+            std::this_thread::yield();
+            name.set(nullptr);
+        }
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(0, torn);
+}
+
+}  // namespace
