@@ -7,9 +7,17 @@
 
 #include <android/log.h>
 
+#include "tests/support/fake_sys.h"
+
 namespace {
 
-std::mutex linesMutex;
+using Guard = std::lock_guard<fake_sys::Mutex>;
+
+fake_sys::Mutex& linesMutex() {
+    static auto* const mutex = new fake_sys::Mutex;
+    return *mutex;
+}
+
 std::vector<fake_log::Line>& storedLines() {
     static auto* const stored = new std::vector<fake_log::Line>;
     return *stored;
@@ -24,7 +32,7 @@ std::ostream& operator<<(std::ostream& out, const Line& line) {
 }
 
 std::vector<Line> lines() {
-    const std::lock_guard<std::mutex> lock(linesMutex);
+    const Guard guard(linesMutex());
     return storedLines();
 }
 
@@ -34,7 +42,7 @@ int count(int priority, const std::string& tag, const std::string& text) {
 }
 
 void clear() {
-    const std::lock_guard<std::mutex> lock(linesMutex);
+    const Guard guard(linesMutex());
     storedLines().clear();
 }
 
@@ -46,7 +54,7 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     va_start(arguments, format);
     const int length = vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    const std::lock_guard<std::mutex> lock(linesMutex);
+    const Guard guard(linesMutex());
     storedLines().push_back({priority, tag, text});
     return length;
 }

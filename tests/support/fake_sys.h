@@ -109,6 +109,16 @@ int fcntl(int fd, int command, long argument);
 int ioctl(int fd, unsigned long request, void* argument);
 }  // namespace real
 
+// A lock for the stand-ins and for hooks themselves: the pthread_mutex hooks never see it.
+class Mutex {
+  public:
+    void lock() { real::pthread_mutex_lock(&mutex); }
+    void unlock() { real::pthread_mutex_unlock(&mutex); }
+
+  private:
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
 // A fixture that starts and ends with no hooks set and an empty log.
 class Test : public ::testing::Test {
   protected:
