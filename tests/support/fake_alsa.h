@@ -1,0 +1,124 @@
+// Stands in for alsa-lib, linked instead of it: every snd_ call of the daemon is recorded and then
+// answered by the first of these that has something to say: a scripted answer, a hook, the device.
+//
+// The device is driven by time that never passes by itself: each PCM has a clock of its own, which
+// moves when a wait or a transfer has to wait, or when a test advances it. Its fill level follows
+// from that clock and the stream's rate. Every call may come from any thread; hooks and scripts are
+// set before the threads that meet them start, like those of fake_sys.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <alsa/asoundlib.h>
+
+#include "tests/support/fake_sys.h"
+
+namespace fake_alsa {
+
+// ---- The record --------------------------------------------------------------------------------
+
+// Every call since the start or clearCalls(), oldest first, as "snd_pcm_wait(pcm0, 10)". PCMs are
+// numbered in the order of their opening; pointers that carry a value show the value handed in:
+//   snd_pcm_open(hw:1, CAPTURE, 0)                  snd_pcm_readi(pcm0, 240)
+//   snd_pcm_hw_params_any(pcm0, zeroed)             snd_pcm_hw_params_set_access(pcm0,
+//   RW_INTERLEAVED) snd_pcm_hw_params_set_rate_near(pcm0, 48000, 0)
+//   snd_pcm_hw_params_set_format(pcm0, S16_LE) snd_ctl_open(hw:0, 0) snd_card_next(-1)
+// "zeroed" is "dirty" when the container was not filled with zeros. The ..._sizeof calls and
+// snd_strerror are not recorded.
+std::vector<std::string> calls();
+// Those of one function.
+std::vector<std::string> callsOf(const std::string& function);
+int count(const std::string& function);
+void clearCalls();
+
+// ---- Scripted answers --------------------------------------------------------------------------
+
+// The `nth` call of `function` from now on (1 = the next one) returns `result`, usually a negative
+// code, and does nothing else.
+void answerAt(const std::string& function, int nth, long result);
+// So does every call from now on that has no answer of its own; until stopAnswering().
+void answerAlways(const std::string& function, long result);
+// Forgets what is scripted for `function`.
+void stopAnswering(const std::string& function);
+
+// ---- Hooks -------------------------------------------------------------------------------------
+
+// Called on the caller's thread without any lock of the stand-in: a hook may call whatever it
+// likes, block, or end the thread. device::NAME below is what an unset hook does.
+struct Hooks {
+    // Every recorded call, as it stands in the record, before it is answered.
+    std::function<void(const std::string& call)> before;
+    std::function<int(snd_pcm_t*, int timeoutMs)> wait;
+    std::function<snd_pcm_state_t(snd_pcm_t*)> state;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*)> availUpdate;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*, int16_t*, snd_pcm_uframes_t)> readi;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*, const int16_t*, snd_pcm_uframes_t)> writei;
+};
+Hooks& hooks();
+
+namespace device {
+int wait(snd_pcm_t* pcm, int timeoutMs);
+snd_pcm_state_t state(snd_pcm_t* pcm);
+snd_pcm_sframes_t availUpdate(snd_pcm_t* pcm);
+snd_pcm_sframes_t readi(snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t frames);
+snd_pcm_sframes_t writei(snd_pcm_t* pcm, const int16_t* samples, snd_pcm_uframes_t frames);
+}  // namespace device
+
+// ---- The device --------------------------------------------------------------------------------
+
+// How a device answers to its parameters; taken over when it is opened.
+struct Device {
+    unsigned grantedRate = 0;             // 0 = as asked
+    int rateDirection = 0;                // what the rate call leaves in the direction
+    snd_pcm_uframes_t grantedBuffer = 0;  // frames; 0 = as asked
+    snd_pcm_uframes_t grantedPeriod = 0;  // frames; 0 = as asked
+    int clockPpm = 0;                     // how much faster than its rate the device runs
+};
+Device& nextDevice();
+
+// The PCM opened as number `index` since the start, null when there is none. It can be asked after
+// it was closed.
+snd_pcm_t* pcm(int index);
+int pcmsOpened();     // ever
+int pcmsOpen();       // now
+int controlsOpen();   // snd_ctl handles, now
+int statusObjects();  // snd_pcm_status_t, now
+
+// Lets time pass: the fill level moves on, and a stream that is overdue falls into an xrun.
+void advance(snd_pcm_t* pcm, int64_t ns);
+int64_t elapsedNs(snd_pcm_t* pcm);
+// A stalled device takes and gives nothing while time passes.
+void stall(snd_pcm_t* pcm, bool stalled);
+void setState(snd_pcm_t* pcm, snd_pcm_state_t state);
+
+// Sample number `frame` of what a capture device delivers, from 0 at its first start; never 0, so
+// that it differs from silence. What an xrun loses is missing in the sequence.
+int16_t capturedSample(uint64_t frame);
+// All samples that a playback device has taken.
+std::vector<int16_t> written(snd_pcm_t* pcm);
+
+// ---- The sound cards ---------------------------------------------------------------------------
+
+struct Card {
+    int index;           // of the card, ascending
+    std::string driver;  // its driver's name
+    int openResult = 0;  // of snd_ctl_open
+    int infoResult = 0;  // of snd_ctl_card_info
+};
+void setCards(const std::vector<Card>& cards);
+
+// ---- Fixture -----------------------------------------------------------------------------------
+
+// Everything as at the start: no record, script, hook, card or PCM.
+void reset();
+
+class Test : public fake_sys::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+}  // namespace fake_alsa

@@ -1,0 +1,30 @@
+// What the parts of the fake alsa-lib share: the lock over everything it keeps, and the way a call
+// is recorded and given its scripted answer.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "tests/support/fake_sys.h"
+
+namespace fake_alsa {
+
+// Guards record, scripts, PCMs and cards; never held while a hook runs.
+fake_sys::Mutex& lock();
+using Guard = std::lock_guard<fake_sys::Mutex>;
+
+// Records the call "function(arguments)" and returns its scripted answer, if it has one.
+std::optional<long> record(const std::string& function, const std::string& arguments);
+
+// The recorded call's answer: the scripted one or else what `effect` returns.
+template <typename Effect>
+int answer(const std::string& function, const std::string& arguments, Effect effect) {
+    const std::optional<long> scripted = record(function, arguments);
+    return scripted ? static_cast<int>(*scripted) : effect();
+}
+
+void resetPcms();
+void resetCards();
+
+}  // namespace fake_alsa

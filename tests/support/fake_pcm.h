@@ -1,0 +1,87 @@
+// The PCM behind a handle of the fake alsa-lib, shared by its two halves: the device and the
+// parameters. Everything here is used under fake_alsa::lock().
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_alsa_call.h"
+
+struct _snd_pcm_hw_params {
+    snd_pcm_access_t access;
+    snd_pcm_format_t format;
+    unsigned channels;
+    unsigned rate;
+    snd_pcm_uframes_t buffer;
+    snd_pcm_uframes_t period;
+};
+
+struct _snd_pcm_sw_params {
+    snd_pcm_uframes_t startThreshold;
+    snd_pcm_uframes_t stopThreshold;
+    snd_pcm_uframes_t availMin;
+};
+
+struct _snd_pcm {
+    int index;
+    snd_pcm_stream_t stream;
+    fake_alsa::Device device;
+    bool open = true;
+    bool stalled = false;
+    snd_pcm_state_t state = SND_PCM_STATE_OPEN;
+    snd_pcm_hw_params_t hw{};
+    snd_pcm_sw_params_t sw{};
+    int64_t elapsedNs = 0;       // since the opening
+    int64_t runNs = 0;           // that the stream moved, since the last prepare
+    uint64_t appFrames = 0;      // transferred since the last prepare
+    uint64_t earlierFrames = 0;  // that the device moved before the last prepare
+    std::vector<int16_t> written;
+
+    // Frames that the device moved since the last prepare.
+    uint64_t deviceFrames() const;
+    // How long until it has moved `frames` in all.
+    int64_t nsUntil(uint64_t frames) const;
+    snd_pcm_sframes_t avail() const;
+    // Lets time pass.
+    void pass(int64_t ns);
+    // 1 when `wanted` frames are there, 0 when the limit passed first, or the state's error.
+    int waitForAvail(snd_pcm_uframes_t wanted, int64_t limitNs);
+    int stateError() const;
+    void prepare();
+};
+
+namespace fake_alsa {
+
+inline std::string nameOf(const snd_pcm_t* pcm) {
+    return pcm != nullptr ? "pcm" + std::to_string(pcm->index) : "null";
+}
+
+template <typename... Values>
+std::string arguments(const snd_pcm_t* pcm, Values... values) {
+    std::string text = nameOf(pcm);
+    ((text += ", " + std::to_string(values)), ...);
+    return text;
+}
+
+// A call with a handle that is not open is the daemon's mistake, whatever the call does.
+bool isUsable(const snd_pcm_t* pcm);
+
+// Records a call with a PCM; `effect` runs under the lock.
+template <typename Effect>
+int answerPcm(const char* function, snd_pcm_t* pcm, const std::string& text, Effect effect) {
+    const bool usable = isUsable(pcm);
+    return answer(function, text, [&] {
+        const Guard guard(lock());
+        return usable ? effect() : -EBADFD;
+    });
+}
+
+template <typename Effect>
+int answerPcm(const char* function, snd_pcm_t* pcm, Effect effect) {
+    return answerPcm(function, pcm, nameOf(pcm), effect);
+}
+
+}  // namespace fake_alsa

@@ -1,0 +1,144 @@
+// Hardware and software parameters of the fake alsa-lib's PCMs.
+#include "tests/support/fake_pcm.h"
+
+using fake_alsa::answerPcm;
+using fake_alsa::arguments;
+using fake_alsa::nameOf;
+
+namespace {
+
+// What a driver chooses when it is not asked for a size.
+constexpr snd_pcm_uframes_t DEFAULT_BUFFER = 4096;
+constexpr snd_pcm_uframes_t DEFAULT_PERIOD = 1024;
+
+template <typename Container>
+const char* fillOf(const Container* container) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(container);
+    const bool zeroed =
+        std::all_of(bytes, bytes + sizeof *container, [](unsigned char byte) { return byte == 0; });
+    return zeroed ? ", zeroed" : ", dirty";
+}
+
+}  // namespace
+
+extern "C" {
+
+size_t snd_pcm_hw_params_sizeof() {
+    return sizeof(snd_pcm_hw_params_t);
+}
+
+int snd_pcm_hw_params_any(snd_pcm_t* pcm, snd_pcm_hw_params_t* params) {
+    return answerPcm("snd_pcm_hw_params_any", pcm, nameOf(pcm) + fillOf(params), [params] {
+        params->buffer = DEFAULT_BUFFER;
+        params->period = DEFAULT_PERIOD;
+        return 0;
+    });
+}
+
+int snd_pcm_hw_params_set_access(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
+                                 snd_pcm_access_t access) {
+    const std::string text = access == SND_PCM_ACCESS_RW_INTERLEAVED ? "RW_INTERLEAVED" : "other";
+    return answerPcm("snd_pcm_hw_params_set_access", pcm, nameOf(pcm) + ", " + text, [&] {
+        params->access = access;
+        return 0;
+    });
+}
+
+int snd_pcm_hw_params_set_format(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
+                                 snd_pcm_format_t format) {
+    const std::string text = format == SND_PCM_FORMAT_S16_LE ? "S16_LE" : "other";
+    return answerPcm("snd_pcm_hw_params_set_format", pcm, nameOf(pcm) + ", " + text, [&] {
+        params->format = format;
+        return 0;
+    });
+}
+
+int snd_pcm_hw_params_set_channels(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, unsigned channels) {
+    return answerPcm("snd_pcm_hw_params_set_channels", pcm, arguments(pcm, channels), [&] {
+        params->channels = channels;
+        return 0;
+    });
+}
+
+int snd_pcm_hw_params_set_rate_near(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, unsigned* rate,
+                                    int* direction) {
+    return answerPcm("snd_pcm_hw_params_set_rate_near", pcm, arguments(pcm, *rate, *direction),
+                     [&] {
+                         *rate = pcm->device.grantedRate != 0 ? pcm->device.grantedRate : *rate;
+                         *direction = pcm->device.rateDirection;
+                         params->rate = *rate;
+                         return 0;
+                     });
+}
+
+int snd_pcm_hw_params_set_buffer_size_near(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
+                                           snd_pcm_uframes_t* frames) {
+    return answerPcm("snd_pcm_hw_params_set_buffer_size_near", pcm, arguments(pcm, *frames), [&] {
+        *frames = pcm->device.grantedBuffer != 0 ? pcm->device.grantedBuffer : *frames;
+        params->buffer = *frames;
+        return 0;
+    });
+}
+
+int snd_pcm_hw_params_set_period_size_near(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
+                                           snd_pcm_uframes_t* frames, int* direction) {
+    return answerPcm(
+        "snd_pcm_hw_params_set_period_size_near", pcm, arguments(pcm, *frames, *direction), [&] {
+            *frames = pcm->device.grantedPeriod != 0 ? pcm->device.grantedPeriod : *frames;
+            params->period = *frames;
+            return 0;
+        });
+}
+
+int snd_pcm_hw_params(snd_pcm_t* pcm, snd_pcm_hw_params_t* params) {
+    return answerPcm("snd_pcm_hw_params", pcm, [&] {
+        pcm->hw = *params;
+        pcm->sw = {1, params->buffer, params->period};
+        pcm->prepare();
+        return 0;
+    });
+}
+
+size_t snd_pcm_sw_params_sizeof() {
+    return sizeof(snd_pcm_sw_params_t);
+}
+
+int snd_pcm_sw_params_current(snd_pcm_t* pcm, snd_pcm_sw_params_t* params) {
+    return answerPcm("snd_pcm_sw_params_current", pcm, nameOf(pcm) + fillOf(params), [&] {
+        *params = pcm->sw;
+        return 0;
+    });
+}
+
+int snd_pcm_sw_params_set_start_threshold(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
+                                          snd_pcm_uframes_t frames) {
+    return answerPcm("snd_pcm_sw_params_set_start_threshold", pcm, arguments(pcm, frames), [&] {
+        params->startThreshold = frames;
+        return 0;
+    });
+}
+
+int snd_pcm_sw_params_set_stop_threshold(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
+                                         snd_pcm_uframes_t frames) {
+    return answerPcm("snd_pcm_sw_params_set_stop_threshold", pcm, arguments(pcm, frames), [&] {
+        params->stopThreshold = frames;
+        return 0;
+    });
+}
+
+int snd_pcm_sw_params_set_avail_min(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
+                                    snd_pcm_uframes_t frames) {
+    return answerPcm("snd_pcm_sw_params_set_avail_min", pcm, arguments(pcm, frames), [&] {
+        params->availMin = frames;
+        return 0;
+    });
+}
+
+int snd_pcm_sw_params(snd_pcm_t* pcm, snd_pcm_sw_params_t* params) {
+    return answerPcm("snd_pcm_sw_params", pcm, [&] {
+        pcm->sw = *params;
+        return 0;
+    });
+}
+
+}  // extern "C"
