@@ -3,10 +3,13 @@
 #include <mutex>
 
 #include "ipc/uaf_ipc.h"
+#include "tests/support/fake_sys.h"
 
 namespace {
 
-std::mutex queuedMutex;
+using Guard = std::lock_guard<fake_sys::Mutex>;
+
+fake_sys::Mutex queuedMutex;
 std::vector<fake_ipc::Message>& queued() {
     static auto* const stored = new std::vector<fake_ipc::Message>;
     return *stored;
@@ -17,12 +20,12 @@ std::vector<fake_ipc::Message>& queued() {
 namespace fake_ipc {
 
 std::vector<Message> messages() {
-    const std::lock_guard<std::mutex> lock(queuedMutex);
+    const Guard guard(queuedMutex);
     return queued();
 }
 
 void clear() {
-    const std::lock_guard<std::mutex> lock(queuedMutex);
+    const Guard guard(queuedMutex);
     queued().clear();
     onMessage() = nullptr;
 }
@@ -39,6 +42,6 @@ void UafIpc::queueMsg(const UsbAudioMsgT& msg) {
     if (fake_ipc::onMessage()) {
         fake_ipc::onMessage()(message);
     }
-    const std::lock_guard<std::mutex> lock(queuedMutex);
+    const Guard guard(queuedMutex);
     queued().push_back(message);
 }

@@ -34,6 +34,7 @@ int __real_sigaction(int number, const struct sigaction* action, struct sigactio
 char* __real_strdup(const char* text);
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
+void __real_free(void* memory);
 int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t id, void** result);
@@ -151,6 +152,9 @@ void* malloc(size_t size) {
 }
 void* calloc(size_t count, size_t size) {
     return __real_calloc(count, size);
+}
+void free(void* memory) {
+    __real_free(memory);
 }
 int pthread_join(pthread_t id, void** result) {
     return __real_pthread_join(id, result);
@@ -270,6 +274,9 @@ void* __wrap_malloc(size_t size) {
 }
 void* __wrap_calloc(size_t count, size_t size) {
     return hooks().calloc ? hooks().calloc(count, size) : real::calloc(count, size);
+}
+void __wrap_free(void* memory) {
+    hooks().free ? hooks().free(memory) : real::free(memory);
 }
 int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {

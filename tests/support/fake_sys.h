@@ -44,6 +44,7 @@ struct Hooks {
     std::function<char*(const char*)> strdup;
     std::function<void*(size_t)> malloc;
     std::function<void*(size_t, size_t)> calloc;
+    std::function<void(void*)> free;
     std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
     std::function<int(pthread_t, void**)> pthread_join;
     std::function<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
@@ -92,6 +93,7 @@ int sigaction(int number, const struct sigaction* action, struct sigaction* old)
 char* strdup(const char* text);
 void* malloc(size_t size);
 void* calloc(size_t count, size_t size);
+void free(void* memory);
 int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                    void* argument);
 int pthread_join(pthread_t id, void** result);
