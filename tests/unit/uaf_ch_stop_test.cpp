@@ -1,0 +1,197 @@
+// The channel base's debounced stop, and the off request of a thread that a stop joins.
+#include <cerrno>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "channel/uaf_ch.h"
+#include "tests/support/channel_bench.h"
+
+namespace {
+
+using namespace channel_bench;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using UafChStopTest = channel_bench::Test;
+
+// ---- The debounced stop ------------------------------------------------------------------------
+
+TEST_F(UafChStopTest, TheWorkerGoesOnInEveryOtherState) {
+    for (const int state : {UAFCH_RUNNING, UAFCH_STOPPED}) {
+        channel.state = state;
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_TRUE(channel.isRunning());
+        }
+        EXPECT_EQ(0U, channel.stopDelayCnt);
+    }
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
+    startAndSwitchOff();
+    int stateAtStop = 0;
+    std::vector<fake_log::Line> linesAtMessage;
+    channel.onStop = [&] { stateAtStop = channel.state; };
+    fake_ipc::onMessage() = [&](const fake_ipc::Message&) {
+        journal.push_back("message");
+        linesAtMessage = fake_log::lines();
+    };
+    for (uint32_t pass = 1; pass <= 3; ++pass) {
+        EXPECT_TRUE(channel.isRunning());
+        EXPECT_EQ(pass, channel.stopDelayCnt);
+    }
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_FALSE(channel.isRunning());
+    EXPECT_EQ(UAFCH_STOPPING, stateAtStop);
+    EXPECT_THAT(linesAtMessage, IsEmpty());
+    EXPECT_THAT(journal, ElementsAre("lock", "stop", "message", "unlock"));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(OFF_MESSAGE));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("UAF channel stopped. Current state is (2)\n")));
+    EXPECT_EQ(UAFCH_STOPPED, channel.state);
+    EXPECT_EQ(0U, channel.stopDelayCnt);
+    EXPECT_TRUE(channel.joinPending);
+}
+
+TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
+    startAndSwitchOff();
+    beforeNextLock = [this] { channel.intfUpdate(true); };
+    runToStop();
+    EXPECT_EQ(UAFCH_STOPPED, channel.state);
+    EXPECT_EQ(0U, channel.stopDelayCnt);
+    EXPECT_TRUE(channel.joinPending);
+    EXPECT_THAT(journal, ElementsAre("lock", "unlock", "lock", "stop", "message 0", "unlock"));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(debug("intfUpdate to 1, current state 2\n"), debug("stopDelayCnt = 4\n"),
+                    debug("UAF channel stopped. Current state is (1)\n"),
+                    error("ALERT! This should be impossible and can cause inconsistencies "
+                          "in this channel's state.")));
+}
+
+TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
+    startAndSwitchOff();
+    lockResult = EDEADLK;
+    runToStop();
+    EXPECT_EQ(UAFCH_STOPPED, channel.state);
+    EXPECT_THAT(journal, ElementsAre("lock", "stop", "message 0"));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error("intfMutex lock failed when attempting to stop the UAFCH: 35\n"),
+                            debug("UAF channel stopped. Current state is (2)\n")));
+}
+
+TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
+    startAndSwitchOff();
+    unlockResult = EPERM;
+    runToStop();
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("UAF channel stopped. Current state is (2)\n"),
+                            error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
+}
+
+TEST_F(UafChStopTest, TheNextStartJoinsTheFinishedWorkerFirst) {
+    startAndSwitchOff();
+    channel.threadId = OLD_WORKER;
+    runToStop();
+    forget();
+    EXPECT_EQ(0, channel.intfUpdate(true));
+    EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "join 41", "create", "unlock"));
+    EXPECT_FALSE(channel.joinPending);
+    EXPECT_EQ(NEW_WORKER, channel.threadId);
+    EXPECT_EQ(UAFCH_RUNNING, channel.state);
+}
+
+TEST_F(UafChStopTest, AWorkerIsJoinedOnceOnly) {
+    startAndSwitchOff();
+    runToStop();
+    createResult = EAGAIN;
+    EXPECT_EQ(-1, channel.intfUpdate(true));
+    createResult = 0;
+    forget();
+    EXPECT_EQ(0, channel.intfUpdate(true));
+    EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
+}
+
+TEST_F(UafChStopTest, TheDestructorStopsAndJoinsNothing) {
+    {
+        TestChannel short_lived(journal);
+        short_lived.setDevName(FIFO, PCM);
+        short_lived.state = UAFCH_RUNNING;
+        short_lived.joinPending = true;
+    }
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafChStopTest, TheWorkersEntryRunsTheLoop) {
+    EXPECT_EQ(nullptr, UafCh::ChThread(&channel));
+    EXPECT_THAT(journal, ElementsAre("loop"));
+}
+
+// ---- The off request of a thread that a stop joins ---------------------------------------------
+
+TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
+    start();
+    const std::atomic<bool> told{false};
+    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(UAFCH_STOPPING, channel.state);
+    EXPECT_THAT(journal, ElementsAre("trylock", "unlock"));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 1\n")));
+}
+
+TEST_F(UafChStopTest, ARequestedStopGivesUpOnceItsThreadIsToldToStop) {
+    startAndSwitchOff();
+    tryLockResult = EBUSY;
+    std::atomic<bool> told{false};
+    int pauses = 0;
+    fake_sys::hooks().nanosleep = [&](const timespec* pause, timespec*) {
+        EXPECT_EQ(0, pause->tv_sec);
+        EXPECT_EQ(1000000, pause->tv_nsec);
+        told = ++pauses == 3;
+        return 0;
+    };
+    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(3, pauses);
+    EXPECT_EQ(UAFCH_STOPPING, channel.state);
+    EXPECT_THAT(journal, Not(Contains("lock")));
+    EXPECT_THAT(journal, Not(Contains("unlock")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 2\n")));
+}
+
+TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
+    start();
+    tryLockResult = EBUSY;
+    fake_sys::hooks().nanosleep = [&](const timespec*, timespec*) {
+        tryLockResult = 0;
+        return 0;
+    };
+    const std::atomic<bool> told{false};
+    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(UAFCH_STOPPING, channel.state);
+    EXPECT_THAT(journal, ElementsAre("trylock", "trylock", "unlock"));
+}
+
+TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
+    start();
+    tryLockResult = EINVAL;
+    const std::atomic<bool> told{false};
+    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(UAFCH_STOPPING, channel.state);
+    EXPECT_THAT(journal, ElementsAre("trylock"));
+    EXPECT_THAT(fake_log::lines(),
+                Contains(error("intfMutex lock failed, but best effort at this point: 22\n")));
+}
+
+TEST_F(UafChStopTest, ARequestedStopNeedsTheNames) {
+    channel.setDevName(nullptr, nullptr);
+    const std::atomic<bool> told{false};
+    EXPECT_EQ(-1, channel.requestStop(told));
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 3\n"),
+                                               error("devName not set\n")));
+}
+
+}  // namespace

@@ -1,0 +1,217 @@
+// What the channel base gives its streams: messages about volume and mute, the conversion between
+// channel counts, the opening of a FIFO, and the answer to a wait that went wrong.
+#include <cerrno>
+#include <fcntl.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "channel/uaf_ch.h"
+#include "tests/support/channel_bench.h"
+
+namespace {
+
+using namespace channel_bench;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using Samples = std::vector<int16_t>;
+
+class UafChStreamTest : public channel_bench::Test {
+  protected:
+    void SetUp() override {
+        channel_bench::Test::SetUp();
+        fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
+            sleptNs += pause->tv_sec * 1000000000L + pause->tv_nsec;
+            return 0;
+        };
+    }
+
+    void openPcm() { ASSERT_EQ(0, snd_pcm_open(&channel.pcmHandle, PCM, PLAYBACK, 0)); }
+
+    static fake_log::Line debugUnder(const std::string& text) { return {3, "UAFTAG", text}; }
+    static fake_log::Line errorUnder(const std::string& text) { return {6, "UAFTAG", text}; }
+
+    static constexpr snd_pcm_stream_t PLAYBACK = SND_PCM_STREAM_PLAYBACK;
+    long sleptNs = 0;
+};
+
+// ---- Volume and mute ---------------------------------------------------------------------------
+
+TEST_F(UafChStreamTest, AVolumeTravelsInTheLowHalf) {
+    EXPECT_EQ(0, channel.setVolume(-1, 3));
+    EXPECT_EQ(0, channel.setVolume(-32768, 4));
+    EXPECT_EQ(0, channel.setVolume(0x1234, 3));
+    EXPECT_THAT(fake_ipc::messages(),
+                ElementsAre(Pair(3U, 0xFFFFU), Pair(4U, 0x8000U), Pair(3U, 0x1234U)));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(debug("setVolume volume=-1, sending: type=0x00000003, data=0x0000FFFF\n"),
+                    debug("setVolume volume=-32768, sending: type=0x00000004, data=0x00008000\n"),
+                    debug("setVolume volume=4660, sending: type=0x00000003, data=0x00001234\n")));
+}
+
+TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
+    EXPECT_EQ(0, channel.setMute(true, 5));
+    EXPECT_EQ(0, channel.setMute(false, 6));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(5U, 1U), Pair(6U, 0U)));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("setMute mute=1, sending: type=0x00000005, data=0x00000001\n"),
+                            debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
+}
+
+TEST_F(UafChStreamTest, VolumeAndMuteTouchNeitherStateNorLock) {
+    channel.state = UAFCH_STOPPING;
+    channel.stopDelayCnt = 2;
+    journal.clear();
+    channel.setVolume(1, 3);
+    channel.setMute(true, 5);
+    EXPECT_EQ(UAFCH_STOPPING, channel.state);
+    EXPECT_EQ(2U, channel.stopDelayCnt);
+    EXPECT_THAT(journal, ElementsAre("message 1", "message 1"));
+}
+
+// ---- Channel counts ----------------------------------------------------------------------------
+
+TEST_F(UafChStreamTest, MonoBecomesStereoInPlace) {
+    Samples samples{1, 2, 3, 4, 0, 0, 0, 0, 77};
+    UafCh::adjCh(samples.data(), 1, 2, 4);
+    EXPECT_THAT(samples, ElementsAre(1, 1, 2, 2, 3, 3, 4, 4, 77));
+}
+
+TEST_F(UafChStreamTest, StereoBecomesMonoByItsLeftSamples) {
+    Samples samples{1, 9, 2, 9, 3, 9};
+    UafCh::adjCh(samples.data(), 2, 1, 3);
+    EXPECT_THAT(samples, ElementsAre(1, 2, 3, 9, 3, 9));
+}
+
+TEST_F(UafChStreamTest, NoFramesChangeNothing) {
+    for (const int frames : {0, -1}) {
+        Samples samples{1, 2, 3, 4};
+        UafCh::adjCh(samples.data(), 1, 2, frames);
+        UafCh::adjCh(samples.data(), 2, 1, frames);
+        EXPECT_THAT(samples, ElementsAre(1, 2, 3, 4));
+    }
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafChStreamTest, EqualCountsChangeNothing) {
+    Samples samples{1, 2, 3, 4, 5, 6};
+    for (const int channels : {1, 2, 3, 0}) {
+        UafCh::adjCh(samples.data(), channels, channels, 2);
+    }
+    EXPECT_THAT(samples, ElementsAre(1, 2, 3, 4, 5, 6));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafChStreamTest, OtherCountsAreReportedAndChangeNothing) {
+    Samples samples{1, 2, 3, 4, 5, 6};
+    UafCh::adjCh(samples.data(), 2, 3, 2);
+    UafCh::adjCh(samples.data(), 1, 3, 2);
+    UafCh::adjCh(samples.data(), 0, 1, 0);
+    EXPECT_THAT(samples, ElementsAre(1, 2, 3, 4, 5, 6));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("unsupported: inCh=2, outCh=3\n"),
+                                               error("unsupported: inCh=1, outCh=3\n"),
+                                               error("unsupported: inCh=0, outCh=1\n")));
+}
+
+// ---- FIFO --------------------------------------------------------------------------------------
+
+TEST_F(UafChStreamTest, OpensTheFifoAndReportsTheCapacityThatWasGranted) {
+    std::vector<std::string> calls;
+    fake_sys::hooks().open = [&](const char* path, int flags) {
+        calls.push_back(std::string(path) + " " + std::to_string(flags));
+        return 5;
+    };
+    fake_sys::hooks().fcntl = [&](int fd, int command, long argument) {
+        calls.push_back(
+            std::to_string(fd) + (command == F_SETPIPE_SZ ? " set " : " get ") +
+            (command == F_SETPIPE_SZ ? std::to_string(static_cast<int>(argument)) : ""));
+        return command == F_SETPIPE_SZ ? -1 : 4096;
+    };
+    EXPECT_TRUE(channel.openFifo(O_WRONLY, 960, "UAFTAG"));
+    EXPECT_EQ(5, channel.fifoFd);
+    EXPECT_THAT(calls, ElementsAre("/tmp/usbAudioFifoTx 1", "5 set 960", "5 get "));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debugUnder("/tmp/usbAudioFifoTx opened buffer size 4096\n")));
+}
+
+TEST_F(UafChStreamTest, AFifoThatDoesNotOpenKeepsTheFailedDescriptor) {
+    fake_sys::hooks().open = [](const char*, int) {
+        errno = ENOENT;
+        return -1;
+    };
+    fake_sys::hooks().fcntl = [](int, int, long) {
+        ADD_FAILURE() << "no descriptor to ask";
+        return -1;
+    };
+    channel.fifoFd = 0;
+    EXPECT_FALSE(channel.openFifo(O_RDONLY, 1920, "UAFTAG"));
+    EXPECT_EQ(-1, channel.fifoFd);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(errorUnder("failed to open /tmp/usbAudioFifoTx\n")));
+}
+
+TEST_F(UafChStreamTest, AnUnsetFifoNameFailsWithoutAnOpen) {
+    fake_sys::hooks().open = [](const char*, int) {
+        ADD_FAILURE() << "no path to open";
+        return -1;
+    };
+    channel.setDevName(nullptr, PCM);
+    EXPECT_FALSE(channel.openFifo(O_RDONLY, 1920, "UAFTAG"));
+    EXPECT_EQ(-1, channel.fifoFd);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(errorUnder("failed to open (null)\n")));
+}
+
+// ---- Waits and recovery ------------------------------------------------------------------------
+
+TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
+    EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
+    EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
+    EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
+    EXPECT_EQ(3, channel.pcmStallCnt);
+    EXPECT_EQ(0, sleptNs);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debugUnder("timeout0, rc=0\n")));
+}
+
+TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
+    EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
+    EXPECT_EQ(10000000, sleptNs);
+    EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
+    EXPECT_EQ(20000000, sleptNs);
+    EXPECT_EQ(2, channel.pcmStallCnt);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debugUnder("timeout0, rc=-19\n")));
+}
+
+TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
+    openPcm();
+    EXPECT_EQ(0, channel.missedWait(-EPIPE, "UAFTAG"));
+    EXPECT_EQ(0, channel.missedWait(-ESTRPIPE, "UAFTAG"));
+    EXPECT_EQ(0, channel.pcmStallCnt);
+    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
+    EXPECT_EQ(2, fake_alsa::count("snd_pcm_prepare"));
+    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -32"));
+    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -86"));
+}
+
+TEST_F(UafChStreamTest, AFailedRecoveryIsReportedAndReturned) {
+    openPcm();
+    fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
+    EXPECT_EQ(-ENODEV, channel.missedWait(-EPIPE, "UAFTAG"));
+    EXPECT_EQ(0, channel.pcmStallCnt);
+    const std::vector<fake_log::Line> lines = fake_log::lines();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (No such device)\n"), lines.end()[-2]);
+    EXPECT_EQ(errorUnder("rc=-19\n"), lines.end()[-1]);
+}
+
+TEST_F(UafChStreamTest, RecoveryAloneReportsOneLine) {
+    openPcm();
+    fake_alsa::answerAt("snd_pcm_prepare", 1, -EIO);
+    EXPECT_EQ(-EIO, channel.recoverPcm(-EPIPE, "UAFTAG"));
+    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (Input/output error)\n"),
+              fake_log::lines().back());
+    EXPECT_EQ(0, channel.recoverPcm(-EPIPE, "UAFTAG"));
+}
+
+}  // namespace
