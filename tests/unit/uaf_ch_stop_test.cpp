@@ -151,6 +151,7 @@ TEST_F(UafChStopTest, ARequestedStopGivesUpOnceItsThreadIsToldToStop) {
         EXPECT_EQ(0, pause->tv_sec);
         EXPECT_EQ(1000000, pause->tv_nsec);
         told = ++pauses == 3;
+        tryLockResult = pauses < 10 ? EBUSY : 0;
         return 0;
     };
     EXPECT_EQ(0, channel.requestStop(told));
