@@ -1,0 +1,111 @@
+// A source channel on one thread: the threads that it creates are noted instead of made, and a test
+// runs their bodies itself, the worker's even in the middle of the buffer thread's. Locks, frame
+// buffer calls, thread calls, pauses and messages appear in a journal in the order of the calls.
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "channel/uaf_src.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ipc.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_new.h"
+#include "tests/support/fake_ssrs.h"
+
+namespace source_bench {
+
+constexpr char FIFO[] = "/tmp/usbAudioFifoTx";
+constexpr char PCM[] = "hw:1";
+constexpr int FIFO_FD = 77;
+constexpr int BLOCK_BYTES = 1920;
+constexpr int BLOCK_SAMPLES = 480;
+constexpr int FRAME_SAMPLES = 240;
+
+inline fake_log::Line debug(const std::string& text) {
+    return {fake_log::DEBUG, "UAFSRC", text};
+}
+inline fake_log::Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFSRC", text};
+}
+inline fake_log::Line base(int priority, const std::string& text) {
+    return {priority, "UAFCH", text};
+}
+
+// What the log holds under the channel's own tag.
+inline std::vector<fake_log::Line> ownLines() {
+    std::vector<fake_log::Line> lines = fake_log::lines();
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const fake_log::Line& line) { return line.tag != "UAFSRC"; }),
+                lines.end());
+    return lines;
+}
+
+// What the base keeps for derived channels lies open to tests.
+class OpenSource : public UafSrc {
+  public:
+    using UafSrc::availChkCnt;
+    using UafSrc::fifoFd;
+    using UafSrc::intfMutex;
+    using UafSrc::pcmHandle;
+    using UafSrc::pcmStallCnt;
+    using UafSrc::state;
+    using UafSrc::stopDelayCnt;
+};
+
+class Test : public fake_alsa::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts the channel, with the journal and the log empty afterwards.
+    void start();
+    void forget();
+    void runBufferThread();
+    void runWorker();
+    // Ends the buffer loop after `passes` passes that reach the unlock.
+    void stopAfterBlocks(int passes);
+    // Asks for the channel's stop in the worker's `pass`-th wait; three more passes follow.
+    void switchOffInWait(int pass);
+    int count(const std::string& entry) const;
+    // The frame buffer's set-up and the PCM's opening appear in the journal too.
+    void watchSetUp();
+    // A start that fails at a step of the PCM's opening, and its report.
+    void failStartAt(const std::string& function, int step);
+
+    std::unique_ptr<OpenSource> source;
+    std::vector<std::string> journal;
+    // Of the source's two mutexes, in the order of their set-up.
+    std::vector<pthread_mutex_t*> mutexes;
+    // What the calls return.
+    int ssrsLockResult = 0;
+    int ssrsUnlockResult = 0;
+    int createResult = 0;
+    int createErrno = 0;
+    int buffersCreated = 0;
+    int workersCreated = 0;
+    long sleptNs = 0;
+    // The app's side: the descriptor that an open gives, and what a read does.
+    int openResult = FIFO_FD;
+    std::function<ssize_t(int16_t*, size_t)> onRead = [](int16_t*, size_t size) {
+        return static_cast<ssize_t>(size);
+    };
+
+  private:
+    void hookMutexes();
+    void hookThreads();
+    void hookFifo();
+    std::string nameOf(const pthread_mutex_t* mutex) const;
+
+    int ssrsUnlocks = 0;
+    int lastBlock = 0;
+    int lastWait = 0;
+    int waits = 0;
+    void* (*bufferEntry)(void*) = nullptr;
+};
+
+}  // namespace source_bench

@@ -1,0 +1,278 @@
+// The source channel's start, stop and destruction. The buffer thread and the two loops have tests
+// of their own.
+#include "channel/uaf_src.h"
+
+#include <cerrno>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/source_bench.h"
+
+namespace {
+
+using namespace source_bench;
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
+using ::testing::SizeIs;
+
+using UafSrcTest = source_bench::Test;
+
+// ---- Construction and destruction --------------------------------------------------------------
+
+TEST_F(UafSrcTest, IsStoppedWithNothingOpenAtFirst) {
+    EXPECT_EQ(UAFCH_STOPPED, source->state);
+    EXPECT_EQ(nullptr, source->pcmHandle);
+    EXPECT_EQ(-1, source->fifoFd);
+    EXPECT_EQ(0, source->pcmStallCnt);
+    EXPECT_EQ(0, source->uafStop());
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_alsa::calls(), IsEmpty());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafSrcTest, GoesOnWithoutTheFrameBuffersMutex) {
+    int inits = 0;
+    fake_sys::hooks().pthread_mutex_init = [&](pthread_mutex_t*, const pthread_mutexattr_t* given) {
+        EXPECT_EQ(nullptr, given);
+        return ++inits == 2 ? ENOMEM : 0;
+    };
+    const UafSrc fresh;
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("pthread_mutex_init failed\n")));
+}
+
+TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
+    start();
+    source->fifoFd = FIFO_FD;
+    EXPECT_EQ(1, fake_alsa::statusObjects());
+    source.reset();
+    EXPECT_EQ(0, fake_alsa::statusObjects());
+    EXPECT_EQ(1, fake_alsa::pcmsOpen());
+    EXPECT_THAT(journal, ElementsAre("close 77"));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("destruct, closing /tmp/usbAudioFifoTx\n")));
+}
+
+TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
+    source->fifoFd = 0;
+    source->setDevName(nullptr, nullptr);
+    source.reset();
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafSrcTest, DestructionNamesAnUnsetFifo) {
+    source->fifoFd = 1;
+    source->setDevName(nullptr, nullptr);
+    source.reset();
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("destruct, closing (null)\n")));
+}
+
+// ---- Start -------------------------------------------------------------------------------------
+
+TEST_F(UafSrcTest, AStartRunsItsStepsInOrder) {
+    watchSetUp();
+    EXPECT_EQ(0, source->intfUpdate(true));
+    EXPECT_THAT(journal, ElementsAre("lock intf", "init", "frame 240", "storage 960",
+                                     "depth 480-720", "create buffer", "snd_pcm_status_malloc()",
+                                     "snd_pcm_open(hw:1, PLAYBACK, 0)", "message 2,1",
+                                     "create worker", "unlock intf"));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(base(3, "intfUpdate to 1, current state 3\n"), debug("init SSRS\n"),
+                            debug("start, opening hw:1\n")));
+}
+
+TEST_F(UafSrcTest, AStartSetsThePcmUpAndPrimesItWithSilence) {
+    start();
+    source->uafStop();
+    ASSERT_EQ(0, source->uafStart());
+    snd_pcm_t* const pcm = fake_alsa::pcm(1);
+    EXPECT_EQ(pcm, source->pcmHandle);
+    EXPECT_THAT(fake_alsa::calls(),
+                IsSupersetOf({"snd_pcm_hw_params_set_buffer_size_near(pcm1, 720)",
+                              "snd_pcm_hw_params_set_channels(pcm1, 1)",
+                              "snd_pcm_sw_params_set_start_threshold(pcm1, 240)",
+                              "snd_pcm_sw_params_set_stop_threshold(pcm1, 1440)",
+                              "snd_pcm_sw_params_set_avail_min(pcm1, 240)"}));
+    EXPECT_THAT(fake_alsa::callsOf("snd_pcm_hw_params_set_period_size_near"),
+                ElementsAre("snd_pcm_hw_params_set_period_size_near(pcm1, 240, 0)"));
+    EXPECT_THAT(fake_alsa::callsOf("snd_pcm_hw_params_set_rate_near"),
+                ElementsAre("snd_pcm_hw_params_set_rate_near(pcm1, 48000, 0)"));
+    EXPECT_EQ("snd_pcm_writei(pcm1, 240)", fake_alsa::calls().back());
+    EXPECT_THAT(fake_alsa::written(pcm), AllOf(SizeIs(FRAME_SAMPLES), Each(0)));
+}
+
+TEST_F(UafSrcTest, AStartResetsTheCounters) {
+    source->pcmStallCnt = 5;
+    source->availChkCnt = 5;
+    start();
+    EXPECT_EQ(0, source->pcmStallCnt);
+    EXPECT_EQ(0, source->availChkCnt);
+}
+
+TEST_F(UafSrcTest, AShortSilentWriteIsNoFailure) {
+    fake_alsa::answerAt("snd_pcm_writei", 1, 100);
+    EXPECT_EQ(0, source->intfUpdate(true));
+}
+
+TEST_F(UafSrcTest, EachStepsFailureIsReportedByItsNumber) {
+    failStartAt("snd_pcm_open", 204);
+    EXPECT_EQ(nullptr, source->pcmHandle);
+    failStartAt("snd_pcm_hw_params_any", 206);
+    EXPECT_NE(nullptr, source->pcmHandle);
+    failStartAt("snd_pcm_sw_params_current", 208);
+    failStartAt("snd_pcm_writei", 214);
+    EXPECT_EQ(1, fake_alsa::pcmsOpen());
+}
+
+TEST_F(UafSrcTest, AFailedStartReturnsTheStepsCode) {
+    fake_alsa::answerAt("snd_pcm_open", 1, -EBUSY);
+    EXPECT_EQ(-EBUSY, source->uafStart());
+    fake_alsa::answerAt("snd_pcm_hw_params", 1, -EINVAL);
+    EXPECT_EQ(-EINVAL, source->uafStart());
+    fake_alsa::answerAt("snd_pcm_sw_params", 1, -EIO);
+    EXPECT_EQ(-EIO, source->uafStart());
+    fake_alsa::answerAt("snd_pcm_writei", 1, -EPIPE);
+    EXPECT_EQ(-EPIPE, source->uafStart());
+}
+
+TEST_F(UafSrcTest, AnUnsetPcmNameFailsTheOpenAtOnce) {
+    source->setDevName(FIFO, nullptr);
+    EXPECT_EQ(-EINVAL, source->uafStart());
+    EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
+    EXPECT_THAT(ownLines(), ElementsAre(debug("init SSRS\n"), debug("start, opening (null)\n"),
+                                        error("error at uafStart@204: rc=-22\n")));
+}
+
+TEST_F(UafSrcTest, WithoutAFifoNameThereIsNoBufferThread) {
+    source->setDevName(nullptr, PCM);
+    EXPECT_EQ(0, source->uafStart());
+    EXPECT_EQ(0, buffersCreated);
+    EXPECT_NE(nullptr, source->pcmHandle);
+}
+
+TEST_F(UafSrcTest, AStatusThatCannotBeAllocatedFailsTheStart) {
+    fake_alsa::answerAt("snd_pcm_status_malloc", 1, -ENOMEM);
+    EXPECT_EQ(-1, source->uafStart());
+    EXPECT_THAT(ownLines(),
+                ElementsAre(debug("init SSRS\n"), error("failed snd_pcm_status_malloc\n")));
+    EXPECT_EQ(1, buffersCreated);
+    EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
+    EXPECT_EQ(0, source->uafStart());
+    EXPECT_EQ(0, source->uafStart());
+    EXPECT_EQ(2, fake_alsa::count("snd_pcm_status_malloc"));
+}
+
+TEST_F(UafSrcTest, ABufferWithoutMemoryFailsTheStart) {
+    for (int successes = 0; successes < 4; ++successes) {
+        source = nullptr;
+        mutexes.clear();
+        source = std::make_unique<OpenSource>();
+        source->setDevName(FIFO, PCM);
+        forget();
+        fake_new::failAfter(successes);
+        EXPECT_EQ(-1, source->uafStart());
+        EXPECT_EQ(0, buffersCreated);
+        EXPECT_THAT(fake_alsa::calls(), IsEmpty());
+    }
+    EXPECT_EQ(0, source->uafStart());
+}
+
+TEST_F(UafSrcTest, TheBuffersAreAllocatedOnce) {
+    start();
+    source->uafStop();
+    fake_new::failAfter(0);
+    EXPECT_EQ(0, source->uafStart());
+}
+
+// ---- The frame buffer --------------------------------------------------------------------------
+
+TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
+    const size_t contextSize = SSRS_GetContextSize();
+    fake_sys::hooks().malloc = [=](size_t size) {
+        return size == contextSize ? nullptr : fake_sys::real::malloc(size);
+    };
+    EXPECT_EQ(0, source->intfUpdate(true));
+    EXPECT_THAT(
+        ownLines(),
+        ElementsAre(error("Can't allocate " + std::to_string(contextSize) +
+                          " bytes of memory for SSRS context structure.\n"),
+                    debug("init SSRS\n"), error("SSRS_InitContext error: 1\n"),
+                    error("SSRS_SetFrameSize error: 1\n"), error("SSRS_SetQBuff error: 1\n"),
+                    error("SSRS_SetQDepth error: 1\n"), debug("start, opening hw:1\n")));
+}
+
+TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
+    fake_ssrs::hooks().initContext = [](SSRS_Ctx* ctx) {
+        fake_ssrs::real::initContext(ctx);
+        return 11;
+    };
+    fake_ssrs::hooks().setFrameSize = [](SSRS_Ctx*, int32_t) { return 12; };
+    fake_ssrs::hooks().setQBuff = [](SSRS_Ctx*, int16_t*, int32_t) { return 13; };
+    fake_ssrs::hooks().setQDepth = [](SSRS_Ctx*, int32_t, int32_t) { return 14; };
+    EXPECT_EQ(0, source->intfUpdate(true));
+    EXPECT_THAT(
+        ownLines(),
+        ElementsAre(debug("init SSRS\n"), error("SSRS_InitContext error: 11\n"),
+                    error("SSRS_SetFrameSize error: 12\n"), error("SSRS_SetQBuff error: 13\n"),
+                    error("SSRS_SetQDepth error: 14\n"), debug("start, opening hw:1\n")));
+    EXPECT_EQ(UAFCH_RUNNING, source->state);
+}
+
+TEST_F(UafSrcTest, EachStartBuildsAFreshSmallFrameBuffer) {
+    start();
+    source->uafStop();
+    watchSetUp();
+    forget();
+    EXPECT_EQ(0, source->uafStart());
+    EXPECT_THAT(journal, ElementsAre("init", "frame 240", "storage 960", "depth 480-720",
+                                     "create buffer", "snd_pcm_open(hw:1, PLAYBACK, 0)"));
+}
+
+// ---- Stop --------------------------------------------------------------------------------------
+
+TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
+    start();
+    source->fifoFd = FIFO_FD;
+    EXPECT_EQ(0, source->uafStop());
+    EXPECT_THAT(journal, ElementsAre("join"));
+    EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("stopping buffer thread\n"), debug("stop, close hw:1\n")));
+    EXPECT_EQ(nullptr, source->pcmHandle);
+    EXPECT_EQ(FIFO_FD, source->fifoFd);
+    EXPECT_EQ(1, fake_alsa::statusObjects());
+    forget();
+    EXPECT_EQ(0, source->uafStop());
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(UafSrcTest, AStopToleratesClearedNames) {
+    start();
+    source->setDevName(nullptr, nullptr);
+    EXPECT_EQ(0, source->uafStop());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("stopping buffer thread\n"), debug("stop, close (null)\n")));
+}
+
+TEST_F(UafSrcTest, AStopFreesTheFrameBuffer) {
+    SSRS_Ctx* context = nullptr;
+    fake_ssrs::hooks().initContext = [&](SSRS_Ctx* ctx) {
+        context = ctx;
+        return fake_ssrs::real::initContext(ctx);
+    };
+    start();
+    int freed = 0;
+    fake_sys::hooks().free = [&](void* memory) {
+        freed += memory == context;
+        fake_sys::real::free(memory);
+    };
+    source->uafStop();
+    fake_sys::hooks().free = nullptr;
+    EXPECT_EQ(1, freed);
+}
+
+}  // namespace
