@@ -135,9 +135,11 @@ bool UafSrc::allocateBuffers() {
     return fifoBuf && pcmBuf && silenceBuf && ssrsQBuff;
 }
 
-// Failures are only logged: the frame-buffer calls that follow fail and stop the channel.
+// Failures are only logged: the frame-buffer calls that follow fail and stop the channel. Nothing
+// is built under a buffer thread that a failed start left, which may be finding the context
+// missing.
 void UafSrc::buildFrameBuffer() {
-    if (ssrsCtx != nullptr) {
+    if (ssrsCtx != nullptr || bufferThreadJoinable) {
         return;
     }
     const uint32_t size = SSRS_GetContextSize();

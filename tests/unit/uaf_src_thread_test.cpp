@@ -110,6 +110,26 @@ TEST_F(UafSrcThreadTest, AStillOpenPcmWhoseNewThreadFailsIsClosedAllTheSame) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
 
+// A thread that is left uses the frame buffer, or the lack of one: nothing is built under it.
+TEST_F(UafSrcThreadTest, AStartBuildsNoFrameBufferUnderAThreadThatIsLeft) {
+    const size_t contextSize = SSRS_GetContextSize();
+    fake_sys::hooks().malloc = [=](size_t size) {
+        return size == contextSize ? nullptr : fake_sys::real::malloc(size);
+    };
+    failStartAt("snd_pcm_open", 204);
+    fake_sys::hooks().malloc = nullptr;
+    watchSetUp();
+    forget();
+    EXPECT_EQ(0, source->intfUpdate(true));
+    EXPECT_EQ(0, count("init"));
+    runWorker();
+    EXPECT_THAT(ownLines(), Contains(error("SSRS_Read error: 1\n")).Times(4));
+    EXPECT_EQ(UAFCH_STOPPED, source->state);
+    forget();
+    EXPECT_EQ(0, source->intfUpdate(true));
+    EXPECT_EQ(1, count("init"));
+}
+
 TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     std::vector<const char*> watched;
     fake_sys::hooks().strdup = [&](const char* text) {
