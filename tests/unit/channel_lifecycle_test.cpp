@@ -1,0 +1,442 @@
+// Both channels with their real threads, locks and FIFOs, against a companion app that comes and
+// goes. The sound card is the fake one, whose time passes only when a thread waits for it.
+#include <chrono>
+#include <csignal>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "channel/uaf_snk.h"
+#include "channel/uaf_src.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ipc.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_ssrs.h"
+#include "tests/support/fifo_app.h"
+#include "tests/support/pass_gate.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Pair;
+
+constexpr char PCM[] = "hw:1";
+constexpr uint32_t SINK_MESSAGE = 1;
+constexpr uint32_t SOURCE_MESSAGE = 2;
+
+// Waits for a condition; the deadline only ends a test that has failed.
+template <typename Condition>
+::testing::AssertionResult eventually(Condition holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return ::testing::AssertionFailure() << "still not so after 30 s";
+        }
+        std::this_thread::yield();
+    }
+    return ::testing::AssertionSuccess();
+}
+
+template <typename Channel>
+class Open : public Channel {
+  public:
+    int currentState() const { return this->state.load(); }
+    bool hasStopped() const { return currentState() == UAFCH_STOPPED; }
+    // What the next start does: joins the finished worker.
+    void joinWorker() {
+        pthread_mutex_lock(&this->intfMutex);
+        if (this->joinPending) {
+            pthread_join(this->threadId, nullptr);
+            this->joinPending = false;
+        }
+        pthread_mutex_unlock(&this->intfMutex);
+    }
+};
+
+class ChannelLifecycleTest : public fake_alsa::Test {
+  protected:
+    void SetUp() override {
+        fake_alsa::Test::SetUp();
+        fake_ipc::clear();
+        fake_ssrs::reset();
+        signal(SIGPIPE, SIG_IGN);
+        makeFifos();
+        fake_sys::hooks().nanosleep = [](const timespec*, timespec*) {
+            return fake_sys::real::sched_yield();
+        };
+        fake_sys::hooks().fopen = [](const char*, const char*) {
+            errno = ENOENT;
+            return nullptr;
+        };
+        fake_alsa::hooks().wait = [this](snd_pcm_t* pcm, int timeoutMs) {
+            atWait();
+            std::this_thread::yield();
+            return fake_alsa::device::wait(pcm, timeoutMs);
+        };
+        fake_alsa::hooks().writei = [this](snd_pcm_t* pcm, const int16_t* samples,
+                                           snd_pcm_uframes_t frames) {
+            lastPlayed = samples[frames - 1];
+            return fake_alsa::device::writei(pcm, samples, frames);
+        };
+        setNames();
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(source.hasStopped());
+        EXPECT_TRUE(sink.hasStopped());
+        source.joinWorker();
+        sink.joinWorker();
+        EXPECT_EQ(0, fake_alsa::pcmsOpen());
+        signal(SIGPIPE, SIG_DFL);
+        fake_ipc::clear();
+        fake_ssrs::reset();
+        fake_alsa::Test::TearDown();
+    }
+
+    void makeFifos() {
+        ASSERT_EQ(0, mkfifo(sourceFifo.c_str(), 0600));
+        ASSERT_EQ(0, mkfifo(sinkFifo.c_str(), 0600));
+    }
+
+    void setNames() {
+        source.setDevName(sourceFifo.c_str(), PCM);
+        sink.setDevName(sinkFifo.c_str(), PCM);
+    }
+
+    // Both types' on and off messages must alternate, an on first.
+    void expectAlternatingMessages() {
+        for (const uint32_t type : {SINK_MESSAGE, SOURCE_MESSAGE}) {
+            uint32_t expected = 1;
+            for (const fake_ipc::Message& message : fake_ipc::messages()) {
+                if (message.first == type) {
+                    ASSERT_EQ(expected, message.second) << "type " << type;
+                    expected = 1 - expected;
+                }
+            }
+            EXPECT_EQ(1U, expected) << "type " << type << " ends with an on";
+        }
+    }
+
+    static int logged(int priority, const char* tag, const std::string& text) {
+        return fake_log::count(priority, tag, text);
+    }
+
+    const TempDir directory;
+    const std::string sourceFifo = directory.path() + "/tx";
+    const std::string sinkFifo = directory.path() + "/rx";
+    Open<UafSrc> source;
+    Open<UafSnk> sink;
+    // In each pass of a worker.
+    std::function<void()> atWait = [] {};
+    std::atomic<int16_t> lastPlayed{0};
+};
+
+// ---- Storms ------------------------------------------------------------------------------------
+
+TEST_F(ChannelLifecycleTest, RequestsInAnyOrderKeepTheMessagesAlternating) {
+    const AppWriter writer(sourceFifo, 5);
+    const AppReader reader(sinkFifo);
+    for (unsigned round = 0; round < 300; ++round) {
+        // Every pattern of six requests in turn, the last an off.
+        for (unsigned bit = 0; bit < 5; ++bit) {
+            const bool on = (round >> bit) % 2 == 0;
+            source.intfUpdate(on);
+            sink.intfUpdate(!on);
+        }
+        source.intfUpdate(false);
+        sink.intfUpdate(false);
+        if (round % 2 == 0) {
+            ASSERT_TRUE(eventually([&] { return source.hasStopped() && sink.hasStopped(); }));
+        }
+    }
+    ASSERT_TRUE(eventually([&] { return source.hasStopped() && sink.hasStopped(); }));
+    expectAlternatingMessages();
+}
+
+TEST_F(ChannelLifecycleTest, NamesAreReplacedAndClearedWhileThreadsReadThem) {
+    auto writer = std::make_unique<AppWriter>(sourceFifo, 5);
+    auto reader = std::make_unique<AppReader>(sinkFifo);
+    for (int round = 0; round < 200; ++round) {
+        source.intfUpdate(true);
+        sink.intfUpdate(true);
+        for (int i = 0; i < 5; ++i) {
+            source.setDevName(nullptr, nullptr);
+            sink.setDevName(nullptr, nullptr);
+            std::this_thread::yield();
+            setNames();
+        }
+        // The app leaves and comes back: both channels look the names up again.
+        if (round % 20 == 0) {
+            writer = nullptr;
+            reader = nullptr;
+            writer = std::make_unique<AppWriter>(sourceFifo, 5);
+            reader = std::make_unique<AppReader>(sinkFifo);
+        }
+        source.intfUpdate(false);
+        sink.intfUpdate(false);
+    }
+    ASSERT_TRUE(eventually([&] { return source.hasStopped() && sink.hasStopped(); }));
+    expectAlternatingMessages();
+}
+
+// ---- Within the debounce -----------------------------------------------------------------------
+
+TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
+    PassGate gate;
+    atWait = [&] { gate.arrive(); };
+    const AppWriter writer(sourceFifo, 5);
+    ASSERT_EQ(0, source.intfUpdate(true));
+    gate.letThrough(0);
+    for (int passes = 0; passes <= 3; ++passes) {
+        fake_log::clear();
+        ASSERT_EQ(0, source.intfUpdate(false));
+        gate.letThrough(passes);
+        EXPECT_EQ(UAFCH_STOPPING, source.currentState());
+        ASSERT_EQ(0, source.intfUpdate(true));
+        EXPECT_EQ(1, logged(3, "UAFCH", "stopDelayCnt = " + std::to_string(passes) + "\n"));
+        gate.letThrough(5);
+        EXPECT_EQ(UAFCH_RUNNING, source.currentState());
+    }
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(SOURCE_MESSAGE, 1U)));
+    EXPECT_EQ(0, fake_alsa::count("snd_pcm_close"));
+    source.intfUpdate(false);
+    gate.letThrough(3);
+    EXPECT_EQ(UAFCH_STOPPING, source.currentState());
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+// ---- A stop and the buffer thread --------------------------------------------------------------
+
+// The buffer thread's off request wants the lock that the stop holds while it joins that thread.
+TEST_F(ChannelLifecycleTest, AFifoThatFailsDuringTheStopDoesNotDeadlock) {
+    std::atomic<bool> opening{false};
+    std::atomic<bool> joining{false};
+    fake_sys::hooks().open = [&](const char*, int) {
+        opening = true;
+        EXPECT_TRUE(eventually([&] { return joining.load(); }));
+        errno = ENOENT;
+        return -1;
+    };
+    // This thread joins the worker of the round before, the worker the buffer thread.
+    const auto eventLoop = std::this_thread::get_id();
+    fake_sys::hooks().pthread_join = [&, eventLoop](pthread_t id, void** result) {
+        joining = std::this_thread::get_id() != eventLoop;
+        return fake_sys::real::pthread_join(id, result);
+    };
+    for (int round = 0; round < 20; ++round) {
+        opening = joining = false;
+        ASSERT_EQ(0, source.intfUpdate(true));
+        ASSERT_TRUE(eventually([&] { return opening.load(); }));
+        ASSERT_EQ(0, source.intfUpdate(false));
+        ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+    }
+    EXPECT_EQ(20, logged(6, "UAFSRC", "failed to open " + sourceFifo + "\n"));
+    expectAlternatingMessages();
+}
+
+TEST_F(ChannelLifecycleTest, AFifoThatDisappearsStopsTheChannelAndItWorksAgain) {
+    for (int round = 0; round < 20; ++round) {
+        lastPlayed = 0;
+        {
+            const AppWriter writer(sourceFifo, 5);
+            ASSERT_EQ(0, source.intfUpdate(true));
+            ASSERT_TRUE(eventually([&] { return lastPlayed == 5; }));
+            ASSERT_EQ(0, unlink(sourceFifo.c_str()));
+        }
+        ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+        ASSERT_EQ(0, mkfifo(sourceFifo.c_str(), 0600));
+    }
+    expectAlternatingMessages();
+}
+
+// The thread is kept from running until the stop waits for it.
+TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
+    struct Delayed {
+        void* (*entry)(void*);
+        void* argument;
+        std::atomic<bool>* mayRun;
+        static void* run(void* self) {
+            const std::unique_ptr<Delayed> delayed(static_cast<Delayed*>(self));
+            EXPECT_TRUE(eventually([&] { return delayed->mayRun->load(); }));
+            return delayed->entry(delayed->argument);
+        }
+    };
+    std::atomic<bool> mayRun{false};
+    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t* attributes,
+                                           void* (*entry)(void*), void* argument) {
+        if (entry == &UafCh::ChThread) {
+            return fake_sys::real::pthread_create(id, attributes, entry, argument);
+        }
+        return fake_sys::real::pthread_create(id, attributes, Delayed::run,
+                                              new Delayed{entry, argument, &mayRun});
+    };
+    fake_sys::hooks().pthread_join = [&](pthread_t id, void** result) {
+        mayRun = true;
+        return fake_sys::real::pthread_join(id, result);
+    };
+    // Without an app: a pass would wait for it in the FIFO's open for ever.
+    ASSERT_EQ(0, source.intfUpdate(true));
+    ASSERT_EQ(0, source.intfUpdate(false));
+    ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+    EXPECT_EQ(1, logged(3, "UAFSRC", "exit buffer loop, loopcnt=0, fifoRead 0\n"));
+    const AppWriter writer(sourceFifo, 5);
+    ASSERT_EQ(0, source.intfUpdate(true));
+    EXPECT_TRUE(eventually([&] { return lastPlayed == 5; }));
+    source.intfUpdate(false);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+TEST_F(ChannelLifecycleTest, AStopWaitsForTheAppAndGoesOnWhenItComes) {
+    ASSERT_EQ(0, source.intfUpdate(true));
+    ASSERT_TRUE(eventually([] { return logged(3, "UAFSRC", "enter buffer loop\n") == 1; }));
+    ASSERT_EQ(0, source.intfUpdate(false));
+    ASSERT_TRUE(eventually([] { return logged(3, "UAFSRC", "stopping buffer thread\n") == 1; }));
+    for (int i = 0; i < 1000; ++i) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(UAFCH_STOPPING, source.currentState());
+    EXPECT_EQ(1, fake_alsa::pcmsOpen());
+    const AppWriter writer(sourceFifo, 5);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+// ---- What a failed start leaves ----------------------------------------------------------------
+
+TEST_F(ChannelLifecycleTest, AThreadLeftByAFailedStartIsTheOneThatGoesOn) {
+    std::atomic<int> buffers{0};
+    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t* attributes,
+                                           void* (*entry)(void*), void* argument) {
+        buffers += entry != &UafCh::ChThread;
+        return fake_sys::real::pthread_create(id, attributes, entry, argument);
+    };
+    // Without its FIFO the thread that is left fails again and again.
+    ASSERT_EQ(0, unlink(sourceFifo.c_str()));
+    fake_alsa::answerAlways("snd_pcm_open", -ENODEV);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(-1, source.intfUpdate(true));
+        EXPECT_EQ(UAFCH_STOPPED, source.currentState());
+    }
+    ASSERT_TRUE(eventually(
+        [&] { return logged(6, "UAFSRC", "failed to open " + sourceFifo + "\n") >= 3; }));
+    fake_alsa::stopAnswering("snd_pcm_open");
+    ASSERT_EQ(0, mkfifo(sourceFifo.c_str(), 0600));
+    const AppWriter writer(sourceFifo, 5);
+    ASSERT_TRUE(eventually([&] { return writer.isOpen(); }));
+    ASSERT_EQ(0, source.intfUpdate(true));
+    EXPECT_TRUE(eventually([&] { return lastPlayed == 5; }));
+    EXPECT_EQ(1, buffers);
+    source.intfUpdate(false);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+TEST_F(ChannelLifecycleTest, APcmLeftOpenIsClosedAndTheMicrophoneWorks) {
+    const AppWriter writer(sourceFifo, 5);
+    for (const char* step : {"snd_pcm_hw_params", "snd_pcm_sw_params", "snd_pcm_writei"}) {
+        lastPlayed = 0;
+        fake_alsa::answerAt(step, 1, -EIO);
+        EXPECT_EQ(-1, source.intfUpdate(true));
+        ASSERT_EQ(0, source.intfUpdate(true));
+        EXPECT_EQ(1, fake_alsa::pcmsOpen());
+        EXPECT_TRUE(eventually([&] { return lastPlayed == 5; }));
+        source.intfUpdate(false);
+        ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+    }
+    EXPECT_EQ(3, logged(6, "UAFSRC", "start, audio still open, trying to close\n"));
+}
+
+// ---- The app comes and goes --------------------------------------------------------------------
+
+TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsMicrophoneFifo) {
+    ASSERT_EQ(0, source.intfUpdate(true));
+    for (int16_t value = 1; value <= 20; ++value) {
+        const AppWriter writer(sourceFifo, value);
+        ASSERT_TRUE(eventually([&] { return lastPlayed == value; }));
+    }
+    // The last writer has gone: silence, until the stop's join is helped by another.
+    ASSERT_TRUE(eventually([&] { return lastPlayed == 0; }));
+    EXPECT_EQ(UAFCH_RUNNING, source.currentState());
+    source.intfUpdate(false);
+    const AppWriter writer(sourceFifo, 5);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+    EXPECT_EQ(0, logged(3, "UAFCH", "intfUpdate to 0, current state 2\n"));
+}
+
+TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsSpeakerFifo) {
+    ASSERT_EQ(0, sink.intfUpdate(true));
+    const std::string opened = sinkFifo + " opened buffer size 4096\n";
+    const std::string closed = "closing " + sinkFifo + ", failed to write rc=-1, expect 960\n";
+    for (int round = 1; round <= 20; ++round) {
+        {
+            const AppReader reader(sinkFifo);
+            ASSERT_TRUE(eventually([&] { return logged(3, "UAFSNK", opened) == round; }));
+        }
+        ASSERT_TRUE(eventually([&] { return logged(3, "UAFSNK", closed) == round; }));
+    }
+    EXPECT_EQ(UAFCH_RUNNING, sink.currentState());
+    const AppReader reader(sinkFifo);
+    sink.intfUpdate(false);
+    EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
+    EXPECT_EQ(20, logged(6, "UAFSNK", "handler: 13\n"));
+}
+
+TEST_F(ChannelLifecycleTest, AnOffIsTakenWhileTheSinkWaitsForTheApp) {
+    ASSERT_EQ(0, sink.intfUpdate(true));
+    ASSERT_TRUE(eventually([] { return logged(6, "UAFSNK", "synch startup failed") == 1; }));
+    ASSERT_EQ(0, sink.intfUpdate(false));
+    EXPECT_EQ(UAFCH_STOPPING, sink.currentState());
+    const AppReader reader(sinkFifo);
+    EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
+}
+
+// ---- Frame-buffer errors -----------------------------------------------------------------------
+
+// Each error keeps the frame buffer's lock over a stop request; the other thread wants both.
+TEST_F(ChannelLifecycleTest, FrameBufferErrorsOnEitherThreadStopTheChannel) {
+    const AppWriter writer(sourceFifo, 5);
+    std::atomic<int> faults{0};  // 1: writes fail, 2: reads fail
+    fake_ssrs::hooks().write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
+        return (faults & 1) != 0 ? SSRS_BAD_PARAMETER : fake_ssrs::real::write(ctx, data, n);
+    };
+    fake_ssrs::hooks().read = [&](SSRS_Ctx* ctx, int16_t* out) {
+        return (faults & 2) != 0 ? SSRS_NULL_DATA : fake_ssrs::real::read(ctx, out);
+    };
+    for (int round = 0; round < 30; ++round) {
+        faults = 0;
+        lastPlayed = 0;
+        ASSERT_EQ(0, source.intfUpdate(true));
+        ASSERT_TRUE(eventually([&] { return lastPlayed == 5; }));
+        faults = 1 + round % 3;
+        ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+    }
+    expectAlternatingMessages();
+}
+
+TEST_F(ChannelLifecycleTest, ACardThatIsPulledLeavesChannelsThatWorkAgain) {
+    const AppWriter writer(sourceFifo, 5);
+    const AppReader reader(sinkFifo);
+    for (int round = 0; round < 20; ++round) {
+        lastPlayed = 0;
+        ASSERT_EQ(0, source.intfUpdate(true));
+        ASSERT_EQ(0, sink.intfUpdate(true));
+        ASSERT_TRUE(eventually([&] { return lastPlayed == 5; }));
+        fake_alsa::answerAlways("snd_pcm_wait", -ENODEV);
+        for (int i = 0; i < 100; ++i) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(UAFCH_RUNNING, source.currentState());
+        source.intfUpdate(false);
+        sink.intfUpdate(false);
+        source.setDevName(nullptr, nullptr);
+        sink.setDevName(nullptr, nullptr);
+        ASSERT_TRUE(eventually([&] { return source.hasStopped() && sink.hasStopped(); }));
+        fake_alsa::stopAnswering("snd_pcm_wait");
+        setNames();
+    }
+    expectAlternatingMessages();
+}
+
+}  // namespace
