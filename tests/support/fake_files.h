@@ -1,0 +1,33 @@
+// Text files that exist only for a test: fopen finds them, and only them, instead of the system's.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+class FakeFiles {
+  public:
+    // Takes over the fopen hook; *this must outlive the calls.
+    void install();
+
+    void put(const std::string& path, const std::string& text) { files[path] = {text, 0, 0}; }
+    // fopen of `path` fails with `openErrno`; so it does with ENOENT for a file that was not put.
+    void refuse(const std::string& path, int openErrno) { files[path] = {"", openErrno, 0}; }
+    // Reading fails with `readErrno` after `text`.
+    void breakOff(const std::string& path, const std::string& text, int readErrno) {
+        files[path] = {text, 0, readErrno};
+    }
+
+    // What happened, in order: "open PATH", "refused PATH", "close PATH". A close leaves errno at
+    // EBADF, so that a text made from it afterwards is seen to be wrong.
+    std::vector<std::string> events;
+    int openNow = 0;
+
+  private:
+    struct File {
+        std::string text;
+        int openErrno;  // 0 = it opens
+        int readErrno;  // 0 = end of file after the text
+    };
+    std::map<std::string, File> files;
+};

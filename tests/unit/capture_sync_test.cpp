@@ -1,0 +1,404 @@
+// The sink's start synchronisation: where the capture's start time comes from, and which period is
+// the first one written.
+#include "channel/capture_sync.h"
+
+#include <cerrno>
+#include <ctime>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "channel/uaf_snk.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_files.h"
+#include "tests/support/fake_log.h"
+
+namespace {
+
+using fake_log::Line;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char ID_PATH[] = "/proc/asound/card0/id";
+constexpr char PCM0_PATH[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char PCM1_PATH[] = "/proc/asound/card0/pcm1c/sub0/status";
+
+constexpr char RUNNING[] =
+    "state: RUNNING\n"
+    "owner_pid   : 415\n"
+    "trigger_time: 1699999000.111111111\n"
+    "tstamp      : 1700000000.123456789\n"
+    "delay       : 480\n";
+constexpr int64_t RUNNING_NS = 1700000000123456789;
+
+Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFSNK", text};
+}
+
+class CaptureSyncTest : public fake_alsa::Test {
+  protected:
+    void SetUp() override {
+        fake_alsa::Test::SetUp();
+        files.install();
+    }
+
+    FakeFiles files;
+};
+
+// ---- The start time ----------------------------------------------------------------------------
+
+class MicCaptureTimestampTest : public CaptureSyncTest {
+  protected:
+    // The start time that a status file with this text gives.
+    int64_t timestampOf(const std::string& status) {
+        files.put(ID_PATH, "rockchiprt5640c\n");
+        files.put(PCM0_PATH, status);
+        const int64_t timestampNs = UafSnk::micCaptureTimestamp();
+        EXPECT_EQ(0, files.openNow);
+        EXPECT_THAT(fake_log::lines(), IsEmpty());
+        return timestampNs;
+    }
+    static std::string lines(int count) {
+        std::string text;
+        for (int i = 0; i < count; ++i) {
+            text += "line\n";
+        }
+        return text;
+    }
+    // The status file that is read when the card's id is this text.
+    std::string statusPathFor(const std::string& cardId) {
+        files.put(ID_PATH, cardId);
+        files.put(PCM0_PATH, RUNNING);
+        files.put(PCM1_PATH, RUNNING);
+        files.events.clear();
+        EXPECT_EQ(RUNNING_NS, UafSnk::micCaptureTimestamp());
+        EXPECT_EQ(4u, files.events.size());
+        return files.events[1].substr(sizeof "open " - 1);
+    }
+};
+
+TEST_F(MicCaptureTimestampTest, CardIdSelectsTheStatusFile) {
+    EXPECT_EQ(PCM0_PATH, statusPathFor("rockchiprt5640c\n"));
+    EXPECT_EQ(PCM0_PATH, statusPathFor("tarvine\n"));
+    EXPECT_EQ(PCM1_PATH, statusPathFor("HDMI\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, CardIdMayStandAnywhereInTheFirstLine) {
+    EXPECT_EQ(PCM0_PATH, statusPathFor("the-tarvine-card\n"));
+    EXPECT_EQ(PCM0_PATH, statusPathFor("xrockchiprt5640cx"));
+    EXPECT_EQ(PCM0_PATH, statusPathFor("rockchiprt5640c tarvine\n"));
+    EXPECT_EQ(PCM1_PATH, statusPathFor("other\ntarvine\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, CardIdIsCaseSensitive) {
+    EXPECT_EQ(PCM1_PATH, statusPathFor("Tarvine\n"));
+    EXPECT_EQ(PCM1_PATH, statusPathFor("rockchipRT5640c\n"));
+    EXPECT_EQ(PCM1_PATH, statusPathFor("rockchiprt5640\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, CardIdLineEndsAfter79Characters) {
+    EXPECT_EQ(PCM0_PATH, statusPathFor(std::string(72, 'x') + "tarvine\n"));
+    EXPECT_EQ(PCM1_PATH, statusPathFor(std::string(73, 'x') + "tarvine\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, IdFileIsClosedOnceTheStatusFileIsOpen) {
+    timestampOf(RUNNING);
+    EXPECT_THAT(files.events,
+                ElementsAre(std::string("open ") + ID_PATH, std::string("open ") + PCM0_PATH,
+                            std::string("close ") + ID_PATH, std::string("close ") + PCM0_PATH));
+}
+
+TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile) {
+    files.refuse(ID_PATH, EACCES);
+    files.put(PCM1_PATH, RUNNING);
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(
+            error("Failed to open /proc/asound/card0/id: Permission denied"),
+            error("Failed to open /proc/asound/card0/pcm1c/sub0/status: Permission denied")));
+    EXPECT_THAT(files.events, ElementsAre(std::string("refused ") + ID_PATH));
+}
+
+TEST_F(MicCaptureTimestampTest, UnreadableIdIsReportedTogetherWithTheStatusFile) {
+    files.breakOff(ID_PATH, "", EIO);
+    files.put(PCM1_PATH, RUNNING);
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error("Failed to determine card type for: /proc/asound/card0/id"),
+                            error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
+                                  "Input/output error")));
+    EXPECT_THAT(files.events,
+                ElementsAre(std::string("open ") + ID_PATH, std::string("close ") + ID_PATH));
+}
+
+TEST_F(MicCaptureTimestampTest, EmptyIdIsNoCardType) {
+    files.put(ID_PATH, "");
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    ASSERT_EQ(2u, fake_log::lines().size());
+    EXPECT_EQ(error("Failed to determine card type for: /proc/asound/card0/id"),
+              fake_log::lines()[0]);
+    EXPECT_EQ(0, files.openNow);
+}
+
+TEST_F(MicCaptureTimestampTest, MissingStatusFileIsReportedByItsPath) {
+    files.put(ID_PATH, "tarvine\n");
+    files.refuse(PCM0_PATH, EMFILE);
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error(
+                    "Failed to open /proc/asound/card0/pcm0c/sub0/status: Too many open files")));
+    EXPECT_EQ(0, files.openNow);
+}
+
+TEST_F(MicCaptureTimestampTest, MissingStatusFileOfAnUnknownCardIsThatOfPcm1) {
+    files.put(ID_PATH, "HDMI\n");
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(error(
+            "Failed to open /proc/asound/card0/pcm1c/sub0/status: No such file or directory")));
+}
+
+TEST_F(MicCaptureTimestampTest, RunningStreamGivesItsTimeStampInNanoseconds) {
+    EXPECT_EQ(RUNNING_NS, timestampOf(RUNNING));
+    EXPECT_EQ(12000000034, timestampOf("state: RUNNING\ntstamp      : 12.000000034\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, StreamThatIsNotRunningGivesNone) {
+    EXPECT_EQ(-1, timestampOf(""));
+    EXPECT_EQ(-1, timestampOf("closed\n"));
+    EXPECT_EQ(-1, timestampOf("state: PREPARED\ntstamp      : 12.000000034\n"));
+    EXPECT_EQ(-1, timestampOf("state: RUNNING\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, TimeStampBeforeTheStateDoesNotCount) {
+    EXPECT_EQ(-1, timestampOf("tstamp      : 12.000000034\nstate: RUNNING\n"));
+    EXPECT_EQ(13000000000,
+              timestampOf("tstamp      : 12.0\nstate: RUNNING\ntstamp      : 13.000000000\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, OnceRunningStaysRunning) {
+    EXPECT_EQ(12000000034,
+              timestampOf("state: RUNNING\nstate: XRUN\ntstamp      : 12.000000034\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, LineThatDoesNotScanIsPassedOver) {
+    EXPECT_EQ(12000000034, timestampOf("state: RUNNING\n"
+                                       "audio_tstamp: 5.000000000\n"
+                                       "tstamp      : none\n"
+                                       "tstamp      : 7\n"
+                                       "tstamp      : 12.000000034\n"));
+}
+
+TEST_F(MicCaptureTimestampTest, ElevenLinesAreRead) {
+    const std::string stamp = "tstamp      : 12.000000034\n";
+    EXPECT_EQ(12000000034, timestampOf("state: RUNNING\n" + lines(9) + stamp));
+    EXPECT_EQ(-1, timestampOf("state: RUNNING\n" + lines(10) + stamp));
+}
+
+TEST_F(MicCaptureTimestampTest, LineOfMoreThan79CharactersIsTwo) {
+    const std::string longest = std::string(78, 'x') + '\n';
+    const std::string tooLong = std::string(79, 'x') + '\n';
+    const std::string stamp = "tstamp      : 12.000000034\n";
+    EXPECT_EQ(12000000034, timestampOf("state: RUNNING\n" + longest + lines(8) + stamp));
+    EXPECT_EQ(-1, timestampOf("state: RUNNING\n" + tooLong + lines(8) + stamp));
+}
+
+TEST_F(MicCaptureTimestampTest, FailedReadEndsTheSearch) {
+    files.put(ID_PATH, "tarvine\n");
+    files.breakOff(PCM0_PATH, "state: RUNNING\n", EIO);
+    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(0, files.openNow);
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(MicCaptureTimestampTest, AbsurdTimeDoesNotOverflow) {
+    timestampOf("state: RUNNING\ntstamp      : 9223372036854775807.999999999\n");
+    timestampOf("state: RUNNING\ntstamp      : -9223372036854775807.999999999\n");
+}
+
+// ---- The first period written ------------------------------------------------------------------
+
+class SynchStartupTest : public CaptureSyncTest {
+  protected:
+    static constexpr int64_t START_NS = 1700000000000000000;
+
+    void SetUp() override {
+        CaptureSyncTest::SetUp();
+        captureStartedAt("1700000000.000000000");
+        fake_sys::hooks().clock_gettime = [this](clockid_t clock, timespec* now) {
+            EXPECT_EQ(CLOCK_REALTIME, clock);
+            ++clockReads;
+            now->tv_sec = nowNs / 1000000000;
+            now->tv_nsec = nowNs % 1000000000;
+            return 0;
+        };
+    }
+    void captureStartedAt(const std::string& time) {
+        files.put(ID_PATH, "tarvine\n");
+        files.put(PCM0_PATH, "state: RUNNING\ntstamp      : " + time + "\n");
+    }
+    // The result of a first call at this time after the capture's start.
+    int atPhase(int64_t sinceStartNs) {
+        synch = SynchStartupState();
+        nowNs = START_NS + sinceStartNs;
+        return UafSnk::synchStartup(240, &synch);
+    }
+    int repeated(int calls, int frames, int expected) {
+        for (int i = 0; i < calls; ++i) {
+            if (UafSnk::synchStartup(frames, &synch) != expected) {
+                return i;
+            }
+        }
+        return calls;
+    }
+
+    SynchStartupState synch;
+    int64_t nowNs = START_NS;
+    int clockReads = 0;
+};
+
+constexpr int64_t MS = 1000000;
+
+TEST_F(SynchStartupTest, StartsWithNothingDone) {
+    EXPECT_EQ(SYNCH_NOT_STARTED, synch.state);
+    EXPECT_EQ(0, SYNCH_NOT_STARTED);
+    EXPECT_EQ(1, SYNCH_WAITING);
+    EXPECT_EQ(2, SYNCH_FINISHED);
+}
+
+TEST_F(SynchStartupTest, PeriodInThePhaseRangeIsHeldBack) {
+    for (const int64_t ns : {3500000L, 5 * MS, 8499999L, 13500000L, 18499999L, 1000005 * MS}) {
+        EXPECT_EQ(1, atPhase(ns)) << ns;
+        EXPECT_EQ(SYNCH_WAITING, synch.state) << ns;
+    }
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(SynchStartupTest, PeriodOutsideThePhaseRangeIsWritten) {
+    for (const int64_t ns :
+         {0L, 2 * MS, 3499999L, 8500000L, 9 * MS, 9999999L, 10 * MS, 13499999L, 18500000L}) {
+        fake_log::clear();
+        EXPECT_EQ(0, atPhase(ns)) << ns;
+        EXPECT_EQ(SYNCH_FINISHED, synch.state) << ns;
+        EXPECT_THAT(fake_log::lines(),
+                    ElementsAre(Line{fake_log::DEBUG, "UAFSNK", "synch startup ok"}));
+    }
+}
+
+TEST_F(SynchStartupTest, StartInTheFutureIsWritten) {
+    for (const int64_t ns : {-1L, -2 * MS, -5 * MS, -6500000L, -9999999L, -15 * MS}) {
+        EXPECT_EQ(0, atPhase(ns)) << ns;
+    }
+}
+
+TEST_F(SynchStartupTest, FollowsTheClockFromPeriodToPeriod) {
+    EXPECT_EQ(1, atPhase(4 * MS));
+    nowNs += 4 * MS;
+    EXPECT_EQ(1, UafSnk::synchStartup(240, &synch));
+    nowNs += 1 * MS;
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(3, clockReads);
+}
+
+TEST_F(SynchStartupTest, StartTimeIsReadOnce) {
+    EXPECT_EQ(1, atPhase(4 * MS));
+    const auto events = files.events;
+    captureStartedAt("1700000000.004000000");
+    EXPECT_EQ(1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(events, files.events);
+}
+
+TEST_F(SynchStartupTest, FinishedTouchesNeitherFilesNorClock) {
+    EXPECT_EQ(0, atPhase(0));
+    files.events.clear();
+    clockReads = 0;
+    nowNs += 5 * MS;
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, UafSnk::synchStartup(0, &synch));
+    EXPECT_THAT(files.events, IsEmpty());
+    EXPECT_EQ(0, clockReads);
+    EXPECT_EQ(1u, fake_log::lines().size());
+}
+
+TEST_F(SynchStartupTest, FirstPeriodWithoutFramesWaits) {
+    EXPECT_EQ(1, UafSnk::synchStartup(0, &synch));
+    EXPECT_EQ(SYNCH_WAITING, synch.state);
+    EXPECT_EQ(0, clockReads);
+    EXPECT_EQ(599, repeated(599, 0, 1));
+    EXPECT_EQ(-1, UafSnk::synchStartup(0, &synch));
+}
+
+TEST_F(SynchStartupTest, OneFrameIsAPeriod) {
+    EXPECT_EQ(0, UafSnk::synchStartup(1, &synch));
+}
+
+TEST_F(SynchStartupTest, SixHundredPeriodsMayBeHeldBack) {
+    nowNs += 5 * MS;
+    EXPECT_EQ(600, repeated(600, 240, 1));
+    nowNs += 5 * MS;
+    clockReads = 0;
+    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, clockReads);
+    EXPECT_EQ(SYNCH_FINISHED, synch.state);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+}
+
+TEST_F(SynchStartupTest, LastTryMaySucceed) {
+    EXPECT_EQ(599, repeated(599, 0, 1));
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+}
+
+TEST_F(SynchStartupTest, EveryStartHasItsTriesAndItsStartTime) {
+    nowNs += 5 * MS;
+    EXPECT_EQ(600, repeated(600, 240, 1));
+    synch = SynchStartupState();
+    EXPECT_EQ(600, repeated(600, 240, 1));
+    synch = SynchStartupState();
+    captureStartedAt("1700000000.005000000");
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+}
+
+TEST_F(SynchStartupTest, UnknownStartTimeFailsAtOnce) {
+    files.put(PCM0_PATH, "state: PREPARED\n");
+    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(SYNCH_FINISHED, synch.state);
+    EXPECT_EQ(0, clockReads);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+}
+
+TEST_F(SynchStartupTest, FileErrorFailsAtOnce) {
+    files.refuse(PCM0_PATH, ENOENT);
+    EXPECT_EQ(-1, UafSnk::synchStartup(0, &synch));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
+                                  "file or directory"),
+                            error("synch startup failed")));
+}
+
+TEST_F(SynchStartupTest, StartTimeMustBePositive) {
+    captureStartedAt("0.000000000");
+    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    captureStartedAt("0.000000001");
+    synch = SynchStartupState();
+    nowNs = 1;
+    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+}
+
+TEST_F(SynchStartupTest, UnknownStateFails) {
+    for (const int32_t state : {-1, 3}) {
+        fake_log::clear();
+        synch.state = state;
+        EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+        EXPECT_EQ(SYNCH_FINISHED, synch.state);
+        EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+    }
+    EXPECT_THAT(files.events, IsEmpty());
+    EXPECT_EQ(0, clockReads);
+}
+
+}  // namespace
