@@ -21,13 +21,16 @@ namespace fake_alsa {
 // ---- The record --------------------------------------------------------------------------------
 
 // Every call since the start or clearCalls(), oldest first, as "snd_pcm_wait(pcm0, 10)". PCMs are
-// numbered in the order of their opening; pointers that carry a value show the value handed in:
-//   snd_pcm_open(hw:1, CAPTURE, 0)                  snd_pcm_readi(pcm0, 240)
-//   snd_pcm_hw_params_any(pcm0, zeroed)             snd_pcm_hw_params_set_access(pcm0,
-//   RW_INTERLEAVED) snd_pcm_hw_params_set_rate_near(pcm0, 48000, 0)
-//   snd_pcm_hw_params_set_format(pcm0, S16_LE) snd_ctl_open(hw:0, 0) snd_card_next(-1)
-// "zeroed" is "dirty" when the container was not filled with zeros. The ..._sizeof calls and
-// snd_strerror are not recorded.
+// numbered in the order of their opening; a pointer that carries a value shows the value handed in,
+// constants go without their prefix:
+//   snd_pcm_open(hw:1, CAPTURE, 0)
+//   snd_pcm_hw_params_any(pcm0, zeroed)      "dirty" when the container was not all zeros
+//   snd_pcm_hw_params_set_access(pcm0, RW_INTERLEAVED)
+//   snd_pcm_hw_params_set_rate_near(pcm0, 48000, 0)
+//   snd_pcm_readi(pcm0, 240)
+//   snd_card_next(-1)
+//   snd_ctl_card_info(hw:0, zeroed)
+// The ..._sizeof calls and snd_strerror are not recorded.
 std::vector<std::string> calls();
 // Those of one function.
 std::vector<std::string> callsOf(const std::string& function);

@@ -2,6 +2,7 @@
 // is recorded and given its scripted answer.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,6 +23,15 @@ template <typename Effect>
 int answer(const std::string& function, const std::string& arguments, Effect effect) {
     const std::optional<long> scripted = record(function, arguments);
     return scripted ? static_cast<int>(*scripted) : effect();
+}
+
+// How the record shows whether the caller filled a container with zeros.
+template <typename Container>
+const char* fillOf(const Container* container) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(container);
+    const bool zeroed =
+        std::all_of(bytes, bytes + sizeof *container, [](unsigned char byte) { return byte == 0; });
+    return zeroed ? ", zeroed" : ", dirty";
 }
 
 void resetPcms();

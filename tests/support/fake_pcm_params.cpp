@@ -3,6 +3,7 @@
 
 using fake_alsa::answerPcm;
 using fake_alsa::arguments;
+using fake_alsa::fillOf;
 using fake_alsa::nameOf;
 
 namespace {
@@ -10,14 +11,6 @@ namespace {
 // What a driver chooses when it is not asked for a size.
 constexpr snd_pcm_uframes_t DEFAULT_BUFFER = 4096;
 constexpr snd_pcm_uframes_t DEFAULT_PERIOD = 1024;
-
-template <typename Container>
-const char* fillOf(const Container* container) {
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(container);
-    const bool zeroed =
-        std::all_of(bytes, bytes + sizeof *container, [](unsigned char byte) { return byte == 0; });
-    return zeroed ? ", zeroed" : ", dirty";
-}
 
 }  // namespace
 
