@@ -1,0 +1,399 @@
+// Every row of the event table on the real channels, whose threads are never made: what an event
+// did to them is read from their log, and the loop's own state from the next event's line.
+#include "daemon/event_loop.h"
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "channel/uaf_snk.h"
+#include "channel/uaf_src.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ipc.h"
+#include "tests/support/fake_log.h"
+
+namespace {
+
+using fake_ipc::Message;
+using fake_log::Line;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+Line debug(const std::string& text) {
+    return {fake_log::DEBUG, "UAFIFO", text};
+}
+
+Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFIFO", text};
+}
+
+const Line ENABLED = debug("UAC Vexa is enabled, using hw:1\n");
+const Line NOT_READY = error("Audio gadget driver is not ready.\n");
+const Line NAME_NOT_SET{fake_log::ERROR, "UAFCH", "devName not set\n"};
+
+// What intfUpdate says first: the request and the state that it met.
+Line request(int on, int state) {
+    return {
+        fake_log::DEBUG, "UAFCH",
+        "intfUpdate to " + std::to_string(on) + ", current state " + std::to_string(state) + "\n"};
+}
+
+Line opening(const char* tag, const std::string& name = "hw:1") {
+    return {fake_log::DEBUG, tag, "start, opening " + name + "\n"};
+}
+
+class EventLoopTest : public fake_alsa::Test {
+  protected:
+    static constexpr int RUNNING = 1;
+    static constexpr int STOPPING = 2;
+    static constexpr int STOPPED = 3;
+
+    void SetUp() override {
+        fake_alsa::Test::SetUp();
+        fake_ipc::clear();
+        fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
+                                              void*) { return 0; };
+        fake_sys::hooks().pthread_join = [](pthread_t, void**) { return 0; };
+        plug();
+    }
+    static void plug(int card = 1) {
+        fake_alsa::setCards({{0, "rockchip"}, {card, "Vexa_Gadget"}});
+    }
+    static void unplug() { fake_alsa::setCards({{0, "rockchip"}}); }
+
+    // Handles an event; what it logged after its first line, PCM set-up left out.
+    std::vector<Line> handled(uint32_t type, uint32_t data) {
+        fake_log::clear();
+        loop.handle({type, data}, 8);
+        std::vector<Line> lines = fake_log::lines();
+        EXPECT_EQ(0u, lines[0].text.find("read msg: type=" + std::to_string(type) + ", "));
+        lines.erase(lines.begin());
+        lines.erase(
+            std::remove(lines.begin(), lines.end(), Line{fake_log::DEBUG, "UAFSRC", "init SSRS\n"}),
+            lines.end());
+        return lines;
+    }
+    // The loop's state, as an event without effect shows it.
+    std::string state() {
+        fake_log::clear();
+        loop.handle({8, 0}, 8);
+        const std::string text = fake_log::lines()[0].text;
+        return text.substr(text.find("state="));
+    }
+    static std::string stateOf(int cardnum, int bindcnt, int bindbad) {
+        return "state={cardnum:" + std::to_string(cardnum) + " bindcnt=" + std::to_string(bindcnt) +
+               " bindbad:" + std::to_string(bindbad) + "}\n";
+    }
+    static Line disabled(int bindcnt, int bindbad) {
+        return debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
+                     ", bindbad=" + std::to_string(bindbad) + "\n");
+    }
+    static Line speakerUnbound(int bindbad) {
+        return error("Speaker active while USB is not binded, will try binding it now, bindbad=" +
+                     std::to_string(bindbad) + "\n");
+    }
+    static Line micUnbound(int bindbad) {
+        return error("Mic active while USB is not binded, will try binding it now, bindbad=" +
+                     std::to_string(bindbad) + "\n");
+    }
+
+    UafSrc src;
+    UafSnk snk;
+    EventLoop loop{src, snk};
+};
+
+// ---- The line of every event -------------------------------------------------------------------
+
+TEST_F(EventLoopTest, BeginsUnbound) {
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+}
+
+TEST_F(EventLoopTest, EventIsLoggedWithTheStateBeforeIt) {
+    loop.handle({0, 0xABC}, 8);
+    EXPECT_EQ(debug("read msg: type=0, data=0x00000abc, size=8; "
+                    "state={cardnum:-1 bindcnt=0 bindbad:0}\n"),
+              fake_log::lines()[0]);
+    fake_log::clear();
+    loop.handle({4294967295u, 0xFFFFFFFF}, -1);
+    EXPECT_EQ(debug("read msg: type=4294967295, data=0xffffffff, size=-1; "
+                    "state={cardnum:1 bindcnt=1 bindbad:0}\n"),
+              fake_log::lines()[0]);
+}
+
+// ---- Bind --------------------------------------------------------------------------------------
+
+TEST_F(EventLoopTest, BindFindsTheCard) {
+    EXPECT_THAT(handled(0, 0), ElementsAre(ENABLED));
+    EXPECT_EQ(stateOf(1, 1, 0), state());
+    EXPECT_EQ(0, src.intfUpdate(false));
+    EXPECT_EQ(0, snk.intfUpdate(false));
+}
+
+TEST_F(EventLoopTest, BindWithoutTheCardStaysUnbound) {
+    unplug();
+    EXPECT_THAT(handled(0, 0), ElementsAre(NOT_READY));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+}
+
+TEST_F(EventLoopTest, SecondBindSearchesAgainAndCounts) {
+    handled(0, 0);
+    plug(3);
+    EXPECT_THAT(handled(0, 0), ElementsAre(debug("UAC Vexa is enabled, using hw:3\n")));
+    EXPECT_EQ(stateOf(3, 2, 0), state());
+    EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK", "hw:3")));
+    EXPECT_THAT(handled(3, 1), Contains(opening("UAFSRC", "hw:3")));
+}
+
+TEST_F(EventLoopTest, BindThatLosesTheCardIsUnbound) {
+    handled(0, 0);
+    unplug();
+    EXPECT_THAT(handled(0, 0), ElementsAre(NOT_READY));
+    EXPECT_EQ(stateOf(-1, 1, 0), state());
+    EXPECT_EQ(0, snk.intfUpdate(false));  // the names are left
+}
+
+TEST_F(EventLoopTest, BindToTheFirstCardIsABinding) {
+    fake_alsa::setCards({{0, "Vexa_Gadget"}});
+    handled(0, 0);
+    EXPECT_EQ(stateOf(0, 1, 0), state());
+    EXPECT_THAT(handled(2, 1), Not(Contains(speakerUnbound(1))));
+}
+
+// ---- Unbind ------------------------------------------------------------------------------------
+
+TEST_F(EventLoopTest, UnbindSwitchesBothChannelsOffAndClearsTheirNames) {
+    handled(0, 0);
+    handled(2, 1);
+    EXPECT_THAT(handled(1, 0),
+                ElementsAre(request(0, STOPPED), request(0, RUNNING), disabled(0, 0)));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPING), NAME_NOT_SET));
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+}
+
+TEST_F(EventLoopTest, UnbindSwitchesTheSourceOffFirst) {
+    handled(0, 0);
+    handled(3, 1);
+    EXPECT_THAT(handled(1, 0),
+                ElementsAre(request(0, RUNNING), request(0, STOPPED), disabled(0, 0)));
+}
+
+TEST_F(EventLoopTest, UnbindWhileUnboundTouchesNothing) {
+    EXPECT_THAT(handled(1, 0), ElementsAre(disabled(0, 0)));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+}
+
+TEST_F(EventLoopTest, UnbindCountsDownOnce) {
+    handled(0, 0);
+    handled(0, 0);
+    EXPECT_THAT(handled(1, 0), Contains(disabled(1, 0)));
+    EXPECT_EQ(stateOf(-1, 1, 0), state());
+    EXPECT_THAT(handled(1, 0), ElementsAre(disabled(1, 0)));
+}
+
+// ---- Speaker on and off ------------------------------------------------------------------------
+
+TEST_F(EventLoopTest, SpeakerOnStartsTheSink) {
+    handled(0, 0);
+    EXPECT_THAT(handled(2, 1), ElementsAre(request(1, STOPPED), opening("UAFSNK")));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{1, 1}));
+    EXPECT_EQ(stateOf(1, 1, 0), state());
+}
+
+TEST_F(EventLoopTest, SpeakerOffStopsTheSink) {
+    handled(0, 0);
+    handled(2, 1);
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, RUNNING)));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPING)));
+}
+
+TEST_F(EventLoopTest, AnySpeakerDataButZeroIsOn) {
+    handled(0, 0);
+    EXPECT_THAT(handled(2, 0x80000000), Contains(request(1, STOPPED)));
+    EXPECT_THAT(handled(2, 0x00010000), Contains(request(1, RUNNING)));
+}
+
+TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
+    EXPECT_THAT(handled(2, 1),
+                ElementsAre(speakerUnbound(1), ENABLED, request(1, STOPPED), opening("UAFSNK")));
+    EXPECT_EQ(stateOf(1, 0, 1), state());
+    EXPECT_THAT(handled(1, 0), Contains(disabled(-1, 1)));
+    EXPECT_EQ(stateOf(-1, -1, 1), state());
+}
+
+TEST_F(EventLoopTest, SpeakerOnWithoutTheCardRetriesEveryTime) {
+    unplug();
+    EXPECT_THAT(handled(2, 1),
+                ElementsAre(speakerUnbound(1), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+    EXPECT_EQ(stateOf(-1, 0, 1), state());
+    EXPECT_THAT(handled(2, 7),
+                ElementsAre(speakerUnbound(2), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+    EXPECT_THAT(fake_ipc::messages(), IsEmpty());
+    plug();
+    EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK")));
+    EXPECT_EQ(stateOf(1, 0, 3), state());
+}
+
+TEST_F(EventLoopTest, SpeakerOffWhileUnboundDoesNotBind) {
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+    EXPECT_EQ(0, fake_alsa::count("snd_card_next"));
+}
+
+// ---- Microphone on and off ---------------------------------------------------------------------
+
+TEST_F(EventLoopTest, MicOnStartsTheSource) {
+    handled(0, 0);
+    EXPECT_THAT(handled(3, 1), ElementsAre(request(1, STOPPED), opening("UAFSRC")));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{2, 1}));
+    EXPECT_EQ(stateOf(1, 1, 0), state());
+}
+
+TEST_F(EventLoopTest, MicOffStopsTheSource) {
+    handled(0, 0);
+    handled(3, 0x01000000);
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, RUNNING)));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPED)));
+}
+
+TEST_F(EventLoopTest, MicOnWhileUnboundBinds) {
+    EXPECT_THAT(handled(3, 1),
+                ElementsAre(micUnbound(1), ENABLED, request(1, STOPPED), opening("UAFSRC")));
+    EXPECT_EQ(stateOf(1, 0, 1), state());
+}
+
+TEST_F(EventLoopTest, MicOnWithoutTheCardRetriesEveryTime) {
+    unplug();
+    EXPECT_THAT(handled(3, 1),
+                ElementsAre(micUnbound(1), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+    EXPECT_THAT(handled(2, 1), Contains(speakerUnbound(2)));
+    EXPECT_THAT(handled(3, 1), Contains(micUnbound(3)));
+    EXPECT_EQ(stateOf(-1, 0, 3), state());
+}
+
+TEST_F(EventLoopTest, MicOffWhileUnboundDoesNotBind) {
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+}
+
+TEST_F(EventLoopTest, FailedStartChangesNothingOfTheLoop) {
+    handled(0, 0);
+    fake_alsa::answerAlways("snd_pcm_open", -EBUSY);
+    handled(2, 1);
+    EXPECT_EQ(stateOf(1, 1, 0), state());
+}
+
+// ---- Volume and mute ---------------------------------------------------------------------------
+
+TEST_F(EventLoopTest, SpeakerVolumeGoesToTheAppAsTypeThree) {
+    EXPECT_THAT(handled(4, 0x0001FF80),
+                ElementsAre(Line{fake_log::DEBUG, "UAFCH",
+                                 "setVolume volume=-128, sending: type=0x00000003, "
+                                 "data=0x0000FF80\n"}));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{3, 0xFF80}));
+}
+
+TEST_F(EventLoopTest, MicVolumeGoesToTheAppAsTypeFour) {
+    EXPECT_THAT(handled(5, 0x12347FFF),
+                ElementsAre(Line{fake_log::DEBUG, "UAFCH",
+                                 "setVolume volume=32767, sending: type=0x00000004, "
+                                 "data=0x00007FFF\n"}));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{4, 0x7FFF}));
+}
+
+TEST_F(EventLoopTest, SpeakerMuteGoesToTheAppAsTypeFive) {
+    EXPECT_THAT(handled(6, 2), ElementsAre(Line{fake_log::DEBUG, "UAFCH",
+                                                "setMute mute=1, sending: type=0x00000005, "
+                                                "data=0x00000001\n"}));
+    handled(6, 0);
+    handled(6, 0x80000000);
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{5, 1}, Message{5, 0}, Message{5, 1}));
+}
+
+TEST_F(EventLoopTest, MicMuteGoesToTheAppAsTypeSix) {
+    EXPECT_THAT(handled(7, 0), ElementsAre(Line{fake_log::DEBUG, "UAFCH",
+                                                "setMute mute=0, sending: type=0x00000006, "
+                                                "data=0x00000000\n"}));
+    handled(7, 0x00010000);
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{6, 0}, Message{6, 1}));
+}
+
+// ---- Anything else -----------------------------------------------------------------------------
+
+TEST_F(EventLoopTest, UnknownTypeChangesNothing) {
+    handled(0, 0);
+    EXPECT_THAT(handled(8, 1), ElementsAre(error("invalid msg: type=8\n")));
+    EXPECT_THAT(handled(0xFFFFFFFF, 1), ElementsAre(error("invalid msg: type=4294967295\n")));
+    EXPECT_EQ(stateOf(1, 1, 0), state());
+    EXPECT_THAT(fake_ipc::messages(), IsEmpty());
+}
+
+// ---- Reading -----------------------------------------------------------------------------------
+
+// Thrown by the last read: the loop has no other end.
+struct EndOfScript {};
+
+class EventLoopRunTest : public EventLoopTest {
+  protected:
+    struct Read {
+        ssize_t result;
+        UacUserMsgT record;  // as many bytes of it as the result says are delivered
+    };
+    // Runs the loop on these reads; what each event logged first.
+    std::vector<std::string> run(std::deque<Read> reads) {
+        fake_sys::hooks().read = [&](int fd, void* buffer, size_t size) {
+            EXPECT_EQ(5, fd);
+            EXPECT_EQ(8u, size);
+            if (reads.empty()) {
+                throw EndOfScript();
+            }
+            const Read next = reads.front();
+            reads.pop_front();
+            if (next.result > 0) {
+                memcpy(buffer, &next.record, static_cast<size_t>(next.result));
+            }
+            return next.result;
+        };
+        EXPECT_THROW(loop.run(5), EndOfScript);
+        std::vector<std::string> events;
+        for (const Line& line : fake_log::lines()) {
+            if (line.text.find("read msg: ") == 0) {
+                events.push_back(line.text.substr(10, line.text.find(';') - 10));
+            }
+        }
+        return events;
+    }
+};
+
+TEST_F(EventLoopRunTest, RecordsAreHandledInOrder) {
+    EXPECT_THAT(run({{8, {0, 0}}, {8, {2, 1}}, {8, {6, 1}}}),
+                ElementsAre("type=0, data=0x00000000, size=8", "type=2, data=0x00000001, size=8",
+                            "type=6, data=0x00000001, size=8"));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{1, 1}, Message{5, 1}));
+}
+
+TEST_F(EventLoopRunTest, FailedFirstReadIsAnInvalidRecord) {
+    EXPECT_THAT(run({{-1, {}}}), ElementsAre("type=4294967295, data=0x00000000, size=-1"));
+    EXPECT_THAT(fake_log::lines(), Contains(error("invalid msg: type=4294967295\n")));
+    EXPECT_EQ(stateOf(-1, 0, 0), state());
+}
+
+TEST_F(EventLoopRunTest, FailedReadHandlesTheRecordBeforeOnceMore) {
+    EXPECT_THAT(run({{8, {6, 1}}, {-1, {}}, {0, {}}}),
+                ElementsAre("type=6, data=0x00000001, size=8", "type=6, data=0x00000001, size=-1",
+                            "type=6, data=0x00000001, size=0"));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{5, 1}, Message{5, 1}, Message{5, 1}));
+}
+
+TEST_F(EventLoopRunTest, ShortReadLeavesTheRestOfTheRecord) {
+    EXPECT_THAT(run({{8, {6, 0x01020304}}, {4, {7, 0}}, {5, {7, 0xFF}}}),
+                ElementsAre("type=6, data=0x01020304, size=8", "type=7, data=0x01020304, size=4",
+                            "type=7, data=0x010203ff, size=5"));
+}
+
+}  // namespace

@@ -1,0 +1,206 @@
+// The entry point, compiled into this program under the name uafdMain. The app's service and the
+// cable monitor are replaced: what counts here is when they are built, started and destroyed.
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cable/cable_mon.h"
+#include "daemon/uac_user.h"
+#include "ipc/uaf_ipc.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ipc.h"
+#include "tests/support/fake_log.h"
+
+int uafdMain();
+
+namespace {
+
+using fake_log::Line;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr int CONTROL_FD = 9;
+
+std::vector<std::string> events;
+bool ipcStarts = true;
+bool cableStarts = true;
+
+// Thrown by a read: the event loop has no other end.
+struct EndOfScript {};
+
+const std::vector<std::string> BUILT{"mutex", "mutex", "mutex", "CableMon", "UafIpc"};
+const std::vector<std::string> DESTROYED{"~UafIpc", "~CableMon"};
+const std::vector<std::string> FIFOS_PROBED{"open /tmp/usbAudioFifoRx", "open /tmp/usbAudioFifoTx",
+                                            "close 7", "close 8"};
+
+std::vector<std::string> joined(std::initializer_list<std::vector<std::string>> lists) {
+    std::vector<std::string> all;
+    for (const auto& list : lists) {
+        all.insert(all.end(), list.begin(), list.end());
+    }
+    return all;
+}
+
+class MainTest : public fake_alsa::Test {
+  protected:
+    void SetUp() override {
+        fake_alsa::Test::SetUp();
+        fake_ipc::clear();
+        events.clear();
+        ipcStarts = true;
+        cableStarts = true;
+        auto& hooks = fake_sys::hooks();
+        hooks.pthread_mutex_init = [](pthread_mutex_t* mutex, const pthread_mutexattr_t* attr) {
+            events.emplace_back("mutex");
+            return fake_sys::real::pthread_mutex_init(mutex, attr);
+        };
+        hooks.open = [this](const char* path, int) {
+            linesAtFirstOpen = linesAtFirstOpen < 0 ? static_cast<int>(fake_log::lines().size())
+                                                    : linesAtFirstOpen;
+            events.push_back(std::string("open ") + path);
+            errno = ENXIO;
+            return path == std::string("/dev/uac_user")         ? controlFd
+                   : path == std::string("/tmp/usbAudioFifoRx") ? 7
+                                                                : 8;
+        };
+        hooks.close = [](int fd) {
+            events.push_back("close " + std::to_string(fd));
+            return 0;
+        };
+        hooks.mknod = [this](const char*, mode_t, dev_t) {
+            events.emplace_back("mknod");
+            errno = EPERM;
+            return mknodResult;
+        };
+        hooks.ioctl = [this](int fd, unsigned long, void*) {
+            events.push_back("ioctl " + std::to_string(fd));
+            errno = ENOTTY;
+            return ioctlResult;
+        };
+        hooks.read = [this](int fd, void* buffer, size_t) -> ssize_t {
+            events.push_back("read " + std::to_string(fd));
+            if (records.empty()) {
+                throw EndOfScript();
+            }
+            memcpy(buffer, &records.front(), sizeof records.front());
+            records.erase(records.begin());
+            return sizeof records.front();
+        };
+        hooks.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+            return 0;
+        };
+    }
+
+    int mknodResult = 0;
+    int controlFd = CONTROL_FD;
+    int ioctlResult = 0;
+    int linesAtFirstOpen = -1;
+    std::vector<UacUserMsgT> records;  // what the driver reports
+};
+
+TEST_F(MainTest, BuildsConnectsAndRuns) {
+    EXPECT_THROW(uafdMain(), EndOfScript);
+    EXPECT_THAT(events, ElementsAreArray(joined({BUILT,
+                                                 FIFOS_PROBED,
+                                                 {"mknod", "open /dev/uac_user", "UafIpc::start",
+                                                  "CableMon::start", "ioctl 9", "read 9"},
+                                                 DESTROYED})));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(
+            Line{fake_log::DEBUG, "UAFIFO", "use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx\n"},
+            Line{fake_log::DEBUG, "UAFIFO",
+                 "Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, /tmp/usbAudioFifoTx "
+                 "after 0 attempts"}));
+    EXPECT_EQ(1, linesAtFirstOpen);
+}
+
+TEST_F(MainTest, NodeThatCannotBeCreatedEndsTheProcess) {
+    mknodResult = -1;
+    EXPECT_EQ(-1, uafdMain());
+    EXPECT_THAT(events, ElementsAreArray(joined({BUILT, FIFOS_PROBED, {"mknod"}, DESTROYED})));
+    EXPECT_EQ((Line{fake_log::ERROR, "UAFIFO", "mknod failed, rc=-1, errno=1\n"}),
+              fake_log::lines().back());
+}
+
+TEST_F(MainTest, ControlDeviceThatDoesNotOpenEndsTheProcess) {
+    controlFd = -1;
+    EXPECT_EQ(-1, uafdMain());
+    EXPECT_THAT(events, ElementsAreArray(joined(
+                            {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user"}, DESTROYED})));
+    EXPECT_EQ((Line{fake_log::ERROR, "UAFIFO", "open /dev/uac_user failed, rc=-1, errno=6\n"}),
+              fake_log::lines().back());
+}
+
+TEST_F(MainTest, ServiceThatDoesNotStartEndsTheProcess) {
+    ipcStarts = false;
+    EXPECT_EQ(-1, uafdMain());
+    EXPECT_THAT(
+        events,
+        ElementsAreArray(joined(
+            {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user", "UafIpc::start"}, DESTROYED})));
+    EXPECT_EQ((Line{fake_log::DEBUG, "UAFIFO", "failed to initialized IPC ... exiting\n"}),
+              fake_log::lines().back());
+}
+
+TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
+    cableStarts = false;
+    ioctlResult = -1;
+    EXPECT_THROW(uafdMain(), EndOfScript);
+    EXPECT_THAT(events, Contains("read 9"));
+    EXPECT_EQ((Line{fake_log::DEBUG, "UAFIFO",
+                    "failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=25\n"}),
+              fake_log::lines().back());
+}
+
+TEST_F(MainTest, ControlDescriptorZeroIsOpen) {
+    controlFd = 0;
+    EXPECT_THROW(uafdMain(), EndOfScript);
+    EXPECT_THAT(events, Contains("read 0"));
+}
+
+TEST_F(MainTest, HostsSpeakerStartsTheSinkOnTheGadgetCard) {
+    fake_alsa::setCards({{0, "rockchip"}, {1, "Vexa_Gadget"}});
+    records = {{0, 0}, {2, 1}, {3, 1}};
+    EXPECT_THROW(uafdMain(), EndOfScript);
+    EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"),
+                ElementsAre("snd_pcm_open(hw:1, CAPTURE, 0)", "snd_pcm_open(hw:1, PLAYBACK, 0)"));
+    EXPECT_THAT(fake_ipc::messages(),
+                ElementsAre(fake_ipc::Message{1, 1}, fake_ipc::Message{2, 1}));
+}
+
+}  // namespace
+
+UafIpc::UafIpc() {
+    events.emplace_back("UafIpc");
+}
+
+UafIpc::~UafIpc() {
+    events.emplace_back("~UafIpc");
+}
+
+bool UafIpc::start() {
+    events.emplace_back("UafIpc::start");
+    return ipcStarts;
+}
+
+CableMon::CableMon() {
+    events.emplace_back("CableMon");
+}
+
+CableMon::~CableMon() {
+    events.emplace_back("~CableMon");
+}
+
+bool CableMon::start() {
+    events.emplace_back("CableMon::start");
+    return cableStarts;
+}

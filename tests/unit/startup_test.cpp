@@ -1,0 +1,226 @@
+#include "daemon/startup.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "daemon/uac_user.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_sys.h"
+
+namespace {
+
+using fake_log::Line;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char RX[] = "/tmp/usbAudioFifoRx";
+constexpr char TX[] = "/tmp/usbAudioFifoTx";
+
+Line debug(const std::string& text) {
+    return {fake_log::DEBUG, "UAFIFO", text};
+}
+
+Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFIFO", text};
+}
+
+Line missing(const std::string& path) {
+    return debug(path + " is not available yet. Waiting for creation...");
+}
+
+// ---- The app's FIFOs ---------------------------------------------------------------------------
+
+class WaitForFifosTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        fake_sys::hooks().open = [this](const char* path, int flags) {
+            opens.push_back(std::string(path) + ' ' + std::to_string(flags));
+            int& failures = path == std::string(RX) ? rxFailures : txFailures;
+            errno = openErrno;
+            return failures-- > 0 ? -1 : path == std::string(RX) ? rxFd : 12;
+        };
+        fake_sys::hooks().close = [this](int fd) {
+            closed.push_back(fd);
+            return 0;
+        };
+        fake_sys::hooks().usleep = [this](useconds_t us) {
+            pausesUs.push_back(us);
+            linesAtPause.push_back(fake_log::lines().size());
+            return 0;
+        };
+    }
+
+    int rxFailures = 0;
+    int txFailures = 0;
+    int rxFd = 11;
+    int openErrno = ENOENT;
+    std::vector<std::string> opens;
+    std::vector<int> closed;
+    std::vector<useconds_t> pausesUs;
+    std::vector<size_t> linesAtPause;
+};
+
+TEST_F(WaitForFifosTest, BothThereAreProbedOnce) {
+    waitForFifos();
+    EXPECT_THAT(opens, ElementsAre(RX + (" " + std::to_string(O_WRONLY)),
+                                   TX + (" " + std::to_string(O_RDONLY))));
+    EXPECT_THAT(closed, ElementsAre(11, 12));
+    EXPECT_THAT(pausesUs, IsEmpty());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, "
+                                  "/tmp/usbAudioFifoTx after 0 attempts")));
+}
+
+TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
+    rxFailures = 2;
+    txFailures = 1;
+    waitForFifos();
+    EXPECT_THAT(opens, SizeIs(5));
+    EXPECT_THAT(pausesUs, ElementsAre(200000, 200000, 200000));
+    EXPECT_THAT(linesAtPause, ElementsAre(1, 1, 2));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(missing(RX), missing(TX),
+                            debug("Fifos observed for /tmp/usbAudioFifoRx after 2 attempts, "
+                                  "/tmp/usbAudioFifoTx after 1 attempts")));
+}
+
+TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
+    rxFailures = 1500;
+    txFailures = 3001;
+    waitForFifos();
+    EXPECT_THAT(pausesUs, SizeIs(4501));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(missing(RX), missing(TX), missing(TX), missing(TX),
+                            debug("Fifos observed for /tmp/usbAudioFifoRx after 1500 attempts, "
+                                  "/tmp/usbAudioFifoTx after 3001 attempts")));
+    EXPECT_EQ(1u, linesAtPause[1499]);
+    EXPECT_EQ(2u, linesAtPause[1500]);
+    EXPECT_EQ(2u, linesAtPause[1500 + 1499]);
+    EXPECT_EQ(3u, linesAtPause[1500 + 1500]);
+}
+
+TEST_F(WaitForFifosTest, AnyErrorIsRetried) {
+    for (const int error : {EACCES, EINTR, EMFILE, ENXIO, EISDIR}) {
+        openErrno = error;
+        rxFailures = 1;
+        txFailures = 1;
+        fake_log::clear();
+        waitForFifos();
+        EXPECT_THAT(fake_log::lines(), SizeIs(3));
+    }
+}
+
+TEST_F(WaitForFifosTest, DescriptorZeroIsOpen) {
+    rxFd = 0;
+    waitForFifos();
+    EXPECT_THAT(closed, ElementsAre(0, 12));
+}
+
+// ---- The gadget control device -----------------------------------------------------------------
+
+class GadgetControlTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        fake_sys::hooks().mknod = [this](const char* path, mode_t mode, dev_t device) {
+            calls.push_back(std::string("mknod ") + path);
+            EXPECT_EQ(static_cast<mode_t>(020770), mode);
+            EXPECT_EQ(static_cast<dev_t>(0x7A00), device);
+            errno = mknodErrno;
+            return mknodErrno == 0 ? 0 : -1;
+        };
+        fake_sys::hooks().open = [this](const char* path, int flags) {
+            calls.push_back(std::string("open ") + path);
+            EXPECT_EQ(O_RDONLY, flags);
+            errno = ENXIO;
+            return openResult;
+        };
+    }
+
+    int mknodErrno = 0;
+    int openResult = 5;
+    std::vector<std::string> calls;
+};
+
+TEST_F(GadgetControlTest, NodeIsCreatedAndOpened) {
+    EXPECT_EQ(5, openGadgetControl());
+    EXPECT_THAT(calls, ElementsAre("mknod /dev/uac_user", "open /dev/uac_user"));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(GadgetControlTest, ExistingNodeIsTakenAsItIs) {
+    mknodErrno = EEXIST;
+    EXPECT_EQ(5, openGadgetControl());
+    EXPECT_THAT(calls, ElementsAre("mknod /dev/uac_user", "open /dev/uac_user"));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(GadgetControlTest, NodeThatCannotBeCreatedIsNotOpened) {
+    mknodErrno = EPERM;
+    EXPECT_EQ(-1, openGadgetControl());
+    EXPECT_THAT(calls, ElementsAre("mknod /dev/uac_user"));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("mknod failed, rc=-1, errno=1\n")));
+}
+
+TEST_F(GadgetControlTest, NodeThatDoesNotOpenIsReported) {
+    openResult = -1;
+    EXPECT_EQ(-1, openGadgetControl());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error("open /dev/uac_user failed, rc=-1, errno=6\n")));
+}
+
+TEST_F(GadgetControlTest, InitialStateIsAskedForWithoutAnArgument) {
+    int asked = 0;
+    fake_sys::hooks().ioctl = [&](int fd, unsigned long request, void* argument) {
+        ++asked;
+        EXPECT_EQ(5, fd);
+        EXPECT_EQ(0x8004F503u, request);
+        EXPECT_EQ(nullptr, argument);
+        return 0;
+    };
+    requestInitialState(5);
+    EXPECT_EQ(1, asked);
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(GadgetControlTest, RefusedRequestIsOnlyLogged) {
+    for (const int result : {-1, 3}) {
+        fake_log::clear();
+        fake_sys::hooks().ioctl = [&](int, unsigned long, void*) {
+            errno = ENOTTY;
+            return result;
+        };
+        requestInitialState(5);
+        EXPECT_THAT(fake_log::lines(),
+                    ElementsAre(debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=" +
+                                      std::to_string(result) + ", error=25\n")));
+    }
+}
+
+// The driver's numbers.
+TEST(UacUserTest, RequestsAndEventsHaveTheDriversCodes) {
+    EXPECT_EQ(0x4002F501u, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME);
+    EXPECT_EQ(0x4004F502u, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE);
+    EXPECT_EQ(0x8004F503u, F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC);
+    EXPECT_EQ(0, F_UAC_VEXA_USER_EVT_BIND);
+    EXPECT_EQ(1, F_UAC_VEXA_USER_EVT_UNBIND);
+    EXPECT_EQ(2, F_UAC_VEXA_USER_EVT_SPK_ACTIVE);
+    EXPECT_EQ(3, F_UAC_VEXA_USER_EVT_MIC_ACTIVE);
+    EXPECT_EQ(4, F_UAC_VEXA_USER_EVT_SPK_VOLUME);
+    EXPECT_EQ(5, F_UAC_VEXA_USER_EVT_MIC_VOLUME);
+    EXPECT_EQ(6, F_UAC_VEXA_USER_EVT_SPK_MUTE);
+    EXPECT_EQ(7, F_UAC_VEXA_USER_EVT_MIC_MUTE);
+    EXPECT_EQ(8u, sizeof(UacUserMsgT));
+}
+
+}  // namespace
