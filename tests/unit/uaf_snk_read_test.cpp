@@ -281,6 +281,13 @@ TEST_F(UafSnkReadTest, LargeBacklogIsDroppedInWholePeriods) {
     EXPECT_THAT(written, ElementsAre(stereoFrom(1440), stereoFrom(1680), stereoFrom(1920)));
 }
 
+TEST_F(UafSnkReadTest, DroppingEndsAtExactlyThreePeriods) {
+    EXPECT_EQ(0, snk->intfUpdate(true));
+    fake_alsa::advance(fake_alsa::pcm(0), 40 * NS_PER_MS);  // 1920 frames
+    runLoop(3);
+    EXPECT_THAT(written, ElementsAre(stereoFrom(1200), stereoFrom(1440), stereoFrom(1680)));
+}
+
 TEST_F(UafSnkReadTest, CheckAfterADropGoesBackToEveryHundred) {
     int answers = 0;
     fake_alsa::hooks().availUpdate = [&](snd_pcm_t*) { return ++answers <= 2 ? 721 : 240; };

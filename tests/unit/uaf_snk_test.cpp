@@ -299,8 +299,9 @@ TEST_F(UafSnkTest, TotalsWrap) {
 
 TEST_F(UafSnkTest, ShortReadIsCountedAsItIs) {
     fake_alsa::answerAt("snd_pcm_readi", 2, 100);
-    run(3);
-    EXPECT_EQ(debug("exit, loopcnt=3, pcmRead 580, fifoWrite 2880\n"), log().back());
+    fake_alsa::answerAt("snd_pcm_readi", 3, 0);
+    run(4);
+    EXPECT_EQ(debug("exit, loopcnt=4, pcmRead 580, fifoWrite 3840\n"), log().back());
 }
 
 // ---- Start synchronisation ---------------------------------------------------------------------
