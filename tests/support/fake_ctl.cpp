@@ -93,11 +93,9 @@ int snd_ctl_close(snd_ctl_t* control) {
 
 int snd_ctl_card_info(snd_ctl_t* control, snd_ctl_card_info_t* info) {
     return answer("snd_ctl_card_info", nameOf(control->card) + fake_alsa::fillOf(info), [&] {
-        if (control->card.infoResult < 0) {
-            return control->card.infoResult;
-        }
+        // Filled in even when it fails: nobody may look at it then.
         strncpy(info->driver, control->card.driver.c_str(), sizeof info->driver - 1);
-        return 0;
+        return control->card.infoResult;
     });
 }
 

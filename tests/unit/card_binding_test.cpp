@@ -17,7 +17,6 @@ using fake_log::Line;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 constexpr char DRIVER[] = "Vexa_Gadget";
 
@@ -163,6 +162,17 @@ TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
     snk.uafLoop();
     EXPECT_THAT(opened, testing::SizeIs(3));
     EXPECT_THAT(opened, testing::Each("/tmp/usbAudioFifoRx to write"));
+}
+
+TEST_F(UafBindTest, FirstCardMayBeTheGadget) {
+    fake_alsa::setCards({{0, DRIVER}});
+    EXPECT_EQ(0, uafBind(&src, &snk));
+    EXPECT_THAT(copied, Contains("hw:0").Times(2));
+}
+
+TEST_F(UafBindTest, AllOfTheDriversNameCounts) {
+    fake_alsa::setCards({{0, "Vexa_Gadge"}, {1, "Vexa_GadgetX"}});
+    EXPECT_EQ(1, uafBind(&src, &snk));
 }
 
 TEST_F(UafBindTest, NoGadgetCardLeavesTheNames) {
