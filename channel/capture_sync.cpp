@@ -47,8 +47,7 @@ FILE* openStatusFile() {
     FILE* const idFile = fopen(CARD_ID_PATH, "r");
     if (idFile == nullptr) {
         const int openErrno = errno;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to open /proc/asound/card0/id: %s",
-                            strerror(openErrno));
+        logOpenFailure(CARD_ID_PATH, openErrno);
         // Names the default status file although none was opened: an unknown card is reported by
         // this pair of lines, which log readers look for together.
         logOpenFailure(STATUS_PATH_PCM1, openErrno);
@@ -57,8 +56,8 @@ FILE* openStatusFile() {
     Line cardId;
     if (fgets(cardId, sizeof cardId, idFile) == nullptr) {
         const int readErrno = errno;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "Failed to determine card type for: /proc/asound/card0/id");
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to determine card type for: %s",
+                            CARD_ID_PATH);
         fclose(idFile);
         logOpenFailure(STATUS_PATH_PCM1, readErrno);
         return nullptr;
