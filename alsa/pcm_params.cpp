@@ -46,8 +46,8 @@ int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t 
         return rc;
     }
     unsigned grantedRate = rate;
-    int direction =
-        0;  // shared on purpose: what the rate call leaves in it goes to the period call
+    // Shared on purpose: what the rate call leaves in it goes to the period call.
+    int direction = 0;
     rc = snd_pcm_hw_params_set_rate_near(pcm, params, &grantedRate, &direction);
     if (!hwStep(132, rc)) {
         return rc;
