@@ -6,9 +6,11 @@
 
 // Logs "error at FUNCTION@STEP: RESULT=CODE" at error level. `step` is a fixed number that names
 // the step in field logs and never follows the source's lines; `result` is the name of the variable
-// that held the code, which differs between functions and which log readers search for. Any thread.
-inline void logStepError(const char* tag, const char* function, int step, const char* result,
-                         int code) {
+// that held the code, which differs between functions and which log readers search for.
+// Any thread. Returns `code`.
+inline int logStepError(const char* tag, const char* function, int step, const char* result,
+                        int code) {
     __android_log_print(ANDROID_LOG_ERROR, tag, "error at %s@%d: %s=%d\n", function, step, result,
                         code);
+    return code;
 }

@@ -48,6 +48,7 @@ int UafCh::setDevName(const char* newFifoName, const char* newPcmName) {
 }
 
 int UafCh::intfUpdate(bool on) {
+    fifoOpening.releaseIfReplaced();
     if (!beginUpdate(on)) {
         return -1;
     }
@@ -255,7 +256,7 @@ void UafCh::pauseForTimeout() {
 
 bool UafCh::openFifo(int flags, size_t blockBytes, const char* tag) {
     const char* const name = fifoName.load();
-    fifoFd = name == nullptr ? -1 : open(name, flags);
+    fifoFd = name == nullptr ? -1 : fifoOpening.open(name, flags);
     if (fifoFd < 0) {
         __android_log_print(ANDROID_LOG_ERROR, tag, "failed to open %s\n",
                             DevName::printable(name));

@@ -13,6 +13,7 @@
 #include <alsa/asoundlib.h>
 
 #include "channel/dev_name.h"
+#include "channel/fifo_opening.h"
 
 // One audio stream's fixed shape, shared by both channels.
 constexpr unsigned SAMPLE_RATE_HZ = 48000;
@@ -109,6 +110,7 @@ class UafCh {
     int fifoFd = -1;                        // -1 when closed
     DevName pcmName;                        // ALSA device name
     DevName fifoName;                       // path of the channel's FIFO
+    FifoOpening fifoOpening;                // lets a thread out that waits on a deleted FIFO
     snd_pcm_status_t* pcmStatus = nullptr;  // allocated by uafStart, kept until destruction
     int pcmStallCnt = 0;                    // consecutive waits that found the PCM not ready
     int availChkCnt = 0;                    // ready periods since the sink's backlog check

@@ -94,27 +94,22 @@ int UafSnk::openPcm() {
     snd_pcm_t* pcm = nullptr;
     int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_CAPTURE, 0);
     if (rc < 0) {
-        return stepFailed(90, rc);
+        return logStepError(LOG_TAG, "uafStart", 90, "rc", rc);
     }
     pcmHandle = pcm;
     rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
     if (rc < 0) {
-        return stepFailed(92, rc);
+        return logStepError(LOG_TAG, "uafStart", 92, "rc", rc);
     }
     rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
     if (rc < 0) {
-        return stepFailed(94, rc);
+        return logStepError(LOG_TAG, "uafStart", 94, "rc", rc);
     }
     rc = snd_pcm_start(pcmHandle);
     if (rc < 0) {
-        return stepFailed(100, rc);
+        return logStepError(LOG_TAG, "uafStart", 100, "rc", rc);
     }
     return 0;
-}
-
-int UafSnk::stepFailed(int step, int rc) const {
-    logStepError(LOG_TAG, "uafStart", step, "rc", rc);
-    return rc;
 }
 
 int UafSnk::uafStop() {

@@ -31,7 +31,6 @@ class UafSnk : public UafCh {
 
   private:
     int openPcm();
-    int stepFailed(int step, int rc) const;
     bool restartIfStopped();
     int pcmRead();
     bool dropBacklog();

@@ -162,6 +162,7 @@ bool UafSrc::startBufferThread() {
         return true;
     }
     bufferStopRequested.store(false, std::memory_order_relaxed);
+    fifoOpening.allow();
     holdDevNames();
     if (createRtThread(&bufferThread, UafSrcBufferThread, this, LOG_TAG) != 0) {
         const int createErrno = errno;
@@ -180,27 +181,22 @@ int UafSrc::openPcm() {
     snd_pcm_t* pcm = nullptr;
     int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_PLAYBACK, 0);
     if (rc < 0) {
-        return stepFailed(204, rc);
+        return logStepError(LOG_TAG, "uafStart", 204, "rc", rc);
     }
     pcmHandle = pcm;
     rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
     if (rc < 0) {
-        return stepFailed(206, rc);
+        return logStepError(LOG_TAG, "uafStart", 206, "rc", rc);
     }
     rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
     if (rc < 0) {
-        return stepFailed(208, rc);
+        return logStepError(LOG_TAG, "uafStart", 208, "rc", rc);
     }
     rc = static_cast<int>(snd_pcm_writei(pcmHandle, silenceBuf.get(), PERIOD_FRAMES));
     if (rc < 0) {
-        return stepFailed(214, rc);
+        return logStepError(LOG_TAG, "uafStart", 214, "rc", rc);
     }
     return 0;
-}
-
-int UafSrc::stepFailed(int step, int rc) const {
-    logStepError(LOG_TAG, "uafStart", step, "rc", rc);
-    return rc;
 }
 
 int UafSrc::uafStop() {
@@ -208,6 +204,7 @@ int UafSrc::uafStop() {
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stopping buffer thread\n");
         bufferThreadRunning.store(0, std::memory_order_relaxed);
         bufferStopRequested.store(true, std::memory_order_release);
+        fifoOpening.abandon();
         pthread_join(bufferThread, nullptr);
         bufferThreadRunning.store(0, std::memory_order_relaxed);  // it may have marked itself since
         bufferThreadJoinable = false;

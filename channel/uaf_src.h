@@ -44,7 +44,6 @@ class UafSrc : public UafCh {
     void buildFrameBuffer();
     bool startBufferThread();
     int openPcm();
-    int stepFailed(int step, int rc) const;
 
     void bufferLoop();
     bool keepBuffering() const;

@@ -17,6 +17,7 @@
 #include "tests/support/fifo_app.h"
 #include "tests/support/pass_gate.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/thread_state.h"
 
 namespace {
 
@@ -67,6 +68,10 @@ class ChannelLifecycleTest : public fake_alsa::Test {
         fake_sys::hooks().nanosleep = [](const timespec*, timespec*) {
             return fake_sys::real::sched_yield();
         };
+        fake_sys::hooks().open = [this](const char* path, int flags) {
+            openerTid = gettid();
+            return fake_sys::real::open(path, flags);
+        };
         fake_sys::hooks().fopen = [](const char*, const char*) {
             errno = ENOENT;
             return nullptr;
@@ -106,6 +111,13 @@ class ChannelLifecycleTest : public fake_alsa::Test {
         sink.setDevName(sinkFifo.c_str(), PCM);
     }
 
+    // For a channel that is on, without the app: a FIFO in the place of the one that it opens.
+    void makeAnewOnceWaitedOn(const std::string& fifo) {
+        ASSERT_TRUE(eventually([&] { return openerTid != 0 && isAsleep(openerTid); }));
+        ASSERT_EQ(0, unlink(fifo.c_str()));
+        ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    }
+
     // Both types' on and off messages must alternate, an on first.
     void expectAlternatingMessages() {
         for (const uint32_t type : {SINK_MESSAGE, SOURCE_MESSAGE}) {
@@ -127,6 +139,7 @@ class ChannelLifecycleTest : public fake_alsa::Test {
     const TempDir directory;
     const std::string sourceFifo = directory.path() + "/tx";
     const std::string sinkFifo = directory.path() + "/rx";
+    std::atomic<pid_t> openerTid{0};  // of the thread that opened a file last
     Open<UafSrc> source;
     Open<UafSnk> sink;
     // In each pass of a worker.
@@ -214,21 +227,18 @@ TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
 // The buffer thread's off request wants the lock that the stop holds while it joins that thread.
 TEST_F(ChannelLifecycleTest, AFifoThatFailsDuringTheStopDoesNotDeadlock) {
     std::atomic<bool> opening{false};
-    std::atomic<bool> joining{false};
+    std::atomic<int> stops{0};  // rounds whose stop waits for the buffer thread, lock in hand
+    const auto stopWaits = [&] {
+        return logged(3, "UAFSRC", "stopping buffer thread\n") > stops.load();
+    };
     fake_sys::hooks().open = [&](const char*, int) {
         opening = true;
-        EXPECT_TRUE(eventually([&] { return joining.load(); }));
+        EXPECT_TRUE(eventually(stopWaits));
         errno = ENOENT;
         return -1;
     };
-    // This thread joins the worker of the round before, the worker the buffer thread.
-    const auto eventLoop = std::this_thread::get_id();
-    fake_sys::hooks().pthread_join = [&, eventLoop](pthread_t id, void** result) {
-        joining = std::this_thread::get_id() != eventLoop;
-        return fake_sys::real::pthread_join(id, result);
-    };
-    for (int round = 0; round < 20; ++round) {
-        opening = joining = false;
+    for (; stops < 20; ++stops) {
+        opening = false;
         ASSERT_EQ(0, source.intfUpdate(true));
         ASSERT_TRUE(eventually([&] { return opening.load(); }));
         ASSERT_EQ(0, source.intfUpdate(false));
@@ -389,6 +399,40 @@ TEST_F(ChannelLifecycleTest, AnOffIsTakenWhileTheSinkWaitsForTheApp) {
     ASSERT_EQ(0, sink.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, sink.currentState());
     const AppReader reader(sinkFifo);
+    EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
+}
+
+// ---- A FIFO that the app makes anew while a thread waits to open it ----------------------------
+
+TEST_F(ChannelLifecycleTest, TheNextEventLetsTheBufferThreadOutOfAFifoThatWasReplaced) {
+    ASSERT_EQ(0, source.intfUpdate(true));
+    makeAnewOnceWaitedOn(sourceFifo);
+    const AppWriter writer(sourceFifo, 5);
+    ASSERT_EQ(0, source.intfUpdate(false));
+    ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
+    ASSERT_EQ(0, source.intfUpdate(true));
+    EXPECT_TRUE(eventually([&] { return lastPlayed == 5; }));
+    source.intfUpdate(false);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+TEST_F(ChannelLifecycleTest, AStopLetsTheBufferThreadOutOfAFifoThatIsReplacedMeanwhile) {
+    ASSERT_EQ(0, source.intfUpdate(true));
+    ASSERT_TRUE(eventually([&] { return openerTid != 0 && isAsleep(openerTid); }));
+    ASSERT_EQ(0, source.intfUpdate(false));
+    ASSERT_TRUE(eventually([] { return logged(3, "UAFSRC", "stopping buffer thread\n") == 1; }));
+    makeAnewOnceWaitedOn(sourceFifo);
+    EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
+}
+
+TEST_F(ChannelLifecycleTest, TheNextEventLetsTheSinkOutOfAFifoThatWasReplaced) {
+    ASSERT_EQ(0, sink.intfUpdate(true));
+    makeAnewOnceWaitedOn(sinkFifo);
+    const AppReader reader(sinkFifo);
+    ASSERT_EQ(0, sink.intfUpdate(false));
+    ASSERT_TRUE(eventually([&] { return sink.hasStopped(); }));
+    ASSERT_EQ(0, sink.intfUpdate(true));
+    sink.intfUpdate(false);
     EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
 }
 
