@@ -1,0 +1,22 @@
+// The fixture of tests that run the whole board: one board and one daemon a case. The daemon's log
+// is named after the case.
+#pragma once
+
+#include <algorithm>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/board/support/board.h"
+
+class BoardCase : public testing::Test, public board::Board {
+  protected:
+    BoardCase() : Board(caseName()) {}
+
+    static std::string caseName() {
+        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+        std::string name = std::string(info->test_suite_name()) + "." + info->name();
+        std::replace(name.begin(), name.end(), '/', '.');
+        return name;
+    }
+};

@@ -1,0 +1,152 @@
+// The microphone at equal clocks: what the app speaks reaches the host bit for bit once the latency
+// has settled, and before that every sample that was gained or lost is accounted for.
+#include <cstdio>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/mic_stream.h"
+#include "tests/board/support/statistics.h"
+
+namespace {
+
+using board::FrameKind;
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::MicFrame;
+using board::MicStream;
+using board::MicTrace;
+using board::Ns;
+
+class Microphone : public BoardCase {
+  protected:
+    // Streams noise for `time`, observed.
+    void stream(MicStream* mic, Ns time) {
+        for (Ns end = board::now() + time; board::now() < end;) {
+            board::sleepFor(kSecond);
+            mic->observe();
+        }
+        mic->off();
+    }
+
+    // Everything is explained, and from the third second on it is a copy.
+    static void expectExact(const MicStream& mic) {
+        const MicTrace& trace = mic.trace();
+        EXPECT_EQ(trace.count(FrameKind::kUnexplained), 0);
+        EXPECT_LE(trace.count(FrameKind::kStarved), 1);
+        EXPECT_LT(mic.settledAt(), 3 * kRate);
+        EXPECT_GT(trace.count(FrameKind::kCopied), 16 * kRate / MicTrace::kFrame);
+    }
+
+    void report(const char* start, const MicStream& mic) {
+        std::vector<Ns> settled;
+        for (const board::MicLatency& latency : mic.latencies()) {
+            if (latency.recordedAt >= mic.settledAt()) {
+                settled.push_back(latency.latency);
+            }
+        }
+        const board::Spread latency = board::spreadOf(settled);
+        printf(
+            "microphone: %s: start to first sample %.2f ms; settled after %.2f s, %ld frames "
+            "stretched and %ld squeezed; latency then %s\n",
+            start, static_cast<double>(mic.timeToSound()) / kMs,
+            static_cast<double>(mic.settledAt()) / kRate,
+            static_cast<long>(mic.trace().count(FrameKind::kStretched)),
+            static_cast<long>(mic.trace().count(FrameKind::kSqueezed)),
+            board::inMs(latency).c_str());
+        RecordProperty("start_to_first_sample_us", static_cast<int>(mic.timeToSound() / 1000));
+        RecordProperty("latency_us", static_cast<int>(latency.median / 1000));
+        EXPECT_LT(latency.largest - latency.smallest, kMs);
+        EXPECT_LT(latency.largest, 50 * kMs);
+    }
+};
+
+// From an empty FIFO on: two reads of 240 samples share a block of 480, so that the second of each
+// pair finds too little and is drawn out, until the latency has grown into the range.
+TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
+    board::AppOptions quiet;
+    quiet.speaks = false;
+    start(true, quiet);
+    MicStream mic(this, board::noise);
+    app->pauseSpeaking(false);
+    stream(&mic, 20 * kSecond);
+    expectExact(mic);
+    report("from an empty FIFO", mic);
+    EXPECT_GT(mic.trace().count(FrameKind::kStretched), 0);
+    EXPECT_EQ(mic.trace().count(FrameKind::kSqueezed), 0);
+    EXPECT_EQ(host.counter("playback.xruns"), 0);
+    EXPECT_EQ(host.counter("mic.stale"), 0);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// An app that never stops writing has left blocks in the FIFO, which are sent first.
+TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
+    start();
+    MicStream mic(this, board::noise);
+    stream(&mic, 20 * kSecond);
+    expectExact(mic);
+    report("from a filled FIFO", mic);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The app's time stamps and the host's agree on what was gained: the latency grows by it.
+TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
+    board::AppOptions quiet;
+    quiet.speaks = false;
+    start(true, quiet);
+    MicStream mic(this, board::noise);
+    app->pauseSpeaking(false);
+    stream(&mic, 5 * kSecond);
+    const std::vector<board::MicLatency> latencies = mic.latencies();
+    ASSERT_FALSE(latencies.empty());
+    int64_t gained = 0;
+    for (const MicFrame& frame : mic.frames()) {
+        gained += frame.recordedAt >= latencies.front().recordedAt ? frame.gain() : 0;
+    }
+    EXPECT_GT(gained, 0);
+    const double grown =
+        static_cast<double>(latencies.back().latency - latencies.front().latency) * kRate / kSecond;
+    EXPECT_NEAR(grown, static_cast<double>(gained), 48);  // a USB frame
+}
+
+TEST_F(Microphone, CarriesTheLeftChannelAlone) {
+    start();
+    // Right is the inverse of left; silence on the left is a right channel at -1.
+    MicStream mic(this, board::silence);
+    stream(&mic, 2 * kSecond);
+    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
+    EXPECT_GT(mic.trace().frames(), kRate / MicTrace::kFrame);
+}
+
+// The app's writes may come late; the latency control keeps what arrives.
+TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
+    start();
+    app.reset();
+    board::AppOptions options;
+    options.jitter = 4 * kMs;
+    app = std::make_unique<board::App>(options);
+    board::sleepFor(100 * kMs);
+    MicStream mic(this, board::noise);
+    stream(&mic, 10 * kSecond);
+    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
+    EXPECT_LT(mic.settledAt(), 9 * kRate);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Microphone, IsSilentWhileTheAppIsAndThenGoesOn) {
+    start();
+    MicStream mic(this, board::noise);
+    stream(&mic, 3 * kSecond);
+    app->pauseSpeaking(true);
+    host.command("mic on");
+    board::sleepFor(kSecond);
+    const board::Samples quiet = host.takeRecording();
+    app->pauseSpeaking(false);
+    EXPECT_TRUE(board::waitFor([this] {
+        const board::Samples recorded = host.takeRecording();
+        return board::firstSound(recorded) < recorded.size();
+    }));
+    host.command("mic off");
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace

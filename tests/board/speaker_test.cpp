@@ -1,0 +1,160 @@
+// The speaker: what the host plays reaches the app bit for bit, and how long it takes.
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/statistics.h"
+
+namespace {
+
+using board::Heard;
+using board::HostPlayer;
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::noise;
+using board::Ns;
+
+constexpr uint32_t kSpeaker = 1;
+constexpr int64_t kPeriod = 240;
+
+class Speaker : public BoardCase {
+  protected:
+    // The host plays noise from its first frame on for `time`; what the app heard.
+    Heard play(Ns time) {
+        host.command("flush speaker");
+        app->takeHeard();
+        const HostPlayer player(noise);
+        board::waitFor([&] { return player.queued() > kRate; });
+        const size_t messages = app->messages().size();
+        onAt_ = board::now();
+        host.command("speaker on");
+        board::sleepFor(time);
+        host.command("speaker off");
+        EXPECT_TRUE(waitForChannel(kSpeaker, false, messages));
+        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        return app->takeHeard();
+    }
+
+    // Index in the host's stream of the first frame heard; what follows is checked to be the
+    // stream, bit for bit, until the host stopped, and then nothing but a few silent periods.
+    int64_t expectExact(const Heard& heard) {
+        EXPECT_EQ(heard.unequalFrames, 0);
+        const int64_t sent = host.counter("speaker.frames") - host.counter("speaker.first_frames");
+        const int64_t first = board::find(heard.left, 0, board::render(noise, 0, kRate));
+        EXPECT_GE(first, 0) << "what the app heard first is nowhere in what the host played";
+        int64_t exact = 0;
+        while (exact < static_cast<int64_t>(heard.left.size()) &&
+               heard.left[static_cast<size_t>(exact)] == noise(first + exact)) {
+            ++exact;
+        }
+        // The host stops within a period, which then never becomes whole.
+        EXPECT_EQ(first + exact, sent - (sent - first) % kPeriod);
+        const auto tail = heard.left.begin() + exact;
+        EXPECT_LE(heard.left.end() - tail, 4 * kPeriod);
+        EXPECT_TRUE(std::all_of(tail, heard.left.end(), [](int16_t s) { return s == 0; }));
+        return first;
+    }
+
+    // From the moment a frame came over the wire to the app's read, for each block that was read.
+    std::vector<Ns> latencies(const Heard& heard, int64_t first) {
+        const int64_t base = host.counter("speaker.first_frames") + first;
+        const int64_t anchor = host.frameTime("speaker", base);
+        std::vector<Ns> latencies;
+        const int64_t frames = static_cast<int64_t>(heard.left.size()) - 5 * kPeriod;
+        for (const board::HeardBlock& block : heard.blocks) {
+            const int64_t index = block.firstFrame - heard.blocks.front().firstFrame;
+            if (index < frames) {
+                latencies.push_back(block.at - anchor - index * kSecond / kRate);
+            }
+        }
+        return latencies;
+    }
+
+    Ns onAt_ = 0;
+};
+
+TEST_F(Speaker, ReachesTheAppBitForBitAfterTheHoldBack) {
+    start();
+    const Heard heard = play(3 * kSecond);
+    const int64_t first = expectExact(heard);
+    EXPECT_LT(first, 6 * kPeriod);
+    const board::Spread latency = board::spreadOf(latencies(heard, first));
+    const Ns firstByte = heard.blocks.front().at - onAt_;
+    printf("speaker: start to first byte %.2f ms; latency %s\n",
+           static_cast<double>(firstByte) / kMs, board::inMs(latency).c_str());
+    RecordProperty("start_to_first_byte_us", static_cast<int>(firstByte / 1000));
+    RecordProperty("latency_us", static_cast<int>(latency.median / 1000));
+    EXPECT_LT(firstByte, 40 * kMs);
+    EXPECT_LT(latency.largest, 12 * kMs);
+    EXPECT_EQ(host.counter("capture.xruns"), 0);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Speaker, ReachesTheAppBitForBitWithoutAMicrophoneToSynchroniseWith) {
+    start(false);
+    const Heard heard = play(3 * kSecond);
+    const int64_t first = expectExact(heard);
+    EXPECT_EQ(daemon.count("synch startup failed"), 1);
+    // Nothing is held back: only what came before the capture ran is missing.
+    EXPECT_EQ(daemon.count("loopcnt 0, pcmRead 240, fifoWrite 960"), 1);
+    EXPECT_LT(first, 4 * kPeriod);
+}
+
+// Whatever the phase in which the host starts.
+TEST_F(Speaker, IsExactInEveryOfManyStarts) {
+    start();
+    for (int i = 0; i < 25; ++i) {
+        SCOPED_TRACE(i);
+        board::sleepFor(i * kMs / 5);
+        const Heard heard = play(200 * kMs);
+        EXPECT_LT(expectExact(heard), 6 * kPeriod);
+    }
+    EXPECT_EQ(daemon.count("synch startup ok"), 25);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// A host that opens its stream and sends later meets the capture's 10 ms grid in any phase. Half of
+// the phases hold one period back, and the next is never in that half.
+TEST_F(Speaker, HoldsBackOnePeriodInHalfOfThePhases) {
+    constexpr int starts = 25;
+    start();
+    int held = 0;
+    int written = 0;
+    for (int i = 0; i < starts; ++i) {
+        const size_t mark = daemon.mark();
+        host.command("stall speaker 1");
+        host.command("speaker on");
+        board::sleepFor(30 * kMs + i * 2 * kMs / 5);
+        host.command("stall speaker 0");
+        ASSERT_TRUE(daemon.waitForLog("loopcnt 0, pcmRead #, fifoWrite 960", mark));
+        written += daemon.count("loopcnt 0, pcmRead 240, fifoWrite 960", mark);
+        held += daemon.count("loopcnt 0, pcmRead 480, fifoWrite 960", mark);
+        host.command("speaker off");
+        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    }
+    EXPECT_EQ(written + held, starts);
+    EXPECT_NEAR(held, starts / 2, 4);
+    EXPECT_EQ(daemon.count("synch startup ok"), starts);
+}
+
+// A host that pauses: silence for the app, and then every frame that comes.
+TEST_F(Speaker, FillsAStalledStreamWithSilence) {
+    start();
+    const HostPlayer player(noise);
+    board::waitFor([&] { return player.queued() > kRate; });
+    host.command("speaker on");
+    board::sleepFor(500 * kMs);
+    host.command("stall speaker 1");
+    board::sleepFor(200 * kMs);
+    host.command("stall speaker 0");
+    board::sleepFor(500 * kMs);
+    host.command("speaker off");
+    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_EQ(daemon.count("clear timeout, pcmStallCnt=#"), 1);
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace

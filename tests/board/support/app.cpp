@@ -1,0 +1,233 @@
+#include "tests/board/support/app.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdexcept>
+#include <unistd.h>
+#include <utility>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+namespace board {
+namespace {
+
+constexpr int kPollMs = 100;  // how soon a thread sees that it is to end
+constexpr int kPriority = 40;
+constexpr int64_t kFrameBytes = 4;
+constexpr int64_t kBytesPerSecond = kFrameBytes * kRate;
+
+sockaddr_un addressOf(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    return address;
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+// As an app's audio threads are, and below the daemon's.
+void makeRealtime(std::thread* thread) {
+    const sched_param priority{kPriority};
+    if (pthread_setschedparam(thread->native_handle(), SCHED_FIFO, &priority) != 0) {
+        throw std::runtime_error("the app gets no real-time threads");
+    }
+}
+
+Fd bindSocket() {
+    Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_un address = addressOf(kSocketRx);
+    unlink(kSocketRx);
+    if (!socket.isOpen() || bind(socket.get(), generic(address), sizeof address) != 0) {
+        fail(std::string("binding ") + kSocketRx);
+    }
+    return socket;
+}
+
+void makeFifo(const char* path) {
+    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
+        fail(std::string("making ") + path);
+    }
+}
+
+// Spreads the writes over the allowed jitter, the same way in every run.
+Ns delayOf(int64_t chunk, Ns jitter) {
+    return jitter == 0 ? 0 : static_cast<uint16_t>(noise(chunk)) * jitter / 65536;
+}
+
+}  // namespace
+
+Ns Heard::timeOf(int64_t index) const {
+    const int64_t frame = firstFrame_ + index;
+    const auto after = std::upper_bound(
+        blocks.begin(), blocks.end(), frame,
+        [](int64_t wanted, const HeardBlock& block) { return wanted < block.firstFrame; });
+    return after == blocks.begin() ? -1 : (after - 1)->at;
+}
+
+void App::makeFifos() {
+    makeFifo(kFifoRx);
+    makeFifo(kFifoTx);
+}
+
+App::App(AppOptions options) : options_(options), speakingPaused_(!options.speaks) {
+    signal(SIGPIPE, SIG_IGN);
+    makeFifos();
+    // Open for both, so that the stream's end shows as silence and not as an end of file.
+    rx_ = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
+    if (options.socket) {
+        socket_ = bindSocket();
+    }
+    listener_ = std::thread([this] { listen(); });
+    talker_ = std::thread([this] { talk(); });
+    makeRealtime(&listener_);
+    makeRealtime(&talker_);
+}
+
+App::~App() {
+    stop_ = true;
+    listener_.join();
+    talker_.join();
+}
+
+void App::speak(Voice voice) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    voice_ = std::move(voice);
+}
+
+Heard App::takeHeard() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Heard taken = std::exchange(heard_, Heard{});
+    heard_.firstFrame_ = taken.firstFrame_ + static_cast<int64_t>(taken.left.size());
+    return taken;
+}
+
+std::vector<SentBlock> App::sentBlocks() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return sent_;
+}
+
+std::vector<ReceivedMessage> App::messages() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return messages_;
+}
+
+std::vector<Message> App::messageValues(size_t from) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Message> values;
+    for (size_t i = from; i < messages_.size(); ++i) {
+        values.push_back(messages_[i].message);
+    }
+    return values;
+}
+
+bool App::waitForMessages(size_t count, Ns limit) const {
+    return waitFor([&] { return messages().size() >= count; }, limit);
+}
+
+int App::send(Message message) {
+    return sendBytes(&message, sizeof message);
+}
+
+int App::sendBytes(const void* bytes, size_t count) {
+    const Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = addressOf(kSocketTx);
+    return sendto(socket.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno : 0;
+}
+
+void App::listen() {
+    while (!stop_) {
+        pollfd sources[] = {{listeningPaused_ ? -1 : rx_.get(), POLLIN, 0},
+                            {socket_.get(), POLLIN, 0}};
+        poll(sources, 2, kPollMs);
+        if ((sources[0].revents & POLLIN) != 0) {
+            readSound();
+        }
+        if ((sources[1].revents & POLLIN) != 0) {
+            readMessages();
+        }
+    }
+}
+
+void App::readSound() {
+    int16_t frames[4096][2];
+    const ssize_t got = read(rx_.get(), frames, sizeof frames);
+    const Ns at = now();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (got >= kFrameBytes) {
+        heard_.blocks.push_back({at, heardFrames_});
+    }
+    for (ssize_t i = 0; i < got / kFrameBytes; ++i) {
+        heard_.left.push_back(frames[i][0]);
+        heard_.unequalFrames += frames[i][0] != frames[i][1] ? 1 : 0;
+        ++heardFrames_;
+    }
+}
+
+void App::readMessages() {
+    Message message{};
+    while (recv(socket_.get(), &message, sizeof message, 0) == sizeof message) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        messages_.push_back({now(), message});
+    }
+}
+
+void App::talk() {
+    const Ns start = now();
+    const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
+    for (int64_t chunk = 0; !stop_; ++chunk) {
+        const int64_t byte = chunk * chunkBytes;
+        const Ns due = start + byte / kBytesPerSecond * kSecond +
+                       byte % kBytesPerSecond * kSecond / kBytesPerSecond;
+        sleepUntil(due + delayOf(chunk, options_.jitter));
+        openTx();
+        if (!speakingPaused_) {
+            writeChunk(byte);
+        }
+        nextFrame_ = (byte + chunkBytes) / kFrameBytes;
+    }
+}
+
+// Fails until the daemon waits for the app.
+void App::openTx() {
+    if (!tx_.isOpen()) {
+        tx_ = Fd(open(kFifoTx, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    }
+}
+
+void App::writeChunk(int64_t firstByte) {
+    const int64_t firstFrame = firstByte / kFrameBytes;
+    const auto skippedBytes = static_cast<size_t>(firstByte % kFrameBytes);
+    const size_t frames = (skippedBytes + options_.chunkBytes + kFrameBytes - 1) / kFrameBytes;
+    std::vector<int16_t> stereo(2 * frames);
+    Voice voice;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        voice = voice_;
+    }
+    for (size_t i = 0; i < frames; ++i) {
+        const int16_t left = voice(firstFrame + static_cast<int64_t>(i));
+        stereo[2 * i] = left;
+        stereo[2 * i + 1] = static_cast<int16_t>(~left);
+    }
+    const auto* bytes = reinterpret_cast<const std::byte*>(stereo.data()) + skippedBytes;
+    const ssize_t written = write(tx_.get(), bytes, options_.chunkBytes);
+    if (written == static_cast<ssize_t>(options_.chunkBytes)) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sent_.push_back({now(), firstFrame});
+    } else {
+        ++lostBlocks_;
+    }
+}
+
+}  // namespace board

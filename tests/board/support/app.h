@@ -1,0 +1,132 @@
+// The companion app: holds the app's ends of both FIFOs and of the message socket, keeps what it
+// hears and which messages come, with the time of each, and speaks a voice in real time.
+//
+// Two threads of its own, one that receives and one that speaks; every call is for any thread.
+// Destroying it closes everything at once, as the end of a process does.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "tests/board/support/clock.h"
+#include "tests/board/support/files.h"
+#include "tests/board/support/sound.h"
+
+namespace board {
+
+constexpr char kFifoRx[] = "/tmp/usbAudioFifoRx";  // the app receives
+constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";  // the app transmits
+constexpr char kSocketRx[] = "/tmp/usbAudioUdsIpcRx";
+constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";
+
+// What is bound to kSocketTx takes these, kSocketRx gets them.
+struct Message {
+    uint32_t type;
+    uint32_t data;
+    bool operator==(const Message& other) const { return type == other.type && data == other.data; }
+};
+
+struct ReceivedMessage {
+    Ns at;
+    Message message;
+};
+
+// What was read in one go.
+struct HeardBlock {
+    Ns at;
+    int64_t firstFrame;  // counted from the app's start
+};
+
+struct Heard {
+    Samples left;
+    std::vector<HeardBlock> blocks;
+    int64_t unequalFrames = 0;  // frames whose right sample was not the left one
+    // When frame `index` of `left` was read.
+    Ns timeOf(int64_t index) const;
+
+  private:
+    friend class App;
+    int64_t firstFrame_ = 0;
+};
+
+// One block that the daemon's pipe took whole; block k of the voice holds its frames from
+// `firstFrame` on. Blocks that find the pipe full or without a reader are lost, as in a microphone.
+struct SentBlock {
+    Ns at;
+    int64_t firstFrame;
+};
+
+struct AppOptions {
+    Ns jitter = 0;             // each write comes up to this much late
+    size_t chunkBytes = 1920;  // of one write; 10 ms of interleaved stereo
+    bool socket = true;        // binds the message socket
+    bool speaks = true;        // from the beginning; else the FIFO is held open until it speaks
+};
+
+class App {
+  public:
+    explicit App(AppOptions options = {});
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    // Makes the FIFOs that are missing.
+    static void makeFifos();
+
+    // From the next block on; frames are counted from the app's start. The right channel carries
+    // the inverted sample, so that mixing or swapping shows.
+    void speak(Voice voice);
+    // The voice's frame that is spoken next.
+    int64_t nextFrame() const { return nextFrame_; }
+    // Nothing is written any more, or it is again.
+    void pauseSpeaking(bool pause) { speakingPaused_ = pause; }
+    // Nothing is read any more, or it is again.
+    void pauseListening(bool pause) { listeningPaused_ = pause; }
+
+    // What came since the last call.
+    Heard takeHeard();
+    int64_t heardFrames() const { return heardFrames_; }
+
+    std::vector<SentBlock> sentBlocks() const;
+    int64_t lostBlocks() const { return lostBlocks_; }
+
+    std::vector<ReceivedMessage> messages() const;
+    // The messages' values from the `from`th on.
+    std::vector<Message> messageValues(size_t from = 0) const;
+    bool waitForMessages(size_t count, Ns limit = 5 * kSecond) const;
+
+    // To the daemon; 0 or the errno of the send.
+    int send(Message message);
+    int sendBytes(const void* bytes, size_t count);
+
+  private:
+    void listen();
+    void readSound();
+    void readMessages();
+    void talk();
+    void openTx();
+    void writeChunk(int64_t firstByte);
+
+    const AppOptions options_;
+    Fd rx_;
+    Fd tx_;
+    Fd socket_;
+    mutable std::mutex mutex_;  // guards what follows up to the atomics
+    Heard heard_;
+    Voice voice_ = silence;
+    std::vector<SentBlock> sent_;
+    std::vector<ReceivedMessage> messages_;
+    std::atomic<int64_t> heardFrames_{0};
+    std::atomic<int64_t> nextFrame_{0};
+    std::atomic<int64_t> lostBlocks_{0};
+    std::atomic<bool> speakingPaused_{false};
+    std::atomic<bool> listeningPaused_{false};
+    std::atomic<bool> stop_{false};
+    std::thread listener_;
+    std::thread talker_;
+};
+
+}  // namespace board

@@ -1,0 +1,195 @@
+#include "tests/board/support/board.h"
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <sched.h>
+#include <stdexcept>
+#include <unistd.h>
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/mic_trace.h"
+
+namespace board {
+namespace {
+
+constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr int kRealtimePriority = 58;
+constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
+constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
+constexpr int64_t kEnoughFrames = kRate / 2;
+
+std::string names(const std::vector<std::string>& list) {
+    std::string text;
+    for (const std::string& name : list) {
+        text += " " + name;
+    }
+    return text;
+}
+
+}  // namespace
+
+MicService::MicService() : pid_(fork()) {
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execl("/bin/mic_capture", "mic_capture", nullptr);
+        _exit(127);
+    }
+    const bool running = waitFor([] {
+        const std::string status = contents(kMicStatus);
+        return status.find("state: RUNNING") != std::string::npos &&
+               status.find("tstamp      : 0.") == std::string::npos;
+    });
+    if (!running) {
+        throw std::runtime_error("the board's microphone capture does not run");
+    }
+}
+
+MicService::~MicService() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+Board::Board(const std::string& name) : daemon(name) {
+    host.reset();
+    for (const char* path : {kFifoRx, kFifoTx, kSocketRx, kSocketTx}) {
+        unlink(path);
+    }
+}
+
+void Board::start(bool withMicService, AppOptions options) {
+    if (withMicService) {
+        micService = std::make_unique<MicService>();
+    }
+    app = std::make_unique<App>(options);
+    daemonStart_ = now();
+    daemon.start();
+    if (!waitFor([this] { return host.countEvents("uac INIT_SYNC", daemonStart_) == 1; }) ||
+        !settle()) {
+        throw std::runtime_error("the daemon did not come up");
+    }
+}
+
+bool Board::settle() {
+    return waitFor([this] {
+        const int queued = host.countEvents("uac record", daemonStart_);
+        const int delivered = host.countEvents("uac read", daemonStart_);
+        return delivered >= queued &&
+               daemon.count(
+                   "read msg: type=#, data=0x#, size=#; state={cardnum:# bindcnt=# "
+                   "bindbad:#}") == delivered;
+    });
+}
+
+bool Board::hasThreads(size_t count, Ns limit) {
+    return waitFor([&] { return threadsOf(daemon.pid()).size() == count; }, limit);
+}
+
+bool Board::waitForChannel(uint32_t channel, bool on, size_t messageMark) {
+    const Message wanted{channel, on ? 1U : 0U};
+    return waitFor([&] {
+        const std::vector<Message> values = app->messageValues(messageMark);
+        return std::find(values.begin(), values.end(), wanted) != values.end();
+    });
+}
+
+std::string Board::findDamage() {
+    host.command("speaker off");
+    host.command("mic off");
+    std::string damage = findIdleDamage();
+    if (damage.empty()) {
+        damage = findStreamingDamage();
+    }
+    return damage;
+}
+
+std::string Board::findIdleDamage() {
+    if (!daemon.isRunning()) {
+        return "the daemon has ended";
+    }
+    if (!settle()) {
+        return "event records are not handled";
+    }
+    if (!hasThreads(kIdleThreads)) {
+        return std::to_string(threadsOf(daemon.pid()).size()) + " threads when idle";
+    }
+    if (descriptors_.empty()) {
+        descriptors_ = lastingDescriptors();
+    }
+    if (lastingDescriptors() != descriptors_) {
+        return "descriptors were" + names(descriptors_) + ", are" + names(lastingDescriptors());
+    }
+    return findBusyThread(kIdleCpuPerSecond);
+}
+
+std::string Board::findStreamingDamage() {
+    host.command("flush speaker");
+    host.command("flush mic");
+    const HostPlayer player(noise);
+    app->speak(noise);
+    app->takeHeard();
+    const int64_t heardBefore = app->heardFrames();
+    host.takeRecording();
+    host.command("speaker on");
+    host.command("mic on");
+    Samples recorded;
+    const bool streams = waitFor([&] {
+        const Samples more = host.takeRecording();
+        recorded.insert(recorded.end(), more.begin(), more.end());
+        return app->heardFrames() > heardBefore + kEnoughFrames &&
+               static_cast<int64_t>(recorded.size() - firstSound(recorded)) > kEnoughFrames;
+    });
+    std::string damage = streams ? findBusyThread(kStreamingCpuPerSecond) : "";
+    const std::vector<ThreadView> threads = threadsOf(daemon.pid());
+    host.command("speaker off");
+    host.command("mic off");
+    app->speak(silence);
+    if (!streams) {
+        return "a direction does not stream";
+    }
+    const Heard heard = app->takeHeard();
+    if (firstSound(heard.left) == heard.left.size() || heard.unequalFrames != 0) {
+        return "the app does not hear the host";
+    }
+    const auto realtime = std::count_if(threads.begin(), threads.end(), [](const ThreadView& t) {
+        return t.policy == SCHED_FIFO && t.priority == kRealtimePriority;
+    });
+    if (threads.size() != kStreamingThreads ||
+        realtime != static_cast<std::ptrdiff_t>(kStreamingThreads - kIdleThreads)) {
+        return std::to_string(threads.size()) + " threads when streaming, " +
+               std::to_string(realtime) + " of them real-time";
+    }
+    return damage.empty() && !hasThreads(kIdleThreads) ? "a channel does not stop" : damage;
+}
+
+std::string Board::findBusyThread(Ns allowed) {
+    std::map<int, Ns> before;
+    for (const ThreadView& thread : threadsOf(daemon.pid())) {
+        before[thread.tid] = thread.cpu;
+    }
+    sleepFor(kSecond);
+    for (const ThreadView& thread : threadsOf(daemon.pid())) {
+        const Ns used = thread.cpu - before[thread.tid];
+        if (used > allowed) {
+            return "thread " + std::to_string(thread.tid) + " used " + std::to_string(used / kMs) +
+                   " ms of a second";
+        }
+    }
+    return "";
+}
+
+// The source channel keeps its FIFO from the first start on.
+std::vector<std::string> Board::lastingDescriptors() const {
+    std::vector<std::string> targets = descriptorsOf(daemon.pid());
+    targets.erase(std::remove_if(targets.begin(), targets.end(),
+                                 [](const std::string& target) {
+                                     return target.compare(0, sizeof kFifoTx - 1, kFifoTx) == 0;
+                                 }),
+                  targets.end());
+    return targets;
+}
+
+}  // namespace board

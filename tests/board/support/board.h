@@ -1,0 +1,70 @@
+// A whole board in action: the host, the board's microphone service, the companion app and the
+// daemon between them, and the proof that the daemon is whole. One thread at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "tests/board/support/app.h"
+#include "tests/board/support/daemon.h"
+#include "tests/board/support/host.h"
+#include "tests/board/support/process_view.h"
+
+namespace board {
+
+// The board's own microphone capture, which anchors the daemon's start of writing.
+class MicService {
+  public:
+    // Returns when its capture runs.
+    MicService();
+    ~MicService();
+    MicService(const MicService&) = delete;
+    MicService& operator=(const MicService&) = delete;
+
+  private:
+    pid_t pid_;
+};
+
+// Threads of the daemon.
+constexpr size_t kIdleThreads = 4;       // event loop, app receive, app transmit, cable monitor
+constexpr size_t kStreamingThreads = 7;  // and a worker for each direction, and the FIFO's reader
+
+class Board {
+  public:
+    // Resets the host and removes what earlier runs left in /tmp. `name` names the log files.
+    explicit Board(const std::string& name);
+
+    // App and daemon up, the first events handled. Without `withMicService` the daemon finds no
+    // capture to synchronise with.
+    void start(bool withMicService = true, AppOptions options = {});
+
+    // True as soon as the daemon has handled every event record.
+    bool settle();
+    bool hasThreads(size_t count, Ns limit = 5 * kSecond);
+    // Waits for the channel's message {1 or 2, on}, the `times`th since `mark`.
+    bool waitForChannel(uint32_t channel, bool on, size_t messageMark);
+
+    // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
+    // descriptors are those of the first call, nobody is busy in a quiet second, and both
+    // directions stream. Returns what is wrong, or nothing.
+    std::string findDamage();
+
+    Host host;
+    std::unique_ptr<MicService> micService;
+    std::unique_ptr<App> app;
+    Daemon daemon;
+
+  private:
+    std::string findIdleDamage();
+    std::string findStreamingDamage();
+    std::string findBusyThread(Ns allowed);
+    std::vector<std::string> lastingDescriptors() const;
+
+    Ns daemonStart_ = 0;
+    std::vector<std::string> descriptors_;  // when first seen idle
+};
+
+}  // namespace board

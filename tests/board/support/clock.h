@@ -1,0 +1,30 @@
+// The board's virtual clock, CLOCK_MONOTONIC in nanoseconds: the time base of every stamp in the
+// board tests. Sleeping costs no real time, so waiting is by polling a condition. Any thread.
+#pragma once
+
+#include <cstdint>
+
+namespace board {
+
+using Ns = int64_t;
+constexpr Ns kMs = 1000000;
+constexpr Ns kSecond = 1000 * kMs;
+
+Ns now();
+void sleepUntil(Ns at);
+void sleepFor(Ns time);
+
+// True as soon as the condition holds, false when it does not within `limit` of virtual time.
+template <typename Condition>
+bool waitFor(Condition&& condition, Ns limit = 5 * kSecond) {
+    const Ns end = now() + limit;
+    while (!condition()) {
+        if (now() >= end) {
+            return false;
+        }
+        sleepFor(kMs);
+    }
+    return true;
+}
+
+}  // namespace board

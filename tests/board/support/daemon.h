@@ -1,0 +1,63 @@
+// The daemon under test, started as a process with its log going to a file that comes back from the
+// board. One thread at a time.
+#pragma once
+
+#include <ios>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "tests/board/support/clock.h"
+
+namespace board {
+
+// One line of the log.
+struct LogLine {
+    Ns at;  // by the board's clock, to the millisecond
+    int tid;
+    char level;  // D or E
+    std::string tag;
+    std::string text;
+    // "D TAG: text"
+    std::string brief() const;
+};
+
+class Daemon {
+  public:
+    // Its log is /out/NAME.log, its standard output /out/NAME.stdout.
+    explicit Daemon(std::string name);
+    // Ends it when it still runs.
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    void start();
+    // Ends it by signal.
+    void stop();
+    bool isRunning();
+    // When it has ended by itself: its exit status.
+    int waitForExit(Ns limit = 5 * kSecond);
+    pid_t pid() const { return pid_; }
+
+    // The log so far, of all starts, and its length, to be used as a mark.
+    const std::vector<LogLine>& log();
+    size_t mark() { return log().size(); }
+    // How many lines from `mark` on have this text; '#' in it stands for any number.
+    int count(const std::string& text, size_t mark = 0);
+    // True as soon as there are so many.
+    bool waitForLog(const std::string& text, size_t mark = 0, int times = 1,
+                    Ns limit = 5 * kSecond);
+
+  private:
+    const std::string logPath_;
+    const std::string stdoutPath_;
+    pid_t pid_ = -1;
+    std::streamoff logRead_ = 0;
+    std::vector<LogLine> lines_;
+};
+
+// Whether a log text is what is wanted; '#' in `wanted` stands for any number.
+bool matches(const std::string& text, const std::string& wanted);
+
+}  // namespace board

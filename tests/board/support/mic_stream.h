@@ -1,0 +1,58 @@
+// The microphone's way observed while it runs: what the app sent is followed sample by sample into
+// what the host recorded. Begin with the app speaking and the host's stream off. One thread.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "tests/board/support/board.h"
+#include "tests/board/support/mic_trace.h"
+
+namespace board {
+
+struct MicLatency {
+    int64_t recordedAt;  // sample of the recording, counted from the daemon's first
+    Ns latency;          // from the app's write to the host's recording
+};
+
+class MicStream {
+  public:
+    // Switches the stream on; the app's voice must not change from the first block sent on.
+    MicStream(Board* board, Voice voice);
+
+    // Keeps what is recorded from the daemon's first sample on.
+    void keepRecording() { keeps_ = true; }
+    const Samples& recorded() const { return recorded_; }
+    // Looks at what was recorded since the last call; at least once in 40 s.
+    void observe();
+    void off();
+
+    const MicTrace& trace() const { return trace_; }
+    const std::vector<MicFrame>& frames() const { return frames_; }
+    // What the app has written into its FIFO.
+    int64_t sentFrames() const;
+    // Of every frame that carries the app's sound.
+    std::vector<MicLatency> latencies() const;
+    // Recorded samples up to the last frame before which something had to be explained.
+    int64_t settledAt() const;
+    // Start of the stream to the first sample of the app's in the recording.
+    Ns timeToSound() const;
+
+  private:
+    int16_t sent(int64_t index) const;
+
+    Board* const board_;
+    const Voice voice_;
+    MicTrace trace_;
+    std::vector<MicFrame> frames_;
+    std::vector<SentBlock> blocks_;  // what the daemon was sent since the start
+    size_t blocksBefore_ = 0;
+    Ns onAt_ = 0;
+    bool begun_ = false;
+    bool keeps_ = false;
+    Samples recorded_;
+    Ns anchorAt_ = 0;  // when the daemon's first sample was recorded
+    double hostRate_ = 1;
+};
+
+}  // namespace board

@@ -1,0 +1,36 @@
+// A process as /proc shows it: threads, processor time, descriptors, memory.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "tests/board/support/clock.h"
+
+namespace board {
+
+struct ThreadView {
+    int tid;
+    int policy;           // SCHED_OTHER, SCHED_FIFO, ...
+    int priority;         // of the real-time policies
+    char state;           // as in /proc: R, S, D, Z, ...
+    Ns cpu;               // processor time so far
+    std::string waitsIn;  // the kernel function it sleeps in
+};
+
+// Threads that end while they are looked at are left out.
+std::vector<ThreadView> threadsOf(pid_t pid);
+Ns cpuOf(pid_t pid);
+
+// What each open descriptor leads to, sorted.
+std::vector<std::string> descriptorsOf(pid_t pid);
+
+struct MemoryView {
+    int64_t residentKb;
+    int64_t privateKb;
+};
+MemoryView memoryOf(pid_t pid);
+
+}  // namespace board
