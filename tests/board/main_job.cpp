@@ -1,0 +1,326 @@
+// The daemon's main job, shown: the host plays speech that the app records, the app plays speech
+// that the host records, with volume, mute, a sync-up and the cable on the way. Leaves WAV files,
+// the daemon's log, a time line and a summary in /out; fails with one sentence when anything is
+// missing.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/board/support/board.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/mic_stream.h"
+#include "tests/board/support/statistics.h"
+#include "tests/board/support/timeline.h"
+
+namespace {
+
+using board::FrameKind;
+using board::HostPlayer;
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::Message;
+using board::MicStream;
+using board::Ns;
+using board::Samples;
+
+constexpr char kSounds[] = "/usr/share/sounds/alsa/";
+constexpr char kLog[] = "daemon";
+constexpr int64_t kLeadFrames = kRate / 2;    // before the host's speech: the start is held back
+constexpr int64_t kSettleFrames = 2 * kRate;  // before the app's: the latency settles first
+constexpr Ns kTail = 200 * kMs;
+
+void require(bool holds, const std::string& sentence) {
+    if (!holds) {
+        throw std::runtime_error(sentence);
+    }
+}
+
+Ns durationOf(int64_t frames) {
+    return frames * kSecond / kRate;
+}
+
+// What is measured of one direction.
+struct Way {
+    int64_t sent = 0;
+    int64_t received = 0;
+    int64_t heldBack = 0;        // frames before the first that was received
+    int64_t lostOrRepeated = 0;  // frames
+    int64_t gained = 0;          // samples, by latency control
+    int64_t dropped = 0;         // samples, by latency control
+    int64_t xruns = 0;
+    Ns start = 0;
+    board::Spread latency;
+};
+
+// A line of the closing table.
+struct Row {
+    const char* key;
+    const char* title;
+    double toApp;
+    double toHost;
+    int decimals;
+};
+
+class MainJob {
+  public:
+    void run();
+
+  private:
+    void comeUp();
+    void hostSpeaks();
+    void appSpeaks();
+    void changeSettings();
+    void pullAndPlug();
+    void speakOnceMore();
+    void checkMessages();
+    void measureSpeaker(const board::Heard& heard, int64_t sent);
+    void measureMic(const MicStream& mic);
+    void send(Message message);
+    void report();
+    std::vector<Row> table() const;
+    void requireCleanWays() const;
+
+    board::Board board_{kLog};
+    board::Timeline timeline_;
+    Samples hostSpeech_;
+    Samples appSpeech_;
+    Way speaker_;
+    Way mic_;
+    int64_t messagesSent_ = 0;
+};
+
+void MainJob::comeUp() {
+    hostSpeech_ = board::readWav(std::string(kSounds) + "Front_Center.wav");
+    appSpeech_ = board::readWav(std::string(kSounds) + "Rear_Left.wav");
+    board::writeWav("/out/host_played.wav", hostSpeech_);
+    board::writeWav("/out/app_played.wav", appSpeech_);
+    timeline_.add(board::now(), "app", "opens its FIFOs and its socket");
+    board::AppOptions quiet;
+    quiet.speaks = false;
+    board_.start(true, quiet);
+    send({7, 0});
+}
+
+void MainJob::send(Message message) {
+    timeline_.add(board::now(), "app", "says: " + board::meaningOf(message));
+    require(board_.app->send(message) == 0, "the daemon does not take the app's messages");
+    ++messagesSent_;
+}
+
+void MainJob::hostSpeaks() {
+    timeline_.add(board::now(), "host", "plays Front_Center.wav");
+    const auto frames = static_cast<int64_t>(hostSpeech_.size());
+    board_.app->takeHeard();
+    {
+        const HostPlayer player(board::speech(hostSpeech_, kLeadFrames));
+        board::waitFor([&] { return player.queued() > kRate; });
+        board_.host.command("speaker on");
+        board::sleepFor(durationOf(kLeadFrames + frames / 2));
+        changeSettings();
+        board::sleepFor(durationOf(frames / 2) + kTail);
+        board_.host.command("speaker off");
+        require(board_.hasThreads(board::kIdleThreads), "the speaker channel does not stop");
+    }
+    const board::Heard heard = board_.app->takeHeard();
+    board::writeWav("/out/app_heard.wav", heard.left);
+    require(heard.unequalFrames == 0, "the app's left and right channels differ");
+    require(board::findWhole(hostSpeech_, heard.left) >= 0,
+            "what the app recorded does not contain the speech that the host played");
+    measureSpeaker(
+        heard, board_.host.counter("speaker.frames") - board_.host.counter("speaker.first_frames"));
+    board_.host.command("flush speaker");
+}
+
+void MainJob::changeSettings() {
+    const Ns since = board::now();
+    board_.host.command("volume speaker -1280");
+    board_.host.command("mute speaker 1");
+    board_.host.command("mute speaker 0");
+    board_.host.command("volume mic 512");
+    send({3, static_cast<uint16_t>(-2560)});
+    require(board::waitFor(
+                [&] { return board_.host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }),
+            "the app's volume does not reach the driver");
+    send({7, 0});
+}
+
+// Compares every frame that was heard with what was played.
+void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
+    const board::Voice played = board::speech(hostSpeech_, kLeadFrames);
+    const int64_t first = board::find(heard.left, 0, board::render(played, 0, kRate));
+    require(first >= 0, "what the app heard first is not what the host played");
+    int64_t exact = 0;
+    while (exact < static_cast<int64_t>(heard.left.size()) &&
+           heard.left[static_cast<size_t>(exact)] == played(first + exact)) {
+        ++exact;
+    }
+    // After the host's stop come whole periods of silence, and an unfinished period is lost.
+    constexpr int64_t period = 240;
+    const int64_t wanted = (sent - first) / period * period;
+    speaker_.sent = sent;
+    speaker_.received = exact;
+    speaker_.heldBack = first;
+    speaker_.lostOrRepeated = std::abs(wanted - exact);
+    speaker_.xruns = board_.host.counter("capture.xruns");
+    speaker_.start = heard.blocks.front().at - board_.host.counter("speaker.on_ns");
+    const Ns anchor =
+        board_.host.frameTime("speaker", board_.host.counter("speaker.first_frames") + first);
+    std::vector<Ns> latencies;
+    for (const board::HeardBlock& block : heard.blocks) {
+        const int64_t index = block.firstFrame - heard.blocks.front().firstFrame;
+        if (index < exact) {
+            latencies.push_back(block.at - anchor - durationOf(index));
+        }
+    }
+    speaker_.latency = board::spreadOf(std::move(latencies));
+}
+
+void MainJob::appSpeaks() {
+    timeline_.add(board::now(), "app", "plays Rear_Left.wav");
+    const int64_t from = board_.app->nextFrame() + kSettleFrames;
+    MicStream mic(&board_, board::speech(appSpeech_, from));
+    mic.keepRecording();
+    board_.app->pauseSpeaking(false);
+    const Ns end =
+        board::now() + durationOf(kSettleFrames + static_cast<int64_t>(appSpeech_.size()));
+    board_.host.command("mute mic 1");
+    board_.host.command("mute mic 0");
+    board::sleepUntil(end + kTail);
+    mic.off();
+    board::writeWav("/out/host_heard.wav", mic.recorded());
+    require(board::findWhole(appSpeech_, mic.recorded()) >= 0,
+            "what the host recorded does not contain the speech that the app played");
+    measureMic(mic);
+}
+
+// Every recorded frame is followed back to the samples that the app wrote.
+void MainJob::measureMic(const MicStream& mic) {
+    const board::MicTrace& trace = mic.trace();
+    mic_.sent = mic.sentFrames();
+    mic_.received = static_cast<int64_t>(mic.recorded().size());
+    mic_.heldBack = trace.count(FrameKind::kSilent) * board::MicTrace::kFrame;
+    mic_.lostOrRepeated = trace.count(FrameKind::kUnexplained) * board::MicTrace::kFrame;
+    mic_.gained = trace.count(FrameKind::kStretched);
+    mic_.dropped = trace.count(FrameKind::kSqueezed);
+    mic_.xruns = board_.host.counter("playback.xruns");
+    mic_.start = mic.timeToSound();
+    std::vector<Ns> latencies;
+    for (const board::MicLatency& latency : mic.latencies()) {
+        if (latency.recordedAt >= mic.settledAt()) {
+            latencies.push_back(latency.latency);
+        }
+    }
+    mic_.latency = board::spreadOf(std::move(latencies));
+}
+
+void MainJob::pullAndPlug() {
+    timeline_.add(board::now(), "user", "pulls the cable");
+    board_.host.command("unplug");
+    board::sleepFor(kSecond);
+    timeline_.add(board::now(), "user", "plugs the cable in");
+    board_.host.command("plug");
+    board::sleepFor(kSecond / 2);
+}
+
+void MainJob::speakOnceMore() {
+    const std::string damage = board_.findDamage();
+    require(damage.empty(), "after the cable was plugged in again: " + damage);
+}
+
+void MainJob::checkMessages() {
+    const std::vector<Message> told = board_.app->messageValues();
+    const Message wanted[] = {{0, 1}, {1, 1}, {3, 0xFB00}, {5, 1}, {5, 0}, {4, 512}, {1, 0},
+                              {2, 1}, {6, 1}, {6, 0},      {2, 0}, {0, 0}, {0, 1}};
+    auto at = told.begin();
+    for (const Message& message : wanted) {
+        at = std::find(at, told.end(), message);
+        require(at != told.end(),
+                "the app was not told, or not in order: " + board::meaningOf(message));
+        ++at;
+    }
+}
+
+void MainJob::report() {
+    timeline_.addAllOf(&board_);
+    const std::string timeline = timeline_.text();
+    board::put("/out/timeline.txt", timeline);
+    fputs(timeline.c_str(), stdout);
+    const std::vector<Row> rows = table();
+    printf("\n%-40s %14s %14s\n", "", "host to app", "app to host");
+    std::string json = "{";
+    for (const Row& row : rows) {
+        printf("%-40s %14.*f %14.*f\n", row.title, row.decimals, row.toApp, row.decimals,
+               row.toHost);
+        char member[120];
+        snprintf(
+            member, sizeof member, "%s\n  \"%s\": {\"host_to_app\": %.*f, \"app_to_host\": %.*f}",
+            json.size() > 1 ? "," : "", row.key, row.decimals, row.toApp, row.decimals, row.toHost);
+        json += member;
+    }
+    board::put("/out/summary.json", json + "\n}\n");
+}
+
+std::vector<Row> MainJob::table() const {
+    const auto count = [](const char* key, const char* title, int64_t a, int64_t b) {
+        return Row{key, title, static_cast<double>(a), static_cast<double>(b), 0};
+    };
+    const auto time = [](const char* key, const char* title, Ns a, Ns b) {
+        return Row{key, title, static_cast<double>(a) / kMs, static_cast<double>(b) / kMs, 2};
+    };
+    const board::Spread& a = speaker_.latency;
+    const board::Spread& b = mic_.latency;
+    return {
+        count("frames_sent", "frames sent", speaker_.sent, mic_.sent),
+        count("frames_received", "frames received", speaker_.received, mic_.received),
+        count("frames_held_back", "  before the sound, at the start", speaker_.heldBack,
+              mic_.heldBack),
+        count("frames_lost_or_repeated", "frames lost or repeated", speaker_.lostOrRepeated,
+              mic_.lostOrRepeated),
+        count("samples_gained", "samples gained by latency control", speaker_.gained, mic_.gained),
+        count("samples_dropped", "samples dropped by latency control", speaker_.dropped,
+              mic_.dropped),
+        count("xruns", "xruns", speaker_.xruns, mic_.xruns),
+        time("start_ms", "start to first sound, ms", speaker_.start, mic_.start),
+        time("latency_min_ms", "latency, smallest, ms", a.smallest, b.smallest),
+        time("latency_median_ms", "latency, median, ms", a.median, b.median),
+        time("latency_max_ms", "latency, largest, ms", a.largest, b.largest),
+        count("messages", "messages to the app, from the app",
+              static_cast<int64_t>(board_.app->messages().size()), messagesSent_),
+    };
+}
+
+void MainJob::requireCleanWays() const {
+    for (const Way* way : {&speaker_, &mic_}) {
+        const char* name = way == &speaker_ ? "from host to app" : "from app to host";
+        require(way->lostOrRepeated == 0,
+                std::to_string(way->lostOrRepeated) + " frames were lost or repeated " + name);
+        require(way->xruns == 0, std::to_string(way->xruns) + " xruns " + name);
+    }
+}
+
+void MainJob::run() {
+    comeUp();
+    hostSpeaks();
+    appSpeaks();
+    pullAndPlug();
+    speakOnceMore();
+    report();
+    checkMessages();
+    requireCleanWays();
+}
+
+}  // namespace
+
+int main() {
+    try {
+        MainJob().run();
+    } catch (const std::exception& failure) {
+        fprintf(stderr, "run: %s\n", failure.what());
+        return 1;
+    }
+    return 0;
+}
