@@ -193,6 +193,31 @@ TEST_P(Fifo, IsGoneAndBackManyTimes) {
     EXPECT_EQ(findDamage(), "");
 }
 
+// An open waits on the FIFO itself, whatever becomes of its name.
+TEST_P(Fifo, IsMadeAnewWhileTheDaemonWaitsToOpenIt) {
+    bothOn();
+    board::sleepFor(300 * kMs);
+    app.reset();
+    board::sleepFor(300 * kMs);
+    unlink(GetParam());
+    restartTheApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Fifo, IsMadeAnewWhileTheStopWaitsForIt) {
+    bothOn();
+    board::sleepFor(300 * kMs);
+    app.reset();
+    board::sleepFor(300 * kMs);
+    host.command("speaker off");
+    host.command("mic off");
+    board::sleepFor(300 * kMs);
+    expectNobodyBusy();
+    unlink(GetParam());
+    restartTheApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Each, Fifo, testing::Values(board::kFifoRx, board::kFifoTx),
                          [](const auto& info) {
                              return info.param == board::kFifoRx ? "Rx" : "Tx";
