@@ -67,10 +67,11 @@ void Board::start(bool withMicService, AppOptions options) {
     app = std::make_unique<App>(options);
     daemonStart_ = now();
     daemon.start();
-    if (!waitFor([this] { return host.countEvents("uac INIT_SYNC", daemonStart_) == 1; }) ||
-        !settle()) {
+    if (!waitFor([this] { return host.countEvents("uac open w", daemonStart_) == 1; }) ||
+        !daemon.waitForLog("enter loop") || !settle()) {
         throw std::runtime_error("the daemon did not come up");
     }
+    descriptors_ = lastingDescriptors();
 }
 
 bool Board::settle() {
@@ -115,9 +116,6 @@ std::string Board::findIdleDamage() {
     }
     if (!hasThreads(kIdleThreads)) {
         return std::to_string(threadsOf(daemon.pid()).size()) + " threads when idle";
-    }
-    if (descriptors_.empty()) {
-        descriptors_ = lastingDescriptors();
     }
     if (lastingDescriptors() != descriptors_) {
         return "descriptors were" + names(descriptors_) + ", are" + names(lastingDescriptors());

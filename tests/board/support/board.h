@@ -48,8 +48,8 @@ class Board {
     bool waitForChannel(uint32_t channel, bool on, size_t messageMark);
 
     // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
-    // descriptors are those of the first call, nobody is busy in a quiet second, and both
-    // directions stream. Returns what is wrong, or nothing.
+    // descriptors are those after the start, nobody is busy in a quiet second, and both directions
+    // stream. Returns what is wrong, or nothing.
     std::string findDamage();
 
     Host host;
@@ -64,7 +64,7 @@ class Board {
     std::vector<std::string> lastingDescriptors() const;
 
     Ns daemonStart_ = 0;
-    std::vector<std::string> descriptors_;  // when first seen idle
+    std::vector<std::string> descriptors_;  // after the start
 };
 
 }  // namespace board
