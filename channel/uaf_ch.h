@@ -119,10 +119,9 @@ class UafCh {
     // that sees UAFCH_STOPPING counts from the 0 that the off request wrote before it.
     std::atomic<int> state{UAFCH_STOPPED};
     const uint32_t msgType;  // type of the on and off messages
-    // Guards the state's transitions, uafStart and uafStop. It may be held while uafStop joins the
-    // source's buffer thread, which must therefore never wait for it (requestStop). Taken before
-    // the source's frame-buffer mutex is never needed; the worker may take it while it holds that
-    // one.
+    // Guards the state's transitions, uafStart and uafStop. It is held while uafStop joins the
+    // source's buffer thread, which must therefore never wait for it (requestStop). Lock order: a
+    // thread may take it while it holds the source's frame-buffer mutex, never the other way round.
     pthread_mutex_t intfMutex;
 
   private:
