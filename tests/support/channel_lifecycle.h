@@ -29,10 +29,10 @@ constexpr uint32_t SOURCE_MESSAGE = 2;
 // Waits for a condition; the deadline only ends a test that has failed.
 template <typename Condition>
 ::testing::AssertionResult eventually(Condition holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!holds()) {
         if (std::chrono::steady_clock::now() > deadline) {
-            return ::testing::AssertionFailure() << "still not so after 30 s";
+            return ::testing::AssertionFailure() << "still not so after 60 s";
         }
         std::this_thread::yield();
     }
