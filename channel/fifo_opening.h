@@ -5,7 +5,6 @@
 // path anew.
 #pragma once
 
-#include <atomic>
 #include <pthread.h>
 
 class FifoOpening {
