@@ -72,8 +72,8 @@ int UafCh::requestStop(const std::atomic<bool>& toldToStop) {
 }
 
 bool UafCh::beginUpdate(bool on) const {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "intfUpdate to %d, current state %d\n", on,
-                        state.load(std::memory_order_relaxed));
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "intfUpdate to %d, current state %d\n",
+                        on ? 1 : 0, state.load(std::memory_order_relaxed));
     if (pcmName.load() == nullptr || fifoName.load() == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "devName not set\n");
         return false;
@@ -211,6 +211,7 @@ void UafCh::stop() {
     }
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel
 int UafCh::setVolume(int16_t volume, uint32_t type) {
     // The value is the low half alone; receivers ignore the upper one.
     const UsbAudioMsgT msg{type, static_cast<uint16_t>(volume)};
@@ -221,11 +222,12 @@ int UafCh::setVolume(int16_t volume, uint32_t type) {
     return 0;
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel
 int UafCh::setMute(bool mute, uint32_t type) {
     const UsbAudioMsgT msg{type, mute ? 1U : 0U};
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute, msg.type,
-                        msg.data);
+                        "setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute ? 1 : 0,
+                        msg.type, msg.data);
     UafIpc::queueMsg(msg);
     return 0;
 }

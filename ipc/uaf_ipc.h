@@ -62,7 +62,7 @@ class UafIpc {
 
     void rxLoop();
     // False ends the receive thread.
-    bool receiveMsg(int gadgetFd);
+    bool receiveMsg(int gadgetFd) const;
     static void handleMsg(int gadgetFd, UsbAudioMsgT& msg);
     static void queueSyncReply();
 

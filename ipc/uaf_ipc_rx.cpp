@@ -37,7 +37,7 @@ void UafIpc::rxLoop() {
     }
 }
 
-bool UafIpc::receiveMsg(int gadgetFd) {
+bool UafIpc::receiveMsg(int gadgetFd) const {
     UsbAudioMsgT msg = {};
     const ssize_t size = recvfrom(rxSock, &msg, sizeof msg, 0, nullptr, nullptr);
     const int error = errno;

@@ -102,7 +102,7 @@ bool UafIpc::overwriteNewest(const UsbAudioMsgT& msg) {
     return true;
 }
 
-void* UafIpc::UafIpcTxThread(void*) {
+void* UafIpc::UafIpcTxThread(void* /*unused*/) {
     txLoop();
     return nullptr;
 }
@@ -166,7 +166,7 @@ UafIpcQueueEntry* UafIpc::takeOldest() {
 }
 
 void UafIpc::sendMsg(const UsbAudioMsgT& msg) {
-    auto cursor = reinterpret_cast<const char*>(&msg);
+    const auto* cursor = reinterpret_cast<const char*>(&msg);
     size_t remaining = sizeof msg;
     int attempts = 0;  // all sends
     int retries = 0;   // those without result, and those that found no socket

@@ -93,7 +93,9 @@ int writeWithoutWaiting(const char* line, size_t length) {
 
 // Keeps a gone reader's SIGPIPE from this thread: the daemon's handler for it logs as well.
 int writeLine(const char* line, size_t length) {
-    sigset_t pipeOnly, before, pendingBefore;
+    sigset_t pipeOnly;
+    sigset_t before;
+    sigset_t pendingBefore;
     sigemptyset(&pipeOnly);
     sigaddset(&pipeOnly, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipeOnly, &before);

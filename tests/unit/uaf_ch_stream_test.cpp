@@ -201,8 +201,8 @@ TEST_F(UafChStreamTest, AFailedRecoveryIsReportedAndReturned) {
     EXPECT_EQ(0, channel.pcmStallCnt);
     const std::vector<fake_log::Line> lines = fake_log::lines();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (No such device)\n"), lines.end()[-2]);
-    EXPECT_EQ(errorUnder("rc=-19\n"), lines.end()[-1]);
+    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (No such device)\n"), lines[lines.size() - 2]);
+    EXPECT_EQ(errorUnder("rc=-19\n"), lines.back());
 }
 
 TEST_F(UafChStreamTest, RecoveryAloneReportsOneLine) {

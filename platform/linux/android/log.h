@@ -22,6 +22,7 @@ typedef enum android_LogPriority {
 // cut. Any thread, and the SIGPIPE handler; allocates nothing and keeps errno. It never raises
 // SIGPIPE, and when standard error has no room it loses the line instead of waiting.
 // Returns the number of bytes written, or a negative errno (-EAGAIN: no room, line lost).
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*): Android's name
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
 

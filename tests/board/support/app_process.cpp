@@ -21,8 +21,8 @@ struct AppProcess::Progress {
 
 AppProcess::AppProcess()
     : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress) {
-    pid_ = fork();
+                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress),
+      pid_(fork()) {
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         live();

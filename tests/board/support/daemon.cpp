@@ -84,7 +84,7 @@ std::string LogLine::brief() const {
     return std::string(1, level) + " " + tag + ": " + text;
 }
 
-Daemon::Daemon(std::string name)
+Daemon::Daemon(const std::string& name)
     : logPath_("/out/" + name + ".log"), stdoutPath_("/out/" + name + ".stdout") {
     put(logPath_, "");
     put(stdoutPath_, "");

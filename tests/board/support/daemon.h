@@ -26,7 +26,7 @@ struct LogLine {
 class Daemon {
   public:
     // Its log is /out/NAME.log, its standard output /out/NAME.stdout.
-    explicit Daemon(std::string name);
+    explicit Daemon(const std::string& name);
     // Ends it when it still runs.
     ~Daemon();
     Daemon(const Daemon&) = delete;
