@@ -17,6 +17,7 @@ struct Script {
 };
 
 struct Kept {
+    bool recording = true;
     std::vector<std::string> calls;
     std::map<std::string, Script> scripts;
     int statusObjects = 0;
@@ -51,16 +52,28 @@ fake_sys::Mutex& lock() {
 }
 
 std::optional<long> record(const std::string& function, const std::string& arguments) {
-    const std::string call = function + '(' + arguments + ')';
-    {
-        const Guard guard(lock());
-        kept().calls.push_back(call);
-    }
-    if (hooks().before) {
-        hooks().before(call);
+    if (isRecording()) {
+        const std::string call = function + '(' + arguments + ')';
+        {
+            const Guard guard(lock());
+            kept().calls.push_back(call);
+        }
+        if (hooks().before) {
+            hooks().before(call);
+        }
     }
     const Guard guard(lock());
     return nextAnswer(function);
+}
+
+bool isRecording() {
+    const Guard guard(lock());
+    return kept().recording;
+}
+
+void stopRecording() {
+    const Guard guard(lock());
+    kept().recording = false;
 }
 
 std::vector<std::string> calls() {
@@ -117,16 +130,6 @@ void reset() {
     resetCards();
     const Guard guard(lock());
     kept() = Kept{};
-}
-
-void Test::SetUp() {
-    fake_sys::Test::SetUp();
-    reset();
-}
-
-void Test::TearDown() {
-    reset();
-    fake_sys::Test::TearDown();
 }
 
 }  // namespace fake_alsa

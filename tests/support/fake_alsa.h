@@ -36,6 +36,8 @@ std::vector<std::string> calls();
 std::vector<std::string> callsOf(const std::string& function);
 int count(const std::string& function);
 void clearCalls();
+// For a long run: no record of calls from now on, no hook `before`, no written samples kept.
+void stopRecording();
 
 // ---- Scripted answers --------------------------------------------------------------------------
 

@@ -15,6 +15,8 @@ namespace fake_alsa {
 fake_sys::Mutex& lock();
 using Guard = std::lock_guard<fake_sys::Mutex>;
 
+bool isRecording();
+
 // Records the call "function(arguments)" and returns its scripted answer, if it has one.
 std::optional<long> record(const std::string& function, const std::string& arguments);
 

@@ -37,6 +37,11 @@ int openPcm(snd_pcm_t** handle, snd_pcm_stream_t stream) {
     return 0;
 }
 
+bool isOpen(const snd_pcm_t* pcm) {
+    const Guard guard(lock());
+    return pcm != nullptr && pcm->open;
+}
+
 }  // namespace
 
 // ---- The device --------------------------------------------------------------------------------
@@ -109,13 +114,14 @@ void snd_pcm_t::prepare() {
 
 namespace fake_alsa {
 
-bool isUsable(const snd_pcm_t* pcm) {
-    const Guard guard(lock());
-    if (pcm == nullptr || !pcm->open) {
+bool isUsable(snd_pcm_t* pcm) {
+    const bool usable = isOpen(pcm);
+    if (usable) {
+        ++pcm->uses;
+    } else {
         ADD_FAILURE() << "an alsa-lib call was made with " << nameOf(pcm) << ", which is not open";
-        return false;
     }
-    return true;
+    return usable;
 }
 
 Device& nextDevice() {
@@ -333,7 +339,7 @@ snd_pcm_sframes_t snd_pcm_writei(snd_pcm_t* pcm, const void* buffer, snd_pcm_ufr
                                 : hook  ? hook(pcm, samples, frames)
                                         : fake_alsa::device::writei(pcm, samples, frames));
     });
-    if (usable && taken > 0) {
+    if (usable && taken > 0 && fake_alsa::isRecording()) {
         const Guard guard(lock());
         // A scripted answer may claim more than there was.
         const auto kept = std::min(static_cast<snd_pcm_uframes_t>(taken), frames);

@@ -39,6 +39,9 @@ struct _snd_pcm {
     uint64_t appFrames = 0;      // transferred since the last prepare
     uint64_t earlierFrames = 0;  // that the device moved before the last prepare
     std::vector<int16_t> written;
+    // Calls with this handle. Without a lock, on purpose: a PCM is for one thread at a time, and
+    // ThreadSanitizer sees here when it is not.
+    unsigned uses = 0;
 
     // Frames that the device moved since the last prepare.
     uint64_t deviceFrames() const;
@@ -67,7 +70,7 @@ std::string arguments(const snd_pcm_t* pcm, Values... values) {
 }
 
 // A call with a handle that is not open is the daemon's mistake, whatever the call does.
-bool isUsable(const snd_pcm_t* pcm);
+bool isUsable(snd_pcm_t* pcm);
 
 // Records a call with a PCM; `effect` runs under the lock.
 template <typename Effect>

@@ -3,11 +3,11 @@
 #include <cstdarg>
 #include <fcntl.h>
 
-#include "tests/support/fake_log.h"
-
 // The real calls, under the names that the linker gives them.
 extern "C" {
 int __real_open(const char* path, int flags, ...);
+int __real_openat(int folder, const char* path, int flags, ...);
+int __real_stat(const char* path, struct stat* found);
 int __real_fcntl(int fd, int command, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_close(int fd);
@@ -62,20 +62,17 @@ void reset() {
     hooks() = Hooks{};
 }
 
-void Test::SetUp() {
-    reset();
-    fake_log::clear();
-}
-
-void Test::TearDown() {
-    reset();
-}
-
 namespace real {
 
 int open(const char* path, int flags) {
     constexpr mode_t createMode = 0600;
     return __real_open(path, flags, createMode);
+}
+int openat(int folder, const char* path, int flags) {
+    return __real_openat(folder, path, flags);
+}
+int stat(const char* path, struct stat* found) {
+    return __real_stat(path, found);
 }
 int fcntl(int fd, int command, long argument) {
     return __real_fcntl(fd, command, argument);
@@ -199,6 +196,13 @@ namespace real = fake_sys::real;
 extern "C" {
 int __wrap_open(const char* path, int flags, ...) {
     return hooks().open ? hooks().open(path, flags) : real::open(path, flags);
+}
+int __wrap_openat(int folder, const char* path, int flags, ...) {
+    return hooks().openat ? hooks().openat(folder, path, flags)
+                          : real::openat(folder, path, flags);
+}
+int __wrap_stat(const char* path, struct stat* found) {
+    return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
 }
 int __wrap_close(int fd) {
     return hooks().close ? hooks().close(fd) : real::close(fd);

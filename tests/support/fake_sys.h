@@ -18,10 +18,14 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "tests/support/tsan_blind.h"
+
 namespace fake_sys {
 
 struct Hooks {
     std::function<int(const char*, int)> open;
+    std::function<int(int, const char*, int)> openat;
+    std::function<int(const char*, struct stat*)> stat;
     std::function<int(int)> close;
     std::function<ssize_t(int, void*, size_t)> read;
     std::function<ssize_t(int, const void*, size_t)> write;
@@ -70,6 +74,8 @@ void reset();
 // keeps the rest: a test of the attributes hooks the call.
 namespace real {
 int open(const char* path, int flags);
+int openat(int folder, const char* path, int flags);
+int stat(const char* path, struct stat* found);
 int close(int fd);
 ssize_t read(int fd, void* buf, size_t count);
 ssize_t write(int fd, const void* buf, size_t count);
@@ -114,11 +120,26 @@ int ioctl(int fd, unsigned long request, void* argument);
 // A lock for the stand-ins and for hooks themselves: the pthread_mutex hooks never see it.
 class Mutex {
   public:
-    void lock() { real::pthread_mutex_lock(&mutex); }
-    void unlock() { real::pthread_mutex_unlock(&mutex); }
+    void lock() {
+        if (unseen) {
+            tsan_blind::begin();
+        }
+        real::pthread_mutex_lock(&mutex);
+    }
+    void unlock() {
+        real::pthread_mutex_unlock(&mutex);
+        if (unseen) {
+            tsan_blind::end();
+        }
+    }
+
+    // Makes every such lock, and what it guards, unseen by ThreadSanitizer: it would order threads
+    // that nothing orders outside of the tests. Before any other thread starts.
+    static void hideFromTsan() { unseen = true; }
 
   private:
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    static inline bool unseen = false;
 };
 
 // A fixture that starts and ends with no hooks set and an empty log.

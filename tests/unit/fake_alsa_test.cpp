@@ -12,6 +12,7 @@ namespace {
 
 using fake_alsa::capturedSample;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr int64_t NS_PER_MS = 1000000;
 
@@ -61,6 +62,17 @@ TEST_F(FakeAlsaTest, KeepsEveryCallWithItsArguments) {
                 ElementsAre("snd_pcm_wait(pcm0, 10)", "snd_pcm_readi(pcm0, 240)"));
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_wait"), ElementsAre("snd_pcm_wait(pcm0, 10)"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm"));
+}
+
+TEST_F(FakeAlsaTest, KeepsNothingWhenToldSo) {
+    snd_pcm_t* const pcm = playback();
+    fake_alsa::stopRecording();
+    fake_alsa::hooks().before = [](const std::string&) { ADD_FAILURE(); };
+    fake_alsa::answerAt("snd_pcm_wait", 1, -EIO);
+    EXPECT_EQ(-EIO, snd_pcm_wait(pcm, 10));
+    EXPECT_EQ(240, snd_pcm_writei(pcm, samples, 240));
+    EXPECT_THAT(fake_alsa::calls(), IsEmpty());
+    EXPECT_THAT(fake_alsa::written(pcm), IsEmpty());
 }
 
 TEST_F(FakeAlsaTest, AnswersTheNthCallFromTheScript) {
