@@ -13,14 +13,25 @@ namespace {
 // How often an abandoned open is looked at: the app may delete its FIFO at any time.
 constexpr timespec ABANDON_POLL{0, 10000000};
 
+// The name under which what a descriptor holds on to can be opened.
+class Link {
+  public:
+    explicit Link(int fd) { snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
+    const char* path() const { return text; }
+
+  private:
+    char text[32];
+};
+
 }  // namespace
 
 int FifoOpening::open(const char* openedPath, int flags) {
     if (!begin(openedPath, flags)) {
-        errno = EINTR;
         return -1;
     }
-    const int fd = ::open(openedPath, flags);
+    // Not by its name once more: that may lead to another FIFO by now, which would be waited on
+    // unknown to those who can end the wait.
+    const int fd = ::open(Link(handle).path(), flags);
     const int openErrno = errno;
     end();
     errno = openErrno;
@@ -29,12 +40,13 @@ int FifoOpening::open(const char* openedPath, int flags) {
 
 bool FifoOpening::begin(const char* openedPath, int flags) {
     pthread_mutex_lock(&mutex);
-    waiting = !abandoned;
-    if (waiting) {
+    errno = EINTR;
+    if (!abandoned) {
         path = openedPath;
         otherEndFlags = (flags == O_RDONLY ? O_WRONLY : O_RDONLY) | O_NONBLOCK | O_CLOEXEC;
         handle = openat(AT_FDCWD, openedPath, O_PATH | O_CLOEXEC);
     }
+    waiting = handle >= 0;
     const bool begun = waiting;
     pthread_mutex_unlock(&mutex);
     return begun;
@@ -43,10 +55,8 @@ bool FifoOpening::begin(const char* openedPath, int flags) {
 void FifoOpening::end() {
     pthread_mutex_lock(&mutex);
     waiting = false;
-    if (handle >= 0) {
-        ::close(handle);
-        handle = -1;
-    }
+    ::close(handle);
+    handle = -1;
     pthread_mutex_unlock(&mutex);
 }
 
@@ -76,9 +86,7 @@ bool FifoOpening::isWaiting() {
 void FifoOpening::releaseIfReplaced() {
     pthread_mutex_lock(&mutex);
     if (handle >= 0 && isReplaced()) {
-        char link[32];
-        snprintf(link, sizeof link, "/proc/self/fd/%d", handle);
-        const int otherEnd = openat(AT_FDCWD, link, otherEndFlags);
+        const int otherEnd = openat(AT_FDCWD, Link(handle).path(), otherEndFlags);
         if (otherEnd >= 0) {
             ::close(otherEnd);
         }

@@ -30,6 +30,7 @@ class FifoOpening {
 
   private:
     bool isReplaced() const;
+    // False with errno when the open fails before it can wait.
     bool begin(const char* openedPath, int flags);
     void end();
     bool isWaiting();

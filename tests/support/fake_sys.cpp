@@ -2,6 +2,9 @@
 
 #include <cstdarg>
 #include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <string>
 
 // The real calls, under the names that the linker gives them.
 extern "C" {
@@ -193,19 +196,61 @@ int pthread_attr_destroy(pthread_attr_t* attributes) {
 using fake_sys::hooks;
 namespace real = fake_sys::real;
 
+namespace {
+
+// What O_PATH handles were opened as, by number, for the hook of open.
+class Handles {
+  public:
+    int open(const char* path) {
+        int fd = real::openat(AT_FDCWD, path, O_PATH | O_CLOEXEC);
+        if (fd < 0) {
+            fd = real::openat(AT_FDCWD, "/", O_PATH | O_CLOEXEC);
+        }
+        const std::lock_guard<fake_sys::Mutex> guard(mutex);
+        names[linkOf(fd)] = path;
+        return fd;
+    }
+    // Whether it was one.
+    bool close(int fd) {
+        const std::lock_guard<fake_sys::Mutex> guard(mutex);
+        return names.erase(linkOf(fd)) != 0 && real::close(fd) == 0;
+    }
+    // The name behind a handle's link; any other path itself.
+    std::string nameOf(const char* path) {
+        const std::lock_guard<fake_sys::Mutex> guard(mutex);
+        const auto found = names.find(path);
+        return found != names.end() ? found->second : path;
+    }
+
+  private:
+    static std::string linkOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
+    fake_sys::Mutex mutex;
+    std::map<std::string, std::string> names;
+};
+
+Handles& handles() {
+    static auto* const all = new Handles;
+    return *all;
+}
+
+}  // namespace
+
 extern "C" {
 int __wrap_open(const char* path, int flags, ...) {
-    return hooks().open ? hooks().open(path, flags) : real::open(path, flags);
+    return hooks().open ? hooks().open(handles().nameOf(path).c_str(), flags)
+                        : real::open(path, flags);
 }
 int __wrap_openat(int folder, const char* path, int flags, ...) {
-    return hooks().openat ? hooks().openat(folder, path, flags)
-                          : real::openat(folder, path, flags);
+    return hooks().openat                          ? hooks().openat(folder, path, flags)
+           : hooks().open && (flags & O_PATH) != 0 ? handles().open(path)
+                                                   : real::openat(folder, path, flags);
 }
 int __wrap_stat(const char* path, struct stat* found) {
     return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
 }
 int __wrap_close(int fd) {
-    return hooks().close ? hooks().close(fd) : real::close(fd);
+    return handles().close(fd) ? 0 : hooks().close ? hooks().close(fd) : real::close(fd);
 }
 ssize_t __wrap_read(int fd, void* buf, size_t count) {
     return hooks().read ? hooks().read(fd, buf, count) : real::read(fd, buf, count);

@@ -66,6 +66,9 @@ struct Hooks {
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
 };
 
+// With the open hook alone, a file that is opened through an O_PATH handle of it appears to that
+// hook as one that is opened by its name, every name has a handle, and no hook sees it closed.
+
 // The hooks in force; reset() unsets them all.
 Hooks& hooks();
 void reset();

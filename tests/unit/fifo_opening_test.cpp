@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -26,6 +27,7 @@ class FifoOpeningTest : public fake_sys::Test, public testing::WithParamInterfac
             openerTid = gettid();
             return fake_sys::real::open(path, flags);
         };
+        fake_sys::hooks().openat = fake_sys::real::openat;
         fake_sys::hooks().nanosleep = [](const timespec*, timespec*) {
             std::this_thread::yield();
             return 0;
@@ -37,12 +39,27 @@ class FifoOpeningTest : public fake_sys::Test, public testing::WithParamInterfac
         ASSERT_EQ(0, unlink(path.c_str()));
         makeFifo();
     }
-    void startOpening() {
+    // Between the two looks that the opener takes at the path.
+    void onceItHasLooked(const std::function<void()>& act) {
+        fake_sys::hooks().openat = [act](int folder, const char* name, int flags) {
+            const int handle = fake_sys::real::openat(folder, name, flags);
+            const int lookErrno = errno;
+            if ((flags & O_PATH) != 0) {
+                act();
+            }
+            errno = lookErrno;
+            return handle;
+        };
+    }
+    void beginOpening() {
         opener = std::thread([this] {
             fd = opening.open(path.c_str(), GetParam());
             openErrno = errno;
             ended = true;
         });
+    }
+    void startOpening() {
+        beginOpening();
         // Of the calls that the opener makes from its hook on, only the open sleeps.
         while (openerTid == 0 || !isAsleep(openerTid)) {
             std::this_thread::yield();
@@ -96,6 +113,25 @@ TEST_P(FifoOpeningTest, IsLetOutOfAFifoThatWasDeleted) {
     releaseUntilEnded();
     EXPECT_GE(fd, 0);
     close(fd);
+}
+
+// The FIFO that it saw is the one that it waits on.
+TEST_P(FifoOpeningTest, IsLetOutOfAFifoThatIsReplacedAsItOpens) {
+    onceItHasLooked([this] { replaceFifo(); });
+    startOpening();
+    replaceFifo();
+    releaseUntilEnded();
+    EXPECT_GE(fd, 0);
+    close(fd);
+}
+
+TEST_P(FifoOpeningTest, DoesNotWaitOnAFifoThatAppearsAsItOpens) {
+    ASSERT_EQ(0, unlink(path.c_str()));
+    onceItHasLooked([this] { makeFifo(); });
+    beginOpening();
+    opener.join();
+    EXPECT_EQ(-1, fd);
+    EXPECT_EQ(ENOENT, openErrno);
 }
 
 TEST_P(FifoOpeningTest, WhatWasLetOutSeesAnAppThatHasGone) {
