@@ -1,0 +1,188 @@
+#include "tests/process/app.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <random>
+#include <string>
+#include <unistd.h>
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include "tests/process/wires.h"
+
+namespace process {
+
+namespace {
+
+constexpr size_t BLOCK_SAMPLES = 960;  // 10 ms, stereo
+constexpr long BLOCK_NS = 10000000 / SPEED;
+constexpr int MESSAGE_EVERY = 16;  // blocks, on average
+constexpr int VERY_SLOW = 8;
+constexpr int PACE_BLOCKS = 128;  // for which a pace lasts, on average
+
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+void sleepBlock() {
+    const timespec block{0, BLOCK_NS};
+    nanosleep(&block, nullptr);
+}
+
+}  // namespace
+
+// One life, in its process.
+class App::Life {
+  public:
+    Life(const Root& root, Seen& seen, uint32_t life) : root_(root), seen_(seen), random_(life) {
+        signal(SIGPIPE, SIG_IGN);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        const sockaddr_un own = addressOf(root_.path(SOCKET_RX));
+        unlink(own.sun_path);
+        bind(socket_, reinterpret_cast<const sockaddr*>(&own), sizeof own);
+        seen_.listening = life;
+    }
+
+    [[noreturn]] void live() {
+        for (;;) {
+            if (!seen_.paused) {
+                hear();
+                say();
+                receive();
+                if (random_() % MESSAGE_EVERY == 0) {
+                    ask();
+                }
+            }
+            keepPace();
+        }
+    }
+
+  private:
+    // For a while as fast as the daemon, for a while so slow that it starves it.
+    void keepPace() {
+        if (random_() % PACE_BLOCKS == 0) {
+            slowness_ = 1 + static_cast<int>(random_() % 4);
+        }
+        for (int left = seen_.slow ? VERY_SLOW : slowness_; left > 0; --left) {
+            sleepBlock();
+        }
+    }
+
+    void hear() {
+        if (rx_ < 0) {
+            rx_ = open(root_.path(FIFO_RX).c_str(), O_RDONLY | O_NONBLOCK);
+        }
+        std::array<int16_t, 2048> samples;
+        const ssize_t got = rx_ < 0 ? 0 : read(rx_, samples.data(), sizeof samples);
+        if (got <= 0) {
+            return;
+        }
+        seen_.heardBytes += static_cast<uint64_t>(got);
+        for (size_t i = 0; i + 1 < static_cast<size_t>(got) / sizeof(int16_t); i += 2) {
+            seen_.tornFrames += samples[i] != samples[i + 1] ? 1 : 0;
+        }
+    }
+
+    void say() {
+        if (tx_ < 0) {
+            tx_ = open(root_.path(FIFO_TX).c_str(), O_WRONLY | O_NONBLOCK);
+        }
+        std::array<int16_t, BLOCK_SAMPLES> block;
+        block.fill(static_cast<int16_t>(random_()));
+        const ssize_t put = tx_ < 0 ? 0 : write(tx_, block.data(), sizeof block);
+        if (put > 0) {
+            seen_.saidBytes += static_cast<uint64_t>(put);
+        } else if (put < 0 && errno == EPIPE) {
+            close(tx_);
+            tx_ = -1;
+        }
+    }
+
+    void receive() {
+        uint32_t message[2];
+        while (recv(socket_, message, sizeof message, 0) == sizeof message) {
+            seen_.last[message[0] & 7] = message[1];
+            ++seen_.messages;
+        }
+    }
+
+    // Of any type and size, but never an empty one, which the daemon takes for its end.
+    void ask() {
+        constexpr uint32_t types[] = {7, 7, 3, 5, 3, 5, 0, 4, 99};
+        constexpr size_t sizes[] = {8, 8, 8, 8, 8, 8, 1, 4, 7, 12};
+        const uint32_t message[3] = {types[random_() % std::size(types)],
+                                     static_cast<uint32_t>(random_()), 0};
+        const sockaddr_un to = addressOf(root_.path(SOCKET_TX));
+        sendto(socket_, message, sizes[random_() % std::size(sizes)], 0,
+               reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    }
+
+    const Root& root_;
+    Seen& seen_;
+    std::minstd_rand random_;
+    int socket_ = -1;
+    int rx_ = -1;
+    int tx_ = -1;
+    int slowness_ = 1;
+};
+
+App::App(const Root& root)
+    : root_(root),
+      seen_(new (mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                      0)) Seen) {}
+
+App::~App() {
+    kill();
+    munmap(seen_, sizeof *seen_);
+}
+
+void App::start() {
+    if (isRunning()) {
+        return;
+    }
+    ++lives_;
+    pid_ = fork();
+    if (pid_ == 0) {
+        Life(root_, *seen_, lives_).live();
+    }
+}
+
+void App::kill() {
+    if (isRunning()) {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+        ++deaths_;
+    }
+}
+
+void App::waitUntilListening() const {
+    while (isRunning() && seen_->listening != lives_) {
+        sleepBlock();
+    }
+}
+
+void App::pause(bool paused) {
+    seen_->paused = paused;
+}
+
+void App::slowDown() {
+    seen_->slow = true;
+}
+
+}  // namespace process

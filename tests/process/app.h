@@ -1,0 +1,64 @@
+// The companion app as a process of its own, to be killed at any moment: it hears and speaks
+// through the FIFOs, takes the daemon's messages and sends its own. One thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include <sys/types.h>
+
+#include "tests/process/root.h"
+
+namespace process {
+
+class App {
+  public:
+    // Started with start().
+    explicit App(const Root& root);
+    // Kills it.
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    void start();
+    void kill();
+    bool isRunning() const { return pid_ > 0; }
+    int deaths() const { return deaths_; }
+    // Until then the daemon's messages go to nobody, and are lost.
+    void waitUntilListening() const;
+    // A paused app holds everything open and touches nothing.
+    void pause(bool paused);
+    // From here on it speaks and hears more slowly than the host, for good.
+    void slowDown();
+
+    // Of all its lives.
+    uint64_t heardBytes() const { return seen_->heardBytes; }
+    uint64_t saidBytes() const { return seen_->saidBytes; }
+    uint64_t messages() const { return seen_->messages; }
+    // The data of the newest message of that type, 0 to 7.
+    uint32_t lastOf(uint32_t type) const { return seen_->last[type & 7]; }
+    // Stereo frames whose samples differ, which the daemon never sends.
+    uint64_t tornFrames() const { return seen_->tornFrames; }
+
+  private:
+    // Memory that the lives share with the test.
+    struct Seen {
+        std::atomic<bool> paused{false};
+        std::atomic<bool> slow{false};
+        std::atomic<uint32_t> listening{0};  // the life whose socket is bound
+        std::atomic<uint64_t> heardBytes{0};
+        std::atomic<uint64_t> saidBytes{0};
+        std::atomic<uint64_t> tornFrames{0};
+        std::atomic<uint64_t> messages{0};
+        std::atomic<uint32_t> last[8] = {};
+    };
+    class Life;
+
+    const Root& root_;
+    Seen* seen_;
+    pid_t pid_ = -1;
+    uint32_t lives_ = 0;
+    int deaths_ = 0;
+};
+
+}  // namespace process

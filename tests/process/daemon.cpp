@@ -1,0 +1,261 @@
+#include "tests/process/daemon.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <numeric>
+#include <poll.h>
+#include <sstream>
+#include <stdexcept>
+#include <unistd.h>
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+namespace process {
+
+namespace {
+
+constexpr int POLL_MS = 2;
+// No condition takes a hundredth of it.
+constexpr auto NEVER = std::chrono::seconds(60);
+constexpr size_t LAST_LINES = 60;
+constexpr size_t PACKET_BYTES = 4096;
+
+void openWire(int (&ends)[2]) {
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+        throw std::runtime_error(std::string("socketpair: ") + strerror(errno));
+    }
+}
+
+// The options are spelt out: a report ends the process at once, under a status of its own.
+void setSanitizers(const std::string& report) {
+    const std::string common = "log_path=" + report + ":halt_on_error=1:exitcode=99";
+    setenv(
+        "ASAN_OPTIONS",
+        (common + ":detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1").c_str(),
+        1);
+    setenv("UBSAN_OPTIONS", (common + ":print_stacktrace=1").c_str(), 1);
+    setenv("LSAN_OPTIONS", "exitcode=99", 1);
+    // A stopped channel leaves its thread for the next start to join: that is no leak.
+    setenv("TSAN_OPTIONS",
+           (common + ":report_thread_leaks=0:detect_deadlocks=1:second_deadlock_stack=1").c_str(),
+           1);
+}
+
+}  // namespace
+
+Daemon::Daemon(const Root& root) : root_(root) {
+    int control[2], notes[2], uevents[2];
+    openWire(control);
+    openWire(notes);
+    openWire(uevents);
+    control_ = control[0];
+    notes_ = notes[0];
+    uevents_ = uevents[0];
+    app_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    start(control, notes, uevents);
+    close(control[1]);
+    close(notes[1]);
+    close(uevents[1]);
+}
+
+void Daemon::start(const int control[2], const int notes[2], const int uevents[2]) {
+    pid_ = fork();
+    if (pid_ < 0) {
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+    }
+    running_ = true;
+    if (pid_ != 0) {
+        return;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(control[1], CONTROL_FD);
+    dup2(notes[1], NOTES_FD);
+    dup2(uevents[1], UEVENT_FD);
+    const int log = ::open(root_.path("/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+    setSanitizers(root_.path("/report"));
+    execl(DAEMON_PROGRAM, DAEMON_PROGRAM, root_.path().c_str(), nullptr);
+    _exit(EXIT_FAILURE);
+}
+
+Daemon::~Daemon() {
+    if (isRunning()) {
+        kill(pid_, SIGKILL);
+        waitForEnd(0);
+    }
+    for (const int fd : {control_, notes_, uevents_, app_}) {
+        close(fd);
+    }
+}
+
+bool Daemon::record(uint32_t type, uint32_t data) {
+    std::string bytes(8, '\0');
+    memcpy(&bytes[0], &type, sizeof type);
+    memcpy(&bytes[4], &data, sizeof data);
+    return rawRecord(bytes);
+}
+
+bool Daemon::rawRecord(const std::string& bytes) {
+    return send(RECORD, bytes);
+}
+
+bool Daemon::command(const std::string& text) {
+    return send(COMMAND, text);
+}
+
+bool Daemon::send(char kind, const std::string& bytes) {
+    const std::string packet = kind + bytes;
+    return ::send(control_, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0;
+}
+
+void Daemon::uevent(const std::string& text, UeventSender sender) {
+    std::string packet(sizeof sender, '\0');
+    memcpy(&packet[0], &sender, sizeof sender);
+    packet += text;
+    ::send(uevents_, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void Daemon::datagram(const std::string& bytes) {
+    sockaddr_un to{};
+    to.sun_family = AF_UNIX;
+    root_.path(SOCKET_TX).copy(to.sun_path, sizeof to.sun_path - 1);
+    sendto(app_, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to),
+           sizeof to);
+}
+
+std::vector<std::string> Daemon::takeNotes() {
+    std::vector<std::string> taken = std::move(kept_);
+    kept_.clear();
+    std::array<char, PACKET_BYTES> packet;
+    for (;;) {
+        const ssize_t got = recv(notes_, packet.data(), packet.size(), MSG_DONTWAIT);
+        if (got <= 0) {
+            return taken;
+        }
+        taken.emplace_back(packet.data(), static_cast<size_t>(got));
+    }
+}
+
+bool Daemon::settle() {
+    const std::string word = "echo " + std::to_string(++echoes_);
+    if (!waitFor([&] { return command(word); })) {
+        return false;
+    }
+    std::vector<std::string> others;
+    const bool settled = waitFor([&] {
+        const std::vector<std::string> notes = takeNotes();
+        others.insert(others.end(), notes.begin(), notes.end());
+        return !others.empty() && std::find(others.begin(), others.end(), word) != others.end();
+    });
+    kept_ = std::move(others);
+    kept_.erase(std::remove(kept_.begin(), kept_.end(), word), kept_.end());
+    return settled;
+}
+
+bool Daemon::waitFor(const std::function<bool()>& condition) {
+    const auto never = std::chrono::steady_clock::now() + NEVER;
+    while (!condition()) {
+        if (!isRunning() || std::chrono::steady_clock::now() > never) {
+            return false;
+        }
+        pollfd ready{notes_, POLLIN, 0};
+        poll(&ready, 1, POLL_MS);
+    }
+    return true;
+}
+
+bool Daemon::isRunning() {
+    waitForEnd(WNOHANG);
+    return running_;
+}
+
+void Daemon::waitForEnd(int options) {
+    if (running_ && waitpid(pid_, &status_, options) == pid_) {
+        running_ = false;
+    }
+}
+
+int Daemon::end() {
+    waitFor([this] { return command("end"); });
+    return exitStatus();
+}
+
+int Daemon::exitStatus() {
+    waitFor([this] { return !isRunning(); });
+    return !running_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+}
+
+int Daemon::descriptors() const {
+    return entriesOf("fd");
+}
+
+int Daemon::threads() const {
+    return entriesOf("task");
+}
+
+std::string Daemon::procFolder() const {
+    return "/proc/" + std::to_string(pid_) + '/';
+}
+
+int Daemon::entriesOf(const std::string& folder) const {
+    std::error_code ended;
+    const std::filesystem::directory_iterator entries(procFolder() + folder, ended);
+    return static_cast<int>(std::distance(entries, std::filesystem::directory_iterator()));
+}
+
+int Daemon::count(const std::string& text) const {
+    std::istringstream log(root_.contents("/log"));
+    int lines = 0;
+    for (std::string line; std::getline(log, line);) {
+        lines += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return lines;
+}
+
+std::string Daemon::report() const {
+    std::string reports;
+    for (const auto& file : std::filesystem::directory_iterator(root_.path())) {
+        const std::string name = file.path().filename().string();
+        if (name.rfind("report", 0) == 0) {
+            reports += root_.contents("/" + name);
+        }
+    }
+    return reports;
+}
+
+std::string Daemon::state() const {
+    std::istringstream log(root_.contents("/log"));
+    std::deque<std::string> last;
+    for (std::string line; std::getline(log, line);) {
+        if (line.find("likely a timeout") == std::string::npos) {
+            last.push_back(line + '\n');
+        }
+        if (last.size() > LAST_LINES) {
+            last.pop_front();
+        }
+    }
+    std::string text = std::accumulate(last.begin(), last.end(), std::string());
+    std::error_code ended;
+    for (const auto& thread : std::filesystem::directory_iterator(procFolder() + "task", ended)) {
+        std::string wait;
+        std::getline(std::ifstream(thread.path() / "wchan"), wait);
+        text += "thread " + thread.path().filename().string() + " in " + wait + '\n';
+    }
+    return text;
+}
+
+}  // namespace process

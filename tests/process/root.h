@@ -1,0 +1,40 @@
+// What the daemon's process finds below its root: the app's FIFOs and the files of the kernel and
+// of the platform. One thread; gone with the object.
+#pragma once
+
+#include <string>
+
+#include "tests/support/temp_dir.h"
+
+namespace process {
+
+constexpr char FIFO_RX[] = "/tmp/usbAudioFifoRx";
+constexpr char FIFO_TX[] = "/tmp/usbAudioFifoTx";
+constexpr char SOCKET_RX[] = "/tmp/usbAudioUdsIpcRx";  // the app's
+constexpr char SOCKET_TX[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's
+
+class Root {
+  public:
+    // A configured gadget, a plugged cable, a controller that is watched, the board's own capture
+    // running; no FIFO.
+    Root();
+
+    const std::string& path() const { return folder_.path(); }
+    std::string path(const std::string& name) const { return folder_.path() + name; }
+    std::string contents(const std::string& name) const;
+
+    void makeFifos() const;
+    void removeFifo(const std::string& name) const;
+    // As the gadget's state file says, and the cable detector's.
+    void setUsbState(const std::string& word) const;
+    void setCable(bool plugged) const;
+    // Whether the board's own card captures.
+    void setOwnCapture(bool running) const;
+
+  private:
+    void put(const std::string& name, const std::string& text) const;
+
+    TempDir folder_;
+};
+
+}  // namespace process

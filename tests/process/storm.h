@@ -1,0 +1,87 @@
+// A storm over the daemon's process: the host, the gadget driver, the app, the sound cards and the
+// kernel do anything at any moment, in an order that follows from a seed. One thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <string>
+
+#include "tests/process/app.h"
+#include "tests/process/daemon.h"
+#include "tests/process/root.h"
+
+namespace process {
+
+class Storm {
+  public:
+    explicit Storm(uint32_t seed);
+
+    // The daemon, bound, and the app. False when the daemon ended instead.
+    bool begin();
+    // So many steps. False when the daemon ended, or no longer handles what it is told.
+    bool rage(int steps);
+    // Everything is as it should be again: no fault, the card there, the app awake, the streams
+    // off.
+    bool calmDown();
+
+    const Root& root() const { return root_; }
+    Daemon& daemon() { return daemon_; }
+    App& app() { return app_; }
+    // What was done, by name.
+    const std::map<std::string, int>& done() const { return done_; }
+
+  private:
+    struct Action {
+        uint32_t weight;
+        const char* name;
+        void (Storm::*act)();
+    };
+    static const Action ACTIONS[];
+
+    uint32_t draw() { return static_cast<uint32_t>(random_()); }
+    uint32_t upTo(uint32_t limit) { return draw() % limit; }
+    const char* eitherStream() { return upTo(2) == 0 ? "capture" : "playback"; }
+    void act();
+    void letRun();
+    void answerNotes();
+    void sendVolumes(uint32_t count);
+    void sendUsbState(const std::string& word);
+
+    void bindAgain();
+    void unbindAndBind();
+    void switchOne();
+    void switchBoth();
+    void switchManyTimes();
+    void volumesAndMutes();
+    void invalidRecord();
+    void oddRecord();
+    void killApp();
+    void restartApp();
+    void replaceFifos();
+    void pauseApp();
+    void floodSilentApp();
+    void wakeApp();
+    void syncUps();
+    void oddDatagrams();
+    void usbStates();
+    void oddUevents();
+    void cableFault();
+    void switchOwnCapture();
+    void failStep();
+    void refuseCall();
+    void stopPcm();
+    void stallStream();
+    void lag();
+    void pullCard();
+    void plugCard();
+
+    std::minstd_rand random_;
+    Root root_;
+    Daemon daemon_;
+    App app_;
+    std::map<std::string, int> done_;
+    int restarts_ = 0;  // of the controller, that the daemon asked for
+};
+
+}  // namespace process
