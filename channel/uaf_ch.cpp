@@ -123,10 +123,11 @@ int UafCh::switchOn() {
         case UAFCH_RUNNING:
             return 0;
         case UAFCH_STOPPING:
+            // The state first: the worker may make passes meanwhile, and must not count them.
+            state.store(UAFCH_RUNNING, std::memory_order_release);
             __android_log_print(
                 ANDROID_LOG_DEBUG, LOG_TAG, "stopDelayCnt = %d\n",
                 static_cast<int>(stopDelayCnt.exchange(0, std::memory_order_relaxed)));
-            state.store(UAFCH_RUNNING, std::memory_order_release);
             return 0;
         case UAFCH_STOPPED:
             return start();

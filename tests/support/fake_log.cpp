@@ -46,6 +46,11 @@ void clear() {
     storedLines().clear();
 }
 
+std::function<void(const Line&)>& onLine() {
+    static auto* const hook = new std::function<void(const Line&)>;
+    return *hook;
+}
+
 }  // namespace fake_log
 
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
@@ -54,7 +59,11 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     va_start(arguments, format);
     const int length = vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    const fake_log::Line line{priority, tag, text};
+    if (fake_log::onLine()) {
+        fake_log::onLine()(line);
+    }
     const Guard guard(linesMutex());
-    storedLines().push_back({priority, tag, text});
+    storedLines().push_back(line);
     return length;
 }

@@ -2,6 +2,7 @@
 // Any thread may log; a test reads copies.
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -27,5 +28,9 @@ std::vector<Line> lines();
 // How often exactly this line was logged.
 int count(int priority, const std::string& tag, const std::string& text);
 void clear();
+
+// Called for each line when set, on the thread that logs it, without a lock held; unset by the
+// fixtures. Set before the threads that log start.
+std::function<void(const Line&)>& onLine();
 
 }  // namespace fake_log

@@ -5,11 +5,13 @@
 
 void fake_sys::Test::SetUp() {
     reset();
+    fake_log::onLine() = nullptr;
     fake_log::clear();
 }
 
 void fake_sys::Test::TearDown() {
     reset();
+    fake_log::onLine() = nullptr;
 }
 
 void fake_alsa::Test::SetUp() {

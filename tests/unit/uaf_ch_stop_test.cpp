@@ -72,6 +72,22 @@ TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
                           "in this channel's state.")));
 }
 
+// The worker runs at real-time priority: it may make any number of passes inside the cancelling
+// thread's log call.
+TEST_F(UafChStopTest, PassesWhileAnOnIsHandledDoNotStopTheChannel) {
+    startAndSwitchOff();
+    int passesLeft = 4;
+    fake_log::onLine() = [&](const fake_log::Line& line) {
+        for (; line == debug("stopDelayCnt = 0\n") && passesLeft > 0; --passesLeft) {
+            EXPECT_TRUE(channel.isRunning());
+        }
+    };
+    EXPECT_EQ(0, channel.intfUpdate(true));
+    EXPECT_EQ(0, passesLeft);
+    EXPECT_EQ(UAFCH_RUNNING, channel.state);
+    EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
+}
+
 TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
     startAndSwitchOff();
     lockResult = EDEADLK;
