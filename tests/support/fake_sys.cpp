@@ -18,6 +18,7 @@ ssize_t __real_read(int fd, void* buf, size_t count);
 ssize_t __real_write(int fd, const void* buf, size_t count);
 int __real_mknod(const char* path, mode_t mode, dev_t device);
 int __real_unlink(const char* path);
+int __real_fstat(int fd, struct stat* result);
 int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
@@ -100,6 +101,9 @@ int mknod(const char* path, mode_t mode, dev_t device) {
 }
 int unlink(const char* path) {
     return __real_unlink(path);
+}
+int fstat(int fd, struct stat* result) {
+    return __real_fstat(fd, result);
 }
 int socket(int domain, int type, int protocol) {
     return __real_socket(domain, type, protocol);
@@ -249,8 +253,15 @@ int __wrap_openat(int folder, const char* path, int flags, ...) {
 int __wrap_stat(const char* path, struct stat* found) {
     return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
 }
+int __wrap_openat(int directory, const char* path, int flags, ...) {
+    return hooks().openat ? hooks().openat(directory, path, flags)
+                          : real::openat(directory, path, flags);
+}
 int __wrap_close(int fd) {
     return handles().close(fd) ? 0 : hooks().close ? hooks().close(fd) : real::close(fd);
+}
+int __wrap_fstat(int fd, struct stat* result) {
+    return hooks().fstat ? hooks().fstat(fd, result) : real::fstat(fd, result);
 }
 ssize_t __wrap_read(int fd, void* buf, size_t count) {
     return hooks().read ? hooks().read(fd, buf, count) : real::read(fd, buf, count);

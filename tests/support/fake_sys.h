@@ -31,6 +31,7 @@ struct Hooks {
     std::function<ssize_t(int, const void*, size_t)> write;
     std::function<int(const char*, mode_t, dev_t)> mknod;
     std::function<int(const char*)> unlink;
+    std::function<int(int, struct stat*)> fstat;
     std::function<int(int, int, int)> socket;
     std::function<int(int, const sockaddr*, socklen_t)> bind;
     std::function<int(int, int, int, const void*, socklen_t)> setsockopt;
@@ -84,6 +85,7 @@ ssize_t read(int fd, void* buf, size_t count);
 ssize_t write(int fd, const void* buf, size_t count);
 int mknod(const char* path, mode_t mode, dev_t device);
 int unlink(const char* path);
+int fstat(int fd, struct stat* result);
 int socket(int domain, int type, int protocol);
 int bind(int fd, const sockaddr* address, socklen_t length);
 int setsockopt(int fd, int level, int name, const void* value, socklen_t length);

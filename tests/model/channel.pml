@@ -1,0 +1,125 @@
+/* The life cycle of both channels, for the spin model checker; tests/model/check verifies it.
+ *
+ * A process of the model is a thread of the daemon or a part of its world, an inline is the
+ * function of the same name:
+ *
+ *   Loop          the main thread: EventLoop::run, handle, bind, unbind; uafBind;      event_loop.pml
+ *                 the USB host, where it reads the host's events                     world.pml
+ *   SourceWorker  UafCh::ChThread on UafSrc::uafLoop, pcmWrite, takeFrame              uaf_src.pml
+ *   Buffer        UafSrc::UafSrcBufferThread, bufferLoop, bufferPass, fifoRead         uaf_src.pml
+ *   SinkWorker    UafCh::ChThread on UafSnk::uafLoop, pcmRead, fifoWrite               uaf_snk.pml
+ *                 UafCh::intfUpdate, requestStop, switchOn, switchOff, start, stop,
+ *                 isRunning, openFifo; FifoOpening                                     uaf_ch.pml
+ *   App           the companion app at one FIFO: opens, closes, deletes, makes anew    world.pml
+ *
+ * SOURCE, SINK: which channels take part; the other gets no event. REPLAY: traces for the unit test
+ * (steps.pml). The names that begin with WITHOUT_ or WITH_ plant one defect each; tests/model/check
+ * lists what each must break. */
+
+#define SRC 0
+#define SNK 1
+#ifdef SOURCE
+#define FIRST SRC
+#else
+#define FIRST SNK
+#endif
+#ifdef SINK
+#define LAST SNK
+#else
+#define LAST SRC
+#endif
+
+#define STOP_DELAY_PASSES 4
+
+/* UafChState */
+#define RUNNING 1
+#define STOPPING 2
+#define STOPPED 3
+
+/* A thread, between its creation and the join of what is left of it. */
+#define NONE 0
+#define CREATED 1
+#define FINISHED 2
+
+/* A blocking open of a FIFO. */
+#define NOT_OPENING 0
+#define WAITS 1
+#define LET_OUT 2
+#define REFUSED 3
+
+mtype = { nobody, loop, worker, buffer };
+
+typedef Channel {
+  /* UafCh */
+  byte state = STOPPED;
+  byte count;                /* stopDelayCnt */
+  bool joinPending;
+  bool named = false;        /* pcmName and fifoName */
+  byte nameReaders;
+  bool pcm;                  /* pcmHandle is open */
+  bool fifo;                 /* fifoFd is open */
+  byte workerThread = NONE;
+  mtype intfMutex = nobody;  /* who holds it */
+  /* FifoOpening */
+  byte opening = NOT_OPENING;
+  bool abandoned;
+  /* The FIFO and the app */
+  bool exists = true;        /* the path leads to a FIFO */
+  bool nameless;             /* the daemon's FIFO, opened or waited on, is no longer the path's */
+  bool app;                  /* the app holds the other end of the path's FIFO */
+  bool settled;              /* ... for ever */
+  /* What the properties look at */
+  bool told;                 /* the last message said on */
+  bool untold;               /* a worker that was not created has left an on without its off */
+  bool wanted;               /* the last request that counted was an on */
+  bool counting;             /* the worker has seen the off and has not gone on since */
+  bool late;                 /* an on came meanwhile */
+  bool stray;                /* it was counted although an on had cancelled the stop */
+};
+Channel ch[2];
+
+typedef Source {
+  bool frameBuffer;          /* ssrsCtx is built */
+  mtype ssrsMutex = nobody;
+  byte bufferThread = NONE;        /* the buffer thread */
+  bool joinable;             /* bufferThreadJoinable */
+  bool running;              /* bufferThreadRunning */
+  bool stopRequested;        /* bufferStopRequested */
+};
+Source src;
+
+#define CONNECTED(c) (ch[c].app && !ch[c].nameless)
+#ifdef WITH_SILENT_APP
+#define TRANSFERS(c) (CONNECTED(c) && !ch[c].settled)
+#else
+#define TRANSFERS(c) CONNECTED(c)
+#endif
+
+#include "steps.pml"
+#include "world.pml"
+#include "uaf_ch.pml"
+#ifdef SOURCE
+#include "uaf_src.pml"
+#endif
+#ifdef SINK
+#include "uaf_snk.pml"
+#endif
+#include "event_loop.pml"
+#ifdef LIVENESS
+#include "properties.pml"
+#endif
+
+init {
+  atomic {
+    run Loop();
+#ifdef SOURCE
+    run App(SRC);
+    run SourceWorker();
+    run Buffer();
+#endif
+#ifdef SINK
+    run App(SNK);
+    run SinkWorker();
+#endif
+  }
+}

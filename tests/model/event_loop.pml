@@ -1,0 +1,59 @@
+/* EventLoop, and the card binding that it calls. */
+
+bool handled = true;  /* the loop waits for the next event */
+bool quiet;           /* none will come */
+
+/* The names stay as they are when the card is not there. */
+inline uafBind(found) {
+  PARK
+  if
+  :: atomic { GO(true) CALL("loop 0 card found") found = true }
+     for (each : FIRST .. LAST) { setDevName(each, true) }
+  :: atomic { GO(true) CALL("loop 0 card missing") found = false }
+  fi
+}
+
+inline unbind() {
+  if
+  :: bound ->
+     for (each : FIRST .. LAST) { requestOff(each) }
+     for (each : FIRST .. LAST) { setDevName(each, false) }
+  :: else
+  fi;
+  bound = false
+}
+
+/* Takes no lock; between the old names and the new ones there are none. */
+inline setDevName(c, names) {
+  d_step {
+    assert(ch[c].nameReaders > 0 || ch[c].opening == NOT_OPENING);  /* a copy in use is not freed */
+    ch[c].named = false
+  };
+  ch[c].named = names
+}
+
+proctype Loop() {
+  mtype event;
+  byte c, each;
+  bool on, bound, failed, isLast;
+  do
+  :: PARK atomic {
+       GO(true) nextEvent(event, c, on, isLast);
+       if
+       :: isLast -> quiet = true; break
+       :: else -> CALL("loop %d event %e-%d", c, event, on) handled = false
+       fi
+     };
+     if
+     :: event == bindEvent -> uafBind(bound)
+     :: event == unbindEvent -> unbind()
+     :: event == activeEvent ->
+        if
+        :: !bound && on -> uafBind(bound)
+        :: else
+        fi;
+        intfUpdate(loop, c, on, failed)
+     fi;
+     atomic { handled = true; event = 0; c = 0; each = 0; on = false; failed = false }
+  od
+}

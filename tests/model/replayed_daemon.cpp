@@ -1,0 +1,262 @@
+#include "tests/model/replayed_daemon.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+#include <gtest/gtest.h>
+
+#include "channel/fifo_paths.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ipc.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_ssrs.h"
+
+namespace {
+
+// Descriptors of the channels' FIFOs and of the handles that hold on to them.
+constexpr int FIFO_FD = 1000;
+constexpr int HANDLE_FD = 2000;
+constexpr int END = 2;  // of the channels
+
+std::string numbered(int channel, const std::string& text) {
+    return std::to_string(channel) + " " + text;
+}
+
+int channelOf(const std::string& path) {
+    return path == FIFO_RX_PATH ? 1 : 0;
+}
+
+// Which channel the running thread works for: a worker's and a buffer thread's own, and the event
+// loop's where only the source's code asks.
+int ownChannel() {
+    return Stage::part() == "worker 1" ? 1 : 0;
+}
+
+template <typename Channel>
+std::string viewOf(const Channel& channel) {
+    return std::to_string(channel.state) + std::to_string(channel.stopDelayCnt) +
+           std::to_string(channel.joinPending) +
+           std::to_string(channel.pcmName.load() != nullptr && channel.fifoName.load() != nullptr) +
+           std::to_string(channel.pcmHandle != nullptr) + std::to_string(channel.fifoFd > 0);
+}
+
+}  // namespace
+
+// The channels set their mutexes up when they are made.
+std::map<pthread_mutex_t*, bool>& ReplayedDaemon::watchMutexes(
+    std::map<pthread_mutex_t*, bool>& mutexes) {
+    fake_sys::hooks().pthread_mutex_init = [&mutexes](pthread_mutex_t* mutex,
+                                                      const pthread_mutexattr_t* attributes) {
+        mutexes[mutex] = false;
+        return fake_sys::real::pthread_mutex_init(mutex, attributes);
+    };
+    return mutexes;
+}
+
+ReplayedDaemon::ReplayedDaemon() {
+    hookLocks();
+    hookThreads();
+    hookFifos();
+    hookCard();
+    fake_log::onLine() = [this](const fake_log::Line& line) {
+        if (line.tag == "UAFCH") {
+            stage.effect("log " + line.text.substr(0, line.text.find('\n')));
+        }
+    };
+    fake_ipc::onMessage() = [this](const fake_ipc::Message& message) {
+        const int channel = message.first == 1 ? 1 : 0;
+        stage.effect("message " + numbered(channel, std::to_string(message.second)));
+    };
+    pthread_t id;
+    stage.create(&id, "loop", [this] { runLoop(); });
+}
+
+// ---- Threads and locks -------------------------------------------------------------------------
+
+void ReplayedDaemon::runLoop() {
+    const std::map<std::string, uint32_t> types{
+        {"bindEvent-0", 0}, {"unbindEvent-0", 1}, {"activeEvent-1", 1}, {"activeEvent-0", 0}};
+    for (;;) {
+        // The channel, then the event and its data.
+        const std::string event = stage.call("event");
+        const int channel = event[0] - '0';
+        const uint32_t number = types.at(event.substr(2));
+        const bool isActivation = event.find("active") != std::string::npos;
+        loop.handle(
+            isActivation ? UacUserMsgT{channel == 0 ? 3U : 2U, number} : UacUserMsgT{number, 0},
+            sizeof(UacUserMsgT));
+    }
+}
+
+void ReplayedDaemon::lock(pthread_mutex_t* mutex) {
+    if (mutex == &source.intfMutex || mutex == &sink.intfMutex) {
+        stage.call(numbered(mutex == &sink.intfMutex ? 1 : 0, "lock"));
+    } else {
+        frameBufferFails = stage.call("0 ssrs") == "failed";
+    }
+    EXPECT_FALSE(held[mutex]) << "the script takes a lock that is held";
+    held[mutex] = true;
+}
+
+int ReplayedDaemon::tryLock(pthread_mutex_t* mutex) {
+    const bool isBusy = stage.call("0 trylock") == "busy";
+    EXPECT_EQ(isBusy, held[mutex]);
+    held[mutex] = true;
+    return isBusy ? EBUSY : 0;
+}
+
+void ReplayedDaemon::hookLocks() {
+    auto& hooks = fake_sys::hooks();
+    // The other mutexes are those of the FIFO openings, held for a moment only.
+    hooks.pthread_mutex_lock = [this](pthread_mutex_t* mutex) {
+        if (held.count(mutex) == 0) {
+            return fake_sys::real::pthread_mutex_lock(mutex);
+        }
+        lock(mutex);
+        return 0;
+    };
+    hooks.pthread_mutex_trylock = [this](pthread_mutex_t* mutex) { return tryLock(mutex); };
+    hooks.pthread_mutex_unlock = [this](pthread_mutex_t* mutex) {
+        if (held.count(mutex) == 0) {
+            return fake_sys::real::pthread_mutex_unlock(mutex);
+        }
+        EXPECT_TRUE(held[mutex]) << "a lock is freed that nobody holds";
+        held[mutex] = false;
+        return 0;
+    };
+    fake_ssrs::hooks().write = [this](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
+        return frameBufferFails ? SSRS_BAD_PARAMETER : fake_ssrs::real::write(ctx, data, n);
+    };
+    fake_ssrs::hooks().read = [this](SSRS_Ctx* ctx, int16_t* out) {
+        return frameBufferFails ? SSRS_NULL_DATA : fake_ssrs::real::read(ctx, out);
+    };
+}
+
+void ReplayedDaemon::hookThreads() {
+    auto& hooks = fake_sys::hooks();
+    hooks.pthread_create = [this](pthread_t* id, const pthread_attr_t*, void* (*entry)(void*),
+                                  void* argument) {
+        const bool isWorker = entry == &UafCh::ChThread;
+        const int channel = isWorker && argument == static_cast<UafCh*>(&sink) ? 1 : 0;
+        const std::string kind = isWorker ? "worker" : "buffer";
+        if (stage.call(numbered(channel, "create-" + kind)) == "refused") {
+            return EAGAIN;
+        }
+        return stage.create(id, kind + " " + std::to_string(channel), [=] {
+            stage.call(numbered(channel, "begin"));
+            entry(argument);
+            stage.call(numbered(channel, "end"));
+        });
+    };
+    hooks.pthread_join = [this](pthread_t id, void**) {
+        const std::string part = stage.partOf(id);
+        stage.call(numbered(part.back() - '0', "join-" + part.substr(0, part.find(' '))));
+        EXPECT_TRUE(stage.join(id)) << part << " has not ended";
+        return 0;
+    };
+    hooks.nanosleep = [this](const timespec*, timespec*) {
+        stage.call(numbered(ownChannel(), "sleep"));
+        return 0;
+    };
+    hooks.sched_yield = [this] {
+        stage.call("0 yield");
+        return 0;
+    };
+    hooks.sigaction = [](int, const struct sigaction*, struct sigaction*) { return 0; };
+}
+
+// ---- The world ---------------------------------------------------------------------------------
+
+void ReplayedDaemon::makeFifo(int channel) {
+    fifos[channel].exists = true;
+    ++fifos[channel].inode;
+}
+
+void ReplayedDaemon::hookFifos() {
+    auto& hooks = fake_sys::hooks();
+    hooks.open = [this](const char* path, int) {
+        const int channel = channelOf(path);
+        errno = ENOENT;
+        return stage.call(numbered(channel, "open")) == "done" ? FIFO_FD + channel : -1;
+    };
+    // A handle on the FIFO, or the other end that lets an opener out.
+    hooks.openat = [this](int, const char* path, int flags) {
+        const std::string link = "/proc/self/fd/";
+        if ((flags & O_PATH) == 0) {
+            const int handle = std::stoi(std::string(path).substr(link.size()));
+            stage.effect(numbered(handle - HANDLE_FD, "release"));
+            return -1;
+        }
+        Fifo& fifo = fifos[channelOf(path)];
+        fifo.handled = fifo.inode;
+        return fifo.exists ? HANDLE_FD + channelOf(path) : -1;
+    };
+    hooks.fstat = [this](int fd, struct stat* result) {
+        result->st_ino = fifos[fd - HANDLE_FD].handled;
+        return 0;
+    };
+    hooks.stat = [this](const char* path, struct stat* result) {
+        const Fifo& fifo = fifos[channelOf(path)];
+        result->st_ino = fifo.inode;
+        return fifo.exists ? 0 : -1;
+    };
+    hooks.close = [](int fd) {
+        return fd >= FIFO_FD && fd < HANDLE_FD + END ? 0 : fake_sys::real::close(fd);
+    };
+    hooks.fcntl = [](int, int, long) { return 4096; };
+    hooks.read = [this](int, void*, size_t size) {
+        const std::string answer = stage.call("0 read");
+        return answer == "done" ? static_cast<ssize_t>(size) : answer == "end" ? 0 : -1;
+    };
+    hooks.write = [this](int, const void*, size_t size) {
+        return stage.call("1 write") == "done" ? static_cast<ssize_t>(size) : -1;
+    };
+    hooks.fopen = [](const char*, const char*) {
+        errno = ENOENT;
+        return nullptr;
+    };
+}
+
+void ReplayedDaemon::openPcm(int channel) {
+    const std::string answer = stage.call(numbered(channel, "pcm"));
+    if (answer == "refused") {
+        fake_alsa::answerAt("snd_pcm_open", 1, -ENODEV);
+    } else if (answer == "broken") {
+        fake_alsa::answerAt("snd_pcm_sw_params", 1, -EIO);
+    }
+}
+
+void ReplayedDaemon::hookCard() {
+    auto& hooks = fake_alsa::hooks();
+    hooks.before = [this](const std::string& call) {
+        if (call.find("snd_pcm_open(") == 0) {
+            openPcm(call.find("CAPTURE") != std::string::npos ? 1 : 0);
+        } else if (call == "snd_card_next(-1)") {
+            const bool isThere = stage.call("0 card") == "found";
+            fake_alsa::setCards(isThere ? std::vector<fake_alsa::Card>{{1, "Vexa_Gadget"}}
+                                        : std::vector<fake_alsa::Card>{});
+        }
+    };
+    hooks.wait = [this](snd_pcm_t*, int) {
+        const std::string answer = stage.call(numbered(ownChannel(), "wait"));
+        if (answer == "broken") {
+            fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
+        }
+        return answer == "ready" ? 1 : answer == "timeout" ? 0 : -EPIPE;
+    };
+    hooks.state = [](snd_pcm_t*) { return SND_PCM_STATE_RUNNING; };
+    hooks.availUpdate = [](snd_pcm_t*) { return snd_pcm_sframes_t{0}; };
+    hooks.readi = [](snd_pcm_t*, int16_t*, snd_pcm_uframes_t frames) {
+        return static_cast<snd_pcm_sframes_t>(frames);
+    };
+    hooks.writei = [](snd_pcm_t*, const int16_t*, snd_pcm_uframes_t frames) {
+        return static_cast<snd_pcm_sframes_t>(frames);
+    };
+}
+
+std::string ReplayedDaemon::view(int channel) {
+    const std::string threads = std::to_string(stage.threads("worker " + std::to_string(channel))) +
+                                std::to_string(stage.threads("buffer " + std::to_string(channel)));
+    return (channel == 0 ? viewOf(source) : viewOf(sink)) + threads;
+}

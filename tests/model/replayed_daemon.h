@@ -1,0 +1,66 @@
+// Both channels and the event loop with their own threads, on a stage: each call by which a thread
+// waits for another or asks the outside world stops there and gets its answer from the script, and
+// what threads wait for and where the FIFOs lead follows the script, too.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "channel/uaf_snk.h"
+#include "channel/uaf_src.h"
+#include "daemon/event_loop.h"
+#include "tests/model/stage.h"
+
+template <typename Channel>
+class OpenChannel : public Channel {
+  public:
+    using Channel::fifoFd;
+    using Channel::fifoName;
+    using Channel::intfMutex;
+    using Channel::joinPending;
+    using Channel::pcmHandle;
+    using Channel::pcmName;
+    using Channel::state;
+    using Channel::stopDelayCnt;
+};
+
+// One object at a time; its hooks are those of the fixtures of fake_sys and fake_alsa.
+class ReplayedDaemon {
+  public:
+    ReplayedDaemon();
+    ~ReplayedDaemon() { stage.close(); }
+
+    // What can be seen of channel 0 (source) or 1 (sink), a digit each: state, count, join pending,
+    // names set, PCM open, FIFO open, worker threads, buffer threads. All threads at rest.
+    std::string view(int channel);
+    // The app deletes or makes the FIFO of the channel.
+    void deleteFifo(int channel) { fifos[channel].exists = false; }
+    void makeFifo(int channel);
+
+    Stage stage;
+
+  private:
+    struct Fifo {
+        bool exists = true;
+        ino_t inode = 1;
+        ino_t handled = 0;  // what the channel's O_PATH handle holds
+    };
+    static std::map<pthread_mutex_t*, bool>& watchMutexes(
+        std::map<pthread_mutex_t*, bool>& mutexes);
+    void hookLocks();
+    void hookThreads();
+    void hookFifos();
+    void hookCard();
+    void runLoop();
+    void lock(pthread_mutex_t* mutex);
+    int tryLock(pthread_mutex_t* mutex);
+    void openPcm(int channel);
+
+    std::map<pthread_mutex_t*, bool> held;  // the channels' mutexes
+    Fifo fifos[2];
+    bool frameBufferFails = false;
+    std::map<pthread_mutex_t*, bool>& watched = watchMutexes(held);
+    OpenChannel<UafSrc> source;
+    OpenChannel<UafSnk> sink;
+    EventLoop loop{source, sink};
+};
