@@ -4,7 +4,10 @@
 #pragma once
 
 #include <map>
+#include <pthread.h>
 #include <string>
+
+#include <sys/types.h>
 
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
