@@ -20,6 +20,9 @@ constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
 constexpr int kRealtimePriority = 58;
 constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
 constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
+// What the first streams take for good, 80 to 88 kB of buffers, stacks and heaps of threads, and as
+// much as the turn in which threads first ask for memory may change it.
+constexpr int64_t kFirstUseKb = 128;
 constexpr int64_t kEnoughFrames = kRate / 2;
 
 std::string names(const std::vector<std::string>& list) {
@@ -72,6 +75,7 @@ void Board::start(bool withMicService, AppOptions options) {
         throw std::runtime_error("the daemon did not come up");
     }
     descriptors_ = lastingDescriptors();
+    memory_ = memoryOf(daemon.pid());
 }
 
 bool Board::settle() {
@@ -104,7 +108,7 @@ std::string Board::findDamage() {
     if (damage.empty()) {
         damage = findStreamingDamage();
     }
-    return damage;
+    return damage.empty() ? findLostMemory() : damage;
 }
 
 std::string Board::findIdleDamage() {
@@ -177,6 +181,15 @@ std::string Board::findBusyThread(Ns allowed) {
         }
     }
     return "";
+}
+
+std::string Board::findLostMemory() const {
+    const MemoryView memory = memoryOf(daemon.pid());
+    if (memory.anonymousKb <= memory_.anonymousKb + kFirstUseKb) {
+        return "";
+    }
+    return "memory was " + std::to_string(memory_.anonymousKb) + " kB after the start, is " +
+           std::to_string(memory.anonymousKb) + " kB";
 }
 
 // The source channel keeps its FIFO from the first start on.

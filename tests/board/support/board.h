@@ -48,8 +48,9 @@ class Board {
     bool waitForChannel(uint32_t channel, bool on, size_t messageMark);
 
     // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
-    // descriptors are those after the start, nobody is busy in a quiet second, and both directions
-    // stream. Returns what is wrong, or nothing.
+    // descriptors are those after the start, nobody is busy in a quiet second, both directions
+    // stream, and no more memory is held than the first streams take. Returns what is wrong, or
+    // nothing.
     std::string findDamage();
 
     Host host;
@@ -61,10 +62,12 @@ class Board {
     std::string findIdleDamage();
     std::string findStreamingDamage();
     std::string findBusyThread(Ns allowed);
+    std::string findLostMemory() const;
     std::vector<std::string> lastingDescriptors() const;
 
     Ns daemonStart_ = 0;
     std::vector<std::string> descriptors_;  // after the start
+    MemoryView memory_{};                   // after the start
 };
 
 }  // namespace board

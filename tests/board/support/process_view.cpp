@@ -100,7 +100,7 @@ std::vector<std::string> descriptorsOf(pid_t pid) {
 
 MemoryView memoryOf(pid_t pid) {
     const std::string rollup = contents(folderOf(pid, "smaps_rollup"));
-    return {sumOf(rollup, "Rss"), sumOf(rollup, "Private_")};
+    return {sumOf(rollup, "Rss"), sumOf(rollup, "Private_"), sumOf(rollup, "Anonymous")};
 }
 
 }  // namespace board

@@ -30,6 +30,7 @@ std::vector<std::string> descriptorsOf(pid_t pid);
 struct MemoryView {
     int64_t residentKb;
     int64_t privateKb;
+    int64_t anonymousKb;  // of it what no file backs: heap, stacks, changed data
 };
 MemoryView memoryOf(pid_t pid);
 
