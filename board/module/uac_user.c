@@ -214,8 +214,8 @@ static const struct file_operations uac_fops = {
 void uac_user_show(struct seq_file *seq)
 {
 	spin_lock(&queue_lock);
-	seq_printf(seq, "records.queued %llu\nrecords.read %llu\nrecords.dropped %llu\n", queued,
-		   delivered, dropped);
+	seq_printf(seq, "records.queued %llu\nrecords.read %llu\nrecords.dropped %llu\n"
+		   "records.waiting %u\n", queued, delivered, dropped, kfifo_len(&records));
 	spin_unlock(&queue_lock);
 }
 

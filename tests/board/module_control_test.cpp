@@ -200,6 +200,7 @@ TEST_F(Module, KeepsABurstInOrderAndCountsWhatDoesNotFit) {
     EXPECT_EQ(command("record 4 0 " + std::to_string(kQueueRecords)), 0);
     EXPECT_EQ(command("record 4 0 3"), ENOSPC);
     EXPECT_EQ(counter("records.dropped"), dropped + 3);
+    EXPECT_EQ(counter("records.waiting"), kQueueRecords);
     const std::vector<Record> records = control.records();
     ASSERT_EQ(records.size(), kQueueRecords);
     for (size_t i = 0; i < kQueueRecords; i++) {

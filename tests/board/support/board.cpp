@@ -17,6 +17,7 @@ namespace board {
 namespace {
 
 constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reader
 constexpr int kRealtimePriority = 58;
 constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
 constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
@@ -78,15 +79,11 @@ void Board::start(bool withMicService, AppOptions options) {
     memory_ = memoryOf(daemon.pid());
 }
 
-bool Board::settle() {
-    return waitFor([this] {
-        const int queued = host.countEvents("uac record", daemonStart_);
-        const int delivered = host.countEvents("uac read", daemonStart_);
-        return delivered >= queued &&
-               daemon.count(
-                   "read msg: type=#, data=0x#, size=#; state={cardnum:# bindcnt=# "
-                   "bindbad:#}") == delivered;
-    });
+bool Board::settle(Ns limit) {
+    const std::string eventLoop = "/proc/" + std::to_string(daemon.pid()) + "/wchan";
+    return waitFor(
+        [&] { return host.counter("records.waiting") == 0 && contents(eventLoop) == kReadsRecord; },
+        limit);
 }
 
 bool Board::hasThreads(size_t count, Ns limit) {

@@ -41,8 +41,8 @@ class Board {
     // capture to synchronise with.
     void start(bool withMicService = true, AppOptions options = {});
 
-    // True as soon as the daemon has handled every event record.
-    bool settle();
+    // True as soon as the daemon has handled every event record and waits for the next.
+    bool settle(Ns limit = 5 * kSecond);
     bool hasThreads(size_t count, Ns limit = 5 * kSecond);
     // Waits for the channel's message {1 or 2, on}, the `times`th since `mark`.
     bool waitForChannel(uint32_t channel, bool on, size_t messageMark);

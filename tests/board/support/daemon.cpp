@@ -115,6 +115,15 @@ void Daemon::stop() {
     }
 }
 
+void Daemon::freeze() {
+    kill(pid_, SIGSTOP);
+    waitpid(pid_, nullptr, WUNTRACED);
+}
+
+void Daemon::thaw() {
+    kill(pid_, SIGCONT);
+}
+
 bool Daemon::isRunning() {
     return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0;
 }

@@ -35,6 +35,9 @@ class Daemon {
     void start();
     // Ends it by signal.
     void stop();
+    // Stops it where it is, whole, and lets it go on.
+    void freeze();
+    void thaw();
     bool isRunning();
     // When it has ended by itself: its exit status.
     int waitForExit(Ns limit = 5 * kSecond);
