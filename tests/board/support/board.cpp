@@ -21,9 +21,10 @@ constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reade
 constexpr int kRealtimePriority = 58;
 constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
 constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
-// What the first streams take for good, 80 to 88 kB of buffers, stacks and heaps of threads, and as
-// much as the turn in which threads first ask for memory may change it.
-constexpr int64_t kFirstUseKb = 128;
+// What the first streams take for good, 80 to 88 kB of buffers, stacks and heaps of threads, with
+// what the first look for the card takes of it when that comes only then, 156 kB, and as much as
+// the turn in which threads first ask for memory may change it.
+constexpr int64_t kFirstUseKb = 180;
 constexpr int64_t kEnoughFrames = kRate / 2;
 
 std::string names(const std::vector<std::string>& list) {

@@ -1,0 +1,259 @@
+// The gadget control device at its worst: reads that are short, fail or end, requests refused,
+// thousands of records at once, records of types that there are not.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "tests/board/scenarios/record_case.h"
+#include "tests/board/support/host_player.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Message;
+
+constexpr int kBurst = 10000;
+
+// What the event loop says of a read in the state after the start.
+std::string readLine(uint32_t type, uint32_t data, int size) {
+    char line[128];
+    snprintf(line, sizeof line,
+             "read msg: type=%u, data=0x%08x, size=%d; state={cardnum:1 bindcnt=1 bindbad:0}", type,
+             data, size);
+    return line;
+}
+
+class ControlDevice : public RecordCase {
+  protected:
+    void SetUp() override {
+        start();
+        app->waitForMessages(5);  // configured, two volumes, two mutes
+    }
+    // Records that are handled in one go, as if the daemon had not been scheduled meanwhile.
+    template <typename Queue>
+    void burst(Queue&& queueRecords) {
+        daemon.freeze();
+        queueRecords();
+        daemon.thaw();
+        ASSERT_TRUE(settle(60 * kSecond));
+    }
+    // Streams both ways while something happens; no frame may suffer.
+    template <typename Event>
+    void expectSoundGoesOnDuring(Event&& event) {
+        const board::HostPlayer player(board::ramp);
+        app->speak(board::ramp);
+        bothOn();
+        board::sleepFor(300 * kMs);
+        app->takeHeard();
+        const auto before = host.counters();
+        event();
+        board::sleepFor(100 * kMs);
+        const board::Samples heard = app->takeHeard().left;
+        const auto after = host.counters();
+        ASSERT_GT(heard.size(), 4800U);
+        for (size_t i = 1; i < heard.size(); ++i) {
+            ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
+        }
+        for (const char* key : {"capture.xruns", "playback.xruns", "capture.stops",
+                                "playback.stops", "mic.silent", "mic.stale", "speaker.lost"}) {
+            EXPECT_EQ(after.at(key), before.at(key)) << key;
+        }
+        app->speak(board::silence);
+        bothOff();
+    }
+};
+
+// ---- Reads -------------------------------------------------------------------------------------
+
+// The record is one buffer: what a read does not bring stays from the record before.
+TEST_F(ControlDevice, AShortReadLeavesTheRestOfTheRecordBefore) {
+    const uint32_t before[] = {kSpeakerVolume, 0x11223344};
+    const uint32_t next[] = {kMicVolume, 0xAABBCCDD};
+    for (size_t bytes = 0; bytes <= sizeof next; ++bytes) {
+        SCOPED_TRACE(bytes);
+        handle(before[0], before[1]);
+        expectTold({{3, 0x3344}});
+        uint32_t mixed[2];
+        memcpy(mixed, before, sizeof mixed);
+        memcpy(mixed, next, bytes);
+        host.command("fault read_short " + std::to_string(bytes));
+        handle(next[0], next[1]);
+        EXPECT_EQ(said(readLine(mixed[0], mixed[1], static_cast<int>(bytes))), 1);
+        expectTold({{mixed[0] - 1, mixed[1] & 0xFFFF}});
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(ControlDevice, AShortReadCanSwitchAStream) {
+    handle(kSpeakerVolume, 1);
+    host.command("fault read_short 4");
+    handle(kSpeakerOn, 0);  // its 0 does not arrive
+    EXPECT_EQ(said(readLine(kSpeakerOn, 1, 4)), 1);
+    expectTold({{kSpeaker, 1}});
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(ControlDevice, AReadThatFailsRepeatsTheRecordBeforeWhateverTheError) {
+    for (const int error : {EINTR, EIO, EAGAIN, ENOMEM, EFAULT, ENODEV, EINVAL, 512}) {
+        SCOPED_TRACE(error);
+        handle(kMicMute, 1);
+        expectTold({{6, 1}});
+        look();
+        host.command("fault read " + std::to_string(error));
+        EXPECT_TRUE(daemon.waitForLog(readLine(kMicMute, 1, -1)));
+        expectTold({{6, 1}});
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(ControlDevice, ARepeatedRecordChangesNothing) {
+    bothOn();
+    struct {
+        Type type;
+        uint32_t data;
+        const char* says;
+    } const rows[] = {
+        {kSpeakerOn, 1, "intfUpdate to 1, current state 1"},
+        {kMicOn, 1, "intfUpdate to 1, current state 1"},
+        {kSpeakerOn, 0, "intfUpdate to 0, current state #"},
+        {kMicOn, 0, "intfUpdate to 0, current state #"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.says);
+        look();
+        host.command("fault read 5 after=1 times=3");
+        queue(row.type, row.data);
+        ASSERT_TRUE(daemon.waitForLog(readLine(row.type, row.data, -1), 0, 3));
+        EXPECT_EQ(said(row.says), 4);
+        if (row.data != 0) {
+            expectTold({});
+        } else {
+            expectTold({{row.type == kSpeakerOn ? kSpeaker : kMic, 0}});
+        }
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(ControlDevice, ReadsThatEndAThousandTimesCostNoSound) {
+    expectSoundGoesOnDuring([this] {
+        handle(kSpeakerMute, 1);
+        look();
+        host.command("fault read 0 times=1000");
+        ASSERT_TRUE(daemon.waitForLog(readLine(kSpeakerMute, 1, 0), 0, 1000));
+        ASSERT_TRUE(settle());
+        EXPECT_TRUE(board::waitFor(
+            [&] { return told().size() + static_cast<size_t>(overwritten()) == 1000; }));
+    });
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- Requests ----------------------------------------------------------------------------------
+
+TEST_F(ControlDevice, ARefusedMuteIsLoggedAndForgotten) {
+    look();
+    host.command("fault set_mute 5");
+    const board::Ns since = board::now();
+    app->send({5, 1});
+    ASSERT_TRUE(board::waitFor([&] { return said("rxLoop: ioctl failed: <-1:5>") == 1; }));
+    app->send({5, 1});
+    EXPECT_TRUE(
+        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; }));
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- Many records ------------------------------------------------------------------------------
+
+TEST_F(ControlDevice, TenThousandRecordsInABurstAreHandledInOrder) {
+    expectSoundGoesOnDuring([this] {
+        look();
+        burst([this] { queue(kSpeakerVolume, 0, kBurst); });
+        uint32_t next = 0;
+        for (const board::LogLine& line : daemon.log()) {
+            next += line.text == readLine(kSpeakerVolume, next, 8) ? 1 : 0;
+        }
+        EXPECT_EQ(next, static_cast<uint32_t>(kBurst));
+        // The newest pending message gives way, so the last one of all arrives.
+        const Message last{3, kBurst - 1};
+        ASSERT_TRUE(board::waitFor([&] { return !told().empty() && told().back() == last; }));
+        const std::vector<Message> messages = told();
+        EXPECT_EQ(messages.size() + static_cast<size_t>(overwritten()),
+                  static_cast<size_t>(kBurst));
+        EXPECT_TRUE(
+            std::is_sorted(messages.begin(), messages.end(),
+                           [](const Message& a, const Message& b) { return a.data < b.data; }));
+    });
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(ControlDevice, TenThousandSwitchesInABurstEndAsTheLastOnesSay) {
+    for (const uint32_t last : {1U, 0U}) {
+        SCOPED_TRACE(last);
+        look();
+        burst([&] {
+            for (int i = 0; i < kBurst / 4; ++i) {
+                queue(kSpeakerOn, 1 - last);
+                queue(kMicOn, 1 - last);
+                queue(kSpeakerOn, last);
+                queue(kMicOn, last);
+            }
+        });
+        EXPECT_EQ(said("intfUpdate to #, current state #"), kBurst);
+        EXPECT_TRUE(hasThreads(last != 0 ? board::kStreamingThreads : board::kIdleThreads));
+        EXPECT_EQ(told().back().data, last);
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+// Of some the low byte or half is that of an event.
+TEST_F(ControlDevice, TypesThatThereAreNotDoNothingToRunningStreams) {
+    expectSoundGoesOnDuring([this] {
+        for (const uint32_t type : {8U, 9U, 0x100U, 0x101U, 0x102U, 0x10001U, 0x10002U, 0x7FFFFFFFU,
+                                    0x80000001U, 0x80000002U, 0xFFFFFFFFU}) {
+            SCOPED_TRACE(type);
+            for (const uint32_t data : {0U, 1U, 0xFFFFFFFFU}) {
+                handle(type, data);
+                EXPECT_EQ(said("invalid msg: type=" + std::to_string(type)), 1);
+                EXPECT_EQ(said("intfUpdate to #, current state #"), 0);
+                EXPECT_TRUE(told().empty());
+            }
+        }
+        burst([this] { queue(8, 0, kBurst); });
+        EXPECT_EQ(daemon.count("invalid msg: type=8"), kBurst + 3);
+    });
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- The start ---------------------------------------------------------------------------------
+
+class ControlDeviceAtStart : public RecordCase {};
+
+TEST_F(ControlDeviceAtStart, RefusesTheInitialStateAndIsBoundByTheFirstStream) {
+    host.command("fault init_sync 22");
+    start();
+    EXPECT_EQ(daemon.count("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=22"), 1);
+    EXPECT_EQ(daemon.count("UAC Vexa is enabled, using hw:1"), 0);
+    app->waitForMessages(1);
+    handle(kMicOn, 1);
+    EXPECT_EQ(said("Mic active while USB is not binded, will try binding it now, bindbad=1"), 1);
+    expectTold({{kMic, 1}});
+    EXPECT_EQ(findDamage(), "");
+}
+
+// There is no record before the first: none is made up.
+TEST_F(ControlDeviceAtStart, FailsTheFirstReads) {
+    host.command("fault init_sync 22");
+    host.command("fault read 5 times=3");
+    start();
+    EXPECT_EQ(daemon.count("invalid msg: type=4294967295"), 3);
+    EXPECT_EQ(daemon.count("UAC Vexa is disabled, bindcnt=#, bindbad=#"), 0);
+    app->waitForMessages(1);
+    look();
+    host.command("bind");
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), 1);
+    expectTold({});
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace

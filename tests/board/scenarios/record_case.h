@@ -1,0 +1,67 @@
+// The fixture of scenarios of the gadget control device: event records by name, and what the daemon
+// says and tells since they came.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/board/board_case.h"
+
+class RecordCase : public BoardCase {
+  protected:
+    enum Type : uint32_t {
+        kBind,
+        kUnbind,
+        kSpeakerOn,  // or off, by the data
+        kMicOn,
+        kSpeakerVolume,
+        kMicVolume,
+        kSpeakerMute,
+        kMicMute,
+    };
+    static constexpr uint32_t kSpeaker = 1;  // the channels, as messages name them
+    static constexpr uint32_t kMic = 2;
+
+    // Queues raw records, the data counting up; what the host does with its streams stays as it is.
+    void queue(uint32_t type, uint32_t data, int count = 1) {
+        host.command("record " + std::to_string(type) + " " + std::to_string(data) + " " +
+                     std::to_string(count));
+    }
+    // From here on counts what is said and told.
+    void look() {
+        mark_ = daemon.mark();
+        messages_ = app->messages().size();
+    }
+    // Has one record handled, and looks from its coming on.
+    void handle(uint32_t type, uint32_t data) {
+        look();
+        queue(type, data);
+        ASSERT_TRUE(settle());
+    }
+
+    int said(const std::string& text) { return daemon.count(text, mark_); }
+    std::vector<board::Message> told() const { return app->messageValues(messages_); }
+    // The app is told exactly this, in this order.
+    void expectTold(const std::vector<board::Message>& wanted) {
+        board::waitFor([&] { return told().size() >= wanted.size(); }, board::kSecond);
+        board::sleepFor(20 * board::kMs);  // for a message too many
+        EXPECT_EQ(told(), wanted);
+    }
+    // Messages that have left the daemon's queue unsent, because others came faster.
+    int overwritten() { return said("queueMsg: overwriting msg: <#:#> -> <#:#>"); }
+
+    void bothOn() {
+        host.command("speaker on");
+        host.command("mic on");
+        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    }
+    void bothOff() {
+        host.command("speaker off");
+        host.command("mic off");
+        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    }
+
+  private:
+    size_t mark_ = 0;
+    size_t messages_ = 0;
+};

@@ -1,0 +1,159 @@
+// The host starts and stops its streams, faster than they stop: an on event within the time that a
+// stop waits, and a thousand random sequences of both streams.
+#include <cstdio>
+#include <set>
+
+#include "tests/board/scenarios/record_case.h"
+#include "tests/board/support/channel_watch.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/random.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+
+// ---- An on event while the channel is stopping -------------------------------------------------
+
+class Debounce : public RecordCase, public testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override { start(); }
+    bool speaker() const { return GetParam(); }
+    std::string pcm() const { return speaker() ? "capture" : "playback"; }
+    uint32_t channel() const { return speaker() ? kSpeaker : kMic; }
+    Type record() const { return speaker() ? kSpeakerOn : kMicOn; }
+    // The count at which the on event came, or -1 when the channel had stopped.
+    int cancelAfter(board::Ns delay) {
+        look();
+        queue(record(), 0);
+        board::sleepFor(delay);
+        queue(record(), 1);
+        EXPECT_TRUE(settle());
+        for (int count = 0; count <= 3; ++count) {
+            if (said("stopDelayCnt = " + std::to_string(count)) == 1) {
+                return count;
+            }
+        }
+        return -1;
+    }
+};
+
+TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
+    const board::HostPlayer player(board::ramp);
+    app->speak(board::ramp);
+    host.command(speaker() ? "speaker on" : "mic on");
+    ASSERT_TRUE(waitForChannel(channel(), true, 0));
+    board::sleepFor(300 * kMs);
+    board::Samples heard = app->takeHeard().left;
+    const auto before = host.counters();
+    std::set<int> counts;
+    int last = 0;
+    for (board::Ns delay = 0; last >= 0; delay += kMs) {
+        last = cancelAfter(delay);
+        if (last >= 0) {
+            SCOPED_TRACE(last);
+            counts.insert(last);
+            board::sleepFor(50 * kMs);
+            EXPECT_TRUE(told().empty());
+            const board::Samples more = app->takeHeard().left;
+            heard.insert(heard.end(), more.begin(), more.end());
+            for (const char* key : {".opens", ".closes", ".stops", ".xruns"}) {
+                EXPECT_EQ(host.counter(pcm() + key), before.at(pcm() + key)) << key;
+            }
+            EXPECT_EQ(host.counter("mic.stale"), before.at("mic.stale"));
+        }
+    }
+    EXPECT_EQ(counts, (std::set<int>{0, 1, 2, 3}));
+    for (size_t i = 1; i < heard.size(); ++i) {
+        ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
+    }
+    // The next one came too late: the channel has stopped, and starts anew.
+    EXPECT_EQ(said("start, opening hw:1"), 1);
+    expectTold({{channel(), 0}, {channel(), 1}});
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Debounce, testing::Bool(),
+                         [](const auto& info) { return info.param ? "Speaker" : "Mic"; });
+
+// ---- A thousand sequences ----------------------------------------------------------------------
+
+constexpr uint64_t kSeed = 20260101;
+constexpr int kSequences = 1000;
+constexpr int kSequencesAProof = 250;
+
+class StartStop : public RecordCase {
+  protected:
+    void SetUp() override { start(); }
+
+    // Up to six switches of the two streams, at once or up to 30 ms one after the other: the stop
+    // waits for four passes, of 5 ms while data moves and of 10 ms when it does not.
+    void playSequence() {
+        for (int64_t switches = 1 + random_.below(6); switches > 0; --switches) {
+            const bool mic = random_.flip();
+            wanted_[mic] = random_.flip();
+            switchStream(mic);
+            if (random_.flip()) {
+                board::sleepFor(random_.below(30000) * kMs / 1000);
+            }
+        }
+    }
+    void switchStream(bool mic) {
+        host.command(std::string(mic ? "mic" : "speaker") + (wanted_[mic] ? " on" : " off"));
+    }
+
+    // The daemon's last word on both channels is the host's.
+    bool isAsWanted() {
+        watch_.see(app->messageValues(seen_));
+        seen_ = app->messages().size();
+        return watch_.isOn(kSpeaker) == wanted_[false] && watch_.isOn(kMic) == wanted_[true] &&
+               board::threadsOf(daemon.pid()).size() ==
+                   board::kIdleThreads + (wanted_[false] ? 1U : 0U) + (wanted_[true] ? 2U : 0U);
+    }
+    void becomeAsWanted() {
+        if (!board::waitFor([this] { return isAsWanted(); }, 500 * kMs) &&
+            daemon.count("ALERT! This should be impossible and can cause inconsistencies in this "
+                         "channel's state.") > alerts_) {
+            // An on event met a stop that could not be cancelled any more. The next one starts it.
+            ++alerts_;
+            switchStream(false);
+            switchStream(true);
+        }
+        ASSERT_TRUE(board::waitFor([this] { return isAsWanted(); }));
+        ASSERT_EQ(watch_.repetition(), "");
+    }
+
+    bool wanted_[2] = {false, false};  // speaker, mic
+    int alerts_ = 0;
+
+  private:
+    board::Random random_{kSeed};
+    board::ChannelWatch watch_;
+    size_t seen_ = 0;
+};
+
+TEST_F(StartStop, AThousandRandomSequencesEndAsTheHostWants) {
+    printf("seed %llu\n", static_cast<unsigned long long>(kSeed));
+    for (int i = 1; i <= kSequences; ++i) {
+        SCOPED_TRACE(i);
+        playSequence();
+        becomeAsWanted();
+        if (HasFatalFailure()) {
+            return;
+        }
+        if (i % kSequencesAProof == 0) {
+            ASSERT_EQ(findDamage(), "");
+            wanted_[false] = wanted_[true] = false;
+        }
+    }
+    const auto counters = host.counters();
+    printf("%lld speaker starts, %lld mic starts, %d cancelled stops, %d met too late\n",
+           static_cast<long long>(counters.at("capture.opens")),
+           static_cast<long long>(counters.at("playback.opens")), daemon.count("stopDelayCnt = #"),
+           alerts_);
+    EXPECT_EQ(counters.at("capture.opens"), counters.at("capture.closes"));
+    EXPECT_EQ(counters.at("playback.opens"), counters.at("playback.closes"));
+    EXPECT_GT(counters.at("capture.opens") + counters.at("playback.opens"), kSequences / 2);
+}
+
+}  // namespace
