@@ -48,7 +48,7 @@ class RecordCase : public BoardCase {
         EXPECT_EQ(told(), wanted);
     }
     // Messages that have left the daemon's queue unsent, because others came faster.
-    int overwritten() { return said("queueMsg: overwriting msg: <#:#> -> <#:#>"); }
+    int overwritten() { return said("queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x#>"); }
 
     void bothOn() {
         host.command("speaker on");

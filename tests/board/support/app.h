@@ -98,9 +98,9 @@ class App {
     std::vector<Message> messageValues(size_t from = 0) const;
     bool waitForMessages(size_t count, Ns limit = 5 * kSecond) const;
 
-    // To the daemon; 0 or the errno of the send.
-    int send(Message message);
-    int sendBytes(const void* bytes, size_t count);
+    // To the daemon, from anybody; 0 or the errno of the send.
+    static int send(Message message);
+    static int sendBytes(const void* bytes, size_t count);
 
   private:
     void listen();

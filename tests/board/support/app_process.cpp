@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <iterator>
 #include <new>
 #include <unistd.h>
 
@@ -10,22 +11,23 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include "tests/board/support/app.h"
-
 namespace board {
 
 struct AppProcess::Progress {
+    std::atomic<bool> speakingPaused{false};
+    std::atomic<bool> listeningPaused{false};
     std::atomic<int64_t> heardSound{0};
-    std::atomic<int64_t> messages{0};
+    std::atomic<size_t> messages{0};
+    Message values[65536];
 };
 
-AppProcess::AppProcess()
+AppProcess::AppProcess(AppOptions options)
     : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress),
       pid_(fork()) {
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        live();
+        live(options);
     }
 }
 
@@ -43,12 +45,24 @@ void AppProcess::kill() {
 }
 
 void AppProcess::freeze() {
-    ::kill(pid_, SIGSTOP);
-    waitpid(pid_, nullptr, WUNTRACED);
+    if (!frozen_) {
+        ::kill(pid_, SIGSTOP);
+        waitpid(pid_, nullptr, WUNTRACED);
+        frozen_ = true;
+    }
 }
 
 void AppProcess::thaw() {
     ::kill(pid_, SIGCONT);
+    frozen_ = false;
+}
+
+void AppProcess::pauseSpeaking(bool pause) {
+    progress_->speakingPaused = pause;
+}
+
+void AppProcess::pauseListening(bool pause) {
+    progress_->listeningPaused = pause;
 }
 
 int64_t AppProcess::heardSound() const {
@@ -56,18 +70,30 @@ int64_t AppProcess::heardSound() const {
 }
 
 int64_t AppProcess::messages() const {
-    return progress_->messages;
+    return static_cast<int64_t>(progress_->messages);
 }
 
-void AppProcess::live() {
-    App app;
+std::vector<Message> AppProcess::messageValues(size_t from) const {
+    const size_t count = progress_->messages;
+    return {progress_->values + std::min(from, count), progress_->values + count};
+}
+
+void AppProcess::live(AppOptions options) {
+    App app(options);
     app.speak(noise);
     for (;;) {
+        app.pauseSpeaking(progress_->speakingPaused);
+        app.pauseListening(progress_->listeningPaused);
         sleepFor(5 * kMs);
         const Samples heard = app.takeHeard().left;
         progress_->heardSound +=
             std::count_if(heard.begin(), heard.end(), [](int16_t sample) { return sample != 0; });
-        progress_->messages = static_cast<int64_t>(app.messages().size());
+        for (const Message& message : app.messageValues(progress_->messages)) {
+            if (progress_->messages < std::size(progress_->values)) {
+                progress_->values[progress_->messages] = message;
+                ++progress_->messages;
+            }
+        }
     }
 }
 

@@ -1,16 +1,19 @@
 // A companion app in a process of its own, for tests in which it dies or freezes. It speaks noise
-// and listens; what it has got through shows in counters that outlive it.
+// and listens; what it has got through shows in counters and messages that outlive it.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include <sys/types.h>
+
+#include "tests/board/support/app.h"
 
 namespace board {
 
 class AppProcess {
   public:
-    AppProcess();
+    explicit AppProcess(AppOptions options = {});
     // Kills it when it still lives.
     ~AppProcess();
     AppProcess(const AppProcess&) = delete;
@@ -19,17 +22,23 @@ class AppProcess {
     void kill();
     void freeze();
     void thaw();
+    // As the app's own, within some 5 ms.
+    void pauseSpeaking(bool pause);
+    void pauseListening(bool pause);
 
-    // Since its start: frames heard that were not silent, messages received.
+    // Since its start: frames heard that were not silent, messages received (no more than 65536 are
+    // kept).
     int64_t heardSound() const;
     int64_t messages() const;
+    std::vector<Message> messageValues(size_t from) const;
 
   private:
     struct Progress;
-    [[noreturn]] void live();
+    [[noreturn]] void live(AppOptions options);
 
     Progress* const progress_;  // shared with the process
     pid_t pid_ = -1;
+    bool frozen_ = false;
 };
 
 }  // namespace board

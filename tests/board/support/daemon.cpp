@@ -58,26 +58,35 @@ bool isNumberPart(char c) {
     return std::isxdigit(static_cast<unsigned char>(c)) != 0 || c == '-';
 }
 
-}  // namespace
-
-bool matches(const std::string& text, const std::string& wanted) {
-    size_t at = 0;
-    for (const char c : wanted) {
-        if (c != '#') {
-            if (at >= text.size() || text[at++] != c) {
+bool matchesFrom(const char* text, const char* wanted) {
+    for (; *wanted != '\0'; ++wanted) {
+        if (*wanted == '*') {
+            do {
+                if (matchesFrom(text, wanted + 1)) {
+                    return true;
+                }
+            } while (*text++ != '\0');
+            return false;
+        }
+        if (*wanted == '#') {
+            const char* const begin = text;
+            while (isNumberPart(*text)) {
+                ++text;
+            }
+            if (text == begin) {
                 return false;
             }
-            continue;
-        }
-        const size_t begin = at;
-        while (at < text.size() && isNumberPart(text[at])) {
-            ++at;
-        }
-        if (at == begin) {
+        } else if (*text++ != *wanted) {
             return false;
         }
     }
-    return at == text.size();
+    return *text == '\0';
+}
+
+}  // namespace
+
+bool matches(const std::string& text, const std::string& wanted) {
+    return matchesFrom(text.c_str(), wanted.c_str());
 }
 
 std::string LogLine::brief() const {

@@ -46,7 +46,8 @@ class Daemon {
     // The log so far, of all starts, and its length, to be used as a mark.
     const std::vector<LogLine>& log();
     size_t mark() { return log().size(); }
-    // How many lines from `mark` on have this text; '#' in it stands for any number.
+    // How many lines from `mark` on have this text; '#' in it stands for any number, '*' for
+    // any text.
     int count(const std::string& text, size_t mark = 0);
     // True as soon as there are so many.
     bool waitForLog(const std::string& text, size_t mark = 0, int times = 1,
@@ -60,7 +61,7 @@ class Daemon {
     std::vector<LogLine> lines_;
 };
 
-// Whether a log text is what is wanted; '#' in `wanted` stands for any number.
+// Whether a log text is what is wanted; in `wanted` '#' stands for any number, '*' for anything.
 bool matches(const std::string& text, const std::string& wanted);
 
 }  // namespace board

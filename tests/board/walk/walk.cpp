@@ -1,0 +1,189 @@
+#include "tests/board/walk/walk.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sched.h>
+
+#include "tests/board/support/known_log.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Message;
+
+constexpr std::ptrdiff_t kRealtimeThreads = 3;  // two workers and the FIFO's reader
+constexpr board::Ns kPatience = 30 * kSecond;   // a suspend holds a channel for six seconds
+constexpr board::Ns kSyncPatience = 60 * kSecond;
+constexpr board::Ns kBusyWindow = kSecond;
+
+}  // namespace
+
+Walk::Walk(uint64_t seed) : random(seed), board("random_walk") {
+    board.start();
+    board.app.reset();
+    startApp({});
+}
+
+void Walk::host(const std::string& command) {
+    const int error = board.host.tryCommand(command);
+    note(command + (error == 0 ? "" : " (refused)"));
+}
+
+void Walk::note(const std::string& what) {
+    did_ += (did_.empty() ? "" : ", ") + what;
+}
+
+std::string Walk::direction() {
+    return random.flip() ? "speaker" : "mic";
+}
+
+std::string Walk::pcm() {
+    return random.flip() ? "capture" : "playback";
+}
+
+void Walk::startApp(board::AppOptions options) {
+    app = std::make_unique<board::AppProcess>(options);
+    watch_.forget();
+    seenMessages_ = 0;
+}
+
+void Walk::endApp() {
+    app.reset();
+    watch_.forget();
+}
+
+std::string Walk::step() {
+    did_.clear();
+    const Action& action = chooseAction(random);
+    printf("%s", action.name);
+    fflush(stdout);
+    action.run(*this);
+    printf("%s%s\n", did_.empty() ? "" : ": ", did_.c_str());
+    fflush(stdout);
+    const board::Ns since = board::now();
+    const board::Ns cpu = board::cpuOf(board.daemon.pid());
+    pause();
+    return findOddity(since, cpu);
+}
+
+// Most things come close upon another.
+void Walk::pause() {
+    const int64_t chance = random.below(100);
+    const board::Ns limit = chance < 35   ? 0
+                            : chance < 75 ? 20 * kMs
+                            : chance < 95 ? 300 * kMs
+                                          : 3 * kSecond;
+    if (limit > 0) {
+        board::sleepFor(random.below(limit));
+    }
+}
+
+std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
+    if (!board.daemon.isRunning()) {
+        return "the daemon has ended";
+    }
+    const board::Ns passed = board::now() - since;
+    const board::Ns used = board::cpuOf(board.daemon.pid()) - cpuBefore;
+    if (passed >= kBusyWindow && used > passed / 2) {
+        return "the daemon was busy for " + std::to_string(used / kMs) + " of " +
+               std::to_string(passed / kMs) + " ms";
+    }
+    for (const auto find : {&Walk::findCrowd, &Walk::findUnknownLine, &Walk::findRepetition}) {
+        const std::string oddity = (this->*find)();
+        if (!oddity.empty()) {
+            return oddity;
+        }
+    }
+    return "";
+}
+
+std::string Walk::findCrowd() {
+    const auto threads = board::threadsOf(board.daemon.pid());
+    const auto realtime =
+        std::count_if(threads.begin(), threads.end(),
+                      [](const board::ThreadView& t) { return t.policy == SCHED_FIFO; });
+    return threads.size() > board::kStreamingThreads || realtime > kRealtimeThreads
+               ? std::to_string(threads.size()) + " threads, " + std::to_string(realtime) +
+                     " of them real-time"
+               : "";
+}
+
+std::string Walk::findUnknownLine() {
+    const auto& lines = board.daemon.log();
+    for (; seenLines_ < lines.size(); ++seenLines_) {
+        if (!isKnown(lines[seenLines_])) {
+            return "the log says: " + lines[seenLines_].brief();
+        }
+        // Messages were lost.
+        if (board::matches(lines[seenLines_].text, "queueMsg: overwriting*") ||
+            board::matches(lines[seenLines_].text, "sendMsg failed*")) {
+            watch_.forget();
+        }
+    }
+    return "";
+}
+
+std::string Walk::findRepetition() {
+    std::vector<Message> messages;
+    if (app) {
+        messages = app->messageValues(seenMessages_);
+    } else if (board.app) {
+        messages = board.app->messageValues(seenMessages_);
+    }
+    seenMessages_ += messages.size();
+    watch_.see(messages);
+    return watch_.repetition();
+}
+
+std::string Walk::prove() {
+    std::string damage = makeSound();
+    if (damage.empty()) {
+        damage = board.findDamage();
+    }
+    if (damage.empty()) {
+        damage = findUnknownLine();
+    }
+    if (damage.empty()) {
+        damage = findRepetition();
+    }
+    board.app.reset();
+    startApp({});
+    return damage;
+}
+
+// Ends every fault and brings everything back; after the next starts the daemon must be as new.
+std::string Walk::makeSound() {
+    endApp();
+    for (const char* command : {"fault clear", "stall speaker 0", "stall mic 0", "ppb 0",
+                                "speaker off", "mic off", "cable 1", "usb_state CONFIGURED"}) {
+        board.host.command(command);
+    }
+    if (board.host.counter("card") < 0 || board.host.counter("bound") == 0) {
+        board.host.command("unbind");
+    }
+    board.host.command("bind");
+    board.app = std::make_unique<board::App>();
+    seenMessages_ = 0;
+    if (!board.settle(kPatience)) {
+        return "event records are not handled";
+    }
+    board::App::send({7, 0});
+    const auto answered = [this] {
+        const auto messages = board.app->messageValues();
+        return std::find(messages.begin(), messages.end(), Message{0, 1}) != messages.end();
+    };
+    if (!board::waitFor(answered, kSyncPatience)) {
+        return "a sync-up is not answered";
+    }
+    // What a failed start leaves is cleaned up by the next one.
+    board::sleepFor(kSecond);
+    board.host.command("speaker on");
+    board.host.command("mic on");
+    if (!board.hasThreads(board::kStreamingThreads, kPatience)) {
+        return "a stream does not start";
+    }
+    board.host.command("speaker off");
+    board.host.command("mic off");
+    return board.hasThreads(board::kIdleThreads, kPatience) ? "" : "a stream does not stop";
+}

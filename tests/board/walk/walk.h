@@ -1,0 +1,65 @@
+// A random walk over everything that host, driver, app and cable can do to the daemon, and what
+// must hold of the daemon all the while. Whatever is chosen follows from the seed and the steps
+// before, so a walk's beginning is the same walk with fewer steps. One thread.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "tests/board/support/app_process.h"
+#include "tests/board/support/board.h"
+#include "tests/board/support/channel_watch.h"
+#include "tests/board/support/random.h"
+
+class Walk {
+  public:
+    // The daemon is up, with an app.
+    explicit Walk(uint64_t seed);
+
+    // Does one random thing and lets a random time pass. Returns what is wrong, or nothing.
+    std::string step();
+    // What the last step did.
+    const std::string& did() const { return did_; }
+    // Makes the surroundings sound again and proves the daemon whole. Returns what is wrong, or
+    // nothing.
+    std::string prove();
+
+    // ---- What the actions do things with -------------------------------------------------------
+
+    board::Random random;
+    board::Board board;
+    // The app, a process that may be stopped; none while it is dead.
+    std::unique_ptr<board::AppProcess> app;
+
+    // A command of the host's, which the board may refuse as things stand.
+    void host(const std::string& command);
+    // Notes what the step does, for who reads a failure.
+    void note(const std::string& what);
+    std::string direction();  // "speaker" or "mic"
+    std::string pcm();        // "capture" or "playback"
+    std::string number(int64_t limit) { return std::to_string(random.below(limit)); }
+    void startApp(board::AppOptions options);
+    void endApp();
+
+  private:
+    void pause();
+    std::string findOddity(board::Ns since, board::Ns cpuBefore);
+    std::string findCrowd();
+    std::string findUnknownLine();
+    std::string findRepetition();
+    std::string makeSound();
+
+    board::ChannelWatch watch_;
+    size_t seenMessages_ = 0;
+    size_t seenLines_ = 0;
+    std::string did_;
+};
+
+// One of the things that happen, and how often beside the others.
+struct Action {
+    const char* name;
+    int weight;
+    void (*run)(Walk& walk);
+};
+
+const Action& chooseAction(board::Random& random);
