@@ -7,6 +7,7 @@ namespace board {
 namespace {
 
 // As for matches().
+constexpr char kSoundLibrary[] = "ALSA lib *";  // its own complaints, beside the log
 constexpr const char* kKnown[] = {
     // Start-up and event loop
     "D UAFIFO: use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx",
@@ -121,6 +122,9 @@ constexpr const char* kKnown[] = {
 }  // namespace
 
 bool isKnown(const LogLine& line) {
+    if (line.tag.empty()) {
+        return matches(line.text, kSoundLibrary);
+    }
     const std::string brief = line.brief();
     return std::any_of(std::begin(kKnown), std::end(kKnown),
                        [&](const char* known) { return matches(brief, known); });
