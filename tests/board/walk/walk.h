@@ -16,10 +16,9 @@ class Walk {
     // The daemon is up, with an app.
     explicit Walk(uint64_t seed);
 
-    // Does one random thing and lets a random time pass. Returns what is wrong, or nothing.
+    // Does one random thing, prints what, and lets a random time pass. Returns what is wrong, or
+    // nothing.
     std::string step();
-    // What the last step did.
-    const std::string& did() const { return did_; }
     // Makes the surroundings sound again and proves the daemon whole. Returns what is wrong, or
     // nothing.
     std::string prove();
@@ -33,7 +32,7 @@ class Walk {
 
     // A command of the host's, which the board may refuse as things stand.
     void host(const std::string& command);
-    // Notes what the step does, for who reads a failure.
+    // Prints something more of what the step does.
     void note(const std::string& what);
     std::string direction();  // "speaker" or "mic"
     std::string pcm();        // "capture" or "playback"
@@ -52,7 +51,7 @@ class Walk {
     board::ChannelWatch watch_;
     size_t seenMessages_ = 0;
     size_t seenLines_ = 0;
-    std::string did_;
+    std::string did_;  // what the step does, for who reads a failure
 };
 
 // One of the things that happen, and how often beside the others.
