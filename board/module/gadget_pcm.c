@@ -2,6 +2,7 @@
 /*
  * The gadget card's PCM: its operations, as the sound core calls them for the daemon.
  */
+#include <linux/preempt.h>
 #include <linux/seq_file.h>
 #include <sound/core.h>
 #include <sound/pcm.h>
@@ -172,10 +173,34 @@ static int gadget_trigger(struct snd_pcm_substream *substream, int command)
 	}
 }
 
+/*
+ * The core's own entry suspends both directions of a PCM at once; this is what it does to each.
+ * The caller holds the stream lock.
+ */
+static void suspend(struct gadget_stream *stream)
+{
+	struct snd_pcm_runtime *runtime = stream->substream->runtime;
+
+	stream->stop_reason = "suspend";
+	runtime->suspended_state = runtime->state;
+	snd_pcm_stop(stream->substream, SNDRV_PCM_STATE_SUSPENDED);
+}
+
 static snd_pcm_uframes_t gadget_pointer(struct snd_pcm_substream *substream)
 {
+	struct gadget_stream *stream = stream_of(substream);
+	int error;
+
+	/* Outside the host's clock it is a read or a write of the program that asks. */
+	if (!in_hardirq() && fault_take(FAULT_TRANSFER + stream->dir, &error)) {
+		if (error == EPIPE) {
+			stream->stop_reason = "xrun";
+			return SNDRV_PCM_POS_XRUN;
+		}
+		suspend(stream);
+	}
 	/* Pairs with the release in the clock: frames before this position are in the ring. */
-	return smp_load_acquire(&stream_of(substream)->position);
+	return smp_load_acquire(&stream->position);
 }
 
 static const struct snd_pcm_ops gadget_ops = {
@@ -200,21 +225,14 @@ void gadget_pcm_xrun(struct gadget_stream *stream)
 	snd_pcm_stream_unlock_irqrestore(stream->substream, flags);
 }
 
-/*
- * The core's own entry suspends both directions of a PCM at once; this is what it does to each.
- */
 void gadget_pcm_suspend(struct gadget_stream *stream)
 {
-	struct snd_pcm_substream *substream = stream->substream;
 	unsigned long flags;
 
-	snd_pcm_stream_lock_irqsave(substream, flags);
-	if (snd_pcm_running(substream)) {
-		stream->stop_reason = "suspend";
-		substream->runtime->suspended_state = substream->runtime->state;
-		snd_pcm_stop(substream, SNDRV_PCM_STATE_SUSPENDED);
-	}
-	snd_pcm_stream_unlock_irqrestore(substream, flags);
+	snd_pcm_stream_lock_irqsave(stream->substream, flags);
+	if (snd_pcm_running(stream->substream))
+		suspend(stream);
+	snd_pcm_stream_unlock_irqrestore(stream->substream, flags);
 }
 
 void gadget_pcm_period(struct gadget_stream *stream)

@@ -140,6 +140,26 @@ TEST_P(Fault, MakesAnXrunAtAnExactFrame) {
     EXPECT_EQ(counter(host + ".frames") - at, counter(idle) - idleBefore);
 }
 
+TEST_P(Fault, LetsATransferMeetWhatNoWaitHasToldOf) {
+    const struct {
+        int error;
+        snd_pcm_state_t state;
+    } rows[] = {{EPIPE, SND_PCM_STATE_XRUN}, {ESTRPIPE, SND_PCM_STATE_SUSPENDED}};
+    const int64_t before = count("xruns") + count("suspends");
+    for (const auto& row : rows) {
+        Pcm pcm(GetParam().stream);
+        run(pcm);
+        arm("transfer " + std::to_string(row.error) + " after=1");
+        EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
+        EXPECT_EQ(transfer(pcm, GetParam().stream), static_cast<snd_pcm_sframes_t>(kPeriod));
+        EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
+        EXPECT_EQ(transfer(pcm, GetParam().stream), -row.error);
+        EXPECT_EQ(pcm.state(), row.state);
+        command(std::string(GetParam().host) + " off");
+    }
+    EXPECT_EQ(count("xruns") + count("suspends"), before + 2);
+}
+
 TEST_P(Fault, SuspendsAndRefusesToResume) {
     Pcm pcm(GetParam().stream);
     run(pcm);
