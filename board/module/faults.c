@@ -23,8 +23,8 @@ static DEFINE_SPINLOCK(fault_lock);
 
 /* The names of the points; those of a PCM have its direction and a dot before them. */
 static const char *const pcm_points[] = {
-	"open", "hw_params", "prepare", "start", "resume", "transfer", "other_rate",
-	"unplug", "config", "access", "format", "channels", "rate", "buffer", "period",
+	"open", "hw_params", "prepare", "start", "resume", "transfer", "ack",
+	"other_rate", "unplug", "config", "access", "format", "channels", "rate", "buffer", "period",
 };
 static const char *const other_points[] = {
 	"read", "read_short", "init_sync", "set_volume", "set_mute", "enumerate",

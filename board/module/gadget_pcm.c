@@ -203,6 +203,12 @@ static snd_pcm_uframes_t gadget_pointer(struct snd_pcm_substream *substream)
 	return smp_load_acquire(&stream->position);
 }
 
+/* After a read or write of the program has copied, before the sound core counts it. */
+static int gadget_ack(struct snd_pcm_substream *substream)
+{
+	return fault_result(FAULT_ACK + stream_of(substream)->dir);
+}
+
 static const struct snd_pcm_ops gadget_ops = {
 	.open = gadget_open,
 	.close = gadget_close,
@@ -211,6 +217,7 @@ static const struct snd_pcm_ops gadget_ops = {
 	.trigger = gadget_trigger,
 	.sync_stop = gadget_sync_stop,
 	.pointer = gadget_pointer,
+	.ack = gadget_ack,
 };
 
 void gadget_pcm_xrun(struct gadget_stream *stream)

@@ -160,6 +160,17 @@ TEST_P(Fault, LetsATransferMeetWhatNoWaitHasToldOf) {
     EXPECT_EQ(count("xruns") + count("suspends"), before + 2);
 }
 
+TEST_P(Fault, FailsATransfer) {
+    Pcm pcm(GetParam().stream);
+    run(pcm);
+    arm("ack 5 times=2");
+    for (const snd_pcm_sframes_t expected : {-EIO, -EIO, static_cast<int>(kPeriod)}) {
+        EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
+        EXPECT_EQ(transfer(pcm, GetParam().stream), expected);
+        EXPECT_EQ(pcm.state(), SND_PCM_STATE_RUNNING);
+    }
+}
+
 TEST_P(Fault, SuspendsAndRefusesToResume) {
     Pcm pcm(GetParam().stream);
     run(pcm);
