@@ -91,12 +91,14 @@ bool Board::hasThreads(size_t count, Ns limit) {
     return waitFor([&] { return threadsOf(daemon.pid()).size() == count; }, limit);
 }
 
-bool Board::waitForChannel(uint32_t channel, bool on, size_t messageMark) {
+bool Board::waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit) {
     const Message wanted{channel, on ? 1U : 0U};
-    return waitFor([&] {
-        const std::vector<Message> values = app->messageValues(messageMark);
-        return std::find(values.begin(), values.end(), wanted) != values.end();
-    });
+    return waitFor(
+        [&] {
+            const std::vector<Message> values = app->messageValues(messageMark);
+            return std::find(values.begin(), values.end(), wanted) != values.end();
+        },
+        limit);
 }
 
 std::string Board::findDamage() {

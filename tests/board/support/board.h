@@ -45,7 +45,7 @@ class Board {
     bool settle(Ns limit = 5 * kSecond);
     bool hasThreads(size_t count, Ns limit = 5 * kSecond);
     // Waits for the channel's message {1 or 2, on}, the `times`th since `mark`.
-    bool waitForChannel(uint32_t channel, bool on, size_t messageMark);
+    bool waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit = 5 * kSecond);
 
     // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
     // descriptors are those after the start, nobody is busy in a quiet second, both directions
