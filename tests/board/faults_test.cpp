@@ -265,28 +265,4 @@ TEST_F(Faults, TheGadgetIsReboundInMidStreamAtOnce) {
     EXPECT_EQ(findDamage(), "");
 }
 
-TEST_F(Faults, XrunsOfBothDirectionsPass) {
-    bothOn();
-    for (int i = 0; i < 10; ++i) {
-        board::sleepFor(50 * kMs + i * kMs);
-        host.command("xrun speaker");
-        host.command("xrun mic");
-    }
-    board::sleepFor(200 * kMs);
-    EXPECT_EQ(daemon.count("overrun..."), 10);
-    EXPECT_EQ(daemon.count("underrun..."), 10);
-    EXPECT_EQ(findDamage(), "");
-}
-
-TEST_F(Faults, ASuspendOfBothDirectionsPasses) {
-    bothOn();
-    board::sleepFor(100 * kMs);
-    host.command("fault capture.resume 11 times=3");
-    host.command("suspend speaker");
-    host.command("suspend mic");
-    board::sleepFor(5 * kSecond);
-    EXPECT_EQ(daemon.count("suspend..."), 2);
-    EXPECT_EQ(findDamage(), "");
-}
-
 }  // namespace

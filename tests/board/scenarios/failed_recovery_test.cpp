@@ -1,0 +1,69 @@
+// The gadget driver does not take the stream up again, or fails in mid stream: the channel stops
+// itself after three more passes, tells the app, and starts at the host's next word.
+#include "tests/board/scenarios/stream_case.h"
+
+namespace {
+
+using board::kMs;
+using stream_log::failedPrepare;
+using stream_log::failure;
+using stream_log::kickStart;
+using stream_log::recovery;
+using stream_log::xrunMet;
+
+class FailedRecovery : public StreamCase {
+  protected:
+    // What `pass` says in each state: in the pass that fails first, and in the three that a stop
+    // lets run.
+    template <typename Pass>
+    static Lines everyPass(Pass&& pass) {
+        return pass(1) + pass(2) + pass(2) + pass(2);
+    }
+    static Lines transferFails(int state) {
+        return failure(way(),
+                       either("stopping, unexpected read error",
+                              "stopping, unexpected write error(Input/output error)"),
+                       state);
+    }
+    static Lines restartFails(int state) {
+        return isSpeaker()
+                   ? failure(way(), "stopping, ALSA failed to start: Input/output error", state)
+                   : kickStart(way()) + transferFails(state);
+    }
+
+    // The stream runs, then the faults strike: the channel stops, with this in its log.
+    void expectStop(const char* name, const std::vector<std::string>& faults, const Lines& log) {
+        SCOPED_TRACE(name);
+        board::sleepFor(100 * kMs);
+        const Moment before = mark();
+        for (const std::string& fault : faults) {
+            fault == "xrun" ? command(fault) : arm(fault);
+        }
+        expectStopped(before, log);
+        host.command("fault clear");
+        expectStartable();
+    }
+};
+
+TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
+    switchOn();
+    expectStop("one prepare fails", {"prepare 5", "xrun"},
+               xrunMet(way()) + failedPrepare(way(), "underrun", 1) + recovery(way()));
+    expectStop("one prepare fails after a transfer", {"prepare 5", "transfer 32"},
+               xrunMet(way()) + failedPrepare(way(), "underrun", 1) + recovery(way()));
+    expectStop("every prepare fails", {"prepare 5 times=0", "xrun"}, everyPass([](int state) {
+                   return xrunMet(way()) + failedPrepare(way(), "underrun", state);
+               }));
+    // A playback ring that never plays is full after three writes; the driver then keeps each of
+    // them waiting for a tenth of a second.
+    const Lines full = kickStart(way()) + Lines{"D UAFSRC: timeout0, rc=0"};
+    expectStop("every start fails", {"start 5 times=0", "xrun"},
+               recovery(way()) + either(Lines{}, full) + everyPass(restartFails));
+    expectStop("one transfer fails", {"ack 5"}, transferFails(1));
+    expectStop("every transfer fails", {"ack 5 times=0"}, everyPass(transferFails));
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_BOTH_WAYS(FailedRecovery);
+
+}  // namespace

@@ -1,0 +1,98 @@
+// Xruns of both directions twice a second, for a minute or, with --minutes N, for longer: each is
+// recovered from, and latency and loss stay what a single one makes them.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/ramp_trail.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Ns;
+using board::RampTrail;
+
+constexpr Ns kSettling = 1500 * kMs;
+constexpr Ns kEvery = 500 * kMs;
+constexpr int64_t kUsbFrame = 48;
+constexpr int64_t kPeriod = 240;
+constexpr int64_t kRing = 720;  // of the playback
+constexpr Ns kPeriodTime = 5 * kMs;
+
+int minutes = 1;
+
+class FrequentXruns : public BoardCase {
+  protected:
+    // Every break stands within `reach` of an xrun, no loss is larger than what the driver held,
+    // and latency never leaves its bounds.
+    void check(const char* name, RampTrail* trail, const std::vector<Ns>& xruns, int64_t held,
+               Ns latencyMax) {
+        constexpr Ns reach = 100 * kMs;
+        for (const board::Break& gap : trail->breaks()) {
+            const auto after = std::upper_bound(xruns.begin(), xruns.end(), gap.at + kPeriodTime);
+            ASSERT_NE(after, xruns.begin()) << "a break before the first xrun";
+            EXPECT_LT(gap.at - *(after - 1), reach) << name;
+            EXPECT_LE(gap.lost, held) << name;
+        }
+        const board::Spread latency = trail->latency(xruns.front(), board::now());
+        printf("%s: %zu xruns, %ld frames lost in %zu places, latency %s\n", name, xruns.size(),
+               static_cast<long>(trail->lost()), trail->losses().size(),
+               board::inMs(latency).c_str());
+        EXPECT_LE(latency.largest, latencyMax) << name;
+        EXPECT_LE(trail->losses().size(), xruns.size()) << name;
+    }
+};
+
+TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
+    start();
+    RampTrail heard(this, board::kSpeakerWay);
+    RampTrail recorded(this, board::kMicWay);
+    host.command("speaker on");
+    host.command("mic on");
+    board::sleepFor(kSettling);
+    const size_t mark = daemon.mark();
+    std::vector<Ns> xruns;
+    for (int i = 0; i < minutes * 120; ++i) {
+        // In another place of the period each time.
+        board::sleepFor(kEvery + (i % 5 - 2) * 733 * kMs / 1000);
+        xruns.push_back(board::now());
+        host.command("xrun speaker");
+        host.command("xrun mic");
+        if (i % 10 == 0) {
+            heard.collect();
+            recorded.collect();
+        }
+    }
+    board::sleepFor(kSecond);
+    heard.collect();
+    recorded.collect();
+    const auto count = static_cast<int>(xruns.size());
+    EXPECT_EQ(daemon.count("overrun...", mark), count);
+    EXPECT_EQ(daemon.count("underrun...", mark), count);
+    EXPECT_EQ(daemon.count("ready ", mark), 2 * count);
+    check("speaker", &heard, xruns, kPeriod + kUsbFrame, 9 * kMs);
+    check("microphone", &recorded, xruns, kRing + kUsbFrame, 25 * kMs);
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv);
+    if (argc == 3 && strcmp(argv[1], "--minutes") == 0) {
+        minutes = atoi(argv[2]);
+    } else if (argc != 1) {
+        minutes = 0;
+    }
+    if (minutes < 1) {
+        fprintf(stderr, "usage: frequent_xruns_test [--minutes N]\n");
+        return EXIT_FAILURE;
+    }
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,150 @@
+#include "tests/board/scenarios/stream_case.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace {
+
+using board::kMs;
+using board::LogLine;
+using board::Ns;
+
+constexpr int64_t kUsbFrame = 48;  // audio frames
+constexpr int64_t kPeriod = 240;
+
+bool beginsWith(const std::string& text, const std::string& beginning) {
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+// Heartbeats, and the echo of each record.
+bool isRepetition(const LogLine& line) {
+    return line.tag == "UAFCBM" || beginsWith(line.text, "read msg:") ||
+           beginsWith(line.text, "loopcnt ") || beginsWith(line.text, "buffer loopcnt ");
+}
+
+}  // namespace
+
+void StreamCase::switchOn() {
+    const Moment before = mark();
+    host.command(std::string(way().name) + " on");
+    waitForStarts(1, before);
+    if (!waitForChannel(way().channel, true, before.messages)) {
+        throw std::runtime_error(std::string(way().name) + " does not start");
+    }
+}
+
+void StreamCase::switchOff() {
+    const size_t messages = app->messages().size();
+    host.command(std::string(way().name) + " off");
+    if (!waitForChannel(way().channel, false, messages)) {
+        throw std::runtime_error(std::string(way().name) + " does not stop");
+    }
+}
+
+void StreamCase::command(const std::string& verb, const std::string& rest) {
+    host.command(verb + " " + way().name + (rest.empty() ? "" : " " + rest));
+}
+
+void StreamCase::arm(const std::string& fault) {
+    host.command(std::string("fault ") + way().pcm + "." + fault);
+}
+
+void StreamCase::deliver(bool on) {
+    host.command("record " + std::to_string(way().record) + (on ? " 1" : " 0"));
+}
+
+void StreamCase::waitForStarts(int times, const Moment& since) {
+    const std::string start = std::string(way().pcm) + " start 0";
+    if (!board::waitFor([&] { return host.countEvents(start, since.at) >= times; })) {
+        throw std::runtime_error(std::string(way().pcm) + " is not started");
+    }
+}
+
+// The first end of a period at or after so many frames; the PCM's last start began the first
+// period.
+int64_t StreamCase::nextPeriodAt(int64_t frames) {
+    const std::string start = std::string(way().pcm) + " start 0";
+    const std::vector<board::HostEvent>& events = host.events();
+    const auto last = std::find_if(events.rbegin(), events.rend(),
+                                   [&](const auto& event) { return event.text == start; });
+    const int64_t begin = movedBy(last->at);
+    return begin + (frames - begin + kPeriod - 1) / kPeriod * kPeriod;
+}
+
+void StreamCase::injureInPeriod(const std::string& injury, int usbFrame) {
+    const int64_t soon = movedBy(board::now()) + 4 * kPeriod;
+    command(injury, "at=" + std::to_string(nextPeriodAt(soon) + usbFrame * kUsbFrame));
+}
+
+Moment StreamCase::mark() {
+    return {board::now(), daemon.mark(), app->messages().size()};
+}
+
+void StreamCase::expectLog(const Moment& since, const Lines& wanted) {
+    Lines said;
+    const std::vector<LogLine>& log = daemon.log();
+    for (size_t i = since.log; i < log.size(); ++i) {
+        if (!isRepetition(log[i])) {
+            said.push_back(log[i].brief());
+        }
+    }
+    const bool same = said.size() == wanted.size() &&
+                      std::equal(said.begin(), said.end(), wanted.begin(), board::matches);
+    if (!same) {
+        EXPECT_EQ(said, wanted);
+    }
+}
+
+std::vector<std::string> StreamCase::requests(const Moment& since) {
+    const std::string prefix = std::string(way().pcm) + " ";
+    std::vector<std::string> requests;
+    for (const board::HostEvent& event : host.eventsSince(since.at)) {
+        if (beginsWith(event.text, prefix)) {
+            requests.push_back(event.text.substr(prefix.size()));
+        }
+    }
+    return requests;
+}
+
+std::vector<board::Message> StreamCase::told(const Moment& since) const {
+    return app->messageValues(since.messages);
+}
+
+// Of the host's stream: audio frames that had moved by a time.
+int64_t StreamCase::movedBy(Ns at) const {
+    const auto values = host.counters();
+    const std::string name = way().name;
+    return values.at(name + ".on_frames") + (at - values.at(name + ".on_ns")) / kMs * kUsbFrame;
+}
+
+void StreamCase::expectStopped(const Moment& since, const Lines& log, Ns limit) {
+    EXPECT_TRUE(waitForChannel(way().channel, false, since.messages, limit));
+    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    expectLog(since, log + stream_log::stop(way()));
+    EXPECT_EQ(told(since), (std::vector<board::Message>{{way().channel, 0}}));
+}
+
+void StreamCase::expectStartable() {
+    constexpr int64_t enough = 5760;  // 120 ms
+    const Moment before = mark();
+    board::RampTrail trail(this, way());
+    deliver(true);
+    waitForStarts(1, before);
+    board::sleepFor(200 * kMs);
+    trail.collect();
+    ASSERT_FALSE(trail.passages().empty());
+    EXPECT_GT(trail.passages().back().frames, enough);
+    EXPECT_EQ(told(before), (std::vector<board::Message>{{way().channel, 1}}));
+}
+
+void StreamCase::expectHealthy(board::RampTrail* trail, Ns from) {
+    const Ns to = from + kLook;
+    const board::Spread latency = trail->latency(from, to);
+    EXPECT_GE(latency.smallest, either(4 * kMs, 11 * kMs)) << board::inMs(latency);
+    EXPECT_LE(latency.largest, either(9 * kMs, 21 * kMs)) << board::inMs(latency);
+    for (const board::Break& gap : trail->breaks()) {
+        EXPECT_TRUE(gap.at < from || gap.at >= to)
+            << "after " << (gap.at - from) / kMs << " ms " << gap.silent << " samples silent, "
+            << gap.lost << " frames lost";
+    }
+}

@@ -1,0 +1,73 @@
+// The fixture of scenarios about one way of sound, run for each of the two: the way's own host
+// stream, driver, log and messages, and what is to be seen of them since a moment.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/board/board_case.h"
+#include "tests/board/scenarios/stream_log.h"
+#include "tests/board/support/ramp_trail.h"
+#include "tests/board/support/way.h"
+
+// A stream is healthy again within a second of a fault; that is then looked at for a while.
+constexpr board::Ns kHealing = board::kSecond;
+constexpr board::Ns kLook = 200 * board::kMs;
+
+// A moment from which on something is to be seen.
+struct Moment {
+    board::Ns at;
+    size_t log;
+    size_t messages;
+};
+
+class StreamCase : public BoardCase, public testing::WithParamInterface<board::Way> {
+  protected:
+    static board::Way way() { return GetParam(); }
+    static bool isSpeaker() { return way() == board::kSpeakerWay; }
+    // What differs between the ways.
+    template <typename T>
+    static T either(T speakers, T mics) {
+        return isSpeaker() ? speakers : mics;
+    }
+
+    void SetUp() override { start(); }
+
+    // The host's stream. Returns when the driver's PCM runs, and when the channel has stopped.
+    void switchOn();
+    void switchOff();
+    // The record that the host has switched its stream, which stays as it is.
+    void deliver(bool on);
+    // A command about the way: "xrun" becomes "xrun speaker".
+    void command(const std::string& verb, const std::string& rest = "");
+    // Arms a fault of the way's PCM.
+    void arm(const std::string& fault);
+    // An xrun or a suspend in a USB frame of a period, 1 to 5, some periods on.
+    void injureInPeriod(const std::string& injury, int usbFrame);
+    // Waits until the driver has started the PCM so often since the moment.
+    void waitForStarts(int times, const Moment& since);
+
+    Moment mark();
+    // The whole log since the moment, apart from what it says again and again.
+    void expectLog(const Moment& since, const Lines& wanted);
+    int said(const std::string& text, const Moment& since) { return daemon.count(text, since.log); }
+    // Everything that the driver did for the way.
+    std::vector<std::string> requests(const Moment& since);
+    // What the app was told.
+    std::vector<board::Message> told(const Moment& since) const;
+
+    // The channel stops, with this and the stop in its log.
+    void expectStopped(const Moment& since, const Lines& log, board::Ns limit = board::kSecond);
+    // A record of the host starts the stopped channel: sound comes.
+    void expectStartable();
+    // A look from a moment on: no break, and the latency of a healthy stream.
+    static void expectHealthy(board::RampTrail* trail, board::Ns from);
+
+  private:
+    int64_t movedBy(board::Ns at) const;
+    int64_t nextPeriodAt(int64_t frames);
+};
+
+#define INSTANTIATE_BOTH_WAYS(Suite)                                                          \
+    INSTANTIATE_TEST_SUITE_P(Way, Suite, testing::Values(board::kSpeakerWay, board::kMicWay), \
+                             [](const auto& info) { return std::string(info.param.name); })

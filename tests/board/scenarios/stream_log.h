@@ -1,0 +1,40 @@
+// What the daemon's log says of a way's stream; '#' stands for any number.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/board/support/way.h"
+
+using Lines = std::vector<std::string>;
+
+inline Lines operator+(Lines head, const Lines& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+Lines times(int count, const Lines& lines);
+
+namespace stream_log {
+
+// The beginning of a recovery, the end of one that succeeds, and the playback's new start after a
+// prepare.
+Lines xrunMet(const board::Way& way);
+Lines suspendMet(const board::Way& way);
+Lines ready();
+Lines kickStart(const board::Way& way);
+// An xrun from end to end.
+Lines recovery(const board::Way& way);
+
+// A prepare that fails with EIO after an "underrun", as every xrun is called here, or a "suspend",
+// up to the channel's own stop request.
+Lines failedPrepare(const board::Way& way, const std::string& cause, int state);
+// An error that the way's channel reports, and its stop request in this state.
+Lines failure(const board::Way& way, const std::string& what, int state);
+
+Lines stopRequest(int state);
+// A stop, from the fourth pass on; a start by the host with the app there.
+Lines stop(const board::Way& way);
+Lines start(const board::Way& way);
+
+}  // namespace stream_log

@@ -1,0 +1,248 @@
+// The gadget driver loses its stream for a moment, in whatever the daemon is at: it takes the
+// stream up again at once, and no more sound is lost than the driver held.
+#include <cerrno>
+
+#include "tests/board/scenarios/stream_case.h"
+
+namespace {
+
+using board::Break;
+using board::kMs;
+using board::kSecond;
+using board::Message;
+using board::Ns;
+using board::RampTrail;
+using stream_log::ready;
+using stream_log::recovery;
+using stream_log::stop;
+using stream_log::stopRequest;
+using stream_log::xrunMet;
+
+constexpr int64_t kPeriod = 240;
+constexpr int64_t kRing = 720;  // of the playback
+constexpr int64_t kUsbFrame = 48;
+constexpr int kUsbFramesInPeriod = 5;
+constexpr Ns kSettling = 1500 * kMs;
+
+const Lines kRestart{"xrun", "prepare 0", "start 0"};
+constexpr char kRestartFailed[] = "stopping, ALSA failed to start: Input/output error";
+
+class Xrun : public StreamCase {
+  protected:
+    // A channel that does not read for 100 ms needs no help for its overrun.
+    void overrunByItself() {
+        if (isSpeaker()) {
+            EXPECT_EQ(host.tryCommand("xrun speaker"), ENXIO);
+        } else {
+            command("xrun");
+        }
+    }
+    int64_t overruns(const Moment& since) {
+        return said(either("overrun...", "underrun..."), since);
+    }
+
+    // One after the other, each as soon as the stream runs again.
+    Moment strike(int count) {
+        const Moment before = mark();
+        for (int i = 0; i < count; ++i) {
+            command("xrun");
+            waitForStarts(i + 1, before);
+        }
+        return before;
+    }
+};
+
+// Each period lasts five USB frames; the xrun strikes in each of them.
+TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    std::vector<Moment> moments;
+    for (int i = 1; i <= kUsbFramesInPeriod; ++i) {
+        moments.push_back(mark());
+        injureInPeriod("xrun", i);
+        board::sleepFor(kHealing + kLook);
+        expectLog(moments.back(), recovery(way()));
+        EXPECT_EQ(requests(moments.back()), kRestart);
+        EXPECT_TRUE(told(moments.back()).empty());
+        trail.collect();
+    }
+    for (const Moment& moment : moments) {
+        expectHealthy(&trail, moment.at + kHealing);
+    }
+    const std::vector<Break> breaks = trail.losses();
+    ASSERT_EQ(breaks.size(), moments.size());
+    for (int64_t i = 1; i <= kUsbFramesInPeriod; ++i) {
+        const Break& gap = breaks[static_cast<size_t>(i - 1)];
+        // What was captured and not yet read; what was written and not yet played, of which frames
+        // drawn out hold a little less sound.
+        EXPECT_EQ(gap.silent, kPeriod);
+        EXPECT_NEAR(static_cast<double>(gap.lost),
+                    static_cast<double>(either(i * kUsbFrame, kRing - i * kUsbFrame)),
+                    either(0, 3));
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Xrun, TenTimesInARow) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    const Moment before = strike(10);
+    board::sleepFor(kHealing + kLook);
+    trail.collect();
+    expectLog(before, times(10, recovery(way())));
+    EXPECT_EQ(requests(before), times(10, kRestart));
+    EXPECT_TRUE(told(before).empty());
+    EXPECT_LE(trail.lost(), 10 * either(kUsbFrame, kRing));
+    expectHealthy(&trail, before.at + kHealing);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// A read has taken its period by then; a write's period goes with what the driver held.
+TEST_P(Xrun, InATransfer) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    for (const int count : {1, 10}) {
+        const Moment before = mark();
+        arm("transfer 32 times=" + std::to_string(count));
+        board::sleepFor(kHealing + kLook);
+        trail.collect();
+        expectLog(before, times(count, recovery(way())));
+        EXPECT_EQ(requests(before), times(count, kRestart));
+        EXPECT_TRUE(told(before).empty());
+        expectHealthy(&trail, before.at + kHealing);
+    }
+    EXPECT_LE(trail.lost(), either(int64_t{0}, 11 * kRing));
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The hold back of the speaker's beginning and the priming of the microphone's buffer among them.
+TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
+    constexpr int milliseconds = 12;
+    const Moment before = mark();
+    for (int ms = 1; ms <= milliseconds; ++ms) {
+        SCOPED_TRACE(ms);
+        RampTrail trail(this, way());
+        const Moment start = mark();
+        const int64_t at = host.counter(std::string(way().name) + ".frames") + ms * kUsbFrame;
+        command("xrun", "at=" + std::to_string(at));
+        switchOn();
+        board::sleepFor(200 * kMs);
+        trail.collect();
+        EXPECT_EQ(overruns(start), host.countEvents(std::string(way().pcm) + " xrun", start.at));
+        ASSERT_FALSE(trail.passages().empty());
+        EXPECT_GT(trail.passages().back().frames, 120 * kUsbFrame);
+        switchOff();
+        EXPECT_EQ(told(start), (std::vector<Message>{{way().channel, 1}, {way().channel, 0}}));
+    }
+    EXPECT_GE(overruns(before), milliseconds - 1);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Xrun, WhileTheAppPauses) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(300 * kMs);
+    const Moment before = mark();
+    app->pauseListening(true);
+    app->pauseSpeaking(true);
+    board::sleepFor(200 * kMs);
+    overrunByItself();
+    board::sleepFor(200 * kMs);
+    app->pauseListening(false);
+    app->pauseSpeaking(false);
+    const Ns goesOn = board::now();
+    board::sleepFor(kHealing + kLook);
+    trail.collect();
+    expectLog(before, recovery(way()));
+    EXPECT_EQ(requests(before), kRestart);
+    expectHealthy(&trail, goesOn + kHealing);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Xrun, WhileTheAppIsAway) {
+    switchOn();
+    board::sleepFor(300 * kMs);
+    const Moment before = mark();
+    app.reset();
+    board::sleepFor(200 * kMs);
+    overrunByItself();
+    board::sleepFor(200 * kMs);
+    app = std::make_unique<board::App>();
+    waitForStarts(1, before);
+    EXPECT_EQ(overruns(before), 1);
+    EXPECT_EQ(requests(before), kRestart);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Xrun, WhileTheHostStalls) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    trail.collect();
+    const Moment before = mark();
+    host.command(std::string("stall ") + way().name + " 1");
+    board::sleepFor(100 * kMs);
+    command("xrun");
+    board::sleepFor(100 * kMs);
+    host.command(std::string("stall ") + way().name + " 0");
+    const Ns goesOn = board::now();
+    board::sleepFor(kHealing + kLook);
+    trail.collect();
+    const Lines stall{std::string("D ") + way().tag + ": timeout0, rc=0"};
+    const Lines end{either("D UAFSNK: ", "E UAFSRC: ") +
+                    std::string("clear timeout, pcmStallCnt=#")};
+    // The microphone's fills up the driver's ring once more, and then stalls again.
+    expectLog(before, stall + recovery(way()) + either(Lines{}, end + stall) + end);
+    EXPECT_EQ(requests(before), kRestart);
+    expectHealthy(&trail, goesOn + kHealing);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// In each of the passes that a stop waits for.
+TEST_P(Xrun, WhileTheChannelIsStopping) {
+    for (const int delay : {0, 5, 10, 14}) {
+        SCOPED_TRACE(delay);
+        switchOn();
+        board::sleepFor(100 * kMs);
+        const Moment before = mark();
+        deliver(false);
+        board::sleepFor(delay * kMs);
+        command("xrun");
+        ASSERT_TRUE(waitForChannel(way().channel, false, before.messages));
+        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        // In the last pass there is none left that would kick it.
+        const Lines recovered = delay < 14 ? recovery(way()) : xrunMet(way()) + ready();
+        expectLog(before, stopRequest(1) + recovered + stop(way()));
+        EXPECT_EQ(told(before), (std::vector<Message>{{way().channel, 0}}));
+        host.command(std::string(way().name) + " off");
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+// A read needs a running stream, and its channel stops. A write that fails to start the stream has
+// written all the same, and the next one starts it.
+TEST_P(Xrun, WhoseFirstRestartFails) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(300 * kMs);
+    const Moment before = mark();
+    arm("start 5");
+    command("xrun");
+    if (isSpeaker()) {
+        expectStopped(before, recovery(way()) + stream_log::failure(way(), kRestartFailed, 1));
+        expectStartable();
+    } else {
+        board::sleepFor(kHealing + kLook);
+        trail.collect();
+        expectLog(before, recovery(way()));
+        expectHealthy(&trail, before.at + kHealing);
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_BOTH_WAYS(Xrun);
+
+}  // namespace
