@@ -1,0 +1,174 @@
+// The gadget driver suspends a stream: the daemon asks it to resume, once a second while it is not
+// ready, and after six seconds prepares it afresh. The other way's sound does not notice.
+#include "tests/board/scenarios/stream_case.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Ns;
+using board::RampTrail;
+using stream_log::failedPrepare;
+using stream_log::failure;
+using stream_log::kickStart;
+using stream_log::ready;
+using stream_log::stopRequest;
+using stream_log::suspendMet;
+
+constexpr Ns kSettling = 1500 * kMs;
+
+// How often a driver refuses to resume, and how that ends.
+struct Refusal {
+    const char* name;
+    const char* fault;
+    int refusals;
+    const char* answer;
+    bool prepared;  // at last, instead of resumed
+    Ns seconds;     // that it takes
+};
+const Refusal kRefusals[] = {
+    {"never", "resume 0 times=1", 0, "", false, 0},
+    {"three times", "resume 11 times=3", 3, "resume -11", false, 3},
+    {"six times", "resume 11 times=6", 6, "resume -11", true, 6},
+    {"with another error", "resume 5", 1, "resume -5", true, 0},
+};
+
+class Suspend : public StreamCase {
+  protected:
+    // When the driver was asked for something, since the moment.
+    std::vector<Ns> timesOf(const std::string& request, const Moment& since) {
+        std::vector<Ns> times;
+        for (const board::HostEvent& event : host.eventsSince(since.at)) {
+            if (event.text == std::string(way().pcm) + " " + request) {
+                times.push_back(event.at);
+            }
+        }
+        return times;
+    }
+};
+
+TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    for (const Refusal& row : kRefusals) {
+        SCOPED_TRACE(row.name);
+        const Moment before = mark();
+        arm(row.fault);
+        injureInPeriod("suspend", 3);
+        const char* const last = row.prepared ? "start 0" : "resume 0";
+        ASSERT_TRUE(board::waitFor([&] { return !timesOf(last, before).empty(); }, 10 * kSecond));
+        const Ns again = board::now();
+        // The microphone's buffer filled up meanwhile, and is worn off by a sample a frame at most.
+        const Ns healthyAfter = row.refusals == 6 ? either(kHealing, 3 * kSecond) : kHealing;
+        board::sleepFor(healthyAfter + kLook);
+        trail.collect();
+        expectLog(before,
+                  suspendMet(way()) + ready() + (row.prepared ? kickStart(way()) : Lines{}));
+        EXPECT_EQ(requests(before),
+                  Lines{"suspend"} + times(row.refusals, {row.answer}) +
+                      (row.prepared ? Lines{"prepare 0", "start 0"} : Lines{"resume 0"}));
+        EXPECT_TRUE(told(before).empty());
+        const Ns took = timesOf(last, before).front() - timesOf("suspend", before).front();
+        EXPECT_NEAR(static_cast<double>(took), static_cast<double>(row.seconds * kSecond), kMs);
+        expectHealthy(&trail, again + healthyAfter);
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+// What was copied before the transfer failed does not count: a read's period is heard twice, a
+// write's is lost.
+TEST_P(Suspend, InATransferCostsAPeriod) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    const Moment before = mark();
+    arm("transfer 86");
+    board::sleepFor(kHealing + kLook);
+    trail.collect();
+    expectLog(before, suspendMet(way()) + ready());
+    EXPECT_EQ(requests(before), (Lines{"suspend", "resume 0"}));
+    const std::vector<board::Break> losses = trail.losses();
+    ASSERT_EQ(losses.size(), 1U);
+    EXPECT_EQ(losses[0].silent, 0);
+    EXPECT_NEAR(static_cast<double>(losses[0].lost), static_cast<double>(either(-240, 240)), 1);
+    expectHealthy(&trail, before.at + kHealing);
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
+    switchOn();
+    board::sleepFor(300 * kMs);
+    const Moment before = mark();
+    arm("resume 5");
+    arm("prepare 5");
+    command("suspend");
+    const Lines restart =
+        kickStart(way()) +
+        failure(way(),
+                either("stopping, ALSA failed to start: File descriptor in bad state",
+                       "stopping, unexpected write error(File descriptor in bad state)"),
+                2);
+    expectStopped(before,
+                  suspendMet(way()) + failedPrepare(way(), "suspend", 1) + times(3, restart));
+    expectStartable();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Suspend, LeavesTheOtherWayAlone) {
+    const board::Way other = isSpeaker() ? board::kMicWay : board::kSpeakerWay;
+    RampTrail trail(this, other);
+    host.command(std::string(other.name) + " on");
+    switchOn();
+    board::sleepFor(kSettling);
+    const Ns from = board::now();
+    arm("resume 11 times=3");
+    command("suspend");
+    board::sleepFor(4 * kSecond);
+    trail.collect();
+    for (const board::Break& gap : trail.breaks()) {
+        EXPECT_LT(gap.at, from);
+    }
+    EXPECT_GE(trail.passages().back().end, from + 4 * kSecond - 20 * kMs);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The channel's thread asks the driver once a second and hears nothing else meanwhile.
+TEST_P(Suspend, OutlastsTheHostsStop) {
+    switchOn();
+    board::sleepFor(300 * kMs);
+    const Moment before = mark();
+    arm("resume 11 times=3");
+    command("suspend");
+    board::sleepFor(kSecond / 2);
+    deliver(false);
+    expectStopped(before, suspendMet(way()) + stopRequest(1) + ready(), 4 * kSecond);
+    EXPECT_GE(board::now(), before.at + 3 * kSecond);
+    expectStartable();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
+    RampTrail trail(this, way());
+    switchOn();
+    board::sleepFor(kSettling);
+    const Moment before = mark();
+    arm("resume 11 times=3");
+    command("suspend");
+    board::sleepFor(kSecond / 2);
+    deliver(false);
+    deliver(true);
+    board::sleepFor(3 * kSecond + kHealing);
+    trail.collect();
+    expectLog(before,
+              suspendMet(way()) + stopRequest(1) +
+                  Lines{"D UAFCH: intfUpdate to 1, current state 2", "D UAFCH: stopDelayCnt = #"} +
+                  ready());
+    EXPECT_TRUE(told(before).empty());
+    expectHealthy(&trail, before.at + 3 * kSecond + kHealing);
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_BOTH_WAYS(Suspend);
+
+}  // namespace
