@@ -1,0 +1,202 @@
+// The gadget's sound card goes, and comes again at the same index or another, whatever either
+// channel is at: the streams end, and the host's next ones find the card.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/way.h"
+
+namespace {
+
+using board::kMicWay;
+using board::kMs;
+using board::kSecond;
+using board::kSpeakerWay;
+using board::Ns;
+using board::Way;
+
+enum class State { kStopped, kRunning, kStopping, kSuspended };
+constexpr State kStates[] = {State::kStopped, State::kRunning, State::kStopping, State::kSuspended};
+
+const char* nameOf(State state) {
+    static const char* const names[] = {"stopped", "running", "stopping", "suspended"};
+    return names[static_cast<size_t>(state)];
+}
+
+// How the card goes and comes.
+enum class Return {
+    kUntold,     // at the same index, without a record
+    kElsewhere,  // with the gadget's unbinding and binding
+    kTold,       // at another index, with the record of the binding alone
+};
+constexpr Return kReturns[] = {Return::kUntold, Return::kElsewhere, Return::kTold};
+
+class CardRemoval : public BoardCase {
+  protected:
+    void SetUp() override {
+        start();
+        app->speak(board::noise);
+    }
+
+    void command(const Way& way, const std::string& text) {
+        host.command(std::string(way.name) + " " + text);
+    }
+
+    // All but the last step into the state, and the last one, which several ways take at once.
+    void prepare(const Way& way, State state) {
+        if (state != State::kStopped) {
+            const Ns before = board::now();
+            command(way, "on");
+            ASSERT_TRUE(board::waitFor(
+                [&] { return host.countEvents(std::string(way.pcm) + " start 0", before) > 0; }));
+        }
+        if (state == State::kSuspended) {
+            host.command(std::string("fault ") + way.pcm + ".resume 11 times=0");
+        }
+    }
+    void enter(const Way& way, State state) {
+        if (state == State::kStopping) {
+            host.command("record " + std::to_string(way.record) + " 0");
+        } else if (state == State::kSuspended) {
+            host.command(std::string("suspend ") + way.name);
+        }
+    }
+    void enterBoth(State speaker, State mic) {
+        prepare(kSpeakerWay, speaker);
+        prepare(kMicWay, mic);
+        board::sleepFor(50 * kMs);
+        enter(kSpeakerWay, speaker);
+        enter(kMicWay, mic);
+        // Somewhere in the passes that a stop waits for.
+        board::sleepFor(++cells_ * 3 % 14 * kMs);
+    }
+
+    void removeAndAdd(Return how) {
+        const int other = index_ == 1 ? 3 : 1;
+        if (how == Return::kElsewhere) {
+            host.command("unbind");
+        } else {
+            host.command("card remove");
+        }
+        board::sleepFor(20 * kMs);
+        host.command("fault clear");
+        index_ = how == Return::kUntold ? index_ : other;
+        const std::string index = std::to_string(index_);
+        host.command((how == Return::kElsewhere ? "bind " : "card add ") + index);
+        if (how == Return::kTold) {
+            host.command("bind");
+        }
+    }
+
+    void bothOff() {
+        command(kSpeakerWay, "off");
+        command(kMicWay, "off");
+        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    }
+    // Both ways carry sound.
+    void expectSound() {
+        ASSERT_TRUE(settle());
+        host.command("flush speaker");
+        const board::HostPlayer player(board::noise, board::kRate / 2);
+        ASSERT_TRUE(board::waitFor([&] { return player.queued() == board::kRate / 2; }));
+        app->takeHeard();
+        host.takeRecording();
+        command(kSpeakerWay, "on");
+        command(kMicWay, "on");
+        const auto sounds = [](const board::Samples& samples) {
+            return board::firstSound(samples) < samples.size();
+        };
+        EXPECT_TRUE(board::waitFor([&] { return sounds(app->takeHeard().left); }));
+        EXPECT_TRUE(board::waitFor([&] { return sounds(host.takeRecording()); }));
+        bothOff();
+    }
+    // The app is told on and off in turn, and last off.
+    void expectTold(const Way& way, size_t messagesBefore) {
+        uint32_t on = 0;
+        for (const board::Message& message : app->messageValues(messagesBefore)) {
+            if (message.type == way.channel) {
+                EXPECT_EQ(message.data, 1 - on) << way.name;
+                on = message.data;
+            }
+        }
+        EXPECT_EQ(on, 0U) << way.name;
+    }
+
+  private:
+    int index_ = 1;
+    int cells_ = 0;
+};
+
+class CardRemovalWithSpeaker : public CardRemoval, public testing::WithParamInterface<State> {};
+
+TEST_P(CardRemovalWithSpeaker, AndMicrophoneInEachState) {
+    for (const Return how : kReturns) {
+        for (const State mic : kStates) {
+            SCOPED_TRACE(std::string(nameOf(mic)) + " " + std::to_string(static_cast<int>(how)));
+            const size_t messages = app->messages().size();
+            ASSERT_NO_FATAL_FAILURE(enterBoth(GetParam(), mic));
+            removeAndAdd(how);
+            bothOff();
+            expectTold(kSpeakerWay, messages);
+            expectTold(kMicWay, messages);
+            ASSERT_NO_FATAL_FAILURE(expectSound());
+        }
+    }
+    EXPECT_EQ(daemon.count("ALERT! #"), 0);
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(State, CardRemovalWithSpeaker, testing::ValuesIn(kStates),
+                         [](const auto& info) { return std::string(nameOf(info.param)); });
+
+// The card goes in the middle of a start, which then fails; the other channel is in each state.
+TEST_F(CardRemoval, WhileAChannelStarts) {
+    for (const bool speaker : {true, false}) {
+        const Way way = speaker ? kSpeakerWay : kMicWay;
+        const Way other = speaker ? kMicWay : kSpeakerWay;
+        for (const State state : kStates) {
+            SCOPED_TRACE(std::string(way.name) + " " + nameOf(state));
+            const size_t mark = daemon.mark();
+            prepare(other, state);
+            board::sleepFor(50 * kMs);
+            enter(other, state);
+            host.command(std::string("fault ") + way.pcm + ".unplug 1");
+            command(way, "on");
+            EXPECT_TRUE(daemon.waitForLog("failed to start audio", mark));
+            EXPECT_EQ(daemon.count("error at setHwParams@152: rc=-19", mark), 1);
+            EXPECT_EQ(daemon.count(speaker ? "error at uafStart@92: rc=-19"
+                                           : "error at uafStart@206: rc=-19",
+                                   mark),
+                      1);
+            host.command("fault clear");
+            host.command("card add");
+            bothOff();
+            ASSERT_NO_FATAL_FAILURE(expectSound());
+            EXPECT_EQ(daemon.count("start, audio still open, trying to close", mark), 1);
+        }
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The channels' threads wait for the app, and learn of the card when it is there.
+TEST_F(CardRemoval, WhileTheAppIsAway) {
+    for (const Return how : kReturns) {
+        SCOPED_TRACE(static_cast<int>(how));
+        enterBoth(State::kRunning, State::kRunning);
+        app.reset();
+        board::sleepFor(100 * kMs);
+        removeAndAdd(how);
+        board::sleepFor(100 * kMs);
+        app = std::make_unique<board::App>();
+        app->speak(board::noise);
+        bothOff();
+        ASSERT_NO_FATAL_FAILURE(expectSound());
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
