@@ -266,8 +266,9 @@ bool UafCh::openFifo(int flags, size_t blockBytes, const char* tag) {
         return false;
     }
     fcntl(fifoFd, F_SETPIPE_SZ, static_cast<int>(blockBytes));
-    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", name,
-                        fcntl(fifoFd, F_GETPIPE_SZ));
+    const int capacity = fcntl(fifoFd, F_GETPIPE_SZ);
+    fifoIsPipe = capacity >= 0;
+    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", name, capacity);
     return true;
 }
 

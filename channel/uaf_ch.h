@@ -88,8 +88,8 @@ class UafCh {
     // real-time thread spin.
     static void pauseForTimeout();
 
-    // Opens fifoName into fifoFd, which blocks until the app holds the other end, and asks for a
-    // pipe capacity of `blockBytes`. False when it does not open. Logs under `tag`:
+    // Opens fifoName into fifoFd, which blocks until the app holds the other end, asks for a pipe
+    // capacity of `blockBytes` and sets fifoIsPipe. False when it does not open. Logs under `tag`:
     // "failed to open %s\n" (error), "%s opened buffer size %d\n" (debug).
     bool openFifo(int flags, size_t blockBytes, const char* tag);
 
@@ -108,6 +108,7 @@ class UafCh {
     std::atomic<uint32_t> stopDelayCnt{0};  // isRunning calls since the off request
     snd_pcm_t* pcmHandle = nullptr;         // null when closed
     int fifoFd = -1;                        // -1 when closed
+    bool fifoIsPipe = false;                // what is open is a pipe, whose reads wait
     DevName pcmName;                        // ALSA device name
     DevName fifoName;                       // path of the channel's FIFO
     FifoOpening fifoOpening;                // lets a thread out that waits on a deleted FIFO

@@ -332,6 +332,9 @@ int UafSrc::fifoRead() {
     if (fifoFd < 1 && !openFifo(O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
         return -1;
     }
+    if (!fifoIsPipe) {
+        pauseForTimeout();  // what is in the FIFO's place may never make a read wait
+    }
     const int rc = static_cast<int>(read(fifoFd, fifoBuf.get(), FIFO_BLOCK_BYTES));
     if (rc > 0) {
         return rc;

@@ -157,6 +157,19 @@ TEST_F(UafSrcFifoTest, AReadErrorClosesTheFifoAndRequestsAStop) {
     EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
 }
 
+TEST_F(UafSrcFifoTest, AFileInTheFifosPlaceIsReadAtTheSoundsPace) {
+    fake_sys::hooks().fcntl = [](int, int, long) { return -1; };
+    readResults({1920, 0});
+    runBlocks(3);
+    EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
+    EXPECT_EQ(30000000, sleptNs);
+}
+
+TEST_F(UafSrcFifoTest, TheFifoItselfIsReadWithoutAPause) {
+    runBlocks(3);
+    EXPECT_EQ(0, sleptNs);
+}
+
 TEST_F(UafSrcFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
     openResult = 0;
     runBlocks(2);
