@@ -24,6 +24,7 @@ constexpr int kPollMs = 100;  // how soon a thread sees that it is to end
 constexpr int kPriority = 40;
 constexpr int64_t kFrameBytes = 4;
 constexpr int64_t kBytesPerSecond = kFrameBytes * kRate;
+constexpr size_t kPeriodBytes = 960;
 
 sockaddr_un addressOf(const char* path) {
     sockaddr_un address{};
@@ -44,16 +45,6 @@ void makeRealtime(std::thread* thread) {
     }
 }
 
-Fd bindSocket() {
-    Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const sockaddr_un address = addressOf(kSocketRx);
-    unlink(kSocketRx);
-    if (!socket.isOpen() || bind(socket.get(), generic(address), sizeof address) != 0) {
-        fail(std::string("binding ") + kSocketRx);
-    }
-    return socket;
-}
-
 void makeFifo(const char* path) {
     if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
         fail(std::string("making ") + path);
@@ -66,6 +57,24 @@ Ns delayOf(int64_t chunk, Ns jitter) {
 }
 
 }  // namespace
+
+MessageSocket::MessageSocket()
+    : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    const sockaddr_un address = addressOf(kSocketRx);
+    unlink(kSocketRx);
+    if (!fd_.isOpen() || bind(fd_.get(), generic(address), sizeof address) != 0) {
+        fail(std::string("binding ") + kSocketRx);
+    }
+}
+
+std::vector<Message> MessageSocket::take() {
+    std::vector<Message> messages;
+    Message message{};
+    while (recv(fd_.get(), &message, sizeof message, 0) == sizeof message) {
+        messages.push_back(message);
+    }
+    return messages;
+}
 
 Ns Heard::timeOf(int64_t index) const {
     const int64_t frame = firstFrame_ + index;
@@ -80,13 +89,16 @@ void App::makeFifos() {
     makeFifo(kFifoTx);
 }
 
-App::App(AppOptions options) : options_(options), speakingPaused_(!options.speaks) {
+App::App(AppOptions options)
+    : options_(options),
+      speakingPaused_(!options.speaks),
+      slowdownPercent_(options.slowdownPercent) {
     signal(SIGPIPE, SIG_IGN);
     makeFifos();
     // Open for both, so that the stream's end shows as silence and not as an end of file.
     rx_ = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
     if (options.socket) {
-        socket_ = bindSocket();
+        socket_.emplace();
     }
     listener_ = std::thread([this] { listen(); });
     talker_ = std::thread([this] { talk(); });
@@ -148,7 +160,7 @@ int App::sendBytes(const void* bytes, size_t count) {
 void App::listen() {
     while (!stop_) {
         pollfd sources[] = {{listeningPaused_ ? -1 : rx_.get(), POLLIN, 0},
-                            {socket_.get(), POLLIN, 0}};
+                            {socket_ ? socket_->fd() : -1, POLLIN, 0}};
         poll(sources, 2, kPollMs);
         if ((sources[0].revents & POLLIN) != 0) {
             readSound();
@@ -161,9 +173,14 @@ void App::listen() {
 
 void App::readSound() {
     int16_t frames[4096][2];
-    const ssize_t got = read(rx_.get(), frames, sizeof frames);
+    const Ns pause = listeningPause_;
+    const ssize_t got = read(rx_.get(), frames, pause > 0 ? kPeriodBytes : sizeof frames);
     const Ns at = now();
+    sleepUntil(at + pause);
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (got == 0) {
+        listeningPaused_ = true;  // no FIFO, so that reading it would not wait
+    }
     if (got >= kFrameBytes) {
         heard_.blocks.push_back({at, heardFrames_});
     }
@@ -175,8 +192,7 @@ void App::readSound() {
 }
 
 void App::readMessages() {
-    Message message{};
-    while (recv(socket_.get(), &message, sizeof message, 0) == sizeof message) {
+    for (const Message& message : socket_->take()) {
         const std::lock_guard<std::mutex> lock(mutex_);
         messages_.push_back({now(), message});
     }
@@ -185,10 +201,12 @@ void App::readMessages() {
 void App::talk() {
     const Ns start = now();
     const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
+    Ns behind = 0;
     for (int64_t chunk = 0; !stop_; ++chunk) {
         const int64_t byte = chunk * chunkBytes;
-        const Ns due = start + byte / kBytesPerSecond * kSecond +
+        const Ns due = start + behind + byte / kBytesPerSecond * kSecond +
                        byte % kBytesPerSecond * kSecond / kBytesPerSecond;
+        behind += chunkBytes * kSecond / kBytesPerSecond * slowdownPercent_ / 100;
         sleepUntil(due + delayOf(chunk, options_.jitter));
         openTx();
         if (!speakingPaused_) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -32,6 +33,19 @@ struct Message {
 struct ReceivedMessage {
     Ns at;
     Message message;
+};
+
+// The app's end of the messages: bound to kSocketRx for as long as this lives, holding what the
+// daemon sent until it is taken. Its path stays behind, as a process's does. Any thread.
+class MessageSocket {
+  public:
+    MessageSocket();
+    // What came since the last call, oldest first.
+    std::vector<Message> take();
+    int fd() const { return fd_.get(); }
+
+  private:
+    Fd fd_;
 };
 
 // What was read in one go.
@@ -62,6 +76,7 @@ struct SentBlock {
 struct AppOptions {
     Ns jitter = 0;             // each write comes up to this much late
     size_t chunkBytes = 1920;  // of one write; 10 ms of interleaved stereo
+    int slowdownPercent = 0;   // as by speakSlower, from the beginning
     bool socket = true;        // binds the message socket
     bool speaks = true;        // from the beginning; else the FIFO is held open until it speaks
 };
@@ -83,8 +98,13 @@ class App {
     int64_t nextFrame() const { return nextFrame_; }
     // Nothing is written any more, or it is again.
     void pauseSpeaking(bool pause) { speakingPaused_ = pause; }
+    // Takes `percent` longer from one write to the next; 0 is on time again.
+    void speakSlower(int percent) { slowdownPercent_ = percent; }
     // Nothing is read any more, or it is again.
     void pauseListening(bool pause) { listeningPaused_ = pause; }
+    // Reads one period of the daemon's (240 frames) at a time, and then nothing for `pause`; 0 is
+    // at once again.
+    void listenSlowly(Ns pause) { listeningPause_ = pause; }
 
     // What came since the last call.
     Heard takeHeard();
@@ -113,7 +133,7 @@ class App {
     const AppOptions options_;
     Fd rx_;
     Fd tx_;
-    Fd socket_;
+    std::optional<MessageSocket> socket_;
     mutable std::mutex mutex_;  // guards what follows up to the atomics
     Heard heard_;
     Voice voice_ = silence;
@@ -124,6 +144,8 @@ class App {
     std::atomic<int64_t> lostBlocks_{0};
     std::atomic<bool> speakingPaused_{false};
     std::atomic<bool> listeningPaused_{false};
+    std::atomic<int> slowdownPercent_{0};
+    std::atomic<Ns> listeningPause_{0};
     std::atomic<bool> stop_{false};
     std::thread listener_;
     std::thread talker_;

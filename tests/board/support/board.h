@@ -2,6 +2,7 @@
 // daemon between them, and the proof that the daemon is whole. One thread at a time.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +41,8 @@ class Board {
     // App and daemon up, the first events handled. Without `withMicService` the daemon finds no
     // capture to synchronise with.
     void start(bool withMicService = true, AppOptions options = {});
+    // The daemon alone, the first events handled; `prepare` as for Daemon::start.
+    void startDaemon(const std::function<void()>& prepare = {});
 
     // True as soon as the daemon has handled every event record and waits for the next.
     bool settle(Ns limit = 5 * kSecond);
@@ -57,15 +60,17 @@ class Board {
     std::unique_ptr<MicService> micService;
     std::unique_ptr<App> app;
     Daemon daemon;
+    // Of its threads, those that a scenario has ended for good or kept from starting.
+    size_t missingThreads = 0;
 
   private:
+    size_t idleThreads() const { return kIdleThreads - missingThreads; }
     std::string findIdleDamage();
     std::string findStreamingDamage();
     std::string findBusyThread(Ns allowed);
     std::string findLostMemory() const;
     std::vector<std::string> lastingDescriptors() const;
 
-    Ns daemonStart_ = 0;
     std::vector<std::string> descriptors_;  // after the start
     MemoryView memory_{};                   // after the start
 };

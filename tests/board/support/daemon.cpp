@@ -103,7 +103,7 @@ Daemon::~Daemon() {
     stop();
 }
 
-void Daemon::start() {
+void Daemon::start(const std::function<void()>& prepare) {
     const Fd log = Fd::open(logPath_, O_WRONLY | O_APPEND);
     const Fd out = Fd::open(stdoutPath_, O_WRONLY | O_APPEND);
     pid_ = fork();
@@ -111,6 +111,9 @@ void Daemon::start() {
         signal(SIGPIPE, SIG_DFL);
         dup2(out.get(), STDOUT_FILENO);
         dup2(log.get(), STDERR_FILENO);
+        if (prepare) {
+            prepare();
+        }
         execl(kProgram, "uafd", nullptr);
         _exit(127);
     }

@@ -2,6 +2,7 @@
 // board. One thread at a time.
 #pragma once
 
+#include <functional>
 #include <ios>
 #include <string>
 #include <vector>
@@ -32,7 +33,8 @@ class Daemon {
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    void start();
+    // `prepare` runs in the new process just before the daemon, its output already in place.
+    void start(const std::function<void()>& prepare = {});
     // Ends it by signal.
     void stop();
     // Stops it where it is, whole, and lets it go on.
@@ -42,6 +44,7 @@ class Daemon {
     // When it has ended by itself: its exit status.
     int waitForExit(Ns limit = 5 * kSecond);
     pid_t pid() const { return pid_; }
+    const std::string& logPath() const { return logPath_; }
 
     // The log so far, of all starts, and its length, to be used as a mark.
     const std::vector<LogLine>& log();
