@@ -1,0 +1,45 @@
+// The fixture of scenarios: a whole board, and the sentences that many of them share.
+#pragma once
+
+#include <vector>
+
+#include "tests/board/board_case.h"
+
+class Scenario : public BoardCase {
+  protected:
+    static constexpr uint32_t kSpeaker = 1;  // the channels, as messages name them
+    static constexpr uint32_t kMic = 2;
+
+    void bothOn() {
+        host.command("speaker on");
+        host.command("mic on");
+        ASSERT_TRUE(hasThreads(board::kStreamingThreads - missingThreads));
+    }
+    void bothOff() {
+        host.command("speaker off");
+        host.command("mic off");
+    }
+
+    // A raw record: what the host does with its stream stays as it is.
+    void record(uint32_t type, uint32_t data) {
+        host.command("record " + std::to_string(type) + " " + std::to_string(data));
+    }
+
+    // The daemon takes no more than a little of a second of trouble.
+    void expectNobodyBusy() {
+        const board::Ns before = board::cpuOf(daemon.pid());
+        board::sleepFor(board::kSecond);
+        EXPECT_LT(board::cpuOf(daemon.pid()) - before, 200 * board::kMs);
+    }
+
+    // The host hears something of the app's within the limit.
+    bool hostHears(board::Ns limit = 5 * board::kSecond) {
+        host.takeRecording();
+        return board::waitFor(
+            [this] {
+                const board::Samples recorded = host.takeRecording();
+                return board::firstSound(recorded) < recorded.size();
+            },
+            limit);
+    }
+};
