@@ -210,16 +210,6 @@ TEST_F(Events, ASyncUpTellsTheStateOfBothChannels) {
     EXPECT_THAT(told(), ElementsAre(Message{0, 0}));
 }
 
-TEST_F(Events, ADatagramThatIsTooShortIsRefusedAndOneThatIsTooLongIsCut) {
-    app->sendBytes("four", 4);
-    EXPECT_TRUE(daemon.waitForLog("unexpected msg size: 4"));
-    const uint32_t twelve[] = {5, 1, 0xFFFFFFFF};
-    const board::Ns since = board::now();
-    app->sendBytes(twelve, sizeof twelve);
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; }));
-}
-
 // ---- States of a channel -----------------------------------------------------------------------
 
 class Channel : public Events, public testing::WithParamInterface<uint32_t> {
