@@ -1,0 +1,202 @@
+// Uevents that are none of the gadget's: of processes, to other groups, too long, of no subsystem,
+// and more than anybody can listen to.
+#include "tests/board/support/uevent.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/board/scenarios/scenario.h"
+#include "tests/board/support/host_player.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Message;
+using board::ueventText;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr unsigned kKernelGroup = 1;
+constexpr char kStranger[] = "ignoring non-kernel netlink multicast message";
+constexpr char kOverrun[] =
+    "recvmsg error: <-1:105:No buffer space available> - likely a timeout for RK-based SoC";
+constexpr char kGadgetGone[] =
+    "change@/devices/virtual/android_usb/android0 ACTION=change "
+    "DEVPATH=/devices/virtual/android_usb/android0 SUBSYSTEM=android_usb USB_STATE=DISCONNECTED";
+
+class Uevents : public Scenario {
+  protected:
+    void SetUp() override {
+        start();
+        ASSERT_TRUE(app->waitForMessages(5));
+        messages_ = app->messages().size();
+        mark_ = daemon.mark();
+    }
+
+    std::vector<Message> told() { return app->messageValues(messages_); }
+    int said(const std::string& text) { return daemon.count(text, mark_); }
+    // Lines of the monitor but its ticks.
+    int linesSaid() {
+        daemon.log();
+        int lines = 0;
+        for (size_t i = mark_; i < daemon.log().size(); ++i) {
+            lines += board::matches(daemon.log()[i].text,
+                                    "recvmsg error: <-1:11:Resource temporarily unavailable> - "
+                                    "likely a timeout for RK-based SoC")
+                         ? 0
+                         : 1;
+        }
+        return lines;
+    }
+    // A uevent of the gadget's own is heard.
+    void expectHearing() {
+        const size_t before = told().size();
+        host.command("cable 0");
+        host.command("usb_state DISCONNECTED");
+        host.command("usb_state CONFIGURED");
+        host.command("cable 1");
+        ASSERT_TRUE(app->waitForMessages(messages_ + before + 2));
+        EXPECT_THAT(app->messageValues(messages_ + before),
+                    ElementsAre(Message{0, 0}, Message{0, 1}));
+    }
+
+    board::UeventSender sender_;
+
+  private:
+    size_t messages_ = 0;
+    size_t mark_ = 0;
+};
+
+// What a process sends to a group that the daemon listens to is seen and refused; the daemon does
+// not listen to the others.
+TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
+    int refused = 0;
+    for (unsigned group = 1; group != 0; group <<= 1) {
+        SCOPED_TRACE(group);
+        sender_.send(ueventText(kGadgetGone), group);
+        board::sleepFor(20 * kMs);
+        refused += group <= 8 ? 1 : 0;
+        EXPECT_EQ(said(kStranger), refused);
+    }
+    EXPECT_EQ(linesSaid(), refused);
+    EXPECT_THAT(told(), IsEmpty());
+    expectHearing();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// Of 2304 bytes a uevent fits, and is then refused for what it is.
+TEST_F(Uevents, ThatAreTooLongAreDroppedAsTruncated) {
+    constexpr size_t longest = 2304;
+    sender_.send(std::string(longest, 'x'), kKernelGroup);
+    ASSERT_TRUE(daemon.waitForLog(kStranger));
+    for (const size_t size : {longest + 1, size_t{4000}, size_t{100000}}) {
+        sender_.send(std::string(size, 'x'), kKernelGroup);
+    }
+    board::sleepFor(100 * kMs);
+    EXPECT_EQ(said("recvmsg truncate: <2304:11:Resource temporarily unavailable>, buf size is "
+                   "2304") +
+                  said("recvmsg truncate: <2304:0:Success>, buf size is 2304"),
+              3);
+    EXPECT_EQ(said(kStranger), 1);
+    EXPECT_THAT(told(), IsEmpty());
+    expectHearing();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Uevents, OfNoSubsystemAreNobodys) {
+    sender_.sendAsKernel(
+        ueventText("change@/devices/virtual/android_usb/android0 ACTION=change "
+                   "DEVPATH=/devices/virtual/android_usb/android0 USB_STATE=DISCONNECTED"));
+    board::sleepFor(100 * kMs);
+    EXPECT_EQ(linesSaid(), 0);
+    EXPECT_THAT(told(), IsEmpty());
+    // With the subsystem the same text is the gadget's, which shows that the one before was heard.
+    sender_.sendAsKernel(ueventText(kGadgetGone));
+    ASSERT_TRUE(daemon.waitForLog("subsystem: android_usb, action: 3, usbstate=DISCONNECTED"));
+    EXPECT_THAT(told(), ElementsAre(Message{0, 0}));
+    host.command("usb_state CONFIGURED");
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Uevents, ThatAreNoneAreReportedAndDropped) {
+    for (const char* text : {"libudev", "", "change ACTION=change SUBSYSTEM=android_usb"}) {
+        sender_.sendAsKernel(ueventText(text));
+    }
+    EXPECT_TRUE(daemon.waitForLog("decoding netlinmk msg failed", 0, 3));
+    EXPECT_EQ(linesSaid(), 3);
+    EXPECT_THAT(told(), IsEmpty());
+    expectHearing();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// Both directions go on below a flood; what the socket cannot hold is lost, the daemon says so, and
+// when the flood is over there is nothing left of it.
+class Flood : public Uevents, public testing::WithParamInterface<bool> {
+  protected:
+    static constexpr int kUevents = 100000;
+    static bool isKernels() { return GetParam(); }
+
+    void flood() {
+        // Of a subsystem that is of no interest, as most of a board's are.
+        const std::string text = ueventText(
+            "change@/devices/virtual/thermal/thermal_zone0 ACTION=change "
+            "DEVPATH=/devices/virtual/thermal/thermal_zone0 SUBSYSTEM=thermal");
+        for (int i = 0; i < kUevents; ++i) {
+            if (isKernels()) {
+                sender_.sendAsKernel(text);
+            } else {
+                sender_.send(text, kKernelGroup);
+            }
+        }
+    }
+
+    // What was heard is what the host played, from some frame on, without a frame missing.
+    void expectExact(const board::Heard& heard) {
+        const int64_t first =
+            board::find(heard.left, 0, board::render(board::noise, 0, board::kRate));
+        ASSERT_GE(first, 0);
+        for (size_t i = 0; i < heard.left.size(); ++i) {
+            ASSERT_EQ(heard.left[i], board::noise(first + static_cast<int64_t>(i))) << i;
+        }
+    }
+};
+
+TEST_P(Flood, OfAHundredThousandPassesAndLeavesNothing) {
+    host.command("flush speaker");
+    const board::HostPlayer player(board::noise);
+    ASSERT_TRUE(board::waitFor([&] { return player.queued() > board::kRate; }));
+    app->speak(board::noise);
+    bothOn();
+    ASSERT_TRUE(hostHears());
+    const board::Ns cpu = board::cpuOf(daemon.pid());
+    const int64_t memory = board::memoryOf(daemon.pid()).privateKb;
+    const board::Ns start = board::now();
+    flood();
+    const board::Ns time = board::now() - start;
+    const board::Ns used = board::cpuOf(daemon.pid()) - cpu;
+    board::sleepFor(100 * kMs);
+    EXPECT_NEAR(static_cast<double>(board::memoryOf(daemon.pid()).privateKb),
+                static_cast<double>(memory), 32);
+    expectHearing();
+    expectExact(app->takeHeard());
+    EXPECT_EQ(host.counter("capture.xruns") + host.counter("playback.xruns"), 0);
+    bothOff();
+    const int overruns = said(kOverrun);
+    const int refused = said(kStranger);
+    printf("flood: %d uevents in %.2f s, the daemon used %.2f s, %d overruns, %d refused\n",
+           kUevents, static_cast<double>(time) / kSecond, static_cast<double>(used) / kSecond,
+           overruns, refused);
+    EXPECT_GT(used, 200 * kMs);  // it listened
+    if (!isKernels()) {          // a line for each takes longer than the sending
+        EXPECT_GT(overruns, 10);
+        EXPECT_GT(refused, kUevents / 10);
+        EXPECT_LT(refused, kUevents);
+    }
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, Flood, testing::Bool(), [](const auto& info) {
+    return info.param ? "KernelUevents" : "ProcessUevents";
+});
+
+}  // namespace
