@@ -1,0 +1,307 @@
+// The app stands still and goes on, and reads and writes as it likes: too slowly, too fast, in
+// pieces of any size. What that must cost is lost, and nothing else, and nothing afterwards.
+#include <algorithm>
+#include <csignal>
+
+#include "tests/board/scenarios/scenario.h"
+#include "tests/board/support/app_process.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/mic_stream.h"
+
+namespace {
+
+using board::App;
+using board::FrameKind;
+using board::HostPlayer;
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::MicStream;
+using board::Ns;
+
+constexpr int kPeriod = 240;
+constexpr Ns kPeriodTime = 5 * kMs;
+
+// ---- Stopped and continued ---------------------------------------------------------------------
+
+class StoppedApp : public Scenario {
+  protected:
+    void SetUp() override {
+        start();
+        app.reset();
+        process_ = std::make_unique<board::AppProcess>();
+        player_ = std::make_unique<HostPlayer>(board::noise);
+        bothOn();
+        ASSERT_TRUE(soundFlows());
+    }
+
+    bool soundFlows() {
+        const int64_t heard = process_->heardSound();
+        return board::waitFor([&] { return process_->heardSound() > heard + kRate / 10; }) &&
+               hostHears();
+    }
+    void restoreApp() {
+        process_.reset();
+        player_.reset();
+        app = std::make_unique<App>();
+    }
+
+    std::unique_ptr<board::AppProcess> process_;
+    std::unique_ptr<HostPlayer> player_;
+};
+
+TEST_F(StoppedApp, HearsAndIsHeardAgainWhenItGoesOn) {
+    for (const Ns time : {20 * kMs, 60 * kMs, 500 * kMs, 10 * kSecond}) {
+        SCOPED_TRACE(time / kMs);
+        process_->freeze();
+        board::sleepFor(time);
+        process_->thaw();
+        EXPECT_TRUE(soundFlows());
+    }
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (#)"), 0);
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The messages wait, in its socket and for it.
+TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
+    constexpr int volumes = 50;
+    const int64_t messages = process_->messages();
+    process_->freeze();
+    for (int i = 0; i < volumes; ++i) {
+        host.command("volume speaker " + std::to_string(i));
+    }
+    EXPECT_TRUE(settle());
+    process_->thaw();
+    EXPECT_TRUE(board::waitFor([&] { return process_->messages() == messages + volumes; }));
+    EXPECT_TRUE(soundFlows());
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The channels wait in the FIFOs; what the host wanted is done when they come out.
+TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
+    process_->freeze();
+    board::sleepFor(200 * kMs);
+    bothOff();
+    expectNobodyBusy();
+    process_->thaw();
+    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 2);
+    bothOn();
+    EXPECT_TRUE(soundFlows());
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(StoppedApp, MissesAnOffAndAnOnOfTheHosts) {
+    process_->freeze();
+    board::sleepFor(200 * kMs);
+    bothOff();
+    board::sleepFor(200 * kMs);
+    host.command("speaker on");
+    host.command("mic on");
+    expectNobodyBusy();
+    process_->thaw();
+    EXPECT_TRUE(soundFlows());
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(StoppedApp, IsKilled) {
+    process_->freeze();
+    board::sleepFor(200 * kMs);
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- Slow and fast -----------------------------------------------------------------------------
+
+class Pace : public Scenario {
+  protected:
+    void SetUp() override {
+        start();
+        xrunsBefore_ = allXruns();
+    }
+    int64_t xruns() const { return allXruns() - xrunsBefore_; }
+
+  private:
+    int64_t allXruns() const {
+        return host.counter("capture.xruns") + host.counter("playback.xruns");
+    }
+
+    int64_t xrunsBefore_ = 0;
+};
+
+// Whole periods of the host's sound, and from one to the next nothing or whole periods missing.
+// Returns how many frames are.
+int64_t expectWholePeriods(const board::Samples& heard) {
+    int64_t missing = 0;
+    for (size_t i = 1; i < heard.size(); ++i) {
+        const auto step = static_cast<uint16_t>(heard[i] - heard[i - 1]);
+        if (step != 1) {
+            EXPECT_EQ(i % kPeriod, 0U) << "a gap within a period";
+            EXPECT_EQ((step - 1) % kPeriod, 0) << "a gap of a part of a period";
+            missing += step - 1;
+        }
+    }
+    return missing;
+}
+
+TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
+    const HostPlayer player(board::ramp);
+    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    host.command("speaker on");
+    ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
+    board::Samples heard = app->takeHeard().left;
+    EXPECT_EQ(expectWholePeriods(heard), 0);
+
+    app->listenSlowly(kPeriodTime * 21 / 20);
+    board::sleepFor(5 * kSecond);
+    const board::Samples slow = app->takeHeard().left;
+    heard.insert(heard.end(), slow.begin(), slow.end());
+    const int64_t missing = expectWholePeriods(heard);
+    EXPECT_NEAR(static_cast<double>(missing), 5.0 * kRate / 21, kRate / 20);
+    EXPECT_GE(daemon.count("too much samples in the buffer, drop samples. (avail=#)"), 5);
+    EXPECT_EQ(xruns(), 0);
+    // Three periods in the card's ring and two in the pipe may wait, up to the next look at them.
+    const int64_t behind = host.counter("speaker.frames") - host.counter("speaker.first_frames") -
+                           static_cast<int64_t>(heard.size()) - missing;
+    EXPECT_LT(behind, kRate / 10);
+    printf("slow reader: %ld frames missing, %ld behind, %d drops\n", static_cast<long>(missing),
+           static_cast<long>(behind),
+           daemon.count("too much samples in the buffer, drop samples. (avail=#)"));
+
+    app->listenSlowly(0);
+    board::sleepFor(kSecond);
+    app->takeHeard();
+    const board::Heard after = [&] {
+        board::sleepFor(kSecond);
+        return app->takeHeard();
+    }();
+    EXPECT_EQ(expectWholePeriods(after.left), 0);
+    host.command("speaker off");
+    EXPECT_EQ(findDamage(), "");
+}
+
+// So slow that the card's ring overruns: it starts over and over, and still nothing breaks.
+TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
+    const HostPlayer player(board::ramp);
+    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    host.command("speaker on");
+    ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
+    app->listenSlowly(kPeriodTime * 4);
+    board::sleepFor(3 * kSecond);
+    app->listenSlowly(0);
+    board::sleepFor(kSecond);
+    app->takeHeard();
+    board::sleepFor(kSecond);
+    EXPECT_EQ(expectWholePeriods(app->takeHeard().left), 0);
+    host.command("speaker off");
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The frame buffer runs dry again and again, less than eleven times a second: silence, a fresh
+// start, and every sample that came is heard.
+TEST_F(Pace, ASlowWriterIsHeardInPieces) {
+    MicStream mic(this, board::noise);
+    board::sleepFor(kSecond);
+    mic.observe();
+    EXPECT_EQ(mic.trace().count(FrameKind::kStarved), 0);
+    app->speakSlower(3);
+    board::sleepFor(5 * kSecond);
+    mic.observe();
+    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
+    EXPECT_GE(mic.trace().count(FrameKind::kStarved), 5);
+    EXPECT_EQ(daemon.count("increased ssrs queue depth"), 0);
+    EXPECT_GE(daemon.count("buffer loopcnt #, Depth #, Underruns #, Overruns 0"), 3);
+    app->speakSlower(0);
+    board::sleepFor(3 * kSecond);
+    mic.off();
+    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// So often dry that the buffer is enlarged, once; the next stream has the small one again.
+TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
+    MicStream mic(this, board::noise);
+    board::sleepFor(kSecond);
+    mic.observe();
+    app->speakSlower(40);
+    board::sleepFor(5 * kSecond);
+    mic.observe();
+    EXPECT_EQ(daemon.count("increased ssrs queue depth"), 1);
+    app->speakSlower(0);
+    board::sleepFor(3 * kSecond);
+    mic.off();
+    // What was queued when the buffer was enlarged is discarded, within a frame.
+    EXPECT_LE(mic.trace().count(FrameKind::kUnexplained), 2);
+    EXPECT_EQ(findDamage(), "");
+    EXPECT_EQ(daemon.count("increased ssrs queue depth"), 1);
+}
+
+// What finds the buffer full is dropped, a block at a time.
+TEST_F(Pace, AFastWriterLosesWholeBlocks) {
+    MicStream mic(this, board::noise);
+    board::sleepFor(kSecond);
+    app->speakSlower(-20);
+    board::sleepFor(2 * kSecond);
+    app->speakSlower(0);
+    board::sleepFor(kSecond);
+    mic.observe();
+    EXPECT_GT(mic.trace().count(FrameKind::kUnexplained), 10);
+    const int64_t lost = mic.trace().count(FrameKind::kUnexplained);
+    board::sleepFor(2 * kSecond);
+    mic.off();
+    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), lost);
+    EXPECT_EQ(xruns(), 0);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- Pieces of any size ------------------------------------------------------------------------
+
+class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {};
+
+// Frames that latency control draws out or presses are not the noise's.
+bool holdsNoise(const board::Samples& recorded) {
+    constexpr size_t places = 20;
+    const board::Samples spoken = board::render(board::noise, 0, 3 * kRate);
+    for (size_t i = 0; i < places; ++i) {
+        if (board::find(recorded, recorded.size() * i / places, spoken) >= 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A write that is no whole block spoils the sound: each read counts as a block, with what is left
+// of the one before. The next app is heard as if there had been nothing.
+TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
+    const size_t chunkBytes = GetParam();
+    start();
+    app.reset();
+    board::AppOptions odd;
+    odd.chunkBytes = chunkBytes;
+    // A tiny write is as much work for the daemon as a whole block, so these come no more often.
+    odd.slowdownPercent = chunkBytes < 100 ? static_cast<int>(100 * 1920 / chunkBytes) : 0;
+    app = std::make_unique<App>(odd);
+    app->speak(board::noise);
+    host.command("mic on");
+    EXPECT_TRUE(hostHears());
+    expectNobodyBusy();
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (#)"), 0);
+
+    app = std::make_unique<App>();
+    app->speak(board::noise);
+    board::sleepFor(500 * kMs);
+    host.takeRecording();
+    board::sleepFor(kSecond);
+    EXPECT_TRUE(holdsNoise(host.takeRecording()));
+    host.command("mic off");
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, ChunkSize, testing::Values(1, 3, 959, 960, 961, 1919, 1920, 4096),
+                         [](const auto& info) { return std::to_string(info.param) + "Bytes"; });
+
+}  // namespace
