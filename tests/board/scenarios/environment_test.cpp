@@ -1,0 +1,376 @@
+// What is around the daemon: memory that is not to be had, a log that nobody reads, a second
+// daemon, and what earlier ones left behind.
+#include <csignal>
+#include <fcntl.h>
+#include <sstream>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "tests/board/scenarios/scenario.h"
+#include "tests/board/support/host_player.h"
+
+namespace {
+
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::kSocketTx;
+using board::Message;
+
+constexpr size_t kMiB = 1 << 20;
+
+// A process of the test's that ends with it, or when this does.
+class Child {
+  public:
+    explicit Child(const std::function<void()>& life) : pid_(fork()) {
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            life();
+            _exit(0);
+        }
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void freeze() const { kill(pid_, SIGSTOP); }
+    void thaw() const { kill(pid_, SIGCONT); }
+    // The signal that ended it, or 0.
+    int waitForEnd() {
+        int status = 0;
+        const bool ended =
+            board::waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 60 * kSecond);
+        pid_ = ended ? -1 : pid_;
+        return ended && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+class Environment : public Scenario {
+  protected:
+    // What the daemon makes of the app's messages shows at the driver.
+    bool answersTheApp() {
+        const board::Ns since = board::now();
+        return app->send({5, 1}) == 0 &&
+               board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; });
+    }
+    // The app's part of a start; the daemon comes later.
+    void startApp() { app = std::make_unique<board::App>(); }
+};
+
+// ---- What others left behind -------------------------------------------------------------------
+
+TEST_F(Environment, OfAStaleSocketIsTakenOver) {
+    start();
+    daemon.stop();
+    EXPECT_TRUE(board::exists(kSocketTx));
+    const size_t mark = daemon.mark();
+    startDaemon();
+    EXPECT_EQ(daemon.count("unlink failed err #, path does not exist ... ignoring", mark), 0);
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Environment, OfAFileInTheSocketsPlaceIsTakenOver) {
+    board::put(kSocketTx, "a file");
+    start();
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(Environment, OfAFolderInTheSocketsPlaceEndsTheStart) {
+    startApp();
+    mkdir(kSocketTx, 0755);
+    daemon.start();
+    EXPECT_EQ(daemon.waitForExit(), 255);
+    EXPECT_EQ(daemon.count("unlink failed, error: 21"), 1);
+    EXPECT_EQ(daemon.count("failed to initialized IPC ... exiting"), 1);
+    rmdir(kSocketTx);
+    startDaemon();
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(findDamage(), "");
+}
+
+// The second one gets the app's messages, each event of the driver one of the two. Neither minds.
+TEST_F(Environment, OfASecondDaemonLeavesBothInOrder) {
+    start();
+    board::Daemon second(caseName() + ".second");
+    second.start();
+    ASSERT_TRUE(second.waitForLog("enter loop"));
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(second.count("got speaker volume mute msg: mute=1"), 1);
+    EXPECT_EQ(daemon.count("got speaker volume mute msg: mute=1"), 0);
+
+    const size_t messages = app->messages().size();
+    host.command("speaker on");
+    ASSERT_TRUE(waitForChannel(kSpeaker, true, messages));
+    board::sleepFor(200 * kMs);
+    host.command("speaker off");
+    board::sleepFor(200 * kMs);
+    expectNobodyBusy();
+    EXPECT_TRUE(daemon.isRunning());
+    EXPECT_TRUE(second.isRunning());
+
+    second.stop();
+    EXPECT_NE(app->send({5, 1}), 0);  // the name was the second one's
+    daemon.stop();
+    startDaemon();
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(findDamage(), "");
+}
+
+// ---- The log -----------------------------------------------------------------------------------
+
+class LogReader : public Environment {
+  protected:
+    static constexpr char kPipe[] = "/tmp/daemon_log";
+
+    void SetUp() override {
+        unlink(kPipe);
+        ASSERT_EQ(mkfifo(kPipe, 0600), 0);
+        read();
+        startApp();
+        startDaemon([] { dup2(open(kPipe, O_WRONLY), STDERR_FILENO); });
+    }
+
+    // Into the file in which a test looks for the daemon's log.
+    void read() {
+        reader_ = std::make_unique<Child>([this] {
+            const std::string command = std::string("exec cat ") + kPipe + " >>" + daemon.logPath();
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        });
+    }
+
+    std::unique_ptr<Child> reader_;
+};
+
+TEST_F(LogReader, MayGoAndComeBack) {
+    bothOn();
+    reader_.reset();
+    EXPECT_EQ(findDamage(), "");
+    EXPECT_TRUE(answersTheApp());
+    expectNobodyBusy();
+    read();
+    const size_t mark = daemon.mark();
+    EXPECT_EQ(findDamage(), "");
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)", mark), 2);
+    EXPECT_EQ(daemon.count("handler: #"), 0);
+}
+
+// The pipe fills, and lines are lost; nobody waits.
+TEST_F(LogReader, MayStandStill) {
+    reader_->freeze();
+    const size_t messages = app->messages().size();
+    constexpr int changes = 2000;  // more lines than a pipe holds
+    for (int i = 0; i < changes; ++i) {
+        host.command("mute speaker " + std::to_string(i % 2));
+    }
+    EXPECT_TRUE(settle());
+    EXPECT_TRUE(app->waitForMessages(messages + changes));
+    EXPECT_EQ(findDamage(), "");
+    const size_t mark = daemon.mark();
+    reader_->thaw();
+    board::sleepFor(100 * kMs);
+    EXPECT_GT(daemon.mark(), mark);
+    EXPECT_EQ(findDamage(), "");
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)", mark), 2);
+}
+
+// ---- Memory ------------------------------------------------------------------------------------
+
+// Every thread's stack takes as much of the address space as the limit on stacks says.
+struct Room {
+    size_t stacks;  // for which there is room at the start
+    const char* complaint;
+};
+
+class RoomAtStart : public Environment, public testing::WithParamInterface<Room> {
+  protected:
+    static constexpr size_t kStack = 64 * kMiB;
+
+    static void limitTo(size_t stacks) {
+        const rlimit stack{kStack, kStack};
+        const rlimit space{stacks * kStack + kStack / 2, RLIM_INFINITY};
+        setrlimit(RLIMIT_STACK, &stack);
+        setrlimit(RLIMIT_AS, &space);
+    }
+};
+
+TEST_P(RoomAtStart, ForTooFewThreadsEndsTheStart) {
+    startApp();
+    daemon.start([] { limitTo(GetParam().stacks); });
+    EXPECT_EQ(daemon.waitForExit(), 255);
+    EXPECT_EQ(daemon.count(GetParam().complaint), 1);
+    EXPECT_EQ(daemon.count("failed to initialized IPC ... exiting"), 1);
+    startDaemon();
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, RoomAtStart,
+    testing::Values(
+        Room{0, "creating IPC RX thread failed: <11:#:Resource temporarily unavailable>"},
+        Room{1, "creating IPC TX thread failed: <11:#:Resource temporarily unavailable>"}),
+    [](const auto& info) { return std::to_string(info.param.stacks) + "Stacks"; });
+
+// Without the cable's monitor the daemon still streams.
+TEST_F(RoomAtStart, ForAllButTheMonitorStreams) {
+    startApp();
+    missingThreads = 1;
+    startDaemon([] { limitTo(2); });
+    EXPECT_EQ(daemon.count("pthread_create: <#:#>"), 0);
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_AS, &unlimited, nullptr), 0);
+    const size_t messages = app->messages().size();
+    host.command("usb_state DISCONNECTED");
+    host.command("usb_state CONFIGURED");
+    board::sleepFor(100 * kMs);
+    EXPECT_EQ(app->messages().size(), messages);
+    EXPECT_EQ(findDamage(), "");
+}
+
+// What a running daemon has it keeps; from then on nothing more is to be had.
+class NoMoreMemory : public Environment, public testing::WithParamInterface<size_t> {
+  protected:
+    static constexpr size_t kStack = 8 * kMiB;
+
+    // Room for so many more threads and next to nothing else.
+    void limitTo(size_t threads) {
+        std::istringstream pages(
+            board::contents("/proc/" + std::to_string(daemon.pid()) + "/statm"));
+        size_t total = 0;
+        pages >> total;
+        const auto pageBytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        setLimit(total * pageBytes + threads * (kStack + 2 * pageBytes));
+    }
+    void lift() { setLimit(RLIM_INFINITY); }
+
+  private:
+    void setLimit(rlim_t bytes) {
+        const rlimit limit{bytes, RLIM_INFINITY};
+        ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_AS, &limit, nullptr), 0);
+    }
+};
+
+// A stream that starts takes a thread for the speaker and two for the microphone.
+TEST_P(NoMoreMemory, KeepsThreadsFromStartingUntilThereIsSome) {
+    const size_t threads = GetParam();
+    start();
+    limitTo(threads);
+    host.command("speaker on");
+    host.command("mic on");
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(board::threadsOf(daemon.pid()).size(), board::kIdleThreads + threads);
+    EXPECT_EQ(daemon.count("pthread_create failed"), threads == 0 ? 2 : 1);
+    EXPECT_EQ(daemon.count("pthread_create: <#:Resource temporarily unavailable>"),
+              threads < 2 ? 1 : 0);
+    expectNobodyBusy();
+    EXPECT_TRUE(answersTheApp());
+    lift();
+    bothOff();
+    ASSERT_TRUE(settle());
+    bothOn();
+    EXPECT_EQ(findDamage(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(For, NoMoreMemory, testing::Values(0, 1, 2),
+                         [](const auto& info) { return std::to_string(info.param) + "Threads"; });
+
+class Streaming : public NoMoreMemory {
+  protected:
+    void SetUp() override {
+        start();
+        host.command("flush speaker");
+        player_ = std::make_unique<board::HostPlayer>(board::noise);
+        ASSERT_TRUE(board::waitFor([this] { return player_->queued() > kRate; }));
+        app->speak(board::noise);
+        bothOn();
+        ASSERT_TRUE(hostHears());
+    }
+
+    // Everything since the start was heard, without a frame missing.
+    void expectExact() {
+        const board::Samples heard = app->takeHeard().left;
+        const int64_t first = board::find(heard, 0, board::render(board::noise, 0, kRate));
+        ASSERT_GE(first, 0);
+        for (size_t i = 0; i < heard.size(); ++i) {
+            ASSERT_EQ(heard[i], board::noise(first + static_cast<int64_t>(i))) << i;
+        }
+        EXPECT_EQ(host.counter("capture.xruns") + host.counter("playback.xruns"), 0);
+    }
+
+    std::unique_ptr<board::HostPlayer> player_;
+};
+
+TEST_F(Streaming, GoesOnWithoutMoreMemory) {
+    limitTo(0);
+    for (int i = 0; i < 50; ++i) {
+        host.command("volume mic " + std::to_string(i));
+        board::sleepFor(20 * kMs);
+    }
+    EXPECT_TRUE(answersTheApp());
+    EXPECT_TRUE(hostHears());
+    expectExact();
+    bothOff();
+    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    lift();
+    EXPECT_EQ(findDamage(), "");
+}
+
+// Leaves the board with next to no memory, and without the work of filling it: huge pages that
+// nobody uses take it away.
+class ScarceMemory {
+  public:
+    ScarceMemory() {
+        std::istringstream lines(board::contents("/proc/meminfo"));
+        std::string key;
+        size_t kb = 0;
+        std::string unit;
+        while (lines >> key >> kb >> unit && key != "MemAvailable:") {
+        }
+        board::put(kHugePages, std::to_string((kb / 1024 - kLeftMiB) / 2));
+    }
+    ~ScarceMemory() { board::put(kHugePages, "0"); }
+    ScarceMemory(const ScarceMemory&) = delete;
+    ScarceMemory& operator=(const ScarceMemory&) = delete;
+
+  private:
+    static constexpr char kHugePages[] = "/proc/sys/vm/nr_hugepages";  // of 2 MiB
+    static constexpr size_t kLeftMiB = 48;
+};
+
+// Until the kernel ends the process that takes it.
+TEST_F(Streaming, GoesOnWhileAnotherProcessTakesAllMemory) {
+    const ScarceMemory scarce;
+    Child glutton([] {
+        board::put("/proc/self/oom_score_adj", "1000");
+        for (;;) {
+            void* const more = mmap(nullptr, kMiB, PROT_READ | PROT_WRITE,
+                                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+            if (more == MAP_FAILED) {
+                _exit(1);
+            }
+        }
+    });
+    EXPECT_EQ(glutton.waitForEnd(), SIGKILL);
+    EXPECT_TRUE(hostHears());
+    expectExact();
+    bothOff();
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
