@@ -170,6 +170,7 @@ void host_stream_attach(struct gadget_stream *stream)
 
 	spin_lock_irqsave(&host_lock, flags);
 	streams[stream->dir].running = stream;
+	streams[stream->dir].start_frames = streams[stream->dir].frames;
 	spin_unlock_irqrestore(&host_lock, flags);
 }
 
@@ -242,6 +243,7 @@ static void show_stream(struct seq_file *seq, enum usb_dir dir)
 	seq_printf(seq, "%s.frames %llu\n%s.last_ns %llu\n", name, host.frames, name, host.last_ns);
 	seq_printf(seq, "%s.first_ns %llu\n%s.first_frames %llu\n", name, host.first_ns, name,
 		   host.first_frames);
+	seq_printf(seq, "%s.start_frames %llu\n", name, host.start_frames);
 	seq_printf(seq, "%s.queued %u\n", name, kfifo_len(&host.queue) / (u32)sizeof(s16));
 	seq_printf(seq, "%s.silent %llu\n%s.dry %llu\n", name, host.silent, name, host.dry_spells);
 	seq_printf(seq, "%s.%s %llu\n", name, dir == SPEAKER ? "lost" : "dropped", host.lost);

@@ -164,6 +164,7 @@ struct host_stream {
 	u64 frames, last_ns;
 	u64 on_ns, on_frames;
 	u64 first_ns, first_frames;
+	u64 start_frames;
 	u64 silent, dry_spells;
 	u64 lost;			/* frames without a taker: no capture, or the host's queue full */
 	u64 stale;			/* played, but not written in time */

@@ -117,6 +117,23 @@ TEST_F(Sound, RecordsWhatIsPlayedFrameByFrame) {
     EXPECT_TRUE(recorded == written);
 }
 
+TEST_F(Sound, TellsTheFrameWithWhichAPlaybackStarted) {
+    command("flush mic");
+    command("mic on");
+    const int64_t begin = counter("mic.on_frames");
+    ASSERT_TRUE(waitFor([&] { return counter("mic.frames") > begin + 4800; }));
+    Pcm playback(SND_PCM_STREAM_PLAYBACK);
+    ASSERT_EQ(playback.setUp(kPlaybackBuffer, kPeriod), "");
+    ASSERT_EQ(playback.write(std::vector<int16_t>(kPeriod, 1)),
+              static_cast<snd_pcm_sframes_t>(kPeriod));
+    const int64_t start = counter("mic.start_frames");
+    ASSERT_TRUE(waitFor([&] { return counter("mic.frames") > start; }));
+    const std::vector<int16_t> recorded = usb_host::recorded();
+    ASSERT_GT(static_cast<int64_t>(recorded.size()), start - begin);
+    EXPECT_EQ(recorded[static_cast<size_t>(start - begin)], 1);
+    EXPECT_EQ(recorded[static_cast<size_t>(start - begin - 1)], 0);
+}
+
 TEST_F(Sound, PlaysTheRingAgainAndCountsItWhenTheProgramIsLate) {
     Pcm playback(SND_PCM_STREAM_PLAYBACK);
     ASSERT_EQ(playback.setUp(kPlaybackBuffer, kPeriod, 2 * kPlaybackBuffer), "");
