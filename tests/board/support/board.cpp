@@ -74,17 +74,21 @@ void Board::start(bool withMicService, AppOptions options) {
 }
 
 void Board::startDaemon(const std::function<void()>& prepare) {
-    const Ns start = now();
     const size_t mark = daemon.mark();
     daemon.start(prepare);
     // The monitor, when it starts at all, opens a file for a moment before it enters its loop.
-    if (!waitFor([&] { return host.countEvents("uac open w", start) == 1; }) ||
-        !hasThreads(idleThreads()) ||
+    if (!waitFor([&] { return hasBothGadgetDescriptors(); }) || !hasThreads(idleThreads()) ||
         !(missingThreads > 0 || daemon.waitForLog("enter loop", mark)) || !settle()) {
         throw std::runtime_error("the daemon did not come up");
     }
     descriptors_ = lastingDescriptors();
     memory_ = memoryOf(daemon.pid());
+}
+
+// The driver's event of an opening comes before the process has the descriptor.
+bool Board::hasBothGadgetDescriptors() const {
+    const std::vector<std::string> targets = descriptorsOf(daemon.pid());
+    return std::count(targets.begin(), targets.end(), "/dev/uac_user") == 2;
 }
 
 bool Board::settle(Ns limit) {

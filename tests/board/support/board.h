@@ -65,6 +65,7 @@ class Board {
 
   private:
     size_t idleThreads() const { return kIdleThreads - missingThreads; }
+    bool hasBothGadgetDescriptors() const;
     std::string findIdleDamage();
     std::string findStreamingDamage();
     std::string findBusyThread(Ns allowed);
