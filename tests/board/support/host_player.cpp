@@ -12,7 +12,7 @@ namespace board {
 namespace {
 
 constexpr int64_t kBlockFrames = 4800;
-constexpr Ns kPause = 50 * kMs;  // well below what the device's queue holds
+constexpr Ns kPause = 250 * kMs;  // well below what the device's queue holds
 
 }  // namespace
 
@@ -26,16 +26,19 @@ HostPlayer::~HostPlayer() {
 
 void HostPlayer::run() {
     const Fd device = Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
+    Samples block;  // the last one rendered, and how much of it is queued
+    size_t done = 0;
     while (!stop_ && queued_ < frames_) {
-        int16_t block[kBlockFrames];
-        const int64_t count = std::min(kBlockFrames, frames_ - queued_);
-        for (int64_t i = 0; i < count; ++i) {
-            block[i] = voice_(queued_ + i);
+        if (done == block.size()) {
+            block = render(voice_, queued_, std::min(kBlockFrames, frames_ - queued_));
+            done = 0;
         }
         const ssize_t written =
-            write(device.get(), block, static_cast<size_t>(count) * sizeof(int16_t));
+            write(device.get(), block.data() + done, (block.size() - done) * sizeof(int16_t));
         if (written > 0) {
-            queued_ += written / static_cast<ssize_t>(sizeof(int16_t));
+            const size_t frames = static_cast<size_t>(written) / sizeof(int16_t);
+            done += frames;
+            queued_ += static_cast<int64_t>(frames);
         } else {
             sleepFor(kPause);
         }
