@@ -52,8 +52,9 @@ void makeFifo(const char* path) {
 }
 
 // Spreads the writes over the allowed jitter, the same way in every run.
-Ns delayOf(int64_t chunk, Ns jitter) {
-    return jitter == 0 ? 0 : static_cast<uint16_t>(noise(chunk)) * jitter / 65536;
+Ns delayOf(int64_t chunk, const AppOptions& options) {
+    const int64_t draw = chunk + (options.jitterSeed << 32);
+    return options.jitter == 0 ? 0 : static_cast<uint16_t>(noise(draw)) * options.jitter / 65536;
 }
 
 }  // namespace
@@ -129,6 +130,11 @@ std::vector<SentBlock> App::sentBlocks() const {
     return sent_;
 }
 
+std::vector<SentBlock> App::takeSentBlocks() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(sent_, {});
+}
+
 std::vector<ReceivedMessage> App::messages() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return messages_;
@@ -184,11 +190,12 @@ void App::readSound() {
     if (got >= kFrameBytes) {
         heard_.blocks.push_back({at, heardFrames_});
     }
-    for (ssize_t i = 0; i < got / kFrameBytes; ++i) {
+    const ssize_t count = std::max<ssize_t>(got, 0) / kFrameBytes;
+    for (ssize_t i = 0; i < count; ++i) {
         heard_.left.push_back(frames[i][0]);
         heard_.unequalFrames += frames[i][0] != frames[i][1] ? 1 : 0;
-        ++heardFrames_;
     }
+    heardFrames_ += count;
 }
 
 void App::readMessages() {
@@ -199,15 +206,14 @@ void App::readMessages() {
 }
 
 void App::talk() {
-    const Ns start = now();
     const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
     Ns behind = 0;
     for (int64_t chunk = 0; !stop_; ++chunk) {
         const int64_t byte = chunk * chunkBytes;
-        const Ns due = start + behind + byte / kBytesPerSecond * kSecond +
+        const Ns due = startAt_ + behind + byte / kBytesPerSecond * kSecond +
                        byte % kBytesPerSecond * kSecond / kBytesPerSecond;
         behind += chunkBytes * kSecond / kBytesPerSecond * slowdownPercent_ / 100;
-        sleepUntil(due + delayOf(chunk, options_.jitter));
+        sleepUntil(due + delayOf(chunk, options_) + stall_.exchange(0));
         openTx();
         if (!speakingPaused_) {
             writeChunk(byte);

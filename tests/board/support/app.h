@@ -75,6 +75,7 @@ struct SentBlock {
 
 struct AppOptions {
     Ns jitter = 0;             // each write comes up to this much late
+    int64_t jitterSeed = 0;    // picks which comes how late
     size_t chunkBytes = 1920;  // of one write; 10 ms of interleaved stereo
     int slowdownPercent = 0;   // as by speakSlower, from the beginning
     bool socket = true;        // binds the message socket
@@ -96,6 +97,10 @@ class App {
     void speak(Voice voice);
     // The voice's frame that is spoken next.
     int64_t nextFrame() const { return nextFrame_; }
+    // When the app's clock has the frame: it is written then, or late.
+    Ns timeOfFrame(int64_t frame) const { return startAt_ + frame * kSecond / kRate; }
+    // The next block comes so much late, and those that are due meanwhile right behind it.
+    void stallSpeaking(Ns time) { stall_ = time; }
     // Nothing is written any more, or it is again.
     void pauseSpeaking(bool pause) { speakingPaused_ = pause; }
     // Takes `percent` longer from one write to the next; 0 is on time again.
@@ -111,6 +116,8 @@ class App {
     int64_t heardFrames() const { return heardFrames_; }
 
     std::vector<SentBlock> sentBlocks() const;
+    // Those since the last call, which are forgotten.
+    std::vector<SentBlock> takeSentBlocks();
     int64_t lostBlocks() const { return lostBlocks_; }
 
     std::vector<ReceivedMessage> messages() const;
@@ -131,6 +138,7 @@ class App {
     void writeChunk(int64_t firstByte);
 
     const AppOptions options_;
+    const Ns startAt_ = now();
     Fd rx_;
     Fd tx_;
     std::optional<MessageSocket> socket_;
@@ -142,6 +150,7 @@ class App {
     std::atomic<int64_t> heardFrames_{0};
     std::atomic<int64_t> nextFrame_{0};
     std::atomic<int64_t> lostBlocks_{0};
+    std::atomic<Ns> stall_{0};
     std::atomic<bool> speakingPaused_{false};
     std::atomic<bool> listeningPaused_{false};
     std::atomic<int> slowdownPercent_{0};

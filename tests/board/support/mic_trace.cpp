@@ -53,7 +53,7 @@ std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
         const int64_t sentAt = sentAt_;
         const FrameKind kind = explain(pending_.data() + at);
         ++counts_[static_cast<size_t>(kind)];
-        frames.push_back({recordedAt_, sentAt, lead_, kind});
+        frames.push_back({recordedAt_, sentAt + skipped_, lead_, kind, skipped_});
         recordedAt_ += kFrame;
     }
     pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
@@ -62,6 +62,7 @@ std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
 
 FrameKind MicTrace::explain(const int16_t* frame) {
     lead_ = 0;
+    skipped_ = 0;
     FrameKind kind = FrameKind::kUnexplained;
     if (!priming_ && follow(frame, 0, &kind)) {
         return kind;
@@ -118,8 +119,10 @@ bool MicTrace::isStarved(const int16_t* frame) {
 // Samples were lost: looks for the place further on that this frame follows.
 bool MicTrace::findAgain(const int16_t* frame, FrameKind* kind) {
     const int64_t before = sentAt_;
-    for (sentAt_ = before + 1; sentAt_ <= before + kLossMax; ++sentAt_) {
+    for (int64_t lost = 1; lost <= kLossMax; ++lost) {
+        sentAt_ = before + lost;
         if (follow(frame, 0, kind)) {
+            skipped_ = lost;
             priming_ = false;
             return true;
         }

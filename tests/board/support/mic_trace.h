@@ -17,6 +17,7 @@ struct MicFrame {
     int64_t sentAt;      // the first sample of it that was consumed
     int64_t lead;        // silent samples before that one
     FrameKind kind;
+    int64_t skipped;  // samples that are missing before it; what follows them is found again
     // How many samples more than it consumed the frame has, by latency control.
     int gain() const {
         return kind == FrameKind::kStretched ? 1 : kind == FrameKind::kSqueezed ? -1 : 0;
@@ -32,6 +33,8 @@ class MicTrace {
     std::vector<MicFrame> add(const Samples& recorded);
 
     int64_t frames() const { return recordedAt_ / kFrame; }
+    // Samples of what was sent that are behind the last frame.
+    int64_t consumed() const { return sentAt_; }
     int64_t count(FrameKind kind) const { return counts_[static_cast<size_t>(kind)]; }
     static constexpr int kFrame = 240;
 
@@ -48,6 +51,7 @@ class MicTrace {
     int64_t recordedAt_ = 0;
     int64_t sentAt_ = 0;
     int64_t lead_ = 0;     // of the frame explained last
+    int64_t skipped_ = 0;  // before the frame explained last
     bool priming_ = true;  // silence may precede what comes next
     int64_t counts_[6] = {};
 };
