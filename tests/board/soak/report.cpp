@@ -1,0 +1,138 @@
+#include "tests/board/soak/report.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+
+namespace board {
+namespace {
+
+constexpr Ns kUs = 1000;
+// Latency control lets the latency wander as far as its range is wide, and jitter moves it as far.
+constexpr int64_t kGrowthMaxKb = 256;  // a new thread's heap
+constexpr double kGainErrorMax = 480;
+
+void addCounts(std::ostream& out, const std::string& name, const Counts& counts) {
+    out << name << ".frames " << counts.frames << '\n'
+        << name << ".lost " << counts.lost << '\n'
+        << name << ".repeated " << counts.repeated << '\n'
+        << name << ".unexplained " << counts.unexplained << '\n'
+        << name << ".silent " << counts.silent << '\n'
+        << name << ".clicks " << counts.clicks << '\n'
+        << name << ".underruns " << counts.underruns << '\n'
+        << name << ".overruns " << counts.overruns << '\n'
+        << name << ".gained " << counts.gained << '\n';
+}
+
+void addWay(std::ostream& out, const std::string& name, const Way& way, Ns begin) {
+    const Latencies& latencies = way.latencies();
+    addCounts(out, name, way.countsOf(State::kCalm));
+    out << name << ".outside " << way.outside() << '\n'
+        << name << ".lost_when_disturbed " << way.countsOf(State::kDisturbed).lost << '\n'
+        << name << ".latency_us " << latencies.smallest() / kUs << ' '
+        << latencies.quantile(0.5) / kUs << ' ' << latencies.quantile(0.999) / kUs << ' '
+        << latencies.largest() / kUs << '\n'
+        << name << ".latency_bins" << latencies.text() << '\n'
+        << name << ".minutes_us";
+    for (const Ns minute : way.minutes()) {
+        out << ' ' << minute / kUs;
+    }
+    out << '\n';
+    for (const Ns at : way.wrongWhenCalm()) {
+        out << name << ".wrong_at_ms " << (at - begin) / kMs << '\n';
+    }
+}
+
+void addHoldings(std::ostream& out, const std::string& name, const Holdings& holdings) {
+    out << name << ".resident_kb " << holdings.memory.residentKb << '\n'
+        << name << ".private_kb " << holdings.memory.privateKb << '\n'
+        << name << ".descriptors " << holdings.descriptors << '\n';
+}
+
+// A playback that starts anew after an xrun fills its ring from the buffer at once; what is missing
+// there then comes back a sample with each frame that latency control draws out, 200 in a second at
+// the most.
+Ns recoveryMaxOf(DisturbanceKind kind) {
+    return kind == DisturbanceKind::kMicXrun ? 3 * kSecond : kSecond;
+}
+
+class Problems {
+  public:
+    void add(bool wrong, const std::string& sentence) {
+        if (wrong) {
+            list_.push_back(sentence);
+        }
+    }
+    // One that must be 0.
+    void addCount(const std::string& way, int64_t count, const std::string& what) {
+        add(count != 0, way + ": " + std::to_string(count) + " " + what);
+    }
+    std::vector<std::string> take() { return std::move(list_); }
+
+  private:
+    std::vector<std::string> list_;
+};
+
+void judgeWay(Problems* problems, const std::string& name, const Way& way) {
+    const Counts& counts = way.countsOf(State::kCalm);
+    problems->addCount(name, counts.lost, "frames lost");
+    problems->addCount(name, counts.repeated, "frames repeated");
+    problems->addCount(name, counts.unexplained, "frames of nothing that was sent");
+    problems->addCount(name, counts.silent, "frames of silence");
+    problems->addCount(name, counts.clicks, "clicks");
+    problems->addCount(name, counts.underruns, "underruns");
+    problems->addCount(name, counts.overruns, "overruns");
+    problems->addCount(name, way.outside(), "latencies outside of the window");
+}
+
+}  // namespace
+
+std::string reportOf(const Soak& soak) {
+    const SoakPlan& plan = soak.plan();
+    std::ostringstream out;
+    out << "ppm " << plan.ppm << "\njitter_ms " << plan.jitterMs << "\nminutes " << plan.minutes
+        << "\nseed " << plan.seed << '\n';
+    addWay(out, "speaker", soak.speaker(), soak.begin());
+    addWay(out, "mic", soak.mic(), soak.begin());
+    out << "xruns " << soak.xruns() << "\ngain_error " << soak.gainError() << '\n';
+    out << "strained.seconds " << soak.strainedSeconds() << '\n';
+    addCounts(out, "strained", soak.mic().countsOf(State::kStrained));
+    addHoldings(out, "first", soak.first());
+    addHoldings(out, "last", soak.last());
+    for (const Outcome& outcome : soak.outcomes()) {
+        out << "disturbance " << nameOf(outcome.disturbance.kind) << ' ' << outcome.atSecond << ' '
+            << outcome.disturbance.length / kUs << ' ' << outcome.speakerBack / kUs << ' '
+            << outcome.micBack / kUs << (outcome.unsettled ? " unsettled" : "") << '\n';
+    }
+    for (const std::string& problem : problemsOf(soak)) {
+        out << "problem " << problem << '\n';
+    }
+    return out.str();
+}
+
+std::vector<std::string> problemsOf(const Soak& soak) {
+    Problems problems;
+    judgeWay(&problems, "speaker", soak.speaker());
+    judgeWay(&problems, "mic", soak.mic());
+    const int64_t micFrames =
+        soak.mic().countsOf(State::kCalm).frames + soak.mic().countsOf(State::kStrained).frames;
+    const int64_t framesMin = soak.plan().minutes * 60L * kRate / 2;
+    problems.add(std::min(soak.speaker().countsOf(State::kCalm).frames, micFrames) < framesMin,
+                 "too little was streamed");
+    problems.addCount("both", soak.xruns(), "xruns");
+    problems.add(soak.gainError() > kGainErrorMax,
+                 "mic: latency control missed " + std::to_string(soak.gainError()) + " samples");
+    problems.add(soak.last().descriptors != soak.first().descriptors, "descriptors came or went");
+    problems.add(soak.last().memory.privateKb > soak.first().memory.privateKb + kGrowthMaxKb,
+                 "the daemon's memory has grown");
+    for (const Outcome& outcome : soak.outcomes()) {
+        const Ns limit = recoveryMaxOf(outcome.disturbance.kind);
+        problems.add(
+            outcome.speakerBack >= limit || (outcome.micBack >= limit && !outcome.unsettled),
+            std::string("no way back after ") + nameOf(outcome.disturbance.kind));
+    }
+    problems.add(!soak.damage().empty(), "damage: " + soak.damage());
+    return problems.take();
+}
+
+}  // namespace board
