@@ -85,7 +85,8 @@ void MicWay::countSkipped(int64_t samples) {
         return;
     }
     counts().lost += missing;
-    counts().overruns += missing / kBlockFrames;
+    // A frame in which latency control took a sample more or less leaves a block out by one.
+    counts().overruns += (missing + kBlockFrames / 2) / kBlockFrames;
 }
 
 }  // namespace board
