@@ -1,0 +1,249 @@
+// What the streaming threads do while they stream, counted by the kernel: none allocates or faults
+// a page in, each makes the system calls and takes the locks below and no others, and all run at
+// SCHED_FIFO 58. The latency control works meanwhile, and the threads log their progress.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <sys/mman.h>
+#include <sys/syscall.h>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/perf_event.h"
+#include "tests/board/support/streaming.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Ns;
+using board::PerfEvent;
+using board::PerfSample;
+using board::PerfScope;
+
+constexpr int kPriority = 58;
+constexpr int kHostPpb = 1000000;       // the host is faster: frames are stretched
+constexpr Ns kProbesSettle = kSecond;   // placing a probe faults a page in
+constexpr Ns kMeasured = 60 * kSecond;  // each thread logs its progress at least once
+
+constexpr uint64_t kReadFrames = 0x80184151;   // SNDRV_PCM_IOCTL_READI_FRAMES
+constexpr uint64_t kWriteFrames = 0x40184150;  // SNDRV_PCM_IOCTL_WRITEI_FRAMES
+constexpr uint64_t kSyncPointer = 0xc0884123;  // SNDRV_PCM_IOCTL_SYNC_PTR
+constexpr char kToPcm[] = "ioctl WRITEI_FRAMES";
+constexpr char kFromPcm[] = "ioctl READI_FRAMES";
+constexpr char kSync[] = "ioctl SYNC_PTR";
+
+// How often a thread may do something.
+struct Allowance {
+    int perPass = 0;
+    int perHundredPasses = 0;
+    int perLine = 0;  // of the log
+};
+using Allowances = std::map<std::string, Allowance>;
+
+// What a line of the log takes: one write, when that cannot wait and may not raise a signal.
+constexpr Allowance kForALine{0, 0, 1};
+constexpr Allowance kTwiceForALine{0, 0, 2};
+
+struct Conduct {
+    const char* thread;
+    pid_t tid;
+    const char* onceAPass;  // the system call that counts the passes
+    Ns pass;
+    Allowances systemCalls;
+    int locksPerPass;
+};
+
+// alsa-lib's wait takes the PCM's own lock, which no other thread uses, before its poll and after
+// it; the frame buffer's lock is taken once for each frame or block. The PCM's position is not
+// mapped into a process on this processor: alsa-lib asks for it to learn the state, before a wait
+// and after a transfer, and for the check of the backlog.
+std::vector<Conduct> conducts(const board::StreamingThreads& threads) {
+    Allowances logged{{"getpid", kForALine},
+                      {"gettid", kForALine},
+                      {"rt_sigprocmask", kTwiceForALine},
+                      {"rt_sigpending", kForALine},
+                      {"write to the log", kForALine}};
+    Allowances sink = logged;
+    sink["ppoll"] = {1, 0, 1};
+    sink[kFromPcm] = {1};
+    sink[kSync] = {3, 1};
+    sink["write"] = {1};
+    Allowances source = logged;
+    source["ppoll"] = {1, 0, 1};
+    source[kToPcm] = {1};
+    source[kSync] = {3};
+    Allowances buffer = logged;
+    buffer["ppoll"] = kForALine;
+    buffer["read"] = {1};
+    return {{"sink", threads.sink, "write", 5 * kMs, sink, 2},
+            {"source", threads.source, kToPcm, 5 * kMs, source, 3},
+            {"buffer", threads.buffer, "read", 10 * kMs, buffer, 1}};
+}
+
+std::string nameOf(const PerfSample& call) {
+    static const std::map<uint64_t, const char*> names{
+        {SYS_ppoll, "ppoll"},   {SYS_read, "read"},
+        {SYS_getpid, "getpid"}, {SYS_gettid, "gettid"},
+        {SYS_futex, "futex"},   {SYS_rt_sigprocmask, "rt_sigprocmask"},
+        {SYS_mmap, "mmap"},     {SYS_rt_sigpending, "rt_sigpending"},
+        {SYS_brk, "brk"},       {SYS_clock_nanosleep, "clock_nanosleep"}};
+    static const std::map<uint64_t, const char*> requests{
+        {kReadFrames, kFromPcm}, {kWriteFrames, kToPcm}, {kSyncPointer, kSync}};
+    const auto [number, first, second] = call.fields;
+    if (number == SYS_write) {
+        return first == STDERR_FILENO ? "write to the log" : "write";
+    }
+    if (number == SYS_ioctl && requests.count(second) != 0) {
+        return requests.at(second);
+    }
+    return names.count(number) != 0 ? names.at(number) : "system call " + std::to_string(number);
+}
+
+// What one thread does, from its making on.
+class Watch {
+  public:
+    explicit Watch(pid_t tid) : calls_(enters(tid)) {
+        calls_.record();
+        for (const char* function : {"malloc", "calloc", "realloc", "free", "posix_memalign",
+                                     "aligned_alloc", "memalign", "valloc", "strdup"}) {
+            events_.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
+        }
+        for (const char* function :
+             {"pthread_mutex_lock", "pthread_mutex_trylock", "pthread_mutex_timedlock",
+              "pthread_rwlock_rdlock", "pthread_rwlock_wrlock", "pthread_spin_lock",
+              "pthread_cond_wait", "pthread_cond_timedwait", "sem_wait", "flockfile"}) {
+            events_.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
+        }
+        events_.emplace("page fault", PerfEvent::pageFaults(PerfScope::thread(tid)));
+    }
+
+    // From here on.
+    void begin() {
+        calls_.take();
+        for (const auto& [what, event] : events_) {
+            before_[what] = event.count();
+        }
+    }
+    void look() {
+        for (const PerfSample& call : calls_.take()) {
+            ++done_[nameOf(call)];
+        }
+    }
+    // How often it did what, with everything that was watched.
+    std::map<std::string, int64_t> done() {
+        look();
+        std::map<std::string, int64_t> all = done_;
+        for (const auto& [what, event] : events_) {
+            all[what] = event.count() - before_[what];
+        }
+        return all;
+    }
+
+  private:
+    static PerfEvent enters(pid_t tid) {
+        return PerfEvent::traced(board::traceId("raw_syscalls/sys_enter"), PerfScope::thread(tid));
+    }
+
+    PerfEvent calls_;
+    std::map<std::string, PerfEvent> events_;
+    std::map<std::string, int64_t> before_;
+    std::map<std::string, int64_t> done_;
+};
+
+class Realtime : public BoardCase {
+  protected:
+    int linesOf(pid_t tid, size_t mark) {
+        const std::vector<board::LogLine>& log = daemon.log();
+        return static_cast<int>(
+            std::count_if(log.begin() + static_cast<std::ptrdiff_t>(mark), log.end(),
+                          [tid](const board::LogLine& line) { return line.tid == tid; }));
+    }
+
+    void expectScheduling(pid_t tid) {
+        const auto threads = board::threadsOf(daemon.pid());
+        const auto found = std::find_if(threads.begin(), threads.end(),
+                                        [tid](const auto& thread) { return thread.tid == tid; });
+        ASSERT_NE(found, threads.end());
+        EXPECT_EQ(found->policy, SCHED_FIFO);
+        EXPECT_EQ(found->priority, kPriority);
+    }
+
+    void expectConduct(const Conduct& conduct, Watch* watch, int lines) {
+        std::map<std::string, int64_t> done = watch->done();
+        const int64_t passes = done[conduct.onceAPass];
+        EXPECT_NEAR(static_cast<double>(passes), static_cast<double>(kMeasured / conduct.pass),
+                    static_cast<double>(passes) / 100);
+        EXPECT_GE(lines, 1) << "the progress was not logged";
+        Allowances allowed = conduct.systemCalls;
+        allowed["pthread_mutex_lock"] = {conduct.locksPerPass, 0, 1};
+        for (const auto& [what, times] : done) {
+            const Allowance most = allowed[what];
+            // A pass may be cut by the beginning and one by the end.
+            EXPECT_LE(times, (passes + 1) * most.perPass +
+                                 (passes / 100 + 1) * most.perHundredPasses + lines * most.perLine)
+                << what << ", in " << passes << " passes with " << lines << " lines logged";
+            if (times != 0) {
+                printf("realtime: %-6s %-20s %8.3f per pass\n", conduct.thread, what.c_str(),
+                       static_cast<double>(times) / static_cast<double>(passes));
+            }
+        }
+    }
+};
+
+// The watch itself: whatever it is to find, it finds.
+TEST(Watching, SeesWhatAThreadDoes) {
+    Watch watch(gettid());
+    watch.begin();
+    auto* const page = static_cast<volatile char*>(
+        mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    *page = 1;
+    void* volatile memory = malloc(1);
+    free(memory);
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    pthread_mutex_unlock(&mutex);
+    board::sleepFor(kMs);
+    const std::map<std::string, int64_t> done = watch.done();
+    EXPECT_GE(done.at("page fault"), 1);
+    EXPECT_GE(done.at("malloc"), 1);
+    EXPECT_GE(done.at("free"), 1);
+    EXPECT_GE(done.at("pthread_mutex_lock"), 1);
+    EXPECT_EQ(done.at("clock_nanosleep"), 1);
+    EXPECT_EQ(done.at("mmap"), 1);
+}
+
+TEST_F(Realtime, StreamingThreadsDoNothingThatMayTakeLong) {
+    start();
+    board::Streaming streaming(this);
+    host.command("ppb " + std::to_string(kHostPpb));
+    const std::vector<Conduct> all = conducts(streaming.threads());
+    std::map<pid_t, Watch> watches;
+    for (const Conduct& conduct : all) {
+        watches.emplace(conduct.tid, conduct.tid);
+    }
+    streaming.run(kProbesSettle, [] {});
+    for (auto& [tid, watch] : watches) {
+        watch.begin();
+    }
+    const size_t mark = daemon.mark();
+    streaming.run(kMeasured, [&] {
+        for (auto& [tid, watch] : watches) {
+            watch.look();
+        }
+    });
+    for (const Conduct& conduct : all) {
+        SCOPED_TRACE(conduct.thread);
+        expectScheduling(conduct.tid);
+        expectConduct(conduct, &watches.at(conduct.tid), linesOf(conduct.tid, mark));
+    }
+    EXPECT_EQ(daemon.count("clear timeout, pcmStallCnt=#", mark), 0);
+}
+
+}  // namespace
