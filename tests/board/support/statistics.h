@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -22,6 +23,13 @@ inline Spread spreadOf(std::vector<Ns> values) {
     }
     std::sort(values.begin(), values.end());
     return {values.front(), values[values.size() / 2], values.back()};
+}
+
+// The smallest of the sorted values that `share` of them do not exceed.
+inline Ns quantileOf(const std::vector<Ns>& sorted, double share) {
+    const auto rank =
+        static_cast<size_t>(std::ceil(share * static_cast<double>(sorted.size()) - 1e-6));
+    return sorted.at(std::max<size_t>(rank, 1) - 1);
 }
 
 // "min 1.00 median 2.00 max 3.00 ms"
