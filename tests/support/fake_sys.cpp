@@ -253,10 +253,6 @@ int __wrap_openat(int folder, const char* path, int flags, ...) {
 int __wrap_stat(const char* path, struct stat* found) {
     return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
 }
-int __wrap_openat(int directory, const char* path, int flags, ...) {
-    return hooks().openat ? hooks().openat(directory, path, flags)
-                          : real::openat(directory, path, flags);
-}
 int __wrap_close(int fd) {
     return handles().close(fd) ? 0 : hooks().close ? hooks().close(fd) : real::close(fd);
 }
