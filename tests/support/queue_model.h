@@ -1,0 +1,76 @@
+// A plain model of the byte queue: one byte at a time, positions that begin anew behind
+// the storage's last. It carries the storage's contents along, so that whatever a call leaves in
+// memory can be compared too, also where new storage was attached under a depth that belongs to the
+// old one.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class QueueModel {
+  public:
+    // Codes as the queue returns them; a null pointer is `false`.
+    int setBuffer(bool haveStorage, const std::vector<uint8_t>& contents, int64_t size) {
+        if (!haveStorage) {
+            return 2;
+        }
+        if (size < 1 || size % 4 != 0) {
+            return 3;
+        }
+        storage = contents;
+        readAt = writeAt = 0;
+        return 0;
+    }
+
+    void clear() { readAt = writeAt = depth = 0; }
+
+    // `block` null = a null source.
+    int enqueue(const uint8_t* block, int64_t n) {
+        const int code = check(block != nullptr, n);
+        if (code != 0 || n == 0) {
+            return code;
+        }
+        if (static_cast<int64_t>(depth) + n > size()) {
+            return 6;
+        }
+        for (int64_t i = 0; i < n; i++) {
+            storage[writeAt] = block[i];
+            writeAt = after(writeAt);
+            depth++;
+        }
+        return 0;
+    }
+
+    // Appends what is delivered to `out`.
+    int dequeue(bool haveTarget, int64_t n, std::vector<uint8_t>& out) {
+        const int code = check(haveTarget, n);
+        for (int64_t i = 0; code == 0 && i < n; i++) {
+            if (depth == 0) {
+                out.push_back(0);
+                continue;
+            }
+            out.push_back(storage[readAt]);
+            readAt = after(readAt);
+            depth--;
+        }
+        return code;
+    }
+
+    size_t depth = 0;              // bytes
+    std::vector<uint8_t> storage;  // empty until attached
+    size_t readAt = 0;
+    size_t writeAt = 0;
+
+  private:
+    int64_t size() const { return static_cast<int64_t>(storage.size()); }
+    size_t after(size_t position) const { return position + 1 < storage.size() ? position + 1 : 0; }
+
+    int check(bool haveData, int64_t n) const {
+        if (!haveData) {
+            return 2;
+        }
+        return n < 0 || n > size() ? 4 : 0;
+    }
+};
