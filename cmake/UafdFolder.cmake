@@ -21,6 +21,9 @@ function(uafd_folder name)
   cmake_parse_arguments(FOLDER "" "" "SOURCES;USES" ${ARGN})
   add_library(${name} STATIC ${FOLDER_SOURCES})
   target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+  # The fuzzers are led by the branches that the daemon's own code takes.
+  target_compile_options(${name} PRIVATE
+    $<$<BOOL:${UAFD_FUZZ}>:-fsanitize-coverage=inline-8bit-counters,pc-table>)
   target_link_libraries(${name} PUBLIC uafd_options ${FOLDER_USES})
 endfunction()
 
