@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include <android/log.h>
 
@@ -34,6 +35,11 @@ std::ostream& operator<<(std::ostream& out, const Line& line) {
 std::vector<Line> lines() {
     const Guard guard(linesMutex());
     return storedLines();
+}
+
+std::vector<Line> take() {
+    const Guard guard(linesMutex());
+    return std::exchange(storedLines(), {});
 }
 
 int count(int priority, const std::string& tag, const std::string& text) {

@@ -25,6 +25,8 @@ std::ostream& operator<<(std::ostream& out, const Line& line);
 
 // Every line since the last clear(), oldest first.
 std::vector<Line> lines();
+// The same, and forgets them.
+std::vector<Line> take();
 // How often exactly this line was logged.
 int count(int priority, const std::string& tag, const std::string& text);
 void clear();
