@@ -1,0 +1,117 @@
+#include "tests/fuzz/cable_run.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "cable/cable_mon.h"
+
+namespace fuzz {
+
+namespace {
+
+constexpr int NETLINK_FD = 903;
+constexpr int PROPERTY_FD = 1000;
+
+// Started once: the queue of messages belongs to the process.
+IpcService& service() {
+    static auto* const only = [] {
+        auto* const started = new IpcService;
+        require(started->start(), "the message service starts");
+        fake_sys::reset();
+        fake_log::clear();
+        return started;
+    }();
+    return *only;
+}
+
+}  // namespace
+
+const char CABLE_USB_FILE[] = "/sys/devices/virtual/android_usb/android0/state";
+const char CABLE_PLUG_FILE[] =
+    "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
+    "state";
+
+fake_log::Line cableDebug(const std::string& text) {
+    return {fake_log::DEBUG, "UAFCBM", text};
+}
+
+fake_log::Line cableError(const std::string& text) {
+    return {fake_log::ERROR, "UAFCBM", text};
+}
+
+fake_log::Line cableReceiveError(bool watched, int error) {
+    const std::string text =
+        "recvmsg error: <-1:" + std::to_string(error) + ":" + strerror(error) + ">";
+    return watched ? cableDebug(text + " - likely a timeout for RK-based SoC\n")
+                   : cableError(text + "\n");
+}
+
+CableRun::CableRun() {
+    service();
+    installFiles(files);
+    fake_sys::Hooks& hooks = fake_sys::hooks();
+    hooks.open = [this](const char* path, int) {
+        const auto found = properties.find(path);
+        if (found == properties.end()) {
+            errno = ENOENT;
+            return -1;
+        }
+        openProperties.push_back(found->second);
+        return PROPERTY_FD + static_cast<int>(openProperties.size()) - 1;
+    };
+    hooks.read = [this](int fd, void* data, size_t room) { return readProperty(fd, data, room); };
+    hooks.close = [](int) { return 0; };
+    hooks.socket = [](int, int, int) { return NETLINK_FD; };
+    hooks.bind = [](int, const sockaddr*, socklen_t) { return 0; };
+    hooks.setsockopt = [this](int, int, int, const void*, socklen_t) {
+        watched = true;
+        return 0;
+    };
+    hooks.pthread_create = [this](pthread_t*, const pthread_attr_t*, void* (*body)(void*),
+                                  void* instance) {
+        entry = body;
+        argument = instance;
+        return 0;
+    };
+    hooks.system = [this](const char* command) {
+        commands.emplace_back(command);
+        return 0;
+    };
+}
+
+ssize_t CableRun::readProperty(int fd, void* data, size_t room) {
+    std::string& rest = openProperties.at(static_cast<size_t>(fd - PROPERTY_FD));
+    const size_t n = rest.copy(static_cast<char*>(data), room);
+    rest.erase(0, n);
+    return static_cast<ssize_t>(n);
+}
+
+void CableRun::run(const std::function<ssize_t(msghdr&)>& receive) {
+    fake_sys::hooks().recvmsg = [&receive](int, msghdr* header, int) { return receive(*header); };
+    CableMon monitor;
+    require(monitor.start() && entry != nullptr, "the monitor starts");
+    loop.run([this] { entry(argument); });
+}
+
+ssize_t CableRun::fail(int error) {
+    errno = error;
+    return -1;
+}
+
+std::vector<IpcService::Message> CableRun::takeMessages() {
+    std::vector<IpcService::Message> taken;
+    fake_sys::hooks().sendto = [&taken](int, const void* data, size_t size, int, const sockaddr*,
+                                        socklen_t) {
+        IpcService::Message message;
+        require(size == sizeof message, "a message is sent whole");
+        memcpy(&message, data, size);
+        taken.push_back(message);
+        return static_cast<ssize_t>(size);
+    };
+    fake_sys::hooks().pthread_cond_wait = [](pthread_cond_t*, pthread_mutex_t*) { return EINVAL; };
+    service().runTx();
+    return taken;
+}
+
+}  // namespace fuzz

@@ -1,0 +1,162 @@
+// What the two state files that the cable monitor reads may hold or refuse, at its start and at
+// each tick of its check. Log, messages to the app and restarts must follow from the texts'
+// beginnings.
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/fuzz/cable_run.h"
+
+const int fuzz::MAX_INPUT_BYTES = 32;
+
+namespace {
+
+using fuzz::cableDebug;
+using fuzz::cableError;
+using fuzz::require;
+
+constexpr size_t LINE_CHARACTERS = 31;  // that are read of a state file
+
+const std::string WORDS[] = {"CONFIGURED\n",
+                             "DISCONNECTED\n",
+                             "CONNECTED\n",
+                             "CONFIGURED",
+                             "DISCONNECTED",
+                             "1\n",
+                             "0\n",
+                             "1",
+                             std::string(40, 'x'),
+                             std::string(1, '\0'),
+                             "\n",
+                             "CONF",
+                             "DISC"};
+
+bool beginsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// What of a file counts: its first line, as far as it is read, up to a terminator within it.
+std::string lineOf(const std::string& text) {
+    const std::string line = text.substr(0, std::min(text.find('\n') + 1, text.size()));
+    return std::string((line.empty() ? text : line).substr(0, LINE_CHARACTERS).c_str());
+}
+
+class StateRun {
+  public:
+    explicit StateRun(fuzz::Input& input) : input(input) {
+        cable.properties["/run/properties/sys.usb.controller"] = "ff300000.usb\n";
+        cable.properties["/run/properties/sys.usb.config"] = "uac2,adb\n";
+    }
+
+    void run() {
+        const File usb = put(fuzz::CABLE_USB_FILE);
+        expectStart(usb);
+        expected.push_back(cableDebug("enter loop\n"));
+        cable.run([this](msghdr&) { return tick(); });
+        fuzz::requireLog(expected);
+        require(cable.files.openNow == 0, "every file is closed");
+        require(cable.commands ==
+                    std::vector<std::string>(restarts, "setprop sys.usb.config uac2,adb\n"),
+                "the controller is restarted as often as it should");
+        const std::vector<IpcService::Message> configured = {{0, 1}};
+        require(cable.takeMessages() == (told ? configured : std::vector<IpcService::Message>{}),
+                "the app is told of a configured gadget only");
+    }
+
+  private:
+    struct File {
+        std::string text;
+        int openError = 0;
+        int readError = 0;
+        bool hasLine() const { return openError == 0 && !text.empty(); }
+    };
+
+    File put(const char* path) {
+        const uint8_t how = input.byte();
+        File file;
+        for (int i = how & 7; i > 0; i--) {
+            const uint8_t c = input.byte();
+            file.text += c < std::size(WORDS) ? WORDS[c] : std::string(1, static_cast<char>(c));
+        }
+        if (how >= 232) {
+            file.openError = fuzz::errorOf(how);
+            cable.files.refuse(path, file.openError);
+        } else if (how >= 208) {
+            file.readError = fuzz::errorOf(how);
+            cable.files.breakOff(path, file.text, file.readError);
+        } else {
+            cable.files.put(path, file.text);
+        }
+        return file;
+    }
+
+    void expectStart(const File& usb) {
+        const std::string path = fuzz::CABLE_USB_FILE;
+        if (usb.openError != 0) {
+            expected.push_back(cableError("opening " + path + " failed: <" +
+                                          std::to_string(usb.openError) + ":" +
+                                          strerror(usb.openError) + ">\n"));
+        } else if (!usb.hasLine() || (usb.readError != 0 && !isWhole(usb.text))) {
+            const bool broken = usb.readError != 0;
+            expected.push_back(cableError("reading " + path +
+                                          " failed: feof=" + (broken ? "0" : "1") +
+                                          ", ferror=" + (broken ? "1" : "0") + "\n"));
+        } else {
+            expected.push_back(cableDebug("Initial USB state is " + lineOf(usb.text) + "\n"));
+            told = beginsWith(lineOf(usb.text), "CONFIGURED");
+        }
+    }
+
+    // A line that a failing read cannot take back: it ends, or fills the buffer, before that.
+    static bool isWhole(const std::string& text) {
+        return text.find('\n') < LINE_CHARACTERS || text.size() >= LINE_CHARACTERS;
+    }
+
+    ssize_t tick() {
+        if (input.empty()) {
+            cable.end();
+        }
+        const File usb = put(fuzz::CABLE_USB_FILE);
+        const File plug = put(fuzz::CABLE_PLUG_FILE);
+        expected.push_back(fuzz::cableReceiveError(true, EAGAIN));
+        if (isRead(usb) && isRead(plug)) {
+            classify(lineOf(usb.text), lineOf(plug.text));
+        }
+        return cable.fail(EAGAIN);
+    }
+
+    static bool isRead(const File& file) {
+        return file.hasLine() && (file.readError == 0 || isWhole(file.text));
+    }
+
+    void classify(const std::string& usb, const std::string& plug) {
+        const bool stuck = beginsWith(usb, "DISCONNECTED") && beginsWith(plug, "1");
+        if (beginsWith(usb, "CONFIGURED") || beginsWith(usb, "DISCONNECTED")) {
+            seenStuck = stuck ? seenStuck + 1 : 0;
+        }
+        if (seenStuck == 3) {
+            seenStuck = 0;
+            restarts++;
+            expected.push_back(
+                cableDebug("Cable plugged without android_usb subsystem acknowledging the plug. "
+                           "Restart UDC with property: uac2,adb"));
+            expected.push_back(cableDebug("Issue: setprop sys.usb.config uac2,adb\n\n"));
+        }
+    }
+
+    fuzz::Input& input;
+    fuzz::CableRun cable;
+    fuzz::Lines expected;
+    bool told = false;
+    int seenStuck = 0;
+    size_t restarts = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzz::Input input(data, size);
+    StateRun(input).run();
+    return 0;
+}

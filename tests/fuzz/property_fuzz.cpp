@@ -1,0 +1,174 @@
+// What a property may be called and hold, however its file is read: in pieces, with interruptions,
+// up to an error. Then the cable monitor with two such values: the controller's decides on the
+// check, and the configuration's goes into a shell's command line only when it is harmless there.
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include <sys/system_properties.h>
+
+#include "tests/fuzz/cable_run.h"
+
+const int fuzz::MAX_INPUT_BYTES = 40;
+
+namespace {
+
+using fuzz::cableDebug;
+using fuzz::cableError;
+using fuzz::require;
+using fuzz::requireSame;
+
+constexpr size_t VALUE_MAX = 91;
+constexpr size_t NAME_LENGTH_MAX = 255;
+const std::string FOLDER = "/run/properties/";
+const std::string HARMLESS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_,.:+-";
+
+const std::string WORDS[] = {std::string(1, '\0'),
+                             "ff300000.usb",
+                             "uac2,adb",
+                             std::string(40, 'v'),
+                             "mtp",
+                             ";",
+                             "$(",
+                             " ",
+                             "",
+                             "\t",
+                             "\n",
+                             "\x0b",
+                             "\x0c",
+                             "\r",
+                             "/",
+                             "."};
+
+std::string expand(const std::string& text) {
+    std::string bytes;
+    for (const char c : text) {
+        const auto index = static_cast<unsigned char>(c);
+        bytes += index < std::size(WORDS) ? WORDS[index] : std::string(1, c);
+    }
+    return bytes;
+}
+
+class PropertyRun {
+  public:
+    explicit PropertyRun(fuzz::Input& input) : input(input) {
+        cable.files.put(fuzz::CABLE_USB_FILE, "DISCONNECTED\n");
+        cable.files.put(fuzz::CABLE_PLUG_FILE, "1\n");
+        fake_sys::hooks().read = [this](int fd, void* data, size_t room) {
+            return read(fd, data, room);
+        };
+        fake_sys::hooks().close = [this](int) { return finish(); };
+    }
+
+    void run() {
+        const std::string name = nameOf(expand(input.text(input.byte() % 8)));
+        const std::string controller = expand(input.text(input.byte() % 8));
+        const std::string config = expand(input.text(input.byte() % 16));
+        cable.properties[FOLDER + name] = config;
+        get(name);
+        cable.properties[FOLDER + "sys.usb.controller"] = controller;
+        cable.properties[FOLDER + "sys.usb.config"] = config;
+        monitor();
+    }
+
+  private:
+    // As it reaches the call: up to a terminator, and long at times.
+    static std::string nameOf(const std::string& text) {
+        std::string name = text.c_str();
+        while (name.size() > VALUE_MAX && name.size() < NAME_LENGTH_MAX) {
+            name += name.back();
+        }
+        return name;
+    }
+
+    void get(const std::string& name) {
+        std::vector<char> value(PROP_VALUE_MAX, '#');
+        const int length = __system_property_get(name.c_str(), value.data());
+        const bool allowed = !name.empty() && name[0] != '.' &&
+                             name.find('/') == std::string::npos && name.size() <= NAME_LENGTH_MAX;
+        require(finished == (allowed ? 1 : 0), "a name within the folder is read, no other");
+        requireSame(lastValue, value.data(), "the value is the file's line");
+        require(static_cast<size_t>(length) == lastValue.size(), "its length is returned");
+    }
+
+    // One piece of a file, an interruption, or the error that ends the value.
+    ssize_t read(int fd, void* data, size_t room) {
+        require(!ended && room == VALUE_MAX - delivered.size(), "a value is read until it ends");
+        const uint8_t how = input.byte();
+        if (how % 4 == 2) {
+            return cable.fail(EINTR);
+        }
+        if (how % 4 == 3) {
+            ended = true;
+            return cable.fail(how < 128 ? EIO : EAGAIN);
+        }
+        const size_t piece = how % 4 == 1 ? std::min<size_t>(room, 1 + how / 4) : room;
+        const ssize_t n = cable.readProperty(fd, data, piece);
+        delivered.append(static_cast<const char*>(data), static_cast<size_t>(n));
+        ended = n == 0;
+        return n;
+    }
+
+    int finish() {
+        require(ended || delivered.size() == VALUE_MAX, "a value is read whole");
+        lastValue = delivered.substr(0, delivered.find_first_of("\r\n")).c_str();
+        delivered.clear();
+        ended = false;
+        finished++;
+        return 0;
+    }
+
+    // Three ticks that find the cable plugged and the gadget unaware of it.
+    void monitor() {
+        fuzz::Lines expected = {cableDebug("Initial USB state is DISCONNECTED\n\n"),
+                                cableDebug("enter loop\n")};
+        int ticks = 0;
+        bool watched = false;
+        cable.run([&](msghdr&) {
+            watched = ticks > 0 ? watched : lastValue.compare(0, 12, "ff300000.usb") == 0;
+            if (ticks++ == 3) {
+                cable.end();
+            }
+            expected.push_back(fuzz::cableReceiveError(watched, EAGAIN));
+            return cable.fail(EAGAIN);
+        });
+        require(cable.watched == watched, "the controller's name decides on the check");
+        std::vector<std::string> commands;
+        if (watched) {
+            commands = restart(lastValue, expected);
+        }
+        fuzz::requireLog(expected);
+        require(cable.commands == commands, "only a harmless command is run");
+    }
+
+    static std::vector<std::string> restart(const std::string& value, fuzz::Lines& expected) {
+        const std::string command = "setprop sys.usb.config " + value + "\n";
+        expected.push_back(
+            cableDebug("Cable plugged without android_usb subsystem acknowledging the plug. "
+                       "Restart UDC with property: " +
+                       value));
+        expected.push_back(cableDebug("Issue: " + command + "\n"));
+        if (value.find_first_not_of(HARMLESS) != std::string::npos) {
+            expected.push_back(
+                cableError("not issued: the value holds characters that a shell could act upon\n"));
+            return {};
+        }
+        return {command};
+    }
+
+    fuzz::Input& input;
+    fuzz::CableRun cable;
+    std::string delivered;  // of the file that is open
+    bool ended = false;     // it has no more
+    int finished = 0;       // files read
+    std::string lastValue;  // that they gave
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzz::Input input(data, size);
+    PropertyRun(input).run();
+    return 0;
+}
