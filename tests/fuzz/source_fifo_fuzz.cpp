@@ -1,0 +1,211 @@
+// What the companion app may do with the FIFO that the source reads: pieces of every size, a closed
+// end, errors, a FIFO that does not open; and a frame buffer that refuses. Every block that reaches
+// the frame buffer must be the left channel of the bytes read, over what earlier reads left there.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <vector>
+
+#include "channel/uaf_src.h"
+#include "tests/fuzz/faked.h"
+#include "tests/fuzz/fuzz.h"
+#include "tests/support/fake_alsa.h"
+#include "tests/support/fake_ssrs.h"
+
+const int fuzz::MAX_INPUT_BYTES = 20;
+
+namespace {
+
+using fuzz::require;
+
+constexpr char FIFO[] = "/nowhere/fifo";  // nothing real may stand there
+constexpr int FOUND_FD = 76;
+constexpr int FIFO_FD = 77;
+constexpr size_t BLOCK_BYTES = 1920;
+constexpr size_t BLOCK_FRAMES = 480;
+
+fake_log::Line debug(const std::string& text) {
+    return {fake_log::DEBUG, "UAFSRC", text};
+}
+
+fake_log::Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFSRC", text};
+}
+
+// Bytes of which no two pieces are alike.
+const uint8_t* noise() {
+    static const std::vector<uint8_t> bytes = [] {
+        std::vector<uint8_t> made(16 * 256 + 4096 * 8 + BLOCK_BYTES);
+        uint32_t state = 1;
+        std::generate(made.begin(), made.end(), [&state] {
+            state = state * 1664525 + 1013904223;
+            return static_cast<uint8_t>(state >> 24);
+        });
+        return made;
+    }();
+    return bytes.data();
+}
+
+class SourceRun {
+  public:
+    explicit SourceRun(fuzz::Input& input) : input(input), block(BLOCK_FRAMES * 2) {
+        fake_sys::Hooks& hooks = fake_sys::hooks();
+        hooks.pthread_create = [this](pthread_t*, const pthread_attr_t*, void* (*entry)(void*),
+                                      void* argument) {
+            bufferThread = entry;
+            instance = argument;
+            return 0;
+        };
+        hooks.pthread_join = [](pthread_t, void**) { return 0; };
+        hooks.nanosleep = [](const timespec*, timespec*) { return 0; };
+        hooks.openat = [this](int, const char* path, int) { return find(path); };
+        hooks.open = [this](const char* path, int flags) { return open(path, flags); };
+        hooks.fcntl = [](int, int command, long size) {
+            require(command == F_GETPIPE_SZ || size == BLOCK_BYTES, "a block's capacity is wanted");
+            return 4096;
+        };
+        hooks.read = [this](int fd, void* data, size_t room) { return read(fd, data, room); };
+        hooks.close = [this](int fd) {
+            require(fd == openFd || fd == FOUND_FD, "only what is open is closed");
+            openFd = fd == openFd ? -1 : openFd;
+            return 0;
+        };
+        fake_ssrs::hooks().write = [this](SSRS_Ctx*, const int16_t* samples, int32_t n) {
+            return take(samples, n);
+        };
+        fake_alsa::stopRecording();
+        fake_alsa::answerAlways("snd_pcm_open", -ENODEV);
+        source.setDevName(FIFO, "hw:1");
+    }
+
+    // A start that finds no card leaves its buffer thread, which is all that is wanted here.
+    void run() {
+        require(source.intfUpdate(true) == -1 && bufferThread != nullptr, "the thread is created");
+        expected = {debug("init SSRS\n"), debug("start, opening hw:1\n"),
+                    error("error at uafStart@204: rc=-19\n"), debug("enter buffer loop\n")};
+        bufferThread(instance);
+        expected.push_back(debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
+                                 ", fifoRead " + std::to_string(total) + "\n"));
+        require(!blockDue, "every block reaches the frame buffer");
+        compareLog();
+        fake_ssrs::reset();
+    }
+
+  private:
+    // The FIFO's name is looked at first, and what it leads to is opened then.
+    int find(const std::string& path) {
+        require(path == FIFO && openFd < 1, "the closed FIFO is looked for");
+        openAnswer = input.byte();
+        return openAnswer >= 248 ? failOpen() : FOUND_FD;
+    }
+
+    int open(const std::string& path, int flags) {
+        require(path == "/proc/self/fd/76" && flags == O_RDONLY, "it is opened for reading");
+        if (openAnswer >= 240) {
+            return failOpen();
+        }
+        expected.push_back(debug("/nowhere/fifo opened buffer size 4096\n"));
+        openFd = openAnswer >= 224 ? 0 : FIFO_FD;  // 0 counts as closed, but for the read then
+        justOpened = true;
+        return openFd;
+    }
+
+    int failOpen() {
+        errno = fuzz::errorOf(openAnswer);
+        expected.push_back(error("failed to open /nowhere/fifo\n"));
+        openFd = -1;
+        return -1;
+    }
+
+    ssize_t read(int fd, void* data, size_t room) {
+        require(fd == openFd && room == BLOCK_BYTES && !blockDue, "a block is read");
+        require(openFd >= 1 || justOpened, "descriptor 0 is opened anew");
+        justOpened = false;
+        const uint8_t how = input.byte();
+        const ssize_t size = how < 208 ? static_cast<ssize_t>(pieceOf(how)) : how < 232 ? 0 : -1;
+        blockDue = size >= 0;
+        total += static_cast<size_t>(std::max<ssize_t>(size, 0));
+        if (size > 0) {
+            const uint8_t* const bytes = noise() + 16 * how + 4096 * (reads++ % 8);
+            memcpy(data, bytes, static_cast<size_t>(size));
+            memcpy(block.data(), bytes, static_cast<size_t>(size));
+            return size;
+        }
+        errno = fuzz::errorOf(how);
+        expected.push_back(debug("closing /nowhere/fifo, failed to read rc=" +
+                                 std::to_string(size) + ", expect 1920\n"));
+        std::fill(block.begin(), block.end(), int16_t{0});
+        return size;
+    }
+
+    // A whole block, or the few bytes at either end of the scale, or any number.
+    size_t pieceOf(uint8_t how) {
+        if (how < 64 || input.empty()) {
+            return BLOCK_BYTES;
+        }
+        return how < 112   ? how - 63u
+               : how < 160 ? BLOCK_BYTES - (how - 112u)
+                           : 1 + input.number(2) % BLOCK_BYTES;
+    }
+
+    // The frame buffer: gets each block once, and has its own opinion of it.
+    int32_t take(const int16_t* samples, int32_t n) {
+        require(blockDue && n == BLOCK_FRAMES, "a block follows each read");
+        blockDue = false;
+        for (size_t i = 0; i < BLOCK_FRAMES; i++) {
+            block[i] = block[2 * i];
+        }
+        require(std::equal(samples, samples + n, block.begin()), "it is the left channel");
+        const uint8_t how = input.byte();
+        const int32_t result = how >= 240 ? SSRS_BAD_PARAMETER : how >= 200 ? SSRS_QUEUE_FULL : 0;
+        if (input.empty()) {
+            expected.push_back(debug("stopping buffer thread\n"));
+            source.uafStop();
+        }
+        finishPass(result);
+        return result;
+    }
+
+    void finishPass(int32_t result) {
+        if (result == SSRS_BAD_PARAMETER) {
+            expected.push_back(error("SSRS_Write error: 3\n"));
+            return;
+        }
+        if (passes++ == 0) {
+            expected.push_back(debug("buffer loopcnt 0, fifoRead " + std::to_string(total) + "\n"));
+        }
+    }
+
+    void compareLog() {
+        fuzz::Lines own = fake_log::take();
+        own.erase(std::remove_if(own.begin(), own.end(),
+                                 [](const fake_log::Line& line) { return line.tag != "UAFSRC"; }),
+                  own.end());
+        fuzz::requireLines(expected, own);
+    }
+
+    const fuzz::Faked faked;
+    fuzz::Input& input;
+    UafSrc source;
+    void* (*bufferThread)(void*) = nullptr;
+    void* instance = nullptr;
+    fuzz::Lines expected;
+    std::vector<int16_t> block;  // what the source's own must hold
+    bool blockDue = false;
+    int openFd = -1;
+    bool justOpened = false;
+    uint8_t openAnswer = 0;
+    int passes = 0;
+    size_t total = 0;
+    size_t reads = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzz::Input input(data, size);
+    SourceRun(input).run();
+    return 0;
+}
