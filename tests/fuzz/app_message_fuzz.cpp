@@ -4,8 +4,10 @@
 // pauses and the log must be those of a plain model.
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -42,11 +44,14 @@ IpcService& service() {
     return *only;
 }
 
-std::string format(const char* text, unsigned long a, unsigned long b = 0, unsigned long c = 0,
-                   unsigned long d = 0) {
-    char line[200];
-    snprintf(line, sizeof line, text, a, b, c, d);
-    return line;
+std::string hex(uint32_t number) {
+    char text[11];
+    snprintf(text, sizeof text, "0x%08X", number);
+    return text;
+}
+
+std::string pairOf(const Message& message) {
+    return "<" + hex(message.first) + ":" + hex(message.second) + ">";
 }
 
 class ServiceRun {
@@ -114,8 +119,7 @@ class ServiceRun {
     ssize_t fail(int error) {
         errno = error;
         if (error != EAGAIN) {
-            expected.push_back(
-                errorLine(format("receive error: <-1:%lu>\n", static_cast<unsigned long>(error))));
+            expected.push_back(errorLine("receive error: <-1:" + std::to_string(error) + ">\n"));
         }
         return -1;
     }
@@ -125,10 +129,9 @@ class ServiceRun {
         memcpy(buf, datagram.data(), n);
         errno = fuzz::errorOf(static_cast<uint8_t>(datagram.size()));
         if (n == 0 && errno != EAGAIN) {
-            expected.push_back(
-                errorLine(format("receive error: <0:%lu>\n", static_cast<unsigned long>(errno))));
+            expected.push_back(errorLine("receive error: <0:" + std::to_string(errno) + ">\n"));
         } else if (n > 0 && n < 8) {
-            expected.push_back(errorLine(format("unexpected msg size: %lu\n", n)));
+            expected.push_back(errorLine("unexpected msg size: " + std::to_string(n) + "\n"));
         } else if (n == 8) {
             Message message;
             memcpy(&message.first, buf, 4);
@@ -149,7 +152,7 @@ class ServiceRun {
                 break;
             case 5:
                 expected.push_back(
-                    debugLine(format("got speaker volume mute msg: mute=%lu", data)));
+                    debugLine("got speaker volume mute msg: mute=" + std::to_string(data)));
                 expectRequest(SET_SPK_MUTE, data);
                 break;
             case 7:
@@ -157,8 +160,9 @@ class ServiceRun {
                 expectSync();
                 break;
             default:
-                expected.push_back(errorLine(
-                    format("got unknown msg: type=%lu, msg: 0x%08lX", message.first, data)));
+                expected.push_back(
+                    errorLine("got unknown msg: type=" + std::to_string(message.first) +
+                              ", msg: " + hex(data)));
         }
     }
 
@@ -213,9 +217,8 @@ class ServiceRun {
             waiting.push_back(message);
             return;
         }
-        expected.push_back(errorLine(
-            format("queueMsg: overwriting msg: <0x%08lX:0x%08lX> -> <0x%08lX:0x%08lX>\n",
-                   waiting.back().first, waiting.back().second, message.first, message.second)));
+        expected.push_back(errorLine("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
+                                     " -> " + pairOf(message) + "\n"));
         waiting.back() = message;
     }
 
@@ -273,11 +276,10 @@ class ServiceRun {
 
     ssize_t drop(int error) {
         const Message message = waiting.front();
-        expected.push_back(
-            errorLine("sendMsg failed: error: <-1:" + std::to_string(error) +
-                      ">; bytes: " + std::to_string(sent) + "; attempts: <" +
-                      std::to_string(attempts) + ":" + std::to_string(retries) +
-                      format(">; data: <0x%08lX:0x%08lX>\n", message.first, message.second)));
+        expected.push_back(errorLine("sendMsg failed: error: <-1:" + std::to_string(error) +
+                                     ">; bytes: " + std::to_string(sent) + "; attempts: <" +
+                                     std::to_string(attempts) + ":" + std::to_string(retries) +
+                                     ">; data: " + pairOf(message) + "\n"));
         finish();
         errno = error;
         return -1;

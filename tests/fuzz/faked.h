@@ -45,7 +45,7 @@ class EndlessLoop {
     [[noreturn]] void leave() { longjmp(beginning, 1); }
 
   private:
-    jmp_buf beginning;
+    jmp_buf beginning = {};
 };
 
 }  // namespace fuzz

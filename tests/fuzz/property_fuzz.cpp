@@ -75,7 +75,7 @@ class PropertyRun {
   private:
     // As it reaches the call: up to a terminator, and long at times.
     static std::string nameOf(const std::string& text) {
-        std::string name = text.c_str();
+        std::string name = text.substr(0, text.find('\0'));
         while (name.size() > VALUE_MAX && name.size() < NAME_LENGTH_MAX) {
             name += name.back();
         }
