@@ -17,6 +17,7 @@ namespace {
 // Descriptors of the channels' FIFOs and of the handles that hold on to them.
 constexpr int FIFO_FD = 1000;
 constexpr int HANDLE_FD = 2000;
+const std::string LINK = "/proc/self/fd/";
 constexpr int END = 2;  // of the channels
 
 std::string numbered(int channel, const std::string& text) {
@@ -176,21 +177,24 @@ void ReplayedDaemon::makeFifo(int channel) {
 void ReplayedDaemon::hookFifos() {
     auto& hooks = fake_sys::hooks();
     hooks.open = [this](const char* path, int) {
-        const int channel = channelOf(path);
+        // By the handle's link.
+        const int channel = std::stoi(std::string(path).substr(LINK.size())) - HANDLE_FD;
         errno = ENOENT;
         return stage.call(numbered(channel, "open")) == "done" ? FIFO_FD + channel : -1;
     };
     // A handle on the FIFO, or the other end that lets an opener out.
     hooks.openat = [this](int, const char* path, int flags) {
-        const std::string link = "/proc/self/fd/";
         if ((flags & O_PATH) == 0) {
-            const int handle = std::stoi(std::string(path).substr(link.size()));
-            stage.effect(numbered(handle - HANDLE_FD, "release"));
+            const int handle = std::stoi(std::string(path).substr(LINK.size()));
+            if (fifos[handle - HANDLE_FD].handled != 0) {
+                stage.effect(numbered(handle - HANDLE_FD, "release"));
+            }
             return -1;
         }
         Fifo& fifo = fifos[channelOf(path)];
-        fifo.handled = fifo.inode;
-        return fifo.exists ? HANDLE_FD + channelOf(path) : -1;
+        fifo.handled = fifo.exists ? fifo.inode : 0;
+        // Also on one that is not there: the model looks at the name when it opens.
+        return HANDLE_FD + channelOf(path);
     };
     hooks.fstat = [this](int fd, struct stat* result) {
         result->st_ino = fifos[fd - HANDLE_FD].handled;
