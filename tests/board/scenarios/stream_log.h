@@ -33,8 +33,7 @@ Lines failedPrepare(const board::Way& way, const std::string& cause, int state);
 Lines failure(const board::Way& way, const std::string& what, int state);
 
 Lines stopRequest(int state);
-// A stop, from the fourth pass on; a start by the host with the app there.
+// A stop, from its fourth pass on.
 Lines stop(const board::Way& way);
-Lines start(const board::Way& way);
 
 }  // namespace stream_log

@@ -21,7 +21,7 @@ struct AppProcess::Progress {
     Message values[65536];
 };
 
-AppProcess::AppProcess(AppOptions options)
+AppProcess::AppProcess(const AppOptions& options)
     : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress),
       pid_(fork()) {

@@ -13,7 +13,7 @@ namespace board {
 
 class AppProcess {
   public:
-    explicit AppProcess(AppOptions options = {});
+    explicit AppProcess(const AppOptions& options = {});
     // Kills it when it still lives.
     ~AppProcess();
     AppProcess(const AppProcess&) = delete;
