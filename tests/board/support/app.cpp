@@ -207,6 +207,7 @@ void App::readMessages() {
 
 void App::talk() {
     const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
+    startAt_ = now();
     Ns behind = 0;
     for (int64_t chunk = 0; !stop_; ++chunk) {
         const int64_t byte = chunk * chunkBytes;

@@ -138,7 +138,6 @@ class App {
     void writeChunk(int64_t firstByte);
 
     const AppOptions options_;
-    const Ns startAt_ = now();
     Fd rx_;
     Fd tx_;
     std::optional<MessageSocket> socket_;
@@ -150,6 +149,7 @@ class App {
     std::atomic<int64_t> heardFrames_{0};
     std::atomic<int64_t> nextFrame_{0};
     std::atomic<int64_t> lostBlocks_{0};
+    std::atomic<Ns> startAt_{0};  // of frame 0, by the talker
     std::atomic<Ns> stall_{0};
     std::atomic<bool> speakingPaused_{false};
     std::atomic<bool> listeningPaused_{false};
