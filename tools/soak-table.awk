@@ -163,10 +163,11 @@ function printDisturbances(    i, k) {
             ms(micBack[k]) " | " late[k] + 0 " | " unsettled[k] + 0 " |"
     }
     print ""
-    print "A playback that starts anew after an xrun fills its ring of 15 ms at once, from the frame buffer. When what is"
-    print "left there starves a read, the buffer is primed anew and the latency is right at once. When it just does"
-    print "not, latency control draws out frames until the depth is in its range again: one sample a frame, of every"
-    print "second frame mostly, so 2 ms of latency in a second."
+    print "What takes A longer than a second is latency control itself. A playback that starts anew after an xrun fills"
+    print "its ring of 15 ms at once, from the frame buffer; an app that was late fills the buffer beyond its range. Only"
+    print "when a read is starved is the buffer primed anew and the latency right at once. Else frames are drawn out or"
+    print "pressed until the depth is in its range: by one sample each, and mostly every second one, which is 2 ms of"
+    print "latency in a second."
 }
 
 function printStrained(    i, r) {

@@ -49,12 +49,10 @@ void addHoldings(std::ostream& out, const std::string& name, const Holdings& hol
         << name << ".descriptors " << holdings.descriptors << '\n';
 }
 
-// A playback that starts anew after an xrun fills its ring from the buffer at once; what is missing
-// there then comes back a sample with each frame that latency control draws out, 200 in a second at
-// the most.
-Ns recoveryMaxOf(DisturbanceKind kind) {
-    return kind == DisturbanceKind::kMicXrun ? 3 * kSecond : kSecond;
-}
+// What a disturbance has put into the buffer or taken out of it comes back a sample with each frame
+// that latency control presses or draws out, and that is every second one mostly.
+constexpr Ns kSpeakerBackMax = kSecond;
+constexpr Ns kMicBackMax = 3 * kSecond;
 
 class Problems {
   public:
@@ -126,10 +124,9 @@ std::vector<std::string> problemsOf(const Soak& soak) {
     problems.add(soak.last().memory.privateKb > soak.first().memory.privateKb + kGrowthMaxKb,
                  "the daemon's memory has grown");
     for (const Outcome& outcome : soak.outcomes()) {
-        const Ns limit = recoveryMaxOf(outcome.disturbance.kind);
-        problems.add(
-            outcome.speakerBack >= limit || (outcome.micBack >= limit && !outcome.unsettled),
-            std::string("no way back after ") + nameOf(outcome.disturbance.kind));
+        problems.add(outcome.speakerBack >= kSpeakerBackMax ||
+                         (outcome.micBack >= kMicBackMax && !outcome.unsettled),
+                     std::string("no way back after ") + nameOf(outcome.disturbance.kind));
     }
     problems.add(!soak.damage().empty(), "damage: " + soak.damage());
     return problems.take();
