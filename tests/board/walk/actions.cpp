@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include "tests/board/support/uevent.h"
 #include "tests/board/walk/walk.h"
 
 namespace {
@@ -157,13 +158,15 @@ void loseSocket(Walk& /*walk*/) {
 
 void changeFifo(Walk& walk) {
     const char* const fifo = pick(walk, {board::kFifoRx, board::kFifoTx});
-    if (walk.random.flip()) {
-        walk.note(std::string(fifo) + " is deleted");
-        unlink(fifo);
-    }
-    if (walk.random.flip()) {
-        walk.note(std::string(fifo) + " is made");
+    const int64_t replacement = walk.random.below(4);
+    walk.note(fifo);
+    unlink(fifo);
+    if (replacement < 2) {
+        walk.note("made anew");
         mkfifo(fifo, 0666);
+    } else if (replacement == 2) {
+        walk.note("a file in its place");
+        board::put(fifo, "");
     }
 }
 
@@ -193,6 +196,15 @@ void sendUevent(Walk& walk) {
     walk.host(pick(walk, {"uevent change", "uevent add", "uevent change USB_STATE=CONFIGURED",
                           "uevent change USB_STATE=", "uevent remove USB_STATE=DISCONNECTED",
                           "foreign change USB_STATE=DISCONNECTED"}));
+}
+
+// Only the kernel's count.
+void forgeUevent(Walk& walk) {
+    const std::string text = board::ueventText(
+        pick(walk, {"change@/a SUBSYSTEM=android_usb USB_STATE=DISCONNECTED", "change@/a", "x"}));
+    const auto groups = static_cast<unsigned>(1 + walk.random.below(15));
+    walk.note(std::to_string(text.size()) + " bytes to groups " + std::to_string(groups));
+    board::UeventSender().send(text, groups);
 }
 
 void moveCable(Walk& walk) {
@@ -242,6 +254,7 @@ constexpr Action kActions[] = {
     {"the app sends an odd datagram", 3, sendOddDatagram},
     {"the USB state changes", 4, changeUsbState},
     {"a uevent", 4, sendUevent},
+    {"a forged uevent", 2, forgeUevent},
     {"the cable moves", 4, moveCable},
     {"an enumeration fails", 2, failEnumeration},
     {"time passes", 3, passTime},

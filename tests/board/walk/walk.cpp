@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <sched.h>
+#include <unistd.h>
+
+#include <sys/stat.h>
 
 #include "tests/board/support/known_log.h"
 
@@ -163,6 +166,12 @@ std::string Walk::makeSound() {
         board.host.command("unbind");
     }
     board.host.command("bind");
+    for (const char* fifo : {board::kFifoRx, board::kFifoTx}) {
+        struct stat status {};
+        if (stat(fifo, &status) == 0 && !S_ISFIFO(status.st_mode)) {
+            unlink(fifo);
+        }
+    }
     board.app = std::make_unique<board::App>();
     seenMessages_ = 0;
     if (!board.settle(kPatience)) {
