@@ -42,6 +42,7 @@ constexpr const char* kKnown[] = {
     "D UAFSRC: buffer loopcnt #, Depth #, Underruns #, Overruns #",
     "D UAFSRC: increased ssrs queue depth",
     "D UAFSRC: closing /tmp/usbAudioFifoTx, failed to read rc=#, expect 1920",
+    "D UAFSRC: closing (null), failed to read rc=#, expect 1920",
     "E UAFSRC: failed to open /tmp/usbAudioFifoTx",
     "E UAFSRC: failed to open (null)",
     "D UAFSRC: loopcnt #, pcmWrite #",

@@ -47,9 +47,12 @@ class Walk {
     std::string findUnknownLine();
     std::string findRepetition();
     std::string makeSound();
+    bool syncUp();
 
     board::ChannelWatch watch_;
     size_t seenMessages_ = 0;
+    // A message was lost: where among so many next ones is not told, since they wait in the queue.
+    size_t messagesAroundLoss_ = 0;
     size_t seenLines_ = 0;
     std::string did_;  // what the step does, for who reads a failure
 };
