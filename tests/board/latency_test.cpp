@@ -44,8 +44,8 @@ class Stopwatch {
   public:
     explicit Stopwatch(const board::StreamingThreads& threads)
         : toFifo_(recorded("syscalls/sys_exit_write", threads.sink, kWholePeriod)),
-          toPcm_(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)),
-          ioctlEnds_(recorded("syscalls/sys_exit_ioctl", threads.source, "")) {
+          ioctlEnds_(recorded("syscalls/sys_exit_ioctl", threads.source, "")),
+          toPcm_(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)) {
         const board::TraceId end =
             board::traceKernel("period_end", "usb_board:gadget_pcm_period dir=+0($arg1):u32");
         for (int cpu = 0; cpu < board::processors(); ++cpu) {
@@ -114,8 +114,8 @@ class Stopwatch {
     }
 
     PerfEvent toFifo_;
+    PerfEvent ioctlEnds_;  // from before the first write, which would else get the next one's end
     PerfEvent toPcm_;
-    PerfEvent ioctlEnds_;
     std::vector<PerfEvent> periodEnds_;  // on each processor
     std::vector<Ns> toFifoAt_;
     std::vector<Ns> toPcmAt_;
