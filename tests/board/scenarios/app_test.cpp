@@ -260,43 +260,50 @@ TEST_F(Pace, AFastWriterLosesWholeBlocks) {
 
 // ---- Pieces of any size ------------------------------------------------------------------------
 
-class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {};
+class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
+  protected:
+    static constexpr Ns kEnough = kSecond / 10;
+    static constexpr int64_t kFrame = board::MicTrace::kFrame;
 
-// Frames that latency control draws out or presses are not the noise's.
-bool holdsNoise(const board::Samples& recorded) {
-    constexpr size_t places = 20;
-    const board::Samples spoken = board::render(board::noise, 0, 3 * kRate);
-    for (size_t i = 0; i < places; ++i) {
-        if (board::find(recorded, recorded.size() * i / places, spoken) >= 0) {
-            return true;
-        }
+    // Whether what the host records from now on is the app's noise, frame by frame.
+    bool isNoise() {
+        host.takeRecording();
+        board::sleepFor(kEnough);
+        board::Samples recorded = host.takeRecording();
+        const auto values = host.counters();
+        const int64_t first = values.at("mic.frames") - values.at("mic.queued") -
+                              values.at("mic.start_frames") - static_cast<int64_t>(recorded.size());
+        recorded.erase(recorded.begin(), recorded.begin() + (kFrame - first % kFrame) % kFrame);
+        board::MicTrace trace(board::noise);
+        trace.add(recorded);
+        return trace.count(FrameKind::kUnexplained) == 1;  // the first one, to be looked for
     }
-    return false;
-}
+};
 
 // A write that is no whole block spoils the sound: each read counts as a block, with what is left
 // of the one before. The next app is heard as if there had been nothing.
 TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
+    constexpr size_t block = 1920;
     const size_t chunkBytes = GetParam();
     start();
     app.reset();
     board::AppOptions odd;
     odd.chunkBytes = chunkBytes;
     // A tiny write is as much work for the daemon as a whole block, so these come no more often.
-    odd.slowdownPercent = chunkBytes < 100 ? static_cast<int>(100 * 1920 / chunkBytes) : 0;
+    odd.slowdownPercent = chunkBytes < 100 ? static_cast<int>(100 * block / chunkBytes) : 0;
     app = std::make_unique<App>(odd);
     app->speak(board::noise);
     host.command("mic on");
     EXPECT_TRUE(hostHears());
     expectNobodyBusy();
+    EXPECT_EQ(isNoise(), chunkBytes == block);
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (#)"), 0);
 
+    app.reset();  // the next one does not write beside it
     app = std::make_unique<App>();
     app->speak(board::noise);
     board::sleepFor(500 * kMs);
-    host.takeRecording();
-    board::sleepFor(kSecond);
-    EXPECT_TRUE(holdsNoise(host.takeRecording()));
+    EXPECT_TRUE(isNoise());
     host.command("mic off");
     EXPECT_EQ(findDamage(), "");
 }
