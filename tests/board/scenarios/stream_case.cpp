@@ -71,6 +71,12 @@ int64_t StreamCase::nextPeriodAt(int64_t frames) {
     return begin + (frames - begin + kPeriod - 1) / kPeriod * kPeriod;
 }
 
+int64_t StreamCase::waitForEarlyInPeriod() {
+    const int64_t begin = nextPeriodAt(movedBy(board::now()) + kPeriod);
+    board::sleepUntil(host.frameTime(way().name, begin + kUsbFrame));
+    return begin;
+}
+
 void StreamCase::injureInPeriod(const std::string& injury, int usbFrame) {
     const int64_t soon = movedBy(board::now()) + 4 * kPeriod;
     command(injury, "at=" + std::to_string(nextPeriodAt(soon) + usbFrame * kUsbFrame));

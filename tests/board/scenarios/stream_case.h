@@ -44,6 +44,8 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::W
     void arm(const std::string& fault);
     // An xrun or a suspend in a USB frame of a period, 1 to 5, some periods on.
     void injureInPeriod(const std::string& injury, int usbFrame);
+    // Waits for the second of a period's five USB frames; returns the way's frames at its begin.
+    int64_t waitForEarlyInPeriod();
     // Waits until the driver has started the PCM so often since the moment.
     void waitForStarts(int times, const Moment& since);
 

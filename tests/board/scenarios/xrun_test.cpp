@@ -23,7 +23,8 @@ constexpr int64_t kUsbFrame = 48;
 constexpr int kUsbFramesInPeriod = 5;
 constexpr Ns kSettling = 1500 * kMs;
 
-const Lines kRestart{"xrun", "prepare 0", "start 0"};
+const Lines kPrepare{"xrun", "prepare 0"};
+const Lines kRestart = kPrepare + Lines{"start 0"};
 constexpr char kRestartFailed[] = "stopping, ALSA failed to start: Input/output error";
 
 class Xrun : public StreamCase {
@@ -200,19 +201,25 @@ TEST_P(Xrun, WhileTheHostStalls) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// In the passes that a stop waits for and that leave one to kick the stream.
+// In each of the passes that a stop waits for: the one under way, and three more. The last one
+// leaves none to start the stream again.
 TEST_P(Xrun, WhileTheChannelIsStopping) {
-    for (const int delay : {0, 5, 10}) {
-        SCOPED_TRACE(delay);
+    constexpr int lastPass = 3;
+    for (int pass = 0; pass <= lastPass; ++pass) {
+        SCOPED_TRACE(pass);
         switchOn();
         board::sleepFor(100 * kMs);
+        const int64_t period = waitForEarlyInPeriod();
         const Moment before = mark();
         deliver(false);
-        board::sleepFor(delay * kMs);
-        command("xrun");
+        command("xrun", "at=" + std::to_string(period + pass * kPeriod + 4 * kUsbFrame));
         ASSERT_TRUE(waitForChannel(way().channel, false, before.messages));
         ASSERT_TRUE(hasThreads(board::kIdleThreads));
-        expectLog(before, stopRequest(1) + recovery(way()) + stop(way()));
+        const bool restarts = pass < lastPass;
+        expectLog(before, stopRequest(1) + (restarts ? recovery(way()) : xrunMet(way()) + ready()) +
+                              stop(way()));
+        EXPECT_EQ(requests(before),
+                  (restarts ? kRestart + Lines{"stop"} : kPrepare) + Lines{"close"});
         EXPECT_EQ(told(before), (std::vector<Message>{{way().channel, 0}}));
         host.command(std::string(way().name) + " off");
     }
