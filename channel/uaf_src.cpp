@@ -13,40 +13,26 @@
 #include "alsa/pcm_params.h"
 #include "alsa/step_error.h"
 #include "channel/rt_thread.h"
+#include "channel/src_buffering.h"
 #include "ipc/usb_audio_msg.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "UAFSRC";
 
-// The FIFO is read 10 ms at a time.
-constexpr int FIFO_BLOCK_FRAMES = 480;
 constexpr size_t FIFO_BLOCK_BYTES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS * sizeof(int16_t);
 
 // Buffer sizes, samples.
 constexpr size_t FIFO_BUF_SAMPLES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS;
 constexpr size_t PCM_BUF_SAMPLES = 960;
 constexpr size_t SILENCE_BUF_SAMPLES = 720;
-constexpr int QBUFF_SAMPLES = 1920;
+constexpr int QBUFF_SAMPLES = LARGE_FRAME_BUFFER.storage;
 
 // The gadget card's playback stream, frames.
-constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = 720;
+constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = SRC_RING_FRAMES;
 constexpr snd_pcm_uframes_t START_THRESHOLD_FRAMES = PERIOD_FRAMES;
 constexpr snd_pcm_uframes_t STOP_THRESHOLD_FRAMES = 1440;
 constexpr snd_pcm_uframes_t AVAIL_MIN_FRAMES = PERIOD_FRAMES;
-
-// What the frame buffer holds, samples: its storage and the depth range that it keeps. An app that
-// starves it again and again gets the large one for the rest of the run.
-struct FrameBufferSize {
-    int storage;
-    int depthLow;
-    int depthHigh;
-};
-constexpr FrameBufferSize SMALL{QBUFF_SAMPLES / 2, 480, 720};  // 10 to 15 ms
-constexpr FrameBufferSize LARGE{QBUFF_SAMPLES, 960, 1440};     // 20 to 30 ms
-
-constexpr unsigned STATS_PASSES = 100;      // a statistics check every so many passes: 1 s
-constexpr uint32_t ENLARGE_UNDERRUNS = 11;  // underruns between two checks that enlarge
 
 std::unique_ptr<int16_t[]> zeroedSamples(size_t count) {
     return std::unique_ptr<int16_t[]>(new (std::nothrow) int16_t[count]());
@@ -152,8 +138,10 @@ void UafSrc::buildFrameBuffer() {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "init SSRS\n");
     logFailedSsrs("SSRS_InitContext", SSRS_InitContext(ssrsCtx));
     logFailedSsrs("SSRS_SetFrameSize", SSRS_SetFrameSize(ssrsCtx, PERIOD_FRAMES));
-    logFailedSsrs("SSRS_SetQBuff", SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), SMALL.storage));
-    logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, SMALL.depthLow, SMALL.depthHigh));
+    logFailedSsrs("SSRS_SetQBuff",
+                  SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), SMALL_FRAME_BUFFER.storage));
+    logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, SMALL_FRAME_BUFFER.depthLow,
+                                                   SMALL_FRAME_BUFFER.depthHigh));
 }
 
 // Goes on with a thread that a failed start left. False when none could be created.
@@ -308,8 +296,10 @@ void UafSrc::checkUnderruns(BufferRun& run) {
 
 // Discards the queued audio; the next write primes the buffer to the middle of the larger range.
 void UafSrc::enlargeFrameBuffer() {
-    if (logFailedSsrs("SSRS_SetQBuff", SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), LARGE.storage)) ||
-        logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, LARGE.depthLow, LARGE.depthHigh))) {
+    if (logFailedSsrs("SSRS_SetQBuff",
+                      SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), LARGE_FRAME_BUFFER.storage)) ||
+        logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, LARGE_FRAME_BUFFER.depthLow,
+                                                       LARGE_FRAME_BUFFER.depthHigh))) {
         return;
     }
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "increased ssrs queue depth\n");
