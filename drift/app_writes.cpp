@@ -1,0 +1,46 @@
+#include "drift/app_writes.h"
+
+#include <algorithm>
+
+#include "channel/uaf_ch.h"
+
+namespace drift {
+namespace {
+
+bool holds(const Pause& pause, Ns at) {
+    return at >= pause.at && at < pause.at + pause.length;
+}
+
+}  // namespace
+
+Ns dueOf(const Scenario& scenario, int64_t frame) {
+    return scenario.phase + frame * kSecond / SAMPLE_RATE_HZ;
+}
+
+AppWrites::AppWrites(const Scenario& scenario) : scenario_(scenario), engine_(scenario.seed) {}
+
+AppWrite AppWrites::next() {
+    for (;;) {
+        const int64_t frame = block_++ * scenario_.blockFrames;
+        const auto lateness = static_cast<uint64_t>(scenario_.jitter) + 1;
+        const Ns at = dueOf(scenario_, frame) + static_cast<Ns>(engine_() % lateness);
+        if (!isDropped(at)) {
+            lastAt_ = std::max(lastAt_, delayed(at));
+            return {lastAt_, frame};
+        }
+    }
+}
+
+bool AppWrites::isDropped(Ns at) const {
+    return std::any_of(scenario_.pauses.begin(), scenario_.pauses.end(),
+                       [at](const Pause& pause) { return pause.dropped && holds(pause, at); });
+}
+
+Ns AppWrites::delayed(Ns at) const {
+    for (const Pause& pause : scenario_.pauses) {
+        at = !pause.dropped && holds(pause, at) ? pause.at + pause.length : at;
+    }
+    return at;
+}
+
+}  // namespace drift

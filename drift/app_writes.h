@@ -1,0 +1,36 @@
+// The app: when it writes which frames. Pure; one thread.
+#pragma once
+
+#include <cstdint>
+#include <random>
+
+#include "drift/scenario.h"
+
+namespace drift {
+
+// When the app's clock has this frame.
+Ns dueOf(const Scenario& scenario, int64_t frame);
+
+struct AppWrite {
+    Ns at;
+    int64_t firstFrame;
+};
+
+class AppWrites {
+  public:
+    explicit AppWrites(const Scenario& scenario);
+
+    // The write that comes next, of the scenario's blockFrames; never before the one before it.
+    AppWrite next();
+
+  private:
+    bool isDropped(Ns at) const;
+    Ns delayed(Ns at) const;
+
+    const Scenario scenario_;
+    std::mt19937_64 engine_;
+    int64_t block_ = 0;
+    Ns lastAt_ = 0;
+};
+
+}  // namespace drift

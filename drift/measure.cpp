@@ -1,0 +1,42 @@
+#include "drift/measure.h"
+
+#include <utility>
+#include <vector>
+
+#include "channel/uaf_ch.h"
+
+namespace drift {
+
+Measured measure(const Scenario& scenario, Ns time, const Look& look) {
+    MicPath path(scenario);
+    std::vector<Ns> depths;
+    std::vector<Ns> latencies;
+    Counts settled;
+    Reading reading{};
+    while (reading.at < time) {
+        reading = path.read();
+        if (look) {
+            look(reading, path.counts());
+        }
+        if (reading.at < kSettling) {
+            settled = path.counts();
+            continue;
+        }
+        depths.push_back(reading.depth * kSecond / SAMPLE_RATE_HZ);
+        if (reading.latency >= 0) {
+            latencies.push_back(reading.latency);
+        }
+    }
+    const Counts& counts = path.counts();
+    const double seconds = static_cast<double>(time - kSettling) / kSecond;
+    Measured measured;
+    measured.depth = board::spreadOf(std::move(depths));
+    measured.latency = board::spreadOf(std::move(latencies));
+    measured.stretchesPerSecond =
+        static_cast<double>(counts.stretches - settled.stretches) / seconds;
+    measured.squeezesPerSecond = static_cast<double>(counts.squeezes - settled.squeezes) / seconds;
+    measured.counts = counts;
+    return measured;
+}
+
+}  // namespace drift

@@ -1,0 +1,30 @@
+// What a scenario does to the sound. Pure; one thread.
+#pragma once
+
+#include <functional>
+
+#include "drift/mic_path.h"
+#include "drift/scenario.h"
+#include "tests/board/support/statistics.h"
+
+namespace drift {
+
+// A stream's depth and latency are in their range by then, whatever the clocks' difference.
+constexpr Ns kSettling = 3 * kSecond;
+
+struct Measured {
+    // From kSettling on.
+    board::Spread depth;    // of the frame buffer before a read, ns of sound
+    board::Spread latency;  // of the app's samples
+    double stretchesPerSecond = 0;
+    double squeezesPerSecond = 0;
+    // From the beginning on.
+    Counts counts;
+};
+
+using Look = std::function<void(const Reading& reading, const Counts& counts)>;
+
+// Simulates so much of the scenario and shows every read to `look`, where there is one.
+Measured measure(const Scenario& scenario, Ns time, const Look& look = {});
+
+}  // namespace drift

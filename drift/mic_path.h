@@ -1,0 +1,92 @@
+// The microphone's path from the app's writes to the USB host, simulated around the real frame
+// buffer: the FIFO, the buffer thread that reads it in blocks and enlarges the frame buffer, the
+// worker that fills the gadget card's ring, and a host whose clock differs. The daemon's threads
+// answer at once. Every sample is followed, so that what comes late, twice or never is counted.
+// Pure; one thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+
+#include "buffer/ssrs.h"
+#include "channel/src_buffering.h"
+#include "drift/app_writes.h"
+#include "drift/scenario.h"
+
+namespace drift {
+
+// One read of the worker's, 5 ms of sound.
+struct Reading {
+    Ns at;         // since the host's stream began
+    int depth;     // of the frame buffer before the read, samples
+    int depthLow;  // the range in which no sample is made up or left out
+    int depthHigh;
+    int correction;  // 1: stretched, a sample made up; -1: squeezed, a sample left out
+    bool starved;    // the app's samples did not fill the frame
+    Ns latency;      // of its first sample; -1 when it has none of the app's
+};
+
+// Since the host's stream began. Samples unless stated otherwise.
+struct Counts {
+    int64_t written = 0;     // by the app
+    int64_t stretches = 0;   // frames
+    int64_t squeezes = 0;    // frames
+    int64_t underruns = 0;   // frames that were short
+    int64_t emptyReads = 0;  // frames that were wholly silent, those before the first write not
+    int64_t overruns = 0;    // blocks that found no room
+    int64_t lost = 0;        // of the app's, with those blocks or when the buffer was enlarged
+    int64_t silent = 0;      // heard instead of the app's, once they had begun
+    int64_t stale = 0;       // heard a second time, behind a write that was no whole block
+    Ns enlargedAt = -1;      // when the frame buffer was enlarged
+};
+
+class MicPath {
+  public:
+    explicit MicPath(const Scenario& scenario);
+    MicPath(const MicPath&) = delete;
+    MicPath& operator=(const MicPath&) = delete;
+
+    // Goes on to the worker's next read.
+    Reading read();
+
+    const Counts& counts() const { return counts_; }
+    // The app's samples that are in the frame buffer, and those that have left it for the host.
+    int64_t queued() const;
+    int64_t played() const { return played_; }
+
+  private:
+    enum class Source { kApp, kStart, kSilence, kStale };
+    // Samples that follow each other in the frame buffer.
+    struct Run {
+        Source source;
+        int64_t frame;  // the first one, of the app's
+        int64_t count;
+    };
+
+    void setSize(const FrameBufferSize& size);
+    void takeWrite(const AppWrite& write);
+    void bufferPass(int64_t frame, int fresh, Ns at);
+    void checkUnderruns(Ns at);
+    void enlarge(Ns at);
+    void follow(Source source, int64_t frame, int64_t count);
+    int depth() const;
+    SSRS_Stats statistics() const;
+    Ns hostTime(int64_t periods) const;
+    Ns latencyOf(Ns playedAt, int64_t samples) const;
+    void consume(int64_t samples);
+
+    const Scenario scenario_;
+    AppWrites writes_;
+    AppWrite nextWrite_;
+    SSRS_Ctx buffer_;
+    std::array<int16_t, LARGE_FRAME_BUFFER.storage> storage_{};
+    std::deque<Run> runs_;  // what the frame buffer holds
+    Counts counts_;
+    int64_t reads_ = 0;
+    int64_t played_ = 0;
+    unsigned passes_ = 0;
+    uint32_t seenUnderruns_ = 0;
+};
+
+}  // namespace drift

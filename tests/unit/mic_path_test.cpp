@@ -1,0 +1,214 @@
+#include "drift/mic_path.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "drift/measure.h"
+
+namespace {
+
+using drift::Counts;
+using drift::kMs;
+using drift::kSecond;
+using drift::measure;
+using drift::Measured;
+using drift::MicPath;
+using drift::Ns;
+using drift::Reading;
+using drift::Scenario;
+
+constexpr int64_t kBlock = 480;
+
+Scenario withPpm(int ppm, Ns jitter = 0) {
+    Scenario scenario;
+    scenario.ppm = ppm;
+    scenario.jitter = jitter;
+    return scenario;
+}
+
+// Evenly spread over the 10 ms after which the app's and the host's phases recur.
+std::vector<Scenario> inEveryPhase(Scenario scenario) {
+    std::vector<Scenario> scenarios;
+    for (int i = 0; i < 10; ++i) {
+        scenario.phase = kMs / 4 + i * kMs;
+        scenario.seed = static_cast<uint64_t>(i);
+        scenarios.push_back(scenario);
+    }
+    return scenarios;
+}
+
+void expectWhole(const Counts& counts) {
+    EXPECT_EQ(counts.underruns, 0);
+    EXPECT_EQ(counts.emptyReads, 0);
+    EXPECT_EQ(counts.overruns, 0);
+    EXPECT_EQ(counts.lost, 0);
+    EXPECT_EQ(counts.silent, 0);
+    EXPECT_EQ(counts.stale, 0);
+    EXPECT_EQ(counts.enlargedAt, -1);
+}
+
+TEST(MicPath, DrawsOutTheFirst120FramesAndNoneAfterThemWhenTheClocksAreEqual) {
+    Ns lastCorrection = 0;
+    const Measured measured =
+        measure(withPpm(0), 60 * kSecond, [&](const Reading& reading, const Counts&) {
+            lastCorrection = reading.correction != 0 ? reading.at : lastCorrection;
+        });
+    EXPECT_EQ(measured.counts.stretches, 120);
+    EXPECT_EQ(measured.counts.squeezes, 0);
+    EXPECT_NEAR(static_cast<double>(lastCorrection), 1.2 * kSecond, 10 * kMs);
+    EXPECT_EQ(measured.depth.smallest, 10 * kMs);
+    EXPECT_EQ(measured.depth.largest, 15 * kMs);
+    expectWhole(measured.counts);
+}
+
+TEST(MicPath, BringsTheFirstSoundAfterTheStartupSilence) {
+    MicPath path(withPpm(0));
+    EXPECT_EQ(path.read().latency, -1);
+    EXPECT_EQ(path.read().latency, -1);
+    const Reading first = path.read();
+    EXPECT_EQ(first.at, 5 * kMs);
+    EXPECT_EQ(first.depth, 600);
+    // 2.5 ms of the silence that primed the buffer, the ring's 10 ms, and the USB frame, less what
+    // the app wrote ahead of its clock.
+    EXPECT_EQ(first.latency, 16 * kMs);
+    EXPECT_EQ(path.counts().silent, 0);
+}
+
+TEST(MicPath, MakesUpForTheClocksDifferenceAndForNoMore) {
+    for (const int ppm : {1000, -1000, 500, -500, 50, -50}) {
+        const Measured measured = measure(withPpm(ppm), 203 * kSecond);
+        const double drift = 48000e-6 * ppm;
+        EXPECT_NEAR(measured.stretchesPerSecond - measured.squeezesPerSecond, drift, 0.8) << ppm;
+        EXPECT_EQ(std::min(measured.stretchesPerSecond, measured.squeezesPerSecond), 0) << ppm;
+        expectWhole(measured.counts);
+    }
+}
+
+// What docs/soak.md has measured on the board, ms.
+TEST(MicPath, HasTheLatencyOfTheBoard) {
+    const struct {
+        int ppm;
+        Ns jitter;
+        double median;
+    } soaked[] = {
+        {500, 0, 17.93},        {-500, 0, 19.12},        {1000, 0, 17.32},
+        {-1000, 0, 19.77},      {500, 3 * kMs, 18.73},   {-500, 3 * kMs, 21.32},
+        {1000, 3 * kMs, 18.12}, {-1000, 3 * kMs, 21.93}, {500, 8 * kMs, 32.83},
+        {-500, 8 * kMs, 37.23}, {1000, 8 * kMs, 31.82},  {-1000, 8 * kMs, 38.23},
+    };
+    for (const auto& piece : soaked) {
+        const Measured measured = measure(withPpm(piece.ppm, piece.jitter), 300 * kSecond);
+        EXPECT_NEAR(static_cast<double>(measured.latency.median) / kMs, piece.median, 0.15)
+            << piece.ppm << " ppm, jitter " << piece.jitter / kMs << " ms";
+    }
+}
+
+TEST(MicPath, HoldsAJitterOf3MsOnceSettled) {
+    for (const int ppm : {0, 50, -50, 1000, -1000}) {
+        for (const Scenario& scenario : inEveryPhase(withPpm(ppm, 3 * kMs))) {
+            int starved = 0;
+            const Measured measured =
+                measure(scenario, 30 * kSecond, [&](const Reading& reading, const Counts&) {
+                    starved += reading.starved && reading.at > drift::kSettling ? 1 : 0;
+                });
+            EXPECT_EQ(starved, 0);
+            EXPECT_EQ(measured.counts.overruns, 0);
+            EXPECT_EQ(measured.counts.enlargedAt, -1);
+        }
+    }
+}
+
+TEST(MicPath, StarvesUnderAJitterOf8MsUntilTheBufferIsEnlarged) {
+    for (const Scenario& scenario : inEveryPhase(withPpm(500, 8 * kMs))) {
+        int64_t starvedBefore = 0;
+        int64_t starvedAfter = 0;
+        Reading last{};
+        const Measured measured =
+            measure(scenario, 60 * kSecond, [&](const Reading& reading, const Counts& counts) {
+                if (counts.written > 0 && reading.starved && reading.depth > 0) {
+                    ++(counts.enlargedAt < 0 ? starvedBefore : starvedAfter);
+                }
+                last = reading;
+            });
+        // Some of them may lie before the second in which there are 11.
+        EXPECT_GE(starvedBefore, 11);
+        EXPECT_EQ(starvedAfter, 0);
+        EXPECT_GE(measured.counts.enlargedAt, kSecond);
+        EXPECT_EQ(last.depthLow, 960);
+        EXPECT_EQ(last.depthHigh, 1440);
+        EXPECT_GE(last.latency, 28 * kMs);
+    }
+}
+
+TEST(MicPath, LosesNothingButWhatItCounts) {
+    std::vector<Scenario> scenarios = inEveryPhase(withPpm(-300, 15 * kMs));
+    for (const int block : {100, 240, 480, 700, 960, 1024, 1920, 4800}) {
+        Scenario scenario = withPpm(200, 2 * kMs);
+        scenario.blockFrames = block;
+        scenario.pauses = {{4 * kSecond, 35 * kMs, false}, {5 * kSecond, 35 * kMs, true}};
+        scenarios.push_back(scenario);
+    }
+    for (const Scenario& scenario : scenarios) {
+        MicPath path(scenario);
+        while (path.read().at < 8 * kSecond) {
+            const Counts& counts = path.counts();
+            ASSERT_EQ(counts.written, path.played() + path.queued() + counts.lost)
+                << scenario.blockFrames;
+        }
+        EXPECT_GT(path.counts().lost, 0);
+    }
+}
+
+TEST(MicPath, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
+    Scenario scenario = withPpm(0);
+    scenario.pauses = {{10 * kSecond, 50 * kMs, false}};
+    Ns silentFrom = -1;
+    const Measured measured =
+        measure(scenario, 20 * kSecond, [&](const Reading& reading, const Counts&) {
+            silentFrom =
+                silentFrom < 0 && reading.at > kSecond && reading.starved ? reading.at : silentFrom;
+        });
+    // The last block before it was whole for 15 ms, less the phase.
+    EXPECT_EQ(silentFrom, 10 * kSecond + 10 * kMs);
+    // Of the five blocks that were due, the first finds room.
+    EXPECT_EQ(measured.counts.overruns, 4);
+    EXPECT_EQ(measured.counts.lost, 4 * kBlock);
+    EXPECT_EQ(measured.counts.written, 20 * 48000);
+    EXPECT_EQ(measured.latency.median, 37 * kMs / 2);
+}
+
+TEST(MicPath, LeavesAGapAsSilence) {
+    Scenario scenario = withPpm(0);
+    scenario.pauses = {{10 * kSecond, 100 * kMs, true}};
+    const Counts counts = measure(scenario, 20 * kSecond).counts;
+    EXPECT_EQ(counts.written, 20 * 48000 - 10 * kBlock);
+    EXPECT_EQ(counts.overruns, 0);
+    EXPECT_EQ(counts.lost, 0);
+    // As much silence as is missing, less the 2.5 ms that the buffer's middle is below where it
+    // was, and the two samples by which the last frames before it were drawn out.
+    EXPECT_EQ(counts.silent, 10 * kBlock - 120 - 2);
+}
+
+TEST(MicPath, TakesHalfABlockForAWholeOne) {
+    Scenario scenario = withPpm(0);
+    scenario.blockFrames = 240;
+    MicPath path(scenario);
+    while (path.read().at < 10 * kSecond) {
+    }
+    const Counts& counts = path.counts();
+    EXPECT_NEAR(static_cast<double>(counts.stale), static_cast<double>(path.played()), 480);
+    EXPECT_NEAR(static_cast<double>(counts.lost), static_cast<double>(counts.written) / 2, 4800);
+}
+
+TEST(MicPath, TakesAWriteOfTwoBlocksWholeAndOneBeyondThePipesPageNot) {
+    Scenario scenario = withPpm(0);
+    scenario.blockFrames = 960;
+    EXPECT_EQ(measure(scenario, 10 * kSecond).counts.stale, 0);
+    scenario.blockFrames = 1440;
+    EXPECT_GT(measure(scenario, 10 * kSecond).counts.stale, 0);
+}
+
+}  // namespace
