@@ -1,7 +1,7 @@
 // The daemon's main job, shown: the host plays speech that the app records, the app plays speech
-// that the host records, with volume, mute, a sync-up and the cable on the way. Leaves WAV files,
-// the daemon's log, a time line and a summary in /out; fails with one sentence when anything is
-// missing.
+// that the host records, with volume, mute, a sync-up, a host whose clock runs fast and slow, and
+// the cable on the way. Leaves WAV files, the daemon's log, a time line, the messages, latency and
+// depth, and a summary in /out; fails with one sentence when anything is missing.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +32,10 @@ constexpr char kLog[] = "daemon";
 constexpr int64_t kLeadFrames = kRate / 2;    // before the host's speech: the start is held back
 constexpr int64_t kSettleFrames = 2 * kRate;  // before the app's: the latency settles first
 constexpr Ns kTail = 200 * kMs;
+constexpr int kDriftPpm[] = {1000, -1000};
+constexpr Ns kDriftTime = 7 * kSecond;  // until the latency has settled, and as long again
+constexpr Ns kLatencyMin = 13 * kMs;
+constexpr Ns kLatencyMax = 24 * kMs;
 
 void require(bool holds, const std::string& sentence) {
     if (!holds) {
@@ -73,12 +77,15 @@ class MainJob {
     void comeUp();
     void hostSpeaks();
     void appSpeaks();
+    void letClocksDrift(MicStream* mic);
     void changeSettings();
     void pullAndPlug();
     void speakOnceMore();
     void checkMessages();
     void measureSpeaker(const board::Heard& heard, int64_t sent);
     void measureMic(const MicStream& mic);
+    void putLatencies(const MicStream& mic) const;
+    void putMessages() const;
     void send(Message message);
     void report();
     std::vector<Row> table() const;
@@ -90,7 +97,7 @@ class MainJob {
     Samples appSpeech_;
     Way speaker_;
     Way mic_;
-    int64_t messagesSent_ = 0;
+    std::vector<board::ReceivedMessage> sent_;  // by the app
 };
 
 void MainJob::comeUp() {
@@ -108,7 +115,7 @@ void MainJob::comeUp() {
 void MainJob::send(Message message) {
     timeline_.add(board::now(), "app", "says: " + board::meaningOf(message));
     require(board_.app->send(message) == 0, "the daemon does not take the app's messages");
-    ++messagesSent_;
+    sent_.push_back({board::now(), message});
 }
 
 void MainJob::hostSpeaks() {
@@ -190,11 +197,31 @@ void MainJob::appSpeaks() {
     board_.host.command("mute mic 1");
     board_.host.command("mute mic 0");
     board::sleepUntil(end + kTail);
-    mic.off();
+    mic.observe();
     board::writeWav("/out/host_heard.wav", mic.recorded());
     require(board::findWhole(appSpeech_, mic.recorded()) >= 0,
             "what the host recorded does not contain the speech that the app played");
     measureMic(mic);
+    letClocksDrift(&mic);
+    mic.off();
+    putLatencies(mic);
+}
+
+// The app murmurs on.
+void MainJob::letClocksDrift(MicStream* mic) {
+    for (const int ppm : kDriftPpm) {
+        board_.host.command("ppb " + std::to_string(ppm * 1000));
+        board::sleepFor(kDriftTime);
+        mic->observe();
+    }
+    board_.host.command("ppb 0");
+    require(mic->trace().count(FrameKind::kUnexplained) == 0,
+            "frames were lost or repeated from app to host while the clocks drifted");
+    for (const board::MicLatency& latency : mic->latencies()) {
+        require(
+            latency.latency >= kLatencyMin && latency.latency <= kLatencyMax,
+            "the latency from app to host was " + std::to_string(latency.latency / kMs) + " ms");
+    }
 }
 
 // Every recorded frame is followed back to the samples that the app wrote.
@@ -215,6 +242,38 @@ void MainJob::measureMic(const MicStream& mic) {
         }
     }
     mic_.latency = board::spreadOf(std::move(latencies));
+}
+
+// Latency and depth, frame by frame.
+void MainJob::putLatencies(const MicStream& mic) const {
+    std::string csv = "t_s,latency_ms,depth_ms,gained_samples\n";
+    int64_t gained = 0;
+    for (const board::MicLatency& frame : mic.latencies()) {
+        gained += frame.gain;
+        char line[80];
+        snprintf(line, sizeof line, "%.3f,%.3f,%.3f,%lld\n",
+                 static_cast<double>(frame.at - timeline_.start()) / kSecond,
+                 static_cast<double>(frame.latency) / kMs,
+                 static_cast<double>(frame.waiting) * 1000 / kRate, static_cast<long long>(gained));
+        csv += line;
+    }
+    board::put("/out/latency.csv", csv);
+}
+
+void MainJob::putMessages() const {
+    std::string csv = "t_s,from,type,data,meaning\n";
+    const auto add = [&](const char* from, const std::vector<board::ReceivedMessage>& messages) {
+        for (const auto& [at, message] : messages) {
+            char head[64];
+            snprintf(head, sizeof head, "%.3f,%s,%u,0x%08X,",
+                     static_cast<double>(at - timeline_.start()) / kSecond, from, message.type,
+                     message.data);
+            csv += head + ('"' + board::meaningOf(message)) + "\"\n";
+        }
+    };
+    add("daemon", board_.app->messages());
+    add("app", sent_);
+    board::put("/out/messages.csv", csv);
 }
 
 void MainJob::pullAndPlug() {
@@ -249,6 +308,7 @@ void MainJob::report() {
     const std::string timeline = timeline_.text();
     board::put("/out/timeline.txt", timeline);
     fputs(timeline.c_str(), stdout);
+    putMessages();
     const std::vector<Row> rows = table();
     printf("\n%-40s %14s %14s\n", "", "host to app", "app to host");
     std::string json = "{";
@@ -289,7 +349,8 @@ std::vector<Row> MainJob::table() const {
         time("latency_median_ms", "latency, median, ms", a.median, b.median),
         time("latency_max_ms", "latency, largest, ms", a.largest, b.largest),
         count("messages", "messages to the app, from the app",
-              static_cast<int64_t>(board_.app->messages().size()), messagesSent_),
+              static_cast<int64_t>(board_.app->messages().size()),
+              static_cast<int64_t>(sent_.size())),
     };
 }
 

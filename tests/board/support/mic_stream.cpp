@@ -1,5 +1,6 @@
 #include "tests/board/support/mic_stream.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -7,6 +8,10 @@ namespace board {
 namespace {
 
 constexpr int64_t kBlockFrames = 480;
+constexpr int64_t kUsbFrameFrames = 48;
+// What lies between a read of the daemon's and the USB frame that takes the first sample of it: two
+// periods of the card's ring, and the USB frame.
+constexpr int64_t kRingFrames = 2 * 240 + kUsbFrameFrames;
 constexpr double kNsPerFrame = static_cast<double>(kSecond) / kRate;
 
 }  // namespace
@@ -33,15 +38,20 @@ void MicStream::observe() {
         // The recording begins with the host's stream, the daemon's part of it a little later.
         const int64_t skipped = values.at("mic.first_frames") - values.at("mic.on_frames");
         recorded.erase(recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(skipped));
-        anchorAt_ = values.at("mic.first_ns");
-        hostRate_ = 1 + static_cast<double>(values.at("ppb")) / 1e9;
+        beginsAt_ = values.at("mic.first_ns");
         begun_ = true;
     }
     if (keeps_) {
         recorded_.insert(recorded_.end(), recorded.begin(), recorded.end());
     }
-    const std::vector<MicFrame> more = trace_.add(recorded);
-    frames_.insert(frames_.end(), more.begin(), more.end());
+    // The frames that moved last moved together.
+    const double hostRate = 1 + static_cast<double>(values.at("ppb")) / 1e9;
+    const Anchor anchor{values.at("mic.frames") - kUsbFrameFrames - values.at("mic.first_frames"),
+                        values.at("mic.last_ns"), kNsPerFrame / hostRate};
+    for (const MicFrame& frame : trace_.add(recorded)) {
+        frames_.push_back(frame);
+        addLatency(frame, anchor);
+    }
 }
 
 void MicStream::off() {
@@ -63,23 +73,24 @@ int16_t MicStream::sent(int64_t index) const {
                                   : int16_t{0};
 }
 
-std::vector<MicLatency> MicStream::latencies() const {
-    std::vector<MicLatency> latencies;
-    for (const MicFrame& frame : frames_) {
-        const auto block = static_cast<size_t>(frame.sentAt / kBlockFrames);
-        if (frame.kind == FrameKind::kSilent || frame.kind == FrameKind::kUnexplained ||
-            block >= blocks_.size()) {
-            continue;
-        }
-        // The app's samples leave in blocks but are thought of as evenly spaced in time.
-        const double sentAt = static_cast<double>(blocks_[block].at) +
-                              static_cast<double>(frame.sentAt % kBlockFrames) * kNsPerFrame;
-        const auto position = static_cast<double>(frame.recordedAt + frame.lead);
-        const double recordedAt =
-            static_cast<double>(anchorAt_) + position * kNsPerFrame / hostRate_;
-        latencies.push_back({frame.recordedAt, static_cast<Ns>(recordedAt - sentAt)});
+void MicStream::addLatency(const MicFrame& frame, const Anchor& anchor) {
+    const auto block = static_cast<size_t>(frame.sentAt / kBlockFrames);
+    if (frame.kind == FrameKind::kSilent || frame.kind == FrameKind::kUnexplained ||
+        block >= blocks_.size()) {
+        return;
     }
-    return latencies;
+    // The app's samples leave in blocks but are thought of as evenly spaced in time.
+    const double sentAt = static_cast<double>(blocks_[block].at) +
+                          static_cast<double>(frame.sentAt % kBlockFrames) * kNsPerFrame;
+    const auto position = static_cast<double>(frame.recordedAt + frame.lead - anchor.recorded);
+    const double recordedAt = static_cast<double>(anchor.at) + position * anchor.nsPerFrame;
+    const Ns takenAt = static_cast<Ns>(recordedAt - kRingFrames * anchor.nsPerFrame);
+    const auto written =
+        std::upper_bound(blocks_.begin(), blocks_.end(), takenAt,
+                         [](Ns at, const SentBlock& sent) { return at < sent.at; });
+    latencies_.push_back({frame.recordedAt, static_cast<Ns>(recordedAt),
+                          static_cast<Ns>(recordedAt - sentAt),
+                          (written - blocks_.begin()) * kBlockFrames - frame.sentAt, frame.gain()});
 }
 
 int64_t MicStream::settledAt() const {
@@ -94,7 +105,7 @@ int64_t MicStream::settledAt() const {
 Ns MicStream::timeToSound() const {
     for (const MicFrame& frame : frames_) {
         if (frame.kind != FrameKind::kSilent) {
-            return anchorAt_ +
+            return beginsAt_ +
                    static_cast<Ns>(static_cast<double>(frame.recordedAt) * kNsPerFrame) - onAt_;
         }
     }

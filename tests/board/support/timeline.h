@@ -12,6 +12,7 @@ class Timeline {
   public:
     // Time 0 is now.
     Timeline() : start_(now()) {}
+    Ns start() const { return start_; }
 
     void add(Ns at, const std::string& who, const std::string& what);
     // Everything from time 0 on that the board has noted: commands of the host, requests to the
