@@ -77,6 +77,17 @@ std::vector<Message> MessageSocket::take() {
     return messages;
 }
 
+MessageSender::MessageSender() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    if (!fd_.isOpen()) {
+        fail("making a socket");
+    }
+}
+
+int MessageSender::send(const void* bytes, size_t count) const {
+    const sockaddr_un address = addressOf(kSocketTx);
+    return sendto(fd_.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno : 0;
+}
+
 Ns Heard::timeOf(int64_t index) const {
     const int64_t frame = firstFrame_ + index;
     const auto after = std::upper_bound(
@@ -151,16 +162,6 @@ std::vector<Message> App::messageValues(size_t from) const {
 
 bool App::waitForMessages(size_t count, Ns limit) const {
     return waitFor([&] { return messages().size() >= count; }, limit);
-}
-
-int App::send(Message message) {
-    return sendBytes(&message, sizeof message);
-}
-
-int App::sendBytes(const void* bytes, size_t count) {
-    const Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = addressOf(kSocketTx);
-    return sendto(socket.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno : 0;
 }
 
 void App::listen() {
@@ -243,7 +244,7 @@ void App::writeChunk(int64_t firstByte) {
     for (size_t i = 0; i < frames; ++i) {
         const int16_t left = voice(firstFrame + static_cast<int64_t>(i));
         stereo[2 * i] = left;
-        stereo[2 * i + 1] = static_cast<int16_t>(~left);
+        stereo[2 * i + 1] = options_.equalChannels ? left : static_cast<int16_t>(~left);
     }
     const auto* bytes = reinterpret_cast<const std::byte*>(stereo.data()) + skippedBytes;
     const ssize_t written = write(tx_.get(), bytes, options_.chunkBytes);

@@ -48,6 +48,18 @@ class MessageSocket {
     Fd fd_;
 };
 
+// Sends to kSocketTx. Any thread.
+class MessageSender {
+  public:
+    MessageSender();
+    // 0 or the errno of the send.
+    int send(const void* bytes, size_t count) const;
+    int send(Message message) const { return send(&message, sizeof message); }
+
+  private:
+    Fd fd_;
+};
+
 // What was read in one go.
 struct HeardBlock {
     Ns at;
@@ -74,12 +86,13 @@ struct SentBlock {
 };
 
 struct AppOptions {
-    Ns jitter = 0;             // each write comes up to this much late
-    int64_t jitterSeed = 0;    // picks which comes how late
-    size_t chunkBytes = 1920;  // of one write; 10 ms of interleaved stereo
-    int slowdownPercent = 0;   // as by speakSlower, from the beginning
-    bool socket = true;        // binds the message socket
-    bool speaks = true;        // from the beginning; else the FIFO is held open until it speaks
+    Ns jitter = 0;               // each write comes up to this much late
+    int64_t jitterSeed = 0;      // picks which comes how late
+    size_t chunkBytes = 1920;    // of one write; 10 ms of interleaved stereo
+    int slowdownPercent = 0;     // as by speakSlower, from the beginning
+    bool socket = true;          // binds the message socket
+    bool equalChannels = false;  // the right one carries the left one's sample
+    bool speaks = true;          // from the beginning; else the FIFO is held open until it speaks
 };
 
 class App {
@@ -92,8 +105,8 @@ class App {
     // Makes the FIFOs that are missing.
     static void makeFifos();
 
-    // From the next block on; frames are counted from the app's start. The right channel carries
-    // the inverted sample, so that mixing or swapping shows.
+    // From the next block on; frames are counted from the app's start. Unless the channels are to
+    // be equal, the right one carries the inverted sample, so that mixing or swapping shows.
     void speak(Voice voice);
     // The voice's frame that is spoken next.
     int64_t nextFrame() const { return nextFrame_; }
@@ -126,8 +139,10 @@ class App {
     bool waitForMessages(size_t count, Ns limit = 5 * kSecond) const;
 
     // To the daemon, from anybody; 0 or the errno of the send.
-    static int send(Message message);
-    static int sendBytes(const void* bytes, size_t count);
+    static int send(Message message) { return sendBytes(&message, sizeof message); }
+    static int sendBytes(const void* bytes, size_t count) {
+        return MessageSender().send(bytes, count);
+    }
 
   private:
     void listen();

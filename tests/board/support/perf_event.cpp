@@ -134,6 +134,13 @@ PerfEvent PerfEvent::traced(TraceId id, PerfScope scope, const std::string& filt
     return event;
 }
 
+PerfEvent PerfEvent::cpuTime(Ns period, PerfScope scope) {
+    perf_event_attr attr = attributes(PERF_TYPE_SOFTWARE, PERF_COUNT_SW_TASK_CLOCK);
+    attr.sample_period = static_cast<uint64_t>(period);
+    attr.sample_type = PERF_SAMPLE_CALLCHAIN;
+    return {attr, scope};
+}
+
 PerfEvent::PerfEvent(const perf_event_attr& attr, PerfScope scope)
     : fd_(static_cast<int>(
           syscall(SYS_perf_event_open, &attr, scope.tid, scope.cpu, -1, PERF_FLAG_FD_CLOEXEC))) {
@@ -168,32 +175,72 @@ void PerfEvent::record() {
     }
 }
 
+template <typename See>
+void PerfEvent::eachSample(See&& see) {
+    std::vector<char> record;
+    const uint64_t head = __atomic_load_n(&header(ring_)->data_head, __ATOMIC_ACQUIRE);
+    uint64_t tail = header(ring_)->data_tail;
+    while (tail != head) {
+        perf_event_header start{};
+        copyOut(tail, &start, sizeof start);
+        if (start.type == PERF_RECORD_LOST) {
+            throw std::runtime_error("performance events were lost");
+        }
+        if (start.type == PERF_RECORD_SAMPLE) {
+            record.resize(start.size - sizeof start);
+            copyOut(tail + sizeof start, record.data(), record.size());
+            see(record.data());
+        }
+        tail += start.size;
+    }
+    __atomic_store_n(&header(ring_)->data_tail, tail, __ATOMIC_RELEASE);
+}
+
 std::vector<PerfSample> PerfEvent::take() {
-    struct Record {
-        perf_event_header header;
+    struct Start {
         Ns at;
         uint32_t rawBytes;
     };
     std::vector<PerfSample> samples;
-    const uint64_t head = __atomic_load_n(&header(ring_)->data_head, __ATOMIC_ACQUIRE);
-    uint64_t tail = header(ring_)->data_tail;
-    while (tail != head) {
-        Record record{};
-        copyOut(tail, &record, sizeof record);
-        if (record.header.type == PERF_RECORD_LOST) {
-            throw std::runtime_error("performance events were lost");
-        }
-        if (record.header.type == PERF_RECORD_SAMPLE) {
-            PerfSample sample{record.at, {}};
-            const size_t raw = offsetof(Record, rawBytes) + sizeof record.rawBytes + kCommonBytes;
-            copyOut(tail + raw, sample.fields.data(),
-                    std::min(record.rawBytes - kCommonBytes, sizeof sample.fields));
-            samples.push_back(sample);
-        }
-        tail += record.header.size;
-    }
-    __atomic_store_n(&header(ring_)->data_tail, tail, __ATOMIC_RELEASE);
+    eachSample([&](const char* record) {
+        Start start{};
+        memcpy(&start, record, sizeof start);
+        PerfSample sample{start.at, {}};
+        const char* const raw =
+            record + offsetof(Start, rawBytes) + sizeof start.rawBytes + kCommonBytes;
+        memcpy(sample.fields.data(), raw,
+               std::min(start.rawBytes - kCommonBytes, sizeof sample.fields));
+        samples.push_back(sample);
+    });
     return samples;
+}
+
+std::vector<CallStack> PerfEvent::takeStacks() {
+    std::vector<CallStack> stacks;
+    eachSample([&](const char* record) {
+        uint64_t count = 0;
+        memcpy(&count, record, sizeof count);
+        std::vector<uint64_t> addresses(count);
+        memcpy(addresses.data(), record + sizeof count, count * sizeof addresses[0]);
+        CallStack stack;
+        std::vector<uint64_t>* side = nullptr;
+        for (const uint64_t address : addresses) {
+            if (address == PERF_CONTEXT_KERNEL || address == PERF_CONTEXT_USER) {
+                side = address == PERF_CONTEXT_KERNEL ? &stack.kernel : &stack.program;
+            } else if (side != nullptr) {
+                side->push_back(address);
+            }
+        }
+        stacks.push_back(std::move(stack));
+    });
+    return stacks;
+}
+
+void PerfEvent::setPeriod(Ns period) {
+    auto value = static_cast<uint64_t>(period);
+    if (ioctl(fd_.get(), PERF_EVENT_IOC_PERIOD, &value) != 0) {
+        fail("setting a performance event's period");
+    }
 }
 
 // The ring's end may lie within a record.

@@ -29,6 +29,13 @@ struct PerfSample {
     std::array<uint64_t, 3> fields;  // the first of the trace event's own, 0 where it has fewer
 };
 
+// Where a processor was: the addresses of what it ran and of what had called that, innermost first.
+// The kernel's are empty when it ran the program itself.
+struct CallStack {
+    std::vector<uint64_t> kernel;
+    std::vector<uint64_t> program;
+};
+
 std::vector<Ns> timesOf(const std::vector<PerfSample>& samples);
 void append(std::vector<Ns>* all, const std::vector<Ns>& more);
 
@@ -47,6 +54,8 @@ class PerfEvent {
     static PerfEvent libraryCalls(const char* function, PerfScope scope);
     // With a filter on the event's fields, as tracefs has it, unless that is empty.
     static PerfEvent traced(TraceId id, PerfScope scope, const std::string& filter = "");
+    // Every `period` of a thread's processor time.
+    static PerfEvent cpuTime(Ns period, PerfScope scope);
     PerfEvent(PerfEvent&& other) noexcept;
     PerfEvent& operator=(PerfEvent&&) = delete;
     ~PerfEvent();
@@ -58,9 +67,16 @@ class PerfEvent {
     // Those since the last call, in their order. Throws when there were more than are kept: some
     // eight thousand.
     std::vector<PerfSample> take();
+    // The same of processor time.
+    std::vector<CallStack> takeStacks();
+    // From the next occurrence on.
+    void setPeriod(Ns period);
 
   private:
     PerfEvent(const perf_event_attr& attr, PerfScope scope);
+    // Calls see(record) for each sample since the last call: what follows its header.
+    template <typename See>
+    void eachSample(See&& see);
     void copyOut(uint64_t from, void* to, size_t count) const;
 
     Fd fd_;

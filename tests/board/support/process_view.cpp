@@ -86,6 +86,15 @@ Ns cpuOf(pid_t pid) {
     return sum;
 }
 
+int64_t sleepsOf(pid_t pid) {
+    const std::string tasks = folderOf(pid, "task");
+    int64_t sum = 0;
+    for (const std::string& tid : namesIn(tasks)) {
+        sum += sumOf(contents(tasks + "/" + tid + "/status"), "voluntary_ctxt_switches");
+    }
+    return sum;
+}
+
 std::vector<std::string> descriptorsOf(pid_t pid) {
     std::vector<std::string> targets;
     const std::string folder = folderOf(pid, "fd");

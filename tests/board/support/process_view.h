@@ -23,6 +23,8 @@ struct ThreadView {
 // Threads that end while they are looked at are left out.
 std::vector<ThreadView> threadsOf(pid_t pid);
 Ns cpuOf(pid_t pid);
+// How often its threads have gone to sleep so far, those that still live.
+int64_t sleepsOf(pid_t pid);
 
 // What each open descriptor leads to, sorted.
 std::vector<std::string> descriptorsOf(pid_t pid);
