@@ -1,0 +1,15 @@
+// How a section of the benchmark is measured.
+#pragma once
+
+#include <cstddef>
+
+#include "tests/board/support/clock.h"
+
+namespace bench {
+
+struct Options {
+    board::Ns measured;  // how long each stream runs after its settling
+    size_t subjects;     // how many of each comparison, from the first on
+};
+
+}  // namespace bench

@@ -1,0 +1,52 @@
+// What is measured: the daemon, or programs that do its work on the same gadget card. One thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "tests/board/support/clock.h"
+
+namespace bench {
+
+struct Command {
+    std::vector<std::string> words;  // the program's path and its arguments
+    std::string input;               // file that is its standard input, or none
+    std::string output;              // and its standard output
+};
+
+struct Subject {
+    std::string name;
+    std::vector<Command> commands;  // measured together
+    std::vector<Command> helpers;   // do the app's part; run before them and are not measured
+    bool speaksToApp;               // the app's FIFOs are used, and in the app's format
+};
+
+// Processes started from commands, which end when this goes.
+class Processes {
+  public:
+    // `realtime`: at SCHED_FIFO priority 58, as the daemon's threads that stream. What they say
+    // goes to /out/NAME.stderr.
+    Processes(const std::string& name, const std::vector<Command>& commands, bool realtime);
+    ~Processes();
+    Processes(const Processes&) = delete;
+    Processes& operator=(const Processes&) = delete;
+
+    const std::vector<pid_t>& pids() const { return pids_; }
+    bool allRun() const;
+    board::Ns startedAt() const { return startedAt_; }
+
+  private:
+    const board::Ns startedAt_;
+    std::vector<pid_t> pids_;
+};
+
+// The daemon first, then what is as little as can be, then what users would take. Helpers that
+// speak say what is in kVoiceFile.
+constexpr char kVoiceFile[] = "/tmp/voice.raw";
+std::vector<Subject> speakerSubjects();
+std::vector<Subject> micSubjects();
+std::vector<Subject> bothSubjects();
+
+}  // namespace bench
