@@ -2,6 +2,7 @@
 // channel counts, the opening of a FIFO, and the answer to a wait that went wrong.
 #include <cerrno>
 #include <fcntl.h>
+#include <numeric>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -83,6 +84,27 @@ TEST_F(UafChStreamTest, StereoBecomesMonoByItsLeftSamples) {
     Samples samples{1, 9, 2, 9, 3, 9};
     UafCh::adjCh(samples.data(), 2, 1, 3);
     EXPECT_THAT(samples, ElementsAre(1, 2, 3, 9, 3, 9));
+}
+
+TEST_F(UafChStreamTest, EveryLengthConvertsEachFrameAndNothingElse) {
+    constexpr int longest = 100;
+    for (int frames = 0; frames <= longest; ++frames) {
+        SCOPED_TRACE(frames);
+        Samples before(2 * longest + 1);
+        std::iota(before.begin(), before.end(), int16_t{-90});
+        Samples stereo = before;
+        Samples mono = before;
+        for (int i = 0; i < frames; ++i) {
+            stereo[2 * i] = stereo[2 * i + 1] = before[i];
+            mono[i] = before[2 * i];
+        }
+        Samples samples = before;
+        UafCh::adjCh(samples.data(), 1, 2, frames);
+        EXPECT_EQ(samples, stereo);
+        samples = before;
+        UafCh::adjCh(samples.data(), 2, 1, frames);
+        EXPECT_EQ(samples, mono);
+    }
 }
 
 TEST_F(UafChStreamTest, NoFramesChangeNothing) {
