@@ -3,10 +3,10 @@
 set terminal svg size 900,900 font "sans,12" background "white"
 set output picture
 set datafile separator tab
-set multiplot layout 3,1 margins 0.32,0.96,0.07,0.95 spacing 0,0.09
+set multiplot layout 3,1 margins 0.36,0.96,0.07,0.95 spacing 0,0.09
 set logscale x
-set xrange [1:200]
-set yrange [*:*] reverse
+set xrange [1:400]
+set yrange [-0.6:*] reverse
 set grid xtics
 set tics nomirror
 set ytics out
