@@ -7,6 +7,8 @@
 #include <limits>
 
 #include "benchmark/board/cost.h"
+#include "benchmark/board/growth.h"
+#include "benchmark/board/latency.h"
 #include "benchmark/board/options.h"
 #include "benchmark/board/profile.h"
 
@@ -16,10 +18,10 @@ struct Section {
     const char* name;
     void (*measure)(const bench::Options& options);
 };
-constexpr Section kSections[] = {{"speaker", bench::measureSpeaker},
-                                 {"microphone", bench::measureMicrophone},
-                                 {"both", bench::measureBoth},
-                                 {"profile", bench::measureProfile}};
+constexpr Section kSections[] = {
+    {"speaker", bench::measureSpeaker}, {"microphone", bench::measureMicrophone},
+    {"both", bench::measureBoth},       {"profile", bench::measureProfile},
+    {"latency", bench::measureLatency}, {"growth", bench::measureGrowth}};
 
 }  // namespace
 
