@@ -119,6 +119,7 @@ TEST_F(Binding, ChangesInABurstEndAsTheLastRecordSays) {
         queue(kMicOn, last);
         daemon.thaw();
         ASSERT_TRUE(settle(60 * kSecond));
+        board::sleepFor(100 * kMs);  // longer than a stop waits
         EXPECT_TRUE(hasThreads(last != 0 ? board::kStreamingThreads : board::kIdleThreads));
     }
     EXPECT_EQ(findDamage(), "");
