@@ -300,8 +300,10 @@ class Streaming : public NoMoreMemory {
         xrunsBefore_ = xruns();
     }
 
-    // Everything since the start was heard, without a frame missing.
+    // Everything since the start was heard, without a frame missing, and the host is heard still.
     void expectExact() {
+        const int64_t heardBefore = app->heardFrames();
+        EXPECT_TRUE(board::waitFor([&] { return app->heardFrames() > heardBefore + kRate / 10; }));
         const board::Samples heard = app->takeHeard().left;
         const int64_t first = board::find(heard, 0, board::render(board::noise, 0, kRate));
         ASSERT_GE(first, 0);
