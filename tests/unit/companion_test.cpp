@@ -1,0 +1,310 @@
+// Opening beside a daemon that is there, comes later or never, waiting, and closing.
+#include "tests/support/companion_test.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include "tests/support/thread_state.h"
+
+namespace {
+
+using testing::Contains;
+using testing::Not;
+
+class CompanionOpenTest : public CompanionTest {
+  protected:
+    static struct stat statOf(const std::string& path) {
+        struct stat found {};
+        lstat(path.c_str(), &found);
+        return found;
+    }
+    static int64_t openDescriptors() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    }
+};
+
+TEST_F(CompanionOpenTest, MakesTheFifosThatAreMissing) {
+    ASSERT_EQ(0, open());
+    EXPECT_TRUE(S_ISFIFO(statOf(daemon.path("FifoRx")).st_mode));
+    EXPECT_TRUE(S_ISFIFO(statOf(daemon.path("FifoTx")).st_mode));
+}
+
+TEST_F(CompanionOpenTest, UsesTheFifosThatAreThere) {
+    ASSERT_EQ(0, open());
+    const ino_t rx = statOf(daemon.path("FifoRx")).st_ino;
+    const ino_t tx = statOf(daemon.path("FifoTx")).st_ino;
+    companion.close();
+    ASSERT_EQ(0, open());
+    EXPECT_EQ(rx, statOf(daemon.path("FifoRx")).st_ino);
+    EXPECT_EQ(tx, statOf(daemon.path("FifoTx")).st_ino);
+}
+
+TEST_F(CompanionOpenTest, LetsADaemonThatComesLaterOpenAtOnce) {
+    ASSERT_EQ(0, open());
+    EXPECT_TRUE(daemon.openFifos());
+}
+
+TEST_F(CompanionOpenTest, LetsADaemonThatWaitsGoOn) {
+    ASSERT_EQ(0, open());
+    companion.close();
+    std::future<void> opening = daemon.beginOpening();
+    ASSERT_EQ(0, open());
+    EXPECT_TRUE(daemon.finishOpening(std::move(opening)));
+}
+
+// Also the one that has opened and closed its ends, as the daemon does at its start.
+TEST_F(CompanionOpenTest, LetsADaemonOpenAgainAndAgain) {
+    ASSERT_EQ(0, open());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(daemon.openFifos());
+        daemon.end();
+    }
+}
+
+class NoFifo : public CompanionOpenTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(NoFifo, IsRefused) {
+    const int before = static_cast<int>(openDescriptors());
+    const std::string path = daemon.path(GetParam());
+    std::ofstream(path) << "sound";
+    EXPECT_EQ(-EEXIST, open());
+    EXPECT_FALSE(companion.isOpen());
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_EQ(-EEXIST, open());
+    EXPECT_EQ(before, openDescriptors());
+    std::filesystem::remove(path);
+    EXPECT_EQ(0, open());
+}
+
+INSTANTIATE_TEST_SUITE_P(InPlaceOf, NoFifo, testing::Values("FifoRx", "FifoTx"),
+                         [](const auto& info) { return std::string(info.param); });
+
+TEST_F(CompanionOpenTest, SaysWhatIsWrongWithTheFolder) {
+    EXPECT_EQ(-ENOENT, companion.open(UAFD_SOUND, "/nonexistent"));
+    EXPECT_EQ(-ENOENT, companion.open(UAFD_EVENTS, "/nonexistent"));
+    EXPECT_EQ(-ENAMETOOLONG, companion.open(0, std::string(100, 'd').c_str()));
+    EXPECT_FALSE(companion.isOpen());
+}
+
+TEST_F(CompanionOpenTest, TakesOverASocketThatNobodyIsBoundTo) {
+    ASSERT_EQ(0, open());
+    companion.close();
+    EXPECT_TRUE(S_ISSOCK(statOf(daemon.path("UdsIpcRx")).st_mode));
+    EXPECT_EQ(ECONNREFUSED, daemon.send(0, 1));
+    ASSERT_EQ(0, open());
+    EXPECT_EQ(0, daemon.send(0, 1));
+    EXPECT_TRUE(companion.nextEvent());
+}
+
+// A daemon that finds no file there would hold its messages back for seconds.
+TEST_F(CompanionOpenTest, NeverLeavesTheSocketsNameWithoutAFile) {
+    std::vector<std::string> removed;
+    fake_sys::hooks().unlink = [&](const char* path) {
+        removed.push_back(path);
+        return fake_sys::real::unlink(path);
+    };
+    ASSERT_EQ(0, open());
+    companion.close();
+    ASSERT_EQ(0, open());
+    EXPECT_THAT(removed, Not(Contains(daemon.path("UdsIpcRx"))));
+    EXPECT_FALSE(std::filesystem::exists(daemon.path("UdsIpcRx.new")));
+}
+
+TEST_F(CompanionOpenTest, LeavesTheSocketToTheAppThatHasIt) {
+    ASSERT_EQ(0, open());
+    uafd::Companion second;
+    EXPECT_EQ(-EADDRINUSE, second.open(UAFD_EVENTS, folder.path().c_str()));
+    EXPECT_EQ(0, daemon.send(0, 1));
+    EXPECT_TRUE(companion.nextEvent());
+    EXPECT_EQ(0, second.open(UAFD_SOUND, folder.path().c_str()));
+}
+
+TEST_F(CompanionOpenTest, OpensAnewInPlaceOfWhatWasOpen) {
+    ASSERT_EQ(0, open());
+    const int64_t before = openDescriptors();
+    EXPECT_EQ(0, open());
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(0, daemon.send(0, 1));
+    EXPECT_TRUE(companion.nextEvent());
+}
+
+TEST_F(CompanionOpenTest, OpensNothingButWhatIsAskedFor) {
+    ASSERT_EQ(0, open(0));
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+    int16_t block[960] = {};
+    uafd_event event{};
+    EXPECT_EQ(-EBADF, companion.read(block, 1));
+    EXPECT_EQ(-EBADF, companion.write(block));
+    EXPECT_EQ(-EBADF, uafd_companion_next_event(companion.get(), &event));
+    EXPECT_EQ(-1, companion.speakerFd());
+    EXPECT_EQ(-1, companion.micFd());
+    EXPECT_EQ(-1, companion.eventsFd());
+    ASSERT_EQ(0, open(UAFD_SOUND));
+    EXPECT_EQ(-1, companion.eventsFd());
+    ASSERT_EQ(0, open(UAFD_EVENTS));
+    EXPECT_EQ(-1, companion.speakerFd());
+}
+
+TEST_F(CompanionOpenTest, ClosesEverything) {
+    const int64_t before = openDescriptors();
+    ASSERT_EQ(0, open());
+    EXPECT_EQ(before + 4, openDescriptors());
+    companion.close();
+    EXPECT_EQ(before, openDescriptors());
+    uafd_companion_close(nullptr);
+}
+
+TEST_F(CompanionOpenTest, HandsBackWhatTheSystemRefuses) {
+    const int64_t before = openDescriptors();
+    fake_sys::Hooks& hooks = fake_sys::hooks();
+    hooks.calloc = [](size_t, size_t) -> void* { return nullptr; };
+    EXPECT_EQ(-ENOMEM, open());
+    hooks.calloc = nullptr;
+    hooks.socket = [](int, int, int) {
+        errno = EMFILE;
+        return -1;
+    };
+    EXPECT_EQ(-EMFILE, open());
+    hooks.socket = nullptr;
+    hooks.bind = [](int, const sockaddr*, socklen_t) {
+        errno = EACCES;
+        return -1;
+    };
+    EXPECT_EQ(-EACCES, open());
+    hooks.bind = nullptr;
+    for (const int good : {0, 1, 2, 3}) {  // opened before one is refused
+        int left = good;
+        hooks.open = [&left](const char* path, int flags) {
+            errno = EACCES;
+            return left-- > 0 ? fake_sys::real::open(path, flags) : -1;
+        };
+        EXPECT_EQ(-EACCES, open());
+    }
+    hooks.open = nullptr;
+    std::filesystem::remove(daemon.path("UdsIpcRx"));
+    std::filesystem::create_directory(daemon.path("UdsIpcRx"));
+    EXPECT_EQ(-EISDIR, open());
+    EXPECT_FALSE(std::filesystem::exists(daemon.path("UdsIpcRx.new")));
+    EXPECT_EQ(before, openDescriptors());
+}
+
+class CompanionWaitTest : public CompanionOpenTest {
+  protected:
+    void SetUp() override {
+        CompanionOpenTest::SetUp();
+        fake_sys::hooks().clock_gettime = [this](clockid_t clock, timespec* time) {
+            EXPECT_EQ(CLOCK_MONOTONIC, clock);
+            *time = {nowMs_ / 1000, nowMs_ % 1000 * 1000000};
+            return 0;
+        };
+        openBoth();
+        EXPECT_EQ(UAFD_READY_BLOCK, companion.wait());
+    }
+    static bool fallsAsleep(const std::atomic<int>& tid) {
+        for (int i = 0; i < 5000; ++i) {
+            if (tid != 0 && isAsleep(tid)) {
+                return true;
+            }
+            usleep(1000);
+        }
+        return false;
+    }
+    // At a time at which something is ready, so that it does not wait.
+    int waitAt(int64_t ms) {
+        nowMs_ = ms;
+        return companion.wait();
+    }
+
+    int64_t nowMs_ = 1000;
+};
+
+TEST_F(CompanionWaitTest, TellsSoundAndEvents) {
+    const std::vector<int16_t> frames(480);
+    daemon.play(frames);
+    EXPECT_EQ(UAFD_READY_SOUND, companion.wait());
+    daemon.send(0, 1);
+    EXPECT_EQ(UAFD_READY_SOUND | UAFD_READY_EVENT, companion.wait());
+    int16_t samples[960];
+    EXPECT_EQ(240, companion.read(samples, 480));
+    EXPECT_EQ(UAFD_READY_EVENT, companion.wait());
+}
+
+TEST_F(CompanionWaitTest, TellsABlockEveryTenMilliseconds) {
+    daemon.send(0, 1);  // and stays untaken
+    for (int block = 1; block < 10; ++block) {
+        EXPECT_EQ(UAFD_READY_EVENT, waitAt(1000 + 10 * block - 1));
+        EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1000 + 10 * block));
+        EXPECT_EQ(UAFD_READY_EVENT, waitAt(1000 + 10 * block));
+    }
+}
+
+TEST_F(CompanionWaitTest, KeepsTheBeatOfWhoComesLate) {
+    daemon.send(0, 1);
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));  // that of 1010
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));
+    EXPECT_EQ(UAFD_READY_EVENT, waitAt(1030));
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1040));
+}
+
+TEST_F(CompanionWaitTest, GoesOnFromThereForWhoComesVeryLate) {
+    daemon.send(0, 1);
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1031));
+    EXPECT_EQ(UAFD_READY_EVENT, waitAt(1040));
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1041));
+}
+
+TEST_F(CompanionWaitTest, SleepsUntilTheBlock) {
+    int looks = 0;
+    fake_sys::hooks().clock_gettime = [&](clockid_t clock, timespec* time) {
+        ++looks;
+        return fake_sys::real::clock_gettime(clock, time);
+    };
+    for (int block = 0; block < 3; ++block) {
+        EXPECT_EQ(UAFD_READY_BLOCK, companion.wait());
+    }
+    EXPECT_LE(looks, 12) << "one before and one after each sleep would do";
+}
+
+TEST_F(CompanionWaitTest, SleepsUntilAnEventWithoutTheMicrophonesFifo) {
+    companion.close();
+    ASSERT_EQ(0, open(UAFD_EVENTS));
+    std::atomic<int> tid{0};
+    std::thread waiter([&] {
+        tid = gettid();
+        EXPECT_EQ(UAFD_READY_EVENT, companion.wait());
+    });
+    EXPECT_TRUE(fallsAsleep(tid));
+    daemon.send(0, 1);
+    waiter.join();
+}
+
+TEST_F(CompanionWaitTest, ReturnsAfterASignal) {
+    struct sigaction before {};
+    struct sigaction nothing {};
+    nothing.sa_handler = [](int) {};
+    sigaction(SIGALRM, &nothing, &before);
+    // Over and over, since the first may come before the wait.
+    const itimerval often{{0, 1000}, {0, 1000}};
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(-EINTR, companion.wait());
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+}
+
+}  // namespace
