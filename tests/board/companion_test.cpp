@@ -1,0 +1,280 @@
+// The companion library against the daemon: sound and messages both ways, whoever starts first, and
+// again after the other one's restart.
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <uafd_companion.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "tests/board/board_case.h"
+#include "tests/board/support/host_player.h"
+
+namespace {
+
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::Ns;
+using testing::ElementsAre;
+using Event = std::pair<uafd_event_type, int>;
+
+constexpr int64_t kBlock = UAFD_BLOCK_FRAMES;
+
+// An app on the library with a thread of its own: says noise, keeps what it hears and is told.
+class LibraryApp {
+  public:
+    LibraryApp() {
+        EXPECT_EQ(companion_.open(), 0);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~LibraryApp() {
+        stop_ = true;
+        thread_.join();
+    }
+
+    uafd::Companion& companion() { return companion_; }
+    uafd_counts counts() const { return companion_.counts(); }
+    // Left samples; the right ones are the same.
+    board::Samples takeHeard() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(heard_, {});
+    }
+    std::vector<Event> takeEvents() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(events_, {});
+    }
+
+  private:
+    void run() {
+        int64_t frame = 0;
+        while (!stop_) {
+            if (companion_.wait() >= UAFD_READY_BLOCK) {
+                int16_t said[2 * UAFD_BLOCK_FRAMES];
+                for (int i = 0; i < UAFD_BLOCK_FRAMES; ++i) {
+                    said[2 * i] = board::noise(frame + i);
+                    said[2 * i + 1] = static_cast<int16_t>(~said[2 * i]);
+                }
+                frame += companion_.write(said) == 0 ? UAFD_BLOCK_FRAMES : 0;
+            }
+            const std::lock_guard<std::mutex> lock(mutex_);
+            hear();
+            while (const auto event = companion_.nextEvent()) {
+                events_.emplace_back(event->type, event->value);
+            }
+        }
+    }
+    void hear() {
+        int16_t samples[2 * 1024];
+        const int frames = companion_.read(samples, 1024);
+        for (int i = 0; i < frames; ++i) {
+            EXPECT_EQ(samples[2 * i], samples[2 * i + 1]);
+            heard_.push_back(samples[2 * i]);
+        }
+    }
+
+    uafd::Companion companion_;
+    std::mutex mutex_;
+    board::Samples heard_;
+    std::vector<Event> events_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+class CompanionLibrary : public BoardCase {
+  protected:
+    void start() {
+        micService = std::make_unique<board::MicService>();
+        library_.emplace();
+        startDaemon();
+    }
+    void bothOn() {
+        host.command("speaker on");
+        host.command("mic on");
+    }
+    bool hears(int64_t frames) {
+        int64_t sound = 0;
+        library_->takeHeard();
+        return board::waitFor([&] {
+            for (const int16_t sample : library_->takeHeard()) {
+                sound += sample != 0 ? 1 : 0;
+            }
+            return sound >= frames;
+        });
+    }
+    // The host hears what the app has said within the last second.
+    bool isHeard() {
+        host.takeRecording();
+        return board::waitFor([&] {
+            board::sleepFor(200 * kMs);
+            const auto said = static_cast<int64_t>(library_->counts().blocks_taken) * kBlock;
+            const board::Samples recent =
+                board::render(board::noise, std::max<int64_t>(said - kRate, 0), kRate);
+            const board::Samples recorded = host.takeRecording();
+            int stretches = 0;
+            for (size_t at = 0; at + kBlock < recorded.size(); at += kBlock) {
+                stretches += board::find(recorded, at, recent) >= 0 ? 1 : 0;
+            }
+            return stretches >= 5;
+        });
+    }
+    // The rest of the daemon's proof is another app's to give.
+    void expectWhole() {
+        host.command("speaker off");
+        host.command("mic off");
+        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        library_.reset();
+        app = std::make_unique<board::App>();
+        EXPECT_EQ(findDamage(), "");
+    }
+    std::vector<Event> events(size_t count) {
+        std::vector<Event> all;
+        board::waitFor([&] {
+            const std::vector<Event> more = library_->takeEvents();
+            all.insert(all.end(), more.begin(), more.end());
+            return all.size() >= count;
+        });
+        return all;
+    }
+
+    std::optional<LibraryApp> library_;
+};
+
+TEST_F(CompanionLibrary, CarriesSoundBothWays) {
+    start();
+    const board::HostPlayer player(board::ramp);
+    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    const uafd_counts before = library_->counts();
+    bothOn();
+    EXPECT_TRUE(isHeard());
+    board::sleepFor(kSecond);
+    const uafd_counts after = library_->counts();
+    const board::Samples heard = library_->takeHeard();
+    ASSERT_GT(heard.size(), static_cast<size_t>(kRate));
+    for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
+        ASSERT_EQ(heard[i], static_cast<int16_t>(heard[i - 1] + 1)) << i;
+    }
+    EXPECT_GE(after.frames_read - before.frames_read, heard.size());
+    EXPECT_GT(after.blocks_taken, before.blocks_taken + 100);
+}
+
+TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
+    start();
+    ASSERT_EQ(library_->companion().sync(), 0);
+    EXPECT_TRUE(board::waitFor([&] { return library_->counts().events >= 8; }));
+    library_->takeEvents();  // of the start, among them the answer
+    ASSERT_EQ(library_->companion().sync(), 0);
+    EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 0},
+                                       Event{UAFD_MIC_STATE, 0}));
+    for (const char* command :
+         {"volume speaker -1280", "mute speaker 1", "volume mic 512", "mute mic 1", "mute mic 0"}) {
+        host.command(command);
+    }
+    EXPECT_THAT(events(5), ElementsAre(Event{UAFD_SPEAKER_VOLUME, -1280},
+                                       Event{UAFD_SPEAKER_MUTE, 1}, Event{UAFD_MIC_VOLUME, 512},
+                                       Event{UAFD_MIC_MUTE, 1}, Event{UAFD_MIC_MUTE, 0}));
+    host.command("speaker on");
+    EXPECT_THAT(events(1), ElementsAre(Event{UAFD_SPEAKER_STATE, 1}));
+    host.command("mic on");
+    EXPECT_THAT(events(1), ElementsAre(Event{UAFD_MIC_STATE, 1}));
+    host.command("mic off");
+    EXPECT_THAT(events(1), ElementsAre(Event{UAFD_MIC_STATE, 0}));
+    host.command("unplug");
+    EXPECT_THAT(events(2), testing::UnorderedElementsAre(Event{UAFD_USB_STATE, 0},
+                                                         Event{UAFD_SPEAKER_STATE, 0}));
+    EXPECT_EQ(library_->counts().datagrams_bad, 0U);
+}
+
+TEST_F(CompanionLibrary, SetsVolumeAndMute) {
+    start();
+    const Ns since = board::now();
+    EXPECT_EQ(library_->companion().setSpeakerVolume(-2560), 0);
+    EXPECT_EQ(library_->companion().setSpeakerMute(true), 0);
+    EXPECT_EQ(library_->companion().setSpeakerMute(false), 0);
+    EXPECT_TRUE(
+        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 0 0", since) == 1; }));
+    EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
+    EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -2560 0", since), 1);
+}
+
+TEST_F(CompanionLibrary, LetsADaemonThatWaitsStart) {
+    daemon.start();
+    ASSERT_TRUE(daemon.waitForLog("/tmp/usbAudioFifoRx is not available yet*"));
+    library_.emplace();
+    EXPECT_TRUE(daemon.waitForLog("Fifos observed*"));
+    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+}
+
+TEST_F(CompanionLibrary, OutlivesTheDaemon) {
+    start();
+    const board::HostPlayer player(board::noise);
+    bothOn();
+    ASSERT_TRUE(hears(kRate / 2));
+    daemon.stop();
+    EXPECT_EQ(library_->companion().sync(), -ECONNREFUSED);
+    EXPECT_TRUE(board::waitFor([&] { return library_->counts().blocks_unread > 10; }));
+    library_->takeEvents();
+    daemon.start();  // the host's streams are on
+    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    EXPECT_TRUE(hears(kRate / 2));
+    EXPECT_TRUE(isHeard());
+    const std::vector<Event> told = library_->takeEvents();
+    EXPECT_THAT(told, testing::IsSupersetOf({Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 1},
+                                             Event{UAFD_MIC_STATE, 1}}));
+}
+
+TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
+    start();
+    const board::HostPlayer player(board::noise);
+    bothOn();
+    ASSERT_TRUE(hears(kRate / 2));
+    library_.reset();
+    board::sleepFor(100 * kMs);
+    library_.emplace();
+    EXPECT_EQ(library_->companion().sync(), 0);
+    EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 1},
+                                       Event{UAFD_MIC_STATE, 1}));
+    EXPECT_TRUE(hears(kRate / 2));
+    EXPECT_TRUE(isHeard());
+    expectWhole();
+}
+
+// Starts before the daemon, which waits for it.
+TEST_F(CompanionLibrary, RunsTheExample) {
+    const board::HostPlayer player(board::ramp);
+    bothOn();
+    const pid_t example = fork();
+    if (example == 0) {
+        execl("/tests/record_and_play", "record_and_play", "/out/heard.raw", nullptr);
+        _exit(127);
+    }
+    startDaemon();
+    int status = -1;
+    ASSERT_EQ(waitpid(example, &status, 0), example);
+    EXPECT_EQ(status, 0);
+    const std::string bytes = board::contents("/out/heard.raw");
+    board::Samples left;
+    for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+        left.push_back(*reinterpret_cast<const int16_t*>(bytes.data() + i));
+    }
+    ASSERT_GT(left.size(), static_cast<size_t>(4 * kRate));
+    for (size_t i = board::firstSound(left) + 1; i < left.size(); ++i) {
+        ASSERT_EQ(left[i], static_cast<int16_t>(left[i - 1] + 1)) << i;
+    }
+    // The tone's period is 109 frames; latency control bends it by a sample now and then.
+    const board::Samples recorded = host.takeRecording();
+    int upward = 0;
+    for (size_t i = 1; i < recorded.size(); ++i) {
+        upward += recorded[i - 1] < 0 && recorded[i] >= 0 ? 1 : 0;
+    }
+    EXPECT_NEAR(upward, 4.5 * 440, 0.5 * 440);
+}
+
+}  // namespace
