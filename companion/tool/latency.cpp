@@ -1,0 +1,117 @@
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "companion/tool/commands.h"
+#include "companion/tool/session.h"
+#include "companion/tool/tool.h"
+
+namespace {
+
+constexpr int kDefaultBursts = 10;
+constexpr int kTailTicks = 10;   // in which the rest of a burst comes
+constexpr int kQuietTicks = 30;  // before a burst, those included
+constexpr int16_t kQuietPeak = 500;
+constexpr int16_t kBurstPeak = 1000;  // what comes louder is the burst
+constexpr int16_t kAmplitude = 16000;
+constexpr int kBurstFrames = 240;
+constexpr int kHalfWaveFrames = 24;  // 1000 Hz
+
+// Quiet, a burst, its return; over and over. The time counts from the writing of the block whose
+// first frame is the burst's to the reading that brought its first frame.
+class Bursts : public Handler {
+  public:
+    Bursts(int count, double waitSeconds)
+        : left_(count), waitTicks_(static_cast<int>(waitSeconds / kBlockS)) {}
+
+    void onSound(const int16_t* samples, int frames) override {
+        int peak = 0;
+        for (int i = 0; i < frames; ++i) {
+            peak = std::max(peak, std::abs(int{samples[2 * i]}));
+        }
+        if (sentNs_ == 0) {
+            noisePeak_ = std::max(noisePeak_, peak);
+        } else if (peak >= kBurstPeak) {
+            returned(static_cast<double>(nowNs() - sentNs_) / 1e6);
+        }
+    }
+    void fillBlock(int16_t* samples) override {
+        for (int i = 0; isDue() && i < kBurstFrames; ++i) {
+            const bool high = i / kHalfWaveFrames % 2 == 0;
+            samples[2 * i] = samples[2 * i + 1] = high ? kAmplitude : int16_t{-kAmplitude};
+        }
+    }
+    void onBlockTaken() override {
+        if (isDue()) {
+            sentNs_ = nowNs();
+            ticks_ = 0;
+        }
+    }
+    void onTick() override {
+        ++ticks_;
+        if (sentNs_ == 0 && ticks_ == kTailTicks) {
+            noisePeak_ = 0;
+        }
+        if (sentNs_ == 0 && ticks_ >= kQuietTicks && noisePeak_ >= kQuietPeak) {
+            ticks_ = 0;
+            ++noisyTimes_;
+        }
+    }
+    bool isDone() override { return left_ == 0 || !reason().empty(); }
+
+    // Why it does not work; empty when it does.
+    std::string reason() const {
+        if (ticks_ >= waitTicks_ + kQuietTicks) {
+            return sentNs_ == 0 ? "the daemon takes no sound: does the host record?"
+                                : "no burst came back: does the host play what it records?";
+        }
+        return noisyTimes_ * kQuietTicks > waitTicks_
+                   ? "the host plays something else: the bursts cannot be told from it"
+                   : "";
+    }
+    std::vector<double> takeTimesMs() { return std::move(timesMs_); }
+
+  private:
+    bool isDue() const { return sentNs_ == 0 && ticks_ >= kQuietTicks && noisePeak_ < kQuietPeak; }
+    void returned(double ms) {
+        printf("%7.2f ms\n", ms);
+        fflush(stdout);
+        timesMs_.push_back(ms);
+        --left_;
+        sentNs_ = 0;
+        ticks_ = 0;
+        noisePeak_ = 0;
+        noisyTimes_ = 0;
+    }
+
+    int left_;
+    const int waitTicks_;
+    int64_t sentNs_ = 0;  // 0: none is on its way
+    int ticks_ = 0;       // since the burst, or of quiet
+    int noisePeak_ = 0;
+    int noisyTimes_ = 0;
+    std::vector<double> timesMs_;
+};
+
+}  // namespace
+
+int measureLatency(const CommandLine& line) {
+    Session session(line.directory);
+    Bursts bursts(line.count > 0 ? line.count : kDefaultBursts, line.waitSeconds);
+    if (!session.open()) {
+        return kExitFailed;
+    }
+    if (!session.run(&bursts)) {
+        return kExitFailed;
+    }
+    if (!bursts.reason().empty()) {
+        fprintf(stderr, "uafd-companion: %s\n", bursts.reason().c_str());
+        return kExitFailed;
+    }
+    std::vector<double> times = bursts.takeTimesMs();
+    std::sort(times.begin(), times.end());
+    printf("median %.2f ms, least %.2f ms, most %.2f ms\n", times[times.size() / 2], times.front(),
+           times.back());
+    return kExitDone;
+}

@@ -1,0 +1,68 @@
+// A program as a child of the test's, its standard output and error in files. One thread.
+#pragma once
+
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <sys/wait.h>
+
+#include "tests/support/temp_dir.h"
+
+class ChildProcess {
+  public:
+    explicit ChildProcess(std::vector<std::string> command) : pid_(fork()) {
+        if (pid_ == 0) {
+            run(std::move(command));
+        }
+    }
+    // Ends it when it still runs.
+    ~ChildProcess() {
+        if (pid_ > 0) {
+            send(SIGKILL);
+            wait();
+        }
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    void send(int signal) const { kill(pid_, signal); }
+    // Its exit status when it has ended, 128 and the signal when that ended it.
+    int wait() {
+        int status = 0;
+        waitpid(std::exchange(pid_, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    // What it has printed so far.
+    std::string output() const { return contents("out"); }
+    std::string errors() const { return contents("err"); }
+
+  private:
+    [[noreturn]] void run(std::vector<std::string> command) const {
+        std::vector<char*> words;
+        for (std::string& word : command) {
+            words.push_back(word.data());
+        }
+        words.push_back(nullptr);
+        redirect(STDOUT_FILENO, "out");
+        redirect(STDERR_FILENO, "err");
+        execv(words[0], words.data());
+        _exit(127);
+    }
+    void redirect(int fd, const std::string& name) const {
+        dup2(open((files_.path() + "/" + name).c_str(), O_WRONLY | O_CREAT, 0600), fd);
+    }
+    std::string contents(const std::string& name) const {
+        std::stringstream text;
+        text << std::ifstream(files_.path() + "/" + name).rdbuf();
+        return text.str();
+    }
+
+    const TempDir files_;
+    pid_t pid_;
+};

@@ -1,0 +1,520 @@
+// The companion tool as a process beside the daemon's ends: what it prints, sends, records and
+// plays, and its exit status.
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <functional>
+#include <numeric>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sndfile.h>
+#include <sstream>
+#include <uafd_companion.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include "tests/support/child_process.h"
+#include "tests/support/streaming_daemon.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using Message = DaemonEnds::Message;
+using Samples = std::vector<int16_t>;
+
+class ToolTest : public testing::Test {
+  protected:
+    void SetUp() override { signal(SIGPIPE, SIG_IGN); }
+
+    // Starts it; its folder is the test's.
+    ChildProcess& start(std::vector<std::string> words) {
+        words.insert(words.begin(), TOOL_PROGRAM);
+        words.insert(words.end(), {"--directory", folder.path()});
+        return tool.emplace(words);
+    }
+    int run(const std::vector<std::string>& words) { return start(words).wait(); }
+    // Real time: the tool is a process of its own.
+    static bool waitFor(const std::function<bool()>& condition) {
+        for (int i = 0; i < 20000; ++i) {
+            if (condition()) {
+                return true;
+            }
+            usleep(1000);
+        }
+        return false;
+    }
+    bool waitForFile(const std::string& name) {
+        return waitFor([&] { return access(daemon.path(name).c_str(), F_OK) == 0; });
+    }
+    std::string file(const std::string& name) const { return folder.path() + "/" + name; }
+
+    static void writeWav(const std::string& path, const Samples& samples, int channels, int rate) {
+        SF_INFO info{};
+        info.samplerate = rate;
+        info.channels = channels;
+        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+        SNDFILE* const file = sf_open(path.c_str(), SFM_WRITE, &info);
+        sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+        sf_close(file);
+    }
+    static Samples readWav(const std::string& path, SF_INFO* info) {
+        SNDFILE* const file = sf_open(path.c_str(), SFM_READ, info);
+        if (file == nullptr) {
+            return {};
+        }
+        Samples samples(static_cast<size_t>(info->frames * info->channels));
+        sf_read_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+        sf_close(file);
+        return samples;
+    }
+    static Samples ramp(size_t count) {
+        Samples samples(count);
+        std::iota(samples.begin(), samples.end(), int16_t{1});
+        return samples;
+    }
+    // The left samples of what the tool says, block by block, until the condition holds.
+    Samples recordUntil(const std::function<bool(const Samples&)>& condition) {
+        Samples left;
+        while (!condition(left)) {
+            const Samples block = daemon.record();
+            if (block.empty()) {
+                break;
+            }
+            for (size_t i = 0; i < block.size(); i += 2) {
+                EXPECT_EQ(block[i], block[i + 1]);
+                left.push_back(block[i]);
+            }
+        }
+        return left;
+    }
+
+    TempDir folder;
+    DaemonEnds daemon{folder};
+    std::optional<ChildProcess> tool;
+};
+
+// ---- The command line --------------------------------------------------------------------------
+
+TEST_F(ToolTest, HelpsItself) {
+    EXPECT_EQ(run({"--help"}), 0);
+    for (const char* command : {"record FILE", "play FILE", "loop", "events", "volume N",
+                                "mute on|off", "meter", "latency", "check"}) {
+        EXPECT_THAT(tool->output(), HasSubstr(std::string("\n  ") + command + " "));
+    }
+    EXPECT_EQ(run({"record", "--help"}), 0);
+    EXPECT_EQ(tool->errors(), "");
+}
+
+// Every word of the help's that a user may type: commands, and options.
+std::set<std::string> wordsOfHelp(const std::string& help) {
+    std::set<std::string> words;
+    const std::regex word(R"(\n  ([a-z]+)|(--[a-z]+)  ?)");
+    for (std::sregex_iterator at(help.begin(), help.end(), word), end; at != end; ++at) {
+        words.insert((*at)[1].matched ? (*at)[1] : (*at)[2]);
+    }
+    return words;
+}
+
+std::string contentsOf(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+TEST_F(ToolTest, IsDescribedByItsManual) {
+    run({"--help"});
+    std::set<std::string> described;
+    const std::string manual = contentsOf(TOOL_FOLDER "/uafd-companion.1");
+    // The first word behind a .TP's first macro.
+    const std::regex entry(R"(\.TP\n\.[BIR]+ "?((?:\\-\\-)?[a-z]+))");
+    for (std::sregex_iterator at(manual.begin(), manual.end(), entry), end; at != end; ++at) {
+        described.insert(std::regex_replace((*at)[1].str(), std::regex(R"(\\-)"), "-"));
+    }
+    EXPECT_EQ(described, wordsOfHelp(tool->output()));
+}
+
+// What bash offers behind these words, the last of which is begun.
+std::set<std::string> completionsOf(const std::string& words) {
+    ChildProcess bash({"/bin/bash", "-c",
+                       "source " TOOL_FOLDER "/completion.bash; COMP_WORDS=(" + words +
+                           "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _uafd_companion; "
+                           "printf '%s\\n' \"${COMPREPLY[@]}\""});
+    EXPECT_EQ(bash.wait(), 0) << bash.errors();
+    std::set<std::string> offered;
+    std::istringstream lines(bash.output());
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty()) {
+            offered.insert(line);
+        }
+    }
+    return offered;
+}
+
+TEST_F(ToolTest, IsCompletedByTheShell) {
+    run({"--help"});
+    std::set<std::string> offered = completionsOf("uafd-companion ''");
+    const std::set<std::string> options = completionsOf("uafd-companion loop --");
+    offered.insert(options.begin(), options.end());
+    EXPECT_EQ(offered, wordsOfHelp(tool->output()));
+    EXPECT_THAT(completionsOf("uafd-companion re"), ElementsAre("record"));
+    EXPECT_THAT(completionsOf("uafd-companion mute o"), ElementsAre("off", "on"));
+    EXPECT_THAT(completionsOf("uafd-companion loop --seconds ''"), ElementsAre());
+    EXPECT_THAT(completionsOf("uafd-companion play " TOOL_FOLDER "/comp"),
+                ElementsAre(TOOL_FOLDER "/completion.bash"));
+    folder.write("notes", "");
+    EXPECT_THAT(completionsOf("uafd-companion loop --directory " + folder.path()),
+                ElementsAre(folder.path()));
+}
+
+struct Misuse {
+    const char* name;
+    std::vector<std::string> words;
+    const char* complaint;
+};
+
+class Misused : public ToolTest, public testing::WithParamInterface<Misuse> {};
+
+TEST_P(Misused, SaysWhatItDoesNotUnderstand) {
+    EXPECT_EQ(run(GetParam().words), 2);
+    EXPECT_EQ(tool->output(), "");
+    EXPECT_EQ(tool->errors(), std::string("uafd-companion: ") + GetParam().complaint + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    By, Misused,
+    testing::Values(Misuse{"NoCommand", {}, "a command is missing; see uafd-companion --help"},
+                    Misuse{
+                        "AnUnknownCommand", {"sing"}, "no command sing; see uafd-companion --help"},
+                    Misuse{"AnUnknownOption",
+                           {"loop", "--speed", "1"},
+                           "not understood: --speed 1; see uafd-companion --help"},
+                    Misuse{"NoNumber",
+                           {"loop", "--seconds", "1m"},
+                           "not understood: --seconds 1m; see uafd-companion --help"},
+                    Misuse{"TooLowATone",
+                           {"play", "--tone", "0"},
+                           "not understood: --tone 0; see uafd-companion --help"},
+                    Misuse{"TooLoudATone",
+                           {"play", "--level", "1"},
+                           "not understood: --level 1; see uafd-companion --help"},
+                    Misuse{"AHalfCount",
+                           {"events", "--count", "1.5"},
+                           "not understood: --count 1.5; see uafd-companion --help"},
+                    Misuse{"NoFile", {"record"}, "record wants an argument"},
+                    Misuse{"AnArgumentOfCheck", {"check", "all"}, "check takes no argument"},
+                    Misuse{"AThirdWord",
+                           {"record", "a.wav", "b.wav"},
+                           "one argument too many: b.wav; see uafd-companion --help"},
+                    Misuse{"NoVolume", {"volume", "loud"}, "not understood: volume loud"},
+                    Misuse{"TooLargeAVolume", {"volume", "32768"}, "not understood: volume 32768"},
+                    Misuse{"NoMute", {"mute", "maybe"}, "not understood: mute maybe"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ToolTest, WantsAValueForAnOption) {
+    ChildProcess process({TOOL_PROGRAM, "loop", "--seconds"});
+    EXPECT_EQ(process.wait(), 2);
+    EXPECT_EQ(process.errors(),
+              "uafd-companion: --seconds wants a value; see uafd-companion --help\n");
+}
+
+// ---- Messages ----------------------------------------------------------------------------------
+
+TEST_F(ToolTest, SetsVolumeAndMuteBesideAnotherApp) {
+    daemon.bindSocket();
+    uafd::Companion app;
+    ASSERT_EQ(app.open(UAFD_ALL, folder.path().c_str()), 0);
+    EXPECT_EQ(run({"volume", "-1280"}), 0);
+    EXPECT_EQ(run({"mute", "on"}), 0);
+    EXPECT_EQ(run({"mute", "off"}), 0);
+    EXPECT_THAT(daemon.messages(), ElementsAre(Message{3, static_cast<uint16_t>(-1280)},
+                                               Message{5, 1}, Message{5, 0}));
+}
+
+TEST_F(ToolTest, SaysThatNoDaemonRuns) {
+    EXPECT_EQ(run({"volume", "0"}), 1);
+    EXPECT_EQ(tool->errors(), "uafd-companion: volume: no daemon runs\n");
+    EXPECT_EQ(run({"mute", "on"}), 1);
+    EXPECT_EQ(tool->errors(), "uafd-companion: mute: no daemon runs\n");
+}
+
+TEST_F(ToolTest, LeavesAnotherAppAlone) {
+    uafd::Companion app;
+    ASSERT_EQ(app.open(UAFD_ALL, folder.path().c_str()), 0);
+    for (const char* command : {"loop", "play", "meter", "events", "latency", "check"}) {
+        EXPECT_EQ(run({command}), 1) << command;
+        EXPECT_EQ(tool->errors(),
+                  "uafd-companion: opening: another app has the daemon's messages\n");
+    }
+}
+
+TEST_F(ToolTest, SaysThatAFifoIsNone) {
+    folder.write("usbAudioFifoTx", "");
+    EXPECT_EQ(run({"loop"}), 1);
+    EXPECT_EQ(tool->errors(),
+              "uafd-companion: opening: something that is no FIFO has a FIFO's name\n");
+}
+
+TEST_F(ToolTest, PrintsEventsWithTheirTime) {
+    daemon.bindSocket();
+    start({"events", "--count", "14"});
+    std::vector<Message> asked;
+    ASSERT_TRUE(waitFor([&] { return !(asked = daemon.messages()).empty(); }));
+    EXPECT_THAT(asked, ElementsAre(Message{7, 0}));
+    const Message told[] = {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}, {3, 0xFFFF}, {4, 512},
+                            {5, 1}, {5, 0}, {6, 1}, {6, 0}, {9, 9}, {0, 1}, {1, 1},      {2, 1}};
+    for (const Message& message : told) {
+        ASSERT_TRUE(waitFor([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
+    }
+    EXPECT_EQ(tool->wait(), 0);
+    const std::string lines = tool->output();
+    EXPECT_EQ(
+        std::regex_replace(lines, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )"), "@"),
+        "@usb configured\n@usb disconnected\n@speaker on\n@speaker off\n@microphone on\n"
+        "@microphone off\n@speaker volume -1\n@microphone volume 512\n@speaker muted\n"
+        "@speaker sounds\n@microphone muted\n@microphone sounds\n@usb configured\n"
+        "@speaker on\n");
+}
+
+TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
+    start({"events"});
+    EXPECT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
+    EXPECT_EQ(tool->errors(), "uafd-companion: still waiting: no daemon runs\n");
+    tool->send(SIGINT);
+    EXPECT_EQ(tool->wait(), 128 + SIGINT);
+}
+
+// ---- Sound -------------------------------------------------------------------------------------
+
+TEST_F(ToolTest, RecordsWhatTheHostPlays) {
+    start({"record", file("heard.wav"), "--seconds", "0.01"});
+    ASSERT_TRUE(waitForFile("FifoTx"));
+    ASSERT_TRUE(daemon.openFifos());
+    daemon.play(ramp(600));
+    daemon.play(ramp(600));
+    EXPECT_EQ(tool->wait(), 0);
+    EXPECT_EQ(tool->errors(), "0.010 s recorded\n");
+    SF_INFO info{};
+    Samples expected = ramp(600);
+    const Samples more = ramp(360);
+    expected.insert(expected.end(), more.begin(), more.end());
+    EXPECT_EQ(readWav(file("heard.wav"), &info), expected);
+    EXPECT_EQ(info.samplerate, 48000);
+    EXPECT_EQ(info.channels, 2);
+    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+}
+
+TEST_F(ToolTest, LeavesAWholeFileWhenItIsInterrupted) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        start({"record", file("heard.wav")});
+        ASSERT_TRUE(waitForFile("FifoTx"));
+        ASSERT_TRUE(daemon.openFifos());
+        daemon.play(ramp(480));
+        ASSERT_TRUE(waitFor([&] {
+            int unread = 0;
+            return ioctl(daemon.speakerFd(), FIONREAD, &unread) == 0 && unread == 0;
+        }));
+        tool->send(signal);
+        EXPECT_EQ(tool->wait(), 0);
+        SF_INFO info{};
+        EXPECT_EQ(readWav(file("heard.wav"), &info), ramp(480));
+        daemon.end();
+    }
+}
+
+TEST_F(ToolTest, SaysThatItCannotWriteAFile) {
+    EXPECT_EQ(run({"record", "/nonexistent/heard.wav"}), 1);
+    EXPECT_THAT(tool->errors(), HasSubstr("uafd-companion: /nonexistent/heard.wav: "));
+}
+
+class Played : public ToolTest, public testing::WithParamInterface<int> {};
+
+// Every sample of the left channel, from the first on, and silence to the block's end.
+TEST_P(Played, FileIsHeardWhole) {
+    const int channels = GetParam();
+    Samples samples;
+    for (const int16_t sample : ramp(1000)) {
+        samples.push_back(sample);
+        if (channels == 2) {
+            samples.push_back(-1);
+        }
+    }
+    writeWav(file("said.wav"), samples, channels, 48000);
+    start({"play", file("said.wav")});
+    ASSERT_TRUE(waitForFile("FifoTx"));
+    ASSERT_TRUE(daemon.openFifos());
+    Samples expected = ramp(1000);
+    expected.resize(1440);
+    EXPECT_EQ(recordUntil([](const Samples&) { return false; }), expected);
+    EXPECT_EQ(tool->wait(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Channels, Played, testing::Values(1, 2),
+                         testing::PrintToStringParamName());
+
+TEST_F(ToolTest, SaysThatItCannotPlayAFile) {
+    EXPECT_EQ(run({"play", file("none.wav")}), 1);
+    EXPECT_THAT(tool->errors(), HasSubstr("none.wav: "));
+    writeWav(file("slow.wav"), ramp(100), 1, 44100);
+    EXPECT_EQ(run({"play", file("slow.wav")}), 1);
+    EXPECT_EQ(tool->errors(),
+              "uafd-companion: " + file("slow.wav") + ": its rate is not 48000 Hz\n");
+}
+
+TEST_F(ToolTest, PlaysATone) {
+    start({"play", "--tone", "480", "--level", "-6", "--seconds", "0.1"});
+    ASSERT_TRUE(waitForFile("FifoTx"));
+    ASSERT_TRUE(daemon.openFifos());
+    const Samples heard = recordUntil([](const Samples&) { return false; });
+    EXPECT_EQ(tool->wait(), 0);
+    ASSERT_EQ(heard.size(), 4800U);
+    for (size_t i = 0; i < heard.size(); ++i) {
+        const double turns = static_cast<double>(i % 100) / 100;
+        ASSERT_NEAR(heard[i], 32767 * std::pow(10, -0.3) * std::sin(2 * M_PI * turns), 1);
+    }
+}
+
+TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
+    start({"loop"});
+    ASSERT_TRUE(waitForFile("FifoTx"));
+    ASSERT_TRUE(daemon.openFifos());
+    Samples stereo;
+    for (const int16_t sample : ramp(1440)) {
+        stereo.insert(stereo.end(), {sample, int16_t{-1}});
+    }
+    daemon.play(stereo);
+    const Samples heard = recordUntil([](const Samples& so_far) {
+        return std::count(so_far.begin(), so_far.end(), 0) < static_cast<int>(so_far.size()) - 1439;
+    });
+    const auto first = std::find(heard.begin(), heard.end(), 1);
+    ASSERT_GE(heard.end() - first, 1440);
+    EXPECT_EQ(Samples(first, first + 1440), ramp(1440));
+    tool->send(SIGTERM);
+    EXPECT_EQ(tool->wait(), 0);
+}
+
+TEST_F(ToolTest, ShowsTheLevel) {
+    StreamingOptions options;
+    options.left = options.right = 3277;  // 20 dB below full scale, all of it
+    const StreamingDaemon streaming(folder, options);
+    EXPECT_EQ(run({"meter", "--seconds", "0.5"}), 0);
+    EXPECT_THAT(tool->output(), HasSubstr(" speaker on   peak -20.0 dB  rms -20.0 dB  |" +
+                                          std::string(28, '#') + std::string(20, ' ') + "|\n"));
+}
+
+TEST_F(ToolTest, ShowsSilence) {
+    EXPECT_EQ(run({"meter", "--seconds", "0.1"}), 0);
+    EXPECT_EQ(tool->output(),
+              " speaker off  peak -96.0 dB  rms -96.0 dB  |" + std::string(48, ' ') + "|\n");
+}
+
+// ---- Latency -----------------------------------------------------------------------------------
+
+TEST_F(ToolTest, MeasuresTheWayToTheHostAndBack) {
+    StreamingOptions options;
+    options.left = options.right = 0;
+    options.echoes = true;
+    const StreamingDaemon streaming(folder, options);
+    EXPECT_EQ(run({"latency", "--count", "3"}), 0);
+    EXPECT_EQ(tool->errors(), "");
+    const std::string number = " *[0-9]+\\.[0-9]+ ms";
+    EXPECT_THAT(tool->output(),
+                MatchesRegex(number + "\n" + number + "\n" + number + "\nmedian" + number +
+                             ", least" + number + ", most" + number + "\n"));
+}
+
+TEST_F(ToolTest, SaysWhyItCannotMeasure) {
+    StreamingOptions options;
+    options.left = options.right = 0;
+    {
+        const StreamingDaemon deaf(folder, options);
+        EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
+        EXPECT_EQ(tool->errors(),
+                  "uafd-companion: no burst came back: does the host play what it records?\n");
+    }
+    options.records = false;
+    {
+        const StreamingDaemon mute(folder, options);
+        EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
+        EXPECT_EQ(tool->errors(),
+                  "uafd-companion: the daemon takes no sound: does the host record?\n");
+    }
+    options.left = options.right = 2000;
+    const StreamingDaemon loud(folder, options);
+    EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
+    EXPECT_EQ(tool->errors(),
+              "uafd-companion: the host plays something else: the bursts cannot be told from it\n");
+}
+
+// ---- Check -------------------------------------------------------------------------------------
+
+TEST_F(ToolTest, ChecksADaemonThatIsNotThere) {
+    EXPECT_EQ(run({"check", "--wait", "0.1"}), 1);
+    EXPECT_THAT(tool->output(), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
+    EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's volume is taken: no daemon runs\n"));
+    EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's mute is taken: no daemon runs\n"));
+    EXPECT_THAT(tool->output(), HasSubstr("\n0 passed, 9 failed\n"));
+}
+
+// A daemon with a fault, and what the check of it says.
+struct Fault {
+    Fault(const char* verdict, StreamingOptions options)
+        : line(std::string("FAIL  ") + verdict + "\n"),
+          streaming(folder, std::move(options)),
+          tool({TOOL_PROGRAM, "check", "--wait", "2", "--directory", folder.path()}) {}
+
+    const std::string line;
+    const TempDir folder;
+    const StreamingDaemon streaming;
+    ChildProcess tool;
+};
+
+StreamingOptions answering(std::vector<Message> answer) {
+    StreamingOptions options;
+    options.answer = std::move(answer);
+    return options;
+}
+
+StreamingOptions playing(int16_t left, int16_t right) {
+    StreamingOptions options;
+    options.left = left;
+    options.right = right;
+    return options;
+}
+
+StreamingOptions streaming(bool plays, bool records) {
+    StreamingOptions options;
+    options.plays = plays;
+    options.records = records;
+    return options;
+}
+
+// All at once: a check takes its time.
+TEST_F(ToolTest, FindsAFaultyDaemonOut) {
+    Fault faults[] = {
+        {"a sync-up is answered: no answer", answering({})},
+        {"a sync-up is answered: the answer is not whole", answering({{0, 1}})},
+        {"a sync-up is answered: the host has not configured the board", answering({{0, 0}})},
+        {"the speaker stream is on: it is off: does the host play?",
+         answering({{0, 1}, {1, 0}, {2, 1}})},
+        {"the microphone stream is on: it is off: does the host record?",
+         answering({{0, 1}, {1, 1}, {2, 0}})},
+        {"the host's sound comes whole: left and right differ", playing(1, 2)},
+        {"the host's sound comes whole: nothing but silence: does the host play?", playing(0, 0)},
+        {"the host's sound comes whole: no frame came", streaming(false, true)},
+        {"the app's sound is taken: no block is taken", streaming(true, false)},
+    };
+    for (Fault& fault : faults) {
+        SCOPED_TRACE(fault.line);
+        const auto verdict = [&] { return fault.tool.output().find(fault.line); };
+        EXPECT_TRUE(waitFor([&] { return verdict() != std::string::npos; })) << fault.tool.output();
+        fault.tool.send(SIGTERM);
+        EXPECT_EQ(fault.tool.wait(), 1);
+    }
+}
+
+}  // namespace
