@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <fcntl.h>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -35,6 +36,11 @@ class StreamingDaemon {
         stop_ = true;
         thread_.join();
     }
+    // Of the app's, all that have come.
+    std::vector<DaemonEnds::Message> messages() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return messages_;
+    }
     StreamingDaemon(const StreamingDaemon&) = delete;
     StreamingDaemon& operator=(const StreamingDaemon&) = delete;
 
@@ -58,7 +64,9 @@ class StreamingDaemon {
         close(mic_);
     }
     void answer() {
+        const std::lock_guard<std::mutex> lock(mutex_);
         for (const DaemonEnds::Message& message : ends_.messages()) {
+            messages_.push_back(message);
             for (const DaemonEnds::Message& part : options_.answer) {
                 if (message.first == 7) {
                     ends_.send(part.first, part.second);
@@ -96,6 +104,8 @@ class StreamingDaemon {
 
     const StreamingOptions options_;
     DaemonEnds ends_;
+    mutable std::mutex mutex_;
+    std::vector<DaemonEnds::Message> messages_;
     std::vector<int16_t> echo_;
     int speaker_ = -1;
     int mic_ = -1;

@@ -1,0 +1,54 @@
+// Runs CompanionTest.java beside the daemon's ends.
+#include <csignal>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/child_process.h"
+#include "tests/support/streaming_daemon.h"
+
+namespace {
+
+using testing::ElementsAre;
+using Message = DaemonEnds::Message;
+
+class JavaTest : public testing::Test {
+  protected:
+    void SetUp() override { signal(SIGPIPE, SIG_IGN); }
+    // -Xcheck:jni says what the native half does wrong.
+    void expectGood(const std::string& part) const {
+        ChildProcess java({JAVA, "-Xcheck:jni", "-Djava.library.path=" LIBRARIES, "-cp", CLASSES,
+                           "CompanionTest", part, folder.path()});
+        EXPECT_EQ(java.wait(), 0);
+        EXPECT_EQ(java.output(), "good\n");
+        EXPECT_EQ(java.errors(), "");
+    }
+
+    TempDir folder;
+};
+
+TEST_F(JavaTest, HearsAndIsHeard) {
+    StreamingOptions options;
+    options.left = 1000;
+    options.right = -1000;
+    options.echoes = true;
+    const StreamingDaemon daemon(folder, options);
+    expectGood("sound");
+}
+
+TEST_F(JavaTest, IsToldAndSets) {
+    StreamingOptions options;
+    options.answer = {{0, 1}, {3, static_cast<uint16_t>(-1280)}, {6, 1}};
+    const StreamingDaemon daemon(folder, options);
+    expectGood("messages");
+    EXPECT_THAT(
+        daemon.messages(),
+        ElementsAre(Message{7, 0}, Message{3, static_cast<uint16_t>(-2560)}, Message{5, 1}));
+}
+
+TEST_F(JavaTest, SaysWhatIsWrong) {
+    expectGood("faults");
+}
+
+}  // namespace
