@@ -1,17 +1,21 @@
 // The daemon's main job, shown: the host plays speech that the app records, the app plays speech
 // that the host records, with volume, mute, a sync-up, a host whose clock runs fast and slow, and
 // the cable on the way. Leaves WAV files, the daemon's log, a time line, the messages, latency and
-// depth, and a summary in /out; fails with one sentence when anything is missing.
+// depth, and a summary in /out; fails with one sentence when anything is missing. With --service it
+// has the daemon of the installed package do it.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/board/support/board.h"
 #include "tests/board/support/host_player.h"
 #include "tests/board/support/mic_stream.h"
+#include "tests/board/support/service.h"
 #include "tests/board/support/statistics.h"
 #include "tests/board/support/timeline.h"
 
@@ -71,6 +75,7 @@ struct Row {
 
 class MainJob {
   public:
+    explicit MainJob(board::DaemonStarter starter) : board_(kLog, std::move(starter)) {}
     void run();
 
   private:
@@ -91,7 +96,7 @@ class MainJob {
     std::vector<Row> table() const;
     void requireCleanWays() const;
 
-    board::Board board_{kLog};
+    board::Board board_;
     board::Timeline timeline_;
     Samples hostSpeech_;
     Samples appSpeech_;
@@ -376,9 +381,14 @@ void MainJob::run() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     try {
-        MainJob().run();
+        board::DaemonStarter starter;
+        if (argc > 1 && strcmp(argv[1], "--service") == 0) {
+            board::joinServiceGroup();
+            starter = board::startService;
+        }
+        MainJob(std::move(starter)).run();
     } catch (const std::exception& failure) {
         fprintf(stderr, "run: %s\n", failure.what());
         return 1;

@@ -21,13 +21,13 @@ struct AppProcess::Progress {
     Message values[65536];
 };
 
-AppProcess::AppProcess(const AppOptions& options)
+AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& prepare)
     : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress),
       pid_(fork()) {
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        live(options);
+        live(options, prepare);
     }
 }
 
@@ -78,7 +78,10 @@ std::vector<Message> AppProcess::messageValues(size_t from) const {
     return {progress_->values + std::min(from, count), progress_->values + count};
 }
 
-void AppProcess::live(AppOptions options) {
+void AppProcess::live(AppOptions options, const std::function<void()>& prepare) noexcept {
+    if (prepare) {
+        prepare();
+    }
     App app(options);
     app.speak(noise);
     for (;;) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include <sys/types.h>
@@ -13,7 +14,8 @@ namespace board {
 
 class AppProcess {
   public:
-    explicit AppProcess(const AppOptions& options = {});
+    // `prepare` runs in the new process before the app.
+    explicit AppProcess(const AppOptions& options = {}, const std::function<void()>& prepare = {});
     // Kills it when it still lives.
     ~AppProcess();
     AppProcess(const AppProcess&) = delete;
@@ -34,7 +36,7 @@ class AppProcess {
 
   private:
     struct Progress;
-    [[noreturn]] void live(AppOptions options);
+    [[noreturn]] void live(AppOptions options, const std::function<void()>& prepare) noexcept;
 
     Progress* const progress_;  // shared with the process
     pid_t pid_ = -1;

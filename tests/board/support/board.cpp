@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -58,7 +59,7 @@ MicService::~MicService() {
     waitpid(pid_, nullptr, 0);
 }
 
-Board::Board(const std::string& name) : daemon(name) {
+Board::Board(const std::string& name, DaemonStarter starter) : daemon(name, std::move(starter)) {
     host.reset();
     for (const char* path : {kFifoRx, kFifoTx, kSocketRx, kSocketTx}) {
         unlink(path);

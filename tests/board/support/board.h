@@ -36,7 +36,7 @@ constexpr size_t kStreamingThreads = 7;  // and a worker for each direction, and
 class Board {
   public:
     // Resets the host and removes what earlier runs left in /tmp. `name` names the log files.
-    explicit Board(const std::string& name);
+    explicit Board(const std::string& name, DaemonStarter starter = {});
 
     // App and daemon up, the first events handled. Without `withMicService` the daemon finds no
     // capture to synchronise with.

@@ -93,8 +93,10 @@ std::string LogLine::brief() const {
     return std::string(1, level) + " " + tag + ": " + text;
 }
 
-Daemon::Daemon(const std::string& name)
-    : logPath_("/out/" + name + ".log"), stdoutPath_("/out/" + name + ".stdout") {
+Daemon::Daemon(const std::string& name, DaemonStarter starter)
+    : logPath_("/out/" + name + ".log"),
+      stdoutPath_("/out/" + name + ".stdout"),
+      starter_(std::move(starter)) {
     put(logPath_, "");
     put(stdoutPath_, "");
 }
@@ -104,6 +106,10 @@ Daemon::~Daemon() {
 }
 
 void Daemon::start(const std::function<void()>& prepare) {
+    if (starter_) {
+        pid_ = starter_(logPath_);
+        return;
+    }
     const Fd log = Fd::open(logPath_, O_WRONLY | O_APPEND);
     const Fd out = Fd::open(stdoutPath_, O_WRONLY | O_APPEND);
     pid_ = fork();
@@ -120,11 +126,11 @@ void Daemon::start(const std::function<void()>& prepare) {
 }
 
 void Daemon::stop() {
-    if (pid_ > 0) {
+    if (pid_ > 0 && !starter_) {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
-        pid_ = -1;
     }
+    pid_ = -1;
 }
 
 void Daemon::freeze() {
@@ -137,7 +143,7 @@ void Daemon::thaw() {
 }
 
 bool Daemon::isRunning() {
-    return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0;
+    return pid_ > 0 && (starter_ ? kill(pid_, 0) : waitpid(pid_, nullptr, WNOHANG)) == 0;
 }
 
 int Daemon::waitForExit(Ns limit) {

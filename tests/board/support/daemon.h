@@ -1,5 +1,5 @@
 // The daemon under test, started as a process with its log going to a file that comes back from the
-// board. One thread at a time.
+// board, or by who else is to start it. One thread at a time.
 #pragma once
 
 #include <functional>
@@ -24,16 +24,21 @@ struct LogLine {
     std::string brief() const;
 };
 
+// Starts the daemon with its log going to the path and returns its process, whose life is not
+// Daemon's to end then.
+using DaemonStarter = std::function<pid_t(const std::string& logPath)>;
+
 class Daemon {
   public:
     // Its log is /out/NAME.log, its standard output /out/NAME.stdout.
-    explicit Daemon(const std::string& name);
+    explicit Daemon(const std::string& name, DaemonStarter starter = {});
     // Ends it when it still runs.
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    // `prepare` runs in the new process just before the daemon, its output already in place.
+    // `prepare` runs in the new process just before the daemon, its output already in place; not
+    // with a starter.
     void start(const std::function<void()>& prepare = {});
     // Ends it by signal.
     void stop();
@@ -59,6 +64,7 @@ class Daemon {
   private:
     const std::string logPath_;
     const std::string stdoutPath_;
+    const DaemonStarter starter_;
     pid_t pid_ = -1;
     std::streamoff logRead_ = 0;
     std::vector<LogLine> lines_;

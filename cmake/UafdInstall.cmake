@@ -1,0 +1,16 @@
+# uafd_install_gz(FILE DESTINATION COMPONENT): installs a text compressed, without time stamps, so that
+# every build has the same.
+function(uafd_install_gz file destination component)
+  set(compressed ${CMAKE_CURRENT_BINARY_DIR}/${file}.gz)
+  add_custom_command(OUTPUT ${compressed}
+    COMMAND gzip -9cn ${CMAKE_CURRENT_SOURCE_DIR}/${file} > ${compressed}
+    DEPENDS ${file}
+    VERBATIM)
+  string(MAKE_C_IDENTIFIER "${component}_${file}_gz" target)
+  add_custom_target(${target} ALL DEPENDS ${compressed})
+  add_dependencies(package_files ${target})
+  install(FILES ${compressed} DESTINATION ${destination} COMPONENT ${component})
+endfunction()
+
+# What packages are made of, and no more; whose install rules come depends on it.
+add_custom_target(package_files)

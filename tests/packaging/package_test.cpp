@@ -1,0 +1,140 @@
+// The Debian package on a board with systemd: installed, it runs the daemon as a service without
+// privileges, which does its main job, comes back when it dies, and goes when it is removed. The
+// cases are one story, in this order.
+#include <csignal>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/board/support/app_process.h"
+#include "tests/board/support/board.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/service.h"
+
+namespace {
+
+using board::contents;
+using board::kSecond;
+using board::outputOf;
+using board::serviceProperty;
+using board::waitFor;
+
+constexpr char kController[] = "/run/properties/sys.usb.controller";
+constexpr char kConfig[] = "/run/properties/sys.usb.config";
+
+std::string processFile(const std::string& name) {
+    return "/proc/" + std::to_string(board::servicePid()) + "/" + name;
+}
+
+// "Key:\tvalue" of the daemon's /proc/PID/status.
+std::string statusOf(const std::string& key) {
+    const std::string status = contents(processFile("status"));
+    const size_t at = status.find("\n" + key + ":\t");
+    const size_t begin = at + key.size() + 3;
+    return at == std::string::npos ? "" : status.substr(begin, status.find('\n', begin) - begin);
+}
+
+// "mode user group type major:minor"
+std::string kindOf(const std::string& path) {
+    return outputOf("stat -c '%a %U %G %F %t:%T' " + path);
+}
+
+bool streams(board::AppProcess* app, board::Host* host) {
+    const int64_t before = app->heardSound();
+    const board::HostPlayer player(board::noise);
+    host->command("speaker on");
+    const bool heard = waitFor([&] { return app->heardSound() > before + board::kRate / 2; });
+    host->command("speaker off");
+    return heard;
+}
+
+class AppOfTheGroup : public board::AppProcess {
+  public:
+    AppOfTheGroup()
+        : AppProcess({}, [] {
+              board::joinServiceGroup();
+              board::becomeUnprivileged();
+          }) {}
+};
+
+TEST(Package, InstallsItsServiceAndStartsIt) {
+    board::put("/out/dpkg.txt", outputOf("dpkg -i /packages/uafd_*.deb 2>&1"));
+    EXPECT_EQ(outputOf("systemctl is-enabled uafd.service uafd-usb-restart.path"),
+              "enabled\nenabled");
+    EXPECT_EQ(outputOf("systemctl is-active uafd.service uafd-usb-restart.path"), "active\nactive");
+    EXPECT_EQ(outputOf("readlink " + processFile("exe")), "/usr/sbin/uafd");
+}
+
+TEST(Package, RunsTheDaemonWithoutPrivileges) {
+    EXPECT_EQ(statusOf("CapEff"), "0000000000000000");
+    EXPECT_EQ(statusOf("CapBnd"), "0000000000000000");
+    EXPECT_EQ(statusOf("NoNewPrivs"), "1");
+    EXPECT_EQ(statusOf("Seccomp"), "2");
+    const std::string user = outputOf("id -u uafd");
+    EXPECT_EQ(statusOf("Uid"), user + "\t" + user + "\t" + user + "\t" + user);
+}
+
+TEST(Package, MakesNodeFifosAndProperties) {
+    EXPECT_EQ(kindOf("/dev/uac_user"), "660 root uafd character special file 7a:0");
+    EXPECT_EQ(kindOf(board::kFifoRx), "660 root uafd fifo 0:0");
+    EXPECT_EQ(kindOf(board::kFifoTx), "660 root uafd fifo 0:0");
+    EXPECT_EQ(kindOf("/run/properties"), "775 root uafd directory 0:0");
+}
+
+TEST(Package, KeepsSoundServersOffTheGadgetCardAlone) {
+    const std::string ignored = "ACP_IGNORE=1\nPULSE_IGNORE=1";
+    const std::string query =
+        "udevadm info -q property --property=ACP_IGNORE "
+        "--property=PULSE_IGNORE /sys/class/sound/card";
+    EXPECT_TRUE(waitFor([&] { return outputOf(query + "1") == ignored; })) << outputOf(query + "1");
+    EXPECT_EQ(outputOf(query + "0"), "");
+}
+
+TEST(Package, ServesAnAppOfItsGroupAndComesBackWhenItDies) {
+    board::Host host;
+    host.reset();
+    AppOfTheGroup app;
+    // The configured state among them: the daemon reaches the app's socket.
+    EXPECT_TRUE(waitFor([&] { return app.messages() > 0; }));
+    EXPECT_EQ(kindOf(board::kSocketTx), "770 uafd uafd socket 0:0");
+    EXPECT_TRUE(streams(&app, &host));
+    const pid_t first = board::servicePid();
+    const int64_t messages = app.messages();
+    ASSERT_EQ(kill(first, SIGKILL), 0);
+    EXPECT_TRUE(waitFor([&] { return app.messages() > messages; }, 10 * kSecond));
+    EXPECT_NE(board::servicePid(), first);
+    EXPECT_TRUE(streams(&app, &host));
+}
+
+TEST(Package, DoesTheMainJob) {
+    EXPECT_EQ(outputOf("/tests/main_job --service 2>&1 >/out/main_job.txt"), "");
+    EXPECT_EQ(serviceProperty("NRestarts"), "0");
+}
+
+// The daemon's setprop, the path unit that sees it, and the service that it starts; what that does
+// to controllers is not the simulated board's to show.
+TEST(Package, RestartsTheGadgetThatDoesNotNoticeItsCable) {
+    board::put(kController, "ff300000.usb");
+    board::put(kConfig, "uac");
+    board::Board whole("restart", board::startService);
+    board::joinServiceGroup();
+    whole.start();
+    whole.host.command("usb_state DISCONNECTED");
+    EXPECT_TRUE(waitFor([&] { return whole.daemon.count("Issue: *") > 0; }, 10 * kSecond));
+    EXPECT_TRUE(waitFor([] {
+        return outputOf(
+                   "systemctl show --value --property=Result,ExecMainStartTimestampMonotonic "
+                   "uafd-usb-restart.service") != "success\n0";
+    }));
+    EXPECT_EQ(contents(kConfig), "uac\n");
+}
+
+TEST(Package, GoesWhenItIsPurged) {
+    outputOf("dpkg -P uafd 2>&1");
+    EXPECT_EQ(serviceProperty("LoadState"), "not-found");
+    EXPECT_EQ(board::servicePid(), 0);
+    EXPECT_FALSE(board::exists("/usr/sbin/uafd"));
+    EXPECT_FALSE(board::exists("/etc/systemd/system/multi-user.target.wants/uafd.service"));
+}
+
+}  // namespace
