@@ -1,5 +1,6 @@
-// The lines that a working daemon may write to its log while the world around it misbehaves. Lines
-// of defects, such as a lock that fails or a state that there is not, are not among them.
+// The lines that a working daemon may write to its log while the world around it misbehaves: those
+// of docs/log.md without "!!". Lines of defects, such as a lock that fails or a state that there is
+// not, are not among them.
 #pragma once
 
 #include "tests/board/support/daemon.h"
