@@ -1,5 +1,5 @@
 /* What the daemon lives with. Both are free to do anything in any order, and to be quiet for ever
- * at any time; what the app owes the daemon, docs/companion.md tells its developer. */
+ * at any time; what the app owes the daemon, docs/protocol.md tells its developer. */
 
 mtype = { bindEvent, unbindEvent, activeEvent };
 
