@@ -96,7 +96,9 @@ function printIntroduction() {
     print "and with an app whose writes come late by up to the jitter. Both ends play a tone that names its place, and"
     print "every frame is followed. This page is made by"
     print ""
-    print "    ./test --soak HOURS"
+    print "```sh long"
+    printf "./test --soak %d\n", allMinutes / 60
+    print "```"
     print ""
     print "which runs what is missing until `docs/soak/` holds so many hours, a boot and a file for each piece, and adds"
     print "up what is there; `tools/soak --help` tells what a piece is. A piece is alike whenever it is run."
