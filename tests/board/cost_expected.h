@@ -1,5 +1,6 @@
-// What the daemon costs, as tests/board/cost_test.cpp holds it to it. When a change makes it cheaper
-// or, for a good reason, dearer, the test says the new figures: put them here, in the same commit.
+// What the daemon costs, as tests/board/cost_test.cpp holds it to it. When a change makes it
+// cheaper or, for a good reason, dearer, the test says the new figures: put them here, in the same
+// commit.
 #pragma once
 
 #include <cstdint>
