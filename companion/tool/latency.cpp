@@ -10,8 +10,7 @@
 namespace {
 
 constexpr int kDefaultBursts = 10;
-constexpr int kTailTicks = 10;   // in which the rest of a burst comes
-constexpr int kQuietTicks = 30;  // before a burst, those included
+constexpr int kQuietTicks = 30;  // before a burst
 constexpr int16_t kQuietPeak = 500;
 constexpr int16_t kBurstPeak = 1000;  // what comes louder is the burst
 constexpr int16_t kAmplitude = 16000;
@@ -31,7 +30,7 @@ class Bursts : public Handler {
             peak = std::max(peak, std::abs(int{samples[2 * i]}));
         }
         if (sentNs_ == 0) {
-            noisePeak_ = std::max(noisePeak_, peak);
+            quietTicks_ = peak < kQuietPeak ? quietTicks_ : 0;
         } else if (peak >= kBurstPeak) {
             returned(static_cast<double>(nowNs() - sentNs_) / 1e6);
         }
@@ -50,30 +49,25 @@ class Bursts : public Handler {
     }
     void onTick() override {
         ++ticks_;
-        if (sentNs_ == 0 && ticks_ == kTailTicks) {
-            noisePeak_ = 0;
-        }
-        if (sentNs_ == 0 && ticks_ >= kQuietTicks && noisePeak_ >= kQuietPeak) {
-            ticks_ = 0;
-            ++noisyTimes_;
-        }
+        ++quietTicks_;
     }
     bool isDone() override { return left_ == 0 || !reason().empty(); }
 
     // Why it does not work; empty when it does.
     std::string reason() const {
-        if (ticks_ >= waitTicks_ + kQuietTicks) {
-            return sentNs_ == 0 ? "the daemon takes no sound: does the host record?"
-                                : "no burst came back: does the host play what it records?";
+        if (ticks_ < waitTicks_ + kQuietTicks) {
+            return "";
         }
-        return noisyTimes_ * kQuietTicks > waitTicks_
-                   ? "the host plays something else: the bursts cannot be told from it"
-                   : "";
+        if (sentNs_ != 0) {
+            return "no burst came back: does the host play what it records?";
+        }
+        return isDue() ? "the daemon takes no sound: does the host record?"
+                       : "the host plays something else: the bursts cannot be told from it";
     }
     std::vector<double> takeTimesMs() { return std::move(timesMs_); }
 
   private:
-    bool isDue() const { return sentNs_ == 0 && ticks_ >= kQuietTicks && noisePeak_ < kQuietPeak; }
+    bool isDue() const { return sentNs_ == 0 && quietTicks_ >= kQuietTicks; }
     void returned(double ms) {
         printf("%7.2f ms\n", ms);
         fflush(stdout);
@@ -81,16 +75,14 @@ class Bursts : public Handler {
         --left_;
         sentNs_ = 0;
         ticks_ = 0;
-        noisePeak_ = 0;
-        noisyTimes_ = 0;
+        quietTicks_ = 0;
     }
 
     int left_;
     const int waitTicks_;
     int64_t sentNs_ = 0;  // 0: none is on its way
-    int ticks_ = 0;       // since the burst, or of quiet
-    int noisePeak_ = 0;
-    int noisyTimes_ = 0;
+    int ticks_ = 0;       // since the burst, or since the one before returned
+    int quietTicks_ = 0;
     std::vector<double> timesMs_;
 };
 

@@ -383,16 +383,23 @@ TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
     ASSERT_TRUE(waitForFile("FifoTx"));
     ASSERT_TRUE(daemon.openFifos());
     Samples stereo;
-    for (const int16_t sample : ramp(1440)) {
+    for (const int16_t sample : ramp(1680)) {
         stereo.insert(stereo.end(), {sample, int16_t{-1}});
     }
-    daemon.play(stereo);
-    const Samples heard = recordUntil([](const Samples& so_far) {
-        return std::count(so_far.begin(), so_far.end(), 0) < static_cast<int>(so_far.size()) - 1439;
-    });
-    const auto first = std::find(heard.begin(), heard.end(), 1);
-    ASSERT_GE(heard.end() - first, 1440);
-    EXPECT_EQ(Samples(first, first + 1440), ramp(1440));
+    const auto until = [](int16_t last) {
+        return [last](const Samples& left) {
+            return std::find(left.begin(), left.end(), last) != left.end();
+        };
+    };
+    // Two blocks and a half, of which the half waits for more.
+    daemon.play(Samples(stereo.begin(), stereo.begin() + 2400));
+    Samples heard = recordUntil(until(960));
+    EXPECT_EQ(daemon.record(), Samples(960));
+    daemon.play(Samples(stereo.begin() + 2400, stereo.end()));
+    const Samples more = recordUntil(until(1440));
+    heard.insert(heard.end(), more.begin(), more.end());
+    heard.erase(std::remove(heard.begin(), heard.end(), 0), heard.end());
+    EXPECT_EQ(heard, ramp(1440));
     tool->send(SIGTERM);
     EXPECT_EQ(tool->wait(), 0);
 }
@@ -401,7 +408,7 @@ TEST_F(ToolTest, ShowsTheLevel) {
     StreamingOptions options;
     options.left = options.right = 3277;  // 20 dB below full scale, all of it
     const StreamingDaemon streaming(folder, options);
-    EXPECT_EQ(run({"meter", "--seconds", "0.5"}), 0);
+    EXPECT_EQ(run({"meter", "--seconds", "1"}), 0);
     EXPECT_THAT(tool->output(), HasSubstr(" speaker on   peak -20.0 dB  rms -20.0 dB  |" +
                                           std::string(28, '#') + std::string(20, ' ') + "|\n"));
 }
@@ -444,6 +451,7 @@ TEST_F(ToolTest, SaysWhyItCannotMeasure) {
                   "uafd-companion: the daemon takes no sound: does the host record?\n");
     }
     options.left = options.right = 2000;
+    options.records = true;
     const StreamingDaemon loud(folder, options);
     EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
     EXPECT_EQ(tool->errors(),
@@ -458,6 +466,14 @@ TEST_F(ToolTest, ChecksADaemonThatIsNotThere) {
     EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's volume is taken: no daemon runs\n"));
     EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's mute is taken: no daemon runs\n"));
     EXPECT_THAT(tool->output(), HasSubstr("\n0 passed, 9 failed\n"));
+}
+
+TEST_F(ToolTest, DoesNotPassACheckThatIsInterrupted) {
+    start({"check"});
+    ASSERT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
+    tool->send(SIGINT);
+    EXPECT_EQ(tool->wait(), 1);
+    EXPECT_EQ(tool->output(), "0 passed, 0 failed, interrupted\n");
 }
 
 // A daemon with a fault, and what the check of it says.
