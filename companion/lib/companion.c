@@ -38,16 +38,16 @@ static int datagram_socket(void) {
     return socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
-// Whether somebody lives behind the address. A file that an app left behind refuses.
-static int in_use(const struct sockaddr_un* address) {
+// 0 when nobody lives behind the address: there is nothing, or a file that an app left behind.
+static int check_unused(const struct sockaddr_un* address) {
     const int probe = datagram_socket();
     if (probe < 0) {
         return -errno;
     }
     const int result = connect(probe, (const struct sockaddr*)address, sizeof *address);
-    const int used = result == 0 || errno == EPERM;
+    const int error = result == 0 || errno == EPERM ? EADDRINUSE : errno;
     close(probe);
-    return used ? -EADDRINUSE : 0;
+    return error == ENOENT || error == ECONNREFUSED ? 0 : -error;
 }
 
 // Binds beside the name and then moves there: the name is never missing in between, which would
@@ -60,7 +60,7 @@ static int bind_socket(uafd_companion* companion, const char* directory) {
         error = fill_address(&beside, directory, SOCKET_RX ".new");
     }
     if (error == 0) {
-        error = in_use(&address);
+        error = check_unused(&address);
     }
     if (error != 0) {
         return error;

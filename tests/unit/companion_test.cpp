@@ -133,6 +133,20 @@ TEST_F(CompanionOpenTest, LeavesTheSocketToTheAppThatHasIt) {
     EXPECT_EQ(0, second.open(UAFD_SOUND, folder.path().c_str()));
 }
 
+// An app that sends to another has it to itself.
+TEST_F(CompanionOpenTest, LeavesTheSocketToAnAppThatIsConnected) {
+    ASSERT_EQ(0, open());
+    daemon.bindSocket();
+    const std::string path = daemon.path("UdsIpcTx");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(0, connect(companion.eventsFd(), reinterpret_cast<const sockaddr*>(&address),
+                         sizeof address));
+    uafd::Companion second;
+    EXPECT_EQ(-EADDRINUSE, second.open(UAFD_EVENTS, folder.path().c_str()));
+}
+
 TEST_F(CompanionOpenTest, OpensAnewInPlaceOfWhatWasOpen) {
     ASSERT_EQ(0, open());
     const int64_t before = openDescriptors();
