@@ -6,29 +6,32 @@
 
 namespace {
 
-// How many of the `n` bytes at `position` lie before the end of the storage.
-size_t beforeEnd(const QUEUE_Ctx* ctx, const uint8_t* position, size_t n) {
-    return std::min(n, static_cast<size_t>(ctx->bufEnd - position));
-}
-
-// Steps over `n` bytes; a step that ends exactly at the end of the storage lands on its start.
-uint8_t* advance(const QUEUE_Ctx* ctx, uint8_t* position, size_t n) {
-    const auto room = static_cast<size_t>(ctx->bufEnd - position);
-    return n < room ? position + n : ctx->bufStart + (n - room);
-}
+// Where the storage parts a block of `bytes` at `position`, and where the next block then starts. A
+// block that ends exactly at the end of the storage is followed by one at its start.
+struct Split {
+    Split(const QUEUE_Ctx* ctx, uint8_t* position, size_t bytes) {
+        const auto room = static_cast<size_t>(ctx->bufEnd - position);
+        head = std::min(bytes, room);
+        rest = bytes - head;
+        next = bytes < room ? position + bytes : ctx->bufStart + rest;
+    }
+    size_t head;  // bytes before the end of the storage
+    size_t rest;  // bytes from its start on
+    uint8_t* next;
+};
 
 int32_t QueueEnqueueFromBuff(QUEUE_Ctx* ctx, const uint8_t* src, int32_t n) {
     if (n > ctx->size - ctx->depth) {
         return QUEUE_FULL;
     }
-    const auto bytes = static_cast<size_t>(n);
-    const size_t head = beforeEnd(ctx, ctx->writePtr, bytes);
-    memmove(ctx->writePtr, src, head);
-    if (head < bytes) {
-        memmove(ctx->bufStart, src + head, bytes - head);
-    }
-    ctx->writePtr = advance(ctx, ctx->writePtr, bytes);
+    uint8_t* const dst = ctx->writePtr;
+    const Split split(ctx, dst, static_cast<size_t>(n));
+    ctx->writePtr = split.next;
     ctx->depth += n;
+    memmove(dst, src, split.head);
+    if (split.rest > 0) {
+        memmove(ctx->bufStart, src + split.head, split.rest);
+    }
     return QUEUE_OK;
 }
 
@@ -37,14 +40,14 @@ int32_t QueueDequeueToBuff(QUEUE_Ctx* ctx, uint8_t* dst, int32_t n) {
         memset(dst, 0, static_cast<size_t>(n));
         n = ctx->depth;
     }
-    const auto bytes = static_cast<size_t>(n);
-    const size_t head = beforeEnd(ctx, ctx->readPtr, bytes);
-    memmove(dst, ctx->readPtr, head);
-    if (head < bytes) {
-        memmove(dst + head, ctx->bufStart, bytes - head);
-    }
-    ctx->readPtr = advance(ctx, ctx->readPtr, bytes);
+    const uint8_t* const src = ctx->readPtr;
+    const Split split(ctx, ctx->readPtr, static_cast<size_t>(n));
+    ctx->readPtr = split.next;
     ctx->depth -= n;
+    memmove(dst, src, split.head);
+    if (split.rest > 0) {
+        memmove(dst + split.head, ctx->bufStart, split.rest);
+    }
     return QUEUE_OK;
 }
 
