@@ -11,16 +11,17 @@ constexpr int32_t LANES = 8;               // samples in a vector register
 
 // The point `fraction` / 65536 of the way from `a` to `b`, rounded to nearest:
 // a + (((b - a) * fraction + 32768) >> 16). The two halves of the product are spelt out, each from
-// a multiplication of its own, because compilers then stay with 16-bit lanes, eight to a vector
-// register. Widened to 32 bits, a frame takes about as many instructions on AArch64 but twice the
-// time and more on x86-64.
+// a multiplication of its own, and the first sum is brought back to 16 bits, because compilers then
+// stay with 16-bit lanes, eight to a vector register. Widened to 32 bits, a frame takes about as
+// many instructions on AArch64 but twice the time and more on x86-64.
 inline int16_t interpolate(int16_t a, int16_t b, uint16_t fraction) {
     const auto rise = static_cast<uint16_t>(b - a);  // 65536 too large on a fall
     const auto high = static_cast<uint16_t>((uint32_t{rise} * fraction) >> 16);
     const auto low = static_cast<uint16_t>(uint32_t{rise} * fraction);
     const uint16_t roundUp = low >= 0x8000 ? 1 : 0;
     const uint16_t excess = b < a ? fraction : uint16_t{0};
-    return static_cast<int16_t>(static_cast<uint16_t>(a + high + roundUp - excess));
+    const auto sum = static_cast<uint16_t>(a + high);
+    return static_cast<int16_t>(static_cast<uint16_t>(sum + roundUp - excess));
 }
 
 // The `n` outputs from `first` on. Output i lies between inputs i and i + 1, at (i + 1) * step. No
