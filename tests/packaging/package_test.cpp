@@ -3,6 +3,7 @@
 // cases are one story, in this order.
 #include <csignal>
 #include <string>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include "tests/board/support/board.h"
 #include "tests/board/support/host_player.h"
 #include "tests/board/support/service.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -48,13 +50,14 @@ bool streams(board::AppProcess* app, board::Host* host) {
     return heard;
 }
 
+void becomeAppOfTheGroup() {
+    board::joinServiceGroup();
+    board::becomeUnprivileged();
+}
+
 class AppOfTheGroup : public board::AppProcess {
   public:
-    AppOfTheGroup()
-        : AppProcess({}, [] {
-              board::joinServiceGroup();
-              board::becomeUnprivileged();
-          }) {}
+    AppOfTheGroup() : AppProcess({}, becomeAppOfTheGroup) {}
 };
 
 TEST(Package, InstallsItsServiceAndStartsIt) {
@@ -109,6 +112,20 @@ TEST(Package, ServesAnAppOfItsGroupAndComesBackWhenItDies) {
 TEST(Package, DoesTheMainJob) {
     EXPECT_EQ(outputOf("/tests/main_job --service 2>&1 >/out/main_job.txt"), "");
     EXPECT_EQ(serviceProperty("NRestarts"), "0");
+}
+
+TEST(Package, PassesTheCompanionToolsCheck) {
+    outputOf("dpkg -i /packages/uafd-companion_*.deb 2>&1");
+    unlink(board::kSocketRx);  // another user's: not an app's to take over in /tmp
+    board::Host host;
+    host.reset();
+    const board::HostPlayer player(board::noise);
+    host.command("speaker on");
+    host.command("mic on");
+    ChildProcess check({"/usr/bin/uafd-companion", "check"}, becomeAppOfTheGroup);
+    EXPECT_EQ(check.wait(), 0) << check.output() << check.errors();
+    host.reset();
+    EXPECT_TRUE(board::exists("/usr/share/bash-completion/completions/uafd-companion"));
 }
 
 // The daemon's setprop, the path unit that sees it, and the service that it starts; what that does

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -16,9 +17,12 @@
 
 class ChildProcess {
   public:
-    explicit ChildProcess(std::vector<std::string> command) : pid_(fork()) {
+    // `prepare` runs in the new process just before the program.
+    explicit ChildProcess(std::vector<std::string> command,
+                          const std::function<void()>& prepare = {})
+        : pid_(fork()) {
         if (pid_ == 0) {
-            run(std::move(command));
+            run(std::move(command), prepare);
         }
     }
     // Ends it when it still runs.
@@ -43,7 +47,8 @@ class ChildProcess {
     std::string errors() const { return contents("err"); }
 
   private:
-    [[noreturn]] void run(std::vector<std::string> command) const {
+    [[noreturn]] void run(std::vector<std::string> command,
+                          const std::function<void()>& prepare) const {
         std::vector<char*> words;
         for (std::string& word : command) {
             words.push_back(word.data());
@@ -51,6 +56,9 @@ class ChildProcess {
         words.push_back(nullptr);
         redirect(STDOUT_FILENO, "out");
         redirect(STDERR_FILENO, "err");
+        if (prepare) {
+            prepare();
+        }
         execv(words[0], words.data());
         _exit(127);
     }
