@@ -40,7 +40,7 @@ TEST_F(JavaTest, HearsAndIsHeard) {
 TEST_F(JavaTest, IsToldAndSets) {
     StreamingOptions options;
     options.answer = {{0, 1}, {3, static_cast<uint16_t>(-1280)}, {6, 1}};
-    const StreamingDaemon daemon(folder, options);
+    StreamingDaemon daemon(folder, options);
     expectGood("messages");
     EXPECT_THAT(
         daemon.messages(),

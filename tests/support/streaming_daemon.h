@@ -37,7 +37,8 @@ class StreamingDaemon {
         thread_.join();
     }
     // Of the app's, all that have come.
-    std::vector<DaemonEnds::Message> messages() const {
+    std::vector<DaemonEnds::Message> messages() {
+        answer();  // what the thread has not come to
         const std::lock_guard<std::mutex> lock(mutex_);
         return messages_;
     }
