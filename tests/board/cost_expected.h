@@ -10,9 +10,9 @@ struct ExpectedCost {
     int64_t instructions;  // for a second
 };
 
-constexpr ExpectedCost kSpeakerCost{"speaker", 3732000};
-constexpr ExpectedCost kMicrophoneCost{"microphone", 3841000};
-constexpr ExpectedCost kBothCost{"both", 7103000};
+constexpr ExpectedCost kSpeakerCost{"speaker", 3739000};
+constexpr ExpectedCost kMicrophoneCost{"microphone", 3852000};
+constexpr ExpectedCost kBothCost{"both", 7470000};
 constexpr ExpectedCost kIdleCost{"idle", 66900};
 
 // What runs beside the daemon's own code. With anything else the figures are only about right.
