@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include "tests/support/temp_dir.h"
@@ -49,6 +50,7 @@ class ChildProcess {
   private:
     [[noreturn]] void run(std::vector<std::string> command,
                           const std::function<void()>& prepare) const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves nothing behind
         std::vector<char*> words;
         for (std::string& word : command) {
             words.push_back(word.data());
