@@ -5,8 +5,9 @@ set output picture
 set datafile separator tab
 set multiplot layout 3,1 margins 0.36,0.96,0.07,0.95 spacing 0,0.09
 set logscale x
-set xrange [1:400]
-set yrange [-0.6:*] reverse
+set xrange [1:2000]
+set yrange [*:*] reverse
+set offsets 0, 0, 0.5, 0.5
 set grid xtics
 set tics nomirror
 set ytics out
