@@ -28,6 +28,15 @@ using Event = std::pair<uafd_event_type, int>;
 
 constexpr int64_t kBlock = UAFD_BLOCK_FRAMES;
 
+// Where a recorded ramp does not go on, from its first sound on.
+int breaksIn(const board::Samples& ramp) {
+    int breaks = 0;
+    for (size_t i = board::firstSound(ramp) + 1; i < ramp.size(); ++i) {
+        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
+    }
+    return breaks;
+}
+
 // An app on the library with a thread of its own: says noise, keeps what it hears and is told.
 class LibraryApp {
   public:
@@ -74,10 +83,12 @@ class LibraryApp {
     void hear() {
         int16_t samples[2 * 1024];
         const int frames = companion_.read(samples, 1024);
+        int unequal = 0;
         for (int i = 0; i < frames; ++i) {
-            EXPECT_EQ(samples[2 * i], samples[2 * i + 1]);
+            unequal += samples[2 * i] != samples[2 * i + 1] ? 1 : 0;
             heard_.push_back(samples[2 * i]);
         }
+        EXPECT_EQ(unequal, 0) << "frames";
     }
 
     uafd::Companion companion_;
@@ -158,9 +169,7 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     const uafd_counts after = library_->counts();
     const board::Samples heard = library_->takeHeard();
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate));
-    for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
-        ASSERT_EQ(heard[i], static_cast<int16_t>(heard[i - 1] + 1)) << i;
-    }
+    EXPECT_EQ(breaksIn(heard), 0);
     EXPECT_GE(after.frames_read - before.frames_read, heard.size());
     EXPECT_GT(after.blocks_taken, before.blocks_taken + 100);
 }
@@ -265,9 +274,7 @@ TEST_F(CompanionLibrary, RunsTheExample) {
         left.push_back(*reinterpret_cast<const int16_t*>(bytes.data() + i));
     }
     ASSERT_GT(left.size(), static_cast<size_t>(4 * kRate));
-    for (size_t i = board::firstSound(left) + 1; i < left.size(); ++i) {
-        ASSERT_EQ(left[i], static_cast<int16_t>(left[i - 1] + 1)) << i;
-    }
+    EXPECT_EQ(breaksIn(left), 0);
     // The tone's period is 109 frames; latency control bends it by a sample now and then.
     const board::Samples recorded = host.takeRecording();
     int upward = 0;
