@@ -7,7 +7,7 @@
 int main(int argc, char** argv) {
     uafd::Companion companion;
     FILE* file = fopen(argc > 1 ? argv[1] : "heard.raw", "wb");
-    if (file == nullptr || companion.open() != 0) {
+    if (file == nullptr || companion.open(UAFD_SOUND) != 0) {
         return 1;
     }
     int16_t heard[2 * 4800];

@@ -83,6 +83,7 @@ int uafd_companion_mic_fd(const uafd_companion* companion);
 int uafd_companion_events_fd(const uafd_companion* companion);
 
 // An event loop for a program that has no other: returns when one of the three is so, as their sum.
+// What is not read or taken then is so still: whoever takes no events opens without them.
 // The first block is due at once, each later one UAFD_BLOCK_NS after the one before; whoever comes
 // more than two blocks late goes on from there. -EINTR after a signal.
 int uafd_companion_wait(uafd_companion* companion);
