@@ -12,7 +12,7 @@ struct ExpectedCost {
 
 constexpr ExpectedCost kSpeakerCost{"speaker", 3739000};
 constexpr ExpectedCost kMicrophoneCost{"microphone", 3852000};
-constexpr ExpectedCost kBothCost{"both", 7470000};
+constexpr ExpectedCost kBothCost{"both", 7506000};
 constexpr ExpectedCost kIdleCost{"idle", 66900};
 
 // What runs beside the daemon's own code. With anything else the figures are only about right.
