@@ -259,13 +259,13 @@ TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
 // Starts before the daemon, which waits for it.
 TEST_F(CompanionLibrary, RunsTheExample) {
     const board::HostPlayer player(board::ramp);
-    bothOn();
     const pid_t example = fork();
     if (example == 0) {
         execl("/tests/record_and_play", "record_and_play", "/out/heard.raw", nullptr);
         _exit(127);
     }
     startDaemon();
+    bothOn();
     int status = -1;
     rusage used{};
     ASSERT_EQ(wait4(example, &status, 0, &used), example);
