@@ -87,22 +87,22 @@ TEST_F(UafChStreamTest, StereoBecomesMonoByItsLeftSamples) {
 }
 
 TEST_F(UafChStreamTest, EveryLengthConvertsEachFrameAndNothingElse) {
-    constexpr int longest = 100;
-    for (int frames = 0; frames <= longest; ++frames) {
+    constexpr size_t longest = 100;
+    for (size_t frames = 0; frames <= longest; ++frames) {
         SCOPED_TRACE(frames);
         Samples before(2 * longest + 1);
         std::iota(before.begin(), before.end(), int16_t{-90});
         Samples stereo = before;
         Samples mono = before;
-        for (int i = 0; i < frames; ++i) {
+        for (size_t i = 0; i < frames; ++i) {
             stereo[2 * i] = stereo[2 * i + 1] = before[i];
             mono[i] = before[2 * i];
         }
         Samples samples = before;
-        UafCh::adjCh(samples.data(), 1, 2, frames);
+        UafCh::adjCh(samples.data(), 1, 2, static_cast<int>(frames));
         EXPECT_EQ(samples, stereo);
         samples = before;
-        UafCh::adjCh(samples.data(), 2, 1, frames);
+        UafCh::adjCh(samples.data(), 2, 1, static_cast<int>(frames));
         EXPECT_EQ(samples, mono);
     }
 }
