@@ -144,7 +144,7 @@ void measureMessages(board::Board* board, SpreadTable* table) {
 void measurePeriods(board::Board* board, Ns measured, SpreadTable* table) {
     board->host.command(kHostClock);
     board::Streaming streaming(board);
-    board::AnswerTimes answers(streaming.threads());
+    board::AnswerTimes answers(streaming.threads(), measured);
     streaming.run(measured, [&] { answers.look(); });
     table->add("speaker: period complete, to its bytes in the FIFO", answers.speaker().times);
     table->add("microphone: room in the PCM, to its frames there", answers.mic().times);

@@ -40,7 +40,7 @@ void addSpeaker(Ns measured, SpreadTable* table) {
     board.start();
     board.host.command(kHostClock);
     board::Streaming streaming(&board);
-    board::AnswerTimes answers(streaming.threads());
+    board::AnswerTimes answers(streaming.threads(), measured);
     std::vector<Ns> reads;
     for (const Ns end = board::now() + measured; board::now() < end;) {
         board::sleepFor(kLookEvery);

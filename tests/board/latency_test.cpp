@@ -37,7 +37,7 @@ class Latency : public BoardCase {
         start();
         host.command("ppb " + std::to_string(kHostPpb));
         board::Streaming streaming(this);
-        board::AnswerTimes answers(streaming.threads());
+        board::AnswerTimes answers(streaming.threads(), measuredTime());
         for (int phase = 0; phase < kPhases; ++phase) {
             host.command("stall mic 1");
             board::sleepFor(kMs);

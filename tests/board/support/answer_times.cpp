@@ -9,6 +9,8 @@ namespace {
 
 enum Direction : uint64_t { kSpeaker, kMic };  // as in the driver
 
+constexpr Ns kPeriod = 5 * kMs;
+constexpr size_t kIoctlsInPeriod = 5;                 // of the microphone's thread
 constexpr char kWriteFrames[] = "cmd == 0x40184150";  // SNDRV_PCM_IOCTL_WRITEI_FRAMES
 constexpr char kWholePeriod[] = "ret == 960";         // bytes that went into the FIFO
 
@@ -37,11 +39,16 @@ AnswerTimes::Waits waitsFor(std::vector<Ns> ends, const std::vector<Ns>& answers
 
 }  // namespace
 
-AnswerTimes::AnswerTimes(const StreamingThreads& threads)
+AnswerTimes::AnswerTimes(const StreamingThreads& threads, Ns longest)
     : toFifo_(recorded("syscalls/sys_exit_write", threads.sink, kWholePeriod)),
       ioctlEnds_(recorded("syscalls/sys_exit_ioctl", threads.source, "")),
       toPcm_(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)) {
     const TraceId end = traceKernel("period_end", "usb_board:gadget_pcm_period dir=+0($arg1):u32");
+    const auto periods = static_cast<size_t>(longest / kPeriod * 11 / 10);
+    for (std::vector<Ns>* times : {&toFifoAt_, &toPcmAt_, &speakerAt_, &micAt_}) {
+        times->reserve(periods);
+    }
+    ioctlEndAt_.reserve(kIoctlsInPeriod * periods);
     for (int cpu = 0; cpu < processors(); ++cpu) {
         periodEnds_.push_back(PerfEvent::traced(end, PerfScope::processor(cpu)));
         periodEnds_.back().record();

@@ -20,8 +20,9 @@ class AnswerTimes {
         int64_t unanswered = 0;  // periods after the last answer
     };
 
-    // Records from here on.
-    explicit AnswerTimes(const StreamingThreads& threads);
+    // Records from here on, for so long. Memory that grew meanwhile, and was moved, would hold the
+    // only processor in the kernel for a millisecond.
+    AnswerTimes(const StreamingThreads& threads, Ns longest);
 
     // Takes what was recorded; at least every second.
     void look();
