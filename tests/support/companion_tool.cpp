@@ -1,0 +1,66 @@
+#include "tests/support/companion_tool.h"
+
+#include <numeric>
+#include <unistd.h>
+
+ChildProcess& ToolTest::start(std::vector<std::string> words) {
+    words.insert(words.begin(), TOOL_PROGRAM);
+    words.insert(words.end(), {"--directory", folder.path()});
+    return tool.emplace(words);
+}
+
+bool ToolTest::waitFor(const std::function<bool()>& condition) {
+    for (int i = 0; i < 20000; ++i) {
+        if (condition()) {
+            return true;
+        }
+        usleep(1000);
+    }
+    return false;
+}
+
+bool ToolTest::waitForFile(const std::string& name) {
+    return waitFor([&] { return access(daemon.path(name).c_str(), F_OK) == 0; });
+}
+
+void ToolTest::writeWav(const std::string& path, const Samples& samples, int channels, int rate) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* const file = sf_open(path.c_str(), SFM_WRITE, &info);
+    sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(file);
+}
+
+Samples ToolTest::readWav(const std::string& path, SF_INFO* info) {
+    SNDFILE* const file = sf_open(path.c_str(), SFM_READ, info);
+    if (file == nullptr) {
+        return {};
+    }
+    Samples samples(static_cast<size_t>(info->frames * info->channels));
+    sf_read_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(file);
+    return samples;
+}
+
+Samples ToolTest::ramp(size_t count) {
+    Samples samples(count);
+    std::iota(samples.begin(), samples.end(), int16_t{1});
+    return samples;
+}
+
+Samples ToolTest::recordUntil(const std::function<bool(const Samples&)>& condition) {
+    Samples left;
+    while (!condition(left)) {
+        const Samples block = daemon.record();
+        if (block.empty()) {
+            break;
+        }
+        for (size_t i = 0; i < block.size(); i += 2) {
+            EXPECT_EQ(block[i], block[i + 1]);
+            left.push_back(block[i]);
+        }
+    }
+    return left;
+}

@@ -1,0 +1,41 @@
+// The companion tool as a process beside the daemon's ends, in a folder of the test's.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <sndfile.h>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/child_process.h"
+#include "tests/support/daemon_ends.h"
+
+using Samples = std::vector<int16_t>;
+
+class ToolTest : public testing::Test {
+  protected:
+    void SetUp() override { signal(SIGPIPE, SIG_IGN); }
+
+    // Starts it; its folder is the test's.
+    ChildProcess& start(std::vector<std::string> words);
+    int run(const std::vector<std::string>& words) { return start(words).wait(); }
+    // Real time: the tool is a process of its own.
+    static bool waitFor(const std::function<bool()>& condition);
+    bool waitForFile(const std::string& name);
+    std::string file(const std::string& name) const { return folder.path() + "/" + name; }
+
+    static void writeWav(const std::string& path, const Samples& samples, int channels, int rate);
+    // Nothing for a file that cannot be read.
+    static Samples readWav(const std::string& path, SF_INFO* info);
+    static Samples ramp(size_t count);
+    // The left samples of what the tool says, block by block, until the condition holds.
+    Samples recordUntil(const std::function<bool(const Samples&)>& condition);
+
+    TempDir folder;
+    DaemonEnds daemon{folder};
+    std::optional<ChildProcess> tool;
+};
