@@ -4,8 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "channel/uaf_src.h"
-#include "tests/support/source_bench.h"
+#include "tests/support/source_fifo_case.h"
 
 namespace {
 
@@ -16,62 +15,10 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
-using ::testing::Not;
 using ::testing::SizeIs;
 using Samples = std::vector<int16_t>;
 
-class UafSrcFifoTest : public source_bench::Test {
-  protected:
-    void SetUp() override {
-        source_bench::Test::SetUp();
-        fake_ssrs::hooks().write = [this](SSRS_Ctx*, const int16_t* data, int32_t n) {
-            journal.push_back("write");
-            blocks.emplace_back(data, data + n);
-            return writeResult;
-        };
-        fake_ssrs::hooks().statsGet = [this](const SSRS_Ctx*, SSRS_Stats* stats) {
-            journal.push_back("stats");
-            *stats = this->stats;
-            return 0;
-        };
-        start();
-    }
-
-    // `passes` passes that reach the unlock.
-    void runBlocks(int passes) {
-        stopAfterBlocks(passes);
-        runBufferThread();
-    }
-
-    // Reads give these results, one after the other, and then whole blocks.
-    void readResults(std::vector<int> results) {
-        onRead = [results, next = size_t{0}](int16_t*, size_t size) mutable {
-            return next < results.size() ? results[next++] : static_cast<ssize_t>(size);
-        };
-    }
-
-    // The loop ends in its `yields`-th failed pass.
-    void stopAtYield(int yields) {
-        fake_sys::hooks().sched_yield = [this, left = yields]() mutable {
-            journal.push_back("yield");
-            if (--left == 0) {
-                source->uafStop();
-            }
-            return 0;
-        };
-    }
-
-    int linesWith(const std::string& part) const {
-        const std::vector<fake_log::Line> lines = ownLines();
-        return static_cast<int>(std::count_if(
-            lines.begin(), lines.end(),
-            [&](const fake_log::Line& line) { return line.text.find(part) != std::string::npos; }));
-    }
-
-    std::vector<Samples> blocks;
-    int32_t writeResult = 0;
-    SSRS_Stats stats{};
-};
+using UafSrcFifoTest = SourceFifoCase;
 
 // ---- Reading the FIFO --------------------------------------------------------------------------
 
@@ -295,163 +242,6 @@ TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
     onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);
     EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));
-}
-
-// ---- Statistics and enlargement ----------------------------------------------------------------
-
-class UafSrcEnlargeTest : public UafSrcFifoTest {
-  protected:
-    void SetUp() override {
-        UafSrcFifoTest::SetUp();
-        fake_ssrs::hooks().setQBuff = [this](SSRS_Ctx*, int16_t* storage, int32_t len) {
-            EXPECT_NE(nullptr, storage);
-            journal.push_back("storage " + std::to_string(len));
-            return storageResult;
-        };
-        fake_ssrs::hooks().setQDepth = [this](SSRS_Ctx*, int32_t low, int32_t high) {
-            journal.push_back("depth " + std::to_string(low) + "-" + std::to_string(high));
-            return depthResult;
-        };
-    }
-
-    // Statistics check number i finds counts[i] underruns.
-    void runChecks(std::vector<uint32_t> counts) {
-        const int passes = static_cast<int>(counts.size()) * 100 + 1;
-        fake_ssrs::hooks().statsGet = [this, counts, next = size_t{0}](const SSRS_Ctx*,
-                                                                       SSRS_Stats* out) mutable {
-            journal.push_back("stats");
-            stats.underruns = counts.at(next++);
-            *out = stats;
-            return 0;
-        };
-        runBlocks(passes);
-        EXPECT_EQ(static_cast<int>(counts.size()), count("stats"));
-    }
-
-    int enlargements() const { return count("storage 1920"); }
-
-    int32_t storageResult = 0;
-    int32_t depthResult = 0;
-};
-
-TEST_F(UafSrcEnlargeTest, TheFirstCheckIsInThe101stPass) {
-    runBlocks(100);
-    EXPECT_EQ(0, count("stats"));
-    ASSERT_EQ(0, source->uafStart());
-    forget();
-    runBlocks(101);
-    EXPECT_EQ(1, count("stats"));
-    EXPECT_EQ("stats", journal.end()[-3]);
-    ASSERT_EQ(0, source->uafStart());
-    forget();
-    runBlocks(301);
-    EXPECT_EQ(3, count("stats"));
-}
-
-TEST_F(UafSrcEnlargeTest, TheCheckIsMadeUnderTheLock) {
-    runChecks({11});
-    journal.pop_back();
-    EXPECT_THAT(std::vector<std::string>(journal.end() - 6, journal.end()),
-                ElementsAre("lock ssrs", "write", "stats", "storage 1920", "depth 960-1440",
-                            "unlock ssrs"));
-}
-
-TEST_F(UafSrcEnlargeTest, ElevenUnderrunsEnlargeTheBuffer) {
-    stats.avgDepth = 333;
-    stats.overruns = 4000000000;
-    runChecks({11});
-    EXPECT_EQ(1, enlargements());
-    EXPECT_THAT(ownLines(),
-                IsSupersetOf({debug("buffer loopcnt 100, Depth 333, Underruns 11, Overruns "
-                                    "4000000000\n"),
-                              debug("increased ssrs queue depth\n")}));
-}
-
-TEST_F(UafSrcEnlargeTest, TenUnderrunsDoNot) {
-    runChecks({10, 20, 30});
-    EXPECT_EQ(0, enlargements());
-    EXPECT_EQ(3, linesWith("Depth"));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
-}
-
-TEST_F(UafSrcEnlargeTest, ALaterBurstEnlargesToo) {
-    runChecks({10, 21});
-    EXPECT_EQ(1, enlargements());
-}
-
-TEST_F(UafSrcEnlargeTest, UnchangedStatisticsAreNotReported) {
-    runChecks({0, 5, 5, 5});
-    EXPECT_EQ(1, linesWith("buffer loopcnt 200, Depth"));
-    EXPECT_EQ(1, linesWith("Depth"));
-}
-
-TEST_F(UafSrcEnlargeTest, TheIncreaseIsUnsigned) {
-    runChecks({5, 0xFFFFFFFEU});
-    EXPECT_EQ(1, enlargements());
-    ASSERT_EQ(0, source->uafStart());
-    forget();
-    runChecks({0xFFFFFFFEU, 0});
-    EXPECT_EQ(1, enlargements());
-}
-
-TEST_F(UafSrcEnlargeTest, TheBufferIsEnlargedOnceARun) {
-    runChecks({11, 100, 200});
-    EXPECT_EQ(1, enlargements());
-    EXPECT_EQ(1, linesWith("increased"));
-    ASSERT_EQ(0, source->uafStart());
-    forget();
-    runChecks({11});
-    EXPECT_EQ(1, enlargements());
-}
-
-TEST_F(UafSrcEnlargeTest, StorageThatIsRefusedIsReportedAndNotTriedAgain) {
-    storageResult = 3;
-    runChecks({11, 100});
-    EXPECT_EQ(1, enlargements());
-    EXPECT_EQ(0, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(error("SSRS_SetQBuff error: 3\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
-    EXPECT_EQ(UAFCH_RUNNING, source->state);
-}
-
-TEST_F(UafSrcEnlargeTest, ARangeThatIsRefusedIsReportedAndNotTriedAgain) {
-    depthResult = 4;
-    runChecks({11, 100});
-    EXPECT_EQ(1, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(error("SSRS_SetQDepth error: 4\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
-    EXPECT_EQ(UAFCH_RUNNING, source->state);
-}
-
-// The real frame buffer: three frames read for each block starve it once.
-TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
-    for (const int starvations : {10, 11}) {
-        fake_ssrs::reset();
-        SSRS_Ctx* context = nullptr;
-        int32_t storage = 0;
-        fake_ssrs::hooks().write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
-            context = ctx;
-            return fake_ssrs::real::write(ctx, data, n);
-        };
-        source->uafStop();
-        ASSERT_EQ(0, source->uafStart());
-        forget();
-        int blocksRead = 0;
-        onRead = [&](int16_t*, size_t size) {
-            int16_t frame[FRAME_SAMPLES];
-            const int frames = blocksRead == 0 ? 0 : blocksRead <= starvations ? 3 : 2;
-            for (int i = 0; i < frames; ++i) {
-                fake_ssrs::real::read(context, frame);
-            }
-            ++blocksRead;
-            storage = context != nullptr ? context->qBuffLen : 0;
-            return static_cast<ssize_t>(size);
-        };
-        runBlocks(102);
-        EXPECT_EQ(starvations == 11 ? 1920 : 960, storage);
-        EXPECT_EQ(starvations == 11 ? 1 : 0, linesWith("increased ssrs queue depth\n"));
-        EXPECT_EQ(1, linesWith("buffer loopcnt 100, Depth"));
-    }
 }
 
 }  // namespace
