@@ -19,4 +19,11 @@ class BoardCase : public testing::Test, public board::Board {
         std::replace(name.begin(), name.end(), '/', '.');
         return name;
     }
+
+    // Both streams run when it returns.
+    void bothOn() {
+        host.command("speaker on");
+        host.command("mic on");
+        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    }
 };

@@ -29,11 +29,6 @@ class Faults : public BoardCase {
     void killTheApp() { victim_->kill(); }
     void restartTheApp() { app = std::make_unique<App>(); }
 
-    void bothOn() {
-        host.command("speaker on");
-        host.command("mic on");
-        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
-    }
     void bothOff() {
         host.command("speaker off");
         host.command("mic off");

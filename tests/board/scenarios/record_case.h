@@ -50,11 +50,6 @@ class RecordCase : public BoardCase {
     // Messages that have left the daemon's queue unsent, because others came faster.
     int overwritten() { return said("queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x#>"); }
 
-    void bothOn() {
-        host.command("speaker on");
-        host.command("mic on");
-        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
-    }
     void bothOff() {
         host.command("speaker off");
         host.command("mic off");
