@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <time.h>
 
 #include <android/log.h>
@@ -88,21 +87,21 @@ int UafCh::setDevName(const char* newFifoName, const char* newPcmName) {
 }
 
 int UafCh::intfUpdate(bool on) {
-    fifoOpening.releaseIfReplaced();
+    fifo.lookAgain();
     if (!beginUpdate(on)) {
         return -1;
     }
     return updateAndUnlock(on, pthread_mutex_lock(&intfMutex));
 }
 
-int UafCh::requestStop(const std::atomic<bool>& toldToStop) {
+int UafCh::requestStop() {
     constexpr long retryMs = 1;
     if (!beginUpdate(false)) {
         return -1;
     }
     int lockResult = pthread_mutex_trylock(&intfMutex);
     while (lockResult == EBUSY) {
-        if (toldToStop.load(std::memory_order_acquire)) {
+        if (fifo.waitsEnded()) {
             return 0;
         }
         sleepMs(retryMs);
@@ -289,21 +288,6 @@ void UafCh::adjCh(int16_t* buf, int inCh, int outCh, int frames) {
 
 void UafCh::pauseForTimeout() {
     sleepMs(WAIT_TIMEOUT_MS);
-}
-
-bool UafCh::openFifo(int flags, size_t blockBytes, const char* tag) {
-    const char* const name = fifoName.load();
-    fifoFd = name == nullptr ? -1 : fifoOpening.open(name, flags);
-    if (fifoFd < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, tag, "failed to open %s\n",
-                            DevName::printable(name));
-        return false;
-    }
-    fcntl(fifoFd, F_SETPIPE_SZ, static_cast<int>(blockBytes));
-    const int capacity = fcntl(fifoFd, F_GETPIPE_SZ);
-    fifoIsPipe = capacity >= 0;
-    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", name, capacity);
-    return true;
 }
 
 int UafCh::recoverPcm(int err, const char* tag) {

@@ -12,8 +12,8 @@
 
 #include <alsa/asoundlib.h>
 
+#include "channel/app_fifo.h"
 #include "channel/dev_name.h"
-#include "channel/fifo_opening.h"
 
 // One audio stream's fixed shape, shared by both channels.
 constexpr unsigned SAMPLE_RATE_HZ = 48000;
@@ -54,6 +54,8 @@ class UafCh {
 
     // The state machine of on and off requests. Any thread but the source's buffer thread. Returns
     // 0, or -1 when a name is unset, the stream did not start, or its thread could not be created.
+    // A thread of the channel that waits for the app to open the FIFO looks at its path again. The
+    // app itself is never waited for.
     int intfUpdate(bool on);
 
     // The worker thread's entry: runs uafLoop of `channel`.
@@ -76,9 +78,9 @@ class UafCh {
 
   protected:
     // intfUpdate(false) for a thread that a stop joins while it holds intfMutex: never waits for
-    // the lock, and gives up with 0 once `toldToStop` is set. An off is without effect in every
-    // state in which that can happen.
-    int requestStop(const std::atomic<bool>& toldToStop);
+    // the lock, and gives up with 0 once the stop has ended the FIFO's waits. An off is without
+    // effect in every state in which that can happen.
+    int requestStop();
 
     // Brackets the life of every thread that reads the names: while one lives, no copy is freed.
     void holdDevNames() { nameReaders.fetch_add(1, std::memory_order_relaxed); }
@@ -87,11 +89,6 @@ class UafCh {
     // Takes as long as a wait that times out, for what fails at once and would otherwise let a
     // real-time thread spin.
     static void pauseForTimeout();
-
-    // Opens fifoName into fifoFd, which blocks until the app holds the other end, asks for a pipe
-    // capacity of `blockBytes` and sets fifoIsPipe. False when it does not open. Logs under `tag`:
-    // "failed to open %s\n" (error), "%s opened buffer size %d\n" (debug).
-    bool openFifo(int flags, size_t blockBytes, const char* tag);
 
     // xrun_recovery of the PCM, with its result. Logs under `tag`, error level:
     // "ALSA xrun recovery failed (%s)\n".
@@ -107,11 +104,9 @@ class UafCh {
     bool joinPending = false;               // a finished worker waits to be joined; intfMutex
     std::atomic<uint32_t> stopDelayCnt{0};  // isRunning calls since the off request
     snd_pcm_t* pcmHandle = nullptr;         // null when closed
-    int fifoFd = -1;                        // -1 when closed
-    bool fifoIsPipe = false;                // what is open is a pipe, whose reads wait
     DevName pcmName;                        // ALSA device name
     DevName fifoName;                       // path of the channel's FIFO
-    FifoOpening fifoOpening;                // lets a thread out that waits on a deleted FIFO
+    AppFifo fifo;                           // used by the thread that moves sound through it
     snd_pcm_status_t* pcmStatus = nullptr;  // allocated by uafStart, kept until destruction
     int pcmStallCnt = 0;                    // consecutive waits that found the PCM not ready
     int availChkCnt = 0;                    // ready periods since the sink's backlog check

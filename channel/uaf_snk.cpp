@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <new>
 #include <signal.h>
-#include <unistd.h>
 
 #include <android/log.h>
 
@@ -120,9 +119,8 @@ int UafSnk::uafStop() {
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
                             DevName::printable(pcmName.load()));
     }
-    if (fifoFd >= 1) {
-        close(fifoFd);
-        fifoFd = -1;
+    if (fifo.isOpen()) {
+        fifo.close();
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
                             DevName::printable(fifoName.load()));
     }
@@ -255,18 +253,17 @@ int UafSnk::sndRead() {
 // period is lost and the next write opens the FIFO anew; -1 when the FIFO cannot be opened.
 int UafSnk::fifoWrite() {
     // The open waits until the app opens the FIFO for reading; nothing is captured meanwhile.
-    if (fifoFd <= 0 && !openFifo(O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.open(fifoName.load(), O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
         return -1;
     }
-    const int rc = static_cast<int>(write(fifoFd, pcmBuf.get(), FIFO_BLOCK_BYTES));
+    const int rc = static_cast<int>(fifo.write(pcmBuf.get(), FIFO_BLOCK_BYTES));
     if (rc == static_cast<int>(FIFO_BLOCK_BYTES)) {
         return rc;
     }
     __android_log_print(
         ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to write rc=%d, expect %d\n",
         DevName::printable(fifoName.load()), rc, static_cast<int>(FIFO_BLOCK_BYTES));
-    close(fifoFd);
-    fifoFd = -1;
+    fifo.close();
     return 0;
 }
 

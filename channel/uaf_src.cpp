@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <new>
 #include <sched.h>
-#include <unistd.h>
 
 #include <android/log.h>
 
@@ -54,9 +53,8 @@ UafSrc::UafSrc() : UafCh(USB_AUDIO_MSG_MIC_STATE) {
 }
 
 UafSrc::~UafSrc() {
-    if (fifoFd >= 1) {
-        close(fifoFd);
-        fifoFd = -1;
+    if (fifo.isOpen()) {
+        fifo.close();
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "destruct, closing %s\n",
                             DevName::printable(fifoName.load()));
     }
@@ -149,11 +147,12 @@ bool UafSrc::startBufferThread() {
     if (bufferThreadJoinable || fifoName.load() == nullptr) {
         return true;
     }
-    bufferStopRequested.store(false, std::memory_order_relaxed);
-    fifoOpening.allow();
+    fifo.allowWaits();
+    bufferThreadRunning.store(1, std::memory_order_relaxed);
     holdDevNames();
     if (createRtThread(&bufferThread, UafSrcBufferThread, this, LOG_TAG) != 0) {
         const int createErrno = errno;
+        bufferThreadRunning.store(0, std::memory_order_relaxed);
         releaseDevNames();
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_create: <%d:%s>\n", createErrno,
                             strerror(createErrno));
@@ -190,11 +189,8 @@ int UafSrc::openPcm() {
 int UafSrc::uafStop() {
     if (bufferThreadJoinable) {
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stopping buffer thread\n");
-        bufferThreadRunning.store(0, std::memory_order_relaxed);
-        bufferStopRequested.store(true, std::memory_order_release);
-        fifoOpening.abandon();
+        fifo.endWaits(bufferThread, bufferThreadRunning);
         pthread_join(bufferThread, nullptr);
-        bufferThreadRunning.store(0, std::memory_order_relaxed);  // it may have marked itself since
         bufferThreadJoinable = false;
         releaseDevNames();
     }
@@ -219,10 +215,9 @@ void* UafSrc::UafSrcBufferThread(void* channel) {
 
 void UafSrc::bufferLoop() {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "enter buffer loop\n");
-    bufferThreadRunning.store(1, std::memory_order_relaxed);
     BufferRun run;
     bool ssrsLocked = false;
-    while (keepBuffering()) {
+    while (!fifo.waitsEnded()) {
         if (bufferPass(run, ssrsLocked)) {
             if (run.loopcnt % LOG_PASSES == 0) {
                 __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "buffer loopcnt %d, fifoRead %d\n",
@@ -231,24 +226,24 @@ void UafSrc::bufferLoop() {
             ++run.loopcnt;
             continue;
         }
-        requestStop(bufferStopRequested);
+        if (fifo.wasLetOut()) {
+            break;
+        }
+        requestStop();
         if (ssrsLocked) {
             pthread_mutex_unlock(&ssrsMutex);
             ssrsLocked = false;
         }
         endFailedBufferPass();
     }
+    bufferThreadRunning.store(0, std::memory_order_release);
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit buffer loop, loopcnt=%d, fifoRead %d\n",
                         static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
 }
 
-bool UafSrc::keepBuffering() const {
-    return bufferThreadRunning.load(std::memory_order_relaxed) == 1 &&
-           !bufferStopRequested.load(std::memory_order_acquire);
-}
-
-// One block from the FIFO into the frame buffer. False on any failure; `ssrsLocked` is then true
-// when the frame buffer failed, and stays locked until the stop has been requested.
+// One block from the FIFO into the frame buffer. False on any failure, and when the stop has let
+// this thread out of the FIFO. `ssrsLocked` becomes true when the frame buffer failed: ssrsMutex
+// then stays locked until the stop has been requested.
 bool UafSrc::bufferPass(BufferRun& run, bool& ssrsLocked) {
     const int bytes = fifoRead();
     if (bytes < 0) {
@@ -316,25 +311,25 @@ void UafSrc::endFailedBufferPass() {
 }
 
 // One read of up to FIFO_BLOCK_BYTES into fifoBuf. A short read is not completed: the rest of the
-// block keeps what the read before left there. Returns the bytes, 0 at end of file, or -1.
+// block keeps what the read before left there. Returns the bytes, 0 at end of file, or -1; nothing
+// is logged or closed when the stop has ended the wait.
 int UafSrc::fifoRead() {
     // The open waits until the app opens the FIFO for writing.
-    if (fifoFd < 1 && !openFifo(O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.open(fifoName.load(), O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
         return -1;
     }
-    if (!fifoIsPipe) {
+    if (!fifo.isPipe()) {
         pauseForTimeout();  // what is in the FIFO's place may never make a read wait
     }
-    const int rc = static_cast<int>(read(fifoFd, fifoBuf.get(), FIFO_BLOCK_BYTES));
-    if (rc > 0) {
+    const int rc = static_cast<int>(fifo.read(fifoBuf.get(), FIFO_BLOCK_BYTES));
+    if (rc > 0 || fifo.wasLetOut()) {
         return rc;
     }
     memset(fifoBuf.get(), 0, FIFO_BLOCK_BYTES);
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to read rc=%d, expect %d\n",
                         DevName::printable(fifoName.load()), rc,
                         static_cast<int>(FIFO_BLOCK_BYTES));
-    close(fifoFd);
-    fifoFd = -1;
+    fifo.close();
     return rc;
 }
 

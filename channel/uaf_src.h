@@ -26,7 +26,8 @@ class UafSrc : public UafCh {
     // the PCM and the buffer thread as they are: the next start goes on with the thread and closes
     // the PCM.
     int uafStart() override;
-    // Joins the buffer thread, which may wait in the FIFO until the app writes to it or closes it.
+    // Ends the buffer thread, whatever the app does with the FIFO that it waits in, and joins it.
+    // The FIFO stays open for the next start.
     int uafStop() override;
 
   private:
@@ -46,7 +47,6 @@ class UafSrc : public UafCh {
     int openPcm();
 
     void bufferLoop();
-    bool keepBuffering() const;
     bool bufferPass(BufferRun& run, bool& ssrsLocked);
     void checkUnderruns(BufferRun& run);
     void enlargeFrameBuffer();
@@ -58,11 +58,10 @@ class UafSrc : public UafCh {
     int sndWrite(const int16_t* buf);
 
     pthread_t bufferThread{};
-    bool bufferThreadJoinable = false;            // created and not yet joined; intfMutex
-    std::atomic<int32_t> bufferThreadRunning{0};  // 1 while it should run; set by the thread itself
-    // A stop that comes before the thread has marked itself running must not be lost. Release and
-    // acquire: what the stop wrote before is seen by the thread that it ends.
-    std::atomic<bool> bufferStopRequested{false};
+    bool bufferThreadJoinable = false;  // created and not yet joined; intfMutex
+    // 1 from its creation until it has left its loop. Set by its creator: a stop may come before
+    // the thread has run.
+    std::atomic<int32_t> bufferThreadRunning{0};
     std::unique_ptr<int16_t[]> fifoBuf;     // one FIFO block, 480 x 2, reduced in place to 480 x 1
     std::unique_ptr<int16_t[]> pcmBuf;      // one frame on its way to the PCM
     std::unique_ptr<int16_t[]> silenceBuf;  // a silent period

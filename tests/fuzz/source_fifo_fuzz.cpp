@@ -1,6 +1,7 @@
 // What the companion app may do with the FIFO that the source reads: pieces of every size, a closed
-// end, errors, a FIFO that does not open; and a frame buffer that refuses. Every block that reaches
-// the frame buffer must be the left channel of the bytes read, over what earlier reads left there.
+// end, errors, a FIFO that does not open; signals, with and without a stop; and a frame buffer that
+// refuses. Every block that reaches the frame buffer must be the left channel of the bytes read,
+// over what earlier reads left there.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -21,7 +22,6 @@ namespace {
 using fuzz::require;
 
 constexpr char FIFO[] = "/nowhere/fifo";  // nothing real may stand there
-constexpr int FOUND_FD = 76;
 constexpr int FIFO_FD = 77;
 constexpr size_t BLOCK_BYTES = 1920;
 constexpr size_t BLOCK_FRAMES = 480;
@@ -60,7 +60,7 @@ class SourceRun {
         };
         hooks.pthread_join = [](pthread_t, void**) { return 0; };
         hooks.nanosleep = [](const timespec*, timespec*) { return 0; };
-        hooks.openat = [this](int, const char* path, int) { return find(path); };
+        hooks.pthread_kill = [](pthread_t, int) { return ESRCH; };
         hooks.open = [this](const char* path, int flags) { return open(path, flags); };
         hooks.fcntl = [](int, int command, long size) {
             require(command == F_GETPIPE_SZ || size == BLOCK_BYTES, "a block's capacity is wanted");
@@ -68,8 +68,8 @@ class SourceRun {
         };
         hooks.read = [this](int fd, void* data, size_t room) { return read(fd, data, room); };
         hooks.close = [this](int fd) {
-            require(fd == openFd || fd == FOUND_FD, "only what is open is closed");
-            openFd = fd == openFd ? -1 : openFd;
+            require(fd == openFd, "only what is open is closed");
+            openFd = -1;
             return 0;
         };
         fake_ssrs::hooks().write = [this](SSRS_Ctx*, const int16_t* samples, int32_t n) {
@@ -94,36 +94,33 @@ class SourceRun {
     }
 
   private:
-    // The FIFO's name is looked at first, and what it leads to is opened then.
-    int find(const std::string& path) {
-        require(path == FIFO && openFd < 1, "the closed FIFO is looked for");
-        openAnswer = input.byte();
-        return openAnswer >= 248 ? failOpen() : FOUND_FD;
-    }
-
     int open(const std::string& path, int flags) {
-        require(path == "/proc/self/fd/76" && flags == O_RDONLY, "it is opened for reading");
-        if (openAnswer >= 240) {
-            return failOpen();
+        require(path == FIFO && flags == O_RDONLY, "it is opened for reading");
+        require(openFd < 1, "what is open is not opened");
+        const uint8_t how = input.byte();
+        openFd = -1;
+        if (how >= 240 && fuzz::errorOf(how) == EINTR) {
+            return interrupt();
+        }
+        if (how >= 240) {
+            errno = fuzz::errorOf(how);
+            expected.push_back(error("failed to open /nowhere/fifo\n"));
+            return -1;
         }
         expected.push_back(debug("/nowhere/fifo opened buffer size 4096\n"));
-        openFd = openAnswer >= 224 ? 0 : FIFO_FD;  // 0 counts as closed, but for the read then
+        openFd = how >= 224 ? 0 : FIFO_FD;  // 0 counts as closed, but for the read then
         justOpened = true;
         return openFd;
-    }
-
-    int failOpen() {
-        errno = fuzz::errorOf(openAnswer);
-        expected.push_back(error("failed to open /nowhere/fifo\n"));
-        openFd = -1;
-        return -1;
     }
 
     ssize_t read(int fd, void* data, size_t room) {
         require(fd == openFd && room == BLOCK_BYTES && !blockDue, "a block is read");
         require(openFd >= 1 || justOpened, "descriptor 0 is opened anew");
-        justOpened = false;
         const uint8_t how = input.byte();
+        if (how >= 232 && fuzz::errorOf(how) == EINTR) {
+            return interrupt();
+        }
+        justOpened = false;
         const ssize_t size = how < 208 ? static_cast<ssize_t>(pieceOf(how)) : how < 232 ? 0 : -1;
         blockDue = size >= 0;
         total += static_cast<size_t>(std::max<ssize_t>(size, 0));
@@ -138,6 +135,20 @@ class SourceRun {
                                  std::to_string(size) + ", expect 1920\n"));
         std::fill(block.begin(), block.end(), int16_t{0});
         return size;
+    }
+
+    // By a signal: the last one is a stop's, any other has no effect.
+    int interrupt() {
+        if (input.empty()) {
+            stop();
+        }
+        errno = EINTR;
+        return -1;
+    }
+
+    void stop() {
+        expected.push_back(debug("stopping buffer thread\n"));
+        source.uafStop();
     }
 
     // A whole block, or the few bytes at either end of the scale, or any number.
@@ -161,8 +172,7 @@ class SourceRun {
         const uint8_t how = input.byte();
         const int32_t result = how >= 240 ? SSRS_BAD_PARAMETER : how >= 200 ? SSRS_QUEUE_FULL : 0;
         if (input.empty()) {
-            expected.push_back(debug("stopping buffer thread\n"));
-            source.uafStop();
+            stop();
         }
         finishPass(result);
         return result;
@@ -196,7 +206,6 @@ class SourceRun {
     bool blockDue = false;
     int openFd = -1;
     bool justOpened = false;
-    uint8_t openAnswer = 0;
     int passes = 0;
     size_t total = 0;
     size_t reads = 0;

@@ -141,13 +141,6 @@ void installFiles() {
         const ToOrder blind;
         return real::open(Mapped(path).path(), flags);
     };
-    hooks().openat = [](int folder, const char* path, int flags) {
-        const ToOrder blind;
-        return real::openat(folder, Mapped(path).path(), flags);
-    };
-    hooks().stat = [](const char* path, struct stat* found) {
-        return real::stat(Mapped(path).path(), found);
-    };
     hooks().unlink = [](const char* path) { return real::unlink(Mapped(path).path()); };
     hooks().fopen = [](const char* path, const char* mode) {
         return real::fopen(Mapped(path).path(), mode);

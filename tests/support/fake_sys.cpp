@@ -1,16 +1,10 @@
 #include "tests/support/fake_sys.h"
 
 #include <cstdarg>
-#include <fcntl.h>
-#include <map>
-#include <mutex>
-#include <string>
 
 // The real calls, under the names that the linker gives them.
 extern "C" {
 int __real_open(const char* path, int flags, ...);
-int __real_openat(int folder, const char* path, int flags, ...);
-int __real_stat(const char* path, struct stat* found);
 int __real_fcntl(int fd, int command, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_close(int fd);
@@ -18,7 +12,6 @@ ssize_t __real_read(int fd, void* buf, size_t count);
 ssize_t __real_write(int fd, const void* buf, size_t count);
 int __real_mknod(const char* path, mode_t mode, dev_t device);
 int __real_unlink(const char* path);
-int __real_fstat(int fd, struct stat* result);
 int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr* address, socklen_t length);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
@@ -42,6 +35,7 @@ void __real_free(void* memory);
 int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t id, void** result);
+int __real_pthread_kill(pthread_t id, int number);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
@@ -72,12 +66,6 @@ int open(const char* path, int flags) {
     constexpr mode_t createMode = 0600;
     return __real_open(path, flags, createMode);
 }
-int openat(int folder, const char* path, int flags) {
-    return __real_openat(folder, path, flags);
-}
-int stat(const char* path, struct stat* found) {
-    return __real_stat(path, found);
-}
 int fcntl(int fd, int command, long argument) {
     return __real_fcntl(fd, command, argument);
 }
@@ -101,9 +89,6 @@ int mknod(const char* path, mode_t mode, dev_t device) {
 }
 int unlink(const char* path) {
     return __real_unlink(path);
-}
-int fstat(int fd, struct stat* result) {
-    return __real_fstat(fd, result);
 }
 int socket(int domain, int type, int protocol) {
     return __real_socket(domain, type, protocol);
@@ -163,6 +148,9 @@ void free(void* memory) {
 int pthread_join(pthread_t id, void** result) {
     return __real_pthread_join(id, result);
 }
+int pthread_kill(pthread_t id, int number) {
+    return __real_pthread_kill(id, number);
+}
 int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     return __real_pthread_mutex_init(mutex, attributes);
 }
@@ -200,64 +188,12 @@ int pthread_attr_destroy(pthread_attr_t* attributes) {
 using fake_sys::hooks;
 namespace real = fake_sys::real;
 
-namespace {
-
-// What O_PATH handles were opened as, by number, for the hook of open.
-class Handles {
-  public:
-    int open(const char* path) {
-        int fd = real::openat(AT_FDCWD, path, O_PATH | O_CLOEXEC);
-        if (fd < 0) {
-            fd = real::openat(AT_FDCWD, "/", O_PATH | O_CLOEXEC);
-        }
-        const std::lock_guard<fake_sys::Mutex> guard(mutex);
-        names[linkOf(fd)] = path;
-        return fd;
-    }
-    // Whether it was one.
-    bool close(int fd) {
-        const std::lock_guard<fake_sys::Mutex> guard(mutex);
-        return names.erase(linkOf(fd)) != 0 && real::close(fd) == 0;
-    }
-    // The name behind a handle's link; any other path itself.
-    std::string nameOf(const char* path) {
-        const std::lock_guard<fake_sys::Mutex> guard(mutex);
-        const auto found = names.find(path);
-        return found != names.end() ? found->second : path;
-    }
-
-  private:
-    static std::string linkOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
-
-    fake_sys::Mutex mutex;
-    std::map<std::string, std::string> names;
-};
-
-Handles& handles() {
-    static auto* const all = new Handles;
-    return *all;
-}
-
-}  // namespace
-
 extern "C" {
 int __wrap_open(const char* path, int flags, ...) {
-    return hooks().open ? hooks().open(handles().nameOf(path).c_str(), flags)
-                        : real::open(path, flags);
-}
-int __wrap_openat(int folder, const char* path, int flags, ...) {
-    return hooks().openat                          ? hooks().openat(folder, path, flags)
-           : hooks().open && (flags & O_PATH) != 0 ? handles().open(path)
-                                                   : real::openat(folder, path, flags);
-}
-int __wrap_stat(const char* path, struct stat* found) {
-    return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
+    return hooks().open ? hooks().open(path, flags) : real::open(path, flags);
 }
 int __wrap_close(int fd) {
-    return handles().close(fd) ? 0 : hooks().close ? hooks().close(fd) : real::close(fd);
-}
-int __wrap_fstat(int fd, struct stat* result) {
-    return hooks().fstat ? hooks().fstat(fd, result) : real::fstat(fd, result);
+    return hooks().close ? hooks().close(fd) : real::close(fd);
 }
 ssize_t __wrap_read(int fd, void* buf, size_t count) {
     return hooks().read ? hooks().read(fd, buf, count) : real::read(fd, buf, count);
@@ -341,6 +277,9 @@ int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void*
 }
 int __wrap_pthread_join(pthread_t id, void** result) {
     return hooks().pthread_join ? hooks().pthread_join(id, result) : real::pthread_join(id, result);
+}
+int __wrap_pthread_kill(pthread_t id, int number) {
+    return hooks().pthread_kill ? hooks().pthread_kill(id, number) : real::pthread_kill(id, number);
 }
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     return hooks().pthread_mutex_init ? hooks().pthread_mutex_init(mutex, attributes)

@@ -15,7 +15,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "tests/support/tsan_blind.h"
@@ -24,14 +23,11 @@ namespace fake_sys {
 
 struct Hooks {
     std::function<int(const char*, int)> open;
-    std::function<int(int, const char*, int)> openat;
-    std::function<int(const char*, struct stat*)> stat;
     std::function<int(int)> close;
     std::function<ssize_t(int, void*, size_t)> read;
     std::function<ssize_t(int, const void*, size_t)> write;
     std::function<int(const char*, mode_t, dev_t)> mknod;
     std::function<int(const char*)> unlink;
-    std::function<int(int, struct stat*)> fstat;
     std::function<int(int, int, int)> socket;
     std::function<int(int, const sockaddr*, socklen_t)> bind;
     std::function<int(int, int, int, const void*, socklen_t)> setsockopt;
@@ -52,6 +48,7 @@ struct Hooks {
     std::function<void(void*)> free;
     std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
     std::function<int(pthread_t, void**)> pthread_join;
+    std::function<int(pthread_t, int)> pthread_kill;
     std::function<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
     std::function<int(pthread_mutex_t*)> pthread_mutex_lock;
     std::function<int(pthread_mutex_t*)> pthread_mutex_trylock;
@@ -67,9 +64,6 @@ struct Hooks {
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
 };
 
-// With the open hook alone, a file that is opened through an O_PATH handle of it appears to that
-// hook as one that is opened by its name, every name has a handle, and no hook sees it closed.
-
 // The hooks in force; reset() unsets them all.
 Hooks& hooks();
 void reset();
@@ -78,14 +72,11 @@ void reset();
 // keeps the rest: a test of the attributes hooks the call.
 namespace real {
 int open(const char* path, int flags);
-int openat(int folder, const char* path, int flags);
-int stat(const char* path, struct stat* found);
 int close(int fd);
 ssize_t read(int fd, void* buf, size_t count);
 ssize_t write(int fd, const void* buf, size_t count);
 int mknod(const char* path, mode_t mode, dev_t device);
 int unlink(const char* path);
-int fstat(int fd, struct stat* result);
 int socket(int domain, int type, int protocol);
 int bind(int fd, const sockaddr* address, socklen_t length);
 int setsockopt(int fd, int level, int name, const void* value, socklen_t length);
@@ -108,6 +99,7 @@ void free(void* memory);
 int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                    void* argument);
 int pthread_join(pthread_t id, void** result);
+int pthread_kill(pthread_t id, int number);
 int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int pthread_mutex_lock(pthread_mutex_t* mutex);
 int pthread_mutex_trylock(pthread_mutex_t* mutex);

@@ -81,6 +81,12 @@ void Test::hookThreads() {
         journal.push_back("join");
         return 0;
     };
+    // There is no thread behind the number.
+    fake_sys::hooks().pthread_kill = [this](pthread_t id, int) {
+        EXPECT_EQ(static_cast<pthread_t>(buffersCreated), id);
+        journal.push_back("signal");
+        return ESRCH;
+    };
     fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
         journal.push_back("sleep");
         sleptNs += pause->tv_sec * 1000000000L + pause->tv_nsec;
@@ -128,6 +134,11 @@ void Test::forget() {
         journal.push_back("message " + std::to_string(message.first) + "," +
                           std::to_string(message.second));
     };
+}
+
+void Test::openFifo() {
+    ASSERT_TRUE(source->fifo.open(FIFO, O_RDONLY, BLOCK_BYTES, "UAFSRC"));
+    forget();
 }
 
 void Test::runBufferThread() {

@@ -49,7 +49,7 @@ inline std::vector<fake_log::Line> ownLines() {
 class OpenSource : public UafSrc {
   public:
     using UafSrc::availChkCnt;
-    using UafSrc::fifoFd;
+    using UafSrc::fifo;
     using UafSrc::intfMutex;
     using UafSrc::pcmHandle;
     using UafSrc::pcmStallCnt;
@@ -65,6 +65,8 @@ class Test : public fake_alsa::Test {
     // Starts the channel, with the journal and the log empty afterwards.
     void start();
     void forget();
+    // As the buffer thread does.
+    void openFifo();
     void runBufferThread();
     void runWorker();
     // Ends the buffer loop after `passes` passes that reach the unlock.

@@ -35,7 +35,7 @@ class TestChannel : public UafCh {
     std::function<void()> onStop = [] {};
     std::function<void()> onLoop = [] {};
 
-    using UafCh::fifoFd;
+    using UafCh::fifo;
     using UafCh::fifoName;
     using UafCh::intfMutex;
     using UafCh::joinPending;
@@ -50,7 +50,6 @@ class TestChannel : public UafCh {
 
     using UafCh::holdDevNames;
     using UafCh::missedWait;
-    using UafCh::openFifo;
     using UafCh::pauseForTimeout;
     using UafCh::recoverPcm;
     using UafCh::releaseDevNames;

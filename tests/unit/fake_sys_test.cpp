@@ -23,17 +23,6 @@ TEST_F(FakeSysTest, HookReplacesTheCall) {
     EXPECT_EQ(EMFILE, errno);
 }
 
-TEST_F(FakeSysTest, HooksReplaceTheCallsThatLookAtPaths) {
-    fake_sys::hooks().openat = [](int folder, const char*, int) { return -folder; };
-    fake_sys::hooks().stat = [](const char* path, struct stat*) { return path[0]; };
-    struct stat found {};
-    EXPECT_EQ(-AT_FDCWD, openat(AT_FDCWD, "/dev/null", O_RDONLY));
-    EXPECT_EQ('/', stat("/dev/null", &found));
-    fake_sys::reset();
-    EXPECT_EQ(0, stat("/dev/null", &found));
-    EXPECT_TRUE(S_ISCHR(found.st_mode));
-}
-
 TEST_F(FakeSysTest, UnsetHookReachesTheRealCall) {
     const int fd = open("/dev/null", O_RDONLY);
     EXPECT_GE(fd, 0);

@@ -151,26 +151,27 @@ TEST_F(UafChStopTest, TheWorkersEntryRunsTheLoop) {
 
 TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
     start();
-    const std::atomic<bool> told{false};
-    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock", "unlock"));
     EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 1\n")));
 }
 
-TEST_F(UafChStopTest, ARequestedStopGivesUpOnceItsThreadIsToldToStop) {
+TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
     startAndSwitchOff();
     tryLockResult = EBUSY;
-    std::atomic<bool> told{false};
+    const std::atomic<int32_t> running{0};
     int pauses = 0;
     fake_sys::hooks().nanosleep = [&](const timespec* pause, timespec*) {
         EXPECT_EQ(0, pause->tv_sec);
         EXPECT_EQ(1000000, pause->tv_nsec);
-        told = ++pauses == 3;
+        if (++pauses == 3) {
+            channel.fifo.endWaits(pthread_self(), running);
+        }
         tryLockResult = pauses < 10 ? EBUSY : 0;
         return 0;
     };
-    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(3, pauses);
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, Not(Contains("lock")));
@@ -185,8 +186,7 @@ TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
         tryLockResult = 0;
         return 0;
     };
-    const std::atomic<bool> told{false};
-    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock", "trylock", "unlock"));
 }
@@ -194,8 +194,7 @@ TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
 TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
     start();
     tryLockResult = EINVAL;
-    const std::atomic<bool> told{false};
-    EXPECT_EQ(0, channel.requestStop(told));
+    EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock"));
     EXPECT_THAT(fake_log::lines(),
@@ -204,8 +203,7 @@ TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
 
 TEST_F(UafChStopTest, ARequestedStopNeedsTheNames) {
     channel.setDevName(nullptr, nullptr);
-    const std::atomic<bool> told{false};
-    EXPECT_EQ(-1, channel.requestStop(told));
+    EXPECT_EQ(-1, channel.requestStop());
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 3\n"),
                                                error("devName not set\n")));

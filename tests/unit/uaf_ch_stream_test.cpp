@@ -1,7 +1,6 @@
 // What the channel base gives its streams: messages about volume and mute, the conversion between
-// channel counts, the opening of a FIFO, and the answer to a wait that went wrong.
+// channel counts, and the answer to a wait that went wrong.
 #include <cerrno>
-#include <fcntl.h>
 #include <numeric>
 
 #include <gmock/gmock.h>
@@ -135,53 +134,6 @@ TEST_F(UafChStreamTest, OtherCountsAreReportedAndChangeNothing) {
     EXPECT_THAT(fake_log::lines(), ElementsAre(error("unsupported: inCh=2, outCh=3\n"),
                                                error("unsupported: inCh=1, outCh=3\n"),
                                                error("unsupported: inCh=0, outCh=1\n")));
-}
-
-// ---- FIFO --------------------------------------------------------------------------------------
-
-TEST_F(UafChStreamTest, OpensTheFifoAndReportsTheCapacityThatWasGranted) {
-    std::vector<std::string> calls;
-    fake_sys::hooks().open = [&](const char* path, int flags) {
-        calls.push_back(std::string(path) + " " + std::to_string(flags));
-        return 5;
-    };
-    fake_sys::hooks().fcntl = [&](int fd, int command, long argument) {
-        calls.push_back(
-            std::to_string(fd) + (command == F_SETPIPE_SZ ? " set " : " get ") +
-            (command == F_SETPIPE_SZ ? std::to_string(static_cast<int>(argument)) : ""));
-        return command == F_SETPIPE_SZ ? -1 : 4096;
-    };
-    EXPECT_TRUE(channel.openFifo(O_WRONLY, 960, "UAFTAG"));
-    EXPECT_EQ(5, channel.fifoFd);
-    EXPECT_THAT(calls, ElementsAre("/tmp/usbAudioFifoTx 1", "5 set 960", "5 get "));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debugUnder("/tmp/usbAudioFifoTx opened buffer size 4096\n")));
-}
-
-TEST_F(UafChStreamTest, AFifoThatDoesNotOpenKeepsTheFailedDescriptor) {
-    fake_sys::hooks().open = [](const char*, int) {
-        errno = ENOENT;
-        return -1;
-    };
-    fake_sys::hooks().fcntl = [](int, int, long) {
-        ADD_FAILURE() << "no descriptor to ask";
-        return -1;
-    };
-    channel.fifoFd = 0;
-    EXPECT_FALSE(channel.openFifo(O_RDONLY, 1920, "UAFTAG"));
-    EXPECT_EQ(-1, channel.fifoFd);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(errorUnder("failed to open /tmp/usbAudioFifoTx\n")));
-}
-
-TEST_F(UafChStreamTest, AnUnsetFifoNameFailsWithoutAnOpen) {
-    fake_sys::hooks().open = [](const char*, int) {
-        ADD_FAILURE() << "no path to open";
-        return -1;
-    };
-    channel.setDevName(nullptr, PCM);
-    EXPECT_FALSE(channel.openFifo(O_RDONLY, 1920, "UAFTAG"));
-    EXPECT_EQ(-1, channel.fifoFd);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(errorUnder("failed to open (null)\n")));
 }
 
 // ---- Waits and recovery ------------------------------------------------------------------------

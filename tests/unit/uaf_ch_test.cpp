@@ -30,7 +30,7 @@ TEST_F(UafChTest, StartsStoppedWithNothingOpen) {
     EXPECT_EQ(0U, fresh.stopDelayCnt);
     EXPECT_FALSE(fresh.joinPending);
     EXPECT_EQ(nullptr, fresh.pcmHandle);
-    EXPECT_EQ(-1, fresh.fifoFd);
+    EXPECT_FALSE(fresh.fifo.isOpen());
     EXPECT_EQ(nullptr, fresh.fifoName.load());
     EXPECT_EQ(nullptr, fresh.pcmName.load());
     EXPECT_EQ(nullptr, fresh.pcmStatus);

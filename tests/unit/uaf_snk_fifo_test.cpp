@@ -69,6 +69,19 @@ TEST_F(UafSnkFifoTest, WriteThatIsNotWholeClosesTheFifoAndLosesThePeriod) {
     }
 }
 
+TEST_F(UafSnkFifoTest, WriteThatASignalInterruptsIsMadeAgain) {
+    onWrite = [](int number) {
+        errno = EINTR;
+        return number == 2 ? -1 : 960;
+    };
+    run(4);
+    EXPECT_THAT(written, SizeIs(5));
+    EXPECT_EQ(written[1], written[2]);
+    EXPECT_THAT(events,
+                ElementsAre("open /tmp/usbAudioFifoRx 1", "set pipe 960", "get pipe", "close 77"));
+    EXPECT_EQ(debug("exit, loopcnt=4, pcmRead 960, fifoWrite 3840\n"), log().back());
+}
+
 TEST_F(UafSnkFifoTest, FifoWithoutANameFailsToOpen) {
     onWrite = [this](int) {
         snk->setDevName(nullptr, nullptr);

@@ -26,7 +26,7 @@ TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
     runBlocks(3);
     EXPECT_THAT(journal, AllOf(Contains("open /tmp/usbAudioFifoTx 0").Times(1),
                                Contains("capacity 1920").Times(1), Contains("write").Times(3)));
-    EXPECT_EQ(FIFO_FD, source->fifoFd);
+    EXPECT_TRUE(source->fifo.isOpen());
     const std::vector<fake_log::Line> lines = ownLines();
     EXPECT_THAT(lines, ElementsAre(debug("enter buffer loop\n"),
                                    debug("/tmp/usbAudioFifoTx opened buffer size 4096\n"),
@@ -167,6 +167,77 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
     EXPECT_THAT(blocks, ElementsAre(Each(0)));
 }
 
+// ---- Let out by the stop -----------------------------------------------------------------------
+
+TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
+    onRead = [this, reads = 0](int16_t*, size_t size) mutable {
+        if (++reads < 3) {
+            return static_cast<ssize_t>(size);
+        }
+        source->uafStop();
+        forget();
+        errno = EINTR;
+        return ssize_t{-1};
+    };
+    runBufferThread();
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+    EXPECT_TRUE(source->fifo.isOpen());
+    EXPECT_EQ(UAFCH_RUNNING, source->state);
+    EXPECT_THAT(blocks, SizeIs(2));
+    // The next run goes on with what is open.
+    ASSERT_EQ(0, source->uafStart());
+    forget();
+    onRead = [](int16_t*, size_t size) { return static_cast<ssize_t>(size); };
+    runBlocks(1);
+    EXPECT_EQ(0, count("open /tmp/usbAudioFifoTx 0"));
+    EXPECT_THAT(blocks, SizeIs(3));
+}
+
+TEST_F(UafSrcFifoTest, AnOpenThatTheStopEndsIsNoError) {
+    fake_sys::hooks().open = [this](const char*, int) {
+        source->uafStop();
+        forget();
+        errno = EINTR;
+        return -1;
+    };
+    runBufferThread();
+    EXPECT_THAT(journal, IsEmpty());
+    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+    EXPECT_FALSE(source->fifo.isOpen());
+    EXPECT_EQ(UAFCH_RUNNING, source->state);
+}
+
+TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
+    onRead = [reads = 0](int16_t*, size_t size) mutable {
+        errno = EINTR;
+        return ++reads % 2 == 1 ? ssize_t{-1} : static_cast<ssize_t>(size);
+    };
+    runBlocks(3);
+    EXPECT_EQ(1, count("open /tmp/usbAudioFifoTx 0"));
+    EXPECT_EQ(0, count("trylock intf"));
+    EXPECT_EQ(0, linesWith("closing"));
+    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
+}
+
+// Not what the stop ended: it is reported like any other.
+TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
+    onRead = [this](int16_t*, size_t) {
+        source->uafStop();
+        forget();
+        errno = EIO;
+        return ssize_t{-1};
+    };
+    runBufferThread();
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
+                                  "1920\n"),
+                            base(3, "intfUpdate to 0, current state 1\n"),
+                            debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+    EXPECT_FALSE(source->fifo.isOpen());
+}
+
 // ---- Into the frame buffer ---------------------------------------------------------------------
 
 TEST_F(UafSrcFifoTest, TheLockIsHeldAroundTheFrameBufferOnly) {
@@ -176,7 +247,8 @@ TEST_F(UafSrcFifoTest, TheLockIsHeldAroundTheFrameBufferOnly) {
     };
     runBlocks(1);
     journal.erase(journal.begin(), std::find(journal.begin(), journal.end(), "read"));
-    EXPECT_THAT(journal, ElementsAre("read", "lock ssrs", "write", "unlock ssrs", "join"));
+    EXPECT_THAT(journal,
+                ElementsAre("read", "lock ssrs", "write", "unlock ssrs", "signal", "join"));
 }
 
 TEST_F(UafSrcFifoTest, AFailedLockRequestsAStop) {
@@ -219,7 +291,7 @@ TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
                                         "unlock intf", "unlock ssrs", "yield"};
     std::vector<std::string> expected(pass);
     expected.insert(expected.end(), pass.begin(), pass.end());
-    expected.push_back("join");
+    expected.insert(expected.end(), {"signal", "join"});
     journal.erase(journal.begin(), std::find(journal.begin(), journal.end(), "lock ssrs"));
     EXPECT_EQ(expected, journal);
     EXPECT_EQ(UAFCH_STOPPING, source->state);

@@ -273,7 +273,7 @@ TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested)
             expected.push_back(entry);
         }
     }
-    for (const char* entry : {"lock intf", "join", "message 2,0", "unlock intf"}) {
+    for (const char* entry : {"lock intf", "signal", "join", "message 2,0", "unlock intf"}) {
         expected.push_back(entry);
     }
     EXPECT_EQ(expected, journal);

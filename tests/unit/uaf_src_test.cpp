@@ -26,7 +26,7 @@ using UafSrcTest = source_bench::Test;
 TEST_F(UafSrcTest, IsStoppedWithNothingOpenAtFirst) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     EXPECT_EQ(nullptr, source->pcmHandle);
-    EXPECT_EQ(-1, source->fifoFd);
+    EXPECT_FALSE(source->fifo.isOpen());
     EXPECT_EQ(0, source->pcmStallCnt);
     EXPECT_EQ(0, source->uafStop());
     EXPECT_THAT(journal, IsEmpty());
@@ -46,7 +46,7 @@ TEST_F(UafSrcTest, GoesOnWithoutTheFrameBuffersMutex) {
 
 TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
     start();
-    source->fifoFd = FIFO_FD;
+    openFifo();
     EXPECT_EQ(1, fake_alsa::statusObjects());
     source.reset();
     EXPECT_EQ(0, fake_alsa::statusObjects());
@@ -56,7 +56,8 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
 }
 
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
-    source->fifoFd = 0;
+    openResult = 0;
+    openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
     EXPECT_THAT(journal, IsEmpty());
@@ -64,7 +65,8 @@ TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
 }
 
 TEST_F(UafSrcTest, DestructionNamesAnUnsetFifo) {
-    source->fifoFd = 1;
+    openResult = 1;
+    openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
     EXPECT_THAT(fake_log::lines(), ElementsAre(debug("destruct, closing (null)\n")));
@@ -235,14 +237,14 @@ TEST_F(UafSrcTest, EachStartBuildsAFreshSmallFrameBuffer) {
 
 TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
     start();
-    source->fifoFd = FIFO_FD;
+    openFifo();
     EXPECT_EQ(0, source->uafStop());
-    EXPECT_THAT(journal, ElementsAre("join"));
+    EXPECT_THAT(journal, ElementsAre("signal", "join"));
     EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(debug("stopping buffer thread\n"), debug("stop, close hw:1\n")));
     EXPECT_EQ(nullptr, source->pcmHandle);
-    EXPECT_EQ(FIFO_FD, source->fifoFd);
+    EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(1, fake_alsa::statusObjects());
     forget();
     EXPECT_EQ(0, source->uafStop());

@@ -88,7 +88,7 @@ TEST_F(UafSrcThreadTest, AStartThatFindsThePcmOpenClosesAndStartsAfresh) {
     forget();
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_THAT(journal,
-                ElementsAre("lock intf", "join", "init", "frame 240", "storage 960",
+                ElementsAre("lock intf", "signal", "join", "init", "frame 240", "storage 960",
                             "depth 480-720", "create buffer", "snd_pcm_open(hw:1, PLAYBACK, 0)",
                             "message 2,1", "create worker", "unlock intf"));
     EXPECT_THAT(ownLines(), ElementsAre(error("start, audio still open, trying to close\n"),
@@ -162,7 +162,7 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
 TEST_F(UafSrcThreadTest, AStopBeforeTheThreadRanEndsItBeforeItsFirstPass) {
     start();
     source->uafStop();
-    EXPECT_THAT(journal, ElementsAre("join"));
+    EXPECT_THAT(journal, ElementsAre("signal", "join"));
     forget();
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());

@@ -1,0 +1,129 @@
+#include "channel/app_fifo.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <android/log.h>
+
+#include "channel/dev_name.h"
+
+namespace {
+
+// Nothing in the daemon asks for urgent data. A stray one does no harm even without the handler:
+// by default this signal is ignored.
+constexpr int LET_OUT_SIGNAL = SIGURG;
+
+// A signal that comes just before the wait begins is lost, so it is sent again after this long.
+constexpr timespec SIGNAL_INTERVAL{0, 1000000};
+
+void doNothing(int) {}
+
+}  // namespace
+
+AppFifo::AppFifo() {
+    struct sigaction action {};
+    action.sa_handler = doNothing;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: it would go on with the wait. The call cannot fail with these arguments.
+    sigaction(LET_OUT_SIGNAL, &action, nullptr);
+}
+
+bool AppFifo::open(const char* path, int flags, size_t blockBytes, const char* tag) {
+    descriptor = path == nullptr ? -1 : openPath(path, flags);
+    if (descriptor < 0) {
+        if (!letOut) {
+            __android_log_print(ANDROID_LOG_ERROR, tag, "failed to open %s\n",
+                                DevName::printable(path));
+        }
+        return false;
+    }
+    fcntl(descriptor, F_SETPIPE_SZ, static_cast<int>(blockBytes));
+    const int capacity = fcntl(descriptor, F_GETPIPE_SZ);
+    pipe = capacity >= 0;
+    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", path, capacity);
+    return true;
+}
+
+int AppFifo::openPath(const char* path, int flags) {
+    int opened;
+    bool again;
+    do {
+        beginLook();
+        opened = ::open(path, flags);
+        again = opened < 0 && wasInterrupted();
+        endLook();
+    } while (again);
+    return opened;
+}
+
+void AppFifo::beginLook() {
+    pthread_mutex_lock(&mutex);
+    looker = pthread_self();
+    looking = true;
+    ++looks;
+    pthread_mutex_unlock(&mutex);
+}
+
+void AppFifo::endLook() {
+    pthread_mutex_lock(&mutex);
+    looking = false;
+    pthread_mutex_unlock(&mutex);
+}
+
+// After a call that failed: whether a signal ended it and it is to be made again.
+bool AppFifo::wasInterrupted() {
+    if (errno != EINTR) {
+        return false;
+    }
+    letOut = waitsEnded();
+    return !letOut;
+}
+
+ssize_t AppFifo::read(void* block, size_t bytes) {
+    ssize_t result;
+    do {
+        result = ::read(descriptor, block, bytes);
+    } while (result < 0 && wasInterrupted());
+    return result;
+}
+
+ssize_t AppFifo::write(const void* block, size_t bytes) {
+    ssize_t result;
+    do {
+        result = ::write(descriptor, block, bytes);
+    } while (result < 0 && wasInterrupted());
+    return result;
+}
+
+void AppFifo::close() {
+    ::close(descriptor);
+    descriptor = -1;
+}
+
+void AppFifo::lookAgain() {
+    pthread_mutex_lock(&mutex);
+    const unsigned looksBefore = looks;
+    while (looking && looks == looksBefore) {
+        pthread_kill(looker, LET_OUT_SIGNAL);
+        pthread_mutex_unlock(&mutex);
+        nanosleep(&SIGNAL_INTERVAL, nullptr);
+        pthread_mutex_lock(&mutex);
+    }
+    pthread_mutex_unlock(&mutex);
+}
+
+void AppFifo::endWaits(pthread_t user, const std::atomic<int32_t>& userRunning) {
+    ended.store(true, std::memory_order_release);
+    while (userRunning.load(std::memory_order_acquire) != 0 &&
+           pthread_kill(user, LET_OUT_SIGNAL) == 0) {
+        nanosleep(&SIGNAL_INTERVAL, nullptr);
+    }
+}
+
+void AppFifo::allowWaits() {
+    letOut = false;
+    ended.store(false, std::memory_order_relaxed);
+}
