@@ -1,6 +1,8 @@
 #include "channel/uaf_ch.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <time.h>
 
@@ -277,9 +279,9 @@ void UafCh::adjCh(int16_t* buf, int inCh, int outCh, int frames) {
         return;
     }
     if (inCh == 2 && outCh == 1) {
-        toMono(buf, frames);
+        toMono(buf, std::max(frames, 0));
     } else if (inCh == 1 && outCh == 2) {
-        toStereo(buf, frames);
+        toStereo(buf, std::max(frames, 0));
     } else {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unsupported: inCh=%d, outCh=%d\n", inCh,
                             outCh);
@@ -310,7 +312,9 @@ int UafCh::missedWait(int waitResult, const char* tag) {
     if (pcmStallCnt == 0) {
         __android_log_print(ANDROID_LOG_DEBUG, tag, "timeout0, rc=%d\n", waitResult);
     }
-    ++pcmStallCnt;
+    if (pcmStallCnt < INT_MAX) {
+        ++pcmStallCnt;  // 248 days of a host that keeps its stream silent fill it
+    }
     if (waitResult < 0) {
         pauseForTimeout();  // a removed card fails every wait at once
     }

@@ -72,8 +72,8 @@ class UafCh {
     int setMute(bool mute, uint32_t type);
 
     // Converts `frames` interleaved frames in place between 1 and 2 channels; `buf` holds
-    // frames x max(inCh, outCh) samples. To mono the left sample is kept, without mixing. Any other
-    // pair of different counts is logged and changes nothing.
+    // frames x max(inCh, outCh) samples. To mono the left sample is kept, without mixing. Fewer
+    // than one frame changes nothing, nor does any other pair of different counts, which is logged.
     static void adjCh(int16_t* buf, int inCh, int outCh, int frames);
 
   protected:
@@ -95,10 +95,10 @@ class UafCh {
     int recoverPcm(int err, const char* tag);
 
     // What a pass returns whose snd_pcm_wait gave `waitResult` instead of 1: the result of an
-    // xrun's recovery, or 0 for a stall. Stalls are counted in pcmStallCnt and never stop the
-    // channel, whatever their code and however long they last: the other side has merely stopped.
-    // Logs under `tag`: "rc=%d\n" (error) after a failed recovery, "timeout0, rc=%d\n" (debug) on
-    // the first stall of a run.
+    // xrun's recovery, or 0 for a stall. Stalls are counted in pcmStallCnt, up to INT_MAX, and
+    // never stop the channel, whatever their code and however long they last: the other side has
+    // merely stopped. Logs under `tag`: "rc=%d\n" (error) after a failed recovery, and on the
+    // first stall of a run "timeout0, rc=%d\n" (debug).
     int missedWait(int waitResult, const char* tag);
 
     bool joinPending = false;               // a finished worker waits to be joined; intfMutex

@@ -1,6 +1,7 @@
 // What the channel base gives its streams: messages about volume and mute, the conversion between
 // channel counts, and the answer to a wait that went wrong.
 #include <cerrno>
+#include <climits>
 #include <numeric>
 
 #include <gmock/gmock.h>
@@ -107,7 +108,7 @@ TEST_F(UafChStreamTest, EveryLengthConvertsEachFrameAndNothingElse) {
 }
 
 TEST_F(UafChStreamTest, NoFramesChangeNothing) {
-    for (const int frames : {0, -1}) {
+    for (const int frames : {0, -1, INT_MIN + 16, INT_MIN}) {
         Samples samples{1, 2, 3, 4};
         UafCh::adjCh(samples.data(), 1, 2, frames);
         UafCh::adjCh(samples.data(), 2, 1, frames);
@@ -145,6 +146,14 @@ TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
     EXPECT_EQ(3, channel.pcmStallCnt);
     EXPECT_EQ(0, sleptNs);
     EXPECT_THAT(fake_log::lines(), ElementsAre(debugUnder("timeout0, rc=0\n")));
+}
+
+TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
+    channel.pcmStallCnt = INT_MAX - 1;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
+        EXPECT_EQ(INT_MAX, channel.pcmStallCnt);
+    }
 }
 
 TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
