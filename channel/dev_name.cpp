@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 DevName::~DevName() {
     freeAll(owned);
@@ -16,16 +15,16 @@ void DevName::set(const char* text) {
         replaced = owned;
         owned = nullptr;
     }
-    char* const copiedText = text != nullptr ? strdup(text) : nullptr;
-    if (copiedText == nullptr) {
+    if (text == nullptr) {
         return;
     }
-    owned = new (std::nothrow) Copy{copiedText, nullptr};
+    owned = takeBack(text);
     if (owned == nullptr) {
-        free(copiedText);
-        return;
+        owned = copyOf(text);
     }
-    current.store(copiedText, std::memory_order_release);
+    if (owned != nullptr) {
+        current.store(owned->text, std::memory_order_release);
+    }
 }
 
 void DevName::freeReplaced() {
@@ -33,11 +32,39 @@ void DevName::freeReplaced() {
     replaced = nullptr;
 }
 
+// A replaced copy of this text, out of the list, or null. A reader that still holds it sees no
+// difference, and names that come and go under a living thread take no more memory than their
+// texts.
+DevName::Copy* DevName::takeBack(const char* text) {
+    for (Copy** link = &replaced; *link != nullptr; link = &(*link)->next) {
+        Copy* const copy = *link;
+        if (strcmp(copy->text, text) == 0) {
+            *link = copy->next;
+            copy->next = nullptr;
+            return copy;
+        }
+    }
+    return nullptr;
+}
+
+DevName::Copy* DevName::copyOf(const char* text) {
+    auto* const copy = static_cast<Copy*>(malloc(sizeof(Copy)));
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    *copy = {strdup(text), nullptr};
+    if (copy->text == nullptr) {
+        free(copy);
+        return nullptr;
+    }
+    return copy;
+}
+
 void DevName::freeAll(Copy* copies) {
     while (copies != nullptr) {
         Copy* const next = copies->next;
         free(copies->text);
-        delete copies;
+        free(copies);
         copies = next;
     }
 }

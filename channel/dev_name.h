@@ -16,7 +16,8 @@ class DevName {
     const char* load() const { return current.load(std::memory_order_acquire); }
 
     // Event loop only. `set` keeps a copy of `text`; a null text, or a copy for which there is no
-    // memory, is an unset name. The copy that it replaces is kept aside.
+    // memory, is an unset name. The copy that it replaces is kept aside, and taken back when its
+    // text is set again.
     void set(const char* text);
 
     // Event loop only, when no thread of the channel can hold a replaced copy.
@@ -28,11 +29,13 @@ class DevName {
   private:
     struct Copy {
         char* text;
-        Copy* next;  // the copy replaced before this one
+        Copy* next;  // the next of the replaced copies
     };
+    Copy* takeBack(const char* text);
+    static Copy* copyOf(const char* text);
     static void freeAll(Copy* copies);
 
     std::atomic<const char*> current{nullptr};  // release/acquire: the text is complete when seen
     Copy* owned = nullptr;                      // behind `current`
-    Copy* replaced = nullptr;                   // newest first
+    Copy* replaced = nullptr;                   // of different texts
 };

@@ -8,17 +8,12 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/fake_new.h"
 #include "tests/support/fake_sys.h"
 
 namespace {
 
 class DevNameTest : public fake_sys::Test {
   protected:
-    void TearDown() override {
-        fake_new::reset();
-        fake_sys::Test::TearDown();
-    }
     DevName name;
 };
 
@@ -71,6 +66,34 @@ TEST_F(DevNameTest, FreeingTheReplacedKeepsTheCurrentCopy) {
     EXPECT_STREQ("second", name.load());
 }
 
+TEST_F(DevNameTest, AReplacedCopyOfTheTextIsTakenBack) {
+    name.set("hw:1");
+    const char* const first = name.load();
+    name.set("hw:10");
+    const char* const second = name.load();
+    EXPECT_STREQ("hw:10", second);
+    name.set("hw");
+    name.set("hw:1");
+    EXPECT_EQ(first, name.load());
+    name.set("hw:1");
+    EXPECT_EQ(first, name.load());
+    name.set(nullptr);
+    name.set("hw:10");
+    EXPECT_EQ(second, name.load());
+}
+
+TEST_F(DevNameTest, ACopyThatWasTakenBackIsNotFreedWithTheReplaced) {
+    name.set("hw:1");
+    name.set("hw:2");
+    name.set("hw:3");
+    name.set("hw:1");
+    name.freeReplaced();
+    EXPECT_STREQ("hw:1", name.load());
+    name.set("hw:2");
+    name.freeReplaced();
+    EXPECT_STREQ("hw:2", name.load());
+}
+
 TEST_F(DevNameTest, IsUnsetWhenTheTextCannotBeCopied) {
     name.set("hw:1");
     fake_sys::hooks().strdup = [](const char*) { return nullptr; };
@@ -83,9 +106,10 @@ TEST_F(DevNameTest, IsUnsetWhenTheTextCannotBeCopied) {
 
 TEST_F(DevNameTest, IsUnsetWhenTheCopyCannotBeKept) {
     name.set("hw:1");
-    fake_new::failAfter(0);
+    fake_sys::hooks().malloc = [](size_t) { return nullptr; };
     name.set("hw:2");
     EXPECT_EQ(nullptr, name.load());
+    fake_sys::reset();
     name.set("hw:3");
     EXPECT_STREQ("hw:3", name.load());
 }

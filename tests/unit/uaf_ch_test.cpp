@@ -90,6 +90,35 @@ TEST_F(UafChTest, ReplacedNamesAreFreedOnceNoThreadReadsThem) {
     EXPECT_TRUE(freed);
 }
 
+// A cable that comes and goes, or a control device whose reads fail behind a bind, may do this for
+// months while an app keeps the worker.
+TEST_F(UafChTest, AMillionBindsUnderALivingThreadTakeNoMemory) {
+    start();
+    int blocks = 0;
+    fake_sys::hooks().malloc = [&](size_t size) {
+        ++blocks;
+        return fake_sys::real::malloc(size);
+    };
+    fake_sys::hooks().strdup = [&](const char* text) {
+        ++blocks;
+        return fake_sys::real::strdup(text);
+    };
+    fake_sys::hooks().free = [&](void* memory) {
+        blocks -= memory != nullptr ? 1 : 0;
+        fake_sys::real::free(memory);
+    };
+    constexpr int binds = 1000000;
+    for (int i = 0; i < binds; ++i) {
+        channel.setDevName(FIFO, i % 4 == 0 ? "hw:2" : PCM);
+        if (i % 8 == 0) {
+            channel.setDevName(nullptr, nullptr);
+        }
+    }
+    EXPECT_EQ(2, blocks);  // the other card's name
+    EXPECT_STREQ(FIFO, channel.fifoName.load());
+    EXPECT_STREQ(PCM, channel.pcmName.load());
+}
+
 TEST_F(UafChTest, NamesAreFreedAtOnceAfterAStartWithoutAThread) {
     createResult = EAGAIN;
     EXPECT_EQ(-1, channel.intfUpdate(true));

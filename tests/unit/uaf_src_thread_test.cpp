@@ -1,6 +1,7 @@
 // The source channel's buffer thread: its creation, what a failed start leaves of it to the next
 // one, and a stop that comes before it has run.
 #include <cerrno>
+#include <cstring>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -141,7 +142,13 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
         freed.push_back(memory);
         fake_sys::real::free(memory);
     };
-    const auto replaceNames = [&] { source->setDevName("/tmp/fifo", "hw:2"); };
+    char fifo[] = "/tmp/fifo0";
+    char pcm[] = "hw:0";
+    const auto replaceNames = [&] {  // by others
+        ++fifo[strlen(fifo) - 1];
+        ++pcm[strlen(pcm) - 1];
+        source->setDevName(fifo, pcm);
+    };
     replaceNames();
     createResult = EAGAIN;
     EXPECT_EQ(0, source->uafStart());
@@ -152,7 +159,7 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     failStartAt("snd_pcm_open", 204);
     replaceNames();
     EXPECT_THAT(freed, Not(Contains(watched[2])));
-    EXPECT_STREQ("/tmp/fifo", watched[2]);
+    EXPECT_STREQ("/tmp/fifo2", watched[2]);
     EXPECT_EQ(0, source->uafStop());
     replaceNames();
     EXPECT_THAT(freed, IsSupersetOf({watched[2], watched[3], watched[4], watched[5]}));
