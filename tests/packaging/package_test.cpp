@@ -2,8 +2,10 @@
 // privileges, which does its main job, comes back when it dies, and goes when it is removed. The
 // cases are one story, in this order.
 #include <csignal>
+#include <sched.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +25,8 @@ using board::waitFor;
 
 constexpr char kController[] = "/run/properties/sys.usb.controller";
 constexpr char kConfig[] = "/run/properties/sys.usb.config";
+constexpr char kAgeing[] = "/etc/tmpfiles.d/tmp.conf";
+constexpr char kAbandoned[] = "/tmp/abandoned";
 
 std::string processFile(const std::string& name) {
     return "/proc/" + std::to_string(board::servicePid()) + "/" + name;
@@ -107,6 +111,40 @@ TEST(Package, ServesAnAppOfItsGroupAndComesBackWhenItDies) {
     EXPECT_TRUE(waitFor([&] { return app.messages() > messages; }, 10 * kSecond));
     EXPECT_NE(board::servicePid(), first);
     EXPECT_TRUE(streams(&app, &host));
+}
+
+void becomeSandboxedAppOfTheGroup() {
+    if (unshare(CLONE_NEWNET) != 0) {
+        board::fail("leaving the machine's network");
+    }
+    becomeAppOfTheGroup();
+}
+
+// /tmp is aged until a file that is younger than the sockets and the FIFOs has gone. The app's
+// socket is bound in a network namespace of its own, as the daemon's is: the ageing does not see
+// that they are in use.
+TEST(Package, KeepsSocketsAndFifosWhereTmpIsAged) {
+    board::Host host;
+    host.reset();
+    board::AppProcess app({}, becomeSandboxedAppOfTheGroup);
+    ASSERT_TRUE(streams(&app, &host));
+    // Whoever sends to a socket makes it young again.
+    const board::Message off{1, 0};
+    ASSERT_TRUE(waitFor([&] {
+        const std::vector<board::Message> told = app.messageValues(0);
+        return !told.empty() && told.back() == off;
+    }));
+    board::put(kAgeing, "d /tmp 1777 root root 1s");
+    board::put(kAbandoned, "");
+    EXPECT_TRUE(waitFor([] {
+        outputOf("systemd-tmpfiles --clean tmp.conf uafd.conf");
+        return !board::exists(kAbandoned);
+    }));
+    unlink(kAgeing);
+    for (const char* const path :
+         {board::kFifoRx, board::kFifoTx, board::kSocketRx, board::kSocketTx}) {
+        EXPECT_TRUE(board::exists(path)) << path;
+    }
 }
 
 TEST(Package, DoesTheMainJob) {
