@@ -2,7 +2,7 @@
 // 16 bits), and the host records a tone.
 #include <cmath>
 #include <cstdio>
-#include <uafd_companion.h>
+#include <uafd_companion.hpp>
 
 int main(int argc, char** argv) {
     uafd::Companion companion;

@@ -3,8 +3,7 @@
 #include <jni.h>
 #include <stdint.h>
 #include <string.h>
-
-#include "companion/lib/uafd_companion.h"
+#include <uafd_companion.h>
 
 #define COPIED_FRAMES 4096
 #define METHOD(type, name) JNIEXPORT type JNICALL Java_uafd_Companion_##name

@@ -1,16 +1,19 @@
 // Messages to and from the daemon: a datagram of two 32-bit words each.
+#define _POSIX_C_SOURCE 200809L
+
 #include <errno.h>
+#include <string.h>
 
 #include <sys/socket.h>
 
-#include "companion/lib/companion_state.h"
+#include "state.h"
 
 typedef struct message {
     uint32_t type;
     uint32_t data;
 } message;
 
-enum { SYNC_UP = 7 };  // the one type that is no event's
+enum { SYNC_UP = 7 };  // of the messages to the daemon the one that is no event's
 
 static int send_message(uafd_companion* companion, uint32_t type, uint32_t data) {
     const message sent = {type, data};
@@ -18,11 +21,11 @@ static int send_message(uafd_companion* companion, uint32_t type, uint32_t data)
         sendto(companion->socket, &sent, sizeof sent, 0, (const struct sockaddr*)&companion->daemon,
                sizeof companion->daemon);
     if (result >= 0) {
-        count(&companion->counts.messages_sent, 1);
+        uafd_private_count(companion, MESSAGES_SENT, 1);
         return 0;
     }
     const int error = errno;
-    count(&companion->counts.messages_failed, 1);
+    uafd_private_count(companion, MESSAGES_FAILED, 1);
     // Before its first start a daemon has no socket, after its end one that nobody is behind.
     return error == ENOENT ? -ECONNREFUSED : -error;
 }
@@ -45,25 +48,61 @@ static int32_t value_of(const message* received) {
     return volume ? (int16_t)(received->data & 0xFFFF) : received->data != 0;
 }
 
+// 1, 0 when there is none, or a negative errno.
+static int receive(uafd_companion* companion, message* received) {
+    for (;;) {
+        // Asks for the datagram's own size, so that one that is too long shows.
+        const ssize_t size = recv(companion->socket, received, sizeof *received, MSG_TRUNC);
+        if (size < 0 && errno != EINTR) {
+            return errno == EAGAIN ? 0 : -errno;
+        }
+        if (size == (ssize_t)sizeof *received && received->type <= UAFD_MIC_MUTE) {
+            return 1;
+        }
+        if (size >= 0) {
+            uafd_private_count(companion, DATAGRAMS_BAD, 1);
+        }
+    }
+}
+
+static int take_pending(uafd_companion* companion, uafd_event* event) {
+    const unsigned pending = atomic_load_explicit(&companion->pending_count, memory_order_relaxed);
+    if (pending == 0) {
+        return 0;
+    }
+    *event = companion->pending[0];
+    memmove(&companion->pending[0], &companion->pending[1], (pending - 1) * sizeof *event);
+    atomic_store_explicit(&companion->pending_count, pending - 1, memory_order_relaxed);
+    uafd_private_count(companion, EVENTS, 1);
+    return 1;
+}
+
+static int knows_daemon(const uafd_companion* companion) {
+    return atomic_load_explicit(&companion->daemon_known, memory_order_relaxed) != NO_DAEMON;
+}
+
+// All that a daemon has sent comes before its end. A message from one that is not known shows that
+// there is one, or was: what that one told does not hold any more.
 int uafd_companion_next_event(uafd_companion* companion, uafd_event* event) {
     if (!companion->bound) {
         return -EBADF;
     }
-    for (;;) {
+    while (!take_pending(companion, event)) {
         message received;
-        // Asks for the datagram's own size, so that one that is too long shows.
-        const ssize_t size = recv(companion->socket, &received, sizeof received, MSG_TRUNC);
-        if (size < 0 && errno != EINTR) {
-            return errno == EAGAIN ? 0 : -errno;
+        const int result = receive(companion, &received);
+        if (result < 0) {
+            return result;
         }
-        if (size == (ssize_t)sizeof received && received.type <= UAFD_MIC_MUTE) {
-            event->type = (uafd_event_type)received.type;
-            event->value = value_of(&received);
-            count(&companion->counts.events, 1);
-            return 1;
+        if (result == 0 || !knows_daemon(companion)) {
+            uafd_private_watch(companion);
         }
-        if (size >= 0) {
-            count(&companion->counts.datagrams_bad, 1);
+        if (result == 1 && knows_daemon(companion)) {
+            uafd_private_tell(companion, (uafd_event_type)received.type, value_of(&received));
+        } else if (result == 1) {
+            uafd_private_count(companion, DATAGRAMS_BAD, 1);
+        } else if (companion->pending_count == 0) {
+            return 0;
         }
     }
+    return 1;
 }

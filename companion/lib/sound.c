@@ -1,4 +1,6 @@
 // Frames from the speaker's FIFO, blocks into the microphone's.
+#define _POSIX_C_SOURCE 200809L
+
 #include <errno.h>
 #include <limits.h>
 #include <signal.h>
@@ -6,7 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "companion/lib/companion_state.h"
+#include "state.h"
 
 #define BLOCK_BYTES (UAFD_BLOCK_FRAMES * FRAME_BYTES)
 #define FRAMES_MAX ((size_t)INT_MAX / FRAME_BYTES)
@@ -42,7 +44,7 @@ int uafd_companion_read(uafd_companion* companion, int16_t* samples, size_t coun
     companion->partial_bytes = filled % FRAME_BYTES;
     memcpy(companion->partial, bytes + filled - companion->partial_bytes, companion->partial_bytes);
     const size_t frames = filled / FRAME_BYTES;
-    count(&companion->counts.frames_read, frames);
+    uafd_private_count(companion, FRAMES_READ, frames);
     return (int)frames;
 }
 
@@ -76,12 +78,11 @@ int uafd_companion_write(uafd_companion* companion, const int16_t* samples) {
     if (companion->mic < 0) {
         return -EBADF;
     }
-    uafd_counts* counts = &companion->counts;
     if (write_without_signal(companion->mic, samples, BLOCK_BYTES) >= 0) {
-        count(&counts->blocks_taken, 1);
+        uafd_private_count(companion, BLOCKS_TAKEN, 1);
         return 0;
     }
     const int error = errno;
-    count(error == EPIPE ? &counts->blocks_unread : &counts->blocks_refused, 1);
+    uafd_private_count(companion, error == EPIPE ? BLOCKS_UNREAD : BLOCKS_REFUSED, 1);
     return -error;
 }

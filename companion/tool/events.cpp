@@ -22,6 +22,7 @@ constexpr Words kWords[] = {
     {"microphone volume", {nullptr, nullptr}},
     {"speaker", {"sounds", "muted"}},
     {"microphone", {"sounds", "muted"}},
+    {"daemon", {"gone", "there"}},
 };
 
 void printTime() {

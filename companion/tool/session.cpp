@@ -35,8 +35,8 @@ int64_t nowNs() {
 
 const char* reasonOf(int result) {
     switch (-result) {
-        case EADDRINUSE:
-            return "another app has the daemon's messages";
+        case EBUSY:
+            return "another app has it";
         case EEXIST:
             return "something that is no FIFO has a FIFO's name";
         case ECONNREFUSED:

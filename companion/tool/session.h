@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <uafd_companion.h>
+#include <uafd_companion.hpp>
 
 constexpr int kBlockSamples = UAFD_CHANNELS * UAFD_BLOCK_FRAMES;
 constexpr double kBlockS = 0.01;
@@ -52,7 +52,7 @@ class Session {
 
     const std::string directory_;
     uafd::Companion companion_;
-    std::optional<int> told_[UAFD_MIC_MUTE + 1];
+    std::optional<int> told_[UAFD_DAEMON_STATE + 1];
     int blocksToAsking_ = 0;
     int askingsToPatience_ = 0;  // lost: it is said that no daemon answers
 };

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <uafd_companion.h>
+#include <uafd_companion.hpp>
 #include <vector>
 
 #include <gmock/gmock.h>

@@ -4,18 +4,34 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <uafd_companion.h>
+#include <uafd_companion.hpp>
 
 #include "tests/support/daemon_ends.h"
 #include "tests/support/fake_sys.h"
 
 class CompanionTest : public fake_sys::Test {
   protected:
+    using Event = std::pair<uafd_event_type, int>;
+
     int open(unsigned parts = UAFD_ALL) { return companion.open(parts, folder.path().c_str()); }
-    void openBoth() {
+    // Opens them beside a daemon, which is told of and asked for its states.
+    void openBesideDaemon(unsigned parts = UAFD_ALL) {
         daemon.bindSocket();
-        ASSERT_EQ(0, open());
+        ASSERT_EQ(0, open(parts));
+        takeEvents();
+        daemon.messages();
+    }
+    void openBoth() {
+        openBesideDaemon();
         ASSERT_TRUE(daemon.openFifos());
+    }
+    // All that there are.
+    std::vector<Event> takeEvents() {
+        std::vector<Event> events;
+        while (const auto event = companion.nextEvent()) {
+            events.emplace_back(event->type, event->value);
+        }
+        return events;
     }
     // What poll says of a descriptor at once.
     static int pollNow(int fd) {

@@ -101,7 +101,7 @@ TEST_F(CompanionOpenTest, SaysWhatIsWrongWithTheFolder) {
 }
 
 TEST_F(CompanionOpenTest, TakesOverASocketThatNobodyIsBoundTo) {
-    ASSERT_EQ(0, open());
+    openBesideDaemon();
     companion.close();
     EXPECT_TRUE(S_ISSOCK(statOf(daemon.path("UdsIpcRx")).st_mode));
     EXPECT_EQ(ECONNREFUSED, daemon.send(0, 1));
@@ -125,9 +125,9 @@ TEST_F(CompanionOpenTest, NeverLeavesTheSocketsNameWithoutAFile) {
 }
 
 TEST_F(CompanionOpenTest, LeavesTheSocketToTheAppThatHasIt) {
-    ASSERT_EQ(0, open());
+    openBesideDaemon(UAFD_EVENTS);
     uafd::Companion second;
-    EXPECT_EQ(-EADDRINUSE, second.open(UAFD_EVENTS, folder.path().c_str()));
+    EXPECT_EQ(-EBUSY, second.open(UAFD_EVENTS, folder.path().c_str()));
     EXPECT_EQ(0, daemon.send(0, 1));
     EXPECT_TRUE(companion.nextEvent());
     EXPECT_EQ(0, second.open(UAFD_SOUND, folder.path().c_str()));
@@ -144,11 +144,11 @@ TEST_F(CompanionOpenTest, LeavesTheSocketToAnAppThatIsConnected) {
     ASSERT_EQ(0, connect(companion.eventsFd(), reinterpret_cast<const sockaddr*>(&address),
                          sizeof address));
     uafd::Companion second;
-    EXPECT_EQ(-EADDRINUSE, second.open(UAFD_EVENTS, folder.path().c_str()));
+    EXPECT_EQ(-EBUSY, second.open(UAFD_EVENTS, folder.path().c_str()));
 }
 
 TEST_F(CompanionOpenTest, OpensAnewInPlaceOfWhatWasOpen) {
-    ASSERT_EQ(0, open());
+    openBesideDaemon();
     const int64_t before = openDescriptors();
     EXPECT_EQ(0, open());
     EXPECT_EQ(before, openDescriptors());
@@ -176,7 +176,7 @@ TEST_F(CompanionOpenTest, OpensNothingButWhatIsAskedFor) {
 TEST_F(CompanionOpenTest, ClosesEverything) {
     const int64_t before = openDescriptors();
     ASSERT_EQ(0, open());
-    EXPECT_EQ(before + 4, openDescriptors());
+    EXPECT_EQ(before + 6, openDescriptors());
     companion.close();
     EXPECT_EQ(before, openDescriptors());
     uafd_companion_close(nullptr);
@@ -296,7 +296,7 @@ TEST_F(CompanionWaitTest, SleepsUntilTheBlock) {
 
 TEST_F(CompanionWaitTest, SleepsUntilAnEventWithoutTheMicrophonesFifo) {
     companion.close();
-    ASSERT_EQ(0, open(UAFD_EVENTS));
+    openBesideDaemon(UAFD_EVENTS);
     std::atomic<int> tid{0};
     std::thread waiter([&] {
         tid = gettid();

@@ -16,9 +16,11 @@ public final class Companion implements AutoCloseable {
     /** Frames of a block, which is 10 ms: two samples each, left first. */
     public static final int BLOCK_FRAMES = 480;
 
-    /** Parts to open: both FIFOs, the socket of the daemon's messages, everything. */
-    public static final int SOUND = 1;
+    /** Parts to open, each by one app at a time: a FIFO each, and the socket of the daemon's messages. */
+    public static final int SPEAKER = 1;
     public static final int EVENTS = 2;
+    public static final int MIC = 4;
+    public static final int SOUND = SPEAKER | MIC;
     public static final int ALL = SOUND | EVENTS;
 
     /** What {@link #await} found: frames to read, an event, the time of the next block. */
@@ -28,7 +30,8 @@ public final class Companion implements AutoCloseable {
 
     /** In the order of the messages' types. States and mutes are 0 or 1, volumes signed 16 bits. */
     public enum EventType {
-        USB_STATE, SPEAKER_STATE, MIC_STATE, SPEAKER_VOLUME, MIC_VOLUME, SPEAKER_MUTE, MIC_MUTE
+        USB_STATE, SPEAKER_STATE, MIC_STATE, SPEAKER_VOLUME, MIC_VOLUME, SPEAKER_MUTE, MIC_MUTE,
+        DAEMON_STATE
     }
 
     /** What the daemon told. */

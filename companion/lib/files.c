@@ -1,0 +1,177 @@
+// Files that others see: a FIFO or socket that is made is never found with another mode or group
+// than it is to have, nor a name without a file. It is made under a name beside its own, and moved.
+#define _POSIX_C_SOURCE 200809L
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include "state.h"
+
+static int fill_path(char* path, size_t size, const char* directory, const char* name) {
+    const int length = snprintf(path, size, "%s/%s", directory, name);
+    return length < 0 || (size_t)length >= size ? -ENAMETOOLONG : 0;
+}
+
+int uafd_private_address(struct sockaddr_un* address, const char* directory, const char* name) {
+    memset(address, 0, sizeof *address);
+    address->sun_family = AF_UNIX;
+    return fill_path(address->sun_path, sizeof address->sun_path, directory, name);
+}
+
+// The same with an ending that no other thread uses at this time.
+static int private_address(struct sockaddr_un* address, const uafd_private_place* place,
+                           const char* name) {
+    char beside[64];
+    snprintf(beside, sizeof beside, "%s.%lx.%lx", name, (unsigned long)getpid(),
+             (unsigned long)(uintptr_t)place);
+    return uafd_private_address(address, place->directory, beside);
+}
+
+static int give_rights(const char* path, const uafd_private_place* place) {
+    if (place->group != NO_GROUP && lchown(path, (uid_t)-1, place->group) != 0) {
+        return -errno;
+    }
+    return chmod(path, place->mode) == 0 ? 0 : -errno;
+}
+
+int uafd_private_socket(int* opened) {
+    *opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    return *opened < 0 ? -errno : 0;
+}
+
+// 0 when nobody lives behind the address: there is nothing, or a file that an app left behind.
+static int check_unused(const struct sockaddr_un* address) {
+    int probe = -1;
+    const int failed = uafd_private_socket(&probe);
+    if (failed != 0) {
+        return failed;
+    }
+    const int result = connect(probe, (const struct sockaddr*)address, sizeof *address);
+    // One that is connected to another refuses in its own way.
+    const int error = result == 0 || errno == EPERM ? EBUSY : errno;
+    close(probe);
+    return error == ENOENT || error == ECONNREFUSED ? 0 : -error;
+}
+
+// Of apps that open at the same time one has the name, and the others are refused.
+static int bind_beside(int fd, const struct sockaddr_un* beside) {
+    if (bind(fd, (const struct sockaddr*)beside, sizeof *beside) == 0) {
+        return 0;
+    }
+    int error = errno == EADDRINUSE ? check_unused(beside) : -errno;
+    if (error != 0) {
+        return error;
+    }
+    // Of an app that died here.
+    if (unlink(beside->sun_path) != 0 && errno != ENOENT) {
+        return -errno;
+    }
+    if (bind(fd, (const struct sockaddr*)beside, sizeof *beside) == 0) {
+        return 0;
+    }
+    return errno == EADDRINUSE ? -EBUSY : -errno;
+}
+
+int uafd_private_bind(int socket, const uafd_private_place* place, const char* name) {
+    struct sockaddr_un address;
+    struct sockaddr_un beside;
+    char beside_name[64];
+    snprintf(beside_name, sizeof beside_name, "%s.new", name);
+    int error = uafd_private_address(&address, place->directory, name);
+    if (error == 0) {
+        error = uafd_private_address(&beside, place->directory, beside_name);
+    }
+    if (error == 0) {
+        error = bind_beside(socket, &beside);
+    }
+    if (error != 0) {
+        return error;
+    }
+    error = check_unused(&address);
+    if (error == 0) {
+        error = give_rights(beside.sun_path, place);
+    }
+    if (error == 0 && rename(beside.sun_path, address.sun_path) == 0) {
+        return 0;
+    }
+    error = error == 0 ? -errno : error;
+    unlink(beside.sun_path);
+    return error;
+}
+
+// Gives what is ready its name, where there is no such file yet.
+static int move_where_missing(const char* from, const char* path, const uafd_private_place* place) {
+    int error = give_rights(from, place);
+    if (error == 0 && link(from, path) != 0 && errno != EEXIST) {
+        error = -errno;
+    }
+    unlink(from);
+    return error;
+}
+
+int uafd_private_leave_closed_socket(const uafd_private_place* place, const char* name) {
+    struct sockaddr_un address;
+    struct sockaddr_un beside;
+    int fd = -1;
+    int error = uafd_private_address(&address, place->directory, name);
+    if (error == 0) {
+        error = private_address(&beside, place, name);
+    }
+    if (error == 0) {
+        error = uafd_private_socket(&fd);
+    }
+    if (error != 0) {
+        return error;
+    }
+    error = bind(fd, (const struct sockaddr*)&beside, sizeof beside) == 0 ? 0 : -errno;
+    close(fd);
+    return error == 0 ? move_where_missing(beside.sun_path, address.sun_path, place) : error;
+}
+
+static int make_fifo(const char* path, const uafd_private_place* place, const char* name) {
+    struct sockaddr_un beside;
+    int error = private_address(&beside, place, name);
+    if (error != 0) {
+        return error;
+    }
+    if (mkfifo(beside.sun_path, S_IRUSR | S_IWUSR) != 0) {
+        return -errno;
+    }
+    return move_where_missing(beside.sun_path, path, place);
+}
+
+static int open_end(const char* path, int access, int* end) {
+    *end = open(path, access | O_NONBLOCK | O_CLOEXEC);
+    return *end < 0 ? -errno : 0;
+}
+
+// The reading end opens without a partner, the writing end then has one.
+int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
+                           int* writer) {
+    struct sockaddr_un address;  // for its path
+    struct stat found;
+    int error = uafd_private_address(&address, place->directory, name);
+    if (error != 0) {
+        return error;
+    }
+    error = open_end(address.sun_path, O_RDONLY, reader);
+    if (error == -ENOENT) {
+        error = make_fifo(address.sun_path, place, name);
+        if (error == 0) {
+            error = open_end(address.sun_path, O_RDONLY, reader);
+        }
+    }
+    if (error != 0) {
+        return error;
+    }
+    if (fstat(*reader, &found) != 0) {
+        return -errno;
+    }
+    return S_ISFIFO(found.st_mode) ? open_end(address.sun_path, O_WRONLY, writer) : -EEXIST;
+}

@@ -1,0 +1,89 @@
+// What an open companion is made of, and what the library's sources share: inside of the library.
+// Each job of the public header's rule has fields of its own; the atomic ones are for all.
+#pragma once
+
+#include <stdatomic.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <sys/types.h>
+#include <sys/un.h>
+
+#include "uafd_companion.h"
+
+#define FRAME_BYTES (UAFD_CHANNELS * sizeof(int16_t))
+#define STATES 3       // types 0, 1 and 2 are states, and 0 at a daemon's end
+#define PENDING_MAX 6  // a daemon's end, a 0 for each state, a daemon's beginning, its message
+#define NO_DAEMON 0    // in place of what uafd_private_look found
+#define NO_GROUP ((gid_t)-1)
+
+// In the order of uafd_counts.
+enum {
+    FRAMES_READ,
+    BLOCKS_TAKEN,
+    BLOCKS_REFUSED,
+    BLOCKS_UNREAD,
+    EVENTS,
+    DATAGRAMS_BAD,
+    MESSAGES_SENT,
+    MESSAGES_FAILED,
+    COUNTERS
+};
+
+struct uafd_companion {
+    // From opening to closing; -1 is not open.
+    int speaker;                // the FIFO that the daemon writes, open for reading
+    int keeper;                 // the same for writing: a daemon that goes is no end of file
+    int mic;                    // the FIFO that the daemon reads, open for writing
+    int socket;                 // sends; receives when it is bound
+    int bound;                  // whether it is
+    int probe;                  // tries the daemon's socket
+    int wake;                   // an eventfd
+    struct sockaddr_un daemon;  // where messages go
+
+    // Of reading.
+    unsigned char partial[FRAME_BYTES];  // of the speaker's next frame, what has come
+    size_t partial_bytes;
+
+    // Of waiting, by CLOCK_MONOTONIC; 0 is at once.
+    int64_t block_due_ns;
+    int64_t look_due_ns;
+
+    // Of taking events.
+    uafd_event pending[PENDING_MAX];  // the oldest first
+    int told[STATES];                 // 1 as soon as it is pending
+
+    // Written by taking events, read by waiting. Nothing is ordered by any of these.
+    _Atomic uint64_t daemon_known;      // whom the app was told of
+    _Atomic unsigned pending_count;     // in the order of pending
+    _Atomic unsigned sync_owed;         // 1 while the daemon has not taken the library's sync-up
+    _Atomic uint64_t counts[COUNTERS];  // of all
+};
+
+// Where and how FIFOs and sockets are made.
+typedef struct uafd_private_place {
+    const char* directory;
+    gid_t group;
+    mode_t mode;
+} uafd_private_place;
+
+// files.c. Each returns 0 or a negative errno; descriptors that were opened are the caller's also
+// after a failure.
+int uafd_private_address(struct sockaddr_un* address, const char* directory, const char* name);
+int uafd_private_socket(int* opened);
+int uafd_private_bind(int socket, const uafd_private_place* place, const char* name);
+int uafd_private_leave_closed_socket(const uafd_private_place* place, const char* name);
+int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
+                           int* writer);
+
+// daemon.c. Whoever takes messages behind the daemon's address, as a number that no other has, or
+// NO_DAEMON.
+uint64_t uafd_private_look(const uafd_companion* companion);
+// Looks, and puts what has changed behind the pending events. For the thread that takes events.
+void uafd_private_watch(uafd_companion* companion);
+// There must be room.
+void uafd_private_tell(uafd_companion* companion, uafd_event_type type, int32_t value);
+
+static inline void uafd_private_count(uafd_companion* companion, int counter, uint64_t more) {
+    atomic_fetch_add_explicit(&companion->counts[counter], more, memory_order_relaxed);
+}
