@@ -4,6 +4,7 @@
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <android/log.h>
@@ -116,10 +117,13 @@ void AppFifo::lookAgain() {
 }
 
 void AppFifo::endWaits(pthread_t user, const std::atomic<int32_t>& userRunning) {
+    const auto isOut = [&] { return userRunning.load(std::memory_order_acquire) == 0; };
     ended.store(true, std::memory_order_release);
-    while (userRunning.load(std::memory_order_acquire) != 0 &&
-           pthread_kill(user, LET_OUT_SIGNAL) == 0) {
-        nanosleep(&SIGNAL_INTERVAL, nullptr);
+    while (!isOut() && pthread_kill(user, LET_OUT_SIGNAL) == 0) {
+        sched_yield();  // the user has this thread's priority: on one processor it goes now
+        if (!isOut()) {
+            nanosleep(&SIGNAL_INTERVAL, nullptr);
+        }
     }
 }
 
