@@ -2,7 +2,6 @@
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
-#include <limits.h>
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>
@@ -35,8 +34,7 @@ static int poll_timeout(const uafd_companion* companion, int64_t end_ns, int64_t
     if (due <= now || has_pending(companion)) {
         return 0;
     }
-    const int64_t ms = (due - now - 1) / NS_PER_MS + 1;
-    return due == INT64_MAX ? -1 : (int)earlier(ms, INT_MAX);
+    return due == INT64_MAX ? -1 : (int)((due - now - 1) / NS_PER_MS + 1);
 }
 
 static int take_due_block(uafd_companion* companion, int64_t now) {
