@@ -2,13 +2,10 @@
 #include <errno.h>
 #include <jni.h>
 #include <stdint.h>
-#include <string.h>
 #include <uafd_companion.h>
 
 #define COPIED_FRAMES 4096
 #define METHOD(type, name) JNIEXPORT type JNICALL Java_uafd_Companion_##name
-
-_Static_assert(sizeof(uafd_counts) == 8 * sizeof(jlong), "the class has 8 counts");
 
 static uafd_companion* companion_of(jlong handle) {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): Java has no pointer to keep
@@ -23,18 +20,31 @@ static jint done_or_lost(int result) {
     return result < 0 ? result : 1;
 }
 
+// Null for null, and where there is no memory, of which Java then knows.
+static const char* begin_text(JNIEnv* env, jstring text) {
+    return text == NULL ? NULL : (*env)->GetStringUTFChars(env, text, NULL);
+}
+
+static void end_text(JNIEnv* env, jstring text, const char* bytes) {
+    if (bytes != NULL) {
+        (*env)->ReleaseStringUTFChars(env, text, bytes);
+    }
+}
+
 METHOD(jint, nativeOpen)
-(JNIEnv* env, jclass class, jstring directory, jint parts, jlongArray handle) {
+(JNIEnv* env, jclass class, jstring directory, jint parts, jstring group, jint mode,
+ jlongArray handle) {
     (void)class;
-    const char* path = directory == NULL ? NULL : (*env)->GetStringUTFChars(env, directory, NULL);
-    if (directory != NULL && path == NULL) {
-        return -ENOMEM;
-    }
+    uafd_options options = UAFD_OPTIONS_INIT;
+    options.parts = (unsigned)parts;
+    options.mode = (unsigned)mode;
+    options.directory = begin_text(env, directory);
+    options.group = begin_text(env, group);
     uafd_companion* companion = NULL;
-    const int result = uafd_companion_open(path, (unsigned)parts, &companion);
-    if (path != NULL) {
-        (*env)->ReleaseStringUTFChars(env, directory, path);
-    }
+    const int result =
+        (*env)->ExceptionCheck(env) ? -ENOMEM : uafd_companion_open_with(&options, &companion);
+    end_text(env, group, options.group);
+    end_text(env, directory, options.directory);
     const jlong opened = (jlong)(intptr_t)companion;
     (*env)->SetLongArrayRegion(env, handle, 0, 1, &opened);
     return result;
@@ -60,10 +70,15 @@ METHOD(jint, nativeEventsFd)(JNIEnv* env, jclass class, jlong handle) {
     return uafd_companion_events_fd(companion_of(handle));
 }
 
-METHOD(jint, nativeAwait)(JNIEnv* env, jclass class, jlong handle) {
+METHOD(jint, nativeAwait)(JNIEnv* env, jclass class, jlong handle, jint timeout_ms) {
     (void)env, (void)class;
-    const int result = uafd_companion_wait(companion_of(handle));
+    const int result = uafd_companion_wait_for(companion_of(handle), timeout_ms);
     return result == -EINTR ? 0 : result;
+}
+
+METHOD(void, nativeWake)(JNIEnv* env, jclass class, jlong handle) {
+    (void)env, (void)class;
+    uafd_companion_wake(companion_of(handle));
 }
 
 METHOD(jint, nativeRead)
@@ -122,13 +137,21 @@ METHOD(jint, nativeNextEvent)
 METHOD(void, nativeCounts)(JNIEnv* env, jclass class, jlong handle, jlongArray values) {
     (void)class;
     uafd_counts counts;
-    jlong copy[8];
     uafd_companion_counts(companion_of(handle), &counts);
-    memcpy(copy, &counts, sizeof copy);
-    (*env)->SetLongArrayRegion(env, values, 0, 8, copy);
+    const jlong copy[] = {
+        (jlong)counts.frames_read,   (jlong)counts.blocks_taken,    (jlong)counts.blocks_refused,
+        (jlong)counts.blocks_unread, (jlong)counts.events,          (jlong)counts.datagrams_bad,
+        (jlong)counts.messages_sent, (jlong)counts.messages_failed,
+    };
+    (*env)->SetLongArrayRegion(env, values, 0, sizeof copy / sizeof *copy, copy);
 }
 
 METHOD(jstring, nativeReasonOf)(JNIEnv* env, jclass class, jint result) {
     (void)class;
-    return (*env)->NewStringUTF(env, strerror(-result));
+    return (*env)->NewStringUTF(env, uafd_companion_error_text(result));
+}
+
+METHOD(jstring, nativeVersion)(JNIEnv* env, jclass class) {
+    (void)class;
+    return (*env)->NewStringUTF(env, uafd_companion_version());
 }

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/support/child_process.h"
 #include "tests/support/streaming_daemon.h"
@@ -39,12 +40,31 @@ TEST_F(JavaTest, HearsAndIsHeard) {
 
 TEST_F(JavaTest, IsToldAndSets) {
     StreamingOptions options;
-    options.answer = {{0, 1}, {3, static_cast<uint16_t>(-1280)}, {6, 1}};
+    options.answer = {{0, 1}, {9, 9}, {3, static_cast<uint16_t>(-1280)}, {6, 1}};
     StreamingDaemon daemon(folder, options);
     expectGood("messages");
     EXPECT_THAT(
         daemon.messages(),
         ElementsAre(Message{7, 0}, Message{3, static_cast<uint16_t>(-2560)}, Message{5, 1}));
+}
+
+TEST_F(JavaTest, EndsItsWaits) {
+    StreamingOptions options;
+    options.answer = {{0, 1}};
+    const StreamingDaemon daemon(folder, options);
+    expectGood("endings");
+}
+
+TEST_F(JavaTest, IsClosedBesideCallsOfOtherThreads) {
+    const StreamingDaemon daemon(folder, {});
+    expectGood("races");
+}
+
+TEST_F(JavaTest, OpensAsItIsAsked) {
+    expectGood("options");
+    struct stat found {};
+    ASSERT_EQ(stat((folder.path() + "/usbAudioFifoTx").c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 07777, 0604U);
 }
 
 TEST_F(JavaTest, SaysWhatIsWrong) {
