@@ -15,11 +15,15 @@ target_include_directories(uafd_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(uafd_options INTERFACE -Wall -Wextra -Wconversion -Werror)
 target_link_libraries(uafd_options INTERFACE Threads::Threads)
 
-# uafd_folder(NAME SOURCES file... [USES folder...])
+# uafd_folder(NAME [OBJECT] SOURCES file... [USES folder...])
 # USES is checked against the folder's #include lines by tools/check-includes.
 function(uafd_folder name)
-  cmake_parse_arguments(FOLDER "" "" "SOURCES;USES" ${ARGN})
-  add_library(${name} STATIC ${FOLDER_SOURCES})
+  cmake_parse_arguments(FOLDER "OBJECT" "" "SOURCES;USES" ${ARGN})
+  set(kind STATIC)
+  if(FOLDER_OBJECT)
+    set(kind OBJECT)
+  endif()
+  add_library(${name} ${kind} ${FOLDER_SOURCES})
   target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
   # The fuzzers are led by the branches that the daemon's own code takes.
   target_compile_options(${name} PRIVATE

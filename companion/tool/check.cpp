@@ -5,9 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "companion/tool/commands.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
@@ -51,14 +50,12 @@ class Watch : public Handler {
     int ticks_ = 0;
 };
 
-class Check {
+class Check final : public Command {
   public:
-    explicit Check(const CommandLine& line)
-        : session_(line.directory),
-          waitSeconds_(line.waitSeconds),
-          volume_(static_cast<int16_t>(line.volume)) {}
-
-    int run();
+    Check() noexcept
+        : Command("check", "",
+                  "try everything that an app needs, while the host plays and records") {}
+    int run(const std::string& argument) override;
 
   private:
     // Each returns what is wrong, or nothing.
@@ -76,13 +73,19 @@ class Check {
     std::string answersAfter(int sent);
     std::string waitForStream(uafd_event_type state, const char* hint);
 
+    Number<int> volume_{&options,
+                        "volume",
+                        "N",
+                        INT16_MIN,
+                        INT16_MAX,
+                        -2560,
+                        "the volume that it sets (default -2560)"};
+    Number<double> wait_{
+        &options, "wait", "N", 0, kDayS, 10, "seconds to wait for what must come (default 10)"};
     Session session_;
-    const double waitSeconds_;
-    const int16_t volume_;
-    bool interrupted_ = false;
 };
 
-int Check::run() {
+int Check::run(const std::string& /*argument*/) {
     struct Step {
         const char* name;
         std::string (Check::*run)();
@@ -105,7 +108,7 @@ int Check::run() {
     int failed = 0;
     for (const Step& step : kSteps) {
         const std::string wrong = (this->*step.run)();
-        if (interrupted_) {
+        if (Session::wasInterrupted()) {
             break;
         }
         (wrong.empty() ? passed : failed) += 1;
@@ -113,23 +116,19 @@ int Check::run() {
                wrong.empty() ? "" : ": ", wrong.c_str());
         fflush(stdout);
     }
-    printf("%d passed, %d failed%s\n", passed, failed, interrupted_ ? ", interrupted" : "");
-    return failed == 0 && !interrupted_ ? kExitDone : kExitFailed;
+    printf("%d passed, %d failed%s\n", passed, failed,
+           Session::wasInterrupted() ? ", interrupted" : "");
+    return failed == 0 && !Session::wasInterrupted() ? kExitDone : kExitFailed;
 }
 
 bool Check::waitUntil(const std::function<bool()>& condition) {
-    Watch watch(condition, waitSeconds_);
-    interrupted_ = !session_.run(&watch);
+    Watch watch(condition, *wait_);
+    session_.run(&watch);
     return watch.met();
 }
 
 std::string Check::answersSyncUp() {
-    const auto answered = [this] {
-        return session_.told(UAFD_USB_STATE) == 0 ||
-               (session_.isOn(UAFD_USB_STATE) && session_.told(UAFD_SPEAKER_STATE) &&
-                session_.told(UAFD_MIC_STATE));
-    };
-    if (!waitUntil(answered)) {
+    if (!waitUntil([this] { return session_.isAnswered(); })) {
         return session_.told(UAFD_USB_STATE) ? "the answer is not whole" : "no answer";
     }
     return session_.isOn(UAFD_USB_STATE) ? "" : "the host has not configured the board";
@@ -138,9 +137,9 @@ std::string Check::answersSyncUp() {
 // A daemon that took the message still answers.
 std::string Check::answersAfter(int sent) {
     if (sent != 0) {
-        return reasonOf(sent);
+        return uafd_companion_error_text(sent);
     }
-    session_.forget(UAFD_USB_STATE);
+    session_.forgetStates();
     session_.companion().sync();
     return waitUntil([this] { return session_.told(UAFD_USB_STATE).has_value(); })
                ? ""
@@ -148,7 +147,7 @@ std::string Check::answersAfter(int sent) {
 }
 
 std::string Check::takesVolume() {
-    return answersAfter(session_.companion().setSpeakerVolume(volume_));
+    return answersAfter(session_.companion().setSpeakerVolume(static_cast<int16_t>(*volume_)));
 }
 
 std::string Check::takesMute() {
@@ -169,14 +168,14 @@ std::string Check::startsMicrophone() {
 }
 
 std::string Check::bringsSound() {
-    Watch first([&first] { return first.frames() > 0; }, waitSeconds_);
-    interrupted_ = !session_.run(&first);
+    Watch first([&first] { return first.frames() > 0; }, *wait_);
+    session_.run(&first);
     if (!first.met()) {
         return "no frame came";
     }
     const int64_t begin = nowNs();
-    Watch watch([&watch] { return watch.ticks() >= kMeasuredTicks; }, waitSeconds_);
-    interrupted_ = !session_.run(&watch);
+    Watch watch([&watch] { return watch.ticks() >= kMeasuredTicks; }, *wait_);
+    session_.run(&watch);
     const double rate =
         static_cast<double>(watch.frames()) * 1e9 / static_cast<double>(nowNs() - begin);
     if (watch.unequal() > 0) {
@@ -191,13 +190,13 @@ std::string Check::bringsSound() {
 }
 
 std::string Check::takesSound() {
-    Watch first([&first] { return first.taken() > 0; }, waitSeconds_);
-    interrupted_ = !session_.run(&first);
+    Watch first([&first] { return first.taken() > 0; }, *wait_);
+    session_.run(&first);
     if (!first.met()) {
         return "no block is taken";
     }
-    Watch watch([&watch] { return watch.ticks() >= kMeasuredTicks; }, waitSeconds_);
-    interrupted_ = !session_.run(&watch);
+    Watch watch([&watch] { return watch.ticks() >= kMeasuredTicks; }, *wait_);
+    session_.run(&watch);
     const int refused = watch.ticks() - watch.taken();
     return refused > kRefusedMax ? std::to_string(refused) + " blocks of a second are refused" : "";
 }
@@ -210,8 +209,8 @@ std::string Check::goesOnAfterRestart() {
         return "they do not open";
     }
     Watch watch([&watch] { return watch.sounding() > 0 && watch.taken() >= kMeasuredTicks; },
-                waitSeconds_);
-    interrupted_ = !session_.run(&watch);
+                *wait_);
+    session_.run(&watch);
     if (watch.met()) {
         return "";
     }
@@ -219,21 +218,19 @@ std::string Check::goesOnAfterRestart() {
 }
 
 std::string Check::keepsItsStates() {
-    for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
-        session_.forget(type);
+    session_.forgetStates();
+    std::string wrong = answersAfter(0);
+    if (!wrong.empty()) {
+        return wrong;
     }
-    const std::string wrong = answersAfter(0);
-    if (!wrong.empty() ||
-        !waitUntil([this] { return session_.told(UAFD_MIC_STATE).has_value(); })) {
-        return wrong.empty() ? "the answer is not whole" : wrong;
+    if (!waitUntil([this] { return session_.isAnswered(); })) {
+        return "the answer is not whole";
     }
     return session_.isOn(UAFD_SPEAKER_STATE) && session_.isOn(UAFD_MIC_STATE)
                ? ""
                : "a stream is off that was on";
 }
 
-}  // namespace
+Check check;
 
-int checkDaemon(const CommandLine& line) {
-    return Check(line).run();
-}
+}  // namespace

@@ -1,22 +1,27 @@
-# Completion of uafd-companion's words, for bash.
+# Completion of uafd-companion's words, for bash: offers what the program's own help lists.
 _uafd_companion() {
-  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-  local words=''
+  local word=$2 before=$3 command=${COMP_WORDS[1]} help argument words=''
   COMPREPLY=()
-  if ((COMP_CWORD == 1)); then
-    words='record play loop events volume mute meter latency check --help'
-  elif [[ $before == --directory ]]; then
+  if ((COMP_CWORD > 1)); then
+    help=$("$1" "$command" --help 2>/dev/null)
+  else
+    help=$("$1" --help | sed '/^Options of/,/^$/{/every/,$!d}') # the common options alone
+  fi
+  argument=$(sed -n "1s/^Usage: uafd-companion $command \[*\([^] ]*\).*/\1/p" <<<"$help")
+  if [[ $before == --directory ]]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
-  elif [[ $before == --* && $before != --help ]]; then
+  elif grep -qe "^ .*$before [A-Z]" <<<"$help" && [[ $before == --* ]]; then
     return # a number
   elif [[ $word == -* ]]; then
-    words='--seconds --tone --level --count --volume --wait --directory --help'
-  elif [[ $before == record || $before == play ]]; then
+    words=$(grep -oe '--[a-z]*' <<<"$help")
+  elif ((COMP_CWORD == 1)); then
+    words=$(sed -n '/^Commands:/,/^$/s/^  \([a-z]*\).*/\1/p' <<<"$help")
+  elif [[ $argument == FILE ]]; then
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
     return
-  elif [[ $before == mute ]]; then
-    words='on off'
+  else
+    words=$(sed -n 's/|/ /p' <<<"$argument") # a choice
   fi
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
 }

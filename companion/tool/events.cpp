@@ -1,72 +1,149 @@
+// What the daemon tells: as it comes, or how it stands.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <optional>
+#include <string>
 
-#include "companion/tool/commands.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
-// Of each event: its subject, and what the values 0 and 1 are called; null when the value is a
-// volume.
+// Of each event: its name in JSON, its subject, and what the values 0 and 1 are called; null when
+// the value is a volume.
 struct Words {
+    const char* name;
     const char* subject;
     const char* values[2];
 };
 
 constexpr Words kWords[] = {
-    {"usb", {"disconnected", "configured"}},
-    {"speaker", {"off", "on"}},
-    {"microphone", {"off", "on"}},
-    {"speaker volume", {nullptr, nullptr}},
-    {"microphone volume", {nullptr, nullptr}},
-    {"speaker", {"sounds", "muted"}},
-    {"microphone", {"sounds", "muted"}},
-    {"daemon", {"gone", "there"}},
+    {"usb_state", "usb", {"disconnected", "configured"}},
+    {"speaker_state", "speaker", {"off", "on"}},
+    {"mic_state", "microphone", {"off", "on"}},
+    {"speaker_volume", "speaker volume", {nullptr, nullptr}},
+    {"mic_volume", "microphone volume", {nullptr, nullptr}},
+    {"speaker_mute", "speaker", {"sounds", "muted"}},
+    {"mic_mute", "microphone", {"sounds", "muted"}},
+    {"daemon_state", "daemon", {"gone", "there"}},
 };
 
-void printTime() {
+constexpr char kRunning[] = "running";
+
+void printTime(bool isJson) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
+    tm parts{};
+    isJson ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts);
     char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    printf("%s.%03ld ", text, now.tv_nsec / 1000000);
+    strftime(text, sizeof text, isJson ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &parts);
+    printf("%s.%03ld", text, now.tv_nsec / 1000000);
 }
 
-class Printer : public Handler {
+class Events final : public Command, private Handler {
   public:
-    explicit Printer(int count) : left_(count > 0 ? count : -1) {}
-
-    void onEvent(const uafd_event& event) override {
-        if (isDone()) {
-            return;
-        }
-        const Words& words = kWords[event.type];
-        const char* value = words.values[event.value != 0 ? 1 : 0];
-        printTime();
-        if (value == nullptr) {
-            printf("%s %d\n", words.subject, event.value);
-        } else {
-            printf("%s %s\n", words.subject, value);
-        }
-        fflush(stdout);
-        --left_;
+    Events() noexcept : Command("events", "", "print what the daemon tells, with the time") {}
+    int run(const std::string& /*argument*/) override {
+        Session session;
+        return session.open(UAFD_EVENTS) && session.run(this, *seconds_) ? kExitDone : kExitFailed;
     }
-    bool isDone() override { return left_ == 0; }
 
   private:
-    int left_;  // below 0: no end
+    void onEvent(const uafd_event& event) override;
+    bool isDone() override { return *count_ > 0 && printed_ >= *count_; }
+
+    Number<int> count_{&options, "count", "N", 1, 1000000, 0, "end after so many events"};
+    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Flag json_{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
+    int printed_ = 0;
 };
 
-}  // namespace
-
-int printEvents(const CommandLine& line) {
-    Session session(line.directory);
-    Printer printer(line.count);
-    if (!session.open(UAFD_EVENTS)) {
-        return kExitFailed;
+void Events::onEvent(const uafd_event& event) {
+    if (isDone()) {
+        return;
     }
-    return session.run(&printer) ? kExitDone : kExitFailed;
+    const Words& words = kWords[event.type];
+    const char* const value = words.values[event.value != 0 ? 1 : 0];
+    if (json_) {
+        printf("{\"time\":\"");
+        printTime(true);
+        printf("Z\",\"event\":\"%s\",\"value\":%d}\n", words.name, event.value);
+    } else {
+        printTime(false);
+        value == nullptr ? printf(" %s %d\n", words.subject, event.value)
+                         : printf(" %s %s\n", words.subject, value);
+    }
+    fflush(stdout);
+    ++printed_;
 }
+
+class Status final : public Command, private Handler {
+  public:
+    Status() noexcept : Command("status", "", "print whether a daemon runs, and its states") {}
+    int run(const std::string& argument) override;
+
+  private:
+    // Asks; returns the daemon's own state in a word.
+    const char* ask();
+    bool isDone() override { return session_.isAnswered(); }
+    void print(const char* daemon) const;
+
+    Number<double> wait_{
+        &options, "wait", "N", 0, kDayS, 10, "seconds to wait for an answer (default 10)"};
+    Flag json_{&options, "json", "a JSON object; null is what is not known"};
+    Session session_;
+    bool hasOtherApp_ = false;  // which is told the states
+};
+
+int Status::run(const std::string& /*argument*/) {
+    int error = session_.tryOpen(UAFD_EVENTS);
+    hasOtherApp_ = error == -EBUSY;
+    if (hasOtherApp_) {
+        error = session_.tryOpen(0);
+    }
+    if (error != 0) {
+        return failed("opening", uafd_companion_error_text(error));
+    }
+    const char* const daemon = ask();
+    print(daemon);
+    return strcmp(daemon, kRunning) == 0 ? kExitDone : kExitFailed;
+}
+
+const char* Status::ask() {
+    switch (-session_.companion().sync()) {
+        case 0:
+            return hasOtherApp_ || (session_.run(this, *wait_) && isDone()) ? kRunning : "silent";
+        case ECONNREFUSED:
+            return "absent";
+        case EACCES:
+            return "unreachable";
+        default:
+            return "busy";
+    }
+}
+
+void Status::print(const char* daemon) const {
+    if (json_) {
+        printf("{\"daemon\":\"%s\",\"other_app\":%s", daemon, hasOtherApp_ ? "true" : "false");
+    } else {
+        printf("%-12s%s%s\n", "daemon", daemon,
+               hasOtherApp_ ? ", another app is told the states" : "");
+    }
+    for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
+        const Words& words = kWords[type];
+        const std::optional<int> told = session_.told(type);
+        if (json_) {
+            printf(",\"%s\":%s", words.name, told ? std::to_string(*told).c_str() : "null");
+        } else {
+            printf("%-12s%s\n", words.subject, told ? words.values[*told] : "unknown");
+        }
+    }
+    fputs(json_ ? "}\n" : "", stdout);
+}
+
+Events events;
+Status status;
+
+}  // namespace

@@ -3,13 +3,11 @@
 #include <cstdlib>
 #include <vector>
 
-#include "companion/tool/commands.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
-constexpr int kDefaultBursts = 10;
 constexpr int kQuietTicks = 30;  // before a burst
 constexpr int16_t kQuietPeak = 500;
 constexpr int16_t kBurstPeak = 1000;  // what comes louder is the burst
@@ -86,20 +84,27 @@ class Bursts : public Handler {
     std::vector<double> timesMs_;
 };
 
-}  // namespace
+class Latency final : public Command {
+  public:
+    Latency() noexcept
+        : Command("latency", "",
+                  "measure the way to the host and back, which must play what it records") {}
+    int run(const std::string& argument) override;
 
-int measureLatency(const CommandLine& line) {
-    Session session(line.directory);
-    Bursts bursts(line.count > 0 ? line.count : kDefaultBursts, line.waitSeconds);
-    if (!session.open()) {
-        return kExitFailed;
-    }
-    if (!session.run(&bursts)) {
+  private:
+    Number<int> count_{&options, "count", "N", 1, 1000000, 10, "how many bursts (default 10)"};
+    Number<double> wait_{
+        &options, "wait", "N", 0, kDayS, 10, "seconds to wait for each (default 10)"};
+};
+
+int Latency::run(const std::string& /*argument*/) {
+    Session session;
+    Bursts bursts(*count_, *wait_);
+    if (!session.open() || !session.run(&bursts) || Session::wasInterrupted()) {
         return kExitFailed;
     }
     if (!bursts.reason().empty()) {
-        fprintf(stderr, "uafd-companion: %s\n", bursts.reason().c_str());
-        return kExitFailed;
+        return failed(name, bursts.reason());
     }
     std::vector<double> times = bursts.takeTimesMs();
     std::sort(times.begin(), times.end());
@@ -107,3 +112,7 @@ int measureLatency(const CommandLine& line) {
            times.back());
     return kExitDone;
 }
+
+Latency latency;
+
+}  // namespace

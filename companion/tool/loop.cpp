@@ -1,21 +1,23 @@
-#include <algorithm>
-#include <deque>
+#include <vector>
 
-#include "companion/tool/commands.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
 // Host and app have clocks of their own: what is queued wanders.
 constexpr size_t kStartFrames = 720;  // before the first block
-constexpr size_t kMostFrames = 1920;  // more is cut back to that
+constexpr size_t kMostFrames = 1920;  // more is cut back to the start's
 
-class Looper : public Handler {
+class Loop final : public Command, private Handler {
   public:
-    explicit Looper(double seconds)
-        : ticksLeft_(seconds > 0 ? static_cast<int64_t>(seconds / kBlockS) : INT64_MAX) {}
+    Loop() noexcept : Command("loop", "", "give the host back what it plays") {}
+    int run(const std::string& /*argument*/) override {
+        Session session;
+        return session.open() && session.run(this, *seconds_) ? kExitDone : kExitFailed;
+    }
 
+  private:
     void onSound(const int16_t* samples, int frames) override {
         for (int i = 0; i < frames; ++i) {
             queue_.push_back(samples[2 * i]);
@@ -32,27 +34,17 @@ class Looper : public Handler {
         }
     }
     void onBlockTaken() override { drop(flows_ ? UAFD_BLOCK_FRAMES : 0); }
-    void onTick() override { --ticksLeft_; }
-    bool isDone() override { return ticksLeft_ <= 0; }
+    bool isDone() override { return false; }
 
-  private:
     void drop(size_t frames) {
         queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(frames));
     }
 
-    std::deque<int16_t> queue_;
+    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    std::vector<int16_t> queue_;
     bool flows_ = false;
-    int64_t ticksLeft_;
 };
 
-}  // namespace
+Loop loop;
 
-int loopBack(const CommandLine& line) {
-    Session session(line.directory);
-    Looper looper(line.seconds);
-    if (!session.open()) {
-        return kExitFailed;
-    }
-    session.run(&looper);
-    return kExitDone;
-}
+}  // namespace

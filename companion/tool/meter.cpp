@@ -4,22 +4,35 @@
 #include <cstdlib>
 #include <unistd.h>
 
-#include "companion/tool/commands.h"
-#include "companion/tool/level.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
 constexpr int kTicksPerLine = 10;
 constexpr int kBarWidth = 48;
+constexpr double kSilenceDb = -96;  // what 16 bits can tell from nothing
+constexpr double kBarDb = 48;       // from an empty bar to a full one
 
-class Meter : public Handler {
+// Of an amplitude in samples' units, below full scale.
+double levelOf(double amplitude) {
+    return amplitude > 0 ? std::max(kSilenceDb, 20 * std::log10(amplitude / INT16_MAX))
+                         : kSilenceDb;
+}
+
+std::string barOf(double levelDb) {
+    const double part = std::clamp(1 + levelDb / kBarDb, 0.0, 1.0);
+    std::string bar(static_cast<size_t>(std::lround(part * kBarWidth)), '#');
+    bar.resize(kBarWidth, ' ');
+    return bar;
+}
+
+class Meter final : public Command, private Handler {
   public:
-    Meter(const Session* session, double seconds)
-        : session_(session),
-          ticksLeft_(seconds > 0 ? static_cast<int64_t>(seconds / kBlockS) : INT64_MAX) {}
+    Meter() noexcept : Command("meter", "", "show the level of what the host plays") {}
+    int run(const std::string& argument) override;
 
+  private:
     void onSound(const int16_t* samples, int frames) override {
         for (int i = 0; i < frames; ++i) {
             const double sample = samples[2 * i];
@@ -29,45 +42,41 @@ class Meter : public Handler {
         frames_ += frames;
     }
     void onTick() override {
-        --ticksLeft_;
         if (++ticks_ % kTicksPerLine == 0) {
             print();
         }
     }
-    bool isDone() override { return ticksLeft_ <= 0; }
+    bool isDone() override { return false; }
+    void print();
 
-  private:
-    // On a terminal always in the same line.
-    void print() {
-        const double rms = frames_ > 0 ? std::sqrt(squares_ / static_cast<double>(frames_)) : 0;
-        printf("%s speaker %s  peak %5.1f dB  rms %5.1f dB  |%s|%s", isTerminal_ ? "\r" : "",
-               session_->isOn(UAFD_SPEAKER_STATE) ? "on " : "off", levelOf(peak_), levelOf(rms),
-               barOf(levelOf(peak_), kBarWidth).c_str(), isTerminal_ ? "" : "\n");
-        fflush(stdout);
-        peak_ = squares_ = 0;
-        frames_ = 0;
-    }
-
-    const Session* const session_;
+    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Session session_;
     const bool isTerminal_ = isatty(STDOUT_FILENO) != 0;
-    int64_t ticksLeft_;
     int64_t ticks_ = 0;
     double peak_ = 0;
     double squares_ = 0;
     int64_t frames_ = 0;
 };
 
-}  // namespace
-
-int showLevel(const CommandLine& line) {
-    Session session(line.directory);
-    Meter meter(&session, line.seconds);
-    if (!session.open()) {
-        return kExitFailed;
-    }
-    session.run(&meter);
-    if (isatty(STDOUT_FILENO) != 0) {
+int Meter::run(const std::string& /*argument*/) {
+    const bool isRun = session_.open() && session_.run(this, *seconds_);
+    if (isTerminal_) {
         putchar('\n');
     }
-    return kExitDone;
+    return isRun ? kExitDone : kExitFailed;
 }
+
+// On a terminal always in the same line.
+void Meter::print() {
+    const double rms = frames_ > 0 ? std::sqrt(squares_ / static_cast<double>(frames_)) : 0;
+    printf("%s speaker %s  peak %5.1f dB  rms %5.1f dB  |%s|%s", isTerminal_ ? "\r" : "",
+           session_.isOn(UAFD_SPEAKER_STATE) ? "on " : "off", levelOf(peak_), levelOf(rms),
+           barOf(levelOf(peak_)).c_str(), isTerminal_ ? "" : "\n");
+    fflush(stdout);
+    peak_ = squares_ = 0;
+    frames_ = 0;
+}
+
+Meter meter;
+
+}  // namespace

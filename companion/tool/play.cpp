@@ -1,84 +1,82 @@
 #include <cmath>
-#include <cstdio>
-#include <vector>
 
-#include "companion/tool/commands.h"
-#include "companion/tool/level.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
-#include "companion/tool/wav.h"
+#include "companion/tool/sound_file.h"
 
 namespace {
 
-constexpr double kDefaultToneHz = 1000;
-
 // Goes on only with what the daemon has taken, so that the host hears all of it from the beginning.
-class Player : public Handler {
+class Play final : public Command, private Handler {
   public:
-    void fillBlock(int16_t* samples) override {
-        for (int i = 0; i < UAFD_BLOCK_FRAMES; ++i) {
-            samples[2 * i] = samples[2 * i + 1] = sampleAt(frame_ + i);
-        }
-    }
-    void onBlockTaken() override { frame_ += UAFD_BLOCK_FRAMES; }
-
-  protected:
-    virtual int16_t sampleAt(int64_t frame) const = 0;
-    int64_t frame() const { return frame_; }
+    Play() noexcept : Command("play", "[FILE]", "let the host record a WAV file, or a tone") {}
+    int run(const std::string& file) override;
 
   private:
-    int64_t frame_ = 0;
+    // The next block into left_, if it is there.
+    void load();
+    void makeTone();
+
+    void fillBlock(int16_t* samples) override;
+    void onBlockTaken() override;
+    bool isDone() override { return isFile_ && !isLoaded_ && reader_.isAtEnd(); }
+
+    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Flag raw_{&options, "raw", "the file has no header: stereo, 16 bits, 48000 Hz"};
+    Number<double> toneHz_{
+        &options, "tone", "HZ", 1, 24000, 1000, "the tone without a file (default 1000)"};
+    Number<double> levelDb_{
+        &options, "level", "DB", -96, 0, -12, "the tone's level below full scale (default -12)"};
+    SoundReader reader_;
+    bool isFile_ = false;
+    int16_t left_[UAFD_BLOCK_FRAMES] = {};
+    bool isLoaded_ = false;
+    int64_t frame_ = 0;  // of the tone
 };
 
-class FilePlayer : public Player {
-  public:
-    bool read(const std::string& path) { return readWav(path, &left_); }
-    bool isDone() override { return frame() >= size(); }
-
-  private:
-    int64_t size() const { return static_cast<int64_t>(left_.size()); }
-    int16_t sampleAt(int64_t frame) const override {
-        return frame < size() ? left_[static_cast<size_t>(frame)] : int16_t{0};
-    }
-
-    std::vector<int16_t> left_;
-};
-
-class TonePlayer : public Player {
-  public:
-    explicit TonePlayer(const CommandLine& line)
-        : step_(2 * M_PI * (line.toneHz > 0 ? line.toneHz : kDefaultToneHz) / UAFD_RATE),
-          amplitude_(amplitudeOf(line.levelDb)),
-          frames_(line.seconds > 0 ? static_cast<int64_t>(line.seconds * UAFD_RATE) : INT64_MAX) {}
-    bool isDone() override { return frame() >= frames_; }
-
-  private:
-    int16_t sampleAt(int64_t frame) const override {
-        return static_cast<int16_t>(
-            std::lround(amplitude_ * std::sin(step_ * static_cast<double>(frame))));
-    }
-
-    const double step_;
-    const double amplitude_;
-    const int64_t frames_;
-};
-
-int play(const CommandLine& line, Player* player) {
-    Session session(line.directory);
-    if (!session.open()) {
+int Play::run(const std::string& file) {
+    isFile_ = !file.empty();
+    Session session;
+    if ((isFile_ && !reader_.open(file, static_cast<bool>(raw_))) || !session.open()) {
         return kExitFailed;
     }
-    session.run(player);
-    return kExitDone;
+    load();
+    const bool isRun = session.run(this, *seconds_);
+    return isRun && reader_.isGood() ? kExitDone : kExitFailed;
 }
+
+void Play::load() {
+    if (!isFile_) {
+        makeTone();
+    }
+    isLoaded_ = !isFile_ || reader_.readBlock(left_);
+}
+
+void Play::makeTone() {
+    const double step = 2 * M_PI * *toneHz_ / UAFD_RATE;
+    const double amplitude = INT16_MAX * std::pow(10, *levelDb_ / 20);
+    for (int16_t& sample : left_) {
+        sample = static_cast<int16_t>(
+            std::lround(amplitude * std::sin(step * static_cast<double>(frame_++))));
+    }
+}
+
+// Silence while a pipe brings less.
+void Play::fillBlock(int16_t* samples) {
+    if (!isLoaded_) {
+        load();
+    }
+    for (size_t i = 0; isLoaded_ && i < UAFD_BLOCK_FRAMES; ++i) {
+        samples[2 * i] = samples[2 * i + 1] = left_[i];
+    }
+}
+
+void Play::onBlockTaken() {
+    if (isLoaded_) {
+        load();
+    }
+}
+
+Play play;
 
 }  // namespace
-
-int playAsMicrophone(const CommandLine& line) {
-    if (line.argument.empty()) {
-        TonePlayer player(line);
-        return play(line, &player);
-    }
-    FilePlayer player;
-    return player.read(line.argument) ? play(line, &player) : kExitFailed;
-}

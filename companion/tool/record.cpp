@@ -1,46 +1,42 @@
-#include <algorithm>
 #include <cstdio>
 
-#include "companion/tool/commands.h"
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
-#include "companion/tool/wav.h"
+#include "companion/tool/sound_file.h"
 
 namespace {
 
-class Recorder : public Handler {
+class Record final : public Command, private Handler {
   public:
-    explicit Recorder(double seconds)
-        : framesMax_(seconds > 0 ? static_cast<int64_t>(seconds * UAFD_RATE) : INT64_MAX) {}
-
-    bool open(const std::string& path) { return file_.open(path); }
-    bool close() { return file_.close() && good_; }
-    int64_t frames() const { return frames_; }
-
-    void onSound(const int16_t* samples, int frames) override {
-        const int64_t wanted = std::min<int64_t>(frames, framesMax_ - frames_);
-        good_ = file_.write(samples, static_cast<int>(wanted));
-        frames_ += wanted;
-    }
-    bool isDone() override { return !good_ || frames_ == framesMax_; }
+    Record() noexcept : Command("record", "FILE", "write what the host plays into a WAV file") {}
+    int run(const std::string& file) override;
 
   private:
-    const int64_t framesMax_;
+    void onSound(const int16_t* samples, int frames) override {
+        isWritten_ = file_.write(samples, frames);
+        frames_ += frames;
+    }
+    bool isDone() override { return !isWritten_; }
+
+    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Flag raw_{&options, "raw", "no header: stereo, 16 bits, 48000 Hz"};
+    SoundWriter file_;
     int64_t frames_ = 0;
-    bool good_ = true;
-    WavWriter file_;
+    bool isWritten_ = true;
 };
 
-}  // namespace
-
-int recordSpeaker(const CommandLine& line) {
-    Session session(line.directory);
-    Recorder recorder(line.seconds);
-    if (!recorder.open(line.argument) || !session.open()) {
+// The file is touched last: not when another app has the speaker.
+int Record::run(const std::string& file) {
+    Session session;
+    if (!session.open() || !file_.open(file, static_cast<bool>(raw_))) {
         return kExitFailed;
     }
-    session.run(&recorder);
-    const bool whole = recorder.close();
-    fprintf(stderr, "%.3f s recorded\n", static_cast<double>(recorder.frames()) / UAFD_RATE);
-    return whole ? kExitDone : kExitFailed;
+    session.run(this, *seconds_);
+    isWritten_ = file_.close() && isWritten_;
+    fprintf(stderr, "%.3f s recorded\n", static_cast<double>(frames_) / UAFD_RATE);
+    return isWritten_ ? kExitDone : kExitFailed;
 }
+
+Record record;
+
+}  // namespace

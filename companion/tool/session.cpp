@@ -2,13 +2,14 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
+#include <poll.h>
+
+#include "companion/tool/command.h"
 
 namespace {
 
-constexpr int kAskingBlocks = 50;   // from one sync-up to the next, while none is answered
+constexpr int kAskingTicks = 50;    // from one sync-up to the next, while none is answered
 constexpr int kPatientAskings = 3;  // a daemon that waited for the FIFOs has no socket at first
 constexpr int kReadFrames = 4096;
 
@@ -21,8 +22,9 @@ void interrupt(int /*signal*/) {
 void catchInterrupts() {
     struct sigaction action {};
     action.sa_handler = interrupt;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaction(signal, &action, nullptr);
+    }
 }
 
 }  // namespace
@@ -33,48 +35,53 @@ int64_t nowNs() {
     return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
 }
 
-const char* reasonOf(int result) {
-    switch (-result) {
-        case EBUSY:
-            return "another app has it";
-        case EEXIST:
-            return "something that is no FIFO has a FIFO's name";
-        case ECONNREFUSED:
-            return "no daemon runs";
-        default:
-            return strerror(-result);
-    }
+int Session::tryOpen(unsigned parts) {
+    return companion_.open(parts, directoryOption.orNull());
 }
 
 bool Session::open(unsigned parts) {
-    const int error = companion_.open(parts, directory_.empty() ? nullptr : directory_.c_str());
+    const int error = tryOpen(parts);
     if (error != 0) {
-        fprintf(stderr, "uafd-companion: opening: %s\n", reasonOf(error));
+        failed("opening", uafd_companion_error_text(error));
         return false;
     }
-    // Without sound, whose beat lets the loop look at it, the signal had better end the process.
-    if ((parts & UAFD_SOUND) != 0) {
-        catchInterrupts();
-    }
-    blocksToAsking_ = 0;
-    askingsToPatience_ = (parts & UAFD_SOUND) != 0 ? kPatientAskings : 1;
+    catchInterrupts();
+    ticksToAsking_ = 0;
+    askingsToPatience_ = kPatientAskings;
     askForStates();
     return true;
 }
 
-bool Session::run(Handler* handler) {
-    while (!handler->isDone()) {
-        const int ready = interrupted != 0 ? -EINTR : companion_.wait();
-        if (ready == -EINTR && interrupted != 0) {
-            return false;
-        }
+void Session::forgetStates() {
+    for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
+        told_[type].reset();
+    }
+}
+
+bool Session::wasInterrupted() {
+    return interrupted != 0;
+}
+
+bool Session::run(Handler* handler, double seconds) {
+    const int64_t end = seconds > 0 ? nowNs() + static_cast<int64_t>(seconds * 1e9) : INT64_MAX;
+    while (!handler->isDone() && !wasInterrupted() && nowNs() < end) {
+        const int ready = wait();
         if (ready < 0 && ready != -EINTR) {
-            fprintf(stderr, "uafd-companion: waiting: %s\n", reasonOf(ready));
+            failed("waiting", uafd_companion_error_text(ready));
             return false;
         }
         step(handler, ready > 0 ? ready : 0);
     }
     return true;
+}
+
+// A tick's time at most.
+int Session::wait() {
+    if (companion_.micFd() >= 0) {
+        return companion_.wait();
+    }
+    pollfd events = {companion_.eventsFd(), POLLIN, 0};
+    return poll(&events, 1, 10) > 0 ? UAFD_READY_EVENT | UAFD_READY_BLOCK : UAFD_READY_BLOCK;
 }
 
 void Session::step(Handler* handler, int ready) {
@@ -107,7 +114,7 @@ void Session::takeEvents(Handler* handler) {
 }
 
 void Session::giveBlock(Handler* handler) {
-    int16_t samples[kBlockSamples] = {};
+    int16_t samples[UAFD_CHANNELS * UAFD_BLOCK_FRAMES] = {};
     handler->fillBlock(samples);
     if (companion_.write(samples) == 0) {
         handler->onBlockTaken();
@@ -115,12 +122,12 @@ void Session::giveBlock(Handler* handler) {
 }
 
 void Session::askForStates() {
-    if (told(UAFD_USB_STATE) || --blocksToAsking_ >= 0) {
+    if (told(UAFD_USB_STATE) || --ticksToAsking_ >= 0) {
         return;
     }
-    blocksToAsking_ = kAskingBlocks;
+    ticksToAsking_ = kAskingTicks;
     const int error = companion_.sync();
     if (error != 0 && --askingsToPatience_ == 0) {
-        fprintf(stderr, "uafd-companion: still waiting: %s\n", reasonOf(error));
+        failed("still waiting", uafd_companion_error_text(error));
     }
 }

@@ -5,11 +5,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <uafd_companion.hpp>
 
-constexpr int kBlockSamples = UAFD_CHANNELS * UAFD_BLOCK_FRAMES;
 constexpr double kBlockS = 0.01;
+constexpr double kDayS = 86400;
+constexpr char kSecondsHelp[] = "end after so long (default: at an interrupt)";
 
 // What a command does. Nothing is the default everywhere, silence for what the host records.
 class Handler {
@@ -28,36 +28,41 @@ class Handler {
 
 class Session {
   public:
-    // `directory` empty is the daemon's own.
-    explicit Session(std::string directory) : directory_(std::move(directory)) {}
-
-    // Says on standard error why it does not work.
+    // As the library's; false, and told on standard error, when it fails.
     bool open(unsigned parts = UAFD_ALL);
+    // As the library's.
+    int tryOpen(unsigned parts);
     void close() { companion_.close(); }
-    // Until the handler is done (true), or a signal ends it or the library fails (false).
-    bool run(Handler* handler);
+    // Until the handler is done, the time is over (0 has no end), or SIGINT, SIGTERM or SIGHUP
+    // comes, which wasInterrupted() then tells. False, told on standard error, when the library
+    // fails.
+    bool run(Handler* handler, double seconds = 0);
+    static bool wasInterrupted();
 
     uafd::Companion& companion() { return companion_; }
     // The last value told; none before.
     std::optional<int> told(uafd_event_type type) const { return told_[type]; }
     bool isOn(uafd_event_type type) const { return told(type) == 1; }
-    void forget(uafd_event_type type) { told_[type].reset(); }
+    // All states were told; of the streams', where no USB is configured, nothing is.
+    bool isAnswered() const {
+        return told(UAFD_USB_STATE) == 0 ||
+               (told(UAFD_USB_STATE) && told(UAFD_SPEAKER_STATE) && told(UAFD_MIC_STATE));
+    }
+    void forgetStates();
 
   private:
+    int wait();
     void step(Handler* handler, int ready);
     void takeSound(Handler* handler);
     void takeEvents(Handler* handler);
     void giveBlock(Handler* handler);
     void askForStates();
 
-    const std::string directory_;
     uafd::Companion companion_;
     std::optional<int> told_[UAFD_DAEMON_STATE + 1];
-    int blocksToAsking_ = 0;
+    int ticksToAsking_ = 0;
     int askingsToPatience_ = 0;  // lost: it is said that no daemon answers
 };
 
 // By CLOCK_MONOTONIC.
 int64_t nowNs();
-// The text of a result below 0 that the library gave.
-const char* reasonOf(int result);

@@ -1,48 +1,49 @@
-#include <cstdio>
-
-#include "companion/tool/commands.h"
+// Volume and mute: nothing but sending, so beside any other app.
+#include "companion/tool/command.h"
 #include "companion/tool/session.h"
-#include "companion/tool/tool.h"
 
 namespace {
 
-int misunderstood(const CommandLine& line) {
-    fprintf(stderr, "uafd-companion: not understood: %s %s\n", line.command.c_str(),
-            line.argument.c_str());
-    return kExitUsage;
-}
-
-// Beside any other app: nothing but the sending is needed.
+// `send` is called with the companion and gives the library's result.
 template <typename Send>
-int sendAlone(const CommandLine& line, Send&& send) {
+int sendAlone(const char* what, Send&& send) {
     uafd::Companion companion;
-    int error = companion.open(0, line.directory.empty() ? nullptr : line.directory.c_str());
+    int error = companion.open(0, directoryOption.orNull());
     if (error == 0) {
         error = send(&companion);
     }
-    if (error != 0) {
-        fprintf(stderr, "uafd-companion: %s: %s\n", line.command.c_str(), reasonOf(error));
-    }
-    return error == 0 ? kExitDone : kExitFailed;
+    return error == 0 ? kExitDone : failed(what, uafd_companion_error_text(error));
 }
+
+class Volume final : public Command {
+  public:
+    Volume() noexcept
+        : Command("volume", "N", "set the speaker's volume: -32768 to 32767, the driver's unit") {}
+    int run(const std::string& argument) override {
+        int volume = 0;
+        if (!readNumber<int>(argument, INT16_MIN, INT16_MAX, &volume)) {
+            return misused("volume " + argument + ": wants " + rangeOf<int>(INT16_MIN, INT16_MAX));
+        }
+        return sendAlone(name, [volume](uafd::Companion* companion) {
+            return companion->setSpeakerVolume(static_cast<int16_t>(volume));
+        });
+    }
+};
+
+class Mute final : public Command {
+  public:
+    Mute() noexcept : Command("mute", "on|off", "mute the speaker, or let it sound") {}
+    int run(const std::string& argument) override {
+        if (argument != "on" && argument != "off") {
+            return misused("mute " + argument + ": wants on or off");
+        }
+        return sendAlone(name, [&argument](uafd::Companion* companion) {
+            return companion->setSpeakerMute(argument == "on");
+        });
+    }
+};
+
+Volume volume;
+Mute mute;
 
 }  // namespace
-
-int setVolume(const CommandLine& line) {
-    int volume = 0;
-    if (!readInt(line.argument, INT16_MIN, INT16_MAX, &volume)) {
-        return misunderstood(line);
-    }
-    return sendAlone(line, [volume](uafd::Companion* companion) {
-        return companion->setSpeakerVolume(static_cast<int16_t>(volume));
-    });
-}
-
-int setMute(const CommandLine& line) {
-    if (line.argument != "on" && line.argument != "off") {
-        return misunderstood(line);
-    }
-    return sendAlone(line, [&line](uafd::Companion* companion) {
-        return companion->setSpeakerMute(line.argument == "on");
-    });
-}

@@ -3,10 +3,11 @@
 #include <numeric>
 #include <unistd.h>
 
-ChildProcess& ToolTest::start(std::vector<std::string> words) {
+ChildProcess& ToolTest::start(std::vector<std::string> words,
+                              const std::function<void()>& prepare) {
     words.insert(words.begin(), TOOL_PROGRAM);
     words.insert(words.end(), {"--directory", folder.path()});
-    return tool.emplace(words);
+    return tool.emplace(words, prepare);
 }
 
 bool ToolTest::waitFor(const std::function<bool()>& condition) {
@@ -23,12 +24,14 @@ bool ToolTest::waitForFile(const std::string& name) {
     return waitFor([&] { return access(daemon.path(name).c_str(), F_OK) == 0; });
 }
 
-void ToolTest::writeWav(const std::string& path, const Samples& samples, int channels, int rate) {
+void ToolTest::writeWav(const std::string& path, const Samples& samples, int channels, int rate,
+                        int format) {
     SF_INFO info{};
     info.samplerate = rate;
     info.channels = channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    info.format = format;
     SNDFILE* const file = sf_open(path.c_str(), SFM_WRITE, &info);
+    sf_command(file, SFC_SET_SCALE_INT_FLOAT_WRITE, nullptr, SF_TRUE);
     sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
     sf_close(file);
 }

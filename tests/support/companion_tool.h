@@ -21,14 +21,16 @@ class ToolTest : public testing::Test {
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
 
     // Starts it; its folder is the test's.
-    ChildProcess& start(std::vector<std::string> words);
+    ChildProcess& start(std::vector<std::string> words, const std::function<void()>& prepare = {});
     int run(const std::vector<std::string>& words) { return start(words).wait(); }
     // Real time: the tool is a process of its own.
     static bool waitFor(const std::function<bool()>& condition);
     bool waitForFile(const std::string& name);
     std::string file(const std::string& name) const { return folder.path() + "/" + name; }
 
-    static void writeWav(const std::string& path, const Samples& samples, int channels, int rate);
+    // `format` is libsndfile's.
+    static void writeWav(const std::string& path, const Samples& samples, int channels, int rate,
+                         int format = SF_FORMAT_WAV | SF_FORMAT_PCM_16);
     // Nothing for a file that cannot be read.
     static Samples readWav(const std::string& path, SF_INFO* info);
     static Samples ramp(size_t count);

@@ -47,7 +47,7 @@ TEST_F(ToolTest, LeavesAnotherAppAlone) {
     ASSERT_EQ(app.open(UAFD_ALL, folder.path().c_str()), 0);
     for (const char* command : {"loop", "play", "meter", "events", "latency", "check"}) {
         EXPECT_EQ(run({command}), 1) << command;
-        EXPECT_EQ(tool->errors(), "uafd-companion: opening: another app has it\n");
+        EXPECT_EQ(tool->errors(), "uafd-companion: opening: an app has this part open already\n");
     }
 }
 
@@ -58,26 +58,49 @@ TEST_F(ToolTest, SaysThatAFifoIsNone) {
               "uafd-companion: opening: something that is no FIFO has a FIFO's name\n");
 }
 
-TEST_F(ToolTest, PrintsEventsWithTheirTime) {
-    daemon.bindSocket();
-    start({"events", "--count", "15"});
-    std::vector<Message> asked;
-    ASSERT_TRUE(waitFor([&] { return !(asked = daemon.messages()).empty(); }));
-    EXPECT_THAT(asked, testing::Each(Message{7, 0}));
-    const Message told[] = {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}, {3, 0xFFFF}, {4, 512},
-                            {5, 1}, {5, 0}, {6, 1}, {6, 0}, {9, 9}, {0, 1}, {1, 1},      {2, 1}};
-    for (const Message& message : told) {
-        ASSERT_TRUE(waitFor([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
+constexpr Message kTold[] = {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}, {3, 0xFFFF}, {4, 512},
+                             {5, 1}, {5, 0}, {6, 1}, {6, 0}, {9, 9}, {0, 1}, {1, 1},      {2, 1}};
+
+// A tool that prints the first fourteen of those.
+class EventsTool : public ToolTest {
+  protected:
+    std::string outputOf(std::vector<std::string> words) {
+        daemon.bindSocket();
+        words.insert(words.begin(), {"events", "--count", "15"});
+        start(words);
+        std::vector<Message> asked;
+        EXPECT_TRUE(waitFor([&] { return !(asked = daemon.messages()).empty(); }));
+        EXPECT_THAT(asked, testing::Each(Message{7, 0}));
+        for (const Message& message : kTold) {
+            EXPECT_TRUE(
+                waitFor([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
+        }
+        EXPECT_EQ(tool->wait(), 0);
+        return tool->output();
     }
-    EXPECT_EQ(tool->wait(), 0);
-    const std::string lines = tool->output();
-    EXPECT_EQ(
-        std::regex_replace(lines, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )"), "@"),
-        "@daemon there\n@usb configured\n@usb disconnected\n@speaker on\n@speaker off\n@microphone "
-        "on\n"
-        "@microphone off\n@speaker volume -1\n@microphone volume 512\n@speaker muted\n"
-        "@speaker sounds\n@microphone muted\n@microphone sounds\n@usb configured\n"
-        "@speaker on\n");
+};
+
+TEST_F(EventsTool, PrintsEventsWithTheirTime) {
+    const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
+    EXPECT_EQ(std::regex_replace(outputOf({}), time, "@"),
+              "@daemon there\n@usb configured\n@usb disconnected\n@speaker on\n@speaker "
+              "off\n@microphone on\n"
+              "@microphone off\n@speaker volume -1\n@microphone volume 512\n@speaker muted\n"
+              "@speaker sounds\n@microphone muted\n@microphone sounds\n@usb configured\n"
+              "@speaker on\n");
+}
+
+TEST_F(EventsTool, PrintsEventsAsJson) {
+    const std::regex time(R"(\{"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z","event":)");
+    EXPECT_EQ(std::regex_replace(outputOf({"--json"}), time, "@"),
+              "@\"daemon_state\",\"value\":1}\n"
+              "@\"usb_state\",\"value\":1}\n@\"usb_state\",\"value\":0}\n"
+              "@\"speaker_state\",\"value\":1}\n@\"speaker_state\",\"value\":0}\n"
+              "@\"mic_state\",\"value\":1}\n@\"mic_state\",\"value\":0}\n"
+              "@\"speaker_volume\",\"value\":-1}\n@\"mic_volume\",\"value\":512}\n"
+              "@\"speaker_mute\",\"value\":1}\n@\"speaker_mute\",\"value\":0}\n"
+              "@\"mic_mute\",\"value\":1}\n@\"mic_mute\",\"value\":0}\n"
+              "@\"usb_state\",\"value\":1}\n@\"speaker_state\",\"value\":1}\n");
 }
 
 TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
@@ -85,98 +108,66 @@ TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
     EXPECT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
     EXPECT_EQ(tool->errors(), "uafd-companion: still waiting: no daemon runs\n");
     tool->send(SIGINT);
-    EXPECT_EQ(tool->wait(), 128 + SIGINT);
+    EXPECT_EQ(tool->wait(), 0);
+}
+
+// ---- Status ------------------------------------------------------------------------------------
+
+StreamingOptions answering(std::vector<Message> answer) {
+    StreamingOptions options;
+    options.answer = std::move(answer);
+    return options;
+}
+
+TEST_F(ToolTest, TellsTheStatus) {
+    const StreamingDaemon streaming(folder, answering({{0, 1}, {1, 1}, {2, 0}}));
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_EQ(tool->output(),
+              "daemon      running\nusb         configured\nspeaker     on\nmicrophone  off\n");
+    EXPECT_EQ(run({"status", "--json"}), 0);
+    EXPECT_EQ(
+        tool->output(),
+        R"({"daemon":"running","other_app":false,"usb_state":1,"speaker_state":1,"mic_state":0})"
+        "\n");
+}
+
+TEST_F(ToolTest, TellsTheStatusWithoutAHost) {
+    const StreamingDaemon streaming(folder, answering({{0, 0}}));
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_EQ(tool->output(),
+              "daemon      running\nusb         disconnected\nspeaker     unknown\n"
+              "microphone  unknown\n");
+}
+
+TEST_F(ToolTest, TellsTheStatusWithoutADaemon) {
+    EXPECT_EQ(run({"status"}), 1);
+    EXPECT_EQ(
+        tool->output(),
+        "daemon      absent\nusb         unknown\nspeaker     unknown\nmicrophone  unknown\n");
+}
+
+TEST_F(ToolTest, TellsTheStatusOfADaemonThatDoesNotAnswer) {
+    daemon.bindSocket();
+    EXPECT_EQ(run({"status", "--json", "--wait", "0.1"}), 1);
+    EXPECT_EQ(
+        tool->output(),
+        R"({"daemon":"silent","other_app":false,"usb_state":null,"speaker_state":null,"mic_state":null})"
+        "\n");
+}
+
+TEST_F(ToolTest, TellsTheStatusBesideAnotherApp) {
+    uafd::Companion app;
+    ASSERT_EQ(app.open(UAFD_ALL, folder.path().c_str()), 0);
+    EXPECT_EQ(run({"status", "--json"}), 1);
+    EXPECT_THAT(tool->output(), HasSubstr(R"({"daemon":"absent","other_app":true,)"));
+    daemon.bindSocket();
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_EQ(tool->output(),
+              "daemon      running, another app is told the states\nusb         unknown\n"
+              "speaker     unknown\nmicrophone  unknown\n");
 }
 
 // ---- Sound -------------------------------------------------------------------------------------
-
-TEST_F(ToolTest, RecordsWhatTheHostPlays) {
-    start({"record", file("heard.wav"), "--seconds", "0.01"});
-    ASSERT_TRUE(waitForFile("FifoTx"));
-    ASSERT_TRUE(daemon.openFifos());
-    daemon.play(ramp(600));
-    daemon.play(ramp(600));
-    EXPECT_EQ(tool->wait(), 0);
-    EXPECT_EQ(tool->errors(), "0.010 s recorded\n");
-    SF_INFO info{};
-    Samples expected = ramp(600);
-    const Samples more = ramp(360);
-    expected.insert(expected.end(), more.begin(), more.end());
-    EXPECT_EQ(readWav(file("heard.wav"), &info), expected);
-    EXPECT_EQ(info.samplerate, 48000);
-    EXPECT_EQ(info.channels, 2);
-    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-}
-
-TEST_F(ToolTest, LeavesAWholeFileWhenItIsInterrupted) {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        start({"record", file("heard.wav")});
-        ASSERT_TRUE(waitForFile("FifoTx"));
-        ASSERT_TRUE(daemon.openFifos());
-        daemon.play(ramp(480));
-        ASSERT_TRUE(waitFor([&] {
-            int unread = 0;
-            return ioctl(daemon.speakerFd(), FIONREAD, &unread) == 0 && unread == 0;
-        }));
-        tool->send(signal);
-        EXPECT_EQ(tool->wait(), 0);
-        SF_INFO info{};
-        EXPECT_EQ(readWav(file("heard.wav"), &info), ramp(480));
-        daemon.end();
-    }
-}
-
-TEST_F(ToolTest, SaysThatItCannotWriteAFile) {
-    EXPECT_EQ(run({"record", "/nonexistent/heard.wav"}), 1);
-    EXPECT_THAT(tool->errors(), HasSubstr("uafd-companion: /nonexistent/heard.wav: "));
-}
-
-class Played : public ToolTest, public testing::WithParamInterface<int> {};
-
-// Every sample of the left channel, from the first on, and silence to the block's end.
-TEST_P(Played, FileIsHeardWhole) {
-    const int channels = GetParam();
-    Samples samples;
-    for (const int16_t sample : ramp(1000)) {
-        samples.push_back(sample);
-        if (channels == 2) {
-            samples.push_back(-1);
-        }
-    }
-    writeWav(file("said.wav"), samples, channels, 48000);
-    start({"play", file("said.wav")});
-    ASSERT_TRUE(waitForFile("FifoTx"));
-    ASSERT_TRUE(daemon.openFifos());
-    Samples expected = ramp(1000);
-    expected.resize(1440);
-    EXPECT_EQ(recordUntil([](const Samples&) { return false; }), expected);
-    EXPECT_EQ(tool->wait(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Channels, Played, testing::Values(1, 2),
-                         testing::PrintToStringParamName());
-
-TEST_F(ToolTest, SaysThatItCannotPlayAFile) {
-    EXPECT_EQ(run({"play", file("none.wav")}), 1);
-    EXPECT_THAT(tool->errors(), HasSubstr("none.wav: "));
-    writeWav(file("slow.wav"), ramp(100), 1, 44100);
-    EXPECT_EQ(run({"play", file("slow.wav")}), 1);
-    EXPECT_EQ(tool->errors(),
-              "uafd-companion: " + file("slow.wav") + ": its rate is not 48000 Hz\n");
-}
-
-TEST_F(ToolTest, PlaysATone) {
-    start({"play", "--tone", "480", "--level", "-6", "--seconds", "0.1"});
-    ASSERT_TRUE(waitForFile("FifoTx"));
-    ASSERT_TRUE(daemon.openFifos());
-    const Samples heard = recordUntil([](const Samples&) { return false; });
-    EXPECT_EQ(tool->wait(), 0);
-    ASSERT_EQ(heard.size(), 4800U);
-    for (size_t i = 0; i < heard.size(); ++i) {
-        const double turns = static_cast<double>(i % 100) / 100;
-        ASSERT_NEAR(heard[i], 32767 * std::pow(10, -0.3) * std::sin(2 * M_PI * turns), 1);
-    }
-}
 
 TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
     start({"loop"});
@@ -240,97 +231,24 @@ TEST_F(ToolTest, SaysWhyItCannotMeasure) {
     {
         const StreamingDaemon deaf(folder, options);
         EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
-        EXPECT_EQ(tool->errors(),
-                  "uafd-companion: no burst came back: does the host play what it records?\n");
+        EXPECT_EQ(
+            tool->errors(),
+            "uafd-companion: latency: no burst came back: does the host play what it records?\n");
     }
     options.records = false;
     {
         const StreamingDaemon mute(folder, options);
         EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
         EXPECT_EQ(tool->errors(),
-                  "uafd-companion: the daemon takes no sound: does the host record?\n");
+                  "uafd-companion: latency: the daemon takes no sound: does the host record?\n");
     }
     options.left = options.right = 2000;
     options.records = true;
     const StreamingDaemon loud(folder, options);
     EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
     EXPECT_EQ(tool->errors(),
-              "uafd-companion: the host plays something else: the bursts cannot be told from it\n");
-}
-
-// ---- Check -------------------------------------------------------------------------------------
-
-TEST_F(ToolTest, ChecksADaemonThatIsNotThere) {
-    EXPECT_EQ(run({"check", "--wait", "0.1"}), 1);
-    EXPECT_THAT(tool->output(), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
-    EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's volume is taken: no daemon runs\n"));
-    EXPECT_THAT(tool->output(), HasSubstr("FAIL  the speaker's mute is taken: no daemon runs\n"));
-    EXPECT_THAT(tool->output(), HasSubstr("\n0 passed, 9 failed\n"));
-}
-
-TEST_F(ToolTest, DoesNotPassACheckThatIsInterrupted) {
-    start({"check"});
-    ASSERT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
-    tool->send(SIGINT);
-    EXPECT_EQ(tool->wait(), 1);
-    EXPECT_EQ(tool->output(), "0 passed, 0 failed, interrupted\n");
-}
-
-// A daemon with a fault, and what the check of it says.
-struct Fault {
-    Fault(const char* verdict, StreamingOptions options)
-        : line(std::string("FAIL  ") + verdict + "\n"),
-          streaming(folder, std::move(options)),
-          tool({TOOL_PROGRAM, "check", "--wait", "2", "--directory", folder.path()}) {}
-
-    const std::string line;
-    const TempDir folder;
-    const StreamingDaemon streaming;
-    ChildProcess tool;
-};
-
-StreamingOptions answering(std::vector<Message> answer) {
-    StreamingOptions options;
-    options.answer = std::move(answer);
-    return options;
-}
-
-StreamingOptions playing(int16_t left, int16_t right) {
-    StreamingOptions options;
-    options.left = left;
-    options.right = right;
-    return options;
-}
-
-StreamingOptions streaming(bool plays, bool records) {
-    StreamingOptions options;
-    options.plays = plays;
-    options.records = records;
-    return options;
-}
-
-// All at once: a check takes its time.
-TEST_F(ToolTest, FindsAFaultyDaemonOut) {
-    Fault faults[] = {
-        {"a sync-up is answered: no answer", answering({})},
-        {"a sync-up is answered: the answer is not whole", answering({{0, 1}})},
-        {"a sync-up is answered: the host has not configured the board", answering({{0, 0}})},
-        {"the speaker stream is on: it is off: does the host play?",
-         answering({{0, 1}, {1, 0}, {2, 1}})},
-        {"the microphone stream is on: it is off: does the host record?",
-         answering({{0, 1}, {1, 1}, {2, 0}})},
-        {"the host's sound comes whole: left and right differ", playing(1, 2)},
-        {"the host's sound comes whole: nothing but silence: does the host play?", playing(0, 0)},
-        {"the host's sound comes whole: no frame came", streaming(false, true)},
-        {"the app's sound is taken: no block is taken", streaming(true, false)},
-    };
-    for (Fault& fault : faults) {
-        SCOPED_TRACE(fault.line);
-        const auto verdict = [&] { return fault.tool.output().find(fault.line); };
-        EXPECT_TRUE(waitFor([&] { return verdict() != std::string::npos; })) << fault.tool.output();
-        fault.tool.send(SIGTERM);
-        EXPECT_EQ(fault.tool.wait(), 1);
-    }
+              "uafd-companion: latency: the host plays something else: the bursts cannot be told "
+              "from it\n");
 }
 
 }  // namespace

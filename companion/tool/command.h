@@ -1,0 +1,119 @@
+// The command line: commands and the options that they own. A command is a class with one object,
+// which registers itself; its options are members, which hold their values once the line was read.
+// Nothing here allocates before main. One thread.
+#pragma once
+
+#include <string>
+
+// Exit statuses.
+constexpr int kExitDone = 0;
+constexpr int kExitFailed = 1;  // with the reason on standard error
+constexpr int kExitUsage = 2;   // the command line was not understood
+
+// Says on standard error what is wrong with the command line; returns kExitUsage.
+int misused(const std::string& what);
+// Says on standard error what has failed and why; returns kExitFailed.
+int failed(const std::string& what, const std::string& reason);
+
+// A number from `low` to `high`, a whole one when T is int; false, and without a word, for anything
+// else. Of int and double.
+template <typename T>
+bool readNumber(const std::string& text, T low, T high, T* number);
+// "a number from 1 to 9"
+template <typename T>
+std::string rangeOf(T low, T high);
+
+class Option {
+  public:
+    // Appends itself to `list`. `value` is the name of its value in the help; null when it has
+    // none.
+    Option(Option** list, const char* name, const char* value, const char* help) noexcept;
+    Option(const Option&) = delete;
+    Option& operator=(const Option&) = delete;
+
+    // False when the option does not take this value.
+    virtual bool read(const std::string& text) = 0;
+    // What it takes, as "a number from 1 to 9".
+    virtual std::string range() const = 0;
+
+    const char* const name;
+    const char* const value;
+    const char* const help;
+    Option* next = nullptr;
+
+  protected:
+    ~Option() = default;
+};
+
+class Flag final : public Option {
+  public:
+    Flag(Option** list, const char* name, const char* help) noexcept
+        : Option(list, name, nullptr, help) {}
+    bool read(const std::string& /*text*/) override { return given_ = true; }
+    std::string range() const override { return "nothing"; }
+    explicit operator bool() const { return given_; }
+
+  private:
+    bool given_ = false;
+};
+
+class Text final : public Option {
+  public:
+    using Option::Option;
+    bool read(const std::string& text) override;
+    std::string range() const override { return "a name"; }
+    // Null when it was not given.
+    const char* orNull() const { return text_.empty() ? nullptr : text_.c_str(); }
+
+  private:
+    std::string text_;
+};
+
+// As readNumber() takes it.
+template <typename T>
+class Number final : public Option {
+  public:
+    Number(Option** list, const char* name, const char* value, T low, T high, T initial,
+           const char* help) noexcept
+        : Option(list, name, value, help), low_(low), high_(high), number_(initial) {}
+    bool read(const std::string& text) override { return readNumber(text, low_, high_, &number_); }
+    std::string range() const override { return rangeOf(low_, high_); }
+    T operator*() const { return number_; }
+
+  private:
+    const T low_;
+    const T high_;
+    T number_;
+};
+
+class Command {
+  public:
+    // `argument` is what the help calls the command's own argument: "FILE"; "[FILE]" when it may be
+    // left out; empty for none.
+    Command(const char* name, const char* argument, const char* summary) noexcept;
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    // Returns the exit status. `argument` is empty when it was left out.
+    virtual int run(const std::string& argument) = 0;
+
+    // Null when there is none of this name.
+    static Command* find(const std::string& name);
+    // By `next` all follow, in the order of their names.
+    static Command* first();
+
+    const char* const name;
+    const char* const argument;
+    const char* const summary;
+    Command* next;
+    Option* options = nullptr;
+
+  protected:
+    ~Command() = default;
+};
+
+// What every command takes.
+extern Option* commonOptions;
+extern Text directoryOption;  // where the FIFOs and sockets are
+extern Flag helpOption;
+extern Flag versionOption;

@@ -1,0 +1,247 @@
+#include "companion/tool/sound_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <uafd_companion.h>
+#include <unistd.h>
+#include <utility>
+
+#include "companion/tool/command.h"
+
+namespace {
+
+constexpr uint32_t kNoLength = UINT32_MAX;  // what others write, too, where they cannot know it
+constexpr uint16_t kPcm = 1;
+constexpr uint16_t kFloat = 3;
+constexpr uint16_t kExtensible = 0xFFFE;  // the format stands at the end
+constexpr size_t kExtensionOffset = 24;   // of that
+constexpr int kFrameBytes = UAFD_CHANNELS * sizeof(int16_t);
+
+// A WAV file is little-endian, as every machine that this runs on.
+struct Chunk {
+    char id[4];
+    uint32_t size;
+};
+struct Format {
+    uint16_t tag;
+    uint16_t channels;
+    uint32_t rate;
+    uint32_t bytesPerSecond;
+    uint16_t frameBytes;
+    uint16_t sampleBits;
+};
+struct Header {
+    Chunk riff;
+    char wave[4];
+    Chunk format;
+    Format details;
+    Chunk data;
+};
+static_assert(sizeof(Header) == 44, "a WAV header has no gaps");
+
+bool is(const char* id, const char* name) {
+    return memcmp(id, name, 4) == 0;
+}
+
+bool complain(const std::string& name, const std::string& reason) {
+    failed(name, reason);
+    return false;
+}
+
+bool writeFully(int fd, const void* bytes, size_t size) {
+    const auto* from = static_cast<const char*>(bytes);
+    while (size > 0) {
+        const ssize_t written = write(fd, from, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        from += std::max<ssize_t>(written, 0);
+        size -= static_cast<size_t>(std::max<ssize_t>(written, 0));
+    }
+    return true;
+}
+
+ssize_t readSome(int fd, void* bytes, size_t size) {
+    ssize_t got = 0;
+    do {
+        got = read(fd, bytes, size);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+}  // namespace
+
+// ---- Writing -----------------------------------------------------------------------------------
+
+bool SoundWriter::open(const std::string& path, bool raw) {
+    name_ = path == "-" ? "standard output" : path;
+    fd_ = path == "-" ? dup(STDOUT_FILENO)
+                      : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd_ < 0) {
+        return complain(name_, strerror(errno));
+    }
+    hasHeader_ = !raw;
+    isSeekable_ = path != "-" && lseek(fd_, 0, SEEK_CUR) == 0;
+    return raw || writeHeader();
+}
+
+bool SoundWriter::writeHeader() {
+    const uint64_t riffBytes = sizeof(Header) - sizeof(Chunk) + bytes_;
+    const bool isKnown = isSeekable_ && riffBytes < kNoLength;
+    const Header header = {
+        {{'R', 'I', 'F', 'F'}, isKnown ? static_cast<uint32_t>(riffBytes) : kNoLength},
+        {'W', 'A', 'V', 'E'},
+        {{'f', 'm', 't', ' '}, sizeof(Format)},
+        {kPcm, UAFD_CHANNELS, UAFD_RATE, UAFD_RATE * kFrameBytes, kFrameBytes, 16},
+        {{'d', 'a', 't', 'a'}, isKnown ? static_cast<uint32_t>(bytes_) : kNoLength}};
+    const bool written = isSeekable_ && bytes_ > 0
+                             ? pwrite(fd_, &header, sizeof header, 0) == sizeof header
+                             : writeFully(fd_, &header, sizeof header);
+    return written || complain(name_, strerror(errno));
+}
+
+bool SoundWriter::write(const int16_t* samples, int frames) {
+    const size_t size = static_cast<size_t>(frames) * kFrameBytes;
+    if (!writeFully(fd_, samples, size)) {
+        return complain(name_, strerror(errno));
+    }
+    bytes_ += size;
+    return !hasHeader_ || !isSeekable_ || writeHeader();
+}
+
+bool SoundWriter::close() {
+    const int fd = std::exchange(fd_, -1);
+    return fd < 0 || ::close(fd) == 0 || complain(name_, strerror(errno));
+}
+
+// ---- Reading -----------------------------------------------------------------------------------
+
+SoundReader::~SoundReader() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+bool SoundReader::open(const std::string& path, bool raw) {
+    name_ = path == "-" ? "standard input" : path;
+    fd_ = path == "-" ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) {
+        return complain(name_, strerror(errno));
+    }
+    return raw || readHeader();
+}
+
+// Up to where the sound begins.
+bool SoundReader::readHeader() {
+    Chunk chunk{};
+    char wave[4];
+    if (!readFully(&chunk, sizeof chunk) || !readFully(wave, sizeof wave) ||
+        !is(chunk.id, "RIFF") || !is(wave, "WAVE")) {
+        return complain(name_, "it is no WAV file");
+    }
+    bool isKnown = false;
+    while (readFully(&chunk, sizeof chunk)) {
+        if (is(chunk.id, "fmt ")) {
+            isKnown = readFormat(chunk.size);
+            if (!isKnown) {
+                return false;
+            }
+        } else if (is(chunk.id, "data") && isKnown) {
+            bytesLeft_ = chunk.size;
+            return true;
+        } else if (!skip(chunk.size)) {
+            break;
+        }
+    }
+    return complain(name_, "it ends before its sound begins");
+}
+
+bool SoundReader::readFormat(uint32_t size) {
+    unsigned char bytes[kExtensionOffset + sizeof(uint16_t)] = {};
+    const size_t known = std::min<size_t>(size, sizeof bytes);
+    if (!readFully(bytes, known) || !skip(size - static_cast<uint32_t>(known))) {
+        return complain(name_, "it ends before its sound begins");
+    }
+    Format format{};
+    memcpy(&format, bytes, sizeof format);
+    if (format.tag == kExtensible) {
+        memcpy(&format.tag, bytes + kExtensionOffset, sizeof format.tag);
+    }
+    isFloat_ = format.tag == kFloat;
+    sampleBytes_ = format.sampleBits / 8U;
+    frameBytes_ = format.frameBytes;
+    if (format.rate != UAFD_RATE) {
+        return complain(name_, "its rate is " + std::to_string(format.rate) + " Hz, not 48000 Hz");
+    }
+    const bool isInteger = format.tag == kPcm && sampleBytes_ >= 2 && sampleBytes_ <= 4;
+    if ((!isInteger && !(isFloat_ && sampleBytes_ == sizeof(float))) ||
+        frameBytes_ != sampleBytes_ * format.channels || frameBytes_ == 0) {
+        return complain(name_, "its samples are neither of 16, 24 or 32 bits nor floating point");
+    }
+    return true;
+}
+
+bool SoundReader::readFully(void* bytes, size_t size) const {
+    auto* to = static_cast<char*>(bytes);
+    for (ssize_t got = 1; got > 0 && size > 0; size -= static_cast<size_t>(got)) {
+        got = std::max<ssize_t>(readSome(fd_, to, size), 0);
+        to += got;
+    }
+    return size == 0;
+}
+
+bool SoundReader::skip(uint32_t size) const {
+    char bytes[512];
+    for (uint64_t left = uint64_t{size} + size % 2;
+         left > 0;) {  // of an odd number one more is in the file
+        const size_t part = std::min<uint64_t>(left, sizeof bytes);
+        if (!readFully(bytes, part)) {
+            return false;
+        }
+        left -= part;
+    }
+    return true;
+}
+
+// Reads until the buffer holds so much, or nothing more is there at present.
+void SoundReader::fill(size_t size) {
+    pollfd input = {fd_, POLLIN, 0};
+    while (buffer_.size() < size && bytesLeft_ > 0 && poll(&input, 1, 0) > 0) {
+        const size_t had = buffer_.size();
+        buffer_.resize(had + std::min<uint64_t>(size - had, bytesLeft_));
+        const ssize_t got = readSome(fd_, &buffer_[had], buffer_.size() - had);
+        buffer_.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        bytesLeft_ = got > 0 ? bytesLeft_ - static_cast<uint64_t>(got) : 0;
+        isGood_ = got >= 0 || complain(name_, strerror(errno));
+    }
+}
+
+int16_t SoundReader::sampleOf(const unsigned char* frame) const {
+    if (isFloat_) {
+        float sample = 0;
+        memcpy(&sample, frame, sizeof sample);
+        const float scaled = sample * -float{INT16_MIN};
+        return static_cast<int16_t>(std::lround(std::clamp(scaled, -32768.0F, 32767.0F)));
+    }
+    int16_t sample = 0;  // the upper 16 bits
+    memcpy(&sample, frame + sampleBytes_ - sizeof sample, sizeof sample);
+    return sample;
+}
+
+bool SoundReader::readBlock(int16_t* left) {
+    fill(UAFD_BLOCK_FRAMES * frameBytes_);
+    const size_t frames = std::min<size_t>(buffer_.size() / frameBytes_, UAFD_BLOCK_FRAMES);
+    if (frames < UAFD_BLOCK_FRAMES && bytesLeft_ > 0) {
+        return false;
+    }
+    std::fill_n(left, UAFD_BLOCK_FRAMES, int16_t{0});
+    for (size_t i = 0; i < frames; ++i) {
+        left[i] = sampleOf(&buffer_[i * frameBytes_]);
+    }
+    buffer_.clear();  // it never holds more than a block
+    return frames > 0;
+}

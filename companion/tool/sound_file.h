@@ -1,0 +1,62 @@
+// Sound in files and pipes: WAV, or raw, which is what the FIFOs carry: stereo, 16 bits, 48000 Hz,
+// without a header. "-" is standard input or output. Failures are told on standard error. One
+// thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Writes stereo. What was in the file is gone.
+class SoundWriter {
+  public:
+    ~SoundWriter() { close(); }
+    bool open(const std::string& path, bool raw);
+    // After each the file is whole: whatever ends the process then, it can be played. In a pipe the
+    // header gives no length; neither does a file's from 4 GiB on, after six hours.
+    bool write(const int16_t* samples, int frames);
+    // False when something was not written.
+    bool close();
+
+  private:
+    bool writeHeader();
+
+    std::string name_;
+    int fd_ = -1;
+    bool hasHeader_ = false;   // WAV
+    bool isSeekable_ = false;  // the header can be written again
+    uint64_t bytes_ = 0;       // of sound
+};
+
+// Reads the left channel.
+class SoundReader {
+  public:
+    ~SoundReader();
+    // Of a WAV reads the header, waiting for it: any number of channels, of 16, 24 or 32 bits or
+    // floating point, 48000 Hz.
+    bool open(const std::string& path, bool raw);
+    // Fills a block of UAFD_BLOCK_FRAMES, the last one up with silence; false when so much has not
+    // come yet, or at the end. Never waits.
+    bool readBlock(int16_t* left);
+    // False when the end came by an error.
+    bool isGood() const { return isGood_; }
+    bool isAtEnd() const { return buffer_.size() < frameBytes_ && bytesLeft_ == 0; }
+
+  private:
+    bool readHeader();
+    bool readFormat(uint32_t size);
+    bool readFully(void* bytes, size_t size) const;
+    bool skip(uint32_t size) const;
+    void fill(size_t size);
+    int16_t sampleOf(const unsigned char* frame) const;
+
+    std::string name_;
+    int fd_ = -1;
+    bool isGood_ = true;
+    bool isFloat_ = false;
+    size_t frameBytes_ = 4;
+    size_t sampleBytes_ = 2;
+    uint64_t bytesLeft_ = UINT64_MAX;  // of sound, behind the buffer; 0 from the end of the file on
+    std::vector<unsigned char> buffer_;
+};
