@@ -115,5 +115,6 @@ class Command {
 // What every command takes.
 extern Option* commonOptions;
 extern Text directoryOption;  // where the FIFOs and sockets are
+extern Text groupOption;      // of what is made there
 extern Flag helpOption;
 extern Flag versionOption;

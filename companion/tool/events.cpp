@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "companion/tool/access.h"
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
@@ -55,7 +56,7 @@ class Events final : public Command, private Handler {
     bool isDone() override { return *count_ > 0 && printed_ >= *count_; }
 
     Number<int> count_{&options, "count", "N", 1, 1000000, 0, "end after so many events"};
-    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Flag json_{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
     int printed_ = 0;
 };
@@ -91,13 +92,14 @@ class Status final : public Command, private Handler {
     void print(const char* daemon) const;
 
     Number<double> wait_{
-        &options, "wait", "N", 0, kDayS, 10, "seconds to wait for an answer (default 10)"};
+        &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for an answer (default 10)"};
     Flag json_{&options, "json", "a JSON object; null is what is not known"};
     Session session_;
     bool hasOtherApp_ = false;  // which is told the states
 };
 
 int Status::run(const std::string& /*argument*/) {
+    const FoundFolder folder;
     int error = session_.tryOpen(UAFD_EVENTS);
     hasOtherApp_ = error == -EBUSY;
     if (hasOtherApp_) {
@@ -108,6 +110,9 @@ int Status::run(const std::string& /*argument*/) {
     }
     const char* const daemon = ask();
     print(daemon);
+    if (!hasOtherApp_) {
+        folder.restore(true);
+    }
     return strcmp(daemon, kRunning) == 0 ? kExitDone : kExitFailed;
 }
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int kQuietTicks = 30;  // before a burst
+constexpr int kQuietTicks = 3;  // before a burst
 constexpr int16_t kQuietPeak = 500;
 constexpr int16_t kBurstPeak = 1000;  // what comes louder is the burst
 constexpr int16_t kAmplitude = 16000;
@@ -20,7 +20,7 @@ constexpr int kHalfWaveFrames = 24;  // 1000 Hz
 class Bursts : public Handler {
   public:
     Bursts(int count, double waitSeconds)
-        : left_(count), waitTicks_(static_cast<int>(waitSeconds / kBlockS)) {}
+        : left_(count), waitTicks_(static_cast<int>(waitSeconds / kTickS)) {}
 
     void onSound(const int16_t* samples, int frames) override {
         int peak = 0;
@@ -94,13 +94,13 @@ class Latency final : public Command {
   private:
     Number<int> count_{&options, "count", "N", 1, 1000000, 10, "how many bursts (default 10)"};
     Number<double> wait_{
-        &options, "wait", "N", 0, kDayS, 10, "seconds to wait for each (default 10)"};
+        &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for each (default 10)"};
 };
 
 int Latency::run(const std::string& /*argument*/) {
     Session session;
     Bursts bursts(*count_, *wait_);
-    if (!session.open() || !session.run(&bursts) || Session::wasInterrupted()) {
+    if (!session.open(UAFD_SOUND) || !session.run(&bursts) || Session::wasInterrupted()) {
         return kExitFailed;
     }
     if (!bursts.reason().empty()) {

@@ -14,7 +14,7 @@ class Loop final : public Command, private Handler {
     Loop() noexcept : Command("loop", "", "give the host back what it plays") {}
     int run(const std::string& /*argument*/) override {
         Session session;
-        return session.open() && session.run(this, *seconds_) ? kExitDone : kExitFailed;
+        return session.open(UAFD_SOUND) && session.run(this, *seconds_) ? kExitDone : kExitFailed;
     }
 
   private:
@@ -40,7 +40,7 @@ class Loop final : public Command, private Handler {
         queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(frames));
     }
 
-    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     std::vector<int16_t> queue_;
     bool flows_ = false;
 };

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int kTicksPerLine = 10;
 constexpr int kBarWidth = 48;
 constexpr double kSilenceDb = -96;  // what 16 bits can tell from nothing
 constexpr double kBarDb = 48;       // from an empty bar to a full one
@@ -41,25 +40,20 @@ class Meter final : public Command, private Handler {
         }
         frames_ += frames;
     }
-    void onTick() override {
-        if (++ticks_ % kTicksPerLine == 0) {
-            print();
-        }
-    }
+    void onTick() override { print(); }
     bool isDone() override { return false; }
     void print();
 
-    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Session session_;
     const bool isTerminal_ = isatty(STDOUT_FILENO) != 0;
-    int64_t ticks_ = 0;
     double peak_ = 0;
     double squares_ = 0;
     int64_t frames_ = 0;
 };
 
 int Meter::run(const std::string& /*argument*/) {
-    const bool isRun = session_.open() && session_.run(this, *seconds_);
+    const bool isRun = session_.open(UAFD_SPEAKER) && session_.run(this, *seconds_);
     if (isTerminal_) {
         putchar('\n');
     }

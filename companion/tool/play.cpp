@@ -21,7 +21,7 @@ class Play final : public Command, private Handler {
     void onBlockTaken() override;
     bool isDone() override { return isFile_ && !isLoaded_ && reader_.isAtEnd(); }
 
-    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Flag raw_{&options, "raw", "the file has no header: stereo, 16 bits, 48000 Hz"};
     Number<double> toneHz_{
         &options, "tone", "HZ", 1, 24000, 1000, "the tone without a file (default 1000)"};
@@ -37,7 +37,7 @@ class Play final : public Command, private Handler {
 int Play::run(const std::string& file) {
     isFile_ = !file.empty();
     Session session;
-    if ((isFile_ && !reader_.open(file, static_cast<bool>(raw_))) || !session.open()) {
+    if ((isFile_ && !reader_.open(file, static_cast<bool>(raw_))) || !session.open(UAFD_MIC)) {
         return kExitFailed;
     }
     load();

@@ -18,7 +18,7 @@ class Record final : public Command, private Handler {
     }
     bool isDone() override { return !isWritten_; }
 
-    Number<double> seconds_{&options, "seconds", "N", 0, kDayS, 0, kSecondsHelp};
+    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Flag raw_{&options, "raw", "no header: stereo, 16 bits, 48000 Hz"};
     SoundWriter file_;
     int64_t frames_ = 0;
@@ -28,7 +28,7 @@ class Record final : public Command, private Handler {
 // The file is touched last: not when another app has the speaker.
 int Record::run(const std::string& file) {
     Session session;
-    if (!session.open() || !file_.open(file, static_cast<bool>(raw_))) {
+    if (!session.open(UAFD_SPEAKER) || !file_.open(file, static_cast<bool>(raw_))) {
         return kExitFailed;
     }
     session.run(this, *seconds_);

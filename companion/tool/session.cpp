@@ -1,22 +1,31 @@
 #include "companion/tool/session.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <poll.h>
+#include <string>
 
+#include "companion/tool/access.h"
 #include "companion/tool/command.h"
 
 namespace {
 
-constexpr int kAskingTicks = 50;    // from one sync-up to the next, while none is answered
-constexpr int kPatientAskings = 3;  // a daemon that waited for the FIFOs has no socket at first
 constexpr int kReadFrames = 4096;
+constexpr int64_t kTickNs = static_cast<int64_t>(kTickS * 1e9);
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int kPatientTicks = 15;  // a daemon that is told of the FIFOs takes a moment to start
 
 volatile sig_atomic_t interrupted = 0;
+std::atomic<uafd_companion*> waiting{nullptr};  // whom a signal wakes
 
 void interrupt(int /*signal*/) {
     interrupted = 1;
+    uafd_companion* const companion = waiting;
+    if (companion != nullptr) {
+        uafd_companion_wake(companion);
+    }
 }
 
 void catchInterrupts() {
@@ -25,6 +34,37 @@ void catchInterrupts() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         sigaction(signal, &action, nullptr);
     }
+}
+
+// Says on standard error why these parts could not be opened.
+void complain(int error, unsigned parts) {
+    struct Part {
+        unsigned bit;
+        const char* name;
+    };
+    constexpr Part kParts[] = {{UAFD_SPEAKER, "the speaker"},
+                               {UAFD_MIC, "the microphone"},
+                               {UAFD_EVENTS, "the daemon's messages"}};
+    std::string reason = uafd_companion_error_text(error);
+    if (error == -EBUSY) {
+        for (const Part& part : kParts) {
+            uafd::Companion companion;
+            if ((parts & part.bit) != 0 && companion.open(optionsFor(part.bit)) == -EBUSY) {
+                reason = std::string("another app has ") + part.name;
+                break;
+            }
+        }
+    } else if (error == -EINVAL) {
+        reason = "there is no group of this name";
+    } else {
+        const std::string obstacle = findObstacle();
+        reason = obstacle.empty() ? reason : obstacle;
+    }
+    failed("opening", reason);
+}
+
+int msUntil(int64_t due) {
+    return static_cast<int>(std::max<int64_t>((due - nowNs() + kNsPerMs - 1) / kNsPerMs, 0));
 }
 
 }  // namespace
@@ -36,19 +76,21 @@ int64_t nowNs() {
 }
 
 int Session::tryOpen(unsigned parts) {
-    return companion_.open(parts, directoryOption.orNull());
+    parts_ = parts;
+    wasReached_ = false;
+    ticksWithoutDaemon_ = 0;
+    return companion_.open(optionsFor(parts));
 }
 
 bool Session::open(unsigned parts) {
-    const int error = tryOpen(parts);
+    int error = tryOpen(parts | UAFD_EVENTS);
+    if (error == -EBUSY && (parts & UAFD_EVENTS) == 0) {
+        error = tryOpen(parts);
+    }
     if (error != 0) {
-        failed("opening", uafd_companion_error_text(error));
+        complain(error, parts);
         return false;
     }
-    catchInterrupts();
-    ticksToAsking_ = 0;
-    askingsToPatience_ = kPatientAskings;
-    askForStates();
     return true;
 }
 
@@ -63,25 +105,28 @@ bool Session::wasInterrupted() {
 }
 
 bool Session::run(Handler* handler, double seconds) {
-    const int64_t end = seconds > 0 ? nowNs() + static_cast<int64_t>(seconds * 1e9) : INT64_MAX;
-    while (!handler->isDone() && !wasInterrupted() && nowNs() < end) {
-        const int ready = wait();
-        if (ready < 0 && ready != -EINTR) {
-            failed("waiting", uafd_companion_error_text(ready));
-            return false;
+    const int64_t begin = nowNs();
+    const int64_t end = seconds > 0 ? begin + static_cast<int64_t>(seconds * 1e9) : INT64_MAX;
+    int64_t tick = begin + kTickNs;
+    int ready = 0;
+    waiting = companion_.get();
+    catchInterrupts();
+    while ((ready >= 0 || ready == -EINTR) && !handler->isDone() && !wasInterrupted() &&
+           nowNs() < end) {
+        ready = companion_.waitFor(msUntil(std::min(tick, end)));
+        step(handler, std::max(ready, 0));
+        if (nowNs() >= tick) {
+            tick += kTickNs;
+            waitForDaemon();
+            handler->onTick();
         }
-        step(handler, ready > 0 ? ready : 0);
+    }
+    waiting = nullptr;
+    if (ready < 0 && ready != -EINTR) {
+        failed("waiting", uafd_companion_error_text(ready));
+        return false;
     }
     return true;
-}
-
-// A tick's time at most.
-int Session::wait() {
-    if (companion_.micFd() >= 0) {
-        return companion_.wait();
-    }
-    pollfd events = {companion_.eventsFd(), POLLIN, 0};
-    return poll(&events, 1, 10) > 0 ? UAFD_READY_EVENT | UAFD_READY_BLOCK : UAFD_READY_BLOCK;
 }
 
 void Session::step(Handler* handler, int ready) {
@@ -93,8 +138,6 @@ void Session::step(Handler* handler, int ready) {
     }
     if ((ready & UAFD_READY_BLOCK) != 0) {
         giveBlock(handler);
-        askForStates();
-        handler->onTick();
     }
 }
 
@@ -121,13 +164,26 @@ void Session::giveBlock(Handler* handler) {
     }
 }
 
-void Session::askForStates() {
-    if (told(UAFD_USB_STATE) || --ticksToAsking_ >= 0) {
+// In a session without events known by a message that it takes, and not looked for again.
+bool Session::hasDaemon() {
+    if ((parts_ & UAFD_EVENTS) != 0) {
+        return isOn(UAFD_DAEMON_STATE);
+    }
+    return wasReached_ = wasReached_ || companion_.sync() == 0;
+}
+
+// A daemon that starts waits until both FIFOs have been opened: the one that this app has no use
+// for is opened for a moment.
+void Session::waitForDaemon() {
+    if (hasDaemon()) {
+        ticksWithoutDaemon_ = 0;
         return;
     }
-    ticksToAsking_ = kAskingTicks;
-    const int error = companion_.sync();
-    if (error != 0 && --askingsToPatience_ == 0) {
-        failed("still waiting", uafd_companion_error_text(error));
+    const unsigned others = UAFD_SOUND & ~parts_;
+    if ((parts_ & UAFD_SOUND) != 0 && others != 0) {
+        uafd::Companion().open(optionsFor(others));
+    }
+    if (++ticksWithoutDaemon_ == kPatientTicks) {
+        failed("waiting", uafd_companion_error_text(-ECONNREFUSED));
     }
 }

@@ -1,15 +1,15 @@
-// An app at work: opens the daemon's things, asks for the states until it is told, and from then on
-// hands sound and events to a handler and takes the handler's blocks, in the beat of the library.
-// One thread, one session at a time.
+// An app at work: opens parts of the daemon's, and from then on hands sound and events to a handler
+// and takes the handler's blocks, in the beat of the library. One thread, one session at a time.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <uafd_companion.hpp>
 
-constexpr double kBlockS = 0.01;
+constexpr double kLeastS = 0.01;
 constexpr double kDayS = 86400;
 constexpr char kSecondsHelp[] = "end after so long (default: at an interrupt)";
+constexpr double kTickS = 0.1;
 
 // What a command does. Nothing is the default everywhere, silence for what the host records.
 class Handler {
@@ -21,20 +21,21 @@ class Handler {
     // The next block, silent when handed over; asked for again until it was taken.
     virtual void fillBlock(int16_t* /*samples*/) {}
     virtual void onBlockTaken() {}
-    // After each block's time.
+    // Every kTickS.
     virtual void onTick() {}
     virtual bool isDone() = 0;
 };
 
 class Session {
   public:
-    // As the library's; false, and told on standard error, when it fails.
-    bool open(unsigned parts = UAFD_ALL);
-    // As the library's.
+    // The parts, and the events as well where no other app has them. False, and told on standard
+    // error, when that does not work.
+    bool open(unsigned parts);
+    // These parts alone; returns the library's result.
     int tryOpen(unsigned parts);
     void close() { companion_.close(); }
     // Until the handler is done, the time is over (0 has no end), or SIGINT, SIGTERM or SIGHUP
-    // comes, which wasInterrupted() then tells. False, told on standard error, when the library
+    // comes, which wasInterrupted() then tells. False, and told on standard error, when the library
     // fails.
     bool run(Handler* handler, double seconds = 0);
     static bool wasInterrupted();
@@ -48,20 +49,22 @@ class Session {
         return told(UAFD_USB_STATE) == 0 ||
                (told(UAFD_USB_STATE) && told(UAFD_SPEAKER_STATE) && told(UAFD_MIC_STATE));
     }
+    // As if none of them had been told.
     void forgetStates();
 
   private:
-    int wait();
     void step(Handler* handler, int ready);
     void takeSound(Handler* handler);
     void takeEvents(Handler* handler);
     void giveBlock(Handler* handler);
-    void askForStates();
+    bool hasDaemon();
+    void waitForDaemon();
 
     uafd::Companion companion_;
+    unsigned parts_ = 0;
     std::optional<int> told_[UAFD_DAEMON_STATE + 1];
-    int ticksToAsking_ = 0;
-    int askingsToPatience_ = 0;  // lost: it is said that no daemon answers
+    bool wasReached_ = false;  // by a message, in a session without events
+    int ticksWithoutDaemon_ = 0;
 };
 
 // By CLOCK_MONOTONIC.

@@ -1,6 +1,8 @@
 // Volume and mute: nothing but sending, so beside any other app.
+#include <uafd_companion.hpp>
+
+#include "companion/tool/access.h"
 #include "companion/tool/command.h"
-#include "companion/tool/session.h"
 
 namespace {
 
@@ -8,7 +10,7 @@ namespace {
 template <typename Send>
 int sendAlone(const char* what, Send&& send) {
     uafd::Companion companion;
-    int error = companion.open(0, directoryOption.orNull());
+    int error = companion.open(optionsFor(0));
     if (error == 0) {
         error = send(&companion);
     }

@@ -39,7 +39,7 @@ class Recording : public ToolTest {
     void startRecording(std::vector<std::string> words) {
         words.insert(words.begin(), "record");
         start(words);
-        ASSERT_TRUE(waitForFile("FifoTx"));
+        ASSERT_TRUE(waitForFile("FifoRx") && waitForFile("FifoTx"));
         ASSERT_TRUE(daemon.openFifos());
     }
     void waitUntilAllIsRead() {
@@ -192,7 +192,7 @@ class Playing : public ToolTest {
         });
     }
     void listen() {
-        ASSERT_TRUE(waitForFile("FifoTx"));
+        ASSERT_TRUE(waitForFile("FifoRx") && waitForFile("FifoTx"));
         ASSERT_TRUE(daemon.openFifos());
     }
     Samples heardToTheEnd() {

@@ -17,9 +17,12 @@
 
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::StartsWith;
 using Message = DaemonEnds::Message;
 
 // ---- Messages ----------------------------------------------------------------------------------
@@ -45,17 +48,43 @@ TEST_F(ToolTest, SaysThatNoDaemonRuns) {
 TEST_F(ToolTest, LeavesAnotherAppAlone) {
     uafd::Companion app;
     ASSERT_EQ(app.open(UAFD_ALL, folder.path().c_str()), 0);
-    for (const char* command : {"loop", "play", "meter", "events", "latency", "check"}) {
+    const std::pair<const char*, const char*> taken[] = {
+        {"loop", "the speaker"},  {"meter", "the speaker"},   {"play", "the microphone"},
+        {"check", "the speaker"}, {"latency", "the speaker"}, {"events", "the daemon's messages"}};
+    for (const auto& [command, part] : taken) {
         EXPECT_EQ(run({command}), 1) << command;
-        EXPECT_EQ(tool->errors(), "uafd-companion: opening: an app has this part open already\n");
+        EXPECT_EQ(tool->errors(),
+                  std::string("uafd-companion: opening: another app has ") + part + "\n");
+    }
+}
+
+// Each of these takes what it needs and no more.
+TEST_F(ToolTest, WorksBesideAnAppWithTheOtherParts) {
+    uafd::Companion app;
+    ASSERT_EQ(app.open(UAFD_MIC | UAFD_EVENTS, folder.path().c_str()), 0);
+    EXPECT_EQ(run({"record", file("heard.wav"), "--seconds", "0.01"}), 0);
+    EXPECT_EQ(run({"meter", "--seconds", "0.01"}), 0);
+    ASSERT_EQ(app.open(UAFD_SPEAKER | UAFD_EVENTS, folder.path().c_str()), 0);
+    EXPECT_EQ(run({"play", "--seconds", "0.01"}), 0);
+    ASSERT_EQ(app.open(UAFD_SOUND, folder.path().c_str()), 0);
+    EXPECT_EQ(run({"events", "--seconds", "0.01"}), 0);
+}
+
+// It waits for both FIFOs, also when the tool uses one.
+TEST_F(ToolTest, LetsADaemonStart) {
+    for (const char* command : {"record", "play"}) {
+        command == std::string("record") ? start({command, file("heard.wav")}) : start({command});
+        ASSERT_TRUE(waitForFile("FifoRx") && waitForFile("FifoTx"));
+        EXPECT_TRUE(daemon.openFifos()) << command;
+        daemon.end();
     }
 }
 
 TEST_F(ToolTest, SaysThatAFifoIsNone) {
     folder.write("usbAudioFifoTx", "");
     EXPECT_EQ(run({"loop"}), 1);
-    EXPECT_EQ(tool->errors(),
-              "uafd-companion: opening: something that is no FIFO has a FIFO's name\n");
+    EXPECT_THAT(tool->errors(), StartsWith("uafd-companion: opening: " + daemon.path("FifoTx")));
+    EXPECT_THAT(tool->errors(), EndsWith(" is no FIFO: remove it\n"));
 }
 
 constexpr Message kTold[] = {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}, {3, 0xFFFF}, {4, 512},
@@ -70,7 +99,7 @@ class EventsTool : public ToolTest {
         start(words);
         std::vector<Message> asked;
         EXPECT_TRUE(waitFor([&] { return !(asked = daemon.messages()).empty(); }));
-        EXPECT_THAT(asked, testing::Each(Message{7, 0}));
+        EXPECT_THAT(asked, Each(Message{7, 0}));
         for (const Message& message : kTold) {
             EXPECT_TRUE(
                 waitFor([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
@@ -106,7 +135,7 @@ TEST_F(EventsTool, PrintsEventsAsJson) {
 TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
     start({"events"});
     EXPECT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
-    EXPECT_EQ(tool->errors(), "uafd-companion: still waiting: no daemon runs\n");
+    EXPECT_EQ(tool->errors(), "uafd-companion: waiting: no daemon runs\n");
     tool->send(SIGINT);
     EXPECT_EQ(tool->wait(), 0);
 }

@@ -70,7 +70,8 @@ TEST_F(ToolTest, IsCompletedByTheShell) {
     EXPECT_THAT(completionsOf("re"), ElementsAre("record"));
     EXPECT_THAT(completionsOf("--v"), ElementsAre("--version"));
     EXPECT_THAT(completionsOf("record --"),
-                UnorderedElementsAre("--seconds", "--raw", "--directory", "--help", "--version"));
+                UnorderedElementsAre("--seconds", "--raw", "--directory", "--group", "--help",
+                                     "--version"));
     EXPECT_THAT(completionsOf("mute o"), ElementsAre("off", "on"));
     EXPECT_THAT(completionsOf("loop --seconds ''"), ElementsAre());
     EXPECT_THAT(completionsOf("loop ''"), ElementsAre());
@@ -111,10 +112,10 @@ INSTANTIATE_TEST_SUITE_P(
             "AValueTooMany", {"events", "--json=yes"}, "option '--json' doesn't allow an argument"},
         Misuse{"NoNumber",
                {"loop", "--seconds", "1m"},
-               "--seconds 1m: wants a number from 0 to 86400; see uafd-companion --help"},
+               "--seconds 1m: wants a number from 0.01 to 86400; see uafd-companion --help"},
         Misuse{"NotANumber",
                {"loop", "--seconds", "nan"},
-               "--seconds nan: wants a number from 0 to 86400; see uafd-companion --help"},
+               "--seconds nan: wants a number from 0.01 to 86400; see uafd-companion --help"},
         Misuse{"TooLowATone",
                {"play", "--tone", "0"},
                "--tone 0: wants a number from 1 to 24000; see uafd-companion --help"},
