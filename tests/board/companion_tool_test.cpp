@@ -2,16 +2,20 @@
 // host behind it.
 #include <atomic>
 #include <fcntl.h>
+#include <grp.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/board/board_case.h"
 #include "tests/board/support/host_player.h"
 #include "tests/support/child_process.h"
+#include "tests/support/daemon_ends.h"
 
 namespace {
 
@@ -24,9 +28,9 @@ constexpr char kTool[] = "/bin/uafd-companion";
 
 class CompanionTool : public BoardCase {
   protected:
-    ChildProcess& start(std::vector<std::string> words) {
+    ChildProcess& start(std::vector<std::string> words, const std::function<void()>& prepare = {}) {
         words.insert(words.begin(), kTool);
-        return tool_.emplace(words);
+        return tool_.emplace(words, prepare);
     }
     // The tool is the app for whose FIFO ends the daemon waits.
     void startWithDaemon(const std::vector<std::string>& words) {
@@ -76,6 +80,7 @@ class HostCable {
 };
 
 constexpr char kAllPassed[] =
+    "ok    daemon and app may open each other's files\n"
     "ok    a sync-up is answered\n"
     "ok    the speaker's volume is taken\n"
     "ok    the speaker's mute is taken\n"
@@ -85,7 +90,7 @@ constexpr char kAllPassed[] =
     "ok    the app's sound is taken\n"
     "ok    both go on with new FIFO ends\n"
     "ok    the states are as told\n"
-    "9 passed, 0 failed\n";
+    "10 passed, 0 failed\n";
 
 TEST_F(CompanionTool, FindsTheDaemonGood) {
     const board::HostPlayer player(board::noise);
@@ -96,6 +101,8 @@ TEST_F(CompanionTool, FindsTheDaemonGood) {
     EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -1280 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 0 0", since), 1);
+    EXPECT_FALSE(board::exists(board::kSocketRx)) << "another user's app could not replace it";
+    EXPECT_TRUE(board::exists(board::kFifoRx));
 }
 
 TEST_F(CompanionTool, FindsThatAFrozenDaemonDoesNotAnswer) {
@@ -129,7 +136,8 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
     bothOn();
     EXPECT_EQ(outputAfter(0), "");
     const board::Samples heard = board::readWav("/out/heard.wav");
-    ASSERT_EQ(heard.size(), static_cast<size_t>(kRate));
+    ASSERT_GT(heard.size(), static_cast<size_t>(kRate / 2));
+    ASSERT_LE(heard.size(), static_cast<size_t>(kRate));
     for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
         ASSERT_EQ(heard[i], static_cast<int16_t>(heard[i - 1] + 1)) << i;
     }
@@ -147,11 +155,20 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
     ASSERT_EQ(board::find(recorded, first, speech), 0);
     EXPECT_GE(recorded.size() - first, speech.size());
 
-    start({"events", "--count", "3"});
+    start({"events", "--count", "4"});
     const std::string events = outputAfter(0);
     EXPECT_THAT(events, HasSubstr(" usb configured\n"));
     EXPECT_THAT(events, HasSubstr(" speaker on\n"));
     EXPECT_THAT(events, HasSubstr(" microphone on\n"));
+}
+
+// The host plays nothing.
+TEST_F(CompanionTool, RecordsForAsLongAsItIsAskedTo) {
+    const Ns begin = board::now();
+    startWithDaemon({"record", "/out/heard.wav", "--seconds", "3"});
+    EXPECT_EQ(tool_->wait(), 0);
+    EXPECT_NEAR(static_cast<double>(board::now() - begin) / kSecond, 3, 0.5);
+    EXPECT_EQ(board::readWav("/out/heard.wav").size(), 0U);
 }
 
 TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {
@@ -166,6 +183,115 @@ TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {
     // 5 ms up to the host's, 10 to 20 ms down, and the cable's own way.
     EXPECT_GT(median, 15);
     EXPECT_LT(median, 60);
+}
+
+// ---- Users and groups --------------------------------------------------------------------------
+
+constexpr uid_t kDaemonUser = 500;
+constexpr gid_t kDaemonGroup = 501;
+constexpr uid_t kAppUser = 1000;
+
+// A folder like /tmp, with the socket of a daemon that is neither root nor the app's user.
+class UsersFolder : public CompanionTool {
+  protected:
+    UsersFolder() {
+        chmod(folder_.path().c_str(), 01777);
+        daemonEnds_.bindSocket();
+        giveTo(daemonEnds_.path("UdsIpcTx"), kDaemonUser, kDaemonGroup, 0770);
+    }
+    static void giveTo(const std::string& path, uid_t user, gid_t group, mode_t mode) {
+        EXPECT_EQ(chown(path.c_str(), user, group), 0);
+        EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    }
+    std::string path(const std::string& name) const { return daemonEnds_.path(name); }
+    // Of a user who is in the daemon's group besides the own one, or not.
+    void check(bool isInGroup, mode_t mask = 022) {
+        start({"check", "--wait", "0.5", "--directory", folder_.path()}, [isInGroup, mask] {
+            const gid_t groups[] = {kDaemonGroup};
+            umask(mask);
+            if (setgroups(isInGroup ? 1 : 0, groups) != 0 || setgid(kAppUser) != 0 ||
+                setuid(kAppUser) != 0) {
+                _exit(126);
+            }
+        });
+        EXPECT_EQ(tool_->wait(), 1);
+    }
+    std::string failure(const std::string& reason) const {
+        return "FAIL  daemon and app may open each other's files: " + reason +
+               "\n0 passed, 1 failed, 9 not tried\n";
+    }
+    static std::string ownerOf(const std::string& path) {
+        struct stat found {};
+        EXPECT_EQ(stat(path.c_str(), &found), 0) << path;
+        char text[64];
+        snprintf(text, sizeof text, "%u:%u %o", found.st_uid, found.st_gid, found.st_mode & 07777);
+        return text;
+    }
+
+    TempDir folder_;
+    DaemonEnds daemonEnds_{folder_};
+};
+
+TEST_F(UsersFolder, IsNotForAnAppOfAnotherGroup) {
+    check(false);
+    EXPECT_EQ(tool_->output(),
+              failure(path("FifoRx") + " would be made for 1000:1000, not for the daemon "
+                                       "(500:501): run this in the daemon's group"));
+    EXPECT_FALSE(board::exists(path("FifoRx")));
+    EXPECT_FALSE(board::exists(path("UdsIpcRx")));
+}
+
+TEST_F(UsersFolder, IsForAnAppOfTheGroupWhateverItsMask) {
+    check(true, 077);
+    EXPECT_THAT(tool_->output(), HasSubstr("ok    daemon and app may open each other's files\n"));
+    EXPECT_EQ(ownerOf(path("FifoRx")), "1000:501 660");
+    EXPECT_FALSE(board::exists(path("UdsIpcRx")));
+}
+
+TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheApp) {
+    ASSERT_EQ(mkfifo(path("FifoTx").c_str(), 0660), 0);
+    giveTo(path("FifoTx"), 0, kDaemonGroup, 0660);
+    check(false);
+    EXPECT_EQ(tool_->output(), failure(path("FifoRx") + " would be made for 1000:1000, not for the "
+                                                        "daemon (500:501): run this in the "
+                                                        "daemon's group"));
+    ASSERT_EQ(mkfifo(path("FifoRx").c_str(), 0666), 0);
+    giveTo(path("FifoRx"), 0, kDaemonGroup, 0666);
+    check(false);
+    EXPECT_EQ(tool_->output(),
+              failure(path("FifoTx") +
+                      " (0:501 0660) is not for this process (1000:1000): run it in the file's "
+                      "group"));
+}
+
+// As a mask of 022 leaves it.
+TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheDaemon) {
+    ASSERT_EQ(mkfifo(path("FifoRx").c_str(), 0644), 0);
+    giveTo(path("FifoRx"), kAppUser, kAppUser, 0644);
+    check(true);
+    EXPECT_EQ(tool_->output(),
+              failure(path("FifoRx") +
+                      " (1000:1000 0644) is not for the daemon (500:501): remove it, or give it to "
+                      "the daemon's group"));
+}
+
+TEST_F(UsersFolder, ShowsASocketThatAnotherUserLeft) {
+    ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);
+    giveTo(path("UdsIpcRx"), 0, kDaemonGroup, 0660);
+    check(true);
+    EXPECT_EQ(tool_->output(), failure(path("UdsIpcRx") +
+                                       " (0:501 0660) was left by another user, who has to remove "
+                                       "it"));
+}
+
+// Root may replace it, and leaves it to its owner.
+TEST_F(UsersFolder, GivesASocketBackToTheUserWhoLeftIt) {
+    ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);
+    giveTo(path("UdsIpcRx"), kAppUser, kDaemonGroup, 0640);
+    start({"check", "--wait", "0.5", "--directory", folder_.path()});
+    EXPECT_THAT(outputAfter(1), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
+    EXPECT_EQ(ownerOf(path("UdsIpcRx")), "1000:501 640");
+    EXPECT_EQ(ownerOf(path("FifoRx")), "0:501 660") << "in the daemon's group";
 }
 
 }  // namespace
