@@ -1,4 +1,9 @@
 #!/system/bin/sh
-# init starts services under the umask 077; the app would not reach the socket that the daemon binds.
+# Becomes the daemon. Its own part is what the app's group, the service's, must be able to open: init
+# starts services under the umask 077, and an app would reach neither the FIFOs nor the socket that the
+# daemon binds. FIFOs that an app has made stay as they are.
 umask 007
+for fifo in /tmp/usbAudioFifoRx /tmp/usbAudioFifoTx; do
+    [ -p "$fifo" ] || mkfifo "$fifo"
+done
 exec /system/bin/uafd
