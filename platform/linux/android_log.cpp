@@ -81,13 +81,17 @@ size_t formatLine(char (&line)[LINE_BYTES], int prio, const char* tag, const cha
     return length + 1;
 }
 
-// Writes if that cannot wait. A stopped reader must not freeze an audio thread.
+// Writes if that cannot wait. A stopped reader must not freeze an audio thread. A terminal gives
+// EINTR at once when a signal is pending: the line is not lost for that.
 int writeWithoutWaiting(const char* line, size_t length) {
-    pollfd out = {STDERR_FILENO, POLLOUT, 0};
-    if (poll(&out, 1, 0) != 1) {
-        return -EAGAIN;
-    }
-    const ssize_t written = write(STDERR_FILENO, line, length);
+    ssize_t written;
+    do {
+        pollfd out = {STDERR_FILENO, POLLOUT, 0};
+        if (poll(&out, 1, 0) != 1) {
+            return -EAGAIN;
+        }
+        written = write(STDERR_FILENO, line, length);
+    } while (written < 0 && errno == EINTR);
     return written < 0 ? -errno : static_cast<int>(written);
 }
 

@@ -29,6 +29,7 @@ constexpr timespec SOME_TIME = {1700000000, 7999999};
 timespec fakeNow = SOME_TIME;
 std::atomic<int> betweenPollAndWrite{0};
 std::atomic<int> mostBetweenPollAndWrite{0};
+std::atomic<int> interruptedWrites{0};  // still to come
 
 }  // namespace
 
@@ -53,6 +54,11 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeoutMs) {
 
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
     --betweenPollAndWrite;
+    if (interruptedWrites > 0) {
+        --interruptedWrites;
+        errno = EINTR;
+        return -1;
+    }
     return __real_write(fd, data, size);
 }
 }
@@ -274,6 +280,13 @@ TEST_F(AndroidLogTest, StoppedReaderLosesTheLineInsteadOfWaiting) {
     std::array<char, 8192> filler;
     ASSERT_GT(read(reader, filler.data(), filler.size()), 0);
     EXPECT_GT(__android_log_print(ANDROID_LOG_DEBUG, "UAFCH", "seen"), 0);
+}
+
+TEST_F(AndroidLogTest, ASignalCostsNoLine) {
+    interruptedWrites = 2;
+    EXPECT_EQ("text\n", printed("text"));
+    EXPECT_EQ(0, interruptedWrites);
+    EXPECT_EQ("", nextWrite());
 }
 
 TEST_F(AndroidLogTest, NoOtherThreadTakesTheRoomThatPollFound) {
