@@ -5,6 +5,7 @@
 // The real calls, under the names that the linker gives them.
 extern "C" {
 int __real_open(const char* path, int flags, ...);
+int __real_stat(const char* path, struct stat* found);
 int __real_fcntl(int fd, int command, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_close(int fd);
@@ -65,6 +66,9 @@ namespace real {
 int open(const char* path, int flags) {
     constexpr mode_t createMode = 0600;
     return __real_open(path, flags, createMode);
+}
+int stat(const char* path, struct stat* found) {
+    return __real_stat(path, found);
 }
 int fcntl(int fd, int command, long argument) {
     return __real_fcntl(fd, command, argument);
@@ -191,6 +195,9 @@ namespace real = fake_sys::real;
 extern "C" {
 int __wrap_open(const char* path, int flags, ...) {
     return hooks().open ? hooks().open(path, flags) : real::open(path, flags);
+}
+int __wrap_stat(const char* path, struct stat* found) {
+    return hooks().stat ? hooks().stat(path, found) : real::stat(path, found);
 }
 int __wrap_close(int fd) {
     return hooks().close ? hooks().close(fd) : real::close(fd);

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "tests/support/tsan_blind.h"
@@ -23,6 +24,7 @@ namespace fake_sys {
 
 struct Hooks {
     std::function<int(const char*, int)> open;
+    std::function<int(const char*, struct stat*)> stat;
     std::function<int(int)> close;
     std::function<ssize_t(int, void*, size_t)> read;
     std::function<ssize_t(int, const void*, size_t)> write;
@@ -72,6 +74,7 @@ void reset();
 // keeps the rest: a test of the attributes hooks the call.
 namespace real {
 int open(const char* path, int flags);
+int stat(const char* path, struct stat* found);
 int close(int fd);
 ssize_t read(int fd, void* buf, size_t count);
 ssize_t write(int fd, const void* buf, size_t count);
