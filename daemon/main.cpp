@@ -15,6 +15,7 @@
 // 255.
 int main() {
     constexpr char LOG_TAG[] = "UAFIFO";
+    occupyStandardStreams();
     UafSrc src;
     UafSnk snk;
     CableMon cableMon;

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr char LOG_TAG[] = "UAFIFO";
+constexpr char NULL_DEVICE_PATH[] = "/dev/null";
 constexpr useconds_t RETRY_PAUSE_US = 200000;
 constexpr unsigned long LOG_FAILURES = 1500;  // a line every so many: about five minutes
 
@@ -45,6 +46,16 @@ bool createNode() {
 }
 
 }  // namespace
+
+void occupyStandardStreams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            // Takes this number, the lowest that is free. Where there is no /dev/null, the daemon
+            // starts with what it was given.
+            open(NULL_DEVICE_PATH, O_RDWR);
+        }
+    }
+}
 
 void waitForFifos() {
     unsigned long rxFailures;

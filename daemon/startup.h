@@ -1,6 +1,12 @@
-// What happens before the event loop: waiting for the companion app, opening the gadget control
-// device, asking the driver for its state. Main thread only; logs under the tag "UAFIFO".
+// What happens before the event loop: seeing to the standard streams, waiting for the companion
+// app, opening the gadget control device, asking the driver for its state. Main thread only; logs
+// under the tag "UAFIFO".
 #pragma once
+
+// Opens /dev/null in the place of each standard stream that the daemon was started without. The
+// first files that it opens would take these numbers: the app would get log lines as sound, and a
+// FIFO with the number 0 counts as closed. Before anything else opens a file; logs nothing.
+void occupyStandardStreams();
 
 // Returns once the companion app holds the other end of both FIFOs: each is opened, which blocks
 // until then, and closed again. An open that fails, for whatever reason, is retried every 200 ms

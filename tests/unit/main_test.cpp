@@ -36,7 +36,9 @@ bool cableStarts = true;
 // Thrown by a read: the event loop has no other end.
 struct EndOfScript {};
 
-const std::vector<std::string> BUILT{"mutex", "mutex", "mutex", "CableMon", "UafIpc"};
+// The standard streams first of all: what a constructor logs may open the log.
+const std::vector<std::string> BUILT{"fcntl 0", "fcntl 1", "fcntl 2",  "mutex",
+                                     "mutex",   "mutex",   "CableMon", "UafIpc"};
 const std::vector<std::string> DESTROYED{"~UafIpc", "~CableMon"};
 const std::vector<std::string> FIFOS_PROBED{"open /tmp/usbAudioFifoRx", "open /tmp/usbAudioFifoTx",
                                             "close 7", "close 8"};
@@ -61,6 +63,10 @@ class MainTest : public fake_alsa::Test {
         hooks.pthread_mutex_init = [](pthread_mutex_t* mutex, const pthread_mutexattr_t* attr) {
             events.emplace_back("mutex");
             return fake_sys::real::pthread_mutex_init(mutex, attr);
+        };
+        hooks.fcntl = [](int fd, int, long) {
+            events.push_back("fcntl " + std::to_string(fd));
+            return 0;
         };
         hooks.open = [this](const char* path, int) {
             linesAtFirstOpen = linesAtFirstOpen < 0 ? static_cast<int>(fake_log::lines().size())

@@ -1,5 +1,6 @@
 #include "daemon/startup.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <string>
@@ -35,6 +36,57 @@ Line error(const std::string& text) {
 
 Line missing(const std::string& path) {
     return debug(path + " is not available yet. Waiting for creation...");
+}
+
+// ---- The standard streams ----------------------------------------------------------------------
+
+// Descriptors as the kernel gives them: the lowest number that is free.
+class StandardStreamsTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        fake_sys::hooks().fcntl = [this](int fd, int command, long) {
+            EXPECT_EQ(F_GETFD, command);
+            errno = EBADF;
+            return isOpen.at(static_cast<size_t>(fd)) ? 0 : -1;
+        };
+        fake_sys::hooks().open = [this](const char* path, int flags) {
+            EXPECT_STREQ("/dev/null", path);
+            EXPECT_EQ(O_RDWR, flags);
+            ++opens;
+            const auto free = std::find(isOpen.begin(), isOpen.end(), false);
+            errno = ENOENT;
+            if (!hasNullDevice || free == isOpen.end()) {
+                return -1;
+            }
+            *free = true;
+            return static_cast<int>(free - isOpen.begin());
+        };
+    }
+
+    std::vector<bool> isOpen = std::vector<bool>(4);  // the fourth is nobody's business
+    bool hasNullDevice = true;
+    int opens = 0;
+};
+
+TEST_F(StandardStreamsTest, EachThatIsClosedIsOccupiedAndNothingElse) {
+    for (int given = 0; given < 8; ++given) {
+        SCOPED_TRACE(given);
+        opens = 0;
+        isOpen = {(given & 1) != 0, (given & 2) != 0, (given & 4) != 0, false};
+        const auto closed = std::count(isOpen.begin(), isOpen.end() - 1, false);
+        occupyStandardStreams();
+        EXPECT_THAT(isOpen, ElementsAre(true, true, true, false));
+        EXPECT_EQ(closed, opens);
+    }
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(StandardStreamsTest, WithoutANullDeviceTheDaemonGoesOn) {
+    hasNullDevice = false;
+    occupyStandardStreams();
+    EXPECT_THAT(isOpen, Each(false));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
 // ---- The app's FIFOs ---------------------------------------------------------------------------

@@ -50,6 +50,7 @@ class Daemon {
     int waitForExit(Ns limit = 5 * kSecond);
     pid_t pid() const { return pid_; }
     const std::string& logPath() const { return logPath_; }
+    const std::string& stdoutPath() const { return stdoutPath_; }
 
     // The log so far, of all starts, and its length, to be used as a mark.
     const std::vector<LogLine>& log();

@@ -1,0 +1,100 @@
+// The daemon's standard streams: closed when it starts, as a careless service manager leaves them.
+#include <climits>
+#include <cstdio>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "tests/board/scenarios/scenario.h"
+#include "tests/board/support/host_player.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class StandardStreams : public Scenario {
+  protected:
+    // The app is there, and the daemon up without these streams.
+    void startWithout(const std::vector<int>& closed) {
+        app = std::make_unique<board::App>();
+        daemon.start([&] {
+            for (const int fd : closed) {
+                close(fd);
+            }
+        });
+        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(settle());
+    }
+
+    std::vector<std::string> standardStreams() const {
+        std::vector<std::string> targets;
+        for (const char* fd : {"0", "1", "2"}) {
+            char target[PATH_MAX] = "";
+            const std::string link = "/proc/" + std::to_string(daemon.pid()) + "/fd/" + fd;
+            EXPECT_GT(readlink(link.c_str(), target, sizeof target - 1), 0) << link;
+            targets.emplace_back(target);
+        }
+        return targets;
+    }
+
+    // Every frame that the app has heard since its start is the host's.
+    void expectOnlyTheHostIsHeard() {
+        EXPECT_EQ(app->heardFrames(), 0);
+        host.command("flush speaker");
+        const board::HostPlayer player(board::ramp);
+        app->speak(board::ramp);
+        bothOn();
+        EXPECT_TRUE(hostHears());
+        EXPECT_TRUE(board::waitFor([this] { return app->heardFrames() > board::kRate / 4; }));
+        const board::Heard heard = app->takeHeard();
+        EXPECT_EQ(heard.unequalFrames, 0);
+        // Silence until the host's player has begun.
+        const size_t first = board::firstSound(heard.left);
+        ASSERT_LT(first, heard.left.size());
+        for (size_t i = first; i < heard.left.size(); ++i) {
+            ASSERT_EQ(heard.left[i], board::ramp(static_cast<int64_t>(i - first) + 1)) << i;
+        }
+        bothOff();
+        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    }
+};
+
+TEST_F(StandardStreams, StayWhatTheyAreWhenAllAreOpen) {
+    start();
+    const std::vector<std::string> streams = standardStreams();
+    EXPECT_EQ(streams[1], daemon.stdoutPath());
+    EXPECT_EQ(streams[2], daemon.logPath());
+    expectOnlyTheHostIsHeard();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(StandardStreams, AClosedInputIsOccupied) {
+    startWithout({STDIN_FILENO});
+    EXPECT_THAT(standardStreams(), ElementsAre("/dev/null", daemon.stdoutPath(), daemon.logPath()));
+    expectOnlyTheHostIsHeard();
+}
+
+TEST_F(StandardStreams, AClosedOutputIsOccupied) {
+    startWithout({STDOUT_FILENO});
+    EXPECT_EQ(standardStreams()[1], "/dev/null");
+    EXPECT_EQ(standardStreams()[2], daemon.logPath());
+    expectOnlyTheHostIsHeard();
+}
+
+// The first FIFO would be what the log is written to.
+TEST_F(StandardStreams, AClosedErrorIsOccupiedAndTheAppHearsNoLog) {
+    startWithout({STDERR_FILENO});
+    EXPECT_EQ(standardStreams()[1], daemon.stdoutPath());
+    EXPECT_EQ(standardStreams()[2], "/dev/null");
+    expectOnlyTheHostIsHeard();
+    EXPECT_THAT(daemon.log(), IsEmpty());
+}
+
+TEST_F(StandardStreams, AllThreeAreOccupied) {
+    startWithout({STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO});
+    EXPECT_THAT(standardStreams(), ElementsAre("/dev/null", "/dev/null", "/dev/null"));
+    expectOnlyTheHostIsHeard();
+}
+
+}  // namespace
