@@ -15,6 +15,12 @@ namespace {
 constexpr char LOG_TAG[] = "UAFIFO";
 constexpr char DRIVER_NAME[] = "Vexa_Gadget";
 
+// After each printed line: where standard output is a file or a pipe, stdio would keep the line
+// until it has a page of them, which may be never.
+void flushPrinted() {
+    fflush(stdout);
+}
+
 // Fills `info` with what the card says of itself. False, reported on standard output, when it does
 // not.
 bool queryCard(int card, snd_ctl_card_info_t* info) {
@@ -24,11 +30,13 @@ bool queryCard(int card, snd_ctl_card_info_t* info) {
     int rc = snd_ctl_open(&control, name, 0);
     if (rc < 0) {
         printf("control open (%i): %s\n", card, snd_strerror(rc));
+        flushPrinted();
         return false;
     }
     rc = snd_ctl_card_info(control, info);
     if (rc < 0) {
         printf("control hardware info (%i): %s\n", card, snd_strerror(rc));
+        flushPrinted();
     }
     snd_ctl_close(control);
     return rc >= 0;
@@ -50,6 +58,7 @@ int drvCodecCardSearch(const char* driverName, int card) {
         }
         if (snd_card_next(&card) < 0) {
             puts("snd_card_next");
+            flushPrinted();
             return card;
         }
     }

@@ -7,7 +7,7 @@ class UafSrc;
 
 // The lowest index after `card` (-1: of all) of a sound card whose driver name begins with
 // `driverName`, or -1 when there is none. A card that cannot be opened or asked is reported on
-// standard output, where this search alone writes, and skipped.
+// standard output at once, where this search alone writes, and skipped.
 int drvCodecCardSearch(const char* driverName, int card);
 
 // Names the gadget card's PCM and their FIFO to both channels. Returns the card's index, or -1,

@@ -1,10 +1,13 @@
 #include "daemon/card_binding.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
@@ -27,12 +30,17 @@ class CardSearchTest : public fake_alsa::Test {
         EXPECT_THAT(fake_log::lines(), IsEmpty());
         fake_alsa::Test::TearDown();
     }
-    // The search's result; what it printed is in `printed`.
+    // As to a file or a pipe, whatever the tests print to.
+    static void SetUpTestSuite() { setvbuf(stdout, nullptr, _IOFBF, BUFSIZ); }
+
+    // The search's result; what it printed is in `printed`, all of it printed at once.
     int search(int card = -1) {
         testing::internal::CaptureStdout();
         const int found = drvCodecCardSearch(DRIVER, card);
-        fflush(stdout);
+        struct stat file {};
+        fstat(STDOUT_FILENO, &file);
         printed = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(printed.size(), static_cast<size_t>(file.st_size)) << "is kept back: " << printed;
         return found;
     }
 

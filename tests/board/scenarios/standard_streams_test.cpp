@@ -1,9 +1,13 @@
-// The daemon's standard streams: closed when it starts, as a careless service manager leaves them.
+// The daemon's standard streams: closed when it starts, as a careless service manager leaves them,
+// and standard output as a file, where the search for the card reports.
 #include <climits>
 #include <cstdio>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 
 #include "tests/board/scenarios/scenario.h"
 #include "tests/board/support/host_player.h"
@@ -95,6 +99,18 @@ TEST_F(StandardStreams, AllThreeAreOccupied) {
     startWithout({STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO});
     EXPECT_THAT(standardStreams(), ElementsAre("/dev/null", "/dev/null", "/dev/null"));
     expectOnlyTheHostIsHeard();
+}
+
+// The card that it may not open for writing is the board's own; the daemon goes on, for months.
+TEST_F(StandardStreams, TheCardSearchsLinesReachAFileAtOnce) {
+    constexpr char control[] = "/dev/snd/controlC0";
+    ASSERT_EQ(chmod(control, 0400), 0);
+    app = std::make_unique<board::App>();
+    startDaemon([] { prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE); });
+    EXPECT_EQ(chmod(control, 0600), 0);
+    EXPECT_EQ(daemon.count("UAC Vexa is enabled, using hw:1"), 1);
+    EXPECT_EQ(board::contents(daemon.stdoutPath()), "control open (0): Permission denied\n");
+    EXPECT_EQ(findDamage(), "");
 }
 
 }  // namespace
