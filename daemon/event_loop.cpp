@@ -13,6 +13,8 @@ namespace {
 
 constexpr char LOG_TAG[] = "UAFIFO";
 
+constexpr useconds_t FAILED_READ_PAUSE_US = 10000;
+
 // No event: what the record holds before the first successful read.
 constexpr uint32_t INVALID_EVENT = 0xFFFFFFFF;
 
@@ -26,11 +28,16 @@ int16_t volumeOf(uint32_t data) {
 void EventLoop::run(int controlFd) {
     UacUserMsgT record{INVALID_EVENT, 0};
     for (;;) {
-        // What the read returns is only logged. A short read leaves the rest of the record as it
-        // was, and after a failed one the record before is handled once more: every event states
-        // what is so, not what changed, and handling it again changes nothing.
+        // What the read returns is logged, and no record is refused because of it. A short read
+        // leaves the rest of the record as it was, and after one that brings nothing the record
+        // before is handled once more: an event states what is so, not what changed. Handling it
+        // again tells the app of a volume or mute again, starts a stream that has failed since, and
+        // counts: each bind in bindcnt, each activation that finds no card in bindbad.
         const ssize_t size = read(controlFd, &record, sizeof record);
         handle(record, static_cast<int>(size));
+        if (size <= 0) {
+            usleep(FAILED_READ_PAUSE_US);  // a device that has gone away fails every read at once
+        }
     }
 }
 

@@ -11,7 +11,8 @@ class EventLoop {
   public:
     EventLoop(UafSrc& src, UafSnk& snk) : src(src), snk(snk) {}
 
-    // Reads records from the gadget control device and handles each, forever.
+    // Reads records from the gadget control device and handles each, forever. A read that fails or
+    // gives nothing handles the record before again, and then waits 10 ms.
     [[noreturn]] void run(int controlFd);
 
     // Logs and handles one record; `size` is what the read that should have filled it returned.

@@ -26,6 +26,7 @@ using fuzz::requireSame;
 
 constexpr int CONTROL_FD = 5;
 constexpr int STOP_DELAY = 4;
+constexpr useconds_t FAILED_READ_PAUSE_US = 10000;
 
 std::string printable(const char* text) {
     return text != nullptr ? text : "";
@@ -104,6 +105,10 @@ class DeviceRun {
         fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
                                               void*) { return 0; };
         fake_sys::hooks().pthread_join = [](pthread_t, void**) { return 0; };
+        fake_sys::hooks().usleep = [this](useconds_t us) {
+            pauseUs += us;
+            return 0;
+        };
         fake_alsa::stopRecording();
     }
 
@@ -122,6 +127,7 @@ class DeviceRun {
         checkLine();
         require(src.currentState() == mic.state && snk.currentState() == speaker.state,
                 "the channels are in the model's states");
+        require(pauseUs == expectedPauseUs, "a read that brings nothing is paused for, no other");
         if (input.empty()) {
             loop.leave();
         }
@@ -129,6 +135,8 @@ class DeviceRun {
         changeWorld(how >> 4);
         fake_log::clear();
         const ssize_t size = deliver(how & 15, data);
+        pauseUs = 0;
+        expectedPauseUs = size <= 0 ? FAILED_READ_PAUSE_US : 0;
         expectLine(static_cast<int>(size));
         handle();
         return size;
@@ -279,6 +287,8 @@ class DeviceRun {
     int bindbad = 0;
     uint32_t record[2] = {0xFFFFFFFF, 0};
     std::string expectedLine;
+    useconds_t pauseUs = 0;  // since the last read
+    useconds_t expectedPauseUs = 0;
     ChannelModel mic{2, "/tmp/usbAudioFifoTx"};
     ChannelModel speaker{1, "/tmp/usbAudioFifoRx"};
     std::vector<Message> messages;

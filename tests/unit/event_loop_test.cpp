@@ -359,6 +359,11 @@ class EventLoopRunTest : public EventLoopTest {
             }
             return next.result;
         };
+        fake_sys::hooks().usleep = [this](useconds_t us) {
+            pausesUs.push_back(us);
+            linesAtPause.push_back(fake_log::lines().size());
+            return 0;
+        };
         EXPECT_THROW(loop.run(5), EndOfScript);
         std::vector<std::string> events;
         for (const Line& line : fake_log::lines()) {
@@ -368,6 +373,9 @@ class EventLoopRunTest : public EventLoopTest {
         }
         return events;
     }
+
+    std::vector<useconds_t> pausesUs;
+    std::vector<size_t> linesAtPause;
 };
 
 TEST_F(EventLoopRunTest, RecordsAreHandledInOrder) {
@@ -394,6 +402,23 @@ TEST_F(EventLoopRunTest, ShortReadLeavesTheRestOfTheRecord) {
     EXPECT_THAT(run({{8, {6, 0x01020304}}, {4, {7, 0}}, {5, {7, 0xFF}}}),
                 ElementsAre("type=6, data=0x01020304, size=8", "type=7, data=0x01020304, size=4",
                             "type=7, data=0x010203ff, size=5"));
+    EXPECT_THAT(pausesUs, IsEmpty());
+}
+
+TEST_F(EventLoopRunTest, AReadThatBringsNothingIsHandledAndThenPausedFor) {
+    run({{8, {6, 1}}, {-1, {}}, {0, {}}, {1, {6, 1}}, {-1, {}}, {8, {6, 0}}});
+    EXPECT_THAT(pausesUs, ElementsAre(10000, 10000, 10000));
+    EXPECT_THAT(linesAtPause, ElementsAre(4, 6, 10));  // two of each record
+}
+
+TEST_F(EventLoopRunTest, ARecordHandledAgainCountsAgain) {
+    run({{8, {0, 0}}, {-1, {}}, {-1, {}}});
+    EXPECT_EQ(stateOf(1, 3, 0), state());
+    run({{8, {1, 0}}, {-1, {}}});
+    EXPECT_EQ(stateOf(-1, 2, 0), state());
+    unplug();
+    run({{8, {3, 1}}, {-1, {}}});
+    EXPECT_EQ(stateOf(-1, 2, 2), state());
 }
 
 }  // namespace
