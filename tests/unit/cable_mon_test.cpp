@@ -65,6 +65,14 @@ TEST_F(CableMonTest, BindFailsAndTheSocketIsClosedOnce) {
     EXPECT_EQ((Strings{"socket", "close"}), calls);
 }
 
+TEST_F(CableMonTest, DestructorClosesNothing) {
+    {
+        CableMon doomed;
+        run(doomed, {});
+    }
+    EXPECT_EQ((Strings{"socket", "bind"}), calls);
+}
+
 TEST_F(CableMonTest, FailedCloseIsLogged) {
     fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
         errno = EACCES;

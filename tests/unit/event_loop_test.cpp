@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <map>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -181,6 +182,34 @@ TEST_F(EventLoopTest, UnbindSwitchesTheSourceOffFirst) {
     handled(3, 1);
     EXPECT_THAT(handled(1, 0),
                 ElementsAre(request(0, RUNNING), request(0, STOPPED), disabled(0, 0)));
+}
+
+// Both off requests need the names. Freeing shows when each goes.
+TEST_F(EventLoopTest, UnbindForgetsTheNamesLastAndTheSourcesFirst) {
+    std::map<void*, std::string> copies;
+    std::vector<std::string> steps;
+    fake_sys::hooks().strdup = [&](const char* text) {
+        char* const copy = fake_sys::real::strdup(text);
+        copies[copy] = text;
+        return copy;
+    };
+    handled(0, 0);
+    fake_sys::hooks().free = [&](void* memory) {
+        const auto copy = copies.find(memory);
+        if (copy != copies.end() && copy->second != "hw:1") {
+            steps.push_back("forget " + copy->second);
+        }
+        fake_sys::real::free(memory);
+    };
+    fake_log::onLine() = [&](const Line& line) {
+        if (line == request(0, STOPPED)) {
+            steps.emplace_back("off");
+        }
+    };
+    loop.handle({1, 0}, 8);
+    fake_sys::hooks().free = nullptr;
+    EXPECT_THAT(steps, ElementsAre("off", "off", "forget /tmp/usbAudioFifoTx",
+                                   "forget /tmp/usbAudioFifoRx"));
 }
 
 TEST_F(EventLoopTest, UnbindWhileUnboundTouchesNothing) {

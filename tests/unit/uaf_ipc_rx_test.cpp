@@ -261,6 +261,31 @@ TEST_F(UafIpcRxTest, ReplyGivesTheStateThatStandsWhenItHoldsTheLock) {
     EXPECT_EQ((Messages{{1, 0}, {0, 1}, {1, 0}, {2, 1}}), service.take());
 }
 
+TEST_F(UafIpcRxTest, ReplyGivesTheUsbStateThatStandsWhenItHoldsTheLock) {
+    setStates(1, 1, 1);
+    service.take();
+    int locks = 0;
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        if (mutex == service.queueMutex && ++locks == 1)
+            UafIpc::queueMsg({0, 0});
+        return fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    receive({datagram(7, 0)});
+    EXPECT_EQ((Messages{{0, 0}, {0, 0}}), service.take());
+}
+
+TEST_F(UafIpcRxTest, StateThatCannotLockIsLostButRemembered) {
+    setStates(1, 0, 0);
+    service.take();
+    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
+        return mutex == service.queueMutex ? EDEADLK : fake_sys::real::pthread_mutex_lock(mutex);
+    };
+    UafIpc::queueMsg({1, 1});
+    fake_sys::hooks().pthread_mutex_lock = nullptr;
+    EXPECT_EQ(Messages{}, service.take());
+    EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 0}}), syncUp());
+}
+
 // A state stored while the reply is being built comes behind it, and stays.
 TEST_F(UafIpcRxTest, ReplyNeverRevivesAStateThatWasReplacedMeanwhile) {
     setStates(1, 1, 1);
@@ -401,6 +426,21 @@ TEST_F(UafIpcRxTest, LoopEndsOnceTheServiceNoLongerRuns) {
     EXPECT_EQ(1U, requests.size());
 }
 
+TEST_F(UafIpcRxTest, LoopIsNotEnteredOnceTheServiceNoLongerRuns) {
+    fake_sys::hooks().open = [&](const char*, int) {
+        fake_sys::hooks().socket = [](int, int, int) { return -1; };
+        EXPECT_FALSE(service.startAgain());
+        fake_log::clear();
+        return GADGET_FD;
+    };
+    fake_sys::hooks().recvfrom = [](auto...) -> ssize_t {
+        ADD_FAILURE() << "received while stopped";
+        return -1;
+    };
+    service.runRx();
+    EXPECT_EQ(Lines{}, fake_log::lines());
+}
+
 // Real datagrams: what the socket itself makes of odd lengths.
 TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheThread) {
     int ends[2];
@@ -423,6 +463,20 @@ TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheT
                errorLine("unexpected msg size: 4\n"), debugLine("got speaker volume msg: volume=2"),
                errorLine("receive error: <0:10>\n")}),
         fake_log::lines());
+}
+
+// The receive of an empty datagram sets no errno: the line shows that of an earlier call.
+TEST_F(UafIpcRxTest, EmptyDatagramShowsTheErrnoThatItFinds) {
+    requestError = ENOTTY;
+    int calls = 0;
+    fake_sys::hooks().recvfrom = [&](int, void* data, size_t, int, sockaddr*, socklen_t*) {
+        if (++calls > 1)
+            return ssize_t{0};
+        memcpy(data, datagram(5, 1).bytes.data(), 8);
+        return ssize_t{8};
+    };
+    service.runRx();
+    EXPECT_EQ(errorLine("receive error: <0:25>\n"), fake_log::lines().back());
 }
 
 TEST_F(UafIpcRxTest, EmptyDatagramBehindAStaleEagainDoesNotEndTheThread) {

@@ -158,6 +158,60 @@ TEST_F(UafIpcTest, FailedClosesAreLoggedAndForgotten) {
     expectFailure({"socket failed: <-1:24>\n"}, {});
 }
 
+TEST_F(UafIpcTest, FreshServiceHasNothingToClose) {
+    std::vector<int> closed;
+    fake_sys::hooks().close = [&](int fd) {
+        closed.push_back(fd);
+        return 0;
+    };
+    fake_sys::hooks().socket = [](int, int, int) { return -1; };
+    start();
+    EXPECT_EQ(std::vector<int>{}, closed);
+}
+
+TEST_F(UafIpcTest, DestructorClosesNothing) {
+    auto doomed = std::make_unique<UafIpc>();
+    EXPECT_TRUE(doomed->start());
+    service.calls.clear();
+    doomed.reset();
+    EXPECT_EQ(Strings{}, service.calls);
+}
+
+// Released by the start, the receive thread finds the service running.
+TEST_F(UafIpcTest, ServiceRunsBeforeItsReceiveThreadMayBegin) {
+    const pthread_t starter = pthread_self();
+    pthread_t receiver{};
+    int creations = 0;
+    int receives = 0;
+    bool joined = false;
+    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
+                                           void* (*entry)(void*), void* argument) {
+        if (++creations == 2)
+            return 0;
+        const int rc = fake_sys::real::pthread_create(id, nullptr, entry, argument);
+        receiver = *id;
+        return rc;
+    };
+    fake_sys::hooks().pthread_mutex_unlock = [&](pthread_mutex_t* mutex) {
+        const int rc = fake_sys::real::pthread_mutex_unlock(mutex);
+        if (pthread_equal(starter, pthread_self()) != 0 && creations == 2 && !joined) {
+            joined = true;
+            pthread_join(receiver, nullptr);
+        }
+        return rc;
+    };
+    fake_sys::hooks().open = [](const char*, int) { return 77; };
+    fake_sys::hooks().recvfrom = [&](auto...) -> ssize_t {
+        receives++;
+        errno = EBADF;
+        return -1;
+    };
+    start();
+    EXPECT_TRUE(started);
+    EXPECT_TRUE(joined);
+    EXPECT_EQ(1, receives);
+}
+
 // The exit path destroys the instance: the thread that is there already must not have begun.
 TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     static std::atomic<bool> running;
