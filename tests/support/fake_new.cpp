@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstring>
 #include <new>
 
 namespace {
@@ -11,6 +12,12 @@ std::atomic<int> successesLeft{NEVER};
 
 bool failsNow() {
     return successesLeft.load() != NEVER && successesLeft.fetch_sub(1) == 0;
+}
+
+constexpr int DIRT = 0xA5;
+
+void* dirtied(void* memory, std::size_t size) {
+    return memory != nullptr ? memset(memory, DIRT, size) : nullptr;
 }
 
 }  // namespace
@@ -34,10 +41,10 @@ void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
 void* __real__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
 
 void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
-    return failsNow() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+    return failsNow() ? nullptr : dirtied(__real__ZnwmRKSt9nothrow_t(size, tag), size);
 }
 
 void* __wrap__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
-    return failsNow() ? nullptr : __real__ZnamRKSt9nothrow_t(size, tag);
+    return failsNow() ? nullptr : dirtied(__real__ZnamRKSt9nothrow_t(size, tag), size);
 }
 }

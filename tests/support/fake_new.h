@@ -1,5 +1,5 @@
-// Makes `new (std::nothrow)` fail on demand. Linked by tests that name it; everything else that
-// allocates goes on.
+// Makes `new (std::nothrow)` fail on demand, and what it gives dirty, as memory from a used heap
+// is. Linked by tests that name it; everything else that allocates goes on.
 #pragma once
 
 namespace fake_new {

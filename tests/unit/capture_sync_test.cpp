@@ -179,6 +179,10 @@ TEST_F(MicCaptureTimestampTest, TimeStampBeforeTheStateDoesNotCount) {
               timestampOf("tstamp      : 12.0\nstate: RUNNING\ntstamp      : 13.000000000\n"));
 }
 
+TEST_F(MicCaptureTimestampTest, StateAndTimeStampMayShareALine) {
+    EXPECT_EQ(12000000034, timestampOf("tstamp      : 12.000000034 state: RUNNING\n"));
+}
+
 TEST_F(MicCaptureTimestampTest, OnceRunningStaysRunning) {
     EXPECT_EQ(12000000034,
               timestampOf("state: RUNNING\nstate: XRUN\ntstamp      : 12.000000034\n"));

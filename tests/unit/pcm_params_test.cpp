@@ -206,6 +206,22 @@ INSTANTIATE_TEST_SUITE_P(PcmParams, SwStepTest,
                                          FailingStep{"snd_pcm_sw_params", 5, -ENODEV,
                                                      "error at setSwParams@89: err=-19\n"}));
 
+TEST_F(PcmParamsTest, NothingComesFromTheHeap) {
+    fake_alsa::stopRecording();
+    int allocations = 0;
+    fake_sys::hooks().malloc = [&](size_t size) {
+        ++allocations;
+        return fake_sys::real::malloc(size);
+    };
+    fake_sys::hooks().calloc = [&](size_t n, size_t size) {
+        ++allocations;
+        return fake_sys::real::calloc(n, size);
+    };
+    EXPECT_EQ(0, setHw());
+    EXPECT_EQ(0, setSw());
+    EXPECT_EQ(0, allocations);
+}
+
 TEST_F(PcmParamsTest, FailureLeavesThePcmOpen) {
     fake_alsa::answerAlways("snd_pcm_hw_params", -EBUSY);
     EXPECT_EQ(-EBUSY, setHw());

@@ -267,8 +267,8 @@ TEST_F(QueueTest, BlockThatEndsAtTheEndLeavesThePointerAtTheStart) {
 TEST_F(QueueTest, DataMayOverlapTheStorage) {
     put(counting(8));
     EXPECT_EQ(0, QUEUE_EnqueueFromBuff(&ctx, storage.data() + 4, 8));
-    EXPECT_EQ((Bytes{1, 2, 3, 4, 5, 6, 7, 8, 5, 6, 7, 8}),
-              Bytes(storage.begin(), storage.begin() + 12));
+    EXPECT_EQ((Bytes{1, 2, 3, 4, 5, 6, 7, 8, 5, 6, 7, 8, 0xCC, 0xCC, 0xCC, 0xCC}),
+              Bytes(storage.begin(), storage.end()));
     EXPECT_EQ(0, QUEUE_DequeueToBuff(&ctx, storage.data() + 2, 8));
     EXPECT_EQ(counting(8), Bytes(storage.begin() + 2, storage.begin() + 10));
 }

@@ -177,6 +177,13 @@ TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
     EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -86"));
 }
 
+TEST_F(UafChStreamTest, AnXrunLeavesTheCountOfStalls) {
+    openPcm();
+    channel.pcmStallCnt = 3;
+    EXPECT_EQ(0, channel.missedWait(-EPIPE, "UAFTAG"));
+    EXPECT_EQ(3, channel.pcmStallCnt);
+}
+
 TEST_F(UafChStreamTest, AFailedRecoveryIsReportedAndReturned) {
     openPcm();
     fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);

@@ -183,6 +183,19 @@ TEST_F(UafSnkReadTest, SuspendInTheReadIsResumedAndMakesACheckDue) {
     EXPECT_THAT(checks, ElementsAre(1, 3));
 }
 
+TEST_F(UafSnkReadTest, XrunInTheFirstReadOfAllGivesSilence) {
+    fake_alsa::answerAt("snd_pcm_readi", 1, -EPIPE);
+    run(3);
+    EXPECT_EQ(silence(), written[0]);
+}
+
+TEST_F(UafSnkReadTest, FailedRecoveryInTheReadMakesACheckDue) {
+    fake_alsa::answerAt("snd_pcm_readi", 2, -EPIPE);
+    fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
+    runUntilStopped();
+    EXPECT_THAT(checks, ElementsAre(1, 3));
+}
+
 TEST_F(UafSnkReadTest, FailedRecoveryInTheReadStopsTheChannel) {
     fake_alsa::answerAt("snd_pcm_readi", 2, -EPIPE);
     fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);

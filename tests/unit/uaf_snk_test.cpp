@@ -95,6 +95,11 @@ TEST_F(UafSnkTest, FailedOpenLeavesNoHandle) {
     EXPECT_THAT(log(), ElementsAre(debug("start, opening hw:1\n")));
 }
 
+TEST_F(UafSnkTest, PositiveResultOfTheStartIsSuccess) {
+    fake_alsa::answerAlways("snd_pcm_start", 1);
+    EXPECT_EQ(0, snk->uafStart());
+}
+
 TEST_F(UafSnkTest, CodeOfTheFailedStepIsReturned) {
     fake_alsa::answerAt("snd_pcm_open", 1, -EBUSY);
     EXPECT_EQ(-EBUSY, snk->uafStart());
@@ -207,6 +212,18 @@ TEST_F(UafSnkTest, DestructionFreesTheStatusObjectAndLeavesThePcm) {
     EXPECT_EQ(0, fake_alsa::statusObjects());
     EXPECT_EQ(1, fake_alsa::pcmsOpen());
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_drop"));
+}
+
+// Unlike the source's: only a stop closes it.
+TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
+    struct OpenSink : UafSnk {
+        using UafCh::fifo;
+    };
+    auto doomed = std::make_unique<OpenSink>();
+    ASSERT_TRUE(doomed->fifo.open(FIFO_RX_PATH, O_WRONLY, 960, "UAFSNK"));
+    events.clear();
+    doomed.reset();
+    EXPECT_THAT(events, IsEmpty());
 }
 
 // ---- The signal --------------------------------------------------------------------------------

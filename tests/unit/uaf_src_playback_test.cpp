@@ -340,11 +340,21 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
     EXPECT_EQ(debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());
 }
 
+TEST_F(UafSrcPlaybackTest, ASuspendOfTheWriteIsRecoveredLikeAnXrun) {
+    writeResults({-ESTRPIPE});
+    runPasses(1);
+    EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
+    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -86"));
+    EXPECT_EQ(debug("exit, loopcnt=4, pcmWrite 720\n"), fake_log::lines().back());
+}
+
 TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWriteStopsTheChannel) {
     writeResult = [](int) { return -EPIPE; };
     fake_alsa::answerAlways("snd_pcm_prepare", -ENODEV);
     source->pcmStallCnt = 2;
+    source->availChkCnt = 9;
     runWorker();
+    EXPECT_EQ(0, source->availChkCnt);
     EXPECT_EQ(4, count("writei"));
     const std::vector<fake_log::Line> lines = ownLines();
     ASSERT_GE(lines.size(), 3U);

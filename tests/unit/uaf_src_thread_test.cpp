@@ -52,14 +52,13 @@ TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) 
 
 TEST_F(UafSrcThreadTest, WithoutItsBufferThreadTheChannelStartsAndStopsItself) {
     createResult = EAGAIN;
-    createErrno = EAGAIN;
+    createErrno = ENOMEM;  // which the line shows
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
     EXPECT_EQ(nullptr, source->pcmHandle);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 1U)));
-    EXPECT_THAT(ownLines(),
-                ElementsAre(debug("init SSRS\n"),
-                            error("pthread_create: <11:Resource temporarily unavailable>\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(debug("init SSRS\n"),
+                                        error("pthread_create: <12:Cannot allocate memory>\n")));
     forget();
     runWorker();
     EXPECT_EQ(UAFCH_STOPPED, source->state);

@@ -62,6 +62,13 @@ TEST_F(XrunRecoveryTest, OverrunIsPrepared) {
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_start"));
+    EXPECT_EQ(2, fake_alsa::count("snd_pcm_stream"));  // asked for each of the two lines
+}
+
+TEST_F(XrunRecoveryTest, AnyDirectionButPlaybackIsACapture) {
+    fake_alsa::answerAlways("snd_pcm_stream", 2);
+    EXPECT_EQ(0, xrun_recovery(capture(), -EPIPE));
+    expectLog("xrun_recovery: capture xrun, err -32", {"overrun...", "ready \n"});
 }
 
 TEST_F(XrunRecoveryTest, UnderrunIsPrepared) {
