@@ -132,9 +132,7 @@ bool Storm::rage(int steps) {
             return false;
         }
         if (step % STEPS_A_ROUND == 0) {
-            // A stop waits for an app that is there and silent, or that holds on to a FIFO.
-            wakeApp();
-            restartApp();
+            // Whatever has become of the app: neither a stop nor an event waits for it.
             if (!daemon_.settle()) {
                 return false;
             }
