@@ -32,7 +32,7 @@ AppFifo::AppFifo() {
     sigaction(LET_OUT_SIGNAL, &action, nullptr);
 }
 
-bool AppFifo::open(const char* path, int flags, size_t blockBytes, const char* tag) {
+bool AppFifo::openEnd(const char* path, int flags, size_t blockBytes, const char* tag) {
     descriptor = path == nullptr ? -1 : openPath(path, flags);
     if (descriptor < 0) {
         if (!letOut) {

@@ -28,7 +28,7 @@ class AppFifo {
     // `blockBytes`. False when it does not open, also for a null path, or when the wait was ended.
     // Logs under `tag`: "failed to open %s\n" (error), "%s opened buffer size %d\n" (debug);
     // nothing when the wait was ended.
-    bool open(const char* path, int flags, size_t blockBytes, const char* tag);
+    bool openEnd(const char* path, int flags, size_t blockBytes, const char* tag);
 
     // Descriptor 0 is standard input, which is not this class's to use or to close: an open that
     // gave it counts as none, and the next one is made in its place.
@@ -48,7 +48,7 @@ class AppFifo {
 
     // ---- Any other thread ----------------------------------------------------------------------
 
-    // Makes a thread that waits in open look at the path again: an app that restarts may have
+    // Makes a thread that waits in openEnd look at the path again: an app that restarts may have
     // replaced the FIFO, and nobody can answer on the old one, which has no name. Returns when it
     // has looked; that takes about a millisecond, whatever the app does.
     void lookAgain();

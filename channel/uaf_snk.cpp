@@ -253,7 +253,7 @@ int UafSnk::sndRead() {
 // period is lost and the next write opens the FIFO anew; -1 when the FIFO cannot be opened.
 int UafSnk::fifoWrite() {
     // The open waits until the app opens the FIFO for reading; nothing is captured meanwhile.
-    if (!fifo.isOpen() && !fifo.open(fifoName.load(), O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
         return -1;
     }
     const int rc = static_cast<int>(fifo.write(pcmBuf.get(), FIFO_BLOCK_BYTES));

@@ -315,7 +315,7 @@ void UafSrc::endFailedBufferPass() {
 // is logged or closed when the stop has ended the wait.
 int UafSrc::fifoRead() {
     // The open waits until the app opens the FIFO for writing.
-    if (!fifo.isOpen() && !fifo.open(fifoName.load(), O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
         return -1;
     }
     if (!fifo.isPipe()) {

@@ -137,7 +137,7 @@ void Test::forget() {
 }
 
 void Test::openFifo() {
-    ASSERT_TRUE(source->fifo.open(FIFO, O_RDONLY, BLOCK_BYTES, "UAFSRC"));
+    ASSERT_TRUE(source->fifo.openEnd(FIFO, O_RDONLY, BLOCK_BYTES, "UAFSRC"));
     forget();
 }
 

@@ -41,7 +41,7 @@ fake_log::Line error(const std::string& text) {
 class AppFifoTest : public fake_sys::Test {
   protected:
     bool open(const char* path = "/tmp/fifo") {
-        return fifo.open(path, O_WRONLY, BLOCK_BYTES, TAG);
+        return fifo.openEnd(path, O_WRONLY, BLOCK_BYTES, TAG);
     }
 
     AppFifo fifo;
@@ -223,7 +223,7 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
         });
     }
     void startOpening() {
-        startUser([this] { opened = fifo.open(path.c_str(), GetParam(), BLOCK_BYTES, TAG); });
+        startUser([this] { opened = fifo.openEnd(path.c_str(), GetParam(), BLOCK_BYTES, TAG); });
     }
     // Of the calls that the thread makes once its number is known, only those on the FIFO sleep.
     void waitUntilAsleep() const {
@@ -376,7 +376,7 @@ TEST_P(AppFifoWaitTest, WaitsAreAllowedAgain) {
 TEST_P(AppFifoWaitTest, TheStopEndsAReadOrAWriteAndTheFifoStaysOpen) {
     int app = -1;
     startUser([&] { app = openOtherEnd(); });
-    ASSERT_TRUE(fifo.open(path.c_str(), GetParam(), BLOCK_BYTES, TAG));
+    ASSERT_TRUE(fifo.openEnd(path.c_str(), GetParam(), BLOCK_BYTES, TAG));
     user.join();
     ssize_t result = 0;
     startUser([&] {
