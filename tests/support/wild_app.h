@@ -34,6 +34,10 @@ class WildApp {
     WildApp(const WildApp&) = delete;
     WildApp& operator=(const WildApp&) = delete;
 
+    // Between the two it keeps open what is open and touches nothing, like an app in a debugger.
+    void halt() { setHalted(true); }
+    void resume() { setHalted(false); }
+
     // From its next act on it is a good app: it makes the FIFO where it is missing, holds its end
     // of it and moves sound.
     void settle() { settling = true; }
@@ -41,6 +45,13 @@ class WildApp {
     bool hasSettled() const { return settled; }
 
   private:
+    void setHalted(bool wanted) {
+        halting = wanted;
+        while (halted != wanted) {
+            std::this_thread::yield();
+        }
+    }
+
     void run() {
         using Act = void (WildApp::*)();
         // Moving sound has to be frequent, or nothing that depends on it is ever reached.
@@ -50,7 +61,10 @@ class WildApp {
                                 &WildApp::replaceAnew, &WildApp::placeFile, &WildApp::placeFolder,
                                 &WildApp::placeLink,   &WildApp::placeLoop};
         while (!done) {
-            if (settling) {
+            halted = halting.load();
+            if (halted) {
+                // nothing
+            } else if (settling) {
                 behave();
                 settled = true;
             } else {
@@ -165,6 +179,8 @@ class WildApp {
     const int flags;
     std::minstd_rand random;
     int fd = -1;
+    std::atomic<bool> halting{false};
+    std::atomic<bool> halted{false};
     std::atomic<bool> settling{false};
     std::atomic<bool> settled{false};
     std::atomic<bool> done{false};

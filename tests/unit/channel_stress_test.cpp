@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr unsigned EVENTS = 50000;
+constexpr unsigned EVENTS = 10000;
 
 // What may go wrong, one bit each.
 constexpr unsigned FRAME_BUFFER_WRITES = 1;
@@ -110,15 +110,27 @@ class ChannelStressTest : public ChannelLifecycleTest {
     }
     void failOrMend() { faults = upTo(3) == 0 ? upTo(ALL_FAULTS) : 0; }
 
-    // Not one of them waits for an app: the test would not end.
+    void stopUnderAHaltedApp() {
+        microphone->halt();
+        bind();
+        source.intfUpdate(false);
+        ASSERT_TRUE(eventually([this] { return source.hasStopped(); }));
+        microphone->resume();
+    }
+
     void sendEvents(unsigned events) {
         using Event = void (ChannelStressTest::*)();
-        constexpr Event kinds[] = {
-            &ChannelStressTest::switchSource,   &ChannelStressTest::switchSource,
-            &ChannelStressTest::switchSource,   &ChannelStressTest::switchSink,
-            &ChannelStressTest::switchSink,     &ChannelStressTest::bind,
-            &ChannelStressTest::unbind,         &ChannelStressTest::failOrMend,
-            &ChannelStressTest::failAStartStep, &ChannelStressTest::failOrMend};
+        constexpr Event kinds[] = {&ChannelStressTest::switchSource,
+                                   &ChannelStressTest::switchSource,
+                                   &ChannelStressTest::switchSource,
+                                   &ChannelStressTest::switchSink,
+                                   &ChannelStressTest::switchSink,
+                                   &ChannelStressTest::bind,
+                                   &ChannelStressTest::unbind,
+                                   &ChannelStressTest::failOrMend,
+                                   &ChannelStressTest::failAStartStep,
+                                   &ChannelStressTest::failOrMend,
+                                   &ChannelStressTest::stopUnderAHaltedApp};
         for (unsigned event = 0; event < events; ++event) {
             (this->*kinds[upTo(std::size(kinds))])();
             if (upTo(4) == 0) {
@@ -164,6 +176,8 @@ class ChannelStressTest : public ChannelLifecycleTest {
 
     const unsigned seed = fromEnvironment("UAFD_STRESS_SEED", 1);
     std::minstd_rand random{seed};
+    std::unique_ptr<WildApp> microphone;  // writes what the source reads
+    std::unique_ptr<WildApp> speaker;
     std::atomic<unsigned> faults{0};
     std::atomic<unsigned> creations{0};
     std::atomic<unsigned> stops{0};
@@ -176,8 +190,8 @@ TEST_F(ChannelStressTest, ChannelsThatWentThroughEverythingStreamAgain) {
     std::thread([] {}).join();  // a sanitizer's own thread comes with the first one
     const long threads = entriesOf("task");
     const long descriptors = entriesOf("fd");
-    auto microphone = std::make_unique<WildApp>(sourceFifo, O_WRONLY, seed + 1);
-    auto speaker = std::make_unique<WildApp>(sinkFifo, O_RDONLY, seed + 2);
+    microphone = std::make_unique<WildApp>(sourceFifo, O_WRONLY, seed + 1);
+    speaker = std::make_unique<WildApp>(sinkFifo, O_RDONLY, seed + 2);
     const unsigned events = fromEnvironment("UAFD_STRESS_EVENTS", EVENTS);
     sendEvents(events);
     std::cout << "stops of the microphone: " << stops << ", failed opens: " << failedOpens
