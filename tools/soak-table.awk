@@ -1,12 +1,11 @@
-# Adds up the pieces of a soak, files of "KEY VALUE...", a row for each combination of the clock's
-# offset and the app's jitter, and prints the page with the tables. tools/soak runs it.
+# Adds up the pieces of a soak, each from "piece N" on a line "KEY VALUE..." for everything, a row for
+# each combination of the clock's offset and the app's jitter, and prints the page with the tables.
+# tools/soak runs it.
 
 function least(a, b) { return a == "" || b < a ? b : a }
 function most(a, b) { return a == "" || b > a ? b : a }
 
-# A piece begins.
-FNR == 1 { pieces++ }
-
+$1 == "piece" { pieces++ }
 $1 == "daemon" && !($2 in daemons) { daemons[$2]; daemonNames = daemonNames " " $2 }
 $1 == "ppm" { ppm = $2 }
 $1 == "jitter_ms" {
@@ -100,8 +99,8 @@ function printIntroduction() {
     printf "./test --soak %d\n", allMinutes / 60
     print "```"
     print ""
-    print "which runs what is missing until `docs/soak/` holds so many hours, a boot and a file for each piece, and adds"
-    print "up what is there; `tools/soak --help` tells what a piece is. A piece is alike whenever it is run."
+    print "which runs what is missing until `tests/board/soak/pieces.txt` holds so many hours, a boot for each piece,"
+    print "and adds up what is there; `tools/soak --help` tells what a piece is. A piece is alike whenever it is run."
     print ""
 }
 
