@@ -79,12 +79,13 @@ TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The channels wait in the FIFOs; what the host wanted is done when they come out.
+// The speaker's channel waits in its FIFO; what the host wanted of it is done when it comes out.
 TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
     process_->freeze();
     board::sleepFor(200 * kMs);
     bothOff();
     expectNobodyBusy();
+    EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 1);
     process_->thaw();
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 2);

@@ -14,16 +14,19 @@
 namespace board {
 
 struct AppProcess::Progress {
-    std::atomic<bool> speakingPaused{false};
+    explicit Progress(bool speaks) : speakingPaused(!speaks) {}
+
+    std::atomic<bool> speakingPaused;
     std::atomic<bool> listeningPaused{false};
     std::atomic<int64_t> heardSound{0};
+    std::atomic<int64_t> heardJumps{0};
     std::atomic<size_t> messages{0};
     Message values[65536];
 };
 
 AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& prepare)
     : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress),
+                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress(options.speaks)),
       pid_(fork()) {
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -69,6 +72,10 @@ int64_t AppProcess::heardSound() const {
     return progress_->heardSound;
 }
 
+int64_t AppProcess::heardJumps() const {
+    return progress_->heardJumps;
+}
+
 int64_t AppProcess::messages() const {
     return static_cast<int64_t>(progress_->messages);
 }
@@ -84,6 +91,7 @@ void AppProcess::live(AppOptions options, const std::function<void()>& prepare) 
     }
     App app(options);
     app.speak(noise);
+    int16_t last = 0;
     for (;;) {
         app.pauseSpeaking(progress_->speakingPaused);
         app.pauseListening(progress_->listeningPaused);
@@ -91,6 +99,10 @@ void AppProcess::live(AppOptions options, const std::function<void()>& prepare) 
         const Samples heard = app.takeHeard().left;
         progress_->heardSound +=
             std::count_if(heard.begin(), heard.end(), [](int16_t sample) { return sample != 0; });
+        for (const int16_t sample : heard) {
+            progress_->heardJumps += sample == ramp(last + 1) ? 0 : 1;
+            last = sample;
+        }
         for (const Message& message : app.messageValues(progress_->messages)) {
             if (progress_->messages < std::size(progress_->values)) {
                 progress_->values[progress_->messages] = message;

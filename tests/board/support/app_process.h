@@ -31,6 +31,8 @@ class AppProcess {
     // Since its start: frames heard that were not silent, messages received (no more than 65536 are
     // kept).
     int64_t heardSound() const;
+    // Of a host that plays the ramp: how often what was heard did not go on with its next sample.
+    int64_t heardJumps() const;
     int64_t messages() const;
     std::vector<Message> messageValues(size_t from) const;
 

@@ -1,0 +1,173 @@
+// The app is away while the host records: silent, dead, or stopped. What the host wants is done all
+// the same, and in time: each of its records within 50 ms, the microphone's stop within 40 ms of
+// its off. Only the speaker's stop waits for the app.
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/board/scenarios/scenario.h"
+#include "tests/board/support/app_process.h"
+#include "tests/board/support/host_player.h"
+#include "tests/board/support/mic_trace.h"
+#include "tests/board/support/record_watch.h"
+
+namespace {
+
+using board::App;
+using board::AppOptions;
+using board::AppProcess;
+using board::FrameKind;
+using board::kMs;
+using board::kSecond;
+using board::Message;
+using board::Ns;
+
+constexpr Ns kHandled = 50 * kMs;
+constexpr Ns kStopped = 42 * kMs;  // four passes, up to 10 ms each, and the threads
+
+class AwayApp : public Scenario {
+  protected:
+    // The messages are taken by the test: they tell when a stream stopped, whatever the app does.
+    void SetUp() override {
+        start();
+        app.reset();
+        messages_.emplace();
+        player_.emplace(board::ramp);
+        watch_.emplace(&host);
+    }
+
+    void startApp(bool speaks = true) {
+        AppOptions options;
+        options.socket = false;
+        options.speaks = speaks;
+        process_ = std::make_unique<AppProcess>(options);
+    }
+
+    // As soon as it is there; else false.
+    bool isTold(Message wanted, Ns limit) {
+        return board::waitFor(
+            [&] {
+                const std::vector<Message> messages = messages_->take();
+                return std::find(messages.begin(), messages.end(), wanted) != messages.end();
+            },
+            limit);
+    }
+    // What the host does, and what the app is told in time.
+    void expectTold(const char* command, Message wanted, Ns limit) {
+        SCOPED_TRACE(command);
+        messages_->take();
+        host.command(command);
+        watch_->probe();
+        EXPECT_TRUE(isTold(wanted, limit));
+        expectPrompt();
+    }
+    // All that came was read in time.
+    void expectPrompt() {
+        board::sleepFor(kHandled);
+        watch_->look();
+        EXPECT_LE(watch_->wait().time, kHandled) << watch_->wait().text();
+        EXPECT_LE(watch_->micStop().time, kStopped) << watch_->micStop().text();
+    }
+
+    // Everything that the host can want meanwhile.
+    void hostGoesOn() {
+        board::sleepFor(200 * kMs);  // until all that can wait for the app does
+        expectTold("mic off", {kMic, 0}, kStopped);
+        expectTold("volume speaker 7", {3, 7}, kHandled);
+        expectTold("mic on", {kMic, 1}, kHandled);
+        bothOff();
+        expectTold("mute speaker 1", {5, 1}, kHandled);
+        bothOn();
+        expectTold("unbind", {kMic, 0}, kStopped);
+        host.command("bind");
+        expectTold("mic on", {kMic, 1}, kHandled);
+    }
+
+    // The app is there again: the speaker's stop, by the unbind, is over now, and both directions
+    // stream, frame by frame.
+    void expectBothStream() {
+        ASSERT_TRUE(board::waitFor(
+            [this] { return host.counter("capture.opens") == host.counter("capture.closes"); }));
+        host.command("speaker on");
+        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+        ASSERT_TRUE(hostHears());
+        board::sleepFor(kSecond);
+        const int64_t jumps = process_->heardJumps();
+        const int64_t heard = process_->heardSound();
+        expectEachFrameIsTheApps(kSecond);
+        EXPECT_EQ(process_->heardJumps(), jumps);
+        EXPECT_GE(process_->heardSound(), heard + board::kRate * 9 / 10);
+        expectPrompt();
+    }
+    void expectEachFrameIsTheApps(Ns time) {
+        host.takeRecording();
+        const auto values = host.counters();
+        const int64_t into =
+            (values.at("mic.frames") - values.at("mic.queued") - values.at("mic.start_frames")) %
+            board::MicTrace::kFrame;
+        board::sleepFor(time);
+        board::Samples recorded = host.takeRecording();
+        recorded.erase(recorded.begin(), recorded.begin() + (board::MicTrace::kFrame - into));
+        board::MicTrace trace(board::noise);
+        trace.add(recorded);
+        EXPECT_EQ(trace.count(FrameKind::kUnexplained), 1);  // the first one, to be looked for
+        EXPECT_EQ(trace.count(FrameKind::kStarved), 0);
+        EXPECT_EQ(trace.count(FrameKind::kSilent), 0);
+        EXPECT_GT(trace.frames(), time / (5 * kMs) * 9 / 10);
+    }
+    // For the proof that the daemon is whole.
+    void restoreApp() {
+        printf("longest wait of a record %s, longest stop of the microphone %s\n",
+               watch_->wait().text().c_str(), watch_->micStop().text().c_str());
+        process_.reset();
+        player_.reset();
+        messages_.reset();
+        app = std::make_unique<App>();
+    }
+
+    std::optional<board::MessageSocket> messages_;
+    std::optional<board::HostPlayer> player_;
+    std::optional<board::RecordWatch> watch_;
+    std::unique_ptr<AppProcess> process_;
+};
+
+// It opens the microphone's FIFO, as any app does that only records, and writes nothing.
+TEST_F(AwayApp, OnlyRecords) {
+    startApp(false);
+    bothOn();
+    ASSERT_TRUE(daemon.waitForLog(std::string(board::kFifoTx) + " opened buffer size #"));
+    hostGoesOn();
+    process_->pauseSpeaking(false);
+    expectBothStream();
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(AwayApp, IsKilled) {
+    startApp();
+    bothOn();
+    ASSERT_TRUE(hostHears());
+    process_->kill();
+    hostGoesOn();
+    startApp();
+    expectBothStream();
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+TEST_F(AwayApp, IsStopped) {
+    startApp();
+    bothOn();
+    ASSERT_TRUE(hostHears());
+    process_->freeze();
+    hostGoesOn();
+    process_->thaw();
+    expectBothStream();
+    restoreApp();
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
