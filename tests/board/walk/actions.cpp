@@ -225,51 +225,54 @@ void passTime(Walk& walk) {
 }
 
 constexpr Action kActions[] = {
-    {"the host switches a stream", 30, switchStream},
-    {"the host switches its streams fast", 8, switchBothFast},
-    {"the host changes a volume", 4, changeVolume},
-    {"the host changes a mute", 4, changeMute},
-    {"the host's clock changes", 3, changeClock},
-    {"data stalls", 3, stallData},
-    {"the gadget binds or unbinds", 6, bindOrUnbind},
-    {"a raw record", 6, queueRawRecord},
-    {"an odd record", 2, queueOddRecord},
-    {"a burst of records", 2, queueBurst},
-    {"reads fail", 4, spoilReads},
-    {"reads are short", 4, shortenReads},
-    {"requests are refused", 2, refuseRequests},
-    {"a stream is injured", 8, injure},
-    {"streams are injured often", 3, injureOften},
-    {"resumes are refused", 3, refuseResumes},
-    {"a start's step fails", 8, spoilStart},
-    {"the card goes or comes", 4, removeOrAddCard},
-    {"the app starts", 8, restartApp},
-    {"the app dies", 3, killApp},
-    {"the app is stopped", 4, freezeApp},
-    {"the app goes on", 6, thawApp},
-    {"the app is slow", 6, slowApp},
-    {"the app loses its socket", 2, loseSocket},
-    {"a FIFO goes or comes", 5, changeFifo},
-    {"the app sends a message", 8, sendMessage},
-    {"the app sends an odd datagram", 3, sendOddDatagram},
-    {"the USB state changes", 4, changeUsbState},
-    {"a uevent", 4, sendUevent},
-    {"a forged uevent", 2, forgeUevent},
-    {"the cable moves", 4, moveCable},
-    {"an enumeration fails", 2, failEnumeration},
-    {"time passes", 3, passTime},
+    {"the host switches a stream", 30, Scope::kApp, switchStream},
+    {"the host switches its streams fast", 8, Scope::kApp, switchBothFast},
+    {"the host changes a volume", 4, Scope::kApp, changeVolume},
+    {"the host changes a mute", 4, Scope::kApp, changeMute},
+    {"the host's clock changes", 3, Scope::kAll, changeClock},
+    {"data stalls", 3, Scope::kAll, stallData},
+    {"the gadget binds or unbinds", 6, Scope::kApp, bindOrUnbind},
+    {"a raw record", 6, Scope::kAll, queueRawRecord},
+    {"an odd record", 2, Scope::kAll, queueOddRecord},
+    {"a burst of records", 2, Scope::kAll, queueBurst},
+    {"reads fail", 4, Scope::kAll, spoilReads},
+    {"reads are short", 4, Scope::kAll, shortenReads},
+    {"requests are refused", 2, Scope::kAll, refuseRequests},
+    {"a stream is injured", 8, Scope::kAll, injure},
+    {"streams are injured often", 3, Scope::kAll, injureOften},
+    {"resumes are refused", 3, Scope::kAll, refuseResumes},
+    {"a start's step fails", 8, Scope::kAll, spoilStart},
+    {"the card goes or comes", 4, Scope::kAll, removeOrAddCard},
+    {"the app starts", 8, Scope::kApp, restartApp},
+    {"the app dies", 3, Scope::kApp, killApp},
+    {"the app is stopped", 4, Scope::kApp, freezeApp},
+    {"the app goes on", 6, Scope::kApp, thawApp},
+    {"the app is slow", 6, Scope::kApp, slowApp},
+    {"the app loses its socket", 2, Scope::kApp, loseSocket},
+    {"a FIFO goes or comes", 5, Scope::kApp, changeFifo},
+    {"the app sends a message", 8, Scope::kApp, sendMessage},
+    {"the app sends an odd datagram", 3, Scope::kApp, sendOddDatagram},
+    {"the USB state changes", 4, Scope::kAll, changeUsbState},
+    {"a uevent", 4, Scope::kAll, sendUevent},
+    {"a forged uevent", 2, Scope::kAll, forgeUevent},
+    {"the cable moves", 4, Scope::kAll, moveCable},
+    {"an enumeration fails", 2, Scope::kAll, failEnumeration},
+    {"time passes", 3, Scope::kApp, passTime},
 };
 
 }  // namespace
 
-const Action& chooseAction(board::Random& random) {
+const Action& chooseAction(board::Random& random, Scope scope) {
+    const auto weight = [scope](const Action& action) {
+        return scope == Scope::kAll || action.scope == scope ? action.weight : 0;
+    };
     const int64_t weights =
         std::accumulate(std::begin(kActions), std::end(kActions), int64_t{0},
-                        [](int64_t sum, const Action& action) { return sum + action.weight; });
+                        [&](int64_t sum, const Action& action) { return sum + weight(action); });
     int64_t at = random.below(weights);
     const Action* action = kActions;
-    while (at >= action->weight) {
-        at -= action++->weight;
+    while (at >= weight(*action)) {
+        at -= weight(*action++);
     }
     return *action;
 }

@@ -1,5 +1,6 @@
-// random_walk --seed N --steps M: walks, and says after which step what went wrong. Every
-// kStepsAProof steps and at the end the daemon is proved whole. tools/random-walk runs it.
+// random_walk --seed N --steps M [--over app]: walks over everything, or over what an app may do,
+// and says after which step what went wrong. Every kStepsAProof steps and at the end the daemon is
+// proved whole. tools/random-walk runs it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,19 +12,41 @@ namespace {
 
 constexpr long kStepsAProof = 25;
 
-long argument(int argc, char** argv, const char* name) {
+// What follows the name among the arguments, or null.
+const char* argument(int argc, char** argv, const char* name) {
     for (int i = 1; i + 1 < argc; ++i) {
         if (strcmp(argv[i], name) == 0) {
-            return strtol(argv[i + 1], nullptr, 10);
+            return argv[i + 1];
         }
     }
-    fprintf(stderr, "usage: random_walk --seed N --steps M\n");
-    exit(2);
+    return nullptr;
+}
+
+long number(int argc, char** argv, const char* name) {
+    const char* const value = argument(argc, argv, name);
+    if (value == nullptr) {
+        fprintf(stderr, "usage: random_walk --seed N --steps M [--over app]\n");
+        exit(2);
+    }
+    return strtol(value, nullptr, 10);
+}
+
+Scope scopeOf(int argc, char** argv) {
+    const char* const scope = argument(argc, argv, "--over");
+    return scope != nullptr && strcmp(scope, "app") == 0 ? Scope::kApp : Scope::kAll;
+}
+
+void printDelays(const board::RecordWatch& records) {
+    printf(
+        "measured: %lld records; the longest wait of one %s; the longest stop of the microphone "
+        "%s\n",
+        static_cast<long long>(records.read()), records.wait().text().c_str(),
+        records.micStop().text().c_str());
 }
 
 // The exit status: 1 after an oddity.
-int walk(long seed, long steps) {
-    Walk walk(static_cast<uint64_t>(seed));
+int walk(long seed, long steps, Scope scope) {
+    Walk walk(static_cast<uint64_t>(seed), scope);
     for (long step = 1; step <= steps; ++step) {
         printf("step %ld %lld ms ", step, static_cast<long long>(board::now() / board::kMs));
         std::string wrong = walk.step();
@@ -38,6 +61,7 @@ int walk(long seed, long steps) {
             return 1;
         }
     }
+    printDelays(walk.records());
     return 0;
 }
 
@@ -45,7 +69,8 @@ int walk(long seed, long steps) {
 
 int main(int argc, char** argv) {
     try {
-        return walk(argument(argc, argv, "--seed"), argument(argc, argv, "--steps"));
+        return walk(number(argc, argv, "--seed"), number(argc, argv, "--steps"),
+                    scopeOf(argc, argv));
     } catch (const std::exception& failure) {
         printf("wrong: %s\n", failure.what());
         return 1;

@@ -19,11 +19,15 @@ constexpr std::ptrdiff_t kRealtimeThreads = 3;  // two workers and the FIFO's re
 constexpr board::Ns kPatience = 30 * kSecond;   // a suspend holds a channel for six seconds
 constexpr board::Ns kSyncPatience = 60 * kSecond;
 constexpr board::Ns kBusyWindow = kSecond;
+constexpr board::Ns kHandled = 50 * kMs;  // a record, whatever the app does
+constexpr board::Ns kMicStopped =
+    42 * kMs;  // after its off: four passes of up to 10 ms, and the threads
 constexpr size_t kPendingMessages = 128;  // in the daemon and in a socket, and a few more
 
 }  // namespace
 
-Walk::Walk(uint64_t seed) : random(seed), board("random_walk") {
+Walk::Walk(uint64_t seed, Scope scope)
+    : random(seed), board("random_walk"), scope_(scope), records_(&board.host) {
     board.start();
     board.app.reset();
     startApp({});
@@ -59,10 +63,13 @@ void Walk::endApp() {
 
 std::string Walk::step() {
     did_.clear();
-    const Action& action = chooseAction(random);
+    const Action& action = chooseAction(random, scope_);
     printf("%s", action.name);
     fflush(stdout);
     action.run(*this);
+    if (scope_ == Scope::kApp) {
+        records_.probe();
+    }
     printf("%s%s\n", did_.empty() ? "" : ": ", did_.c_str());
     fflush(stdout);
     const board::Ns since = board::now();
@@ -93,7 +100,8 @@ std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
         return "the daemon was busy for " + std::to_string(used / kMs) + " of " +
                std::to_string(passed / kMs) + " ms";
     }
-    for (const auto find : {&Walk::findCrowd, &Walk::findUnknownLine, &Walk::findRepetition}) {
+    for (const auto find :
+         {&Walk::findCrowd, &Walk::findUnknownLine, &Walk::findRepetition, &Walk::findDelay}) {
         const std::string oddity = (this->*find)();
         if (!oddity.empty()) {
             return oddity;
@@ -145,6 +153,19 @@ std::string Walk::findRepetition() {
     return watch_.repetition();
 }
 
+// Where records come in hundreds or reads fail, the later ones wait for what is done of the others.
+std::string Walk::findDelay() {
+    records_.look();
+    const board::Delay& delay = scope_ == Scope::kApp ? records_.wait() : records_.absence();
+    if (delay.time > kHandled) {
+        return "a record waited for " + delay.text();
+    }
+    if (scope_ == Scope::kApp && records_.micStop().time > kMicStopped) {
+        return "the microphone stopped after " + records_.micStop().text();
+    }
+    return "";
+}
+
 std::string Walk::prove() {
     std::string damage = makeSound();
     if (damage.empty()) {
@@ -155,6 +176,9 @@ std::string Walk::prove() {
     }
     if (damage.empty()) {
         damage = findRepetition();
+    }
+    if (damage.empty()) {
+        damage = findDelay();
     }
     board.app.reset();
     startApp({});

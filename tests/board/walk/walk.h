@@ -10,11 +10,18 @@
 #include "tests/board/support/board.h"
 #include "tests/board/support/channel_watch.h"
 #include "tests/board/support/random.h"
+#include "tests/board/support/record_watch.h"
+
+// What a walk is over.
+enum class Scope {
+    kAll,  // everything
+    kApp,  // all that an app may do, and a host that streams, binds and sets volumes as any does
+};
 
 class Walk {
   public:
     // The daemon is up, with an app.
-    explicit Walk(uint64_t seed);
+    Walk(uint64_t seed, Scope scope);
 
     // Does one random thing, prints what, and lets a random time pass. Returns what is wrong, or
     // nothing.
@@ -22,6 +29,7 @@ class Walk {
     // Makes the surroundings sound again and proves the daemon whole. Returns what is wrong, or
     // nothing.
     std::string prove();
+    const board::RecordWatch& records() const { return records_; }
 
     // ---- What the actions do things with -------------------------------------------------------
 
@@ -46,9 +54,12 @@ class Walk {
     std::string findCrowd();
     std::string findUnknownLine();
     std::string findRepetition();
+    std::string findDelay();
     std::string makeSound();
     bool syncUp();
 
+    const Scope scope_;
+    board::RecordWatch records_;
     board::ChannelWatch watch_;
     size_t seenMessages_ = 0;
     // A message was lost: where among so many next ones is not told, since they wait in the queue.
@@ -57,11 +68,13 @@ class Walk {
     std::string did_;  // what the step does, for who reads a failure
 };
 
-// One of the things that happen, and how often beside the others.
+// One of the things that happen, how often beside the others, and in which walks: kAll is not in
+// those over the app.
 struct Action {
     const char* name;
     int weight;
+    Scope scope;
     void (*run)(Walk& walk);
 };
 
-const Action& chooseAction(board::Random& random);
+const Action& chooseAction(board::Random& random, Scope scope);
