@@ -1,22 +1,30 @@
 # Adds up the pieces of a soak, each from "piece N" on a line "KEY VALUE..." for everything, a row for
-# each combination of the clock's offset and the app's jitter, and prints the page with the tables.
-# tools/soak runs it.
+# each combination of the clock's offset and the app's jitter and one for a boot of more than an hour,
+# and prints the page with the tables. tools/soak runs it.
 
 function least(a, b) { return a == "" || b < a ? b : a }
 function most(a, b) { return a == "" || b > a ? b : a }
 
 $1 == "piece" { pieces++ }
-$1 == "daemon" && !($2 in daemons) { daemons[$2]; daemonNames = daemonNames " " $2 }
+$1 == "daemon" {
+    daemon = $2
+    if (!(daemon in daemonMinutes)) daemons[++daemonCount] = daemon
+}
 $1 == "ppm" { ppm = $2 }
-$1 == "jitter_ms" {
-    row = $2 SUBSEP ppm
+$1 == "jitter_ms" { jitter = $2 }
+$1 == "minutes" {
+    isLong = $2 > 60
+    row = jitter SUBSEP ppm SUBSEP isLong
     if (!(row in jitters)) {
         order[++rows] = row
-        jitters[row] = $2
+        jitters[row] = jitter
         ppms[row] = ppm
+        longs[row] = isLong
     }
+    minutes[row] += $2
+    allMinutes += $2
+    daemonMinutes[daemon] += $2
 }
-$1 == "minutes" { minutes[row] += $2; allMinutes += $2 }
 $1 ~ /^(speaker|mic|strained)\.[a-z_]+$/ && NF == 2 { sum[row, $1] += $2 }
 $1 == "xruns" { sum[row, $1] += $2 }
 $1 ~ /^(first|last)\./ {
@@ -39,6 +47,9 @@ $1 ~ /\.minutes_us$/ {
         low[row, $1] = least(low[row, $1], $i)
         high[row, $1] = most(high[row, $1], $i)
     }
+}
+$1 == "hour" && isLong {
+    hours[++hourCount] = sprintf("%d | %d | %d | %d | %d | %d | %d | %d", $2, $3, $4, $5, $6, $7, $8, $9)
 }
 $1 == "disturbance" {
     if (!($2 in times)) kinds[++kindCount] = $2
@@ -72,7 +83,7 @@ function latency(row, way, share,    us) {
 }
 
 function ms(us) { return us == "" ? "-" : sprintf("%.2f", us / 1000) }
-function label(row) { return sprintf("%+d | %d", ppms[row], jitters[row]) }
+function label(row) { return sprintf("%+d%s | %d", ppms[row], longs[row] ? " (one boot)" : "", jitters[row]) }
 function value(row, key) { return sprintf("%.0f", sum[row, key]) }
 # The microphone's direction, calm or strained by the app's jitter.
 function undisturbed(row, what) { return sprintf("%.0f", sum[row, "mic." what] + sum[row, "strained." what]) }
@@ -151,6 +162,25 @@ function printProcess(    i, r) {
     }
 }
 
+function printHours(    i) {
+    if (hourCount == 0) return
+    print "\n## Hour after hour\n"
+    print "One boot, in which neither board nor daemon is started again: what there was at the end of each hour, of"
+    print "everything since the beginning. Frames H, frames A and wrong are of the time in which nothing was disturbed; wrong"
+    print "is what was lost, repeated, silent or nothing that was sent, clicks, underruns and overruns, in both directions."
+    print "\n| hour | frames H | frames A | wrong | disturbances | resident, kB | private, kB | descriptors |"
+    print "|---|---|---|---|---|---|---|---|"
+    for (i = 1; i <= hourCount; i++) print "| " hours[i] " |"
+}
+
+function printDaemons(    i, d, text) {
+    for (i = 1; i <= daemonCount; i++) {
+        d = daemons[i]
+        text = text sprintf("%s `%s` (%.1f h)", i > 1 ? "," : "", d, daemonMinutes[d] / 60)
+    }
+    print "The commit that had last changed the daemon's sources when a piece was run:" text "."
+}
+
 function printDisturbances(    i, k) {
     print "\n## The disturbances\n"
     print "One every 129 seconds, the kinds in turn. The longest time, in ms, from its end until the sound was whole and"
@@ -192,8 +222,8 @@ function printStrained(    i, r) {
 END {
     printIntroduction()
     printf "## What it holds\n\n"
-    printf "**%.1f virtual hours** of both directions, in %d pieces; ", allMinutes / 60, pieces
-    printf "the daemon's sources were last changed by commit%s.\n", daemonNames
+    printf "**%.1f virtual hours** of both directions, in %d pieces.\n", allMinutes / 60, pieces
+    printDaemons()
     if (problemCount == 0) {
         print "\nNo frame was lost or repeated, and there was no click, while nothing was disturbed."
     } else {
@@ -203,6 +233,7 @@ END {
     printSound()
     printLatency()
     printProcess()
+    printHours()
     printDisturbances()
     printStrained()
 }

@@ -49,6 +49,12 @@ void addHoldings(std::ostream& out, const std::string& name, const Holdings& hol
         << name << ".descriptors " << holdings.descriptors << '\n';
 }
 
+void addHour(std::ostream& out, size_t number, const Hour& hour) {
+    out << "hour " << number << ' ' << hour.speakerFrames << ' ' << hour.micFrames << ' '
+        << hour.wrong << ' ' << hour.disturbances << ' ' << hour.holdings.memory.residentKb << ' '
+        << hour.holdings.memory.privateKb << ' ' << hour.holdings.descriptors << '\n';
+}
+
 // What a disturbance has put into the buffer or taken out of it comes back a sample with each frame
 // that latency control presses or draws out, and that is every second one mostly.
 constexpr Ns kSpeakerBackMax = kSecond;
@@ -97,6 +103,9 @@ std::string reportOf(const Soak& soak) {
     addCounts(out, "strained", soak.mic().countsOf(State::kStrained));
     addHoldings(out, "first", soak.first());
     addHoldings(out, "last", soak.last());
+    for (size_t i = 0; i < soak.hours().size(); ++i) {
+        addHour(out, i + 1, soak.hours()[i]);
+    }
     for (const Outcome& outcome : soak.outcomes()) {
         out << "disturbance " << nameOf(outcome.disturbance.kind) << ' ' << outcome.atSecond << ' '
             << outcome.disturbance.length / kUs << ' ' << outcome.speakerBack / kUs << ' '

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 namespace board {
 namespace {
 
 constexpr Ns kMinute = 60 * kSecond;
+constexpr Ns kHour = 60 * kMinute;
 constexpr Ns kLook = 5 * kSecond;
 constexpr Ns kSettling = 3 * kSecond;  // of a stream that has begun
 constexpr int kJitterHeldMs = 3;       // that the buffer holds as it is at first
@@ -87,6 +89,7 @@ void Soak::stayCalm(Ns until) {
     while (now() < until) {
         sleepUntil(std::min(until, now() + kLook));
         look();
+        noteHour();
     }
     const Counts& after = mic_->countsOf(State::kCalm);
     const auto frames = static_cast<double>(after.frames - before.frames);
@@ -145,6 +148,21 @@ void Soak::look() {
     mic_->counts().lost += (lostBlocks - lostBlocks_) * kBlockFrames;
     lostBlocks_ = lostBlocks;
     speaker_->add(board_.app->takeHeard(), speakerClock_);
+}
+
+// Once an hour, and for who looks on.
+void Soak::noteHour() {
+    if (now() < begin_ + static_cast<Ns>(hours_.size() + 1) * kHour) {
+        return;
+    }
+    const Counts& speaker = speaker_->countsOf(State::kCalm);
+    const Counts& mic = mic_->countsOf(State::kCalm);
+    hours_.push_back(
+        {speaker.frames, mic.frames, speaker.wrong() + mic.wrong(), outcomes_.size(), holdings()});
+    printf("hour %zu: %lld wrong, %lld kB\n", hours_.size(),
+           static_cast<long long>(hours_.back().wrong),
+           static_cast<long long>(hours_.back().holdings.memory.privateKb));
+    fflush(stdout);
 }
 
 Holdings Soak::holdings() const {

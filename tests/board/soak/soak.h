@@ -41,6 +41,15 @@ struct Holdings {
     int64_t descriptors = 0;
 };
 
+// What there was at the end of an hour, of everything since the beginning.
+struct Hour {
+    int64_t speakerFrames;  // that arrived while nothing was disturbed
+    int64_t micFrames;
+    int64_t wrong;  // in that time, all that is counted, in both directions
+    size_t disturbances;
+    Holdings holdings;
+};
+
 class Soak {
   public:
     explicit Soak(const SoakPlan& plan) : plan_(plan) {}
@@ -55,6 +64,8 @@ class Soak {
     // With both directions streaming, at the first and at the last look.
     const Holdings& first() const { return first_; }
     const Holdings& last() const { return last_; }
+    // The hours that are full.
+    const std::vector<Hour>& hours() const { return hours_; }
     // Xruns that were not injected.
     int64_t xruns() const { return xruns_; }
     // How long the app's jitter was more than the daemon's buffer held.
@@ -74,6 +85,7 @@ class Soak {
     void disturbOnce();
     void anchor();
     void look();
+    void noteHour();
     Holdings holdings() const;
     void finish();
 
@@ -91,6 +103,7 @@ class Soak {
     std::vector<Outcome> outcomes_;
     Holdings first_;
     Holdings last_;
+    std::vector<Hour> hours_;
     int64_t xruns_ = 0;
     int strainedSeconds_ = 0;
     double gainError_ = 0;

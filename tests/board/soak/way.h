@@ -21,6 +21,11 @@ struct Counts {
     int64_t underruns = 0;  // frames of the latency control that found too little
     int64_t overruns = 0;   // blocks that it had no room for
     int64_t gained = 0;     // samples, by latency control
+
+    // Everything that calm sound has none of.
+    int64_t wrong() const {
+        return lost + repeated + unexplained + silent + clicks + underruns + overruns;
+    }
 };
 
 // What the sound is measured by.
