@@ -18,7 +18,7 @@ class Play final : public Command, private Handler {
     void makeTone();
 
     void fillBlock(int16_t* samples) override;
-    void onBlockTaken() override;
+    void onBlockTaken() override { load(); }
     bool isDone() override { return isFile_ && !isLoaded_ && reader_.isAtEnd(); }
 
     Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
@@ -68,12 +68,6 @@ void Play::fillBlock(int16_t* samples) {
     }
     for (size_t i = 0; isLoaded_ && i < UAFD_BLOCK_FRAMES; ++i) {
         samples[2 * i] = samples[2 * i + 1] = left_[i];
-    }
-}
-
-void Play::onBlockTaken() {
-    if (isLoaded_) {
-        load();
     }
 }
 

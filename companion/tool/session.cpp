@@ -1,7 +1,6 @@
 #include "companion/tool/session.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -18,14 +17,9 @@ constexpr int64_t kNsPerMs = 1000000;
 constexpr int kPatientTicks = 15;  // a daemon that is told of the FIFOs takes a moment to start
 
 volatile sig_atomic_t interrupted = 0;
-std::atomic<uafd_companion*> waiting{nullptr};  // whom a signal wakes
 
 void interrupt(int /*signal*/) {
     interrupted = 1;
-    uafd_companion* const companion = waiting;
-    if (companion != nullptr) {
-        uafd_companion_wake(companion);
-    }
 }
 
 void catchInterrupts() {
@@ -109,7 +103,6 @@ bool Session::run(Handler* handler, double seconds) {
     const int64_t end = seconds > 0 ? begin + static_cast<int64_t>(seconds * 1e9) : INT64_MAX;
     int64_t tick = begin + kTickNs;
     int ready = 0;
-    waiting = companion_.get();
     catchInterrupts();
     while ((ready >= 0 || ready == -EINTR) && !handler->isDone() && !wasInterrupted() &&
            nowNs() < end) {
@@ -121,7 +114,6 @@ bool Session::run(Handler* handler, double seconds) {
             handler->onTick();
         }
     }
-    waiting = nullptr;
     if (ready < 0 && ready != -EINTR) {
         failed("waiting", uafd_companion_error_text(ready));
         return false;
