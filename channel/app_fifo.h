@@ -36,14 +36,15 @@ class AppFifo {
     // What is open is a pipe, whose reads and writes wait.
     bool isPipe() const { return pipe; }
 
-    // read(2) and write(2): the bytes, 0, or -1 and errno. A block of up to PIPE_BUF bytes is
-    // written whole.
+    // read(2) and write(2): the bytes, 0, or -1 and errno. A signal that comes when the wait that
+    // it was for is over costs nothing: the call is made again, unless waits were ended. A block of
+    // up to PIPE_BUF bytes is written whole.
     ssize_t read(void* block, size_t bytes);
     ssize_t write(const void* block, size_t bytes);
 
     void close();
 
-    // An open or a read has failed because waits were ended. The FIFO is as it was before.
+    // A call has failed because waits were ended. What was open is still open.
     bool wasLetOut() const { return letOut; }
 
     // ---- Any other thread ----------------------------------------------------------------------
