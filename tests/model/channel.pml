@@ -9,8 +9,9 @@
  *   Buffer        UafSrc::UafSrcBufferThread, bufferLoop, bufferPass, fifoRead         uaf_src.pml
  *   SinkWorker    UafCh::ChThread on UafSnk::uafLoop, pcmRead, fifoWrite               uaf_snk.pml
  *                 UafCh::intfUpdate, requestStop, switchOn, switchOff, start, stop,
- *                 isRunning, openFifo; FifoOpening                                     uaf_ch.pml
- *   App           the companion app at one FIFO: opens, closes, deletes, makes anew    world.pml
+ *                 isRunning                                                            uaf_ch.pml
+ *                 AppFifo                                                              app_fifo.pml
+ *   App           the companion app at one FIFO                                        world.pml
  *
  * SOURCE, SINK: which channels take part; the other gets no event. REPLAY: traces for the unit test
  * (steps.pml). The names that begin with WITHOUT_ or WITH_ plant one defect each; tests/model/check
@@ -25,6 +26,9 @@
 #endif
 #ifdef SINK
 #define LAST SNK
+#ifdef LIVENESS
+#define SETTLES
+#endif
 #else
 #define LAST SRC
 #endif
@@ -41,11 +45,14 @@
 #define CREATED 1
 #define FINISHED 2
 
-/* A blocking open of a FIFO. */
-#define NOT_OPENING 0
-#define WAITS 1
-#define LET_OUT 2
-#define REFUSED 3
+/* A blocking call of a thread. */
+#define IDLE 0
+#define ENTERING 1     /* no signal gets it out yet */
+#define LOOKED 2       /* nor now, but an open has looked its path up */
+#define WAITS 3
+#define DONE 4
+#define REFUSED 5
+#define INTERRUPTED 6
 
 mtype = { nobody, loop, worker, buffer };
 
@@ -60,14 +67,17 @@ typedef Channel {
   bool fifo;                 /* fifoFd is open */
   byte workerThread = NONE;
   mtype intfMutex = nobody;  /* who holds it */
-  /* FifoOpening */
-  byte opening = NOT_OPENING;
-  bool abandoned;
+  /* AppFifo */
+  byte opening = IDLE;       /* a thread's open of the path */
+  byte transfer = IDLE;      /* its read or write of what it has opened */
+  bool ended;                /* waits are ended */
+  bool sought[2];            /* who has met an open that is still under way: the loop, the worker */
   /* The FIFO and the app */
   bool exists = true;        /* the path leads to a FIFO */
   bool nameless;             /* the daemon's FIFO, opened or waited on, is no longer the path's */
   bool app;                  /* the app holds the other end of the path's FIFO */
-  bool settled;              /* ... for ever */
+  bool kept;                 /* ... of the nameless one */
+  bool settled;              /* the app is there and does what it should, for ever */
   /* What the properties look at */
   bool told;                 /* the last message said on */
   bool untold;               /* a worker that was not created has left an on without its off */
@@ -84,19 +94,16 @@ typedef Source {
   byte bufferThread = NONE;        /* the buffer thread */
   bool joinable;             /* bufferThreadJoinable */
   bool running;              /* bufferThreadRunning */
-  bool stopRequested;        /* bufferStopRequested */
 };
 Source src;
 
-#define CONNECTED(c) (ch[c].app && !ch[c].nameless)
-#ifdef WITH_SILENT_APP
-#define TRANSFERS(c) (CONNECTED(c) && !ch[c].settled)
-#else
-#define TRANSFERS(c) CONNECTED(c)
-#endif
+/* The thread that uses the channel's FIFO, and whether the app holds its other end. */
+#define USER(c) (c == SRC -> src.bufferThread : ch[c].workerThread)
+#define CONNECTED(c) (ch[c].nameless -> ch[c].kept : ch[c].app)
 
 #include "steps.pml"
 #include "world.pml"
+#include "app_fifo.pml"
 #include "uaf_ch.pml"
 #ifdef SOURCE
 #include "uaf_src.pml"

@@ -26,7 +26,7 @@ inline unbind() {
 /* Takes no lock; between the old names and the new ones there are none. */
 inline setDevName(c, names) {
   d_step {
-    assert(ch[c].nameReaders > 0 || ch[c].opening == NOT_OPENING);  /* a copy in use is not freed */
+    assert(ch[c].nameReaders > 0 || ch[c].opening == IDLE);  /* a copy in use is not freed */
     ch[c].named = false
   };
   ch[c].named = names

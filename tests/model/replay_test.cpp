@@ -92,12 +92,7 @@ class ReplayTest : public fake_alsa::Test, public ::testing::WithParamInterface<
             ASSERT_EQ(step.views[channel], daemon.view(channel)) << "channel " << channel;
         }
         if (step.thread.compare(0, 4, "app ") == 0) {
-            if (step.call.find("delete") != std::string::npos) {
-                daemon.deleteFifo(step.channel);
-            } else if (step.call.find("make") != std::string::npos) {
-                daemon.makeFifo(step.channel);
-            }
-            return;
+            return;  // what it leads to is in the answers of the calls
         }
         ASSERT_EQ(step.call, daemon.stage.callOf(step.thread)) << step.thread;
         daemon.stage.answer(step.thread, step.answer);

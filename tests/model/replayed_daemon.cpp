@@ -14,11 +14,13 @@
 
 namespace {
 
-// Descriptors of the channels' FIFOs and of the handles that hold on to them.
-constexpr int FIFO_FD = 1000;
-constexpr int HANDLE_FD = 2000;
-const std::string LINK = "/proc/self/fd/";
-constexpr int END = 2;  // of the channels
+constexpr int FIFO_FD = 1000;  // and the channel's number
+constexpr int CHANNELS = 2;
+
+// The channel of a worker or a buffer thread.
+int ownChannel() {
+    return Stage::part().back() - '0';
+}
 
 std::string numbered(int channel, const std::string& text) {
     return std::to_string(channel) + " " + text;
@@ -28,18 +30,12 @@ int channelOf(const std::string& path) {
     return path == FIFO_RX_PATH ? 1 : 0;
 }
 
-// Which channel the running thread works for: a worker's and a buffer thread's own, and the event
-// loop's where only the source's code asks.
-int ownChannel() {
-    return Stage::part() == "worker 1" ? 1 : 0;
-}
-
 template <typename Channel>
 std::string viewOf(const Channel& channel) {
     return std::to_string(channel.state) + std::to_string(channel.stopDelayCnt) +
            std::to_string(channel.joinPending) +
            std::to_string(channel.pcmName.load() != nullptr && channel.fifoName.load() != nullptr) +
-           std::to_string(channel.pcmHandle != nullptr) + std::to_string(channel.fifoFd > 0);
+           std::to_string(channel.pcmHandle != nullptr) + std::to_string(channel.fifo.isOpen());
 }
 
 }  // namespace
@@ -109,7 +105,7 @@ int ReplayedDaemon::tryLock(pthread_mutex_t* mutex) {
 
 void ReplayedDaemon::hookLocks() {
     auto& hooks = fake_sys::hooks();
-    // The other mutexes are those of the FIFO openings, held for a moment only.
+    // The other mutexes are those of the FIFOs, held for a moment only.
     hooks.pthread_mutex_lock = [this](pthread_mutex_t* mutex) {
         if (held.count(mutex) == 0) {
             return fake_sys::real::pthread_mutex_lock(mutex);
@@ -156,12 +152,21 @@ void ReplayedDaemon::hookThreads() {
         EXPECT_TRUE(stage.join(id)) << part << " has not ended";
         return 0;
     };
+    hooks.pthread_kill = [this](pthread_t id, int) {
+        signalled = stage.partOf(id).back() - '0';
+        stage.effect(numbered(signalled, "signal"));
+        return 0;
+    };
     hooks.nanosleep = [this](const timespec*, timespec*) {
-        stage.call(numbered(ownChannel(), "sleep"));
+        // The event loop pauses only when it has signalled.
+        stage.call(numbered(Stage::part() == "loop" ? signalled : ownChannel(), "sleep"));
         return 0;
     };
     hooks.sched_yield = [this] {
-        stage.call("0 yield");
+        // The stop's is a part of its sleep, which follows.
+        if (Stage::part() == "buffer 0") {
+            stage.call("0 yield");
+        }
         return 0;
     };
     hooks.sigaction = [](int, const struct sigaction*, struct sigaction*) { return 0; };
@@ -169,53 +174,32 @@ void ReplayedDaemon::hookThreads() {
 
 // ---- The world ---------------------------------------------------------------------------------
 
-void ReplayedDaemon::makeFifo(int channel) {
-    fifos[channel].exists = true;
-    ++fifos[channel].inode;
+std::string ReplayedDaemon::waitForApp(int channel, const std::string& call) {
+    stage.call(numbered(channel, "enter"));
+    return stage.call(numbered(channel, call));
+}
+
+// What a read or write of a block of `size` bytes returns.
+ssize_t ReplayedDaemon::transfer(int channel, const std::string& call, size_t size) {
+    const std::string answer = waitForApp(channel, call);
+    errno = answer == "interrupted" ? EINTR : channel == 0 ? EIO : EPIPE;
+    return answer == "done" ? static_cast<ssize_t>(size) : answer == "end" ? 0 : -1;
 }
 
 void ReplayedDaemon::hookFifos() {
     auto& hooks = fake_sys::hooks();
     hooks.open = [this](const char* path, int) {
-        // By the handle's link.
-        const int channel = std::stoi(std::string(path).substr(LINK.size())) - HANDLE_FD;
-        errno = ENOENT;
-        return stage.call(numbered(channel, "open")) == "done" ? FIFO_FD + channel : -1;
-    };
-    // A handle on the FIFO, or the other end that lets an opener out.
-    hooks.openat = [this](int, const char* path, int flags) {
-        if ((flags & O_PATH) == 0) {
-            const int handle = std::stoi(std::string(path).substr(LINK.size()));
-            if (fifos[handle - HANDLE_FD].handled != 0) {
-                stage.effect(numbered(handle - HANDLE_FD, "release"));
-            }
-            return -1;
-        }
-        Fifo& fifo = fifos[channelOf(path)];
-        fifo.handled = fifo.exists ? fifo.inode : 0;
-        // Also on one that is not there: the model looks at the name when it opens.
-        return HANDLE_FD + channelOf(path);
-    };
-    hooks.fstat = [this](int fd, struct stat* result) {
-        result->st_ino = fifos[fd - HANDLE_FD].handled;
-        return 0;
-    };
-    hooks.stat = [this](const char* path, struct stat* result) {
-        const Fifo& fifo = fifos[channelOf(path)];
-        result->st_ino = fifo.inode;
-        return fifo.exists ? 0 : -1;
+        const int channel = channelOf(path);
+        const std::string answer = waitForApp(channel, "open");
+        errno = answer == "interrupted" ? EINTR : ENOENT;
+        return answer == "done" ? FIFO_FD + channel : -1;
     };
     hooks.close = [](int fd) {
-        return fd >= FIFO_FD && fd < HANDLE_FD + END ? 0 : fake_sys::real::close(fd);
+        return fd >= FIFO_FD && fd < FIFO_FD + CHANNELS ? 0 : fake_sys::real::close(fd);
     };
     hooks.fcntl = [](int, int, long) { return 4096; };
-    hooks.read = [this](int, void*, size_t size) {
-        const std::string answer = stage.call("0 read");
-        return answer == "done" ? static_cast<ssize_t>(size) : answer == "end" ? 0 : -1;
-    };
-    hooks.write = [this](int, const void*, size_t size) {
-        return stage.call("1 write") == "done" ? static_cast<ssize_t>(size) : -1;
-    };
+    hooks.read = [this](int, void*, size_t size) { return transfer(0, "read", size); };
+    hooks.write = [this](int, const void*, size_t size) { return transfer(1, "write", size); };
     hooks.fopen = [](const char*, const char*) {
         errno = ENOENT;
         return nullptr;

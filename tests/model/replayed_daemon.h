@@ -17,7 +17,7 @@
 template <typename Channel>
 class OpenChannel : public Channel {
   public:
-    using Channel::fifoFd;
+    using Channel::fifo;
     using Channel::fifoName;
     using Channel::intfMutex;
     using Channel::joinPending;
@@ -36,18 +36,9 @@ class ReplayedDaemon {
     // What can be seen of channel 0 (source) or 1 (sink), a digit each: state, count, join pending,
     // names set, PCM open, FIFO open, worker threads, buffer threads. All threads at rest.
     std::string view(int channel);
-    // The app deletes or makes the FIFO of the channel.
-    void deleteFifo(int channel) { fifos[channel].exists = false; }
-    void makeFifo(int channel);
-
     Stage stage;
 
   private:
-    struct Fifo {
-        bool exists = true;
-        ino_t inode = 1;
-        ino_t handled = 0;  // what the channel's O_PATH handle holds
-    };
     static std::map<pthread_mutex_t*, bool>& watchMutexes(
         std::map<pthread_mutex_t*, bool>& mutexes);
     void hookLocks();
@@ -57,11 +48,13 @@ class ReplayedDaemon {
     void runLoop();
     void lock(pthread_mutex_t* mutex);
     int tryLock(pthread_mutex_t* mutex);
+    std::string waitForApp(int channel, const std::string& call);
+    ssize_t transfer(int channel, const std::string& call, size_t size);
     void openPcm(int channel);
 
     std::map<pthread_mutex_t*, bool> held;  // the channels' mutexes
-    Fifo fifos[2];
     bool frameBufferFails = false;
+    int signalled = 0;  // the channel whose thread was signalled last
     std::map<pthread_mutex_t*, bool>& watched = watchMutexes(held);
     OpenChannel<UafSrc> source;
     OpenChannel<UafSnk> sink;

@@ -6,6 +6,7 @@
  * turn: it gives it up before such a call (PARK) and takes it with the call (GO). */
 
 #ifdef REPLAY
+#define STEP
 byte turn;  /* whose, 0 = nobody's */
 #define PARK turn = (turn == _pid -> 0 : turn);
 #define GO(condition) (turn == 0 && (condition)) -> turn = _pid;
@@ -18,18 +19,28 @@ byte turn;  /* whose, 0 = nobody's */
 /* What a step does between two calls that can be seen from outside. */
 #define NOTE(...) printf("  "); printf(__VA_ARGS__); printf("\n");
 #else
+#define STEP atomic
 #define PARK
 #define GO(condition) (condition) ->
 #define CALL(...)
 #define NOTE(...)
 #endif
 
-/* A pause between two looks. One that would find nothing new is no step of its own, or a thread
- * that looks for ever would pass for one that gets on. */
+/* A pause between two looks, and what the next look is for. A look that would find nothing new is no
+ * step of its own, or a thread that looks for ever would pass for one that gets on. */
 #ifdef REPLAY
-#define PAUSE_UNTIL(who, c, news) PARK atomic { GO(true) CALL("%e %d sleep", who, c) }
+#define PAUSE(who, c) PARK atomic { GO(true) CALL("%e %d sleep", who, c) }
+#define NEWS(what) true
 #else
-#define PAUSE_UNTIL(who, c, news) (news);
+#define PAUSE(who, c)
+#define NEWS(what) (what)
+#endif
+
+/* The moment before a call that can wait, when a signal is lost. */
+#ifdef REPLAY
+#define ENTER(who, c) PARK atomic { GO(true) CALL("%e %d enter", who, c) }
+#else
+#define ENTER(who, c)
 #endif
 
 inline lockIntf(who, c) {

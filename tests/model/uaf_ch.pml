@@ -1,66 +1,4 @@
-/* UafCh and FifoOpening. `who` is the thread, `c` the channel. */
-
-/* ---- FifoOpening; its own mutex is held for single steps only ---- */
-
-/* Lets out a thread that waits on a FIFO that has lost its name. */
-inline releaseIfReplaced(c) {
-  if
-  :: (ch[c].opening == WAITS || ch[c].opening == LET_OUT) && ch[c].nameless ->
-     NOTE("%d release", c)
-#ifndef WITHOUT_RELEASE
-     ch[c].opening = LET_OUT
-#endif
-  :: else
-  fi
-}
-
-/* begin(), and where open(2) then finds itself. */
-inline beginOpening(c) {
-  d_step {
-    if
-    :: ch[c].abandoned
-    :: !ch[c].abandoned && !ch[c].exists -> ch[c].opening = REFUSED
-    :: else -> ch[c].opening = (ch[c].app -> LET_OUT : WAITS)
-    fi
-  }
-}
-
-inline abandonOpening(who, c) {
-  ch[c].abandoned = true;
-#ifndef WITHOUT_ABANDON
-  do
-  :: ch[c].opening != NOT_OPENING ->
-     atomic { releaseIfReplaced(c) }
-     PAUSE_UNTIL(who, c, ch[c].opening == NOT_OPENING || (ch[c].opening == WAITS && ch[c].nameless))
-  :: else -> break
-  od
-#endif
-}
-
-/* Blocks until the app holds the other end. With all else at rest only a FIFO that has lost its name
- * can keep a thread here, and the next event lets it out: no deadlock. */
-inline openFifo(who, c, failed) {
-  if
-  :: !ch[c].named -> failed = true
-  :: else ->
-     beginOpening(c);
-     if
-     :: ch[c].opening == NOT_OPENING -> failed = true
-     :: else ->
-        PARK
-endNameless:
-        if
-        :: atomic { GO(ch[c].opening == LET_OUT) CALL("%e %d open done", who, c) ch[c].fifo = true }
-        :: atomic { GO(ch[c].opening == REFUSED) CALL("%e %d open refused", who, c) failed = true }
-        fi;
-        ch[c].opening = NOT_OPENING
-     fi
-  fi
-}
-
-inline closeFifo(c) {
-  d_step { ch[c].fifo = false; ch[c].nameless = false }
-}
+/* UafCh. `who` is the thread, `c` the channel. */
 
 /* ---- Messages ---- */
 
@@ -77,8 +15,7 @@ inline queueMsg(c, on) {
 
 /* intfUpdate(on); a refused request leaves `failed` set. The channel's threads only ask for off. */
 inline intfUpdate(who, c, on, failed) {
-  failed = false;
-  atomic { releaseIfReplaced(c) }
+  lookAgain(who, c);
   NOTE("log intfUpdate to %d, current state %d", on, ch[c].state)
   if
   :: !ch[c].named -> NOTE("log devName not set") failed = true
@@ -95,7 +32,7 @@ inline intfUpdate(who, c, on, failed) {
 }
 
 inline requestOff(c) {
-  atomic { releaseIfReplaced(c) }
+  lookAgain(loop, c);
   NOTE("log intfUpdate to 0, current state %d", ch[c].state)
   if
   :: !ch[c].named -> NOTE("log devName not set")
@@ -103,9 +40,9 @@ inline requestOff(c) {
   fi
 }
 
-/* The same by the worker: nobody else reads without the lock what it changes, so it is one step. */
+/* The same by the worker, for which lookAgain comes before. Nobody else reads without the lock what
+ * it changes, so it is one step. */
 inline requestOwnOff(c) {
-  atomic { releaseIfReplaced(c) }
   NOTE("log intfUpdate to 0, current state %d", ch[c].state)
   if
   :: !ch[c].named -> NOTE("log devName not set")
@@ -113,8 +50,8 @@ inline requestOwnOff(c) {
   fi
 }
 
-/* The off of the thread that a stop joins: tries the lock and gives up once it is told to stop. */
-inline requestStop(who, c, toldToStop, tried) {
+/* The off of the thread that a stop joins: tries the lock and gives up once the waits are ended. */
+inline requestStop(who, c, tried) {
   NOTE("log intfUpdate to 0, current state %d", ch[c].state)
   if
   :: !ch[c].named -> NOTE("log devName not set")
@@ -128,17 +65,18 @@ inline requestStop(who, c, toldToStop, tried) {
         if
         :: atomic { GO(ch[c].intfMutex == nobody) CALL("%e %d trylock done", who, c)
              ch[c].intfMutex = who; tried = true; break }
-        :: atomic { GO(ch[c].intfMutex != nobody) CALL("%e %d trylock busy", who, c) }
-        fi;
-        if
-        :: toldToStop -> break
-        :: else
-        fi;
-        PAUSE_UNTIL(who, c, toldToStop || ch[c].intfMutex == nobody)
+        :: STEP {
+             atomic { GO(ch[c].intfMutex != nobody) CALL("%e %d trylock busy", who, c) };
+             if
+             :: ch[c].ended -> break
+             :: else -> PAUSE(who, c) NEWS(ch[c].ended || ch[c].intfMutex == nobody)
+             fi
+           }
+        fi
      od;
 #endif
      if
-     :: tried -> switchOff(c); unlockIntf(who, c)
+     :: tried -> switchOff(c); unlockIntf(who, c); tried = false
      :: else
      fi
   fi
@@ -193,45 +131,49 @@ inline start(c, failed) {
   :: c == SNK -> sinkStart(failed)
 #endif
   fi;
-  if
-  :: failed -> NOTE("log failed to start audio") ch[c].state = STOPPED
-  :: else ->
+  STEP {
+    if
+    :: failed -> NOTE("log failed to start audio") ch[c].state = STOPPED
+    :: else ->
 #ifndef WITH_EARLY_MESSAGE
-     queueMsg(c, 1);
+       queueMsg(c, 1);
 #endif
 #ifndef WITHOUT_JOIN
-     if
-     :: ch[c].joinPending ->
-        PARK atomic {
-          GO(ch[c].workerThread == FINISHED) CALL("loop %d join-worker", c)
-          ch[c].workerThread = NONE; ch[c].joinPending = false
-        }
-     :: else
-     fi;
+       if
+       :: ch[c].joinPending ->
+          PARK atomic {
+            GO(ch[c].workerThread == FINISHED) CALL("loop %d join-worker", c)
+            ch[c].workerThread = NONE; ch[c].joinPending = false
+          }
+       :: else
+       fi;
 #endif
 #ifndef WITHOUT_NAME_READERS
-     ch[c].nameReaders++;
+       ch[c].nameReaders++;
 #endif
-     PARK
-     if
-     :: atomic { GO(true) CALL("loop %d create-worker done", c)
-          assert(ch[c].workerThread == NONE); ch[c].workerThread = CREATED }
-     :: atomic { GO(true) CALL("loop %d create-worker refused", c)
-          failed = true; ch[c].nameReaders--; ch[c].untold = true;
-          NOTE("log pthread_create failed") ch[c].state = STOPPED }
-     fi
-  fi
+       PARK
+       if
+       :: atomic { GO(true) CALL("loop %d create-worker done", c)
+            assert(ch[c].workerThread == NONE); ch[c].workerThread = CREATED }
+       :: atomic { GO(true) CALL("loop %d create-worker refused", c)
+            failed = true; ch[c].nameReaders--; ch[c].untold = true;
+            NOTE("log pthread_create failed") ch[c].state = STOPPED }
+       fi
+    fi
+  }
 }
 
 /* What becomes of the PCM in a start. */
 inline openPcm(c, failed) {
-  assert(!ch[c].pcm);
-  PARK
-  if
-  :: atomic { GO(true) CALL("loop %d pcm done", c) ch[c].pcm = true }
-  :: atomic { GO(true) CALL("loop %d pcm refused", c) failed = true }
-  :: atomic { GO(true) CALL("loop %d pcm broken", c) ch[c].pcm = true; failed = true }
-  fi
+  STEP {
+    assert(!ch[c].pcm);
+    PARK
+    if
+    :: atomic { GO(true) CALL("loop %d pcm done", c) ch[c].pcm = true }
+    :: atomic { GO(true) CALL("loop %d pcm refused", c) failed = true }
+    :: atomic { GO(true) CALL("loop %d pcm broken", c) ch[c].pcm = true; failed = true }
+    fi
+  }
 }
 
 /* ---- The worker ---- */
@@ -261,8 +203,8 @@ inline beginStop(c) {
 }
 
 inline endStop(c, alert) {
-  queueMsg(c, 0);
   atomic {
+    queueMsg(c, 0);
     NOTE("log UAF channel stopped. Current state is (%d)", ch[c].state)
     /* The one way in which a channel that is wanted stops: its on came too late to be seen. */
     assert(!ch[c].wanted || ch[c].late);
@@ -272,17 +214,17 @@ inline endStop(c, alert) {
     assert(!alert);
 #endif
     ch[c].nameReaders--; ch[c].state = STOPPED; ch[c].count = 0; ch[c].joinPending = true;
-    ch[c].wanted = false; ch[c].late = false; ch[c].stray = false
-  };
+    ch[c].wanted = false; ch[c].late = false; ch[c].stray = false;
 #ifndef WITHOUT_STOP_LOCK
-  unlockIntf(worker, c);
+    unlockIntf(worker, c);
 #endif
-  if
-  :: alert ->
-     NOTE("log ALERT! This should be impossible and can cause inconsistencies in this channel's state.")
-     alert = false
-  :: else
-  fi
+    if
+    :: alert ->
+       NOTE("log ALERT! This should be impossible and can cause inconsistencies in this channel's state.")
+       alert = false
+    :: else
+    fi
+  }
 }
 
 /* The thread's first and last moment. */

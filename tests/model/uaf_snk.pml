@@ -9,53 +9,64 @@ inline sinkStart(failed) {
 }
 
 inline sinkStop(who) {
-  d_step { ch[SNK].pcm = false; ch[SNK].fifo = false; ch[SNK].nameless = false }
+  ch[SNK].pcm = false;
+  closeFifo(SNK)
 }
 
 /* A period that does not come in time is silence, and is written like any other. */
 inline pcmRead(failed) {
-  assert(ch[SNK].pcm);
-  PARK
-  if
-  :: atomic { GO(true) CALL("worker %d wait ready", SNK) }
-  :: atomic { GO(true) CALL("worker %d wait timeout", SNK) }
-  :: atomic { GO(true) CALL("worker %d wait broken", SNK) failed = true }
-  fi
+  STEP {
+    assert(ch[SNK].pcm);
+    PARK
+    if
+    :: atomic { GO(true) CALL("worker %d wait ready", SNK) }
+    :: atomic { GO(true) CALL("worker %d wait timeout", SNK) }
+    :: atomic { GO(true) CALL("worker %d wait broken", SNK) failed = true }
+    fi
+  }
 }
 
-inline fifoWrite(failed) {
+inline fifoWrite(failed, over) {
   if
   :: ch[SNK].fifo
-  :: else -> openFifo(worker, SNK, failed)
+  :: else -> openFifo(worker, SNK, failed, over)
   fi;
   if
   :: failed
   :: else ->
-     PARK
-     if
-     :: atomic { GO(TRANSFERS(SNK)) CALL("worker %d write done", SNK) }
-     :: atomic { GO(!CONNECTED(SNK)) CALL("worker %d write failed", SNK) closeFifo(SNK) }
-     fi
+     do
+     :: beginTransfer(worker, SNK);
+        PARK
+endWrite:
+        if
+        :: atomic { GO(ch[SNK].transfer == DONE) CALL("worker %d write done", SNK)
+             ch[SNK].transfer = IDLE; break }
+        :: atomic { GO(!CONNECTED(SNK) && ch[SNK].transfer == WAITS)
+             CALL("worker %d write failed", SNK) ch[SNK].transfer = IDLE; closeFifo(SNK); break }
+        :: atomic { GO(ch[SNK].transfer == INTERRUPTED) CALL("worker %d write interrupted", SNK)
+             ch[SNK].transfer = IDLE }
+        fi
+     od
   fi
 }
 
 proctype SinkWorker() {
-  bool goesOn, failed, alert;
+  bool goesOn, failed, over, alert;
 end:
   do
   :: beginWorker(SNK);
      do
      :: isRunning(SNK, goesOn);
         if
-        :: goesOn -> failed = false; pcmRead(failed)
+        :: STEP { goesOn -> pcmRead(failed) }
         :: else -> beginStop(SNK); sinkStop(worker); endStop(SNK, alert); break
         fi;
         if
         :: failed
-        :: else -> fifoWrite(failed)
+        :: else -> fifoWrite(failed, over)
         fi;
         if
-        :: failed -> requestOwnOff(SNK)
+        :: failed -> requestOwnOff(SNK); failed = false
         :: else
         fi
      od;

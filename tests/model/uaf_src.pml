@@ -14,12 +14,14 @@ inline useFrameBuffer(who, failed) {
 }
 
 inline unlockSsrsIfHeld(who) {
+#if defined(FAULTS) && !defined(WITHOUT_SSRS_UNLOCK)
   if
-#ifndef WITHOUT_SSRS_UNLOCK
   :: src.ssrsMutex == who -> src.ssrsMutex = nobody
-#endif
   :: else
   fi
+#else
+  skip
+#endif
 }
 
 /* ---- Start and stop: under intfMutex ---- */
@@ -29,8 +31,10 @@ inline sourceStart(failed) {
   :: ch[SRC].pcm -> sourceStop(loop)
   :: else
   fi;
-  buildFrameBuffer();
-  startBufferThread(failed);
+  STEP {
+    buildFrameBuffer();
+    startBufferThread(failed)
+  };
   /* Without its buffer thread the channel starts with no PCM, and stops itself. */
   if
   :: failed -> failed = false
@@ -49,13 +53,16 @@ inline startBufferThread(failed) {
   if
   :: src.joinable
   :: else ->
-     d_step { src.stopRequested = false; ch[SRC].abandoned = false; ch[SRC].nameReaders++ };
+#ifndef WITH_WAITS_ALLOWED_LATE
+     ch[SRC].ended = false;
+#endif
+     src.running = true; ch[SRC].nameReaders++;
      PARK
      if
      :: atomic { GO(true) CALL("loop %d create-buffer done", SRC)
           assert(src.bufferThread == NONE); src.bufferThread = CREATED; src.joinable = true }
      :: atomic { GO(true) CALL("loop %d create-buffer refused", SRC)
-          ch[SRC].nameReaders--; failed = true }
+          src.running = false; ch[SRC].nameReaders--; failed = true }
      fi
   fi
 }
@@ -63,11 +70,7 @@ inline startBufferThread(failed) {
 inline sourceStop(who) {
   if
   :: src.joinable ->
-     src.running = false;
-#ifndef WITHOUT_STOP_REQUEST
-     src.stopRequested = true;
-#endif
-     abandonOpening(who, SRC);
+     endWaits(who);
 #ifdef WITHOUT_BUFFER_JOIN
      src.bufferThread = NONE;
 #else
@@ -76,41 +79,61 @@ inline sourceStop(who) {
        src.bufferThread = NONE
      };
 #endif
-     d_step { src.running = false; src.joinable = false; ch[SRC].nameReaders-- }
+#ifdef WITH_SIGNAL_AFTER_JOIN
+     signalThread(SRC);
+#endif
+     atomic {
+       /* The FIFO stays open for the next start. */
+       assert(ch[SRC].transfer != INTERRUPTED || ch[SRC].fifo);
+       ch[SRC].transfer = IDLE; src.joinable = false; ch[SRC].nameReaders--
+     }
   :: else
   fi;
-  atomic { ch[SRC].pcm = false; src.frameBuffer = false }
+  d_step { ch[SRC].pcm = false; src.frameBuffer = false }
 }
 
 /* ---- The buffer thread ---- */
 
-#define KEEP_BUFFERING (src.running && !src.stopRequested)
-
-inline bufferPass(failed) {
-  fifoRead(failed);
+inline bufferPass(failed, over) {
+  fifoRead(failed, over);
   if
-  :: failed
-  :: else ->
-     useFrameBuffer(buffer, failed)
+  :: failed || over
+  :: else -> useFrameBuffer(buffer, failed)
   fi
 }
 
 /* At the end of the file a block of silence goes into the frame buffer. */
-inline fifoRead(failed) {
+inline fifoRead(failed, over) {
   if
   :: ch[SRC].fifo
-  :: else -> openFifo(buffer, SRC, failed)
+  :: else -> openFifo(buffer, SRC, failed, over)
   fi;
   if
-  :: failed
+  :: failed || over
   :: else ->
-     PARK
-     if
-     :: atomic { GO(TRANSFERS(SRC)) CALL("buffer %d read done", SRC) }
-     :: atomic { GO(TRANSFERS(SRC) && !ch[SRC].settled) CALL("buffer %d read failed", SRC)
-          closeFifo(SRC); failed = true }
-     :: atomic { GO(!CONNECTED(SRC)) CALL("buffer %d read end", SRC) closeFifo(SRC) }
-     fi
+     do
+     :: beginTransfer(buffer, SRC);
+        PARK
+endRead:
+        if
+        :: atomic { GO(ch[SRC].transfer == DONE) CALL("buffer %d read done", SRC)
+             ch[SRC].transfer = IDLE; break }
+        :: atomic { GO(ch[SRC].transfer == DONE) CALL("buffer %d read failed", SRC)
+             ch[SRC].transfer = IDLE; closeFifo(SRC); failed = true; break }
+        :: atomic { GO(!CONNECTED(SRC) && ch[SRC].transfer == WAITS) CALL("buffer %d read end", SRC)
+             ch[SRC].transfer = IDLE; closeFifo(SRC); break }
+        :: atomic { GO(ch[SRC].transfer == INTERRUPTED) CALL("buffer %d read interrupted", SRC)
+#ifdef WITH_EINTR_AS_FAILURE
+             closeFifo(SRC); failed = true; break
+#else
+             if
+             :: ch[SRC].ended -> over = true; break
+             :: else
+             fi
+#endif
+           }
+        fi
+     od
   fi
 }
 
@@ -125,43 +148,49 @@ inline endFailedBufferPass() {
 #endif
 }
 
-/* ---- The worker ---- */
-
-inline pcmWrite(failed) {
-  if
-  :: !ch[SRC].pcm -> failed = true
-  :: else ->
-     PARK
-     if
-     :: atomic { GO(true) CALL("worker %d wait ready", SRC) }
-        useFrameBuffer(worker, failed)
-     :: atomic { GO(true) CALL("worker %d wait timeout", SRC) }
-     :: atomic { GO(true) CALL("worker %d wait broken", SRC) failed = true }
-     fi
-  fi
-}
-
 proctype Buffer() {
-  bool failed, tried;
+  bool failed, over, tried;
 end:
   do
   :: PARK atomic { GO(src.bufferThread == CREATED) CALL("buffer %d begin", SRC) }
-     src.running = true;
+#ifdef WITH_WAITS_ALLOWED_LATE
+     ch[SRC].ended = false;
+#endif
      do
-     :: KEEP_BUFFERING ->
-        failed = false;
-        bufferPass(failed);
+     :: !ch[SRC].ended ->
+        bufferPass(failed, over);
         if
+        :: over -> over = false; break
         :: failed ->
-           requestStop(buffer, SRC, src.stopRequested, tried);
+           requestStop(buffer, SRC, tried);
            unlockSsrsIfHeld(buffer);
-           endFailedBufferPass()
+           endFailedBufferPass();
+           failed = false
         :: else
         fi
      :: else -> break
      od;
+     src.running = false;
      PARK atomic { GO(true) CALL("buffer %d end", SRC) src.bufferThread = FINISHED }
   od
+}
+
+/* ---- The worker ---- */
+
+inline pcmWrite(failed) {
+  STEP {
+    if
+    :: !ch[SRC].pcm -> failed = true
+    :: else ->
+       PARK
+       if
+       :: atomic { GO(true) CALL("worker %d wait ready", SRC) }
+          useFrameBuffer(worker, failed)
+       :: atomic { GO(true) CALL("worker %d wait timeout", SRC) }
+       :: atomic { GO(true) CALL("worker %d wait broken", SRC) failed = true }
+       fi
+    fi
+  }
 }
 
 proctype SourceWorker() {
@@ -172,13 +201,15 @@ end:
      do
      :: isRunning(SRC, goesOn);
         if
-        :: goesOn -> failed = false; pcmWrite(failed)
+        :: STEP { goesOn -> pcmWrite(failed) }
         :: else -> beginStop(SRC); sourceStop(worker); endStop(SRC, alert); break
         fi;
         if
         :: failed ->
+           lookAgain(worker, SRC);
            requestOwnOff(SRC);
-           unlockSsrsIfHeld(worker)
+           unlockSsrsIfHeld(worker);
+           failed = false
         :: else
         fi
      od;

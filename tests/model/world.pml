@@ -24,38 +24,60 @@ inline nextEvent(event, c, on, isLast) {
 inline appOpens(c) {
   ch[c].app = true;
   if
-  :: ch[c].opening == WAITS && !ch[c].nameless -> ch[c].opening = LET_OUT
+  :: (ch[c].opening == LOOKED || ch[c].opening == WAITS) && !ch[c].nameless -> ch[c].opening = DONE
   :: else
   fi
 }
 
-/* The app comes and goes and makes its FIFO anew, until it settles: it then holds its end open for
- * ever, and writes or reads. */
+/* Something outside the daemon reads or writes, and its FIFO loses its name with or without an end
+ * held. All of that is an app, or several: what it has not done yet it need never do. It stays silent,
+ * is stopped in a debugger, leaves for good. */
 proctype App(byte c) {
   do
   :: PARK
      if
      :: atomic { GO(ch[c].exists && !ch[c].app) CALL("app %d open", c) appOpens(c) }
      :: atomic { GO(ch[c].app) CALL("app %d close", c) ch[c].app = false }
+     :: atomic { GO(ch[c].transfer == WAITS && CONNECTED(c)) CALL("app %d transfer", c)
+          ch[c].transfer = DONE }
+     /* A signal that is none of the daemon's. */
+     :: atomic { GO(ch[c].opening == WAITS) CALL("app %d disturb", c) ch[c].opening = INTERRUPTED }
+     :: atomic { GO(ch[c].transfer == WAITS) CALL("app %d disturb", c)
+          ch[c].transfer = INTERRUPTED }
 #if !defined(FAULTS) || defined(REPLAY)
      :: atomic {
           GO(ch[c].exists) CALL("app %d delete", c)
-          ch[c].exists = false; ch[c].app = false;
-          ch[c].nameless = ch[c].fifo || ch[c].opening == WAITS || ch[c].opening == LET_OUT
+          if
+          :: !ch[c].nameless && (ch[c].fifo || ch[c].opening == LOOKED || ch[c].opening == WAITS ||
+                                 ch[c].opening == DONE) ->
+             ch[c].nameless = true; ch[c].kept = ch[c].app
+          :: else
+          fi;
+          ch[c].exists = false; ch[c].app = false
         }
      :: atomic { GO(!ch[c].exists) CALL("app %d make", c) ch[c].exists = true }
+     :: atomic { GO(ch[c].kept) CALL("app %d drop", c) ch[c].kept = false }
 #endif
-#ifndef REPLAY
+#ifdef LIVENESS
+     :: ch[c].exists || !ch[c].exists  /* nothing: a turn is no duty */
+#elif !defined(REPLAY)
+     :: break
+#endif
+#ifdef SETTLES
      :: atomic {
-          ch[c].exists ->
+          ch[c].exists && !ch[c].kept -> ch[c].settled = true;
           if
           :: !ch[c].app -> appOpens(c)
           :: else
           fi;
-          ch[c].settled = true;
           break
         }
 #endif
      fi
+  od;
+#ifdef SETTLES
+  do
+  :: atomic { ch[c].transfer == WAITS && CONNECTED(c) -> ch[c].transfer = DONE }
   od
+#endif
 }
