@@ -163,7 +163,18 @@ TEST(Package, PassesTheCompanionToolsCheck) {
     ChildProcess check({"/usr/bin/uafd-companion", "check"}, becomeAppOfTheGroup);
     EXPECT_EQ(check.wait(), 0) << check.output() << check.errors();
     host.reset();
+    EXPECT_FALSE(board::exists(board::kSocketRx)) << "no other user's app could replace it";
     EXPECT_TRUE(board::exists("/usr/share/bash-completion/completions/uafd-companion"));
+}
+
+TEST(Package, TellsAnAppOfAnotherGroup) {
+    ChildProcess check({"/usr/bin/uafd-companion", "check"}, board::becomeUnprivileged);
+    EXPECT_EQ(check.wait(), 1);
+    EXPECT_NE(check.output().find("/tmp/usbAudioFifoRx (root:uafd 0660) is not for this process ("),
+              std::string::npos)
+        << check.output();
+    EXPECT_NE(check.output().find("0 passed, 1 failed, 9 not tried"), std::string::npos);
+    EXPECT_FALSE(board::exists(board::kSocketRx));
 }
 
 // The daemon's setprop, the path unit that sees it, and the service that it starts; what that does
