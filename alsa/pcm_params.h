@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Puts a freshly opened PCM into the daemon's one stream format and sets its software thresholds.
 // Free functions without state: the caller owns the handle, and neither function opens, closes,
 // prepares or starts it. Called by each channel's uafStart, on the thread that starts the channel.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one form in which a failed set-up step of a PCM is reported, by the channels and the ALSA
 // helpers alike, each under its own log tag.
 #pragma once

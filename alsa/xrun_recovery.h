@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Brings a PCM back after a transfer or a wait reported an xrun or a suspend: the only place where
 // the daemon prepares or resumes a PCM after a fault. Called on channel threads, each with its own
 // PCM; no state is shared.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mic_capture: records from the board's own sound card and throws the sound away, as the board's
 // voice service does all day. It asks for CLOCK_REALTIME time stamps, without which the kernel's
 // status file of the stream shows none. Runs until it is killed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // setprop NAME VALUE: sets a system property of the simulated board, one file per property. Setting
 // "sys.usb.config", even to the value it has, re-enumerates the gadget, as the real board's
 // platform does; a restart of the USB controller is asked for in just this way.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # AArch64 Linux with Debian's cross compiler. Its own C and C++ libraries are used; alsa-lib and
 # GoogleTest come from the arm64 packages that tools/setup unpacks.
 set(CMAKE_SYSTEM_NAME Linux)

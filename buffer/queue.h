@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // QUEUE: a first-in first-out stream of bytes in a circular storage area, usable from C.
 // Owns no memory: the caller provides the context and the storage and frees both. Knows no OS and
 // logs nothing. Not safe for concurrent use: the owner serialises every call, from any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The arithmetic of the frame stream buffer: a few samples more or fewer than a frame, stretched or
 // squeezed to the frame by linear interpolation. Pure: numbers in, numbers out, on any thread.
 // Positions among the samples taken are unsigned 16.16 fixed point; no floating point per sample.

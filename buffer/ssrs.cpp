@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stays clear of signed overflow everywhere: depths, lengths and counters come from the caller and
 // from long runs, and the widths of the record are fixed.
 #include "buffer/ssrs.h"

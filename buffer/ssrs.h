@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SSRS: the frame stream buffer, usable from C. Takes mono 16-bit samples in blocks of any size and
 // gives them back a frame at a time, holding its depth within a target range: a frame read outside
 // the range takes one sample more or fewer and is resampled to the full frame, so latency is

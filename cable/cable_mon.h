@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cable monitor: follows the board's USB gadget through kernel uevents and tells the app when
 // the host has configured it and when the link is gone. On the board with the controller
 // "ff300000.usb" it also restarts the controller when the cable is plugged but the gadget does not

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The words of the gadget's state, in its uevents and in its state file, for the monitor's own
 // files only.
 #pragma once

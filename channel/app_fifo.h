@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One end of one of the companion app's FIFOs. Opening it waits until the app holds the other end,
 // reading until the app writes, writing until the app reads: for as long as the app likes. These
 // are plain blocking calls. Another thread ends such a wait by a signal to the thread that waits,

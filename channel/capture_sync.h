@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink channel's start synchronisation: which captured period is the first one written to the
 // app. Writing starts on a 10 ms grid that is anchored where the board's own microphone capture
 // started, so that the app's two streams keep a fixed phase. Periods before that are dropped.

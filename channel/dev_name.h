@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One device name of a channel. The event loop sets and clears it without a lock while the
 // channel's threads may be reading it: a reader loads the pointer once, and a replaced copy stays
 // valid until its owner knows that no reader can still hold it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion app's two FIFOs, named from the app's side: interleaved stereo, signed 16-bit, 48
 // kHz.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creates the daemon's real-time threads: each channel's worker and the source channel's buffer
 // thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the source channel buffers what the companion app says: the blocks in which it reads the
 // FIFO, what its frame buffer holds, when that is enlarged, and the gadget card's ring behind it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The base of the two audio channels: device names, worker thread, the three-state life cycle that
 // the gadget's events drive, the debounced stop, and the messages to the companion app. A derived
 // channel supplies only the stream: uafLoop, uafStart and uafStop.

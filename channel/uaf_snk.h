@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink channel: the USB host's speaker audio on its way to the companion app. The worker
 // captures mono periods of 5 ms from the gadget card, doubles each sample to stereo and writes them
 // into the app's FIFO. All of it runs on the worker thread; no lock is taken here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel: the companion app's microphone audio on its way to the USB host. A buffer
 // thread reads the app's FIFO in 10 ms blocks, keeps the left channel and writes it into the frame
 // buffer; the worker takes 5 ms frames out of it and plays them into the gadget card.

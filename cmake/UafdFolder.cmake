@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # How every folder of the daemon is built: one static library a folder, the repository root as the
 # only include root, no exceptions, and warnings as errors.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # uafd_install_gz(FILE DESTINATION COMPONENT): installs a text compressed, without time stamps, so that
 # every build has the same.
 function(uafd_install_gz file destination component)

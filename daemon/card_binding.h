@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds the ALSA card that the gadget driver registered and gives both channels their device names.
 // Event loop only.
 #pragma once

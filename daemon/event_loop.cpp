@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "daemon/event_loop.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Turns the gadget driver's event records into binding, channel starts and stops, and volume and
 // mute messages. Main thread only, for the rest of the process's life; logs under the tag "UAFIFO".
 #pragma once

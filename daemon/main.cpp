@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // uafd: lets the board be a USB speaker and microphone. Moves audio between the gadget's sound card
 // and the companion app's FIFOs, relays volume, mute and state, and watches the cable.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What happens before the event loop: seeing to the standard streams, waiting for the companion
 // app, opening the gadget control device, asking the driver for its state. Main thread only; logs
 // under the tag "UAFIFO".

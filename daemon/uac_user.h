@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget control device: its node, the event records read from it and the requests made to it.
 // Constants and one plain record, shared by the device's two users: the event loop, which reads the
 // records, and the app IPC receive thread, which issues the speaker requests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app: when it writes which frames. Pure; one thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cases that an app's developer asks for, simulated.
 #pragma once
 

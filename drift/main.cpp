@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simulates one scenario of the microphone's path and writes what it does to a CSV file, or prints
 // the table of the common cases. tools/drift runs it and draws the picture.
 #include <climits>

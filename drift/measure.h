@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a scenario does to the sound. Pure; one thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The microphone's path from the app's writes to the USB host, simulated around the real frame
 // buffer: the FIFO, the buffer thread that reads it in blocks and enlarges the frame buffer, the
 // worker that fills the gadget card's ring, and a host whose clock differs. The daemon's threads

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # gnuplot -e "csv='FILE'; png='FILE'; what='TITLE'" plot.gp: depth and latency, what latency control
 # did, and what the host heard instead of the app.
 set terminal pngcairo size 1200,900 font 'DejaVu Sans,11'

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a simulation of the microphone's path is told: how the app writes and how the clocks differ.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app IPC service: one datagram per message between the daemon and the companion app. A receive
 // thread turns the app's requests into gadget requests and sync-up replies; a transmit thread
 // drains a bounded queue towards the app and waits for the app's socket while it is missing. main

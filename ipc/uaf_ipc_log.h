@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service's log tag, for its own files only.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way in: the receive thread and what it does about the app's messages.
 #include <cerrno>
 #include <fcntl.h>

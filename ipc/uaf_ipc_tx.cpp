@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way out: the queue, its producers and the transmit thread.
 #include <cerrno>
 #include <cstdlib>

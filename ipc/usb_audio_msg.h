@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one record that the daemon and the companion app exchange, in both directions: eight raw
 // bytes in the machine's byte order, one record per datagram, no header and no version.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What ./run has left, read: text, tables and sound out of the files that the page carries, and the
 // arithmetic on the sound. Nothing here draws.
 "use strict";

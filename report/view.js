@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The page's pictures and tables, drawn once when it is opened.
 "use strict";
 

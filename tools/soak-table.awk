@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Adds up the pieces of a soak, each from "piece N" on a line "KEY VALUE..." for everything, a row for
 # each combination of the clock's offset and the app's jitter and one for a boot of more than an hour,
 # and prints the page with the tables. tools/soak runs it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon and its peers cost on the gadget card. One thread.
 #pragma once
 

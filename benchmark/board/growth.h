@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon costs as what it is given grows. One thread.
 #pragma once
 

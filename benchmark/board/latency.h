@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How soon the daemon acts, and where a sound's time goes on its way. One thread.
 #pragma once
 

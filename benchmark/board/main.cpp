@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // board_bench SECTION SECONDS [SUBJECTS]: measures one section of the benchmark, letting each
 // stream run for so long, and comparing so many subjects.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The least that moves what the app says into the host's microphone: read a block of 10 ms from
 // standard input, keep the left channel, write it in two periods. With --ask it makes the daemon's
 // other two calls of a period, too: snd_pcm_state and snd_pcm_wait before each write. With

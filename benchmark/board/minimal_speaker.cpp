@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The least that moves the host's speaker into the app's FIFO: read a period, double it to stereo,
 // write it to standard output. With --ask it makes the daemon's other two calls of a period, too:
 // snd_pcm_state and snd_pcm_wait before each read.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The comparisons as bars: instructions for a second of audio, on a log scale, the daemon's in colour.
 # Wants `folder`, where the tables are, and `picture`, the file to write.
 set terminal svg size 900,900 font "sans,12" background "white"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the daemon's instructions go. One thread.
 #pragma once
 

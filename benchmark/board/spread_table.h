@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A table of how a time spreads: count, percentiles and largest. One thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is measured: the daemon, or programs that do its work on the same gadget card. One thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names for addresses in a running process and in the kernel. One thread.
 #pragma once
 

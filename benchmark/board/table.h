@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A table of figures and the three forms in which it leaves the board: Markdown for readers, JSON
 // for programs, tab-separated values for the picture. One thread.
 #pragma once

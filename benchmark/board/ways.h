@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time that a sound spends in each buffer on its way. One thread.
 #pragma once
 

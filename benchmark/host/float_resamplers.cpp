@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Resamplers that take and give floating point, with the conversions that 16-bit samples need.
 #include <algorithm>
 #include <cmath>

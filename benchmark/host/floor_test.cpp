@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hand-written floor does the daemon's job: it gives the same frames, whether they are
 // stretched, squeezed or plain.
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the jobs cost on the simulated board, whose virtual clock counts a nanosecond an
 // instruction: a line "name|correction|instructions" for each, of one frame or of one block through
 // a queue.

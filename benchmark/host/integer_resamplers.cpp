@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Resamplers that take and give 16-bit samples.
 #include "benchmark/host/contestants.h"
 #include "benchmark/host/resampling.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // 238 samples lie between the ends: 29 vectors of 8 and one that overlaps the last of them. Their
 // fractions rise or fall by 274 a sample.
 //

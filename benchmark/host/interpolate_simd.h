@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interpolation of a frame of 240, written by hand for SSE2 and for NEON.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two jobs that are measured. A frame: blocks of 480 mono 16-bit samples in, frames of 240 out,
 // a sample more or fewer taken for a frame where latency is corrected. A block: 480 samples into a
 // queue and twice 240 out of it.

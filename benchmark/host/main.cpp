@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures every contestant's jobs with Google Benchmark, and what the resamplers do to a tone:
 //   host_bench MACHINE INSTRUCTIONS DIRECTORY [--benchmark_...]
 // MACHINE is a file that tells what is measured on, INSTRUCTIONS what the program instructions

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # picture.gnuplot DATA PICTURE: a bar for every contestant, shorter is better, both scales logarithmic.
 set terminal pngcairo noenhanced size 1400,820 font "sans,10" background "white"
 set output ARG2

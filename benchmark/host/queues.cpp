@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Queues that one would use instead, as large as the daemon's.
 #include <algorithm>
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A resampling library at the job of the frame buffer: the samples that wait in one piece, as the
 // libraries want them, and the library's resampler behind them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ring of samples without checks and counts: two copies and what they need to wrap round.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The gadget's state as Android shows it (class android_usb, device android0, with uevents), and
  * the cable detector of the USB PHY (an extcon device).

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The board's own sound card: a microphone that records silence on the board's clock, a
  * millisecond at a time. The daemon aligns its start to the running capture of this card.

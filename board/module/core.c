@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The simulated board as a whole: brings its parts up in order and takes them down in reverse.
  */

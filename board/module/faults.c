@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Faults on demand: each point passes a number of calls, then spoils a number of calls.
  */

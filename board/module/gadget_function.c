@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The gadget function as the host sees it: bound or not, volumes, mutes, and what plugging does.
  */

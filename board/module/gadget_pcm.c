@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The gadget card's PCM: its operations, as the sound core calls them for the daemon.
  */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Faults while a program chooses hardware parameters. Each fault is a rule of the sound core's
  * constraint solver that refuses once its parameter has been narrowed down to one value. Where the

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The USB host's clock and the switches of its two streams. One timer has all sound moved, a USB
  * frame at a time: it ticks on the host's clock for as long as a stream is on.

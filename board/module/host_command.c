@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The commands written to /dev/usb_host, one per write; see README.md for what each does.
  */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What one USB frame does: moves a millisecond of sound between the host's queue and the ring of
  * the PCM, and counts. Runs in the clock's timer, under host_lock.

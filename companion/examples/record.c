@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes what the USB host plays into a file: five seconds, raw, 48000 Hz, stereo, 16 bits.
 #include <stdio.h>
 #include <uafd_companion.h>

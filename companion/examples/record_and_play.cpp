@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Five seconds of a companion app: what the USB host plays goes into a file (raw, 48000 Hz, stereo,
 // 16 bits), and the host records a tone.
 #include <cmath>

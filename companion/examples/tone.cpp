@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets the USB host record five seconds of a tone.
 #include <cmath>
 #include <cstdio>

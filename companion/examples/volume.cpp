@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sets the speaker's volume to a number, if there is one, and prints what the daemon tells.
 #include <cstdio>
 #include <cstdlib>

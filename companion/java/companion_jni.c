@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native methods of uafd.Companion. Arrays are copied: what is too short throws in Java.
 #include <errno.h>
 #include <jni.h>

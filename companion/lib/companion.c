@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening and closing, and what an open companion can be asked.
 #define _POSIX_C_SOURCE 200809L
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a daemon is there. The system tells nobody of a datagram socket's end, so the daemon's is
 // tried; its file shows whether it is the same daemon.
 #define _POSIX_C_SOURCE 200809L

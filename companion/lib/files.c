@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that others see: a FIFO or socket that is made is never found with another mode or group
 // than it is to have, nor a name without a file. It is made under a name beside its own, and moved.
 #define _POSIX_C_SOURCE 200809L

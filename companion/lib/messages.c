@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages to and from the daemon: a datagram of two 32-bit words each.
 #define _POSIX_C_SOURCE 200809L
 

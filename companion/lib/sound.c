@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frames from the speaker's FIFO, blocks into the microphone's.
 #define _POSIX_C_SOURCE 200809L
 

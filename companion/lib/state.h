@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an open companion is made of, and what the library's sources share: inside of the library.
 // Each job of the public header's rule has fields of its own; the atomic ones are for all.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion app's side of uafd: what the USB host plays is read here, what the host records is
 // written here, and volume, mute and state go both ways. For C from C11 and C++ from C++98; the
 // class for C++17 is in uafd_companion.hpp.

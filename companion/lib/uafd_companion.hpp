@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of uafd_companion.h, which says what they do, on a companion that closes itself.
 // C++17; no exceptions, nothing to link but the C library. Every operation but open wants it open.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Waiting for sound, events, the next block's time and a wake.
 #define _POSIX_C_SOURCE 200809L
 

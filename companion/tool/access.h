@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which files the app and the daemon share, and whether each may open the other's: by owner, group
 // and mode, as far as the daemon's user is known. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A walk through all that an app needs of the daemon, each step with what it found.
 #include <cmath>
 #include <cstdio>

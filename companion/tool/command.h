@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line: commands and the options that they own. A command is a class with one object,
 // which registers itself; its options are members, which hold their values once the line was read.
 // Nothing here allocates before main. One thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon tells: as it comes, or how it stands.
 #include <cerrno>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // uafd-companion, a companion app for the command line: finds the command, reads its options, runs
 // it.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An app at work: opens parts of the daemon's, and from then on hands sound and events to a handler
 // and takes the handler's blocks, in the beat of the library. One thread, one session at a time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Volume and mute: nothing but sending, so beside any other app.
 #include <uafd_companion.hpp>
 

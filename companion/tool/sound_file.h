@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sound in files and pipes: WAV, or raw, which is what the FIFOs carry: stereo, 16 bits, 48000 Hz,
 // without a header. "-" is standard input or output. Failures are told on standard error. One
 // thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of tests that run the whole board: one board and one daemon a case. The daemon's log
 // is named after the case.
 #pragma once

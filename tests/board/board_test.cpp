@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated board itself: what the daemon and the other tests take for granted about it.
 #include <cerrno>
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cable: uevents become messages, strangers' uevents do not, and a gadget that does not notice
 // its cable is restarted.
 #include <unistd.h>

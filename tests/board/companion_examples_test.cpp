@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The programs that docs/app.md shows do on the board what the page says of them.
 #include <cmath>
 #include <memory>

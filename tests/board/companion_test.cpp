@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion library against the daemon: sound and messages both ways, whoever starts first, and
 // again after the other one's restart.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion tool on the board, as somebody at its shell uses it: the daemon in between, the
 // host behind it.
 #include <atomic>

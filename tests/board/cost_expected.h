@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon costs, as tests/board/cost_test.cpp holds it to it. When a change makes it
 // cheaper or, for a good reason, dearer, the test says the new figures: put them here, in the same
 // commit.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon costs: processor time for a second of audio, and memory. On the board's virtual
 // clock a nanosecond of processor time is one instruction, and the same program takes the same
 // number of them in every run, to some thousandths: a change that costs or saves more shows here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon's log, line by line, from its first line on. A phase is what one thing that happens
 // makes the daemon say: every line of every thread, in the thread's order, and not one more.
 #include <algorithm>

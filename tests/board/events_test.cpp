@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What each event record, each message of the app and each state of a channel leads to.
 #include <vector>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app dies, its FIFOs vanish, the sound card goes: whatever the state of the channels, the
 // daemon works again after the next on event, with no thread stuck and none busy.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How soon the daemon answers a period: from its end in the gadget's driver to its bytes in the
 // app's FIFO, and from room for it in the PCM to its samples there. Both directions run, and now
 // and then change their phase, so that their periods end together, too, and in all phases to the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon's main job, shown: the host plays speech that the app records, the app plays speech
 // that the host records, with volume, mute, a sync-up, a host whose clock runs fast and slow, and
 // the cable on the way. Leaves WAV files, the daemon's log, a time line, the messages, latency and

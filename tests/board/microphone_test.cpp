@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The microphone at equal clocks: what the app speaks reaches the host bit for bit once the latency
 // has settled, and before that every sample that was gained or lost is accounted for.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated hardware itself: the gadget control device, the gadget's and the cable's state, and
 // the host's commands.
 #include <algorithm>

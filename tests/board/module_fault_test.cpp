@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated hardware itself: faults of the gadget's sound card, as alsa-lib shows them to a
 // program, and the card's coming and going.
 #include <cerrno>

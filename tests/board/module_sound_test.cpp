@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated hardware itself: how sound moves between the gadget's card and the host, and that
 // it does so exactly on the host's clock; and the board's own card.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PCM of the simulated board as a test program uses it: alsa-lib's handle, opened, set up in the
 // one format and closed again. Belongs to one thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the streaming threads do while they stream, counted by the kernel: none allocates or faults
 // a page in, each makes the system calls and takes the locks below and no others, and all run at
 // SCHED_FIFO 58. The latency control works meanwhile, and the threads log their progress.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The speaker: what the host plays reaches the app bit for bit, and how long it takes.
 #include <algorithm>
 #include <cstdio>

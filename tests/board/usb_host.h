@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The USB host and the hardware around the daemon, as board tests steer and watch them: the command
 // device, counters, event log and sound devices of the usb_board module (board/module/README.md).
 // Any thread; each object belongs to one.

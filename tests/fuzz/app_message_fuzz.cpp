@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the companion app may do to the IPC service: datagrams of every length and content, receive
 // errors, a socket that takes messages in pieces, not at all or too late; and meanwhile state and
 // other messages from the rest of the daemon, up to a full queue. Gadget requests, sent bytes,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cable monitor on faked sockets, properties and state files, its endless loop run on this
 // thread until the target has no more input. One a time.
 #pragma once

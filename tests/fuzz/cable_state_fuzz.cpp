@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the two state files that the cable monitor reads may hold or refuse, at its start and at
 // each tick of its check. Log, messages to the app and restarts must follow from the texts'
 // beginnings.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the sound card's id and the microphone's status file may hold or refuse, and the clock when
 // periods arrive. The start time, each period's verdict and the log must be those of a plain
 // reading.

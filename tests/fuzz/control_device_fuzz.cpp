@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the gadget control device may deliver: records of any content, reads of any length and with
 // any error, while cards come and go, starts fail and workers run. The line of each event with the
 // loop's counters, what the channels are asked to do and every message must be a plain model's.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An execution on faked system calls: afterwards none is faked, because the fuzzer makes calls of
 // its own, and the log is empty again.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every fuzz target is made of: the input read from front to back, the way to fail, and the
 // options that belong to the target. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a property may be called and hold, however its file is read: in pieces, with interruptions,
 // up to an error. Then the cable monitor with two such values: the controller's decides on the
 // check, and the configuration's goes into a shell's command line only when it is harmless there.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the companion app may do with the FIFO that the source reads: pieces of every size, a closed
 // end, errors, a FIFO that does not open; signals, with and without a stop; and a frame buffer that
 // refuses. Every block that reaches the frame buffer must be the left channel of the bytes read,

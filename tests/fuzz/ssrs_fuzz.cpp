@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame stream buffer beside its model, in any sequence of calls: null pointers, frames,
 // ranges, storage and blocks of every size, a context made anew in mid-life, and the two switches
 // that only a debugger sets. Codes, frames, every statistic and what the queue holds must be the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What may arrive on the uevent socket: bytes of any kind and length, from anybody, cut short, and
 // errors. Every message must give the one log line, and the app the messages, that a plain reading
 // of the text gives.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs CompanionTest.java beside the daemon's ends.
 #include <csignal>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* AppFifo: the calls in which a thread waits for the app, and the signal that ends such a wait.
  * `who` is the thread, `c` the channel. The class's mutex is held for single steps only. */
 

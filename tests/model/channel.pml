@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The life cycle of both channels, for the spin model checker; tests/model/check verifies it.
  *
  * A process of the model is a thread of the daemon or a part of its world, an inline is the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* EventLoop, and the card binding that it calls. */
 
 bool handled = true;  /* the loop waits for the next event */

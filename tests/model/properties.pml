@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* What must come about when every thread gets its turn, and a lock that is free again and again when
  * it wants it. What must not happen stands as assertions where it would. */
 

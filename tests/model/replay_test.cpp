@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Traces of the life cycle's model, replayed step by step on the daemon's own threads: after each
 // step both channels look as in the model, and each step logs, tells the app and lets out what it
 // does there.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Both channels and the event loop with their own threads, on a stage: each call by which a thread
 // waits for another or asks the outside world stops there and gets its answer from the script, and
 // what threads wait for and where the FIFOs lead follows the script, too.

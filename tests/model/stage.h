@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holds threads to a script. Every thread on the stage stops at each call that it makes of it, and
 // goes on when the script says so; so at most one of them runs at any time, and between two steps
 // of the script all of them are at rest.

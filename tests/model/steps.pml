@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* How a step of the model ends, and the calls with which one thread waits for another.
  *
  * To verify, a step is one access to what threads share. For traces (REPLAY) a step is everything

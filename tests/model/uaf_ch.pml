@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* UafCh. `who` is the thread, `c` the channel. */
 
 /* ---- Messages ---- */

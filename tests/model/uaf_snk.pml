@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* UafSnk: the sink channel's start and stop, and its worker. */
 
 inline sinkStart(failed) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* UafSrc: the source channel's start and stop, its buffer thread and its worker. */
 
 /* A call of the frame buffer, under its lock. It cannot fail with the sizes in use, but the code has

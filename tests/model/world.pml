@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* What the daemon lives with. Both are free to do anything in any order, and to be quiet for ever
  * at any time; what the app owes the daemon, docs/protocol.md tells its developer. */
 

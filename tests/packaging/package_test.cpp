@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Debian package on a board with systemd: installed, it runs the daemon as a service without
 // privileges, which does its main job, comes back when it dies, and goes when it is removed. The
 // cases are one story, in this order.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Android policy in a kernel: daemon and app, each in its domain, the app with categories, do
 // their work, and SELinux denies none of it. The kernel logs what the policy denies and lets it
 // pass, since of the platform's own rules only those around the daemon are there. The cases are one

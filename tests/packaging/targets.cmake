@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # cmake -D FOLDERS="FOLDER;..." -P targets.cmake: what CMake would build of the folders and those below
 # them: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the project's libraries that
 # a target links. Here the commands that would build print, and the others do nothing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion app as a process of its own, to be killed at any moment: it hears and speaks
 // through the FIFOs, takes the daemon's messages and sends its own. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon's process as a test holds it: starts it, plays the gadget driver and the kernel to it,
 // hears what it asks for, and knows what the sanitizers said. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole daemon, its own main under the name uafdMain, as a process whose outside a test holds
 // in its hand. Commands, of which the daemon's main thread obeys one between two reads of the
 // control device:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The outside of a daemon that runs as a process of its own, in place of alsa-lib and of the parts
 // of the kernel that a development machine lacks. Files, FIFOs and the app's sockets are real, but
 // below a folder; the control device and the uevent socket are packet sockets (wires.h); sound

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon's process finds below its root: the app's FIFOs and the files of the kernel and
 // of the platform. One thread; gone with the object.
 #pragma once

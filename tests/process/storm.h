@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A storm over the daemon's process: the host, the gadget driver, the app, the sound cards and the
 // kernel do anything at any moment, in an order that follows from a seed. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole daemon as a process under the sanitizers, in a storm of everything that can happen to
 // it. UAFD_STORM_STEPS and UAFD_STORM_SEED make the storm longer or another one.
 #include "tests/process/storm.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What joins a test and the daemon's process that it starts: inherited descriptors, all of them
 // packet sockets, and the daemon's one argument, the folder that it takes for the root of the file
 // system.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cable monitor with its real thread on scripted uevents, with state files and properties in a
 // folder of the test's own, and the real message queue behind it. What the thread notes is read
 // when it is gone.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A channel for tests of the base's life cycle: its lock, its threads and its messages appear in a
 // journal in the order of the calls. No thread is made: a test calls the worker's part itself.
 #pragma once

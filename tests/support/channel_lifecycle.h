@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of tests that run both channels with their real threads, locks and FIFOs. The sound
 // card is the fake one, whose time passes only when a thread waits for it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program as a child of the test's, its standard output and error in files. One thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of the companion library's tests: a folder, the daemon's ends in it, and a companion
 // that is closed before them. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion tool as a process beside the daemon's ends, in a folder of the test's.
 #pragma once
 

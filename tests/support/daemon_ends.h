@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon's ends of what it shares with a companion app, in a folder of the test's own: opened
 // and used as the daemon does it, and nothing else of a daemon. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in for alsa-lib, linked instead of it: every snd_ call of the daemon is recorded and then
 // answered by the first of these that has something to say: a scripted answer, a hook, the device.
 //

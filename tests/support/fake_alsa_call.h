@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the parts of the fake alsa-lib share: the lock over everything it keeps, and the way a call
 // is recorded and given its scripted answer.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control interface of the fake alsa-lib: sound cards and their drivers' names.
 #include <algorithm>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text files that exist only for a test: fopen finds them, and only them, instead of the system's.
 #pragma once
 

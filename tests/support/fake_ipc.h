@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in for the queue of messages to the companion app: keeps every message for comparison.
 // Linked by tests of the parts that only produce messages; the real queue is left out then.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in for the Android log: keeps every line for comparison by level, tag and exact text.
 // Any thread may log; a test reads copies.
 #pragma once

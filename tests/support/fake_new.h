@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes `new (std::nothrow)` fail on demand, and what it gives dirty, as memory from a used heap
 // is. Linked by tests that name it; everything else that allocates goes on.
 #pragma once

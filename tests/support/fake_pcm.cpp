@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The PCMs of the fake alsa-lib: devices whose fill level follows from their clocks and rates.
 #include "tests/support/fake_pcm.h"
 

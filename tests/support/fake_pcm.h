@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The PCM behind a handle of the fake alsa-lib, shared by its two halves: the device and the
 // parameters. Everything here is used under fake_alsa::lock().
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hardware and software parameters of the fake alsa-lib's PCMs.
 #include "tests/support/fake_pcm.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/support/fake_ssrs.h"
 
 // The real calls, under the names that the linker gives them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Watches the frame buffer's calls and fails them on demand, by the linker's --wrap: an unset hook
 // passes a call on to the real frame buffer. Hooks are set before the threads that meet them start.
 #pragma once

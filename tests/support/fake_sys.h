@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in for libc and thread calls: the linker's --wrap sends each of them here, and an unset
 // hook passes it on to the real one. A test sets a hook to record a call, to fail at a step, or to
 // answer from a script; inside a hook, real::NAME reaches the real call.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion app's two ends of the FIFOs, each with a thread of its own that never blocks: it
 // opens its end again whenever the daemon's end is gone, until it is destroyed.
 #pragma once

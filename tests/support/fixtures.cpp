@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixtures of the stand-ins, apart from them: they need the fake log as well.
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_log.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An array between two guard zones: shows writes before its first and behind its last element, in
 // every build. Heap memory of exactly its own (a std::vector) shows reads too, under ASan.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app IPC service without its outside: sockets are numbers, thread entries are kept until the
 // test runs them, and what the service sends is collected. One thread.
 #pragma once

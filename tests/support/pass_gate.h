@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets a channel's worker make its passes one by one: the worker stops at the gate in each pass,
 // and a test lets it through and waits for its return.
 #pragma once

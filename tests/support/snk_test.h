@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drives the sink channel through its public interface: no worker is created, and its loop runs on
 // the test's thread against the fake card and a FIFO that keeps what is written to it.
 #pragma once

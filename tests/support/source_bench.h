@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A source channel on one thread: the threads that it creates are noted instead of made, and a test
 // runs their bodies itself, the worker's even in the middle of the buffer thread's. Locks, frame
 // buffer calls, thread calls, pauses and messages appear in a journal in the order of the calls.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of the source channel's buffer loop: a started channel, reads and a frame buffer as
 // the test wants them, and what reached the frame buffer.
 #pragma once

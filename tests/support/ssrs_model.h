@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A plain model of the frame stream buffer: a std::deque of samples, 64-bit arithmetic and the
 // interpolation formula as one would write it down. Its calls return the codes that the buffer's
 // return; a new model is a context just made. It knows nothing of storage that is too large for

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A daemon in its steady state, as an app sees it: both streams on, sync-ups answered, a sound
 // played, blocks taken, FIFO ends opened again. What it shall do otherwise is asked for before it
 // starts. Has a thread of its own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smallest channel: the base with a stream that only notes what the base asks of it. What the
 // base keeps for derived channels and for itself lies open to tests.
 #pragma once

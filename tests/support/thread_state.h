@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a thread of this process is doing, as the kernel shows it. Any thread.
 #pragma once
 

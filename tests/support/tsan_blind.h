@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Closes ThreadSanitizer's eyes on this thread. A stand-in's locks and descriptors order the
 // daemon's threads where the real outside promises no order; seen, they would hide races. Calls
 // nest. In other builds nothing happens.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For as long as it lives, the process has no more rights than any user has. One at a time.
 #pragma once
 

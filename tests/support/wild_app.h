@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A companion app gone wild at one FIFO: its thread opens, closes, deletes and replaces the FIFO
 // and puts anything in its place, until it is told to settle down and be a good app.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log off Android, with its real output: standard error is a socket that keeps the borders
 // between write() calls, or a pipe whose reader is gone or stopped.
 #include <array>

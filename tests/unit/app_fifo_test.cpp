@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One end of an app's FIFO: what opens, reads and writes it, and how a thread is let out of a wait
 // for an app that does not come.
 #include "channel/app_fifo.h"

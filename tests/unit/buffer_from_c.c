@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/unit/buffer_from_c.h"
 
 #include <stdlib.h>

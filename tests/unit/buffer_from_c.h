@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The buffer modules as a C program sees them; called by ssrs_setup_test.
 #pragma once
 

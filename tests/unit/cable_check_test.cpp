@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The check for a plugged cable that the gadget does not notice, tick by tick.
 #include <cerrno>
 #include <filesystem>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cable monitor's start, and what it makes of the state file and of uevents.
 #include "cable/cable_mon.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink's start synchronisation: where the capture's start time comes from, and which period is
 // the first one written.
 #include "channel/capture_sync.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The microphone's channel with its real threads, locks and FIFO, and an app that does nothing more
 // with that FIFO: neither the stop nor any event waits for it.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Both channels with their real threads, locks and FIFOs, against a companion app that comes and
 // goes.
 #include "tests/support/channel_lifecycle.h"

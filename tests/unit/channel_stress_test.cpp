@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Both channels with their real threads, locks and FIFOs: an event loop that sends any event, apps
 // that treat their FIFOs in any way, a card, a frame buffer and a system that fail at any step.
 // Afterwards both channels stream as if nothing had been. UAFD_STRESS_EVENTS and UAFD_STRESS_SEED

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A daemon's end and beginning as an app is told of them, and what the app believes afterwards.
 #include <algorithm>
 #include <atomic>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library leaves in the file system: modes, groups, the socket's file of an app that takes
 // no events; and that every part is one app's at a time.
 #include <cerrno>

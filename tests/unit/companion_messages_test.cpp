@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What goes to the daemon and what comes from it, byte by byte, and a daemon that is not there.
 #include <cerrno>
 

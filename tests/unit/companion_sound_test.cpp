@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole frames come out, whole blocks go in or not at all, and a daemon that goes and comes back is
 // found by what was open before.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening beside a daemon that is there, comes later or never, waiting, and closing.
 #include "tests/support/companion_test.h"
 

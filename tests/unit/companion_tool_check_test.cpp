@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion tool's check of a daemon, good or faulty.
 #include <csignal>
 #include <filesystem>

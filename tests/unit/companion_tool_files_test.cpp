@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the companion tool records and plays: files and pipes, WAV and raw.
 #include <cmath>
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion tool as a process beside the daemon's ends: what it prints, sends, records and
 // plays, and its exit status.
 #include "tests/support/companion_tool.h"

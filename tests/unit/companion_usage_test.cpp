@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the companion tool's command line takes and says, and that its manual and completion follow.
 #include <fstream>
 #include <set>

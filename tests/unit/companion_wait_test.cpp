@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Waiting: what is ready, when the next block is due, and what ends a wait.
 #include <atomic>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A channel's device name: copied on set, read without a lock, and kept as long as a reader may
 // hold it.
 #include "channel/dev_name.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every row of the event table on the real channels, whose threads are never made: what an event
 // did to them is read from their log, and the loop's own state from the next event's line.
 #include "daemon/event_loop.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fake alsa-lib itself: what tests of the daemon rely on.
 #include "tests/support/fake_alsa.h"
 

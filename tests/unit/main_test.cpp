@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entry point, compiled into this program under the name uafdMain. The app's service and the
 // cable monitor are replaced: what counts here is when they are built, started and destroyed.
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding of plain-text uevents: every message lies in a heap block of exactly its length, so that
 // the sanitizers see any step outside it.
 #include <cstring>

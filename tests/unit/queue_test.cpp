@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The byte queue: every code, the order of the checks, what a call leaves alone, both copies of a
 // block that crosses the end, and long random use beside a plain model.
 #include "buffer/queue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stretching and squeezing: the steps, and every output sample of every frame size against the
 // interpolation formula written in the plainest way.
 #include "buffer/resample.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Real-time threads: their attributes as pthread_create sees them, and what is left of them when
 // one cannot be set.
 #include "channel/rt_thread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the frame stream buffer share: a context in raw memory of exactly the reported
 // size, storage between guard zones, and whole blocks and frames in and out.
 #pragma once

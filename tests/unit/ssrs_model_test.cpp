@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame stream buffer beside its plain model: random calls of every kind, valid or not, must
 // give the same codes, the same frames and the same statistics.
 #include "tests/support/ssrs_model.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Setting up the frame stream buffer: its records, the codes and the order of the checks, storage
 // of every kind of length, and the target range.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame stream buffer at work: priming, latency control, starvation, the counters, and the
 // limits of every frame size. Set-up is in ssrs_setup_test, random use in ssrs_model_test.
 #include "buffer/ssrs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Properties off Android: files of a temporary folder stand in for those under /run/properties.
 #include <cerrno>
 #include <cstring>

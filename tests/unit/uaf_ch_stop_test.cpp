@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The channel base's debounced stop, and the off request of a thread that a stop joins.
 #include <cerrno>
 

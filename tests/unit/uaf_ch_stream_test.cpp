@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the channel base gives its streams: messages about volume and mute, the conversion between
 // channel counts, and the answer to a wait that went wrong.
 #include <cerrno>

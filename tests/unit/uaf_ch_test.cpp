@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The channel base: names, and on and off requests in every state.
 #include "channel/uaf_ch.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The receive thread of the app IPC service: every message of the app, sync-up replies, odd
 // datagrams and the ways to end.
 #include <atomic>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app IPC service: its start, with every way to fail, and who may run after it.
 #include "ipc/uaf_ipc.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way to the app: the bounded queue, its producers, the transmit thread and its retries.
 #include <algorithm>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink channel's FIFO: opened by the first write, reopened after one that failed.
 #include <algorithm>
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink channel's reads: a card that stops, times out, falls into an xrun, fails, or has let a
 // backlog grow.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sink channel: start, stop, the way of a period, the FIFO. What the card may answer to a read
 // is in uaf_snk_read_test.
 #include "channel/uaf_snk.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel's statistics checks, and the larger buffer for an app that starves
 // it again and again.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel's buffer loop: from the app's FIFO into the frame buffer.
 #include <cerrno>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel's worker: from the frame buffer into the PCM.
 #include <cerrno>
 

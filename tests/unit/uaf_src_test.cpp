@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel's start, stop and destruction. The buffer thread and the two loops have tests
 // of their own.
 #include "channel/uaf_src.h"

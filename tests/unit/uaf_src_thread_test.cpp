@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source channel's buffer thread: its creation, what a failed start leaves of it to the next
 // one, and a stop that comes before it has run.
 #include <cerrno>

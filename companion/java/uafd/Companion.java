@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package uafd;
 
 import java.io.IOException;

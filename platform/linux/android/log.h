@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Android log, off Android: the calls and priorities of <android/log.h> that the daemon uses.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Android's system properties, off Android: one file per property under /run/properties, whose
 // first line is the value. Owns nothing; any thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Android's decoder of kernel uevents, off Android: the calls, numbers and field meanings of
 // <sysutils/NetlinkEvent.h> for the plain-text format
 //     action@devpath\0KEY=VALUE\0KEY=VALUE\0...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app's message socket absent, stale or full, messages of every size, and sync-ups at every
 // moment of a channel's life. What the app is owed arrives, in order; what it cannot take costs a
 // message and never the daemon.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app stands still and goes on, and reads and writes as it likes: too slowly, too fast, in
 // pieces of any size. What that must cost is lost, and nothing else, and nothing afterwards.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The app is away while the host records: silent, dead, or stopped. What the host wants is done all
 // the same, and in time: each of its records within 50 ms, the microphone's stop within 40 ms of
 // its off. Only the speaker's stop waits for the app.

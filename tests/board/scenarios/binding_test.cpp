@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Binding and unbinding out of turn: twice, before there is a card, while streams run or are about
 // to stop.
 #include "tests/board/scenarios/record_case.h"

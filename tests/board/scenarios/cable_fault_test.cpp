@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fault of the cable: plugged, but the gadget stays DISCONNECTED. Three looks in a row, a
 // second apart, restart the gadget; whatever ends the fault before ends the count.
 #include <gmock/gmock.h>

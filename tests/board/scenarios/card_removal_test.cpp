@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget's sound card goes, and comes again at the same index or another, whatever either
 // channel is at: the streams end, and the host's next ones find the card.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget control device at its worst: reads that are short, fail or end, requests refused,
 // thousands of records at once, records of types that there are not.
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is around the daemon: memory that is not to be had, a log that nobody reads, a second
 // daemon, and what earlier ones left behind.
 #include <csignal>

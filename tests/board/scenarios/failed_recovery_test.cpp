@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget driver does not take the stream up again, or fails in mid stream: the channel stops
 // itself after three more passes, tells the app, and starts at the host's next word.
 #include "tests/board/scenarios/stream_case.h"

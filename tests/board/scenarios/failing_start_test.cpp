@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stream cannot be set up, at each step that can fail: the log names the step, the app is told
 // nothing, and the next start cleans up and succeeds.
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What becomes of a FIFO's name: deleted under an open FIFO, or in its place something that is
 // none. The sound may suffer; the daemon does not, and a FIFO that is there again is used by the
 // next stream.

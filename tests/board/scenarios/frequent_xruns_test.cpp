@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Xruns of both directions twice a second, for a minute or, with --minutes N, for longer: each is
 // recovered from, and latency and loss stay what a single one makes them.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios of the gadget control device: event records by name, and what the daemon
 // says and tells since they came.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios: a whole board, and the sentences that many of them share.
 #pragma once
 

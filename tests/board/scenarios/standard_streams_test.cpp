@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon's standard streams: closed when it starts, as a careless service manager leaves them,
 // and standard output as a file, where the search for the card reports.
 #include <climits>

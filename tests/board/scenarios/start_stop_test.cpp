@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host starts and stops its streams, faster than they stop: an on event within the time that a
 // stop waits, and a thousand random sequences of both streams.
 #include <cstdio>

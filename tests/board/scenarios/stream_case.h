@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios about one way of sound, run for each of the two: the way's own host
 // stream, driver, log and messages, and what is to be seen of them since a moment.
 #pragma once

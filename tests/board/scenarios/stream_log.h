@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon's log says of a way's stream; '#' stands for any number.
 #pragma once
 

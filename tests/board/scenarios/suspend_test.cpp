@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget driver suspends a stream: the daemon asks it to resume, once a second while it is not
 // ready, and after six seconds prepares it afresh. The other way's sound does not notice.
 #include "tests/board/scenarios/stream_case.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uevents that are none of the gadget's: of processes, to other groups, too long, of no subsystem,
 // and more than anybody can listen to.
 #include "tests/board/support/uevent.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gadget driver loses its stream for a moment, in whatever the daemon is at: it takes the
 // stream up again at once, and no more sound is lost than the driver held.
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Latencies in a memory that does not grow with their number. One thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One soak: prints what it measured, leaves it in /out/soak.txt, and fails with one sentence for
 // each thing that is wrong.
 #include <cstdio>

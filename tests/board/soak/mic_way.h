@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The microphone's direction of a soak: what the host recorded, explained playback frame by
 // playback frame by what the app's FIFO took. One thread.
 #pragma once

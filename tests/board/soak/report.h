@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a soak measured, as text that adds up with others, and what of it must not be.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A soak: both directions stream for virtual minutes or hours while the host's clock runs fast or
 // slow, the app's writes come late, and now and then something is disturbed. Every frame is
 // followed. One thread.

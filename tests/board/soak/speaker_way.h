@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The speaker's direction of a soak: what the app heard, held against the tone that the host
 // plays, frame by frame. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What both ends play in a soak: a tone that names its place. Every stretch of it occurs once in
 // 1.4 seconds, so that a frame lost or repeated shows by its number, and it is smooth, so that a
 // click shows as a bend. Reading it is a look into a table. Any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is counted of one direction in a soak. While the sound is calm everything counts against the
 // daemon; after a disturbance it is counted apart, and what counts is how soon it is over.
 #pragma once

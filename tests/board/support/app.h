@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The companion app: holds the app's ends of both FIFOs and of the message socket, keeps what it
 // hears and which messages come, with the time of each, and speaks a voice in real time.
 //

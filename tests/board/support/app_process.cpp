@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/board/support/app_process.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A companion app in a process of its own, for tests in which it dies or freezes. It speaks noise
 // and listens; what it has got through shows in counters and messages that outlive it.
 #pragma once

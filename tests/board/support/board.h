@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole board in action: the host, the board's microphone service, the companion app and the
 // daemon between them, and the proof that the daemon is whole. One thread at a time.
 #pragma once

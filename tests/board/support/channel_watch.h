@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the daemon has told its app of the channels: on and off must alternate. One thread.
 #pragma once
 

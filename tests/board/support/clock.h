@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The board's virtual clock, CLOCK_MONOTONIC in nanoseconds: the time base of every stamp in the
 // board tests. Sleeping costs no real time, so waiting is by polling a condition. Any thread.
 #pragma once

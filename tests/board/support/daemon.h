@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon under test, started as a process with its log going to a file that comes back from the
 // board, or by who else is to start it. One thread at a time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small helpers on files and descriptors. What fails throws std::runtime_error with the reason, so
 // that a test ends with it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps every processor of the board busy: an ordinary process (SCHED_OTHER) on each, which spins,
 // and now and then has the kernel work for it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The USB host's side of the board: commands, counters and the event log of the usb_board module,
 // whose contract is board/module/README.md. One thread at a time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host plays: keeps the speaker device filled with `voice`, from frame 0 on, for as
 // long as this lives, or until `frames` are queued. Has a thread of its own.
 #pragma once

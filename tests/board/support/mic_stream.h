@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The microphone's way observed while it runs: what the app sent is followed sample by sample into
 // what the host recorded. Begin with the app speaking and the host's stream off. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Explains what the host recorded from the daemon, playback frame by playback frame: each frame of
 // 240 samples must be silence, 240 samples of what the app sent, or 239 or 241 of them drawn out or
 // pressed to 240 by linear interpolation. What none of these explains is counted, and is an error.

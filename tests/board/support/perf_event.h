@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the kernel sees a thread, or everybody on a processor, do: counted, and if wanted recorded
 // with the time of each. Uses perf_event_open and tracefs; one thread at a time. What fails throws.
 #pragma once

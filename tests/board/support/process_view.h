@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process as /proc shows it: threads, processor time, descriptors, memory.
 #pragma once
 

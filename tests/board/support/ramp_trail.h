@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ramp sent one way, and what became of it: passages of unbroken sound, what is missing or comes
 // again between them, and the latency of each moment. Latency control's drawing out and pressing
 // breaks nothing.

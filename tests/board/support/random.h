@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random choices that a seed repeats. One thread.
 #pragma once
 

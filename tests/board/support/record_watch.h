@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How promptly the daemon handles what the host does, by the gadget driver's own events: how long
 // each record of the control device waits to be read, how long the event loop stays away from the
 // device meanwhile, and how soon after its off the microphone's playback is closed. One thread.

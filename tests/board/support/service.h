@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon as an installed package's service, and an app as its man page wants it. Throws when a
 // program fails. One thread.
 #pragma once

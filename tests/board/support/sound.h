@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sounds that tell where they come from, WAV files, and measures of what was recorded.
 #pragma once
 

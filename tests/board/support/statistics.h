@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The spread of a measured quantity.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Both directions of a board in their steady state: the host plays, the app speaks, and the
 // daemon's streaming threads are known. Keep it shorter than the board. One thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What happened on a board, put in the order of the virtual clock and made readable. One thread.
 #pragma once
 

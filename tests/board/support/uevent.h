@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sends uevents other than those of the board's own devices. One thread at a time.
 #pragma once
 

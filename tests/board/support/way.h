@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two ways of sound through the daemon, as each side names them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything that can happen on a board.
 #include <algorithm>
 #include <iterator>

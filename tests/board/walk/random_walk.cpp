@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // random_walk --seed N --steps M [--over app]: walks over everything, or over what an app may do,
 // and says after which step what went wrong. Every kStepsAProof steps and at the end the daemon is
 // proved whole. tools/random-walk runs it.

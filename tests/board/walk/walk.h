@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A random walk over everything that host, driver, app and cable can do to the daemon, and what
 // must hold of the daemon all the while. Whatever is chosen follows from the seed and the steps
 // before, so a walk's beginning is the same walk with fewer steps. One thread.

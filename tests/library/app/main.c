@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* An app as small as can be, in all languages that the header is for: prints the version. */
 #include <stdio.h>
 #include <string.h>
