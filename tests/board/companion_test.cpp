@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -42,14 +43,17 @@ int breaksIn(const board::Samples& ramp) {
 // An app on the library with a thread of its own: says noise, keeps what it hears and is told.
 class LibraryApp {
   public:
-    LibraryApp() {
-        EXPECT_EQ(companion_.open(), 0);
+    explicit LibraryApp(unsigned parts = UAFD_ALL) : parts_(parts) {
+        EXPECT_EQ(companion_.open(parts), 0);
         thread_ = std::thread([this] { run(); });
     }
     ~LibraryApp() {
         stop_ = true;
+        companion_.wake();
         thread_.join();
     }
+    // Writes nothing any more, or writes again.
+    void pauseSpeaking(bool pause) { paused_ = pause; }
 
     uafd::Companion& companion() { return companion_; }
     uafd_counts counts() const { return companion_.counts(); }
@@ -62,12 +66,20 @@ class LibraryApp {
         const std::lock_guard<std::mutex> lock(mutex_);
         return std::exchange(events_, {});
     }
+    // The last value of each event; 0 for a state that was not told.
+    std::map<uafd_event_type, int> belief() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return belief_;
+    }
+    // When the last event came.
+    Ns toldAt() const { return toldAt_; }
 
   private:
     void run() {
         int64_t frame = 0;
         while (!stop_) {
-            if (companion_.wait() >= UAFD_READY_BLOCK) {
+            const int ready = companion_.wait();
+            if (ready > 0 && (ready & UAFD_READY_BLOCK) != 0 && !paused_) {
                 int16_t said[2 * UAFD_BLOCK_FRAMES];
                 for (int i = 0; i < UAFD_BLOCK_FRAMES; ++i) {
                     said[2 * i] = board::noise(frame + i);
@@ -76,10 +88,17 @@ class LibraryApp {
                 frame += companion_.write(said) == 0 ? UAFD_BLOCK_FRAMES : 0;
             }
             const std::lock_guard<std::mutex> lock(mutex_);
-            hear();
-            while (const auto event = companion_.nextEvent()) {
-                events_.emplace_back(event->type, event->value);
+            if ((parts_ & UAFD_SPEAKER) != 0) {
+                hear();
             }
+            takeTold();
+        }
+    }
+    void takeTold() {
+        while (const auto event = companion_.nextEvent()) {
+            events_.emplace_back(event->type, event->value);
+            belief_[event->type] = event->value;
+            toldAt_ = board::now();
         }
     }
     void hear() {
@@ -93,10 +112,15 @@ class LibraryApp {
         EXPECT_EQ(unequal, 0) << "frames";
     }
 
+    const unsigned parts_;
     uafd::Companion companion_;
     std::mutex mutex_;
     board::Samples heard_;
     std::vector<Event> events_;
+    std::map<uafd_event_type, int> belief_{
+        {UAFD_USB_STATE, 0}, {UAFD_SPEAKER_STATE, 0}, {UAFD_MIC_STATE, 0}, {UAFD_DAEMON_STATE, 0}};
+    std::atomic<Ns> toldAt_{0};
+    std::atomic<bool> paused_{false};
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -157,6 +181,20 @@ class CompanionLibrary : public BoardCase {
         return all;
     }
 
+    // When it was ended.
+    Ns endDaemon() {
+        const Ns at = board::now();
+        daemon.stop();
+        return at;
+    }
+    bool believes(int usb, int speaker, int mic) {
+        return board::waitFor([&] {
+            auto belief = library_->belief();
+            return belief[UAFD_DAEMON_STATE] == 1 && belief[UAFD_USB_STATE] == usb &&
+                   belief[UAFD_SPEAKER_STATE] == speaker && belief[UAFD_MIC_STATE] == mic;
+        });
+    }
+
     std::optional<LibraryApp> library_;
 };
 
@@ -178,8 +216,7 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
 
 TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
     start();
-    ASSERT_EQ(library_->companion().sync(), 0);
-    EXPECT_TRUE(board::waitFor([&] { return library_->counts().events >= 8; }));
+    board::sleepFor(kSecond);
     library_->takeEvents();  // of the start, among them the answer
     ASSERT_EQ(library_->companion().sync(), 0);
     EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 0},
@@ -228,17 +265,106 @@ TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     const board::HostPlayer player(board::noise);
     bothOn();
     ASSERT_TRUE(hears(kRate / 2));
-    daemon.stop();
-    EXPECT_EQ(library_->companion().sync(), -ECONNREFUSED);
-    EXPECT_TRUE(board::waitFor([&] { return library_->counts().blocks_unread > 10; }));
     library_->takeEvents();
+    const Ns ended = endDaemon();
+    EXPECT_EQ(library_->companion().sync(), -ECONNREFUSED);
+    EXPECT_THAT(events(4), ElementsAre(Event{UAFD_DAEMON_STATE, 0}, Event{UAFD_USB_STATE, 0},
+                                       Event{UAFD_SPEAKER_STATE, 0}, Event{UAFD_MIC_STATE, 0}));
+    EXPECT_LT(library_->toldAt() - ended, 250 * kMs);
+    printf("a daemon's end is told after %ld ms\n", (library_->toldAt() - ended) / kMs);
+    EXPECT_TRUE(board::waitFor([&] { return library_->counts().blocks_unread > 10; }));
     daemon.start();  // the host's streams are on
     ASSERT_TRUE(hasThreads(board::kStreamingThreads));
     EXPECT_TRUE(hears(kRate / 2));
     EXPECT_TRUE(isHeard());
-    const std::vector<Event> told = library_->takeEvents();
-    EXPECT_THAT(told, testing::IsSupersetOf({Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 1},
-                                             Event{UAFD_MIC_STATE, 1}}));
+    EXPECT_TRUE(believes(1, 1, 1));
+}
+
+// More quickly than the library looks.
+TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
+    start();
+    host.command("mic on");
+    ASSERT_TRUE(believes(1, 0, 1));
+    for (int i = 0; i < 5; ++i) {
+        library_->takeEvents();
+        daemon.stop();
+        daemon.start();
+        EXPECT_THAT(events(3), testing::Contains(Event{UAFD_DAEMON_STATE, 0})) << i;
+        EXPECT_TRUE(believes(1, 0, 1)) << i;
+        board::sleepFor(40 * kMs);
+    }
+}
+
+// Unplugged while no daemon sees it: the next one tells of no USB, and nothing of the streams.
+TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
+    start();
+    bothOn();
+    ASSERT_TRUE(believes(1, 1, 1));
+    daemon.stop();
+    host.command("unplug");
+    daemon.start();
+    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(believes(0, 0, 0));
+    board::sleepFor(kSecond);
+    EXPECT_TRUE(believes(0, 0, 0));
+}
+
+// An app without events runs for a while, and then one that takes them.
+TEST_F(CompanionLibrary, LeavesNoEventsThatDelayTheNextApps) {
+    for (int phase = 0; phase < 2; ++phase) {
+        unlink(board::kSocketRx);
+        library_.emplace(UAFD_SOUND);
+        startDaemon();
+        for (int i = 0; i < 6 + 2 * phase; ++i) {
+            host.command("volume speaker -256");
+            board::sleepFor(kSecond);
+        }
+        library_.emplace();
+        const Ns opened = board::now();
+        EXPECT_TRUE(believes(1, 0, 0));
+        const Ns told = library_->toldAt();
+        EXPECT_LT(told - opened, 50 * kMs);
+        host.command("volume speaker -512");
+        const Ns changed = board::now();
+        EXPECT_TRUE(board::waitFor([&] { return library_->toldAt() >= changed; }, 10 * kSecond));
+        EXPECT_LT(library_->toldAt() - changed, 50 * kMs);
+        printf("the next app's states come after %ld us, its first event after %ld us\n",
+               (told - opened) / 1000, (library_->toldAt() - changed) / 1000);
+        daemon.stop();
+        library_.reset();
+    }
+}
+
+// Open and not fed: silence, and nothing twice; then on as before.
+TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
+    start();
+    host.command("mic on");
+    EXPECT_TRUE(isHeard());
+    library_->pauseSpeaking(true);
+    board::sleepFor(100 * kMs);
+    host.takeRecording();
+    board::sleepFor(2 * kSecond);
+    const board::Samples recorded = host.takeRecording();
+    EXPECT_GT(recorded.size(), static_cast<size_t>(kRate));
+    EXPECT_EQ(board::firstSound(recorded), recorded.size());
+    library_->pauseSpeaking(false);
+    EXPECT_TRUE(isHeard());
+    expectWhole();
+}
+
+// The sound is one app's, the microphone another's.
+TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
+    micService = std::make_unique<board::MicService>();
+    library_.emplace(UAFD_MIC | UAFD_EVENTS);
+    std::optional<LibraryApp> listener(UAFD_SPEAKER);
+    startDaemon();
+    const board::HostPlayer player(board::noise);
+    bothOn();
+    EXPECT_TRUE(isHeard());
+    EXPECT_TRUE(believes(1, 1, 1));
+    EXPECT_TRUE(board::waitFor([&] { return listener->counts().frames_read > kRate; }));
+    listener.reset();
+    EXPECT_TRUE(isHeard()) << "the other app's end ends nothing";
 }
 
 TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
