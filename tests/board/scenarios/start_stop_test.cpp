@@ -105,8 +105,9 @@ class StartStop : public RecordCase {
 
     // The daemon's last word on both channels is the host's.
     bool isAsWanted() {
-        watch_.see(app->messageValues(seen_));
-        seen_ = app->messages().size();
+        const std::vector<board::Message> told = app->messageValues(seen_);
+        watch_.see(told);
+        seen_ += told.size();
         return watch_.isOn(kSpeaker) == wanted_[false] && watch_.isOn(kMic) == wanted_[true] &&
                board::threadsOf(daemon.pid()).size() ==
                    board::kIdleThreads + (wanted_[false] ? 1U : 0U) + (wanted_[true] ? 2U : 0U);
