@@ -33,6 +33,7 @@ constexpr Words kWords[] = {
 };
 
 constexpr char kRunning[] = "running";
+constexpr char kUnreachable[] = "unreachable";  // not for this user
 
 void printTime(bool isJson) {
     timespec now{};
@@ -56,7 +57,7 @@ class Events final : public Command, private Handler {
     void onEvent(const uafd_event& event) override;
     bool isDone() override { return *count_ > 0 && printed_ >= *count_; }
 
-    Number<int> count_{&options, "count", "N", 1, 1000000, 0, "end after so many events"};
+    Number<int> count_{&options, "count", "N", 1, 1000000, 0, "end after N events"};
     Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Flag json_{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
     int printed_ = 0;
@@ -111,6 +112,9 @@ int Status::run(const std::string& /*argument*/) {
     }
     const char* const daemon = ask();
     print(daemon);
+    if (strcmp(daemon, kUnreachable) == 0) {
+        failed(name, findObstacle());
+    }
     if (!hasOtherApp_) {
         folder.restore(true);
     }
@@ -124,7 +128,7 @@ const char* Status::ask() {
         case ECONNREFUSED:
             return "absent";
         case EACCES:
-            return "unreachable";
+            return kUnreachable;
         default:
             return "busy";
     }

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Gives the host back what it plays.
 #include <vector>
 
 #include "companion/tool/command.h"

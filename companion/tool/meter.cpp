@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Shows the level of what the host plays.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>

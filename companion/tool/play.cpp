@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Lets the host record a file or a tone.
 #include <cmath>
 
 #include "companion/tool/command.h"

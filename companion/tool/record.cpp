@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Records what the host plays.
 #include <cstdio>
 
 #include "companion/tool/command.h"

@@ -23,11 +23,16 @@ void interrupt(int /*signal*/) {
     interrupted = 1;
 }
 
+// Except what the process was started to ignore, as nohup does.
 void catchInterrupts() {
     struct sigaction action {};
     action.sa_handler = interrupt;
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signal, &action, nullptr);
+        struct sigaction before {};
+        sigaction(signal, nullptr, &before);
+        if (before.sa_handler != SIG_IGN) {
+            sigaction(signal, &action, nullptr);
+        }
     }
 }
 
@@ -110,7 +115,7 @@ bool Session::run(Handler* handler, double seconds) {
         ready = companion_.waitFor(msUntil(std::min(tick, end)));
         step(handler, std::max(ready, 0));
         if (nowNs() >= tick) {
-            tick += kTickNs;
+            tick = std::max(tick + kTickNs, nowNs());
             waitForDaemon();
             handler->onTick();
         }
@@ -157,8 +162,9 @@ void Session::giveBlock(Handler* handler) {
     }
 }
 
-// In a session without events known by a message that it takes, and not looked for again.
-bool Session::hasDaemon() {
+// In a session without events the daemon is known by a message that it takes, and not looked for
+// again.
+bool Session::findDaemon() {
     if ((parts_ & UAFD_EVENTS) != 0) {
         return isOn(UAFD_DAEMON_STATE);
     }
@@ -168,7 +174,7 @@ bool Session::hasDaemon() {
 // A daemon that starts waits until both FIFOs have been opened: the one that this app has no use
 // for is opened for a moment.
 void Session::waitForDaemon() {
-    if (hasDaemon()) {
+    if (findDaemon()) {
         ticksWithoutDaemon_ = 0;
         return;
     }

@@ -9,7 +9,7 @@
 
 constexpr double kLeastS = 0.01;
 constexpr double kDayS = 86400;
-constexpr char kSecondsHelp[] = "end after so long (default: at an interrupt)";
+constexpr char kSecondsHelp[] = "end after N seconds (default: at an interrupt)";
 constexpr double kTickS = 0.1;
 
 // What a command does. Nothing is the default everywhere, silence for what the host records.
@@ -58,7 +58,7 @@ class Session {
     void takeSound(Handler* handler);
     void takeEvents(Handler* handler);
     void giveBlock(Handler* handler);
-    bool hasDaemon();
+    bool findDaemon();
     void waitForDaemon();
 
     uafd::Companion companion_;

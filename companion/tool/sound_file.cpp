@@ -152,7 +152,7 @@ bool SoundReader::readHeader() {
                 return false;
             }
         } else if (is(chunk.id, "data") && isKnown) {
-            bytesLeft_ = chunk.size;
+            bytesLeft_ = chunk.size == kNoLength ? UINT64_MAX : chunk.size;
             return true;
         } else if (!skip(chunk.size)) {
             break;
@@ -208,7 +208,7 @@ bool SoundReader::skip(uint32_t size) const {
     return true;
 }
 
-// Reads until the buffer holds so much, or nothing more is there at present.
+// Reads until the buffer holds `size` bytes, or nothing more is there at present.
 void SoundReader::fill(size_t size) {
     pollfd input = {fd_, POLLIN, 0};
     while (buffer_.size() < size && bytesLeft_ > 0 && poll(&input, 1, 0) > 0) {

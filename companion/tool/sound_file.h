@@ -37,7 +37,7 @@ class SoundReader {
     // Of a WAV reads the header, waiting for it: any number of channels, of 16, 24 or 32 bits or
     // floating point, 48000 Hz.
     bool open(const std::string& path, bool raw);
-    // Fills a block of UAFD_BLOCK_FRAMES, the last one up with silence; false when so much has not
+    // Fills a block of UAFD_BLOCK_FRAMES, the last one up with silence; false when not enough has
     // come yet, or at the end. Never waits.
     bool readBlock(int16_t* left);
     // False when the end came by an error.

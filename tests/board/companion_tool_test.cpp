@@ -285,6 +285,27 @@ TEST_F(UsersFolder, ShowsASocketThatAnotherUserLeft) {
                                        "it"));
 }
 
+TEST_F(UsersFolder, MakesFilesForTheGroupThatIsNamed) {
+    start({"record", "/out/heard.wav", "--seconds", "0.5", "--group", "777", "--directory",
+           folder_.path()});
+    outputAfter(0);
+    EXPECT_EQ(ownerOf(path("FifoRx")), "0:777 660");
+    EXPECT_EQ(ownerOf(path("UdsIpcRx")), "0:777 660");
+}
+
+TEST_F(UsersFolder, TellsTheStatusOfADaemonThatIsNotForTheApp) {
+    start({"status", "--directory", folder_.path()}, [] {
+        if (setgroups(0, nullptr) != 0 || setgid(kAppUser) != 0 || setuid(kAppUser) != 0) {
+            _exit(126);
+        }
+    });
+    EXPECT_THAT(outputAfter(1), HasSubstr("daemon      unreachable\n"));
+    EXPECT_EQ(tool_->errors(),
+              "uafd-companion: status: " + path("FifoRx") +
+                  " would be made for 1000:1000, not for the daemon (500:501): run this in the "
+                  "daemon's group\n");
+}
+
 // Root may replace it, and leaves it to its owner.
 TEST_F(UsersFolder, GivesASocketBackToTheUserWhoLeftIt) {
     ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);

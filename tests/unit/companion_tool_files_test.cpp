@@ -85,6 +85,18 @@ TEST_F(Recording, IsWholeAfterASignal) {
     }
 }
 
+// As nohup starts it.
+TEST_F(Recording, GoesOnAfterASignalThatItIsToIgnore) {
+    start({"record", file("heard.wav")}, [] { signal(SIGHUP, SIG_IGN); });
+    ASSERT_TRUE(waitForFile("FifoRx") && waitForFile("FifoTx"));
+    ASSERT_TRUE(daemon.openFifos());
+    tool->send(SIGHUP);
+    daemon.play(ramp(480));
+    EXPECT_TRUE(waitFor([&] { return recorded() == ramp(480); }));
+    tool->send(SIGINT);
+    EXPECT_EQ(tool->wait(), 0);
+}
+
 TEST_F(Recording, IsWholeWhileItGoesOnAndWhenItIsKilled) {
     startRecording({file("heard.wav")});
     daemon.play(ramp(480));

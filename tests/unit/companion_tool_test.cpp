@@ -81,6 +81,11 @@ TEST_F(ToolTest, LetsADaemonStart) {
     }
 }
 
+TEST_F(ToolTest, SaysThatThereIsNoSuchGroup) {
+    EXPECT_EQ(run({"loop", "--group", "no such"}), 1);
+    EXPECT_EQ(tool->errors(), "uafd-companion: opening: there is no group of this name\n");
+}
+
 TEST_F(ToolTest, SaysThatAFifoIsNone) {
     folder.write("usbAudioFifoTx", "");
     EXPECT_EQ(run({"loop"}), 1);
