@@ -70,19 +70,16 @@ Someone thisApp() {
 std::optional<Someone> theDaemon() {
     const auto socket = find(pathOf(kSocketTx));
     const passwd* const user = socket ? getpwuid(socket->st_uid) : getpwnam(kDaemonUser);
-    if (!socket && user == nullptr) {
-        return std::nullopt;
+    if (user == nullptr) {
+        return socket ? std::optional(Someone{socket->st_uid, socket->st_gid, {socket->st_gid}})
+                      : std::nullopt;
     }
     const gid_t group = socket ? socket->st_gid : user->pw_gid;
-    std::vector<gid_t> groups;
-    if (user != nullptr) {
-        int count = 0;
-        getgrouplist(user->pw_name, group, nullptr, &count);
-        groups.resize(static_cast<size_t>(count));
-        getgrouplist(user->pw_name, group, groups.data(), &count);
-    }
-    groups.push_back(group);
-    return Someone{socket ? socket->st_uid : user->pw_uid, group, groups};
+    int count = 0;
+    getgrouplist(user->pw_name, group, nullptr, &count);
+    std::vector<gid_t> groups(static_cast<size_t>(count));
+    getgrouplist(user->pw_name, group, groups.data(), &count);
+    return Someone{user->pw_uid, group, groups};
 }
 
 bool isIn(const Someone& who, gid_t group) {
@@ -101,15 +98,15 @@ bool may(const Someone& who, mode_t rights, const struct stat& file) {
 
 // ---- What is made ------------------------------------------------------------------------------
 
-// The group of the first file that the daemon is known to share.
+// The group of the daemon's socket or else of a FIFO, where this app may give it.
 std::optional<gid_t> sharedGroup(const Someone& app) {
-    for (const char* name : {kSocketTx, kFifoRx, kFifoTx}) {
-        if (const auto file = find(pathOf(name))) {
-            return app.user == 0 || isIn(app, file->st_gid) ? std::optional(file->st_gid)
-                                                            : std::nullopt;
-        }
+    std::optional<struct stat> file;
+    for (const char* name : {kFifoTx, kFifoRx, kSocketTx}) {
+        const auto found = find(pathOf(name));
+        file = found ? found : file;
     }
-    return std::nullopt;
+    return file && (app.user == 0 || isIn(app, file->st_gid)) ? std::optional(file->st_gid)
+                                                              : std::nullopt;
 }
 
 struct stat fileMadeBy(const Someone& app) {

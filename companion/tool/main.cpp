@@ -111,7 +111,8 @@ bool readOptions(const Command* command, int count, char** words) {
     optind = 0;  // begins again
     int code = 0;
     while ((code = getopt_long(count, words, letters, table.data(), nullptr)) != -1) {
-        if (code == '?' || !readValue(code == 'h' ? &helpOption : known[code - kFirstCode])) {
+        const auto index = static_cast<size_t>(code - kFirstCode);
+        if (code == '?' || !readValue(code == 'h' ? &helpOption : known[index])) {
             return false;
         }
     }

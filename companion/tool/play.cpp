@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lets the host record a file or a tone.
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
@@ -57,10 +59,10 @@ void Play::load() {
 void Play::makeTone() {
     const double step = 2 * M_PI * *toneHz_ / UAFD_RATE;
     const double amplitude = INT16_MAX * std::pow(10, *levelDb_ / 20);
-    for (int16_t& sample : left_) {
-        sample = static_cast<int16_t>(
+    std::generate(std::begin(left_), std::end(left_), [&] {
+        return static_cast<int16_t>(
             std::lround(amplitude * std::sin(step * static_cast<double>(frame_++))));
-    }
+    });
 }
 
 // Silence while a pipe brings less.

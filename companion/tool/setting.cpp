@@ -23,12 +23,12 @@ class Volume final : public Command {
     Volume() noexcept
         : Command("volume", "N", "set the speaker's volume: -32768 to 32767, the driver's unit") {}
     int run(const std::string& argument) override {
-        int volume = 0;
-        if (!readNumber<int>(argument, INT16_MIN, INT16_MAX, &volume)) {
+        int number = 0;
+        if (!readNumber<int>(argument, INT16_MIN, INT16_MAX, &number)) {
             return misused("volume " + argument + ": wants " + rangeOf<int>(INT16_MIN, INT16_MAX));
         }
-        return sendAlone(name, [volume](uafd::Companion* companion) {
-            return companion->setSpeakerVolume(static_cast<int16_t>(volume));
+        return sendAlone(name, [number](uafd::Companion* companion) {
+            return companion->setSpeakerVolume(static_cast<int16_t>(number));
         });
     }
 };

@@ -197,8 +197,8 @@ bool SoundReader::readFully(void* bytes, size_t size) const {
 
 bool SoundReader::skip(uint32_t size) const {
     char bytes[512];
-    for (uint64_t left = uint64_t{size} + size % 2;
-         left > 0;) {  // of an odd number one more is in the file
+    uint64_t left = uint64_t{size} + size % 2;  // in the file the number is even
+    while (left > 0) {
         const size_t part = std::min<uint64_t>(left, sizeof bytes);
         if (!readFully(bytes, part)) {
             return false;
