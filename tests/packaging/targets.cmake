@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # cmake -D FOLDERS="FOLDER;..." -P targets.cmake: what CMake would build of the folders and those below
-# them: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the project's libraries that
-# a target links. Here the commands that would build print, and the others do nothing.
+# them, but for examples: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
+# project's libraries that a target links. Here the commands that would build print, and the others do
+# nothing.
 cmake_minimum_required(VERSION 3.25)
 
 function(print_of target)
@@ -42,7 +43,9 @@ function(visit folder)
   _include(${folder}/CMakeLists.txt)
 endfunction()
 function(add_subdirectory folder)
-  visit(${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  if(NOT folder STREQUAL examples)
+    visit(${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  endif()
 endfunction()
 foreach(command add_custom_target add_dependencies configure_file find_library find_path find_program
     include install set_property
