@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The library's version, its errors in words, and its counts.
-#define _POSIX_C_SOURCE 200809L
-
 #include <errno.h>
 #include <string.h>
 

@@ -101,7 +101,7 @@ int uafd_companion_next_event(uafd_companion* companion, uafd_event* event) {
             uafd_private_tell(companion, (uafd_event_type)received.type, value_of(&received));
         } else if (result == 1) {
             uafd_private_count(companion, DATAGRAMS_BAD, 1);
-        } else if (companion->pending_count == 0) {
+        } else if (!uafd_private_has_pending(companion)) {
             return 0;
         }
     }

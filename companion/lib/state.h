@@ -85,6 +85,10 @@ void uafd_private_watch(uafd_companion* companion);
 // There must be room.
 void uafd_private_tell(uafd_companion* companion, uafd_event_type type, int32_t value);
 
+static inline int uafd_private_has_pending(const uafd_companion* companion) {
+    return atomic_load_explicit(&companion->pending_count, memory_order_relaxed) != 0;
+}
+
 static inline void uafd_private_count(uafd_companion* companion, int counter, uint64_t more) {
     atomic_fetch_add_explicit(&companion->counts[counter], more, memory_order_relaxed);
 }

@@ -11,7 +11,8 @@
 // Messages (sync, set_...), wake, counts and the descriptors are for any thread at any time.
 // Closing comes when every other call has returned.
 //
-// Errors: every result below 0 is a negative errno; uafd_companion_error_text puts it into words.
+// Errors: every result below 0 is a negative errno, -EBADF where the part was not opened;
+// uafd_companion_error_text puts them into words.
 #pragma once
 
 #include <stddef.h>

@@ -24,15 +24,11 @@ static int64_t earlier(int64_t a, int64_t b) {
     return a < b ? a : b;
 }
 
-static int has_pending(const uafd_companion* companion) {
-    return atomic_load_explicit(&companion->pending_count, memory_order_relaxed) != 0;
-}
-
 // Until something is due or the end, in milliseconds rounded up; -1 for ever.
 static int poll_timeout(const uafd_companion* companion, int64_t end_ns, int64_t now) {
     int64_t due = companion->mic >= 0 ? earlier(end_ns, companion->block_due_ns) : end_ns;
     due = companion->bound ? earlier(due, companion->look_due_ns) : due;
-    if (due <= now || has_pending(companion)) {
+    if (due <= now || uafd_private_has_pending(companion)) {
         return 0;
     }
     return due == INT64_MAX ? -1 : (int)((due - now - 1) / NS_PER_MS + 1);
@@ -57,7 +53,7 @@ static int take_wake(uafd_companion* companion) {
 
 // News that have not come through the socket.
 static int find_news(uafd_companion* companion, int64_t now) {
-    if (has_pending(companion)) {
+    if (uafd_private_has_pending(companion)) {
         return UAFD_READY_EVENT;
     }
     if (!companion->bound || now < companion->look_due_ns) {
