@@ -221,7 +221,7 @@ TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
         using UafCh::fifo;
     };
     auto doomed = std::make_unique<OpenSink>();
-    ASSERT_TRUE(doomed->fifo.open(FIFO_RX_PATH, O_WRONLY, 960, "UAFSNK"));
+    ASSERT_TRUE(doomed->fifo.openEnd(FIFO_RX_PATH, O_WRONLY, 960, "UAFSNK"));
     events.clear();
     doomed.reset();
     EXPECT_THAT(events, IsEmpty());
