@@ -21,7 +21,7 @@ constexpr int LET_OUT_SIGNAL = SIGURG;
 // A signal that comes just before the wait begins is lost, so it is sent again after this long.
 constexpr timespec SIGNAL_INTERVAL{0, 1000000};
 
-void doNothing(int) {}
+void doNothing(int /*number*/) {}
 
 }  // namespace
 

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
     uafd::Companion companion;
     int result = companion.open(UAFD_EVENTS);
     if (result == 0 && argc > 1) {
-        result = companion.setSpeakerVolume(static_cast<int16_t>(atoi(argv[1])));
+        result = companion.setSpeakerVolume(static_cast<int16_t>(strtol(argv[1], nullptr, 10)));
     }
     while (result >= 0) {
         while (const auto event = companion.nextEvent()) {
