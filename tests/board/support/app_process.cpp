@@ -22,7 +22,7 @@ struct AppProcess::Progress {
     std::atomic<int64_t> heardSound{0};
     std::atomic<int64_t> heardJumps{0};
     std::atomic<size_t> messages{0};
-    Message values[65536];
+    Message values[65536]{};
 };
 
 AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& prepare)
