@@ -66,7 +66,7 @@ class CompanionFilesTest : public CompanionTest {
 // ---- Modes and groups --------------------------------------------------------------------------
 
 TEST_F(CompanionFilesTest, LetTheirGroupInWhateverTheUmask) {
-    for (const mode_t mask : {0077, 0777, 0}) {
+    for (const mode_t mask : {0077U, 0777U, 0U}) {
         umask(mask);
         ASSERT_EQ(open(), 0);
         for (const char* name : kNames) {
