@@ -2,13 +2,12 @@
 /* AppFifo: the calls in which a thread waits for the app, and the signal that ends such a wait.
  * `who` is the thread, `c` the channel. The class's mutex is held for single steps only. */
 
-/* A signal ends the wait of a call. Before the wait it is lost: it may come when the thread is not in
- * the call yet. Between the look at the path and the wait Linux would keep it, which the model does
- * not lean on. */
+/* A signal ends a wait. One that comes before the wait is lost, also between the look at the path and
+ * the wait: Linux would keep it there, but nothing here leans on that. */
 inline signalThread(c) {
   d_step {
     NOTE("%d signal", c)
-    assert(USER(c) != NONE);  /* no thread that is joined is signalled */
+    assert(USER(c) != NONE);  /* no joined thread is signalled */
     if
     :: ch[c].opening == WAITS -> ch[c].opening = INTERRUPTED
 #ifndef WITHOUT_READ_SIGNAL
@@ -21,7 +20,7 @@ inline signalThread(c) {
 
 /* ---- The thread that uses the FIFO ---- */
 
-/* With all else at rest the thread may wait for the app: no deadlock. */
+/* As in every call that waits for the app, a thread may rest here when all else rests: no deadlock. */
 inline openFifo(who, c, failed, over) {
   if
   :: !ch[c].named -> failed = true
@@ -50,7 +49,7 @@ endOpen:
   fi
 }
 
-/* Where the path leads, and from there into the wait. */
+/* Where the path leads, then the wait. */
 inline lookUp(c) {
   d_step {
     if
@@ -70,7 +69,7 @@ inline endLook(c) {
   d_step { ch[c].opening = IDLE; ch[c].sought[0] = false; ch[c].sought[1] = false }
 }
 
-/* A read or write, until it waits. */
+/* A read or write, up to its wait. */
 inline beginTransfer(who, c) {
   ENTER(who, c)
   ch[c].transfer = WAITS
@@ -92,13 +91,13 @@ inline closeFifo(c) {
 
 #if defined(WITHOUT_LOOK_SIGNAL) || defined(WITH_ONE_LOOK_SIGNAL)
 #define SEEKS(who, c) false
-#elif defined(WITH_LOOKS_UNTIL_OPEN)
+#elif defined(WITHOUT_LOOK_COUNT)
 #define SEEKS(who, c) (ch[c].opening != IDLE)
 #else
 #define SEEKS(who, c) SOUGHT(who, c)
 #endif
 
-/* Whoever is in an open, or before or behind it, comes out and looks at the path again. */
+/* Returns when the thread that was opening the FIFO has come out or looks at the path again. */
 inline lookAgain(who, c) {
 #ifdef WITHOUT_LOOK_LOCK
   if
@@ -114,7 +113,7 @@ inline lookAgain(who, c) {
         :: atomic { SEEKS(who, c) && NEWS(ch[c].opening == WAITS) -> signalThread(c) }
         :: atomic {
              !SEEKS(who, c) ->
-             /* Nobody waits on what the path led to before the event. */
+             /* What the path led to before the event is not waited on after it. */
              assert(!SOUGHT(who, c) || (ch[c].opening != LOOKED && ch[c].opening != WAITS));
              SOUGHT(who, c) = false;
              break
@@ -126,7 +125,7 @@ inline lookAgain(who, c) {
 #endif
 }
 
-/* Until the buffer thread says that it is out. It may wait in its open or read, or not yet. */
+/* Returns when the buffer thread has left its loop, whatever it was in. */
 inline endWaits(who) {
 #ifndef WITHOUT_ENDED_WAITS
   ch[SRC].ended = true;

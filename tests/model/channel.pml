@@ -14,7 +14,8 @@
  *                 AppFifo                                                              app_fifo.pml
  *   App           the companion app at one FIFO                                        world.pml
  *
- * SOURCE, SINK: which channels take part; the other gets no event. REPLAY: traces for the unit test
+ * SOURCE, SINK: which channels take part; the other gets no event. FAULTS: the frame buffer's calls
+ * may fail. LIVENESS: what must come about (properties.pml). REPLAY: traces for the unit test
  * (steps.pml). The names that begin with WITHOUT_ or WITH_ plant one defect each; tests/model/check
  * lists what each must break. */
 
@@ -46,10 +47,10 @@
 #define CREATED 1
 #define FINISHED 2
 
-/* A blocking call of a thread. */
+/* A blocking call. */
 #define IDLE 0
-#define ENTERING 1     /* no signal gets it out yet */
-#define LOOKED 2       /* nor now, but an open has looked its path up */
+#define ENTERING 1     /* the thread is on its way into it */
+#define LOOKED 2       /* the path is looked up */
 #define WAITS 3
 #define DONE 4
 #define REFUSED 5
@@ -65,20 +66,20 @@ typedef Channel {
   bool named = false;        /* pcmName and fifoName */
   byte nameReaders;
   bool pcm;                  /* pcmHandle is open */
-  bool fifo;                 /* fifoFd is open */
+  bool fifo;                 /* the app's FIFO is open */
   byte workerThread = NONE;
   mtype intfMutex = nobody;  /* who holds it */
   /* AppFifo */
-  byte opening = IDLE;       /* a thread's open of the path */
+  byte opening = IDLE;       /* the open of the path that its thread makes */
   byte transfer = IDLE;      /* its read or write of what it has opened */
   bool ended;                /* waits are ended */
-  bool sought[2];            /* who has met an open that is still under way: the loop, the worker */
+  bool sought[2];            /* the loop, the worker has met an open that is still under way */
   /* The FIFO and the app */
   bool exists = true;        /* the path leads to a FIFO */
   bool nameless;             /* the daemon's FIFO, opened or waited on, is no longer the path's */
   bool app;                  /* the app holds the other end of the path's FIFO */
   bool kept;                 /* ... of the nameless one */
-  bool settled;              /* the app is there and does what it should, for ever */
+  bool settled;              /* the app is there and reads or writes, for ever */
   /* What the properties look at */
   bool told;                 /* the last message said on */
   bool untold;               /* a worker that was not created has left an on without its off */
@@ -92,7 +93,7 @@ Channel ch[2];
 typedef Source {
   bool frameBuffer;          /* ssrsCtx is built */
   mtype ssrsMutex = nobody;
-  byte bufferThread = NONE;        /* the buffer thread */
+  byte bufferThread = NONE;
   bool joinable;             /* bufferThreadJoinable */
   bool running;              /* bufferThreadRunning */
 };

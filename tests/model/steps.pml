@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 /* How a step of the model ends, and the calls with which one thread waits for another.
  *
- * To verify, a step is one access to what threads share. For traces (REPLAY) a step is everything
- * from one call that can wait, or that the world can answer in more than one way, to the next one:
- * that much a unit test can hold the real threads to. A process then works only while it has the
- * turn: it gives it up before such a call (PARK) and takes it with the call (GO). */
+ * To verify, a step is one access to what another thread can meet meanwhile; a STEP { ... } has one at
+ * most. For traces (REPLAY) a step is everything from one call that can wait, or that the world can
+ * answer in more than one way, to the next one: that much a unit test can hold the real threads to. A
+ * process then works only while it has the turn: it gives it up before such a call (PARK) and takes it
+ * with the call (GO). */
 
 #ifdef REPLAY
 #define STEP

@@ -84,7 +84,7 @@ inline sourceStop(who) {
      signalThread(SRC);
 #endif
      atomic {
-       /* The FIFO stays open for the next start. */
+       /* A FIFO whose read was interrupted stays open for the next start. */
        assert(ch[SRC].transfer != INTERRUPTED || ch[SRC].fifo);
        ch[SRC].transfer = IDLE; src.joinable = false; ch[SRC].nameReaders--
      }
@@ -123,6 +123,7 @@ endRead:
              ch[SRC].transfer = IDLE; closeFifo(SRC); failed = true; break }
         :: atomic { GO(!CONNECTED(SRC) && ch[SRC].transfer == WAITS) CALL("buffer %d read end", SRC)
              ch[SRC].transfer = IDLE; closeFifo(SRC); break }
+        /* It stays interrupted until the next read or the join, which looks at it. */
         :: atomic { GO(ch[SRC].transfer == INTERRUPTED) CALL("buffer %d read interrupted", SRC)
 #ifdef WITH_EINTR_AS_FAILURE
              closeFifo(SRC); failed = true; break

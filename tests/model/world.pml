@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /* What the daemon lives with. Both are free to do anything in any order, and to be quiet for ever
- * at any time; what the app owes the daemon, docs/protocol.md tells its developer. */
+ * at any time. */
 
 mtype = { bindEvent, unbindEvent, activeEvent };
 
@@ -30,9 +30,8 @@ inline appOpens(c) {
   fi
 }
 
-/* Something outside the daemon reads or writes, and its FIFO loses its name with or without an end
- * held. All of that is an app, or several: what it has not done yet it need never do. It stays silent,
- * is stopped in a debugger, leaves for good. */
+/* The companion app at one FIFO, or several apps: one may replace the FIFO while another holds an end
+ * of the old one. No step is ever due: an app may be silent, halted, or gone for good. */
 proctype App(byte c) {
   do
   :: PARK
@@ -41,7 +40,7 @@ proctype App(byte c) {
      :: atomic { GO(ch[c].app) CALL("app %d close", c) ch[c].app = false }
      :: atomic { GO(ch[c].transfer == WAITS && CONNECTED(c)) CALL("app %d transfer", c)
           ch[c].transfer = DONE }
-     /* A signal that is none of the daemon's. */
+     /* Somebody else's signal to the daemon's thread. */
      :: atomic { GO(ch[c].opening == WAITS) CALL("app %d disturb", c) ch[c].opening = INTERRUPTED }
      :: atomic { GO(ch[c].transfer == WAITS) CALL("app %d disturb", c)
           ch[c].transfer = INTERRUPTED }
@@ -60,7 +59,7 @@ proctype App(byte c) {
      :: atomic { GO(ch[c].kept) CALL("app %d drop", c) ch[c].kept = false }
 #endif
 #ifdef LIVENESS
-     :: ch[c].exists || !ch[c].exists  /* nothing: a turn is no duty */
+     :: ch[c].exists || !ch[c].exists  /* its turn, and it does nothing */
 #elif !defined(REPLAY)
      :: break
 #endif
