@@ -4,9 +4,9 @@
 
 #include <functional>
 
+#include "board/kit/statistics.h"
 #include "drift/mic_path.h"
 #include "drift/scenario.h"
-#include "tests/board/support/statistics.h"
 
 namespace drift {
 

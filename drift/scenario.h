@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tests/board/support/clock.h"
+#include "board/kit/clock.h"
 
 namespace drift {
 

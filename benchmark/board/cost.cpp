@@ -11,9 +11,9 @@
 
 #include "benchmark/board/subject.h"
 #include "benchmark/board/table.h"
-#include "tests/board/support/board.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/ramp_trail.h"
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/ramp_trail.h"
 
 namespace bench {
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "benchmark/board/table.h"
-#include "tests/board/support/board.h"
-#include "tests/board/support/host_player.h"
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
 
 namespace bench {
 namespace {

@@ -10,9 +10,9 @@
 
 #include "benchmark/board/spread_table.h"
 #include "benchmark/board/ways.h"
-#include "tests/board/support/answer_times.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/streaming.h"
+#include "board/kit/answer_times.h"
+#include "board/kit/host_player.h"
+#include "board/kit/streaming.h"
 
 namespace bench {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "tests/board/support/clock.h"
+#include "board/kit/clock.h"
 
 namespace bench {
 

@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 
 #include "benchmark/board/subject.h"
-#include "tests/board/support/files.h"
+#include "board/kit/files.h"
 
 namespace bench {
 namespace {

@@ -10,8 +10,8 @@
 
 #include "benchmark/board/symbols.h"
 #include "benchmark/board/table.h"
-#include "tests/board/support/perf_event.h"
-#include "tests/board/support/streaming.h"
+#include "board/kit/perf_event.h"
+#include "board/kit/streaming.h"
 
 namespace bench {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "benchmark/board/table.h"
-#include "tests/board/support/statistics.h"
+#include "board/kit/statistics.h"
 
 namespace bench {
 

@@ -7,7 +7,7 @@
 
 #include <sys/types.h>
 
-#include "tests/board/support/clock.h"
+#include "board/kit/clock.h"
 
 namespace bench {
 

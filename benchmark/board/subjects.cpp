@@ -2,7 +2,7 @@
 #include <sstream>
 
 #include "benchmark/board/subject.h"
-#include "tests/board/support/app.h"
+#include "board/kit/app.h"
 
 namespace bench {
 namespace {

@@ -5,7 +5,7 @@
 #include <elf.h>
 #include <sstream>
 
-#include "tests/board/support/files.h"
+#include "board/kit/files.h"
 
 namespace bench {
 namespace {

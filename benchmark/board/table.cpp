@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tests/board/support/files.h"
+#include "board/kit/files.h"
 
 namespace bench {
 namespace {

@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "benchmark/board/spread_table.h"
-#include "tests/board/support/answer_times.h"
-#include "tests/board/support/mic_stream.h"
-#include "tests/board/support/perf_event.h"
-#include "tests/board/support/streaming.h"
+#include "board/kit/answer_times.h"
+#include "board/kit/mic_stream.h"
+#include "board/kit/perf_event.h"
+#include "board/kit/streaming.h"
 
 namespace bench {
 namespace {

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/board/support/board.h"
+#include "board/kit/board.h"
 
 class BoardCase : public testing::Test, public board::Board {
   protected:

@@ -10,8 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/host_player.h"
 #include "tests/support/child_process.h"
 
 namespace {

@@ -17,8 +17,8 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/host_player.h"
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_ends.h"
 

@@ -12,9 +12,9 @@
 
 #include <sys/utsname.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
 #include "tests/board/cost_expected.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

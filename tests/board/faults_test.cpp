@@ -4,8 +4,8 @@
 #include <string>
 #include <unistd.h>
 
+#include "board/kit/app_process.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/app_process.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "board/kit/answer_times.h"
+#include "board/kit/hogs.h"
+#include "board/kit/statistics.h"
+#include "board/kit/streaming.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/answer_times.h"
-#include "tests/board/support/hogs.h"
-#include "tests/board/support/statistics.h"
-#include "tests/board/support/streaming.h"
 
 namespace {
 

@@ -13,12 +13,12 @@
 #include <utility>
 #include <vector>
 
-#include "tests/board/support/board.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/mic_stream.h"
-#include "tests/board/support/service.h"
-#include "tests/board/support/statistics.h"
-#include "tests/board/support/timeline.h"
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/mic_stream.h"
+#include "board/kit/service.h"
+#include "board/kit/statistics.h"
+#include "board/kit/timeline.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "board/kit/mic_stream.h"
+#include "board/kit/statistics.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/mic_stream.h"
-#include "tests/board/support/statistics.h"
 
 namespace {
 

@@ -15,9 +15,9 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
+#include "board/kit/perf_event.h"
+#include "board/kit/streaming.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/perf_event.h"
-#include "tests/board/support/streaming.h"
 
 namespace {
 

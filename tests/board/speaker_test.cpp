@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <optional>
 
+#include "board/kit/host_player.h"
+#include "board/kit/statistics.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/statistics.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/board/support/app_process.h"
-#include "tests/board/support/board.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/service.h"
+#include "board/kit/app_process.h"
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/service.h"
 #include "tests/support/child_process.h"
 
 namespace {

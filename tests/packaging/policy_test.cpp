@@ -20,10 +20,10 @@
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
-#include "tests/board/support/board.h"
-#include "tests/board/support/files.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/service.h"
+#include "board/kit/board.h"
+#include "board/kit/files.h"
+#include "board/kit/host_player.h"
+#include "board/kit/service.h"
 #include "tests/support/child_process.h"
 
 namespace {

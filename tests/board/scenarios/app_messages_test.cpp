@@ -8,8 +8,8 @@
 
 #include <gmock/gmock.h>
 
+#include "board/kit/files.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/files.h"
 
 namespace {
 

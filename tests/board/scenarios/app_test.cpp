@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <csignal>
 
+#include "board/kit/app_process.h"
+#include "board/kit/host_player.h"
+#include "board/kit/mic_stream.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/app_process.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/mic_stream.h"
 
 namespace {
 

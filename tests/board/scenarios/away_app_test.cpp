@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "board/kit/app_process.h"
+#include "board/kit/host_player.h"
+#include "board/kit/mic_trace.h"
+#include "board/kit/record_watch.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/app_process.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/mic_trace.h"
-#include "tests/board/support/record_watch.h"
 
 namespace {
 

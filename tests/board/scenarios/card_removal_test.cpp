@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "board/kit/host_player.h"
+#include "board/kit/way.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/way.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "board/kit/host_player.h"
 #include "tests/board/scenarios/record_case.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

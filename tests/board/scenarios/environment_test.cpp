@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

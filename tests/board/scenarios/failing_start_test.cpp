@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "board/kit/files.h"
 #include "tests/board/scenarios/stream_case.h"
-#include "tests/board/support/files.h"
 
 namespace {
 

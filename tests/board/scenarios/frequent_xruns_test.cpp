@@ -9,8 +9,8 @@
 
 #include <gmock/gmock.h>
 
+#include "board/kit/ramp_trail.h"
 #include "tests/board/board_case.h"
-#include "tests/board/support/ramp_trail.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

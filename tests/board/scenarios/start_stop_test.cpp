@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <set>
 
+#include "board/kit/channel_watch.h"
+#include "board/kit/host_player.h"
+#include "board/kit/random.h"
 #include "tests/board/scenarios/record_case.h"
-#include "tests/board/support/channel_watch.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/random.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "board/kit/ramp_trail.h"
+#include "board/kit/way.h"
 #include "tests/board/board_case.h"
 #include "tests/board/scenarios/stream_log.h"
-#include "tests/board/support/ramp_trail.h"
-#include "tests/board/support/way.h"
 
 // A stream is healthy again within a second of a fault; that is then looked at for a while.
 constexpr board::Ns kHealing = board::kSecond;

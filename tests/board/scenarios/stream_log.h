@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/board/support/way.h"
+#include "board/kit/way.h"
 
 using Lines = std::vector<std::string>;
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uevents that are none of the gadget's: of processes, to other groups, too long, of no subsystem,
 // and more than anybody can listen to.
-#include "tests/board/support/uevent.h"
+#include "board/kit/uevent.h"
 
 #include <gmock/gmock.h>
 
+#include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
-#include "tests/board/support/host_player.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/board/soak/disturbance.h"
 
-#include "tests/board/support/sound.h"
+#include "board/kit/sound.h"
 
 namespace board {
 namespace {

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/board/support/board.h"
-#include "tests/board/support/clock.h"
+#include "board/kit/board.h"
+#include "board/kit/clock.h"
 
 namespace board {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/board/support/clock.h"
+#include "board/kit/clock.h"
 
 namespace board {
 

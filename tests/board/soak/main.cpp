@@ -6,8 +6,8 @@
 #include <exception>
 #include <string>
 
+#include "board/kit/files.h"
 #include "tests/board/soak/report.h"
-#include "tests/board/support/files.h"
 
 namespace {
 

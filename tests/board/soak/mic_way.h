@@ -8,10 +8,10 @@
 #include <memory>
 #include <vector>
 
+#include "board/kit/app.h"
+#include "board/kit/mic_trace.h"
 #include "tests/board/soak/tone.h"
 #include "tests/board/soak/way.h"
-#include "tests/board/support/app.h"
-#include "tests/board/support/mic_trace.h"
 
 namespace board {
 

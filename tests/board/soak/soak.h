@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/process_view.h"
 #include "tests/board/soak/disturbance.h"
 #include "tests/board/soak/mic_way.h"
 #include "tests/board/soak/speaker_way.h"
-#include "tests/board/support/board.h"
-#include "tests/board/support/host_player.h"
-#include "tests/board/support/process_view.h"
 
 namespace board {
 

@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
+#include "board/kit/app.h"
 #include "tests/board/soak/tone.h"
 #include "tests/board/soak/way.h"
-#include "tests/board/support/app.h"
 
 namespace board {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tests/board/support/sound.h"
+#include "board/kit/sound.h"
 
 namespace board {
 

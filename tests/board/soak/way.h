@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "board/kit/clock.h"
+#include "board/kit/host.h"
 #include "tests/board/soak/latencies.h"
-#include "tests/board/support/clock.h"
-#include "tests/board/support/host.h"
 
 namespace board {
 

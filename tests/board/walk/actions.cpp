@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "tests/board/support/uevent.h"
+#include "board/kit/uevent.h"
 #include "tests/board/walk/walk.h"
 
 namespace {

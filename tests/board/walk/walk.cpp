@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "tests/board/support/known_log.h"
+#include "board/kit/known_log.h"
 
 namespace {
 

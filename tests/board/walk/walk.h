@@ -7,11 +7,11 @@
 #include <memory>
 #include <string>
 
-#include "tests/board/support/app_process.h"
-#include "tests/board/support/board.h"
-#include "tests/board/support/channel_watch.h"
-#include "tests/board/support/random.h"
-#include "tests/board/support/record_watch.h"
+#include "board/kit/app_process.h"
+#include "board/kit/board.h"
+#include "board/kit/channel_watch.h"
+#include "board/kit/random.h"
+#include "board/kit/record_watch.h"
 
 // What a walk is over.
 enum class Scope {

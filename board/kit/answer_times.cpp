@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/answer_times.h"
+
+#include <algorithm>
+
+#include "board/kit/hogs.h"
+
+namespace board {
+namespace {
+
+enum Direction : uint64_t { kSpeaker, kMic };  // as in the driver
+
+constexpr Ns kPeriod = 5 * kMs;
+constexpr size_t kIoctlsInPeriod = 5;                 // of the microphone's thread
+constexpr char kWriteFrames[] = "cmd == 0x40184150";  // SNDRV_PCM_IOCTL_WRITEI_FRAMES
+constexpr char kWholePeriod[] = "ret == 960";         // bytes that went into the FIFO
+
+PerfEvent recorded(const char* event, pid_t tid, const char* filter) {
+    PerfEvent traced = PerfEvent::traced(traceId(event), PerfScope::thread(tid), filter);
+    traced.record();
+    return traced;
+}
+
+// An answer belongs to the oldest end before it that has none; the one to what ended before the
+// recording began has none.
+AnswerTimes::Waits waitsFor(std::vector<Ns> ends, const std::vector<Ns>& answers) {
+    std::sort(ends.begin(), ends.end());  // they come from several processors
+    AnswerTimes::Waits waits;
+    auto end = ends.begin();
+    for (const Ns answer : answers) {
+        if (end != ends.end() && *end < answer) {
+            waits.times.push_back(answer - *end++);
+        } else if (!waits.times.empty()) {
+            ++waits.unasked;
+        }
+    }
+    waits.unanswered = ends.end() - end;
+    return waits;
+}
+
+}  // namespace
+
+AnswerTimes::AnswerTimes(const StreamingThreads& threads, Ns longest)
+    : toFifo_(recorded("syscalls/sys_exit_write", threads.sink, kWholePeriod)),
+      ioctlEnds_(recorded("syscalls/sys_exit_ioctl", threads.source, "")),
+      toPcm_(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)) {
+    const TraceId end = traceKernel("period_end", "usb_board:gadget_pcm_period dir=+0($arg1):u32");
+    const auto periods = static_cast<size_t>(longest / kPeriod * 11 / 10);
+    for (std::vector<Ns>* times : {&toFifoAt_, &toPcmAt_, &speakerAt_, &micAt_}) {
+        times->reserve(periods);
+    }
+    ioctlEndAt_.reserve(kIoctlsInPeriod * periods);
+    for (int cpu = 0; cpu < processors(); ++cpu) {
+        periodEnds_.push_back(PerfEvent::traced(end, PerfScope::processor(cpu)));
+        periodEnds_.back().record();
+    }
+}
+
+void AnswerTimes::look() {
+    append(&toFifoAt_, timesOf(toFifo_.take()));
+    append(&toPcmAt_, timesOf(toPcm_.take()));
+    append(&ioctlEndAt_, timesOf(ioctlEnds_.take()));
+    for (PerfEvent& event : periodEnds_) {
+        for (const PerfSample& sample : event.take()) {
+            (sample.fields[1] == kSpeaker ? speakerAt_ : micAt_).push_back(sample.at);
+        }
+    }
+}
+
+AnswerTimes::Waits AnswerTimes::speaker() const {
+    return waitsFor(speakerAt_, toFifoAt_);
+}
+
+AnswerTimes::Waits AnswerTimes::mic() const {
+    std::vector<Ns> written;
+    for (const Ns begin : toPcmAt_) {
+        const auto end = std::upper_bound(ioctlEndAt_.begin(), ioctlEndAt_.end(), begin);
+        if (end != ioctlEndAt_.end()) {
+            written.push_back(*end);
+        }
+    }
+    return waitsFor(micAt_, written);
+}
+
+int64_t AnswerTimes::endedTogether() const {
+    return std::count_if(speakerAt_.begin(), speakerAt_.end(), [this](Ns at) {
+        const auto near = std::lower_bound(micAt_.begin(), micAt_.end(), at - kMs / 2);
+        return near != micAt_.end() && *near < at + kMs / 2;
+    });
+}
+
+}  // namespace board

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// How soon the daemon answers a period while both directions stream: from its end in the gadget's
+// driver to its bytes in the app's FIFO, and from room for it in the PCM to its samples there. One
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "board/kit/clock.h"
+#include "board/kit/perf_event.h"
+#include "board/kit/streaming.h"
+
+namespace board {
+
+class AnswerTimes {
+  public:
+    struct Waits {
+        std::vector<Ns> times;   // from each period's end to its answer
+        int64_t unasked = 0;     // answers to no period
+        int64_t unanswered = 0;  // periods after the last answer
+    };
+
+    // Records from here on, for so long. Memory that grew meanwhile, and was moved, would hold the
+    // only processor in the kernel for a millisecond.
+    AnswerTimes(const StreamingThreads& threads, Ns longest);
+
+    // Takes what was recorded; at least every second.
+    void look();
+
+    Waits speaker() const;
+    Waits mic() const;
+    // When each period was in the FIFO.
+    const std::vector<Ns>& inFifoAt() const { return toFifoAt_; }
+    // How many of the speaker's periods ended when one of the microphone's did.
+    int64_t endedTogether() const;
+
+  private:
+    PerfEvent toFifo_;
+    PerfEvent ioctlEnds_;  // from before the first write, which would else get the next one's end
+    PerfEvent toPcm_;
+    std::vector<PerfEvent> periodEnds_;  // on each processor
+    std::vector<Ns> toFifoAt_;
+    std::vector<Ns> toPcmAt_;
+    std::vector<Ns> ioctlEndAt_;
+    std::vector<Ns> speakerAt_;
+    std::vector<Ns> micAt_;
+};
+
+}  // namespace board

@@ -1,0 +1,260 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/app.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdexcept>
+#include <unistd.h>
+#include <utility>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+namespace board {
+namespace {
+
+constexpr int kPollMs = 100;  // how soon a thread sees that it is to end
+constexpr int kPriority = 40;
+constexpr int64_t kFrameBytes = 4;
+constexpr int64_t kBytesPerSecond = kFrameBytes * kRate;
+constexpr size_t kPeriodBytes = 960;
+
+sockaddr_un addressOf(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    return address;
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+// As an app's audio threads are, and below the daemon's.
+void makeRealtime(std::thread* thread) {
+    const sched_param priority{kPriority};
+    if (pthread_setschedparam(thread->native_handle(), SCHED_FIFO, &priority) != 0) {
+        throw std::runtime_error("the app gets no real-time threads");
+    }
+}
+
+void makeFifo(const char* path) {
+    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
+        fail(std::string("making ") + path);
+    }
+}
+
+// Spreads the writes over the allowed jitter, the same way in every run.
+Ns delayOf(int64_t chunk, const AppOptions& options) {
+    const int64_t draw = chunk + (options.jitterSeed << 32);
+    return options.jitter == 0 ? 0 : static_cast<uint16_t>(noise(draw)) * options.jitter / 65536;
+}
+
+}  // namespace
+
+MessageSocket::MessageSocket()
+    : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    const sockaddr_un address = addressOf(kSocketRx);
+    unlink(kSocketRx);
+    if (!fd_.isOpen() || bind(fd_.get(), generic(address), sizeof address) != 0) {
+        fail(std::string("binding ") + kSocketRx);
+    }
+}
+
+std::vector<Message> MessageSocket::take() {
+    std::vector<Message> messages;
+    Message message{};
+    while (recv(fd_.get(), &message, sizeof message, 0) == sizeof message) {
+        messages.push_back(message);
+    }
+    return messages;
+}
+
+MessageSender::MessageSender() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    if (!fd_.isOpen()) {
+        fail("making a socket");
+    }
+}
+
+int MessageSender::send(const void* bytes, size_t count) const {
+    const sockaddr_un address = addressOf(kSocketTx);
+    return sendto(fd_.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno : 0;
+}
+
+Ns Heard::timeOf(int64_t index) const {
+    const int64_t frame = firstFrame_ + index;
+    const auto after = std::upper_bound(
+        blocks.begin(), blocks.end(), frame,
+        [](int64_t wanted, const HeardBlock& block) { return wanted < block.firstFrame; });
+    return after == blocks.begin() ? -1 : (after - 1)->at;
+}
+
+void App::makeFifos() {
+    makeFifo(kFifoRx);
+    makeFifo(kFifoTx);
+}
+
+App::App(AppOptions options)
+    : options_(options),
+      speakingPaused_(!options.speaks),
+      slowdownPercent_(options.slowdownPercent) {
+    signal(SIGPIPE, SIG_IGN);
+    makeFifos();
+    // Open for both, so that the stream's end shows as silence and not as an end of file.
+    rx_ = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
+    if (options.socket) {
+        socket_.emplace();
+    }
+    listener_ = std::thread([this] { listen(); });
+    talker_ = std::thread([this] { talk(); });
+    makeRealtime(&listener_);
+    makeRealtime(&talker_);
+}
+
+App::~App() {
+    stop_ = true;
+    listener_.join();
+    talker_.join();
+}
+
+void App::speak(Voice voice) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    voice_ = std::move(voice);
+}
+
+Heard App::takeHeard() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Heard taken = std::exchange(heard_, Heard{});
+    heard_.firstFrame_ = taken.firstFrame_ + static_cast<int64_t>(taken.left.size());
+    return taken;
+}
+
+std::vector<SentBlock> App::sentBlocks() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return sent_;
+}
+
+std::vector<SentBlock> App::takeSentBlocks() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(sent_, {});
+}
+
+std::vector<ReceivedMessage> App::messages() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return messages_;
+}
+
+std::vector<Message> App::messageValues(size_t from) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Message> values;
+    for (size_t i = from; i < messages_.size(); ++i) {
+        values.push_back(messages_[i].message);
+    }
+    return values;
+}
+
+bool App::waitForMessages(size_t count, Ns limit) const {
+    return waitFor([&] { return messages().size() >= count; }, limit);
+}
+
+void App::listen() {
+    while (!stop_) {
+        pollfd sources[] = {{listeningPaused_ ? -1 : rx_.get(), POLLIN, 0},
+                            {socket_ ? socket_->fd() : -1, POLLIN, 0}};
+        poll(sources, 2, kPollMs);
+        if ((sources[0].revents & POLLIN) != 0) {
+            readSound();
+        }
+        if ((sources[1].revents & POLLIN) != 0) {
+            readMessages();
+        }
+    }
+}
+
+void App::readSound() {
+    int16_t frames[4096][2];
+    const Ns pause = listeningPause_;
+    const ssize_t got = read(rx_.get(), frames, pause > 0 ? kPeriodBytes : sizeof frames);
+    const Ns at = now();
+    sleepUntil(at + pause);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (got == 0) {
+        listeningPaused_ = true;  // no FIFO, so that reading it would not wait
+    }
+    if (got >= kFrameBytes) {
+        heard_.blocks.push_back({at, heardFrames_});
+    }
+    const ssize_t count = std::max<ssize_t>(got, 0) / kFrameBytes;
+    for (ssize_t i = 0; i < count; ++i) {
+        heard_.left.push_back(frames[i][0]);
+        heard_.unequalFrames += frames[i][0] != frames[i][1] ? 1 : 0;
+    }
+    heardFrames_ += count;
+}
+
+void App::readMessages() {
+    for (const Message& message : socket_->take()) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        messages_.push_back({now(), message});
+    }
+}
+
+void App::talk() {
+    const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
+    startAt_ = now();
+    Ns behind = 0;
+    for (int64_t chunk = 0; !stop_; ++chunk) {
+        const int64_t byte = chunk * chunkBytes;
+        const Ns due = startAt_ + behind + byte / kBytesPerSecond * kSecond +
+                       byte % kBytesPerSecond * kSecond / kBytesPerSecond;
+        behind += chunkBytes * kSecond / kBytesPerSecond * slowdownPercent_ / 100;
+        sleepUntil(due + delayOf(chunk, options_) + stall_.exchange(0));
+        openTx();
+        if (!speakingPaused_) {
+            writeChunk(byte);
+        }
+        nextFrame_ = (byte + chunkBytes) / kFrameBytes;
+    }
+}
+
+// Fails until the daemon waits for the app.
+void App::openTx() {
+    if (!tx_.isOpen()) {
+        tx_ = Fd(open(kFifoTx, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    }
+}
+
+void App::writeChunk(int64_t firstByte) {
+    const int64_t firstFrame = firstByte / kFrameBytes;
+    const auto skippedBytes = static_cast<size_t>(firstByte % kFrameBytes);
+    const size_t frames = (skippedBytes + options_.chunkBytes + kFrameBytes - 1) / kFrameBytes;
+    std::vector<int16_t> stereo(2 * frames);
+    Voice voice;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        voice = voice_;
+    }
+    for (size_t i = 0; i < frames; ++i) {
+        const int16_t left = voice(firstFrame + static_cast<int64_t>(i));
+        stereo[2 * i] = left;
+        stereo[2 * i + 1] = options_.equalChannels ? left : static_cast<int16_t>(~left);
+    }
+    const auto* bytes = reinterpret_cast<const std::byte*>(stereo.data()) + skippedBytes;
+    const ssize_t written = write(tx_.get(), bytes, options_.chunkBytes);
+    if (written == static_cast<ssize_t>(options_.chunkBytes)) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sent_.push_back({now(), firstFrame});
+    } else {
+        ++lostBlocks_;
+    }
+}
+
+}  // namespace board

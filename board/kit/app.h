@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: Apache-2.0
+// The companion app: holds the app's ends of both FIFOs and of the message socket, keeps what it
+// hears and which messages come, with the time of each, and speaks a voice in real time.
+//
+// Two threads of its own, one that receives and one that speaks; every call is for any thread.
+// Destroying it closes everything at once, as the end of a process does.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "board/kit/clock.h"
+#include "board/kit/files.h"
+#include "board/kit/sound.h"
+
+namespace board {
+
+constexpr char kFifoRx[] = "/tmp/usbAudioFifoRx";  // the app receives
+constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";  // the app transmits
+constexpr char kSocketRx[] = "/tmp/usbAudioUdsIpcRx";
+constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";
+
+// What is bound to kSocketTx takes these, kSocketRx gets them.
+struct Message {
+    uint32_t type;
+    uint32_t data;
+    bool operator==(const Message& other) const { return type == other.type && data == other.data; }
+};
+
+struct ReceivedMessage {
+    Ns at;
+    Message message;
+};
+
+// The app's end of the messages: bound to kSocketRx for as long as this lives, holding what the
+// daemon sent until it is taken. Its path stays behind, as a process's does. Any thread.
+class MessageSocket {
+  public:
+    MessageSocket();
+    // What came since the last call, oldest first.
+    std::vector<Message> take();
+    int fd() const { return fd_.get(); }
+
+  private:
+    Fd fd_;
+};
+
+// Sends to kSocketTx. Any thread.
+class MessageSender {
+  public:
+    MessageSender();
+    // 0 or the errno of the send.
+    int send(const void* bytes, size_t count) const;
+    int send(Message message) const { return send(&message, sizeof message); }
+
+  private:
+    Fd fd_;
+};
+
+// What was read in one go.
+struct HeardBlock {
+    Ns at;
+    int64_t firstFrame;  // counted from the app's start
+};
+
+struct Heard {
+    Samples left;
+    std::vector<HeardBlock> blocks;
+    int64_t unequalFrames = 0;  // frames whose right sample was not the left one
+    // When frame `index` of `left` was read.
+    Ns timeOf(int64_t index) const;
+
+  private:
+    friend class App;
+    int64_t firstFrame_ = 0;
+};
+
+// One block that the daemon's pipe took whole; block k of the voice holds its frames from
+// `firstFrame` on. Blocks that find the pipe full or without a reader are lost, as in a microphone.
+struct SentBlock {
+    Ns at;
+    int64_t firstFrame;
+};
+
+struct AppOptions {
+    Ns jitter = 0;               // each write comes up to this much late
+    int64_t jitterSeed = 0;      // picks which comes how late
+    size_t chunkBytes = 1920;    // of one write; 10 ms of interleaved stereo
+    int slowdownPercent = 0;     // as by speakSlower, from the beginning
+    bool socket = true;          // binds the message socket
+    bool equalChannels = false;  // the right one carries the left one's sample
+    bool speaks = true;          // from the beginning; else the FIFO is held open until it speaks
+};
+
+class App {
+  public:
+    explicit App(AppOptions options = {});
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    // Makes the FIFOs that are missing.
+    static void makeFifos();
+
+    // From the next block on; frames are counted from the app's start. Unless the channels are to
+    // be equal, the right one carries the inverted sample, so that mixing or swapping shows.
+    void speak(Voice voice);
+    // The voice's frame that is spoken next.
+    int64_t nextFrame() const { return nextFrame_; }
+    // When the app's clock has the frame: it is written then, or late.
+    Ns timeOfFrame(int64_t frame) const { return startAt_ + frame * kSecond / kRate; }
+    // The next block comes so much late, and those that are due meanwhile right behind it.
+    void stallSpeaking(Ns time) { stall_ = time; }
+    // Nothing is written any more, or it is again.
+    void pauseSpeaking(bool pause) { speakingPaused_ = pause; }
+    // Takes `percent` longer from one write to the next; 0 is on time again.
+    void speakSlower(int percent) { slowdownPercent_ = percent; }
+    // Nothing is read any more, or it is again.
+    void pauseListening(bool pause) { listeningPaused_ = pause; }
+    // Reads one period of the daemon's (240 frames) at a time, and then nothing for `pause`; 0 is
+    // at once again.
+    void listenSlowly(Ns pause) { listeningPause_ = pause; }
+
+    // What came since the last call.
+    Heard takeHeard();
+    int64_t heardFrames() const { return heardFrames_; }
+
+    std::vector<SentBlock> sentBlocks() const;
+    // Those since the last call, which are forgotten.
+    std::vector<SentBlock> takeSentBlocks();
+    int64_t lostBlocks() const { return lostBlocks_; }
+
+    std::vector<ReceivedMessage> messages() const;
+    // The messages' values from the `from`th on.
+    std::vector<Message> messageValues(size_t from = 0) const;
+    bool waitForMessages(size_t count, Ns limit = 5 * kSecond) const;
+
+    // To the daemon, from anybody; 0 or the errno of the send.
+    static int send(Message message) { return sendBytes(&message, sizeof message); }
+    static int sendBytes(const void* bytes, size_t count) {
+        return MessageSender().send(bytes, count);
+    }
+
+  private:
+    void listen();
+    void readSound();
+    void readMessages();
+    void talk();
+    void openTx();
+    void writeChunk(int64_t firstByte);
+
+    const AppOptions options_;
+    Fd rx_;
+    Fd tx_;
+    std::optional<MessageSocket> socket_;
+    mutable std::mutex mutex_;  // guards what follows up to the atomics
+    Heard heard_;
+    Voice voice_ = silence;
+    std::vector<SentBlock> sent_;
+    std::vector<ReceivedMessage> messages_;
+    std::atomic<int64_t> heardFrames_{0};
+    std::atomic<int64_t> nextFrame_{0};
+    std::atomic<int64_t> lostBlocks_{0};
+    std::atomic<Ns> startAt_{0};  // of frame 0, by the talker
+    std::atomic<Ns> stall_{0};
+    std::atomic<bool> speakingPaused_{false};
+    std::atomic<bool> listeningPaused_{false};
+    std::atomic<int> slowdownPercent_{0};
+    std::atomic<Ns> listeningPause_{0};
+    std::atomic<bool> stop_{false};
+    std::thread listener_;
+    std::thread talker_;
+};
+
+}  // namespace board

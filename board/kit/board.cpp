@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/board.h"
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <sched.h>
+#include <stdexcept>
+#include <unistd.h>
+#include <utility>
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include "board/kit/host_player.h"
+#include "board/kit/mic_trace.h"
+
+namespace board {
+namespace {
+
+constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reader
+constexpr int kRealtimePriority = 58;
+constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
+constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
+// What the first streams take for good, 80 to 88 kB of buffers, stacks and heaps of threads, with
+// what the first look for the card takes of it when that comes only then, 156 kB, and as much as
+// the turn in which threads first ask for memory may change it.
+constexpr int64_t kFirstUseKb = 180;
+constexpr int64_t kEnoughFrames = kRate / 2;
+
+std::string names(const std::vector<std::string>& list) {
+    std::string text;
+    for (const std::string& name : list) {
+        text += " " + name;
+    }
+    return text;
+}
+
+}  // namespace
+
+MicService::MicService() : pid_(fork()) {
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execl("/bin/mic_capture", "mic_capture", nullptr);
+        _exit(127);
+    }
+    const bool running = waitFor([] {
+        const std::string status = contents(kMicStatus);
+        return status.find("state: RUNNING") != std::string::npos &&
+               status.find("tstamp      : 0.") == std::string::npos;
+    });
+    if (!running) {
+        throw std::runtime_error("the board's microphone capture does not run");
+    }
+}
+
+MicService::~MicService() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+Board::Board(const std::string& name, DaemonStarter starter) : daemon(name, std::move(starter)) {
+    host.reset();
+    for (const char* path : {kFifoRx, kFifoTx, kSocketRx, kSocketTx}) {
+        unlink(path);
+    }
+}
+
+void Board::start(bool withMicService, AppOptions options) {
+    if (withMicService) {
+        micService = std::make_unique<MicService>();
+    }
+    app = std::make_unique<App>(options);
+    startDaemon();
+}
+
+void Board::startDaemon(const std::function<void()>& prepare) {
+    const size_t mark = daemon.mark();
+    daemon.start(prepare);
+    // The monitor, when it starts at all, opens a file for a moment before it enters its loop.
+    if (!waitFor([&] { return hasBothGadgetDescriptors(); }) || !hasThreads(idleThreads()) ||
+        !(missingThreads > 0 || daemon.waitForLog("enter loop", mark)) || !settle()) {
+        throw std::runtime_error("the daemon did not come up");
+    }
+    descriptors_ = lastingDescriptors();
+    memory_ = memoryOf(daemon.pid());
+}
+
+// The driver's event of an opening comes before the process has the descriptor.
+bool Board::hasBothGadgetDescriptors() const {
+    const std::vector<std::string> targets = descriptorsOf(daemon.pid());
+    return std::count(targets.begin(), targets.end(), "/dev/uac_user") == 2;
+}
+
+bool Board::settle(Ns limit) {
+    const std::string eventLoop = "/proc/" + std::to_string(daemon.pid()) + "/wchan";
+    return waitFor(
+        [&] { return host.counter("records.waiting") == 0 && contents(eventLoop) == kReadsRecord; },
+        limit);
+}
+
+bool Board::hasThreads(size_t count, Ns limit) {
+    return waitFor([&] { return threadsOf(daemon.pid()).size() == count; }, limit);
+}
+
+bool Board::waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit) {
+    const Message wanted{channel, on ? 1U : 0U};
+    return waitFor(
+        [&] {
+            const std::vector<Message> values = app->messageValues(messageMark);
+            return std::find(values.begin(), values.end(), wanted) != values.end();
+        },
+        limit);
+}
+
+std::string Board::findDamage() {
+    host.command("speaker off");
+    host.command("mic off");
+    std::string damage = findIdleDamage();
+    if (damage.empty()) {
+        damage = findStreamingDamage();
+    }
+    return damage.empty() ? findLostMemory() : damage;
+}
+
+std::string Board::findIdleDamage() {
+    if (!daemon.isRunning()) {
+        return "the daemon has ended";
+    }
+    if (!settle()) {
+        return "event records are not handled";
+    }
+    if (!hasThreads(idleThreads())) {
+        return std::to_string(threadsOf(daemon.pid()).size()) + " threads when idle";
+    }
+    if (lastingDescriptors() != descriptors_) {
+        return "descriptors were" + names(descriptors_) + ", are" + names(lastingDescriptors());
+    }
+    return findBusyThread(kIdleCpuPerSecond);
+}
+
+std::string Board::findStreamingDamage() {
+    host.command("flush speaker");
+    host.command("flush mic");
+    const HostPlayer player(noise);
+    app->speak(noise);
+    app->takeHeard();
+    const int64_t heardBefore = app->heardFrames();
+    host.takeRecording();
+    host.command("speaker on");
+    host.command("mic on");
+    Samples recorded;
+    const bool streams = waitFor([&] {
+        const Samples more = host.takeRecording();
+        recorded.insert(recorded.end(), more.begin(), more.end());
+        return app->heardFrames() > heardBefore + kEnoughFrames &&
+               static_cast<int64_t>(recorded.size() - firstSound(recorded)) > kEnoughFrames;
+    });
+    std::string damage = streams ? findBusyThread(kStreamingCpuPerSecond) : "";
+    const std::vector<ThreadView> threads = threadsOf(daemon.pid());
+    host.command("speaker off");
+    host.command("mic off");
+    app->speak(silence);
+    if (!streams) {
+        return "a direction does not stream";
+    }
+    const Heard heard = app->takeHeard();
+    if (firstSound(heard.left) == heard.left.size() || heard.unequalFrames != 0) {
+        return "the app does not hear the host";
+    }
+    const auto realtime = std::count_if(threads.begin(), threads.end(), [](const ThreadView& t) {
+        return t.policy == SCHED_FIFO && t.priority == kRealtimePriority;
+    });
+    if (threads.size() != kStreamingThreads - missingThreads ||
+        realtime != static_cast<std::ptrdiff_t>(kStreamingThreads - kIdleThreads)) {
+        return std::to_string(threads.size()) + " threads when streaming, " +
+               std::to_string(realtime) + " of them real-time";
+    }
+    return damage.empty() && !hasThreads(idleThreads()) ? "a channel does not stop" : damage;
+}
+
+std::string Board::findBusyThread(Ns allowed) {
+    std::map<int, Ns> before;
+    for (const ThreadView& thread : threadsOf(daemon.pid())) {
+        before[thread.tid] = thread.cpu;
+    }
+    sleepFor(kSecond);
+    for (const ThreadView& thread : threadsOf(daemon.pid())) {
+        const Ns used = thread.cpu - before[thread.tid];
+        if (used > allowed) {
+            return "thread " + std::to_string(thread.tid) + " used " + std::to_string(used / kMs) +
+                   " ms of a second";
+        }
+    }
+    return "";
+}
+
+std::string Board::findLostMemory() const {
+    const MemoryView memory = memoryOf(daemon.pid());
+    if (memory.anonymousKb <= memory_.anonymousKb + kFirstUseKb) {
+        return "";
+    }
+    return "memory was " + std::to_string(memory_.anonymousKb) + " kB after the start, is " +
+           std::to_string(memory.anonymousKb) + " kB";
+}
+
+// The source channel keeps its FIFO from the first start on.
+std::vector<std::string> Board::lastingDescriptors() const {
+    std::vector<std::string> targets = descriptorsOf(daemon.pid());
+    targets.erase(std::remove_if(targets.begin(), targets.end(),
+                                 [](const std::string& target) {
+                                     return target.compare(0, sizeof kFifoTx - 1, kFifoTx) == 0;
+                                 }),
+                  targets.end());
+    return targets;
+}
+
+}  // namespace board

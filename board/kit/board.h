@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+// A whole board in action: the host, the board's microphone service, the companion app and the
+// daemon between them, and the proof that the daemon is whole. One thread at a time.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "board/kit/app.h"
+#include "board/kit/daemon.h"
+#include "board/kit/host.h"
+#include "board/kit/process_view.h"
+
+namespace board {
+
+// The board's own microphone capture, which anchors the daemon's start of writing.
+class MicService {
+  public:
+    // Returns when its capture runs.
+    MicService();
+    ~MicService();
+    MicService(const MicService&) = delete;
+    MicService& operator=(const MicService&) = delete;
+
+  private:
+    pid_t pid_;
+};
+
+// Threads of the daemon.
+constexpr size_t kIdleThreads = 4;       // event loop, app receive, app transmit, cable monitor
+constexpr size_t kStreamingThreads = 7;  // and a worker for each direction, and the FIFO's reader
+
+class Board {
+  public:
+    // Resets the host and removes what earlier runs left in /tmp. `name` names the log files.
+    explicit Board(const std::string& name, DaemonStarter starter = {});
+
+    // App and daemon up, the first events handled. Without `withMicService` the daemon finds no
+    // capture to synchronise with.
+    void start(bool withMicService = true, AppOptions options = {});
+    // The daemon alone, the first events handled; `prepare` as for Daemon::start.
+    void startDaemon(const std::function<void()>& prepare = {});
+
+    // True as soon as the daemon has handled every event record and waits for the next.
+    bool settle(Ns limit = 5 * kSecond);
+    bool hasThreads(size_t count, Ns limit = 5 * kSecond);
+    // Waits for the channel's message {1 or 2, on}, the `times`th since `mark`.
+    bool waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit = 5 * kSecond);
+
+    // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
+    // descriptors are those after the start, nobody is busy in a quiet second, both directions
+    // stream, and no more memory is held than the first streams take. Returns what is wrong, or
+    // nothing.
+    std::string findDamage();
+
+    Host host;
+    std::unique_ptr<MicService> micService;
+    std::unique_ptr<App> app;
+    Daemon daemon;
+    // Of its threads, those that a scenario has ended for good or kept from starting.
+    size_t missingThreads = 0;
+
+  private:
+    size_t idleThreads() const { return kIdleThreads - missingThreads; }
+    bool hasBothGadgetDescriptors() const;
+    std::string findIdleDamage();
+    std::string findStreamingDamage();
+    std::string findBusyThread(Ns allowed);
+    std::string findLostMemory() const;
+    std::vector<std::string> lastingDescriptors() const;
+
+    std::vector<std::string> descriptors_;  // after the start
+    MemoryView memory_{};                   // after the start
+};
+
+}  // namespace board

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the daemon has told its app of the channels: on and off must alternate. One thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "board/kit/app.h"
+
+namespace board {
+
+class ChannelWatch {
+  public:
+    // The next messages. An answer to a sync-up repeats the state and is known by its first message
+    // {0, 1} with {1, on} and {2, on} right behind it.
+    void see(const std::vector<Message>& messages);
+    // Messages may have been lost: what comes next is not measured by what came before.
+    void forget() { on_[0] = on_[1] = std::nullopt; }
+
+    // Told last of channel 1 or 2; a channel begins off.
+    bool isOn(uint32_t channel) const { return on_[channel - 1].value_or(false); }
+    // The first message that told what was known already, or nothing.
+    const std::string& repetition() const { return repetition_; }
+
+  private:
+    void see(Message message, bool mayRepeat);
+
+    std::optional<bool> on_[2] = {false, false};
+    std::string repetition_;
+};
+
+}  // namespace board

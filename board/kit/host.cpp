@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/host.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sstream>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace board {
+namespace {
+
+constexpr int64_t kFramesPerUsbFrame = 48;
+constexpr double kPpbUnit = 1e9;
+
+}  // namespace
+
+Host::Host()
+    : control_(Fd::open("/dev/usb_host", O_WRONLY)),
+      log_(Fd::open("/dev/usb_host_log", O_RDONLY | O_NONBLOCK)),
+      mic_(Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK)) {}
+
+int Host::tryCommand(const std::string& text) {
+    const ssize_t written = write(control_.get(), text.data(), text.size());
+    return written < 0 ? errno : 0;
+}
+
+void Host::command(const std::string& text) {
+    const int error = tryCommand(text);
+    if (error != 0) {
+        errno = error;
+        fail("host command \"" + text + "\"");
+    }
+}
+
+void Host::reset() {
+    for (const char* text :
+         {"fault clear", "speaker off", "mic off", "stall speaker 0", "stall mic 0", "ppb 0",
+          "volume speaker 0", "volume mic 0", "mute speaker 0", "mute mic 0", "flush speaker",
+          "flush mic", "cable 1", "usb_state CONFIGURED quiet"}) {
+        command(text);
+    }
+    if (counter("card") != 1) {
+        command("unbind");
+    }
+    if (counter("bound") == 0) {
+        command("bind 1");
+    }
+}
+
+std::map<std::string, int64_t> Host::counters() const {
+    std::map<std::string, int64_t> values;
+    std::istringstream lines(contents("/proc/usb_host"));
+    std::string key;
+    for (int64_t value = 0; lines >> key >> value;) {
+        values[key] = value;
+    }
+    return values;
+}
+
+int64_t Host::counter(const std::string& key) const {
+    const auto values = counters();
+    const auto found = values.find(key);
+    if (found == values.end()) {
+        throw std::runtime_error("/proc/usb_host has no " + key);
+    }
+    return found->second;
+}
+
+const std::vector<HostEvent>& Host::events() {
+    char buffer[4096];
+    for (ssize_t got = 0; (got = read(log_.get(), buffer, sizeof buffer)) > 0;) {
+        partialLine_.append(buffer, static_cast<size_t>(got));
+        size_t begin = 0;
+        for (size_t end = 0; (end = partialLine_.find('\n', begin)) != std::string::npos;
+             begin = end + 1) {
+            const size_t space = partialLine_.find(' ', begin);
+            events_.push_back({std::stoll(partialLine_.substr(begin, space - begin)),
+                               partialLine_.substr(space + 1, end - space - 1)});
+        }
+        partialLine_.erase(0, begin);
+    }
+    return events_;
+}
+
+std::vector<HostEvent> Host::eventsSince(Ns since) {
+    std::vector<HostEvent> later;
+    for (const HostEvent& event : events()) {
+        if (event.at >= since) {
+            later.push_back(event);
+        }
+    }
+    return later;
+}
+
+int Host::countEvents(const std::string& beginning, Ns since) {
+    int count = 0;
+    for (const HostEvent& event : eventsSince(since)) {
+        count += event.text.compare(0, beginning.size(), beginning) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+Ns Host::frameTime(const std::string& direction, int64_t frame) const {
+    const auto values = counters();
+    const int64_t onFrames = values.at(direction + ".on_frames");
+    const int64_t usbFrames = (frame - onFrames) / kFramesPerUsbFrame + 1;
+    const double hostRate = 1 + static_cast<double>(values.at("ppb")) / kPpbUnit;
+    return values.at(direction + ".on_ns") +
+           static_cast<Ns>(static_cast<double>(usbFrames * kMs) / hostRate);
+}
+
+Samples Host::takeRecording() {
+    Samples recording;
+    int16_t buffer[4800];
+    for (ssize_t got = 0; (got = read(mic_.get(), buffer, sizeof buffer)) > 0;) {
+        recording.insert(recording.end(), buffer,
+                         buffer + static_cast<size_t>(got) / sizeof(int16_t));
+    }
+    return recording;
+}
+
+}  // namespace board

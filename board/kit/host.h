@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// The USB host's side of the board: commands, counters and the event log of the usb_board module,
+// whose contract is board/module/README.md. One thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "board/kit/clock.h"
+#include "board/kit/files.h"
+#include "board/kit/sound.h"
+
+namespace board {
+
+struct HostEvent {
+    Ns at;
+    std::string text;
+};
+
+class Host {
+  public:
+    // Throws when the module is not loaded.
+    Host();
+
+    // One command; the second form returns the errno that refused it, or 0.
+    void command(const std::string& text);
+    int tryCommand(const std::string& text);
+    // Everything as after loading: bound, plugged, configured, streams off, volumes 0, clocks
+    // equal, no fault armed, queues empty.
+    void reset();
+
+    std::map<std::string, int64_t> counters() const;
+    int64_t counter(const std::string& key) const;
+
+    // The events so far, or those from `since` on.
+    const std::vector<HostEvent>& events();
+    std::vector<HostEvent> eventsSince(Ns since);
+    // How many events from `since` on have this text at their beginning.
+    int countEvents(const std::string& beginning, Ns since);
+
+    // When frame `frame` of a stream ("speaker" or "mic") moved, by the host's clock. Right under
+    // an offset that has not changed since.
+    Ns frameTime(const std::string& direction, int64_t frame) const;
+
+    // What the host has recorded since the last call; at least once in 40 s.
+    Samples takeRecording();
+
+  private:
+    Fd control_;
+    Fd log_;
+    Fd mic_;
+    std::string partialLine_;
+    std::vector<HostEvent> events_;
+};
+
+}  // namespace board

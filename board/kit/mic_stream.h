@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// The microphone's way observed while it runs: what the app sent is followed sample by sample into
+// what the host recorded. Begin with the app speaking and the host's stream off. One thread.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "board/kit/board.h"
+#include "board/kit/mic_trace.h"
+
+namespace board {
+
+// A playback frame that carries the app's sound.
+struct MicLatency {
+    int64_t recordedAt;  // sample of the recording, counted from the daemon's first
+    Ns at;               // when that was recorded
+    Ns latency;          // from the app's write to the host's recording
+    int64_t waiting;     // samples that the app had written when the daemon took the frame's first
+    int gain;            // by latency control, samples
+};
+
+class MicStream {
+  public:
+    // Switches the stream on; the app's voice must not change from the first block sent on.
+    MicStream(Board* board, Voice voice);
+
+    // Keeps what is recorded from the daemon's first sample on.
+    void keepRecording() { keeps_ = true; }
+    const Samples& recorded() const { return recorded_; }
+    // Looks at what was recorded since the last call; at least once in 40 s, and before the host's
+    // clock changes its offset.
+    void observe();
+    void off();
+
+    const MicTrace& trace() const { return trace_; }
+    const std::vector<MicFrame>& frames() const { return frames_; }
+    // What the app has written into its FIFO.
+    int64_t sentFrames() const;
+    // Of every frame that carries the app's sound.
+    const std::vector<MicLatency>& latencies() const { return latencies_; }
+    // Recorded samples up to the last frame before which something had to be explained.
+    int64_t settledAt() const;
+    // Start of the stream to the first sample of the app's in the recording.
+    Ns timeToSound() const;
+
+  private:
+    // Recorded samples, and when by the host's clock as it is now.
+    struct Anchor {
+        int64_t recorded = 0;
+        Ns at = 0;
+        double nsPerFrame = 0;
+    };
+
+    int16_t sent(int64_t index) const;
+    void addLatency(const MicFrame& frame, const Anchor& anchor);
+
+    Board* const board_;
+    const Voice voice_;
+    MicTrace trace_;
+    std::vector<MicFrame> frames_;
+    std::vector<MicLatency> latencies_;
+    std::vector<SentBlock> blocks_;  // what the daemon was sent since the start
+    size_t blocksBefore_ = 0;
+    Ns onAt_ = 0;
+    bool begun_ = false;
+    bool keeps_ = false;
+    Samples recorded_;
+    Ns beginsAt_ = 0;  // when the daemon's first sample was recorded
+};
+
+}  // namespace board

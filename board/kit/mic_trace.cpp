@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/mic_trace.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace board {
+namespace {
+
+constexpr int kFrame = MicTrace::kFrame;
+constexpr int kStretchedInput = kFrame - 1;
+constexpr int kSqueezedInput = kFrame + 1;
+constexpr int64_t kLossMax = 2 * kRate;  // how far a trace that was lost is looked for
+
+struct Shape {
+    int consumed;
+    FrameKind kind;
+};
+constexpr Shape kShapes[] = {{kFrame, FrameKind::kCopied},
+                             {kStretchedInput, FrameKind::kStretched},
+                             {kSqueezedInput, FrameKind::kSqueezed}};
+
+// `in` drawn out or pressed to one frame: position i lies at i times the step, in 1/65536.
+Samples resample(const Samples& in) {
+    const auto step = static_cast<int64_t>(
+        static_cast<double>(static_cast<float>(in.size() - 1) / static_cast<float>(kFrame - 1)) *
+            65536.0 +
+        0.5);
+    Samples out(kFrame);
+    out.front() = in.front();
+    out.back() = in.back();
+    for (size_t i = 1; i + 1 < out.size(); ++i) {
+        const int64_t position = static_cast<int64_t>(i) * step;
+        const auto k = static_cast<size_t>(position >> 16);
+        const int64_t product = (in[k + 1] - in[k]) * (position & 0xFFFF) + 32768;
+        out[i] = static_cast<int16_t>(in[k] + (product >> 16));
+    }
+    return out;
+}
+
+bool isSilent(const int16_t* frame) {
+    return std::all_of(frame, frame + kFrame, [](int16_t sample) { return sample == 0; });
+}
+
+}  // namespace
+
+MicTrace::MicTrace(Voice sent) : sent_(std::move(sent)) {}
+
+std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
+    pending_.insert(pending_.end(), recorded.begin(), recorded.end());
+    std::vector<MicFrame> frames;
+    size_t at = 0;
+    for (; at + kFrame <= pending_.size(); at += kFrame) {
+        const int64_t sentAt = sentAt_;
+        const FrameKind kind = explain(pending_.data() + at);
+        ++counts_[static_cast<size_t>(kind)];
+        frames.push_back({recordedAt_, sentAt + skipped_, lead_, kind, skipped_});
+        recordedAt_ += kFrame;
+    }
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
+    return frames;
+}
+
+FrameKind MicTrace::explain(const int16_t* frame) {
+    lead_ = 0;
+    skipped_ = 0;
+    FrameKind kind = FrameKind::kUnexplained;
+    if (!priming_ && follow(frame, 0, &kind)) {
+        return kind;
+    }
+    if (isSilent(frame)) {
+        priming_ = true;
+        return FrameKind::kSilent;
+    }
+    if (priming_) {
+        for (int64_t zeros = 0; zeros <= kFrame; ++zeros) {
+            if (follow(frame, zeros, &kind)) {
+                priming_ = false;
+                return kind;
+            }
+        }
+    }
+    if (isStarved(frame)) {
+        priming_ = true;
+        return FrameKind::kStarved;
+    }
+    findAgain(frame, &kind);
+    return FrameKind::kUnexplained;
+}
+
+bool MicTrace::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) {
+    // Most candidates differ in the first sample that is not padding.
+    if (zeros < kFrame && frame[0] != (zeros > 0 ? 0 : sent_(sentAt_))) {
+        return false;
+    }
+    for (const Shape& shape : kShapes) {
+        const Samples wanted = expected(zeros, shape.consumed, shape.consumed);
+        if (std::equal(wanted.begin(), wanted.end(), frame)) {
+            sentAt_ += std::max<int64_t>(0, shape.consumed - zeros);
+            lead_ = zeros;
+            *kind = shape.kind;
+            return true;
+        }
+    }
+    return false;
+}
+
+// The daemon found some samples, fewer than it needed, and silence made up for the rest.
+bool MicTrace::isStarved(const int16_t* frame) {
+    for (int available = 1; available < kStretchedInput; ++available) {
+        const Samples wanted = expected(0, kStretchedInput, available);
+        if (std::equal(wanted.begin(), wanted.end(), frame)) {
+            sentAt_ += available;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Samples were lost: looks for the place further on that this frame follows.
+bool MicTrace::findAgain(const int16_t* frame, FrameKind* kind) {
+    const int64_t before = sentAt_;
+    for (int64_t lost = 1; lost <= kLossMax; ++lost) {
+        sentAt_ = before + lost;
+        if (follow(frame, 0, kind)) {
+            skipped_ = lost;
+            priming_ = false;
+            return true;
+        }
+    }
+    sentAt_ = before;
+    return false;
+}
+
+Samples MicTrace::expected(int64_t zeros, int consumed, int available) const {
+    Samples in(static_cast<size_t>(consumed));
+    for (int64_t i = std::min<int64_t>(zeros, consumed); i < available; ++i) {
+        in[static_cast<size_t>(i)] = sent_(sentAt_ + i - zeros);
+    }
+    return consumed == kFrame ? in : resample(in);
+}
+
+}  // namespace board

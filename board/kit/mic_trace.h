@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// Explains what the host recorded from the daemon, playback frame by playback frame: each frame of
+// 240 samples must be silence, 240 samples of what the app sent, or 239 or 241 of them drawn out or
+// pressed to 240 by linear interpolation. What none of these explains is counted, and is an error.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "board/kit/sound.h"
+
+namespace board {
+
+enum class FrameKind { kSilent, kCopied, kStretched, kSqueezed, kStarved, kUnexplained };
+
+struct MicFrame {
+    int64_t recordedAt;  // its first sample, counted from where the trace began
+    int64_t sentAt;      // the first sample of it that was consumed
+    int64_t lead;        // silent samples before that one
+    FrameKind kind;
+    int64_t skipped;  // samples that are missing before it; what follows them is found again
+    // How many samples more than it consumed the frame has, by latency control.
+    int gain() const {
+        return kind == FrameKind::kStretched ? 1 : kind == FrameKind::kSqueezed ? -1 : 0;
+    }
+};
+
+class MicTrace {
+  public:
+    // `sent` gives the samples that went into the daemon, in order.
+    explicit MicTrace(Voice sent);
+
+    // More of the recording, which begins with a playback frame. Returns the frames completed.
+    std::vector<MicFrame> add(const Samples& recorded);
+
+    int64_t frames() const { return recordedAt_ / kFrame; }
+    // Samples of what was sent that are behind the last frame.
+    int64_t consumed() const { return sentAt_; }
+    int64_t count(FrameKind kind) const { return counts_[static_cast<size_t>(kind)]; }
+    static constexpr int kFrame = 240;
+
+  private:
+    FrameKind explain(const int16_t* frame);
+    bool follow(const int16_t* frame, int64_t zeros, FrameKind* kind);
+    bool isStarved(const int16_t* frame);
+    bool findAgain(const int16_t* frame, FrameKind* kind);
+    // What the daemon makes of `consumed` samples from sentAt_ on, after `zeros` zeros.
+    Samples expected(int64_t zeros, int consumed, int available) const;
+
+    const Voice sent_;
+    Samples pending_;
+    int64_t recordedAt_ = 0;
+    int64_t sentAt_ = 0;
+    int64_t lead_ = 0;     // of the frame explained last
+    int64_t skipped_ = 0;  // before the frame explained last
+    bool priming_ = true;  // silence may precede what comes next
+    int64_t counts_[6] = {};
+};
+
+}  // namespace board

@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/ramp_trail.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace board {
+namespace {
+
+constexpr int64_t kUsbFrame = 48;  // audio frames in a millisecond of the host
+constexpr int64_t kAround = 4800;  // how far off a passage continues the one before
+constexpr int64_t kNames = 65536;  // frames that the ramp's values tell apart
+constexpr size_t kShortest = 4;    // samples of a passage; what is shorter is strange
+
+// A stretch of samples that follow the ramp, in the ramp's values.
+struct Run {
+    size_t at;
+    size_t size;
+    int64_t advance;  // ramp frames from the first to the last
+};
+
+// Drawn out or pressed, the ramp advances by a little less or more than one a sample, rounded:
+// `slack` is then 1.
+bool follows(const Samples& samples, size_t i, int slack, int16_t* expected) {
+    constexpr int wrapNear = 32765;
+    const int off = static_cast<int16_t>(samples[i] - *expected);
+    if (std::abs(off) <= slack && (off >= 0 || i < 2 || samples[i - 1] != samples[i - 2])) {
+        *expected = samples[i];
+        return true;
+    }
+    // Between its highest and its lowest value an interpolated sample can be any.
+    return slack > 0 && std::abs(static_cast<int>(*expected)) >= wrapNear &&
+           i + 1 < samples.size() &&
+           std::abs(static_cast<int16_t>(samples[i + 1] - *expected)) <= 2;
+}
+
+Run followFrom(const Samples& samples, size_t at, int slack) {
+    Run run{at, 1, 0};
+    int16_t value = samples[at];
+    for (size_t i = at + 1; i < samples.size(); ++i) {
+        auto expected = static_cast<int16_t>(static_cast<uint16_t>(value) + 1U);
+        if (!follows(samples, i, slack, &expected)) {
+            break;
+        }
+        run.advance += static_cast<int16_t>(expected - value);
+        value = expected;
+        ++run.size;
+    }
+    return run;
+}
+
+// The runs, and how many samples are in none of them and not silent.
+std::vector<Run> runsOf(const Samples& samples, int slack, int64_t* strange) {
+    std::vector<Run> runs;
+    *strange = 0;
+    for (size_t i = 0; i < samples.size();) {
+        if (samples[i] == 0 && (i + 1 == samples.size() || samples[i + 1] == 0)) {
+            ++i;
+            continue;
+        }
+        const Run run = followFrom(samples, i, slack);
+        if (run.size >= kShortest) {
+            runs.push_back(run);
+            i += run.size;
+        } else {
+            *strange += samples[i] != 0 ? 1 : 0;
+            ++i;
+        }
+    }
+    return runs;
+}
+
+// The last point at or before which the quantity is; the first one for what is before all.
+const Point& pointOf(const std::vector<Point>& points, int64_t value, int64_t Point::*quantity) {
+    const auto after = std::upper_bound(
+        points.begin(), points.end(), value,
+        [quantity](int64_t wanted, const Point& point) { return wanted < point.*quantity; });
+    return after == points.begin() ? *after : *(after - 1);
+}
+
+Ns framesTime(int64_t frames) {
+    return frames * kSecond / kRate;
+}
+
+// The host's clock moves a USB frame a millisecond: those up to `frames`, the last of them at
+// `lastAt`, that are not among the points yet.
+void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
+    const int64_t count = frames / kUsbFrame;
+    for (auto i = static_cast<int64_t>(points->size()); i < count; ++i) {
+        points->push_back({lastAt - (count - 1 - i) * kMs, i * kUsbFrame});
+    }
+}
+
+}  // namespace
+
+RampTrail::RampTrail(Board* board, const Way& way) : board_(board), way_(way) {
+    board->host.command(std::string("flush ") + way.name);
+    if (isSpeaker()) {
+        player_ = std::make_unique<HostPlayer>(ramp);
+        waitFor([this] { return player_->queued() > kRate; });
+        board->app->takeHeard();
+    } else {
+        board->app->speak(ramp);
+        board->host.takeRecording();
+    }
+}
+
+void RampTrail::collect() {
+    if (isSpeaker()) {
+        collectHeard();
+    } else {
+        collectRecorded();
+    }
+}
+
+void RampTrail::collectHeard() {
+    const Heard heard = board_->app->takeHeard();
+    const auto base = static_cast<int64_t>(heard_.size());
+    for (const HeardBlock& block : heard.blocks) {
+        heardPoints_.push_back({block.at, base + block.firstFrame - heard.blocks[0].firstFrame});
+    }
+    heard_.insert(heard_.end(), heard.left.begin(), heard.left.end());
+    const auto values = board_->host.counters();
+    if (values.at("speaker.first_ns") != 0) {
+        addUsbFrames(&sentPoints_, values.at("speaker.frames") - values.at("speaker.first_frames"),
+                     values.at("speaker.last_ns"));
+    }
+}
+
+void RampTrail::collectRecorded() {
+    const Samples recorded = board_->host.takeRecording();
+    heard_.insert(heard_.end(), recorded.begin(), recorded.end());
+    const auto values = board_->host.counters();
+    addUsbFrames(&heardPoints_, values.at("mic.frames") - values.at("mic.on_frames"),
+                 values.at("mic.last_ns"));
+    sentPoints_.clear();
+    for (const SentBlock& block : board_->app->sentBlocks()) {
+        sentPoints_.push_back({block.at, block.firstFrame});
+    }
+}
+
+Ns RampTrail::sentAt(int64_t frame) const {
+    const Point& point = pointOf(sentPoints_, frame, &Point::frame);
+    // The app's frames leave in blocks but are thought of as evenly spaced in time.
+    return isSpeaker() ? point.at : point.at + framesTime(frame - point.frame);
+}
+
+int64_t RampTrail::frameSentBy(Ns at) const {
+    const Point* const begin = sentPoints_.data();
+    const Point& point = pointOf(sentPoints_, at, &Point::at);
+    return &point + 1 < begin + sentPoints_.size() ? (&point + 1)->frame : point.frame;
+}
+
+// The frame that a value heard at this time means: one that continues the passage which ended with
+// `previous`, else the latest that was sent by then.
+int64_t RampTrail::frameNamed(int16_t value, Ns heardAt, int64_t previous) const {
+    const int64_t skipped = static_cast<int16_t>(value - ramp(previous));
+    if (previous >= 0 && std::abs(skipped) <= kAround) {
+        return previous + skipped;
+    }
+    const int64_t latest = frameSentBy(heardAt);
+    return latest - static_cast<uint16_t>(ramp(latest) - value) % kNames;
+}
+
+const std::vector<Passage>& RampTrail::passages() {
+    if (analysed_ == heard_.size()) {
+        return passages_;
+    }
+    analysed_ = heard_.size();
+    passages_.clear();
+    int64_t previous = -1;
+    for (const Run& run : runsOf(heard_, isSpeaker() ? 0 : 1, &strange_)) {
+        const auto at = static_cast<int64_t>(run.at);
+        const auto size = static_cast<int64_t>(run.size);
+        const Ns begin = pointOf(heardPoints_, at, &Point::frame).at;
+        const Ns end = pointOf(heardPoints_, at + size - 1, &Point::frame).at;
+        const int64_t first = frameNamed(heard_[run.at], begin, previous);
+        previous = first + run.advance;
+        passages_.push_back({at, size, first, previous, begin, end});
+    }
+    return passages_;
+}
+
+int64_t RampTrail::strange() {
+    passages();
+    return strange_;
+}
+
+std::vector<Break> RampTrail::breaks() {
+    std::vector<Break> breaks;
+    const std::vector<Passage>& all = passages();
+    for (size_t i = 1; i < all.size(); ++i) {
+        const Passage& before = all[i - 1];
+        const int64_t silent = all[i].at - before.at - before.frames;
+        breaks.push_back({before.end, silent, all[i].first - before.last - 1});
+    }
+    return breaks;
+}
+
+std::vector<Break> RampTrail::losses() {
+    std::vector<Break> losses = breaks();
+    const auto isWhole = [](const Break& gap) { return gap.lost == 0 || gap.lost == 1; };
+    losses.erase(std::remove_if(losses.begin(), losses.end(), isWhole), losses.end());
+    return losses;
+}
+
+int64_t RampTrail::lost() {
+    int64_t lost = 0;
+    for (const Break& gap : losses()) {
+        lost += gap.lost;
+    }
+    return lost;
+}
+
+std::vector<Ns> RampTrail::latencies(const Passage& passage, Ns from, Ns to) const {
+    std::vector<Ns> latencies;
+    auto point = std::lower_bound(heardPoints_.begin(), heardPoints_.end(), passage.at,
+                                  [](const Point& p, int64_t at) { return p.frame < at; });
+    for (; point != heardPoints_.end() && point->frame < passage.at + passage.frames; ++point) {
+        if (point->at >= from && point->at < to) {
+            const int64_t index = point->frame - passage.at;
+            const int64_t frames = passage.last - passage.first + 1;
+            latencies.push_back(point->at -
+                                sentAt(passage.first + index * frames / passage.frames));
+        }
+    }
+    return latencies;
+}
+
+Spread RampTrail::latency(Ns from, Ns to) {
+    std::vector<Ns> all;
+    for (const Passage& passage : passages()) {
+        if (passage.end >= from && passage.begin < to) {
+            const std::vector<Ns> some = latencies(passage, from, to);
+            all.insert(all.end(), some.begin(), some.end());
+        }
+    }
+    return spreadOf(all);
+}
+
+}  // namespace board

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// A ramp sent one way, and what became of it: passages of unbroken sound, what is missing or comes
+// again between them, and the latency of each moment. Latency control's drawing out and pressing
+// breaks nothing.
+//
+// One host stream, from on to off, and one app in its life. One thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/statistics.h"
+#include "board/kit/way.h"
+
+namespace board {
+
+// Unbroken sound.
+struct Passage {
+    int64_t at;      // its first sample, counted in what was heard
+    int64_t frames;  // samples heard
+    int64_t first;   // frames of the ramp: the first
+    int64_t last;    // and the last one in it
+    Ns begin;        // when the first was heard
+    Ns end;          // and the last
+};
+
+// What lies between two passages.
+struct Break {
+    Ns at;           // when the passage before ended
+    int64_t silent;  // samples of silence
+    int64_t lost;    // frames of the ramp that are missing; negative: that come again
+};
+
+// What was heard or sent from one moment on.
+struct Point {
+    Ns at;
+    int64_t frame;
+};
+
+class RampTrail {
+  public:
+    // The ramp is sent from now on; the host's stream is to be switched on next.
+    RampTrail(Board* board, const Way& way);
+
+    // Takes what was heard since the last call; at least once in 40 s, before the host's stream
+    // goes off, and before it stalls.
+    void collect();
+    // Of what was collected.
+    const std::vector<Passage>& passages();
+    std::vector<Break> breaks();
+    // Those in which sound is missing or comes again. A microphone's buffer that runs dry loses
+    // none, but fades within a sample into the silence.
+    std::vector<Break> losses();
+    // Frames missing, less those that came again.
+    int64_t lost();
+    // From the sending to the hearing, of what was heard in [from, to).
+    Spread latency(Ns from, Ns to);
+    // Samples that are neither silence nor ramp.
+    int64_t strange();
+
+  private:
+    bool isSpeaker() const { return way_ == kSpeakerWay; }
+    void collectHeard();
+    void collectRecorded();
+    Ns sentAt(int64_t frame) const;
+    int64_t frameSentBy(Ns at) const;
+    int64_t frameNamed(int16_t value, Ns heardAt, int64_t previous) const;
+    std::vector<Ns> latencies(const Passage& passage, Ns from, Ns to) const;
+
+    Board* const board_;
+    const Way way_;
+    std::unique_ptr<HostPlayer> player_;  // of the speaker
+    Samples heard_;
+    std::vector<Point> heardPoints_;
+    std::vector<Point> sentPoints_;
+    size_t analysed_ = 0;  // samples, by what follows
+    std::vector<Passage> passages_;
+    int64_t strange_ = 0;
+};
+
+}  // namespace board

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "board/kit/timeline.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace board {
+namespace {
+
+constexpr char kHostPrefix[] = "host ";
+
+bool beginsWith(const std::string& text, const char* beginning) {
+    return text.rfind(beginning, 0) == 0;
+}
+
+// The records of the control device, which the daemon's log tells as well.
+bool isRepetition(const HostEvent& event) {
+    return beginsWith(event.text, "uac record") || beginsWith(event.text, "uac read");
+}
+
+// The cable monitor's heartbeat.
+bool isTick(const LogLine& line) {
+    return beginsWith(line.text, "recvmsg error: <-1:11:");
+}
+
+}  // namespace
+
+void Timeline::add(Ns at, const std::string& who, const std::string& what) {
+    entries_.push_back({at, who, what});
+}
+
+void Timeline::addAllOf(Board* board) {
+    for (const HostEvent& event : board->host.eventsSince(start_)) {
+        if (beginsWith(event.text, kHostPrefix)) {
+            add(event.at, "host", event.text.substr(sizeof kHostPrefix - 1));
+        } else if (!isRepetition(event)) {
+            add(event.at, "driver", event.text);
+        }
+    }
+    // The log's stamps are cut to the millisecond: its lines stand at the end of theirs, so that
+    // none comes before its cause.
+    for (const LogLine& line : board->daemon.log()) {
+        if (line.at >= start_ && !isTick(line)) {
+            add(line.at + kMs, "daemon", line.brief());
+        }
+    }
+    for (const ReceivedMessage& received : board->app->messages()) {
+        add(received.at, "app", "is told: " + meaningOf(received.message));
+    }
+}
+
+std::string Timeline::text() const {
+    std::vector<Entry> sorted = entries_;
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const Entry& a, const Entry& b) { return a.at < b.at; });
+    std::string text;
+    for (const Entry& entry : sorted) {
+        char head[48];
+        snprintf(head, sizeof head, "%8.3f s  %-7s ",
+                 static_cast<double>(entry.at - start_) / kSecond, entry.who.c_str());
+        text += head + entry.what + "\n";
+    }
+    return text;
+}
+
+std::string meaningOf(Message message) {
+    static const char* const names[] = {"USB configured",  "speaker on",        "microphone on",
+                                        "speaker volume",  "microphone volume", "speaker mute",
+                                        "microphone mute", "sync-up, please"};
+    const bool known = message.type < sizeof names / sizeof names[0];
+    const bool isVolume = message.type == 3 || message.type == 4;
+    const int value =
+        isVolume ? static_cast<int16_t>(message.data & 0xFFFF) : static_cast<int>(message.data);
+    return (known ? std::string(names[message.type]) : "type " + std::to_string(message.type)) +
+           " = " + std::to_string(value);
+}
+
+}  // namespace board
