@@ -1,0 +1,274 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bench/board/cost.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include "bench/board/subject.h"
+#include "bench/board/table.h"
+#include "board/kit/board.h"
+#include "board/kit/host_player.h"
+#include "board/kit/ramp_trail.h"
+
+namespace bench {
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::Ns;
+
+constexpr Ns kSettling = 5 * kSecond;
+// The host's clock is slow enough to pass an app's block of 10 ms in a minute: all phases between
+// the two occur, as they do in life, and nobody runs dry.
+constexpr char kHostClock[] = "ppb -166667";
+constexpr char kDaemon[] = "uafd";
+constexpr double kSilence = 0.01;
+constexpr Ns kLookEvery = 5 * kSecond;
+
+struct Usage {
+    Ns cpu = 0;
+    int64_t sleeps = 0;
+    int64_t starts = 0;     // of PCMs
+    double soundShare = 0;  // seconds of sound that came through
+    Ns helpersCpu = 0;
+    int64_t privateKb = 0;
+    size_t threads = 0;
+};
+
+Usage usageOf(const std::vector<pid_t>& pids) {
+    Usage usage;
+    for (const pid_t pid : pids) {
+        usage.cpu += board::cpuOf(pid);
+        usage.sleeps += board::sleepsOf(pid);
+        usage.privateKb += board::memoryOf(pid).privateKb;
+        usage.threads += board::threadsOf(pid).size();
+    }
+    return usage;
+}
+
+double fileKb(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        board::fail(path);
+    }
+    return static_cast<double>(status.st_size) / 1024;
+}
+
+// One direction of one subject's run.
+class Stream {
+  public:
+    Stream(board::Board* board, const board::Way& way, bool hasTrail) : board_(board), way_(way) {
+        if (hasTrail) {
+            trail_ = std::make_unique<board::RampTrail>(board, way);
+        } else if (isSpeaker()) {
+            player_ = std::make_unique<board::HostPlayer>(board::noise);
+        }
+        board->host.command(std::string(way.name) + " on");
+    }
+
+    // When the subject's PCM first moved.
+    Ns runningAt() const {
+        return isSpeaker() ? board_->host.frameTime("speaker", counter("speaker.start_frames"))
+                           : counter("mic.first_ns");
+    }
+    // How often the subject had to start its PCM so far.
+    int64_t starts() const { return counter(std::string(way_.pcm) + ".starts"); }
+
+    void look() {
+        if (trail_) {
+            trail_->collect();
+            return;
+        }
+        const board::Samples sound =
+            isSpeaker() ? board_->app->takeHeard().left : board_->host.takeRecording();
+        sounding_ += std::count_if(sound.begin(), sound.end(), [](int16_t s) { return s != 0; });
+    }
+
+    // How many frames of sound have come through so far.
+    int64_t sounding() {
+        if (!trail_) {
+            return sounding_;
+        }
+        int64_t frames = 0;
+        for (const board::Passage& passage : trail_->passages()) {
+            frames += passage.frames;
+        }
+        return frames;
+    }
+    // And how many should in a second; where a mono stream is taken for a stereo one, half.
+    int64_t expectedPerSecond() const {
+        return !trail_ && isSpeaker() ? board::kRate / 2 : board::kRate;
+    }
+
+    Figure latencyMs(Ns from, Ns to) {
+        const board::Spread spread = trail_ ? trail_->latency(from, to) : board::Spread{};
+        return spread.median > 0 ? Figure(static_cast<double>(spread.median) / kMs) : Figure();
+    }
+
+  private:
+    bool isSpeaker() const { return way_ == board::kSpeakerWay; }
+    int64_t counter(const std::string& key) const { return board_->host.counter(key); }
+
+    board::Board* const board_;
+    const board::Way way_;
+    std::unique_ptr<board::RampTrail> trail_;
+    std::unique_ptr<board::HostPlayer> player_;
+    int64_t sounding_ = 0;
+};
+
+// One subject at work.
+class Session {
+  public:
+    Session(const Subject& subject, const std::vector<board::Way>& ways) : board_("cost") {
+        board::AppOptions options;
+        options.equalChannels = true;  // some mix them
+        board_.micService = std::make_unique<board::MicService>();
+        board_.app = std::make_unique<board::App>(options);
+        board_.host.command(kHostClock);
+        for (const board::Way& way : ways) {
+            streams_.push_back(std::make_unique<Stream>(&board_, way, subject.speaksToApp));
+        }
+        helpers_ = std::make_unique<Processes>("helpers", subject.helpers, true);
+        // The daemon sees to its own scheduling.
+        measured_ =
+            std::make_unique<Processes>(subject.name, subject.commands, subject.name != kDaemon);
+    }
+
+    void run(Ns time) {
+        for (const Ns end = board::now() + time; board::now() < end;) {
+            board::sleepFor(kLookEvery);
+            for (const auto& stream : streams_) {
+                stream->look();
+            }
+        }
+        if (!measured_->allRun() || !helpers_->allRun()) {
+            throw std::runtime_error("a program has ended");
+        }
+    }
+
+    Usage usage() {
+        Usage usage = usageOf(measured_->pids());
+        for (const auto& stream : streams_) {
+            usage.starts += stream->starts();
+            usage.soundShare += static_cast<double>(stream->sounding()) /
+                                static_cast<double>(stream->expectedPerSecond()) /
+                                static_cast<double>(streams_.size());
+        }
+        usage.helpersCpu = usageOf(helpers_->pids()).cpu;
+        return usage;
+    }
+    Ns startTime() const {
+        Ns runningAt = 0;
+        for (const auto& stream : streams_) {
+            runningAt = std::max(runningAt, stream->runningAt());
+        }
+        return runningAt - measured_->startedAt();
+    }
+    const std::vector<std::unique_ptr<Stream>>& streams() const { return streams_; }
+
+  private:
+    board::Board board_;
+    std::vector<std::unique_ptr<Stream>> streams_;
+    std::unique_ptr<Processes> helpers_;
+    std::unique_ptr<Processes> measured_;
+};
+
+// What helpers say: more than they have time for.
+void putVoice(Ns measured) {
+    const board::Samples noise =
+        board::render(board::noise, 0, (kSettling + measured) / kSecond * board::kRate * 11 / 10);
+    board::put(kVoiceFile,
+               {reinterpret_cast<const char*>(noise.data()), noise.size() * sizeof noise[0]});
+}
+
+class Comparison {
+  public:
+    Comparison(const char* key, const char* title, std::vector<board::Way> ways, Ns measured)
+        : ways_(std::move(ways)),
+          measured_(measured),
+          table_(key, title,
+                 {{"instructions_per_s", "Mi/s", 3},
+                  {"to_uafd", "to uafd", 2},
+                  {"helpers_per_s", "app's side, Mi/s", 3},
+                  {"sound_percent", "sound, %", 1},
+                  {"latency_ms", "latency, ms", 2},
+                  {"start_ms", "start, ms", 1},
+                  {"private_kb", "private, kB", 0},
+                  {"program_kb", "program, kB", 1},
+                  {"threads", "threads", 0},
+                  {"sleeps_per_s", "wake-ups/s", 1},
+                  {"restarts", "restarts", 0}}) {}
+
+    void measure(const Subject& subject);
+    void publish() const { table_.publish(); }
+
+  private:
+    const std::vector<board::Way> ways_;
+    const Ns measured_;
+    Table table_;
+    double uafd_ = 0;  // its instructions, known first
+};
+
+void Comparison::measure(const Subject& subject) {
+    Session session(subject, ways_);
+    session.run(kSettling);
+    const Ns start = session.startTime();
+    const Ns from = board::now();
+    const Usage before = session.usage();
+    session.run(measured_);
+    const Usage after = session.usage();
+    const Ns to = board::now();
+    const double seconds = static_cast<double>(to - from) / kSecond;
+    const double sound = (after.soundShare - before.soundShare) / seconds;
+    if (sound < kSilence) {
+        throw std::runtime_error(subject.name + " does not stream");
+    }
+    const double perSecond = static_cast<double>(after.cpu - before.cpu) / seconds / 1e6;
+    uafd_ = subject.name == kDaemon ? perSecond : uafd_;
+    table_.add(
+        subject.name,
+        {perSecond, perSecond / uafd_,
+         subject.helpers.empty()
+             ? Figure()
+             : Figure(static_cast<double>(after.helpersCpu - before.helpersCpu) / seconds / 1e6),
+         100 * sound, ways_.size() == 1 ? session.streams()[0]->latencyMs(from, to) : Figure(),
+         static_cast<double>(start) / kMs, static_cast<double>(after.privateKb),
+         fileKb(subject.commands[0].words[0]), static_cast<double>(after.threads),
+         static_cast<double>(after.sleeps - before.sleeps) / seconds,
+         static_cast<double>(after.starts - before.starts)});
+    fprintf(stderr, "%-40s %8.3f Mi/s\n", subject.name.c_str(), perSecond);
+}
+
+void compare(const char* key, const char* title, const std::vector<board::Way>& ways,
+             const std::vector<Subject>& subjects, const Options& options) {
+    putVoice(options.measured);
+    Comparison comparison(key, title, ways, options.measured);
+    for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {
+        comparison.measure(subjects[i]);
+    }
+    comparison.publish();
+}
+
+}  // namespace
+
+void measureSpeaker(const Options& options) {
+    compare("speaker", "Speaker: the host's sound into the app's FIFO", {board::kSpeakerWay},
+            speakerSubjects(), options);
+}
+
+void measureMicrophone(const Options& options) {
+    compare("microphone", "Microphone: the app's FIFO into the host's recording", {board::kMicWay},
+            micSubjects(), options);
+}
+
+void measureBoth(const Options& options) {
+    compare("both", "Both directions at once", {board::kSpeakerWay, board::kMicWay}, bothSubjects(),
+            options);
+}
+
+}  // namespace bench

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// board_bench SECTION SECONDS [SUBJECTS]: measures one section of the benchmark, letting each
+// stream run for so long, and comparing so many subjects.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <limits>
+
+#include "bench/board/cost.h"
+#include "bench/board/growth.h"
+#include "bench/board/latency.h"
+#include "bench/board/options.h"
+#include "bench/board/profile.h"
+
+namespace {
+
+struct Section {
+    const char* name;
+    void (*measure)(const bench::Options& options);
+};
+constexpr Section kSections[] = {
+    {"speaker", bench::measureSpeaker}, {"microphone", bench::measureMicrophone},
+    {"both", bench::measureBoth},       {"profile", bench::measureProfile},
+    {"latency", bench::measureLatency}, {"growth", bench::measureGrowth}};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        for (const Section& section : kSections) {
+            if (argc > 2 && strcmp(section.name, argv[1]) == 0) {
+                section.measure({atoll(argv[2]) * board::kSecond,
+                                 argc > 3 ? strtoul(argv[3], nullptr, 10)
+                                          : std::numeric_limits<size_t>::max()});
+                return 0;
+            }
+        }
+        fputs("bench: no such section\n", stderr);
+    } catch (const std::exception& failure) {
+        fprintf(stderr, "bench: %s\n", failure.what());
+    }
+    return 1;
+}

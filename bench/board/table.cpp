@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bench/board/table.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "board/kit/files.h"
+
+namespace bench {
+namespace {
+
+// `missing` stands for no figure.
+std::string textOf(const Figure& figure, int decimals, const char* missing) {
+    if (!figure) {
+        return missing;
+    }
+    char text[64];
+    snprintf(text, sizeof text, "%.*f", decimals, *figure);
+    return text;
+}
+
+std::string padded(const std::string& text, size_t width, bool right) {
+    const std::string blanks(width - text.size(), ' ');
+    return right ? blanks + text : text + blanks;
+}
+
+}  // namespace
+
+Table::Table(std::string key, std::string title, std::vector<Column> columns)
+    : key_(std::move(key)), title_(std::move(title)), columns_(std::move(columns)) {}
+
+void Table::add(const std::string& name, const std::vector<Figure>& figures) {
+    if (figures.size() != columns_.size()) {
+        throw std::logic_error(key_ + ": " + name + " has not one figure a column");
+    }
+    rows_.push_back({name, figures});
+}
+
+void Table::publish() const {
+    const std::string text = markdown();
+    fputs(text.c_str(), stdout);
+    fflush(stdout);
+    board::put("/out/" + key_ + ".md", text);
+    board::put("/out/" + key_ + ".json", json());
+    board::put("/out/" + key_ + ".tsv", values());
+}
+
+std::string Table::markdown() const {
+    size_t nameWidth = 0;
+    for (const Row& row : rows_) {
+        nameWidth = std::max(nameWidth, row.name.size());
+    }
+    std::string head = "| " + padded("", nameWidth, false) + " |";
+    std::string rule = "|" + std::string(nameWidth + 2, '-') + "|";
+    std::vector<std::string> lines;
+    for (const Row& row : rows_) {
+        lines.push_back("| " + padded(row.name, nameWidth, false) + " |");
+    }
+    for (size_t i = 0; i < columns_.size(); ++i) {
+        const Column& column = columns_[i];
+        std::vector<std::string> texts;
+        size_t width = column.title.size();
+        for (const Row& row : rows_) {
+            texts.push_back(textOf(row.figures[i], column.decimals, "-"));
+            width = std::max(width, texts.back().size());
+        }
+        head += " " + padded(column.title, width, true) + " |";
+        rule += std::string(width + 1, '-') + ":|";
+        for (size_t line = 0; line < lines.size(); ++line) {
+            lines[line] += " " + padded(texts[line], width, true) + " |";
+        }
+    }
+    std::string text = "\n" + title_ + "\n\n" + head + "\n" + rule + "\n";
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+std::string Table::json() const {
+    std::string text = "{";
+    for (const Row& row : rows_) {
+        text += std::string(text.size() > 1 ? "," : "") + "\n  \"" + row.name + "\": {";
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            text += (i == 0 ? "\"" : ", \"") + columns_[i].key +
+                    "\": " + textOf(row.figures[i], columns_[i].decimals, "null");
+        }
+        text += "}";
+    }
+    return text + "\n}\n";
+}
+
+std::string Table::values() const {
+    std::string text = "name";
+    for (const Column& column : columns_) {
+        text += "\t" + column.key;
+    }
+    text += "\n";
+    for (const Row& row : rows_) {
+        text += row.name;
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            text += "\t" + textOf(row.figures[i], columns_[i].decimals, "NaN");
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+}  // namespace bench

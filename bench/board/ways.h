@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+// The time that a sound spends in each buffer on its way. One thread.
+#pragma once
+
+#include "bench/board/options.h"
+
+namespace bench {
+
+// Publishes the table ways: the speaker's among both directions, the microphone's alone.
+void measureWays(const Options& options);
+
+}  // namespace bench
