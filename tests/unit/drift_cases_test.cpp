@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "drift/cases.h"
+#include "tools/drift/cases.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "drift/mic_path.h"
+#include "tools/drift/mic_path.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "drift/measure.h"
+#include "tools/drift/measure.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <functional>
 
 #include "board/kit/statistics.h"
-#include "drift/mic_path.h"
-#include "drift/scenario.h"
+#include "tools/drift/mic_path.h"
+#include "tools/drift/scenario.h"
 
 namespace drift {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "drift/app_writes.h"
+#include "tools/drift/app_writes.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "drift/mic_path.h"
+#include "tools/drift/mic_path.h"
 
 #include <algorithm>
 

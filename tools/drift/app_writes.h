@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <random>
 
-#include "drift/scenario.h"
+#include "tools/drift/scenario.h"
 
 namespace drift {
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Simulates one scenario of the microphone's path and writes what it does to a CSV file, or prints
-// the table of the common cases. tools/drift runs it and draws the picture.
+// the table of the common cases. tools/drift/run runs it and draws the picture.
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <getopt.h>
 
 #include "channel/uaf_ch.h"
-#include "drift/cases.h"
-#include "drift/measure.h"
+#include "tools/drift/cases.h"
+#include "tools/drift/measure.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ struct Options {
 };
 
 [[noreturn]] void refuse(const char* what) {
-    fprintf(stderr, "drift: cannot use %s; see tools/drift --help\n", what);
+    fprintf(stderr, "drift: cannot use %s; see tools/drift/run --help\n", what);
     exit(2);
 }
 

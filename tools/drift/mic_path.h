@@ -12,8 +12,8 @@
 
 #include "buffer/ssrs.h"
 #include "channel/src_buffering.h"
-#include "drift/app_writes.h"
-#include "drift/scenario.h"
+#include "tools/drift/app_writes.h"
+#include "tools/drift/scenario.h"
 
 namespace drift {
 

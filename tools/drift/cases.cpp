@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "drift/cases.h"
+#include "tools/drift/cases.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
-#include "drift/measure.h"
+#include "tools/drift/measure.h"
 
 namespace drift {
 namespace {

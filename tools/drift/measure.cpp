@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "drift/measure.h"
+#include "tools/drift/measure.h"
 
 #include <utility>
 #include <vector>
