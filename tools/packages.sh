@@ -1,5 +1,5 @@
-#!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
 # Sourced: installs Debian packages on this machine, and downloads and unpacks packages of other
 # architectures with an apt state of our own, so that the machine's architectures and packages stay
 # as they are.

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=sh
 # What board/start --shell runs on the board once the daemon is up.
 export TERM=linux
 cat <<'TEXT'

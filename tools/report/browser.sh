@@ -1,9 +1,9 @@
-#!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
 # Sourced by what looks at the page: a browser without a window.
 
-# shellcheck source=tools/packages
-source "$(dirname "${BASH_SOURCE[0]}")/../packages"
+# shellcheck source=tools/packages.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../packages.sh"
 
 # browse OPTION... PAGE: Chromium, installed where it is missing, with an empty profile. What it
 # complains of, such as the desktop that is not there, shows only when it fails.
