@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
-#include <time.h>
+#include <ctime>
 
 #include <android/log.h>
 
 #include "alsa/xrun_recovery.h"
+#include "buffer/mono_stereo.h"
 #include "channel/rt_thread.h"
 #include "ipc/uaf_ipc.h"
 
@@ -21,45 +21,6 @@ constexpr long NS_PER_MS = 1000000;
 void sleepMs(long ms) {
     const timespec pause{0, ms * NS_PER_MS};
     nanosleep(&pause, nullptr);
-}
-
-// Frames that a conversion takes out of the buffer before it puts their result there: in place, the
-// compiler could not use the processor's vectors, which do such a block in a few instructions.
-constexpr int BLOCK_FRAMES = 16;
-
-void toMono(int16_t* buf, int frames) {
-    int i = 0;
-    for (; i <= frames - BLOCK_FRAMES; i += BLOCK_FRAMES) {
-        int16_t stereo[2 * BLOCK_FRAMES];
-        int16_t mono[BLOCK_FRAMES];
-        memcpy(stereo, buf + 2 * i, sizeof stereo);
-        for (int k = 0; k < BLOCK_FRAMES; ++k) {
-            mono[k] = stereo[2 * k];
-        }
-        memcpy(buf + i, mono, sizeof mono);
-    }
-    for (; i < frames; ++i) {
-        buf[i] = buf[2 * i];
-    }
-}
-
-// Backwards, so that no sample is overwritten before it is read.
-void toStereo(int16_t* buf, int frames) {
-    int i = frames;
-    for (; i >= BLOCK_FRAMES; i -= BLOCK_FRAMES) {
-        int16_t mono[BLOCK_FRAMES];
-        int16_t stereo[2 * BLOCK_FRAMES];
-        memcpy(mono, buf + i - BLOCK_FRAMES, sizeof mono);
-        for (int k = 0; k < BLOCK_FRAMES; ++k) {
-            stereo[2 * k] = mono[k];
-            stereo[2 * k + 1] = mono[k];
-        }
-        memcpy(buf + 2 * (i - BLOCK_FRAMES), stereo, sizeof stereo);
-    }
-    for (--i; i >= 0; --i) {
-        buf[2 * i + 1] = buf[i];
-        buf[2 * i] = buf[i];
-    }
 }
 
 }  // namespace

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "buffer/mono_stereo.h"
+
+#include <cstring>
+
+namespace {
+
+// Frames that a conversion takes out of the buffer before it puts their result there: in place, the
+// compiler could not use the processor's vectors, which do such a block in a few instructions.
+constexpr int BLOCK_FRAMES = 16;
+
+}  // namespace
+
+void toMono(int16_t* samples, int frames) {
+    int i = 0;
+    for (; i <= frames - BLOCK_FRAMES; i += BLOCK_FRAMES) {
+        int16_t stereo[2 * BLOCK_FRAMES];
+        int16_t mono[BLOCK_FRAMES];
+        memcpy(stereo, samples + 2 * i, sizeof stereo);
+        for (int k = 0; k < BLOCK_FRAMES; ++k) {
+            mono[k] = stereo[2 * k];
+        }
+        memcpy(samples + i, mono, sizeof mono);
+    }
+    for (; i < frames; ++i) {
+        samples[i] = samples[2 * i];
+    }
+}
+
+// Backwards, so that no sample is overwritten before it is read.
+void toStereo(int16_t* samples, int frames) {
+    int i = frames;
+    for (; i >= BLOCK_FRAMES; i -= BLOCK_FRAMES) {
+        int16_t mono[BLOCK_FRAMES];
+        int16_t stereo[2 * BLOCK_FRAMES];
+        memcpy(mono, samples + i - BLOCK_FRAMES, sizeof mono);
+        for (int k = 0; k < BLOCK_FRAMES; ++k) {
+            stereo[2 * k] = mono[k];
+            stereo[2 * k + 1] = mono[k];
+        }
+        memcpy(samples + 2 * (i - BLOCK_FRAMES), stereo, sizeof stereo);
+    }
+    for (--i; i >= 0; --i) {
+        samples[2 * i + 1] = samples[i];
+        samples[2 * i] = samples[i];
+    }
+}
