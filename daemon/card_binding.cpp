@@ -7,9 +7,9 @@
 #include <alsa/asoundlib.h>
 #include <android/log.h>
 
-#include "channel/fifo_paths.h"
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
+#include "ipc/app_paths.h"
 
 namespace {
 

@@ -5,11 +5,11 @@
 #include <android/log.h>
 
 #include "cable/cable_mon.h"
-#include "channel/fifo_paths.h"
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
 #include "daemon/event_loop.h"
 #include "daemon/startup.h"
+#include "ipc/app_paths.h"
 #include "ipc/uaf_ipc.h"
 
 // Never returns once the event loop has started; a start-up failure ends the process with status

@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include "channel/fifo_paths.h"
 #include "daemon/uac_user.h"
+#include "ipc/app_paths.h"
 
 namespace {
 

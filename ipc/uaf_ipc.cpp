@@ -7,6 +7,7 @@
 
 #include <sys/socket.h>
 
+#include "ipc/app_paths.h"
 #include "ipc/uaf_ipc_log.h"
 
 const UsbAudioMsgT UafIpc::UafIpcConnectedMsg = {USB_AUDIO_MSG_USB_STATE, 1};
@@ -79,7 +80,7 @@ bool UafIpc::openSockets() {
         LOGE("socket failed: <%d:%d>\n", txSock, error);
         return false;
     }
-    fillAddress(txAddr, UAF_IPC_TX_PATH);
+    fillAddress(txAddr, IPC_RX_PATH);
 
     rxSock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (rxSock < 0) {
@@ -88,9 +89,9 @@ bool UafIpc::openSockets() {
         LOGE("socket failed: <%d:%d>", rxSock, error);
         return false;
     }
-    fillAddress(rxAddr, UAF_IPC_RX_PATH);
+    fillAddress(rxAddr, IPC_TX_PATH);
 
-    if (!removeStalePath(UAF_IPC_RX_PATH)) {
+    if (!removeStalePath(IPC_TX_PATH)) {
         return false;
     }
     if (bind(rxSock, reinterpret_cast<const sockaddr*>(&rxAddr), sizeof rxAddr) != 0) {

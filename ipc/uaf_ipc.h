@@ -14,10 +14,6 @@
 
 #include "ipc/usb_audio_msg.h"
 
-// Named from the app's side: the daemon receives where the app transmits.
-constexpr char UAF_IPC_RX_PATH[] = "/tmp/usbAudioUdsIpcTx";
-constexpr char UAF_IPC_TX_PATH[] = "/tmp/usbAudioUdsIpcRx";
-
 constexpr uint32_t UAF_IPC_QUEUE_MAX = 100;     // pending messages kept for an absent app
 constexpr int UAF_IPC_SEND_RETRIES_MAX = 20;    // per message, then it is dropped
 constexpr long UAF_IPC_SEND_RETRY_PAUSE_S = 5;  // while the app's socket does not exist

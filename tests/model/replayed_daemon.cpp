@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "channel/fifo_paths.h"
+#include "ipc/app_paths.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_log.h"

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "channel/fifo_paths.h"
 #include "channel/uaf_snk.h"
+#include "ipc/app_paths.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_files.h"
 #include "tests/support/fake_ipc.h"
