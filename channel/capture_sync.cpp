@@ -4,18 +4,19 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <time.h>
+#include <ctime>
 
 #include <android/log.h>
-
-#include "channel/uaf_snk.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "UAFSNK";
 constexpr int64_t NS_PER_SECOND = 1000000000;
 
-// The board's own sound card. Which of its PCMs is the microphone depends on the codec.
+// The board's own sound card. Where its id holds one of these two words the microphone is PCM 0, on
+// every other board PCM 1.
+constexpr char TARVINE[] = "tarvine";
+constexpr char RT5640[] = "rockchiprt5640c";
 constexpr char CARD_ID_PATH[] = "/proc/asound/card0/id";
 constexpr char STATUS_PATH_PCM0[] = "/proc/asound/card0/pcm0c/sub0/status";
 constexpr char STATUS_PATH_PCM1[] = "/proc/asound/card0/pcm1c/sub0/status";
@@ -38,8 +39,7 @@ void logOpenFailure(const char* path, int openErrno) {
 }
 
 const char* statusPathOf(const char* cardId) {
-    const bool onPcm0 =
-        strstr(cardId, "tarvine") != nullptr || strstr(cardId, "rockchiprt5640c") != nullptr;
+    const bool onPcm0 = strstr(cardId, TARVINE) != nullptr || strstr(cardId, RT5640) != nullptr;
     return onPcm0 ? STATUS_PATH_PCM0 : STATUS_PATH_PCM1;
 }
 
@@ -108,7 +108,7 @@ bool isHeldBack(int64_t startNs, int64_t nowNs) {
 
 }  // namespace
 
-int64_t UafSnk::micCaptureTimestamp() {
+int64_t micCaptureTimestamp() {
     FILE* const statusFile = openStatusFile();
     if (statusFile == nullptr) {
         return -1;
@@ -118,7 +118,7 @@ int64_t UafSnk::micCaptureTimestamp() {
     return timestampNs;
 }
 
-int UafSnk::synchStartup(int frames, SynchStartupState* state) {
+int synchStartup(int frames, SynchStartupState* state) {
     switch (state->state) {
         case SYNCH_FINISHED:
             return 0;

@@ -4,7 +4,7 @@
 // started, so that the app's two streams keep a fixed phase. Periods before that are dropped.
 //
 // Called from the sink's worker only; one sink exists, so the start time and the remaining tries
-// are process-wide. The two calls are UafSnk's micCaptureTimestamp and synchStartup.
+// are process-wide. Logs under the sink's tag, "UAFSNK".
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 enum SynchState : int32_t {
     SYNCH_NOT_STARTED = 0,  // nothing done yet
     SYNCH_WAITING = 1,      // start time known, waiting for the right phase
-    SYNCH_FINISHED = 2,     // write; reached by success and by failure alike
+    SYNCH_FINISHED = 2,     // write; reached by success and by failure
 };
 
 // One per run of the sink's loop.
@@ -24,3 +24,11 @@ constexpr int32_t SYNCH_TRIES = 600;  // periods that may be held back or missin
 constexpr int64_t SYNCH_GRID_NS = 10000000;
 constexpr int64_t SYNCH_HOLD_FROM_NS = 3500000;     // phases from here ...
 constexpr uint64_t SYNCH_HOLD_LENGTH_NS = 5000000;  // ... for this long are held back
+
+// When the board's own microphone capture started, in nanoseconds of CLOCK_REALTIME, from its ALSA
+// status file; -1, logged, when no running capture with a time stamp is found.
+int64_t micCaptureTimestamp();
+
+// Decides on the period just read, `frames` frames or 0 after a timeout: 0 = write it, 1 = drop it,
+// -1 = synchronisation failed just now (logged), write it and all that follow.
+int synchStartup(int frames, SynchStartupState* state);

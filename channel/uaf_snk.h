@@ -22,13 +22,11 @@ class UafSnk : public UafCh {
     int uafStart() override;
     int uafStop() override;
 
-    // When the board's own microphone capture started, in nanoseconds of CLOCK_REALTIME, from its
-    // ALSA status file; -1, logged, when no running capture with a time stamp is found.
-    static int64_t micCaptureTimestamp();
-
-    // Decides on the period just read, `frames` frames or 0 after a timeout: 0 = write it, 1 = drop
-    // it, -1 = synchronisation failed just now (logged), write it and all that follow.
-    static int synchStartup(int frames, SynchStartupState* state);
+    // The start synchronisation, as channel/capture_sync.h tells.
+    static int64_t micCaptureTimestamp() { return ::micCaptureTimestamp(); }
+    static int synchStartup(int frames, SynchStartupState* state) {
+        return ::synchStartup(frames, state);
+    }
 
   private:
     int openPcm();

@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "channel/uaf_snk.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_files.h"
 #include "tests/support/fake_log.h"
@@ -55,7 +54,7 @@ class MicCaptureTimestampTest : public CaptureSyncTest {
     int64_t timestampOf(const std::string& status) {
         files.put(ID_PATH, "rockchiprt5640c\n");
         files.put(PCM0_PATH, status);
-        const int64_t timestampNs = UafSnk::micCaptureTimestamp();
+        const int64_t timestampNs = micCaptureTimestamp();
         EXPECT_EQ(0, files.openNow);
         EXPECT_THAT(fake_log::lines(), IsEmpty());
         return timestampNs;
@@ -73,7 +72,7 @@ class MicCaptureTimestampTest : public CaptureSyncTest {
         files.put(PCM0_PATH, RUNNING);
         files.put(PCM1_PATH, RUNNING);
         files.events.clear();
-        EXPECT_EQ(RUNNING_NS, UafSnk::micCaptureTimestamp());
+        EXPECT_EQ(RUNNING_NS, micCaptureTimestamp());
         EXPECT_EQ(4u, files.events.size());
         return files.events[1].substr(sizeof "open " - 1);
     }
@@ -113,7 +112,7 @@ TEST_F(MicCaptureTimestampTest, IdFileIsClosedOnceTheStatusFileIsOpen) {
 TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile) {
     files.refuse(ID_PATH, EACCES);
     files.put(PCM1_PATH, RUNNING);
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
         ElementsAre(
@@ -125,7 +124,7 @@ TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile
 TEST_F(MicCaptureTimestampTest, UnreadableIdIsReportedTogetherWithTheStatusFile) {
     files.breakOff(ID_PATH, "", EIO);
     files.put(PCM1_PATH, RUNNING);
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(error("Failed to determine card type for: /proc/asound/card0/id"),
                             error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
@@ -136,7 +135,7 @@ TEST_F(MicCaptureTimestampTest, UnreadableIdIsReportedTogetherWithTheStatusFile)
 
 TEST_F(MicCaptureTimestampTest, EmptyIdIsNoCardType) {
     files.put(ID_PATH, "");
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     ASSERT_EQ(2u, fake_log::lines().size());
     EXPECT_EQ(error("Failed to determine card type for: /proc/asound/card0/id"),
               fake_log::lines()[0]);
@@ -146,7 +145,7 @@ TEST_F(MicCaptureTimestampTest, EmptyIdIsNoCardType) {
 TEST_F(MicCaptureTimestampTest, MissingStatusFileIsReportedByItsPath) {
     files.put(ID_PATH, "tarvine\n");
     files.refuse(PCM0_PATH, EMFILE);
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(error(
                     "Failed to open /proc/asound/card0/pcm0c/sub0/status: Too many open files")));
@@ -155,7 +154,7 @@ TEST_F(MicCaptureTimestampTest, MissingStatusFileIsReportedByItsPath) {
 
 TEST_F(MicCaptureTimestampTest, MissingStatusFileOfAnUnknownCardIsThatOfPcm1) {
     files.put(ID_PATH, "HDMI\n");
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
         ElementsAre(error(
@@ -214,7 +213,7 @@ TEST_F(MicCaptureTimestampTest, LineOfMoreThan79CharactersIsTwo) {
 TEST_F(MicCaptureTimestampTest, FailedReadEndsTheSearch) {
     files.put(ID_PATH, "tarvine\n");
     files.breakOff(PCM0_PATH, "state: RUNNING\n", EIO);
-    EXPECT_EQ(-1, UafSnk::micCaptureTimestamp());
+    EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_EQ(0, files.openNow);
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
@@ -249,11 +248,11 @@ class SynchStartupTest : public CaptureSyncTest {
     int atPhase(int64_t sinceStartNs) {
         synch = SynchStartupState();
         nowNs = START_NS + sinceStartNs;
-        return UafSnk::synchStartup(240, &synch);
+        return synchStartup(240, &synch);
     }
     int repeated(int calls, int frames, int expected) {
         for (int i = 0; i < calls; ++i) {
-            if (UafSnk::synchStartup(frames, &synch) != expected) {
+            if (synchStartup(frames, &synch) != expected) {
                 return i;
             }
         }
@@ -302,9 +301,9 @@ TEST_F(SynchStartupTest, StartInTheFutureIsWritten) {
 TEST_F(SynchStartupTest, FollowsTheClockFromPeriodToPeriod) {
     EXPECT_EQ(1, atPhase(4 * MS));
     nowNs += 4 * MS;
-    EXPECT_EQ(1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(1, synchStartup(240, &synch));
     nowNs += 1 * MS;
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
     EXPECT_EQ(3, clockReads);
 }
 
@@ -312,7 +311,7 @@ TEST_F(SynchStartupTest, StartTimeIsReadOnce) {
     EXPECT_EQ(1, atPhase(4 * MS));
     const auto events = files.events;
     captureStartedAt("1700000000.004000000");
-    EXPECT_EQ(1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(1, synchStartup(240, &synch));
     EXPECT_EQ(events, files.events);
 }
 
@@ -321,23 +320,23 @@ TEST_F(SynchStartupTest, FinishedTouchesNeitherFilesNorClock) {
     files.events.clear();
     clockReads = 0;
     nowNs += 5 * MS;
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
-    EXPECT_EQ(0, UafSnk::synchStartup(0, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(0, &synch));
     EXPECT_THAT(files.events, IsEmpty());
     EXPECT_EQ(0, clockReads);
     EXPECT_EQ(1u, fake_log::lines().size());
 }
 
 TEST_F(SynchStartupTest, FirstPeriodWithoutFramesWaits) {
-    EXPECT_EQ(1, UafSnk::synchStartup(0, &synch));
+    EXPECT_EQ(1, synchStartup(0, &synch));
     EXPECT_EQ(SYNCH_WAITING, synch.state);
     EXPECT_EQ(0, clockReads);
     EXPECT_EQ(599, repeated(599, 0, 1));
-    EXPECT_EQ(-1, UafSnk::synchStartup(0, &synch));
+    EXPECT_EQ(-1, synchStartup(0, &synch));
 }
 
 TEST_F(SynchStartupTest, OneFrameIsAPeriod) {
-    EXPECT_EQ(0, UafSnk::synchStartup(1, &synch));
+    EXPECT_EQ(0, synchStartup(1, &synch));
 }
 
 TEST_F(SynchStartupTest, SixHundredPeriodsMayBeHeldBack) {
@@ -345,16 +344,16 @@ TEST_F(SynchStartupTest, SixHundredPeriodsMayBeHeldBack) {
     EXPECT_EQ(600, repeated(600, 240, 1));
     nowNs += 5 * MS;
     clockReads = 0;
-    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(0, clockReads);
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
     EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, LastTryMaySucceed) {
     EXPECT_EQ(599, repeated(599, 0, 1));
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, EveryStartHasItsTriesAndItsStartTime) {
@@ -364,21 +363,21 @@ TEST_F(SynchStartupTest, EveryStartHasItsTriesAndItsStartTime) {
     EXPECT_EQ(600, repeated(600, 240, 1));
     synch = SynchStartupState();
     captureStartedAt("1700000000.005000000");
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, UnknownStartTimeFailsAtOnce) {
     files.put(PCM0_PATH, "state: PREPARED\n");
-    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
     EXPECT_EQ(0, clockReads);
     EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, FileErrorFailsAtOnce) {
     files.refuse(PCM0_PATH, ENOENT);
-    EXPECT_EQ(-1, UafSnk::synchStartup(0, &synch));
+    EXPECT_EQ(-1, synchStartup(0, &synch));
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
                                   "file or directory"),
@@ -387,18 +386,18 @@ TEST_F(SynchStartupTest, FileErrorFailsAtOnce) {
 
 TEST_F(SynchStartupTest, StartTimeMustBePositive) {
     captureStartedAt("0.000000000");
-    EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(-1, synchStartup(240, &synch));
     captureStartedAt("0.000000001");
     synch = SynchStartupState();
     nowNs = 1;
-    EXPECT_EQ(0, UafSnk::synchStartup(240, &synch));
+    EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, UnknownStateFails) {
     for (const int32_t state : {-1, 3}) {
         fake_log::clear();
         synch.state = state;
-        EXPECT_EQ(-1, UafSnk::synchStartup(240, &synch));
+        EXPECT_EQ(-1, synchStartup(240, &synch));
         EXPECT_EQ(SYNCH_FINISHED, synch.state);
         EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
     }
