@@ -3,10 +3,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "daemon/uac_user.h"
 #include "ipc/app_paths.h"
 #include "ipc/uaf_ipc_log.h"
 
@@ -15,22 +18,9 @@ const UsbAudioMsgT UafIpc::UafIpcDisconnectedMsg = {USB_AUDIO_MSG_USB_STATE, 0};
 
 int UafIpc::txSock = -1;
 sockaddr_un UafIpc::txAddr;
+UafIpc::Admission UafIpc::admission;
 
 namespace {
-
-// Held by start() while it creates the threads: a receive thread passes only when its start is
-// through, and only if that start made it. After a failed one main destroys the instance, which
-// the new thread must then not touch.
-pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_t admittedThread;  // the receive thread of the last successful start
-bool anyAdmitted = false;
-
-bool waitUntilAdmitted() {
-    pthread_mutex_lock(&startMutex);
-    const bool admitted = anyAdmitted && pthread_equal(admittedThread, pthread_self()) != 0;
-    pthread_mutex_unlock(&startMutex);
-    return admitted;
-}
 
 void fillAddress(sockaddr_un& address, const char* path) {
     address = {};
@@ -54,6 +44,14 @@ bool removeStalePath(const char* path) {
     return false;
 }
 
+void request(int gadgetFd, unsigned long code, uint32_t& data) {
+    const int rc = ioctl(gadgetFd, code, &data);
+    const int error = errno;
+    if (rc != 0) {
+        LOGE("rxLoop: ioctl failed: <%d:%d>\n", rc, error);
+    }
+}
+
 }  // namespace
 
 UafIpc::UafIpc() : rxSock(-1), running(0) {}
@@ -61,7 +59,7 @@ UafIpc::UafIpc() : rxSock(-1), running(0) {}
 UafIpc::~UafIpc() = default;
 
 bool UafIpc::start() {
-    msgQueue = {nullptr, &msgQueue.first};
+    msgQueue.resetList();
     if (openSockets()) {
         running.store(1, std::memory_order_relaxed);
         if (createThreads()) {
@@ -103,7 +101,7 @@ bool UafIpc::openSockets() {
 }
 
 bool UafIpc::createThreads() {
-    pthread_mutex_lock(&startMutex);
+    pthread_mutex_lock(&admission.startMutex);
     int rc = pthread_create(&rxThread, nullptr, UafIpcRxThread, this);
     int error = errno;
     if (rc != 0) {
@@ -115,9 +113,9 @@ bool UafIpc::createThreads() {
             LOGE("creating IPC TX thread failed: <%d:%d:%s>\n", rc, error, strerror(error));
         }
     }
-    anyAdmitted = rc == 0;
-    admittedThread = rxThread;
-    pthread_mutex_unlock(&startMutex);
+    admission.any = rc == 0;
+    admission.thread = rxThread;
+    pthread_mutex_unlock(&admission.startMutex);
     return rc == 0;
 }
 
@@ -140,9 +138,76 @@ void UafIpc::closeSockets() {
     }
 }
 
+// Waits until the start that creates this thread is through.
+bool UafIpc::Admission::admits(pthread_t newThread) {
+    pthread_mutex_lock(&startMutex);
+    const bool admitted = any && pthread_equal(thread, newThread) != 0;
+    pthread_mutex_unlock(&startMutex);
+    return admitted;
+}
+
 void* UafIpc::UafIpcRxThread(void* instance) {
-    if (waitUntilAdmitted()) {
+    if (admission.admits(pthread_self())) {
         static_cast<UafIpc*>(instance)->rxLoop();
     }
     return nullptr;
+}
+
+void UafIpc::rxLoop() {
+    LOGD("rxLoop: starting\n");
+    // This thread's own descriptor, never closed.
+    const int gadgetFd = open(UAC_USER_PATH, O_WRONLY);
+    if (gadgetFd < 0) {
+        const int error = errno;
+        LOGE("rxLoop: opening %s failed: <%d:%d>\n", UAC_USER_PATH, gadgetFd, error);
+        return;
+    }
+    while (running.load(std::memory_order_relaxed) != 0) {
+        if (!receiveMsg(gadgetFd)) {
+            return;
+        }
+    }
+}
+
+bool UafIpc::receiveMsg(int gadgetFd) const {
+    UsbAudioMsgT msg = {};
+    const ssize_t size = recvfrom(rxSock, &msg, sizeof msg, 0, nullptr, nullptr);
+    const int error = errno;
+    if (size <= 0) {
+        // An empty datagram comes here too, with the errno of some earlier call: it ends the
+        // thread like an error does.
+        if (error == EAGAIN) {
+            return true;
+        }
+        LOGE("receive error: <%d:%d>\n", static_cast<int>(size), error);
+        return false;
+    }
+    // A longer datagram arrives as its first eight bytes, and counts.
+    if (size != static_cast<ssize_t>(sizeof msg)) {
+        LOGE("unexpected msg size: %d\n", static_cast<int>(size));
+    } else {
+        handleMsg(gadgetFd, msg);
+    }
+    return true;
+}
+
+// Microphone volume and mute belong to the host: from the app they are unknown messages.
+void UafIpc::handleMsg(int gadgetFd, UsbAudioMsgT& msg) {
+    switch (msg.type) {
+        case USB_AUDIO_MSG_INIT_SYNC:
+            LOGD("app request init state sync up");
+            msgQueue.queueSyncReply();
+            break;
+        case USB_AUDIO_MSG_SPK_MUTE:
+            LOGD("got speaker volume mute msg: mute=%u", msg.data);
+            request(gadgetFd, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE, msg.data);
+            break;
+        case USB_AUDIO_MSG_SPK_VOLUME:
+            LOGD("got speaker volume msg: volume=%hd", static_cast<int16_t>(msg.data));
+            request(gadgetFd, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME, msg.data);
+            break;
+        default:
+            LOGE("got unknown msg: type=%u, msg: 0x%08X", msg.type, msg.data);
+            break;
+    }
 }

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+// The messages that wait for the app: a bounded list with its lock, and the states last queued,
+// from which a sync-up is answered. Any thread queues; one thread takes and sends.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+
+#include "ipc/usb_audio_msg.h"
+
+constexpr uint32_t UAF_IPC_QUEUE_MAX = 100;  // pending messages kept for an absent app
+
+// One pending message.
+struct UafIpcQueueEntry {
+    UafIpcQueueEntry* next;       // newer node
+    UafIpcQueueEntry** prevNext;  // the older node's next, or the list's first
+    UsbAudioMsgT msg;             // a copy
+};
+static_assert(offsetof(UafIpcQueueEntry, next) == 0, "MsgQueue::tail is also the newest node");
+
+class MsgQueue {
+  public:
+    // Appends a copy; with UAF_IPC_QUEUE_MAX messages pending the newest of them gives way. A state
+    // message also updates the state that a sync-up reply gives. A loss is logged, not reported.
+    void queueMsg(const UsbAudioMsgT& msg);
+
+    // Queues the answer to a sync-up: all three states when the USB host has configured the
+    // gadget, otherwise the USB state alone. A loss is logged.
+    void queueSyncReply();
+
+    // The sending thread only: waits for a message, takes the oldest, sends it with no lock held
+    // and frees it. False, with a line in the log: the lock or the condition fails, and the thread
+    // is to end.
+    bool sendOldest(void (*send)(const UsbAudioMsgT& msg));
+
+    // Drops the list as a start finds it. Frees nothing and leaves the count: the daemon starts
+    // before anything is queued.
+    void resetList();
+
+  private:
+    void cacheState(const UsbAudioMsgT& msg);
+    bool lock();
+    void unlock();
+    // These five: with queueMutex held.
+    void appendOrOverwrite(const UsbAudioMsgT& msg);
+    bool append(const UsbAudioMsgT& msg);
+    bool overwriteNewest(const UsbAudioMsgT& msg);
+    UafIpcQueueEntry* takeOldest();
+    bool waitForMsg();
+
+    // Guards the list and its length. A leaf: nothing is locked, sent or waited for (but
+    // queueCond) while it is held.
+    pthread_mutex_t queueMutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t queueCond =
+        PTHREAD_COND_INITIALIZER;       // broadcast after each append or overwrite
+    UafIpcQueueEntry* first = nullptr;  // the oldest
+    UafIpcQueueEntry** tail = &first;   // the newest node's next, or first
+    uint32_t msgQueueLen = 0;
+
+    // The last state 0 or 1 that was queued of each kind. Relaxed: producers store before they take
+    // queueMutex and a reply reads while it holds it, so the lock gives the order that counts.
+    std::atomic<uint32_t> lastUsbState{0};
+    std::atomic<uint32_t> lastSpkState{0};
+    std::atomic<uint32_t> lastMicState{0};
+};
