@@ -17,7 +17,7 @@ target_compile_options(uafd_options INTERFACE -Wall -Wextra -Wconversion -Werror
 target_link_libraries(uafd_options INTERFACE Threads::Threads)
 
 # uafd_folder(NAME [OBJECT] SOURCES file... [USES folder...])
-# USES is checked against the folder's #include lines by tools/check-includes.
+# USES is checked against the folder's #include lines by tools/check/includes.
 function(uafd_folder name)
   cmake_parse_arguments(FOLDER "OBJECT" "" "SOURCES;USES" ${ARGN})
   set(kind STATIC)
