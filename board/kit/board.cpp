@@ -101,7 +101,7 @@ bool Board::settle(Ns limit) {
 }
 
 bool Board::hasThreads(size_t count, Ns limit) {
-    return waitFor([&] { return threadsOf(daemon.pid()).size() == count; }, limit);
+    return waitFor([&] { return threadCount(daemon.pid()) == count; }, limit);
 }
 
 bool Board::waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit) {
@@ -132,7 +132,7 @@ std::string Board::findIdleDamage() {
         return "event records are not handled";
     }
     if (!hasThreads(idleThreads())) {
-        return std::to_string(threadsOf(daemon.pid()).size()) + " threads when idle";
+        return std::to_string(threadCount(daemon.pid())) + " threads when idle";
     }
     if (lastingDescriptors() != descriptors_) {
         return "descriptors were" + names(descriptors_) + ", are" + names(lastingDescriptors());

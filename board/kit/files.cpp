@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -16,10 +14,13 @@ void fail(const std::string& what) {
 }
 
 std::string contents(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    std::string text;
+    const Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    char block[4096];
+    for (ssize_t got = 0; (got = read(file.get(), block, sizeof block)) > 0;) {
+        text.append(block, static_cast<size_t>(got));
+    }
+    return text;
 }
 
 void put(const std::string& path, const std::string& text) {

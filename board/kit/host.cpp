@@ -58,13 +58,14 @@ std::map<std::string, int64_t> Host::counters() const {
     return values;
 }
 
+// Without the others: tests ask every millisecond.
 int64_t Host::counter(const std::string& key) const {
-    const auto values = counters();
-    const auto found = values.find(key);
-    if (found == values.end()) {
+    const std::string lines = "\n" + contents("/proc/usb_host");
+    const size_t at = lines.find("\n" + key + " ");
+    if (at == std::string::npos) {
         throw std::runtime_error("/proc/usb_host has no " + key);
     }
-    return found->second;
+    return std::stoll(lines.substr(at + key.size() + 2));
 }
 
 const std::vector<HostEvent>& Host::events() {

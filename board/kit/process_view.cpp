@@ -7,6 +7,8 @@
 #include <sstream>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include "board/kit/files.h"
 
 namespace board {
@@ -77,6 +79,12 @@ std::vector<ThreadView> threadsOf(pid_t pid) {
                            contents(task + "wchan")});
     }
     return threads;
+}
+
+size_t threadCount(pid_t pid) {
+    // The directory has a link for each thread beside its own two.
+    struct stat tasks {};
+    return stat(folderOf(pid, "task").c_str(), &tasks) == 0 ? tasks.st_nlink - 2 : 0;
 }
 
 Ns cpuOf(pid_t pid) {

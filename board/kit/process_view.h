@@ -23,6 +23,7 @@ struct ThreadView {
 
 // Threads that end while they are looked at are left out.
 std::vector<ThreadView> threadsOf(pid_t pid);
+size_t threadCount(pid_t pid);
 Ns cpuOf(pid_t pid);
 // How often its threads have gone to sleep so far, those that still live.
 int64_t sleepsOf(pid_t pid);

@@ -109,7 +109,7 @@ class StartStop : public RecordCase {
         watch_.see(told);
         seen_ += told.size();
         return watch_.isOn(kSpeaker) == wanted_[false] && watch_.isOn(kMic) == wanted_[true] &&
-               board::threadsOf(daemon.pid()).size() ==
+               board::threadCount(daemon.pid()) ==
                    board::kIdleThreads + (wanted_[false] ? 1U : 0U) + (wanted_[true] ? 2U : 0U);
     }
     void becomeAsWanted() {
