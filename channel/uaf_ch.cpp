@@ -23,6 +23,33 @@ void sleepMs(long ms) {
     nanosleep(&pause, nullptr);
 }
 
+// Holds intfMutex to the end of a scope. Best effort: what could not be locked is done without the
+// lock, after its user has logged why, and is not unlocked.
+class IntfLock {
+  public:
+    // Waits for the lock.
+    explicit IntfLock(pthread_mutex_t& mutex) : IntfLock(mutex, pthread_mutex_lock(&mutex)) {}
+    // Takes over what an attempt at the lock gave, if it gave it.
+    IntfLock(pthread_mutex_t& mutex, int lockResult) : mutex(mutex), failure(lockResult) {}
+    ~IntfLock() {
+        const int rc = failure == 0 ? pthread_mutex_unlock(&mutex) : 0;
+        if (rc != 0) {
+            // The stop's text, also where nothing was stopped: log readers know this one.
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
+        }
+    }
+    IntfLock(const IntfLock&) = delete;
+    IntfLock& operator=(const IntfLock&) = delete;
+
+    // Why the lock is not held; 0 when it is.
+    int error() const { return failure; }
+
+  private:
+    pthread_mutex_t& mutex;
+    const int failure;
+};
+
 }  // namespace
 
 UafCh::UafCh(int channelMsgType) : msgType(static_cast<uint32_t>(channelMsgType)) {
@@ -55,7 +82,8 @@ int UafCh::intfUpdate(bool on) {
     if (!beginUpdate(on)) {
         return -1;
     }
-    return updateAndUnlock(on, pthread_mutex_lock(&intfMutex));
+    const IntfLock lock(intfMutex);
+    return update(on, lock.error());
 }
 
 int UafCh::requestStop() {
@@ -71,7 +99,8 @@ int UafCh::requestStop() {
         sleepMs(retryMs);
         lockResult = pthread_mutex_trylock(&intfMutex);
     }
-    return updateAndUnlock(false, lockResult);
+    const IntfLock lock(intfMutex, lockResult);
+    return update(false, lock.error());
 }
 
 bool UafCh::beginUpdate(bool on) const {
@@ -85,22 +114,13 @@ bool UafCh::beginUpdate(bool on) const {
 }
 
 // No request is refused because of the lock.
-int UafCh::updateAndUnlock(bool on, int lockResult) {
-    if (lockResult != 0) {
+int UafCh::update(bool on, int lockError) {
+    if (lockError != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "intfMutex lock failed, but best effort at this point: %d\n",
-                            lockResult);
+                            lockError);
     }
-    const int result = on ? switchOn() : switchOff();
-    if (lockResult == 0) {
-        const int rc = pthread_mutex_unlock(&intfMutex);
-        if (rc != 0) {
-            // The stop's text, although nothing was stopped: log readers know this one.
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
-        }
-    }
-    return result;
+    return on ? switchOn() : switchOff();
 }
 
 int UafCh::switchOff() {
@@ -180,16 +200,22 @@ bool UafCh::isRunning() {
     if (stopDelayCnt.fetch_add(1, std::memory_order_relaxed) + 1 < STOP_DELAY_PASSES) {
         return true;
     }
-    stop();
+    if (stop() != UAFCH_STOPPING) {
+        // An on request slipped in before the lock: stopped it stays until the next one.
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "ALERT! This should be impossible and can cause inconsistencies in "
+                            "this channel's state.");
+    }
     return false;
 }
 
-void UafCh::stop() {
-    const int lockResult = pthread_mutex_lock(&intfMutex);
-    if (lockResult != 0) {
+// Returns the state that it has found.
+int UafCh::stop() {
+    const IntfLock lock(intfMutex);
+    if (lock.error() != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "intfMutex lock failed when attempting to stop the UAFCH: %d\n",
-                            lockResult);
+                            lock.error());
     }
     uafStop();
     UafIpc::queueMsg({msgType, 0});
@@ -200,19 +226,7 @@ void UafCh::stop() {
     state.store(UAFCH_STOPPED, std::memory_order_release);
     stopDelayCnt.store(0, std::memory_order_relaxed);
     joinPending = true;
-    if (lockResult == 0) {
-        const int rc = pthread_mutex_unlock(&intfMutex);
-        if (rc != 0) {
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
-        }
-    }
-    if (stoppedFrom != UAFCH_STOPPING) {
-        // An on request slipped in before the lock: stopped it stays until the next one.
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "ALERT! This should be impossible and can cause inconsistencies in "
-                            "this channel's state.");
-    }
+    return stoppedFrom;
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel

@@ -123,11 +123,11 @@ class UafCh {
 
   private:
     bool beginUpdate(bool on) const;
-    int updateAndUnlock(bool on, int lockResult);
+    int update(bool on, int lockError);
     int switchOff();
     int switchOn();
     int start();
-    void stop();
+    int stop();
 
     std::atomic<int> nameReaders{0};  // threads that may hold a loaded name
 };
