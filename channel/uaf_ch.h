@@ -15,12 +15,8 @@
 
 #include "channel/app_fifo.h"
 #include "channel/dev_name.h"
+#include "channel/stream_shape.h"
 
-// One audio stream's fixed shape, shared by both channels.
-constexpr unsigned SAMPLE_RATE_HZ = 48000;
-constexpr unsigned PCM_CHANNELS = 1;   // the gadget card's streams
-constexpr int FIFO_CHANNELS = 2;       // the app's FIFOs: interleaved stereo
-constexpr int PERIOD_FRAMES = 240;     // 5 ms
 constexpr int WAIT_TIMEOUT_MS = 10;    // of one snd_pcm_wait, so that isRunning is polled
 constexpr unsigned LOG_PASSES = 6000;  // a progress line every so many passes
 

@@ -2,7 +2,6 @@
 #include "channel/uaf_src.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -13,7 +12,6 @@
 #include "alsa/pcm_params.h"
 #include "alsa/step_error.h"
 #include "channel/rt_thread.h"
-#include "channel/src_buffering.h"
 #include "ipc/usb_audio_msg.h"
 
 namespace {
@@ -22,11 +20,11 @@ constexpr char LOG_TAG[] = "UAFSRC";
 
 constexpr size_t FIFO_BLOCK_BYTES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS * sizeof(int16_t);
 
-// Buffer sizes, samples.
+// Buffer sizes, samples. A period is what pcmBuf and silenceBuf are used for; SSRS's test tone
+// writes up to 15 samples behind a frame.
 constexpr size_t FIFO_BUF_SAMPLES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS;
 constexpr size_t PCM_BUF_SAMPLES = 960;
 constexpr size_t SILENCE_BUF_SAMPLES = 720;
-constexpr int QBUFF_SAMPLES = LARGE_FRAME_BUFFER.storage;
 
 // The gadget card's playback stream, frames.
 constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = SRC_RING_FRAMES;
@@ -38,20 +36,9 @@ std::unique_ptr<int16_t[]> zeroedSamples(size_t count) {
     return std::unique_ptr<int16_t[]>(new (std::nothrow) int16_t[count]());
 }
 
-bool logFailedSsrs(const char* call, int rc) {
-    if (rc != SSRS_OK) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s error: %d\n", call, rc);
-    }
-    return rc != SSRS_OK;
-}
-
 }  // namespace
 
-UafSrc::UafSrc() : UafCh(USB_AUDIO_MSG_MIC_STATE) {
-    if (pthread_mutex_init(&ssrsMutex, nullptr) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_mutex_init failed\n");
-    }
-}
+UafSrc::UafSrc() : UafCh(USB_AUDIO_MSG_MIC_STATE) {}
 
 UafSrc::~UafSrc() {
     if (fifo.isOpen()) {
@@ -62,8 +49,6 @@ UafSrc::~UafSrc() {
     if (pcmStatus != nullptr) {
         snd_pcm_status_free(pcmStatus);
     }
-    free(ssrsCtx);
-    pthread_mutex_destroy(&ssrsMutex);
 }
 
 // ---- Start and stop: under intfMutex -----------------------------------------------------------
@@ -114,33 +99,15 @@ bool UafSrc::allocateBuffers() {
     if (!silenceBuf) {
         silenceBuf = zeroedSamples(SILENCE_BUF_SAMPLES);
     }
-    if (!ssrsQBuff) {
-        ssrsQBuff = zeroedSamples(QBUFF_SAMPLES);
-    }
-    return fifoBuf && pcmBuf && silenceBuf && ssrsQBuff;
+    const bool frameBufferHasStorage = frameBuffer.allocateStorage();
+    return fifoBuf && pcmBuf && silenceBuf && frameBufferHasStorage;
 }
 
-// Failures are only logged: the frame-buffer calls that follow fail and stop the channel. Nothing
-// is built under a buffer thread that a failed start left, which may be finding the context
-// missing.
+// Leaves the frame buffer alone while a buffer thread that a failed start left may be using it.
 void UafSrc::buildFrameBuffer() {
-    if (ssrsCtx != nullptr || bufferThreadJoinable) {
-        return;
+    if (!bufferThreadJoinable) {
+        frameBuffer.build();
     }
-    const uint32_t size = SSRS_GetContextSize();
-    ssrsCtx = static_cast<SSRS_Ctx*>(malloc(size));
-    if (ssrsCtx == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "Can't allocate %d bytes of memory for SSRS context structure.\n",
-                            static_cast<int>(size));
-    }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "init SSRS\n");
-    logFailedSsrs("SSRS_InitContext", SSRS_InitContext(ssrsCtx));
-    logFailedSsrs("SSRS_SetFrameSize", SSRS_SetFrameSize(ssrsCtx, PERIOD_FRAMES));
-    logFailedSsrs("SSRS_SetQBuff",
-                  SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), SMALL_FRAME_BUFFER.storage));
-    logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, SMALL_FRAME_BUFFER.depthLow,
-                                                   SMALL_FRAME_BUFFER.depthHigh));
 }
 
 // Goes on with a thread that a failed start left. False when none could be created.
@@ -202,8 +169,7 @@ int UafSrc::uafStop() {
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, close %s\n",
                             DevName::printable(pcmName.load()));
     }
-    free(ssrsCtx);
-    ssrsCtx = nullptr;
+    frameBuffer.release();
     return 0;
 }
 
@@ -217,88 +183,39 @@ void* UafSrc::UafSrcBufferThread(void* channel) {
 void UafSrc::bufferLoop() {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "enter buffer loop\n");
     BufferRun run;
-    bool ssrsLocked = false;
     while (!fifo.waitsEnded()) {
-        if (bufferPass(run, ssrsLocked)) {
+        if (bufferPass(run)) {
             if (run.loopcnt % LOG_PASSES == 0) {
                 __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "buffer loopcnt %d, fifoRead %d\n",
                                     static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
             }
             ++run.loopcnt;
-            continue;
+        } else if (!fifo.wasLetOut()) {
+            endFailedBufferPass();
         }
-        if (fifo.wasLetOut()) {
-            break;
-        }
-        requestStop();
-        if (ssrsLocked) {
-            pthread_mutex_unlock(&ssrsMutex);
-            ssrsLocked = false;
-        }
-        endFailedBufferPass();
     }
     bufferThreadRunning.store(0, std::memory_order_release);
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit buffer loop, loopcnt=%d, fifoRead %d\n",
                         static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
 }
 
-// One block from the FIFO into the frame buffer. False on any failure, and when the stop has let
-// this thread out of the FIFO. `ssrsLocked` becomes true when the frame buffer failed: ssrsMutex
-// then stays locked until the stop has been requested.
-bool UafSrc::bufferPass(BufferRun& run, bool& ssrsLocked) {
+// One block from the FIFO into the frame buffer. False when the stop has let this thread out of the
+// FIFO, and after any failure, for which a stop has then been requested.
+bool UafSrc::bufferPass(BufferRun& run) {
     const int bytes = fifoRead();
     if (bytes < 0) {
+        if (!fifo.wasLetOut()) {
+            requestStop();
+        }
         return false;
     }
     run.fifoBytes += static_cast<unsigned>(bytes);
     adjCh(fifoBuf.get(), FIFO_CHANNELS, PCM_CHANNELS, FIFO_BLOCK_FRAMES);
-    int rc = pthread_mutex_lock(&ssrsMutex);
-    if (rc != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "bufferLoop: lock failed: %d\n", rc);
-        return false;
+    const FrameBuffer::Result written = frameBuffer.write(fifoBuf.get(), run.loopcnt);
+    if (!written.ok()) {
+        requestStop();  // under the lock, where `written` holds it
     }
-    rc = SSRS_Write(ssrsCtx, fifoBuf.get(), FIFO_BLOCK_FRAMES);
-    if (rc != SSRS_OK && rc != SSRS_QUEUE_FULL) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SSRS_Write error: %d\n", rc);
-        ssrsLocked = true;
-        return false;
-    }
-    if (run.loopcnt >= STATS_PASSES && run.loopcnt % STATS_PASSES == 0) {
-        checkUnderruns(run);
-    }
-    rc = pthread_mutex_unlock(&ssrsMutex);
-    if (rc != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "bufferLoop: unlock failed: %d\n", rc);
-        return false;
-    }
-    return true;
-}
-
-void UafSrc::checkUnderruns(BufferRun& run) {
-    SSRS_Stats stats{};
-    SSRS_StatsGet(ssrsCtx, &stats);
-    if (stats.underruns != run.seenUnderruns) {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                            "buffer loopcnt %d, Depth %d, Underruns %u, Overruns %u\n",
-                            static_cast<int>(run.loopcnt), static_cast<int>(stats.avgDepth),
-                            stats.underruns, stats.overruns);
-    }
-    if (!run.enlargeTried && stats.underruns - run.seenUnderruns >= ENLARGE_UNDERRUNS) {
-        enlargeFrameBuffer();
-        run.enlargeTried = true;
-    }
-    run.seenUnderruns = stats.underruns;
-}
-
-// Discards the queued audio; the next write primes the buffer to the middle of the larger range.
-void UafSrc::enlargeFrameBuffer() {
-    if (logFailedSsrs("SSRS_SetQBuff",
-                      SSRS_SetQBuff(ssrsCtx, ssrsQBuff.get(), LARGE_FRAME_BUFFER.storage)) ||
-        logFailedSsrs("SSRS_SetQDepth", SSRS_SetQDepth(ssrsCtx, LARGE_FRAME_BUFFER.depthLow,
-                                                       LARGE_FRAME_BUFFER.depthHigh))) {
-        return;
-    }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "increased ssrs queue depth\n");
+    return written.ok();
 }
 
 // A failed pass is retried at once, but lets others run. When the channel is stopped, because a
@@ -339,15 +256,9 @@ int UafSrc::fifoRead() {
 void UafSrc::uafLoop() {
     unsigned loopcnt = 0;
     unsigned framesWritten = 0;
-    bool ssrsLocked = false;
     while (isRunning()) {
-        const int frames = pcmWrite(ssrsLocked);
+        const int frames = pcmWrite();
         if (frames < 0) {
-            intfUpdate(false);
-            if (ssrsLocked) {
-                pthread_mutex_unlock(&ssrsMutex);
-                ssrsLocked = false;
-            }
             continue;
         }
         framesWritten += static_cast<unsigned>(frames);
@@ -361,27 +272,39 @@ void UafSrc::uafLoop() {
                         static_cast<int>(loopcnt), static_cast<int>(framesWritten));
 }
 
-// One frame into the PCM. Returns the frames written, 0 when none could be, or a negative code;
-// `ssrsLocked` as for bufferPass.
-int UafSrc::pcmWrite(bool& ssrsLocked) {
+// One frame into the PCM. Returns the frames written, 0 when none could be, or, after a stop
+// request, a negative code.
+int UafSrc::pcmWrite() {
     if (pcmHandle == nullptr) {
-        return -1;  // started without its buffer thread: the channel stops itself
+        return stopIfFailed(-1);  // started without its buffer thread: the channel stops itself
     }
     const snd_pcm_state_t pcmState = snd_pcm_state(pcmHandle);
     if (pcmState == SND_PCM_STATE_SETUP || pcmState == SND_PCM_STATE_PREPARED) {
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "need to kick start\n");
         if (sndWrite(silenceBuf.get()) == -1) {
-            return -1;
+            return stopIfFailed(-1);
         }
         availChkCnt = 0;
     }
     const int ready = snd_pcm_wait(pcmHandle, WAIT_TIMEOUT_MS);
     if (ready != 1) {
-        return missedWait(ready, LOG_TAG);
+        return stopIfFailed(missedWait(ready, LOG_TAG));
     }
-    if (takeFrame(ssrsLocked) < 0) {
-        return -1;
+    const FrameBuffer::Result taken = frameBuffer.read(pcmBuf.get());
+    // A failure's stop is requested under the lock, where `taken` holds it.
+    return stopIfFailed(taken.ok() ? playFrame() : -1);
+}
+
+// Requests a stop for a negative result. Returns the result.
+int UafSrc::stopIfFailed(int result) {
+    if (result < 0) {
+        intfUpdate(false);
     }
+    return result;
+}
+
+// The frame in pcmBuf. Returns the frames written, or a negative code.
+int UafSrc::playFrame() {
     const int written = sndWrite(pcmBuf.get());
     if (written == -1) {
         return -1;
@@ -395,28 +318,6 @@ int UafSrc::pcmWrite(bool& ssrsLocked) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "rc=%d\n", written);
     }
     return written;
-}
-
-// The next frame into pcmBuf: always a whole one, silence where the app has starved the buffer.
-// 0, or -1 with `ssrsLocked` as for bufferPass.
-int UafSrc::takeFrame(bool& ssrsLocked) {
-    int rc = pthread_mutex_lock(&ssrsMutex);
-    if (rc != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mutex lock failed: %d\n", rc);
-        return -1;
-    }
-    rc = SSRS_Read(ssrsCtx, pcmBuf.get());
-    if (rc != SSRS_OK) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SSRS_Read error: %d\n", rc);
-        ssrsLocked = true;
-        return -1;
-    }
-    rc = pthread_mutex_unlock(&ssrsMutex);
-    if (rc != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mutex unlock failed: %d\n", rc);
-        return -1;
-    }
-    return 0;
 }
 
 // One period from `buf`. Returns the frames written (a short write is not completed), the result of

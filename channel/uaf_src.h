@@ -12,8 +12,10 @@
 #include <memory>
 #include <pthread.h>
 
-#include "buffer/ssrs.h"
+#include "channel/frame_buffer.h"
 #include "channel/uaf_ch.h"
+
+constexpr int SRC_RING_FRAMES = 720;  // of the gadget card's playback stream, 15 ms
 
 class UafSrc : public UafCh {
   public:
@@ -32,12 +34,10 @@ class UafSrc : public UafCh {
     int uafStop() override;
 
   private:
-    // What one run of the buffer thread counts and remembers.
+    // What one run of the buffer thread counts.
     struct BufferRun {
-        unsigned loopcnt = 0;        // successful passes
-        unsigned fifoBytes = 0;      // bytes read from the FIFO
-        uint32_t seenUnderruns = 0;  // at the last statistics check
-        bool enlargeTried = false;   // the frame buffer is enlarged at most once a run
+        unsigned loopcnt = 0;    // successful passes
+        unsigned fifoBytes = 0;  // bytes read from the FIFO
     };
 
     static void* UafSrcBufferThread(void* channel);
@@ -48,14 +48,13 @@ class UafSrc : public UafCh {
     int openPcm();
 
     void bufferLoop();
-    bool bufferPass(BufferRun& run, bool& ssrsLocked);
-    void checkUnderruns(BufferRun& run);
-    void enlargeFrameBuffer();
+    bool bufferPass(BufferRun& run);
     void endFailedBufferPass();
     int fifoRead();
 
-    int pcmWrite(bool& ssrsLocked);
-    int takeFrame(bool& ssrsLocked);
+    int pcmWrite();
+    int stopIfFailed(int result);
+    int playFrame();
     int sndWrite(const int16_t* buf);
 
     pthread_t bufferThread{};
@@ -66,10 +65,5 @@ class UafSrc : public UafCh {
     std::unique_ptr<int16_t[]> fifoBuf;     // one FIFO block, 480 x 2, reduced in place to 480 x 1
     std::unique_ptr<int16_t[]> pcmBuf;      // one frame on its way to the PCM
     std::unique_ptr<int16_t[]> silenceBuf;  // a silent period
-    std::unique_ptr<int16_t[]> ssrsQBuff;   // the frame buffer's sample storage
-    // Guards the frame buffer between the two threads; held around frame-buffer calls only. A
-    // thread that failed inside one keeps it until its stop request is made, so intfMutex may be
-    // taken under it, and never the other way round.
-    pthread_mutex_t ssrsMutex;
-    SSRS_Ctx* ssrsCtx = nullptr;  // raw memory; null when stopped
+    FrameBuffer frameBuffer;                // between the two threads
 };

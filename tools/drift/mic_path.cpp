@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "channel/uaf_ch.h"
+#include "channel/uaf_src.h"
 
 namespace drift {
 namespace {

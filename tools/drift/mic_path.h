@@ -11,7 +11,7 @@
 #include <deque>
 
 #include "buffer/ssrs.h"
-#include "channel/src_buffering.h"
+#include "channel/frame_buffer.h"
 #include "tools/drift/app_writes.h"
 #include "tools/drift/scenario.h"
 

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// The source channel's frame buffer: what its buffer thread and its worker share. It absorbs the
+// app's jitter and the difference between the app's and the host's clocks, by holding 10 to 15 ms
+// of sound, and 20 to 30 ms for an app that starves it again and again. The arithmetic is SSRS's
+// (buffer/ssrs.h); here are its memory, its sizes and its lock.
+//
+// Samples are mono, signed 16-bit, 48 kHz. Nothing is allocated between build() and release().
+// Logs under the source's tag, "UAFSRC".
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <pthread.h>
+
+#include "buffer/ssrs.h"
+
+constexpr int FIFO_BLOCK_FRAMES = 480;  // what the buffer thread writes at a time: 10 ms
+
+// What the frame buffer holds, samples: its storage and the depth range that it keeps.
+struct FrameBufferSize {
+    int storage;
+    int depthLow;
+    int depthHigh;
+};
+constexpr FrameBufferSize SMALL_FRAME_BUFFER{960, 480, 720};    // 10 to 15 ms
+constexpr FrameBufferSize LARGE_FRAME_BUFFER{1920, 960, 1440};  // 20 to 30 ms
+
+constexpr unsigned STATS_PASSES = 100;      // a statistics check every so many writes: 1 s
+constexpr uint32_t ENLARGE_UNDERRUNS = 11;  // underruns between two checks that enlarge
+
+class FrameBuffer {
+  public:
+    // What a write or a read gave. When SSRS itself has failed it holds the frame buffer's lock
+    // until it is destroyed, so that the other thread does not come upon the failed frame buffer
+    // before the stop of the channel is requested.
+    class Result {
+      public:
+        ~Result();
+        Result(const Result&) = delete;
+        Result& operator=(const Result&) = delete;
+        bool ok() const { return succeeded; }
+
+      private:
+        friend class FrameBuffer;
+        explicit Result(bool succeeded, pthread_mutex_t* held = nullptr)
+            : succeeded(succeeded), held(held) {}
+
+        const bool succeeded;
+        pthread_mutex_t* const held;  // null: the lock is released
+    };
+
+    // Logs "pthread_mutex_init failed\n" (error), and goes on without a working lock.
+    FrameBuffer();
+    ~FrameBuffer();
+    FrameBuffer(const FrameBuffer&) = delete;
+    FrameBuffer& operator=(const FrameBuffer&) = delete;
+
+    // ---- While neither of the two threads uses it ----------------------------------------------
+
+    // The storage, of the larger size; it lives until destruction. False without memory.
+    bool allocateStorage();
+    // Makes an empty frame buffer of the small size, unless there is one. A failure is only logged:
+    // every write and read then fails.
+    void build();
+    void release();
+
+    // ---- The buffer thread ---------------------------------------------------------------------
+
+    // Appends FIFO_BLOCK_FRAMES samples. A block for which there is no room is dropped, which is no
+    // failure. `writes` counts the successful ones that this thread has made before; it paces the
+    // check that enlarges the frame buffer. Logs a failed lock or SSRS call (error), and what the
+    // check finds and does (debug).
+    Result write(const int16_t* block, unsigned writes);
+
+    // ---- The worker ----------------------------------------------------------------------------
+
+    // The next PERIOD_FRAMES samples: always all of them, silence where the app has starved the
+    // frame buffer. Logs a failed lock or SSRS call (error).
+    Result read(int16_t* frame);
+
+    // ---- A program that uses it on one thread --------------------------------------------------
+
+    // The state of SSRS; null without one.
+    const SSRS_Ctx* context() const { return ssrsCtx; }
+
+  private:
+    void checkUnderruns(unsigned writes);
+    void enlarge();
+
+    // Held around SSRS calls only, and by a Result. The stop request that is made under a Result
+    // takes intfMutex: that may be taken under this lock, and never the other way round.
+    pthread_mutex_t ssrsMutex;
+    std::unique_ptr<int16_t[]> ssrsQBuff;  // the storage
+    SSRS_Ctx* ssrsCtx = nullptr;           // raw memory; null when released
+
+    // The buffer thread's, under the lock.
+    uint32_t seenUnderruns = 0;  // at the last check
+    bool enlargeTried = false;   // it is enlarged once at most, until it is built again
+};

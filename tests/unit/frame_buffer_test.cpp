@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+// The source's frame buffer by itself: its lock around each use, a failure that keeps the lock, its
+// life from build to release. The rule that enlarges it has a test of its own.
+#include "channel/frame_buffer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "channel/stream_shape.h"
+#include "tests/support/fake_log.h"
+#include "tests/support/fake_new.h"
+#include "tests/support/fake_ssrs.h"
+#include "tests/support/fake_sys.h"
+
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+fake_log::Line error(const std::string& text) {
+    return {fake_log::ERROR, "UAFSRC", text};
+}
+
+class FrameBufferTest : public fake_sys::Test {
+  protected:
+    void SetUp() override {
+        fake_sys::Test::SetUp();
+        fake_ssrs::reset();
+        fake_new::reset();
+        hookMutex();
+        buffer = std::make_unique<FrameBuffer>();
+        ASSERT_TRUE(buffer->allocateStorage());
+        buffer->build();
+        fake_log::clear();
+    }
+    void TearDown() override {
+        buffer = nullptr;
+        fake_ssrs::reset();
+        fake_sys::Test::TearDown();
+    }
+
+    // The frame buffer's lock, which is the first one made; others are gtest's.
+    void hookMutex() {
+        fake_sys::hooks().pthread_mutex_init = [this](pthread_mutex_t* made,
+                                                      const pthread_mutexattr_t* attributes) {
+            mutex = mutex == nullptr ? made : mutex;
+            return fake_sys::real::pthread_mutex_init(made, attributes);
+        };
+        fake_sys::hooks().pthread_mutex_lock = [this](pthread_mutex_t* locked) {
+            if (locked != mutex) {
+                return fake_sys::real::pthread_mutex_lock(locked);
+            }
+            journal.push_back("lock");
+            return lockResult;
+        };
+        fake_sys::hooks().pthread_mutex_unlock = [this](pthread_mutex_t* unlocked) {
+            if (unlocked != mutex) {
+                return fake_sys::real::pthread_mutex_unlock(unlocked);
+            }
+            journal.push_back("unlock");
+            return unlockResult;
+        };
+    }
+
+    bool write() {
+        const FrameBuffer::Result written = buffer->write(block, 0);
+        journal.push_back("request");
+        return written.ok();
+    }
+    bool read() {
+        const FrameBuffer::Result taken = buffer->read(frame);
+        journal.push_back("request");
+        return taken.ok();
+    }
+    int depth() const {
+        uint32_t bytes = 0;
+        QUEUE_GetDepth(buffer->context()->queue, &bytes);
+        return static_cast<int>(bytes / sizeof(int16_t));
+    }
+
+    std::unique_ptr<FrameBuffer> buffer;
+    const pthread_mutex_t* mutex = nullptr;
+    std::vector<std::string> journal;
+    int lockResult = 0;
+    int unlockResult = 0;
+    int16_t block[FIFO_BLOCK_FRAMES] = {};
+    int16_t frame[PERIOD_FRAMES] = {};
+};
+
+TEST_F(FrameBufferTest, AUseReleasesTheLockBeforeItReturns) {
+    EXPECT_TRUE(write());
+    EXPECT_TRUE(read());
+    EXPECT_THAT(journal, ElementsAre("lock", "unlock", "request", "lock", "unlock", "request"));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(FrameBufferTest, AFailedUseKeepsTheLockAsLongAsItsResult) {
+    fake_ssrs::hooks().write = [](SSRS_Ctx*, const int16_t*, int32_t) { return 3; };
+    fake_ssrs::hooks().read = [](SSRS_Ctx*, int16_t*) { return 4; };
+    EXPECT_FALSE(write());
+    EXPECT_FALSE(read());
+    EXPECT_THAT(journal, ElementsAre("lock", "request", "unlock", "lock", "request", "unlock"));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(error("SSRS_Write error: 3\n"), error("SSRS_Read error: 4\n")));
+}
+
+TEST_F(FrameBufferTest, AnUnlockThatFailsAfterAFailureIsNotReported) {
+    fake_ssrs::hooks().read = [](SSRS_Ctx*, int16_t*) { return 4; };
+    unlockResult = EPERM;
+    EXPECT_FALSE(read());
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("SSRS_Read error: 4\n")));
+}
+
+TEST_F(FrameBufferTest, WithoutTheLockNothingIsDone) {
+    lockResult = EINVAL;
+    EXPECT_FALSE(write());
+    EXPECT_FALSE(read());
+    EXPECT_THAT(journal, ElementsAre("lock", "request", "lock", "request"));
+    EXPECT_EQ(0U, buffer->context()->wrCalls + buffer->context()->rdCalls);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("bufferLoop: lock failed: 22\n"),
+                                               error("mutex lock failed: 22\n")));
+}
+
+TEST_F(FrameBufferTest, AFailedUnlockIsAFailureThatHoldsNothing) {
+    unlockResult = EPERM;
+    EXPECT_FALSE(write());
+    EXPECT_FALSE(read());
+    EXPECT_THAT(journal, ElementsAre("lock", "unlock", "request", "lock", "unlock", "request"));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(error("bufferLoop: unlock failed: 1\n"),
+                                               error("mutex unlock failed: 1\n")));
+}
+
+TEST_F(FrameBufferTest, ABlockWithoutRoomIsDroppedAndNoFailure) {
+    EXPECT_TRUE(write());  // behind 120 samples of silence
+    EXPECT_EQ(600, depth());
+    EXPECT_TRUE(write());
+    EXPECT_EQ(600, depth());
+    EXPECT_EQ(1U, buffer->context()->overruns);
+}
+
+TEST_F(FrameBufferTest, AReadFillsTheWholeFrameWithoutSound) {
+    std::fill_n(frame, PERIOD_FRAMES, int16_t{7});
+    EXPECT_TRUE(read());
+    EXPECT_THAT(frame, Each(0));
+}
+
+TEST_F(FrameBufferTest, BuildingAgainKeepsWhatThereIs) {
+    EXPECT_TRUE(write());
+    fake_log::clear();
+    buffer->build();
+    EXPECT_EQ(600, depth());
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(FrameBufferTest, EveryBuildMayBeEnlargedOnce) {
+    for (int build = 0; build < 2; ++build) {
+        buffer->release();
+        EXPECT_EQ(nullptr, buffer->context());
+        buffer->build();
+        EXPECT_EQ(SMALL_FRAME_BUFFER.storage, buffer->context()->qBuffLen);
+        fake_ssrs::hooks().statsGet = [](const SSRS_Ctx*, SSRS_Stats* stats) {
+            stats->underruns = ENLARGE_UNDERRUNS;
+            return 0;
+        };
+        EXPECT_TRUE(buffer->write(block, STATS_PASSES).ok());
+        EXPECT_EQ(LARGE_FRAME_BUFFER.storage, buffer->context()->qBuffLen);
+        EXPECT_EQ(LARGE_FRAME_BUFFER.depthHigh, buffer->context()->qDepthHigh);
+    }
+}
+
+TEST_F(FrameBufferTest, StorageWithoutMemoryIsTriedAgain) {
+    FrameBuffer fresh;
+    fake_new::failAfter(0);
+    EXPECT_FALSE(fresh.allocateStorage());
+    fake_new::reset();
+    EXPECT_TRUE(fresh.allocateStorage());
+    fake_new::failAfter(0);
+    EXPECT_TRUE(fresh.allocateStorage());
+}
+
+}  // namespace
