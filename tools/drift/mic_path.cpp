@@ -2,6 +2,7 @@
 #include "tools/drift/mic_path.h"
 
 #include <algorithm>
+#include <new>
 
 #include "channel/uaf_src.h"
 
@@ -20,15 +21,12 @@ constexpr int16_t kBlock[FIFO_BLOCK_FRAMES] = {};
 }  // namespace
 
 MicPath::MicPath(const Scenario& scenario)
-    : scenario_(scenario), writes_(scenario), nextWrite_(writes_.next()), buffer_() {
-    SSRS_InitContext(&buffer_);
-    SSRS_SetFrameSize(&buffer_, PERIOD_FRAMES);
-    setSize(SMALL_FRAME_BUFFER);
-}
-
-void MicPath::setSize(const FrameBufferSize& size) {
-    SSRS_SetQBuff(&buffer_, storage_.data(), size.storage);
-    SSRS_SetQDepth(&buffer_, size.depthLow, size.depthHigh);
+    : scenario_(scenario), writes_(scenario), nextWrite_(writes_.next()) {
+    const bool hasStorage = buffer_.allocateStorage();
+    buffer_.build();
+    if (!hasStorage || buffer_.context() == nullptr) {
+        throw std::bad_alloc();
+    }
 }
 
 // The daemon fills the ring before it starts: with a silent period, and then with frames.
@@ -40,9 +38,10 @@ Reading MicPath::read() {
         nextWrite_ = writes_.next();
     }
     const SSRS_Stats before = statistics();
-    Reading reading{at, depth(), buffer_.qDepthLow, buffer_.qDepthHigh, 0, false, -1};
+    Reading reading{at,    depth(), buffer_.context()->qDepthLow, buffer_.context()->qDepthHigh, 0,
+                    false, -1};
     int16_t frame[PERIOD_FRAMES];
-    SSRS_Read(&buffer_, frame);
+    buffer_.read(frame);
     const SSRS_Stats after = statistics();
     reading.correction = static_cast<int>(after.stretchCnt - before.stretchCnt) -
                          static_cast<int>(after.compressCnt - before.compressCnt);
@@ -82,9 +81,15 @@ void MicPath::takeWrite(const AppWrite& write) {
 // What a read leaves of the block is taken again as it is.
 void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
     const int before = depth();
-    const bool fits = SSRS_Write(&buffer_, kBlock, FIFO_BLOCK_FRAMES) == SSRS_OK;
-    const int padding = depth() - before - (fits ? FIFO_BLOCK_FRAMES : 0);
-    follow(passes_ == 0 ? Source::kStart : Source::kSilence, 0, padding);
+    const uint32_t overruns = statistics().overruns;
+    const int storage = buffer_.context()->qBuffLen;
+    buffer_.write(kBlock, passes_);
+    const bool fits = statistics().overruns == overruns;
+    const bool enlarged = buffer_.context()->qBuffLen != storage;
+    if (!enlarged) {
+        const int padding = depth() - before - (fits ? FIFO_BLOCK_FRAMES : 0);
+        follow(passes_ == 0 ? Source::kStart : Source::kSilence, 0, padding);
+    }
     if (fits) {
         follow(Source::kApp, frame, fresh);
         follow(Source::kStale, frame, FIFO_BLOCK_FRAMES - fresh);
@@ -92,25 +97,17 @@ void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
         ++counts_.overruns;
         counts_.lost += fresh;
     }
-    if (passes_ >= STATS_PASSES && passes_ % STATS_PASSES == 0) {
-        checkUnderruns(at);
+    if (enlarged) {
+        discardQueued(at);
     }
     ++passes_;
 }
 
-void MicPath::checkUnderruns(Ns at) {
-    const uint32_t underruns = statistics().underruns;
-    if (counts_.enlargedAt < 0 && underruns - seenUnderruns_ >= ENLARGE_UNDERRUNS) {
-        enlarge(at);
-    }
-    seenUnderruns_ = underruns;
-}
-
-void MicPath::enlarge(Ns at) {
+// What enlarging the frame buffer costs.
+void MicPath::discardQueued(Ns at) {
     counts_.lost += queued();
     counts_.enlargedAt = at;
     runs_.clear();
-    setSize(LARGE_FRAME_BUFFER);
 }
 
 void MicPath::follow(Source source, int64_t frame, int64_t count) {
@@ -121,13 +118,13 @@ void MicPath::follow(Source source, int64_t frame, int64_t count) {
 
 int MicPath::depth() const {
     uint32_t bytes = 0;
-    QUEUE_GetDepth(buffer_.queue, &bytes);
+    QUEUE_GetDepth(buffer_.context()->queue, &bytes);
     return static_cast<int>(bytes / sizeof(int16_t));
 }
 
 SSRS_Stats MicPath::statistics() const {
     SSRS_Stats stats{};
-    SSRS_StatsGet(&buffer_, &stats);
+    SSRS_StatsGet(buffer_.context(), &stats);
     return stats;
 }
 

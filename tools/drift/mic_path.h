@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone's path from the app's writes to the USB host, simulated around the real frame
-// buffer: the FIFO, the buffer thread that reads it in blocks and enlarges the frame buffer, the
-// worker that fills the gadget card's ring, and a host whose clock differs. The daemon's threads
-// answer at once. Every sample is followed, so that what comes late, twice or never is counted.
-// Pure; one thread.
+// The microphone's path from the app's writes to the USB host, simulated around the daemon's own
+// frame buffer: the FIFO, the buffer thread that reads it in blocks, the worker that fills the
+// gadget card's ring, and a host whose clock differs. The daemon's threads answer at once. Every
+// sample is followed, so that what comes late, twice or never is counted. Pure; one thread.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <deque>
 
-#include "buffer/ssrs.h"
 #include "channel/frame_buffer.h"
 #include "tools/drift/app_writes.h"
 #include "tools/drift/scenario.h"
@@ -65,11 +62,9 @@ class MicPath {
         int64_t count;
     };
 
-    void setSize(const FrameBufferSize& size);
     void takeWrite(const AppWrite& write);
     void bufferPass(int64_t frame, int fresh, Ns at);
-    void checkUnderruns(Ns at);
-    void enlarge(Ns at);
+    void discardQueued(Ns at);
     void follow(Source source, int64_t frame, int64_t count);
     int depth() const;
     SSRS_Stats statistics() const;
@@ -80,14 +75,12 @@ class MicPath {
     const Scenario scenario_;
     AppWrites writes_;
     AppWrite nextWrite_;
-    SSRS_Ctx buffer_;
-    std::array<int16_t, LARGE_FRAME_BUFFER.storage> storage_{};
+    FrameBuffer buffer_;
     std::deque<Run> runs_;  // what the frame buffer holds
     Counts counts_;
     int64_t reads_ = 0;
     int64_t played_ = 0;
     unsigned passes_ = 0;
-    uint32_t seenUnderruns_ = 0;
 };
 
 }  // namespace drift
