@@ -21,9 +21,8 @@ const int fuzz::MAX_INPUT_BYTES = 48;
 
 namespace {
 
+using fake_log::UAFIPC;
 using fuzz::require;
-using ipc_service::debugLine;
-using ipc_service::errorLine;
 using Message = IpcService::Message;
 
 constexpr int GADGET_FD = 77;
@@ -76,7 +75,7 @@ class ServiceRun {
     // The receive thread ends on most errors; it is run anew as long as there is input.
     void run() {
         while (!input.empty()) {
-            expected.push_back(debugLine("rxLoop: starting\n"));
+            expected.push_back(UAFIPC.debug("rxLoop: starting\n"));
             service().runRx();
             require(pendingRequests.empty(), "every request is made");
         }
@@ -120,7 +119,7 @@ class ServiceRun {
     ssize_t fail(int error) {
         errno = error;
         if (error != EAGAIN) {
-            expected.push_back(errorLine("receive error: <-1:" + std::to_string(error) + ">\n"));
+            expected.push_back(UAFIPC.error("receive error: <-1:" + std::to_string(error) + ">\n"));
         }
         return -1;
     }
@@ -130,9 +129,9 @@ class ServiceRun {
         memcpy(buf, datagram.data(), n);
         errno = fuzz::errorOf(static_cast<uint8_t>(datagram.size()));
         if (n == 0 && errno != EAGAIN) {
-            expected.push_back(errorLine("receive error: <0:" + std::to_string(errno) + ">\n"));
+            expected.push_back(UAFIPC.error("receive error: <0:" + std::to_string(errno) + ">\n"));
         } else if (n > 0 && n < 8) {
-            expected.push_back(errorLine("unexpected msg size: " + std::to_string(n) + "\n"));
+            expected.push_back(UAFIPC.error("unexpected msg size: " + std::to_string(n) + "\n"));
         } else if (n == 8) {
             Message message;
             memcpy(&message.first, buf, 4);
@@ -146,24 +145,24 @@ class ServiceRun {
         const uint32_t data = message.second;
         switch (message.first) {
             case 3:
-                expected.push_back(debugLine(
+                expected.push_back(UAFIPC.debug(
                     "got speaker volume msg: volume=" +
                     std::to_string(static_cast<int>(static_cast<int16_t>(data & 0xFFFF)))));
                 expectRequest(SET_SPK_VOLUME, data);
                 break;
             case 5:
                 expected.push_back(
-                    debugLine("got speaker volume mute msg: mute=" + std::to_string(data)));
+                    UAFIPC.debug("got speaker volume mute msg: mute=" + std::to_string(data)));
                 expectRequest(SET_SPK_MUTE, data);
                 break;
             case 7:
-                expected.push_back(debugLine("app request init state sync up"));
+                expected.push_back(UAFIPC.debug("app request init state sync up"));
                 expectSync();
                 break;
             default:
                 expected.push_back(
-                    errorLine("got unknown msg: type=" + std::to_string(message.first) +
-                              ", msg: " + hex(data)));
+                    UAFIPC.error("got unknown msg: type=" + std::to_string(message.first) +
+                                 ", msg: " + hex(data)));
         }
     }
 
@@ -181,7 +180,7 @@ class ServiceRun {
     void expectRequest(unsigned long code, uint32_t data) {
         pendingRequests.emplace_back(code, data);
         if (data % 3 == 1) {
-            expected.push_back(errorLine("rxLoop: ioctl failed: <-1:25>\n"));
+            expected.push_back(UAFIPC.error("rxLoop: ioctl failed: <-1:25>\n"));
         }
     }
 
@@ -218,8 +217,8 @@ class ServiceRun {
             waiting.push_back(message);
             return;
         }
-        expected.push_back(errorLine("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
-                                     " -> " + pairOf(message) + "\n"));
+        expected.push_back(UAFIPC.error("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
+                                        " -> " + pairOf(message) + "\n"));
         waiting.back() = message;
     }
 
@@ -235,11 +234,11 @@ class ServiceRun {
 
     // Runs the transmit thread until nothing waits for the app.
     void drain() {
-        expected.push_back(debugLine("txLoop: starting\n"));
+        expected.push_back(UAFIPC.debug("txLoop: starting\n"));
         service().runTx();
         require(waiting.empty(), "every message is sent or dropped");
         require(sent == 0 && retries == 0 && attempts == 0, "no message is left half-way");
-        expected.push_back(errorLine("txLoop: conditional wait failed: 22\n"));
+        expected.push_back(UAFIPC.error("txLoop: conditional wait failed: 22\n"));
     }
 
     // One attempt on the oldest message: what the app's socket makes of it.
@@ -277,10 +276,10 @@ class ServiceRun {
 
     ssize_t drop(int error) {
         const Message message = waiting.front();
-        expected.push_back(errorLine("sendMsg failed: error: <-1:" + std::to_string(error) +
-                                     ">; bytes: " + std::to_string(sent) + "; attempts: <" +
-                                     std::to_string(attempts) + ":" + std::to_string(retries) +
-                                     ">; data: " + pairOf(message) + "\n"));
+        expected.push_back(UAFIPC.error("sendMsg failed: error: <-1:" + std::to_string(error) +
+                                        ">; bytes: " + std::to_string(sent) + "; attempts: <" +
+                                        std::to_string(attempts) + ":" + std::to_string(retries) +
+                                        ">; data: " + pairOf(message) + "\n"));
         finish();
         errno = error;
         return -1;

@@ -9,6 +9,8 @@
 
 namespace fuzz {
 
+using fake_log::UAFCBM;
+
 namespace {
 
 constexpr int NETLINK_FD = 903;
@@ -33,19 +35,11 @@ const char CABLE_PLUG_FILE[] =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
 
-fake_log::Line cableDebug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFCBM", text};
-}
-
-fake_log::Line cableError(const std::string& text) {
-    return {fake_log::ERROR, "UAFCBM", text};
-}
-
 fake_log::Line cableReceiveError(bool watched, int error) {
     const std::string text =
         "recvmsg error: <-1:" + std::to_string(error) + ":" + strerror(error) + ">";
-    return watched ? cableDebug(text + " - likely a timeout for RK-based SoC\n")
-                   : cableError(text + "\n");
+    return watched ? UAFCBM.debug(text + " - likely a timeout for RK-based SoC\n")
+                   : UAFCBM.error(text + "\n");
 }
 
 CableRun::CableRun() {

@@ -17,8 +17,6 @@
 
 namespace fuzz {
 
-fake_log::Line cableDebug(const std::string& text);
-fake_log::Line cableError(const std::string& text);
 // The line of a failed receive, which on the board with the watched controller is a tick.
 fake_log::Line cableReceiveError(bool watched, int error);
 

@@ -13,8 +13,7 @@ const int fuzz::MAX_INPUT_BYTES = 32;
 
 namespace {
 
-using fuzz::cableDebug;
-using fuzz::cableError;
+using fake_log::UAFCBM;
 using fuzz::require;
 
 constexpr size_t LINE_CHARACTERS = 31;  // that are read of a state file
@@ -53,7 +52,7 @@ class StateRun {
     void run() {
         const File usb = put(fuzz::CABLE_USB_FILE);
         expectStart(usb);
-        expected.push_back(cableDebug("enter loop\n"));
+        expected.push_back(UAFCBM.debug("enter loop\n"));
         cable.run([this](msghdr&) { return tick(); });
         fuzz::requireLog(expected);
         require(cable.files.openNow == 0, "every file is closed");
@@ -95,16 +94,16 @@ class StateRun {
     void expectStart(const File& usb) {
         const std::string path = fuzz::CABLE_USB_FILE;
         if (usb.openError != 0) {
-            expected.push_back(cableError("opening " + path + " failed: <" +
-                                          std::to_string(usb.openError) + ":" +
-                                          strerror(usb.openError) + ">\n"));
+            expected.push_back(UAFCBM.error("opening " + path + " failed: <" +
+                                            std::to_string(usb.openError) + ":" +
+                                            strerror(usb.openError) + ">\n"));
         } else if (!usb.hasLine() || (usb.readError != 0 && !isWhole(usb.text))) {
             const bool broken = usb.readError != 0;
-            expected.push_back(cableError("reading " + path +
-                                          " failed: feof=" + (broken ? "0" : "1") +
-                                          ", ferror=" + (broken ? "1" : "0") + "\n"));
+            expected.push_back(UAFCBM.error("reading " + path +
+                                            " failed: feof=" + (broken ? "0" : "1") +
+                                            ", ferror=" + (broken ? "1" : "0") + "\n"));
         } else {
-            expected.push_back(cableDebug("Initial USB state is " + lineOf(usb.text) + "\n"));
+            expected.push_back(UAFCBM.debug("Initial USB state is " + lineOf(usb.text) + "\n"));
             told = beginsWith(lineOf(usb.text), "CONFIGURED");
         }
     }
@@ -140,9 +139,9 @@ class StateRun {
             seenStuck = 0;
             restarts++;
             expected.push_back(
-                cableDebug("Cable plugged without android_usb subsystem acknowledging the plug. "
-                           "Restart UDC with property: uac2,adb"));
-            expected.push_back(cableDebug("Issue: setprop sys.usb.config uac2,adb\n\n"));
+                UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
+                             "Restart UDC with property: uac2,adb"));
+            expected.push_back(UAFCBM.debug("Issue: setprop sys.usb.config uac2,adb\n\n"));
         }
     }
 

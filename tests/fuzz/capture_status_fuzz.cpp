@@ -18,6 +18,7 @@ const int fuzz::MAX_INPUT_BYTES = 48;
 
 namespace {
 
+using fake_log::UAFSNK;
 using fuzz::require;
 
 constexpr size_t LINE_CHARACTERS = 79;
@@ -45,10 +46,6 @@ const std::string WORDS[] = {std::string(1, '\0'),
                              "-",
                              "state: RUNNING\ntstamp      : 1700000000.123456789\n",
                              "state: RUNNING\ntstamp      : "};
-
-fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSNK", text};
-}
 
 // A file, and its lines as they are read: none of more than LINE_CHARACTERS, the last one lost when
 // reading breaks off in it.
@@ -156,17 +153,18 @@ class CaptureRun {
         const std::vector<std::string> ids = id.lines();
         if (id.missing || ids.empty()) {
             const std::string reason = strerror(id.missing ? ENOENT : id.breaksOff ? EIO : 0);
-            expected.push_back(error(id.missing ? "Failed to open " + ID_FILE + ": " + reason
+            expected.push_back(UAFSNK.error(id.missing
+                                                ? "Failed to open " + ID_FILE + ": " + reason
                                                 : "Failed to determine card type for: " + ID_FILE));
-            expected.push_back(error("Failed to open " + STATUS_FILES[1] + ": " + reason));
+            expected.push_back(UAFSNK.error("Failed to open " + STATUS_FILES[1] + ": " + reason));
             return -1;
         }
         const bool known = ids[0].find("tarvine") != std::string::npos ||
                            ids[0].find("rockchiprt5640c") != std::string::npos;
         const TextFile& status = statuses[known ? 0 : 1];
         if (status.missing) {
-            expected.push_back(error("Failed to open " + STATUS_FILES[known ? 0 : 1] +
-                                     ": No such file or directory"));
+            expected.push_back(UAFSNK.error("Failed to open " + STATUS_FILES[known ? 0 : 1] +
+                                            ": No such file or directory"));
             return -1;
         }
         return timestampIn(status.lines());
@@ -219,7 +217,7 @@ class CaptureRun {
         }
         if (startNs < 1 || triesLeft-- == 0) {
             finished = true;
-            expected.push_back(error("synch startup failed"));
+            expected.push_back(UAFSNK.error("synch startup failed"));
             return -1;
         }
         if (frames < 1) {
@@ -233,7 +231,7 @@ class CaptureRun {
             return 1;
         }
         finished = true;
-        expected.push_back({fake_log::DEBUG, "UAFSNK", "synch startup ok"});
+        expected.push_back(UAFSNK.debug("synch startup ok"));
         return 0;
     }
 

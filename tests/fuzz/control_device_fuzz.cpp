@@ -22,6 +22,7 @@ const int fuzz::MAX_INPUT_BYTES = 24;
 namespace {
 
 using fake_ipc::Message;
+using fake_log::UAFIFO;
 using fuzz::require;
 using fuzz::requireSame;
 
@@ -208,8 +209,8 @@ class DeviceRun {
     void checkLine() {
         const fuzz::Lines lines = fake_log::take();
         requireSame(expectedLine, lines.empty() ? "" : lines[0].text, "an event has its line");
-        const fake_log::Line invalid{fake_log::ERROR, "UAFIFO",
-                                     "invalid msg: type=" + std::to_string(record[0]) + "\n"};
+        const fake_log::Line invalid =
+            UAFIFO.error("invalid msg: type=" + std::to_string(record[0]) + "\n");
         const bool reported = std::find(lines.begin(), lines.end(), invalid) != lines.end();
         require(reported == (!lines.empty() && record[0] > 7), "an unknown type is reported");
     }

@@ -15,8 +15,7 @@ const int fuzz::MAX_INPUT_BYTES = 40;
 
 namespace {
 
-using fuzz::cableDebug;
-using fuzz::cableError;
+using fake_log::UAFCBM;
 using fuzz::require;
 using fuzz::requireSame;
 
@@ -122,8 +121,8 @@ class PropertyRun {
 
     // Three ticks that find the cable plugged and the gadget unaware of it.
     void monitor() {
-        fuzz::Lines expected = {cableDebug("Initial USB state is DISCONNECTED\n\n"),
-                                cableDebug("enter loop\n")};
+        fuzz::Lines expected = {UAFCBM.debug("Initial USB state is DISCONNECTED\n\n"),
+                                UAFCBM.debug("enter loop\n")};
         int ticks = 0;
         bool watched = false;
         cable.run([&](msghdr&) {
@@ -146,13 +145,13 @@ class PropertyRun {
     static std::vector<std::string> restart(const std::string& value, fuzz::Lines& expected) {
         const std::string command = "setprop sys.usb.config " + value + "\n";
         expected.push_back(
-            cableDebug("Cable plugged without android_usb subsystem acknowledging the plug. "
-                       "Restart UDC with property: " +
-                       value));
-        expected.push_back(cableDebug("Issue: " + command + "\n"));
+            UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
+                         "Restart UDC with property: " +
+                         value));
+        expected.push_back(UAFCBM.debug("Issue: " + command + "\n"));
         if (value.find_first_not_of(HARMLESS) != std::string::npos) {
-            expected.push_back(
-                cableError("not issued: the value holds characters that a shell could act upon\n"));
+            expected.push_back(UAFCBM.error(
+                "not issued: the value holds characters that a shell could act upon\n"));
             return {};
         }
         return {command};

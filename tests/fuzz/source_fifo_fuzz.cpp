@@ -20,20 +20,13 @@ const int fuzz::MAX_INPUT_BYTES = 20;
 
 namespace {
 
+using fake_log::UAFSRC;
 using fuzz::require;
 
 constexpr char FIFO[] = "/nowhere/fifo";  // nothing real may stand there
 constexpr int FIFO_FD = 77;
 constexpr size_t BLOCK_BYTES = 1920;
 constexpr size_t BLOCK_FRAMES = 480;
-
-fake_log::Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFSRC", text};
-}
-
-fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSRC", text};
-}
 
 // Bytes of which no two pieces are alike.
 const uint8_t* noise() {
@@ -84,11 +77,12 @@ class SourceRun {
     // A start that finds no card leaves its buffer thread, which is all that is wanted here.
     void run() {
         require(source.intfUpdate(true) == -1 && bufferThread != nullptr, "the thread is created");
-        expected = {debug("init SSRS\n"), debug("start, opening hw:1\n"),
-                    error("error at uafStart@204: rc=-19\n"), debug("enter buffer loop\n")};
+        expected = {UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening hw:1\n"),
+                    UAFSRC.error("error at uafStart@204: rc=-19\n"),
+                    UAFSRC.debug("enter buffer loop\n")};
         bufferThread(instance);
-        expected.push_back(debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
-                                 ", fifoRead " + std::to_string(total) + "\n"));
+        expected.push_back(UAFSRC.debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
+                                        ", fifoRead " + std::to_string(total) + "\n"));
         require(!blockDue, "every block reaches the frame buffer");
         compareLog();
         fake_ssrs::reset();
@@ -105,10 +99,10 @@ class SourceRun {
         }
         if (how >= 240) {
             errno = fuzz::errorOf(how);
-            expected.push_back(error("failed to open /nowhere/fifo\n"));
+            expected.push_back(UAFSRC.error("failed to open /nowhere/fifo\n"));
             return -1;
         }
-        expected.push_back(debug("/nowhere/fifo opened buffer size 4096\n"));
+        expected.push_back(UAFSRC.debug("/nowhere/fifo opened buffer size 4096\n"));
         openFd = how >= 224 ? 0 : FIFO_FD;  // 0 counts as closed, but for the read then
         justOpened = true;
         return openFd;
@@ -132,8 +126,8 @@ class SourceRun {
             return size;
         }
         errno = fuzz::errorOf(how);
-        expected.push_back(debug("closing /nowhere/fifo, failed to read rc=" +
-                                 std::to_string(size) + ", expect 1920\n"));
+        expected.push_back(UAFSRC.debug("closing /nowhere/fifo, failed to read rc=" +
+                                        std::to_string(size) + ", expect 1920\n"));
         std::fill(block.begin(), block.end(), int16_t{0});
         return size;
     }
@@ -148,7 +142,7 @@ class SourceRun {
     }
 
     void stop() {
-        expected.push_back(debug("stopping buffer thread\n"));
+        expected.push_back(UAFSRC.debug("stopping buffer thread\n"));
         source.uafStop();
     }
 
@@ -181,11 +175,12 @@ class SourceRun {
 
     void finishPass(int32_t result) {
         if (result == SSRS_BAD_PARAMETER) {
-            expected.push_back(error("SSRS_Write error: 3\n"));
+            expected.push_back(UAFSRC.error("SSRS_Write error: 3\n"));
             return;
         }
         if (passes++ == 0) {
-            expected.push_back(debug("buffer loopcnt 0, fifoRead " + std::to_string(total) + "\n"));
+            expected.push_back(
+                UAFSRC.debug("buffer loopcnt 0, fifoRead " + std::to_string(total) + "\n"));
         }
     }
 

@@ -17,8 +17,7 @@ const int fuzz::MAX_INPUT_BYTES = 64;
 
 namespace {
 
-using fuzz::cableDebug;
-using fuzz::cableError;
+using fake_log::UAFCBM;
 using fuzz::require;
 using Message = IpcService::Message;
 
@@ -102,9 +101,9 @@ class UeventRun {
         if (watched) {
             cable.properties[CONTROLLER] = "ff300000.usb\n";
         }
-        expected = {cableError(std::string("opening ") + fuzz::CABLE_USB_FILE +
-                               " failed: <2:No such file or directory>\n"),
-                    cableDebug("enter loop\n")};
+        expected = {UAFCBM.error(std::string("opening ") + fuzz::CABLE_USB_FILE +
+                                 " failed: <2:No such file or directory>\n"),
+                    UAFCBM.debug("enter loop\n")};
         cable.run([this](msghdr& header) { return receive(header); });
         require(cable.watched == watched, "the property decides on the check");
         require(cable.commands.empty(), "nothing is restarted");
@@ -136,8 +135,8 @@ class UeventRun {
         errno = 0;
         if ((how & 7) == 1) {
             header.msg_flags = MSG_TRUNC;
-            expected.push_back(cableError("recvmsg truncate: <" + std::to_string(n) +
-                                          ":0:Success>, buf size is 2304\n"));
+            expected.push_back(UAFCBM.error("recvmsg truncate: <" + std::to_string(n) +
+                                            ":0:Success>, buf size is 2304\n"));
         } else if ((how & 7) == 2) {
             sender->nl_pid = input.byte() % 4;
             sender->nl_groups = input.byte() % 4;
@@ -151,11 +150,11 @@ class UeventRun {
     void handle(const std::string& bytes, bool fromKernel) {
         const Reading event(bytes);
         if (!fromKernel) {
-            expected.push_back(cableError("ignoring non-kernel netlink multicast message\n"));
+            expected.push_back(UAFCBM.error("ignoring non-kernel netlink multicast message\n"));
         } else if (bytes.empty()) {
-            expected.push_back(cableDebug("recvmsg returned zero\n"));
+            expected.push_back(UAFCBM.debug("recvmsg returned zero\n"));
         } else if (!event.valid) {
-            expected.push_back(cableError("decoding netlinmk msg failed\n"));
+            expected.push_back(UAFCBM.error("decoding netlinmk msg failed\n"));
         } else if (event.subsystem == "android_usb") {
             handle(event);
         }
@@ -164,11 +163,11 @@ class UeventRun {
     void handle(const Reading& event) {
         const std::string text = "subsystem: android_usb, action: " + std::to_string(event.action);
         if (event.action != 3) {
-            expected.push_back(cableDebug(text + "\n"));
+            expected.push_back(UAFCBM.debug(text + "\n"));
         } else if (!event.hasState) {
-            expected.push_back(cableError("usb state is NULL\n"));
+            expected.push_back(UAFCBM.error("usb state is NULL\n"));
         } else {
-            expected.push_back(cableDebug(text + ", usbstate=" + event.state + "\n"));
+            expected.push_back(UAFCBM.debug(text + ", usbstate=" + event.state + "\n"));
             follow(event.state);
         }
     }

@@ -29,6 +29,7 @@
 
 namespace cable {
 
+using fake_log::UAFCBM;
 using Lines = std::vector<fake_log::Line>;
 using Messages = std::vector<IpcService::Message>;
 using Strings = std::vector<std::string>;
@@ -39,13 +40,7 @@ inline const std::string PLUG_PATH =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
 
-inline fake_log::Line debugLine(const std::string& text) {
-    return {fake_log::DEBUG, "UAFCBM", text};
-}
-inline fake_log::Line errorLine(const std::string& text) {
-    return {fake_log::ERROR, "UAFCBM", text};
-}
-inline const fake_log::Line TICK_LINE = debugLine(
+inline const fake_log::Line TICK_LINE = UAFCBM.debug(
     "recvmsg error: <-1:11:Resource temporarily unavailable> - likely a timeout for RK-based "
     "SoC\n");
 
@@ -75,7 +70,7 @@ inline Receive usbState(const std::string& state) {
 }
 
 inline fake_log::Line usbStateLine(const std::string& state) {
-    return debugLine("subsystem: android_usb, action: 3, usbstate=" + state + "\n");
+    return UAFCBM.debug("subsystem: android_usb, action: 3, usbstate=" + state + "\n");
 }
 
 class Fixture : public fake_sys::Test {
@@ -213,7 +208,7 @@ class Fixture : public fake_sys::Test {
         for (const fake_log::Line& line : fake_log::lines()) {
             if (inside)
                 lines.push_back(line);
-            inside = inside || line == debugLine("enter loop\n");
+            inside = inside || line == UAFCBM.debug("enter loop\n");
         }
         EXPECT_TRUE(inside) << "the loop was not entered";
         return lines;

@@ -23,14 +23,6 @@ constexpr pthread_t NEW_WORKER = 42;
 const fake_ipc::Message ON_MESSAGE{TestChannel::MSG_TYPE, 1};
 const fake_ipc::Message OFF_MESSAGE{TestChannel::MSG_TYPE, 0};
 
-inline fake_log::Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFCH", text};
-}
-
-inline fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFCH", text};
-}
-
 class Test : public fake_alsa::Test {
   protected:
     void SetUp() override {

@@ -132,7 +132,7 @@ class ChannelLifecycleTest : public fake_alsa::Test {
     }
 
     static int logged(int priority, const char* tag, const std::string& text) {
-        return fake_log::count(priority, tag, text);
+        return fake_log::count({priority, tag, text});
     }
 
     const TempDir directory;

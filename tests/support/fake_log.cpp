@@ -43,9 +43,9 @@ std::vector<Line> take() {
     return std::exchange(storedLines(), {});
 }
 
-int count(int priority, const std::string& tag, const std::string& text) {
+int count(const Line& line) {
     const std::vector<Line> all = lines();
-    return static_cast<int>(std::count(all.begin(), all.end(), Line{priority, tag, text}));
+    return static_cast<int>(std::count(all.begin(), all.end(), line));
 }
 
 void clear() {

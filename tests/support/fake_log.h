@@ -24,12 +24,28 @@ struct Line {
 };
 std::ostream& operator<<(std::ostream& out, const Line& line);
 
+// A module's lines as a test expects them: UAFSRC.error("...").
+struct Tag {
+    const char* name;
+
+    Line debug(const std::string& text) const { return {DEBUG, name, text}; }
+    Line error(const std::string& text) const { return {ERROR, name, text}; }
+};
+constexpr Tag UAFIFO{"UAFIFO"};  // daemon
+constexpr Tag UAFCH{"UAFCH"};    // channel: both
+constexpr Tag UAFSRC{"UAFSRC"};  // channel: the source
+constexpr Tag UAFSNK{"UAFSNK"};  // channel: the sink
+constexpr Tag UAFSND{"UAFSND"};  // alsa
+constexpr Tag UAFIPC{"UAFIPC"};  // ipc
+constexpr Tag UAFCBM{"UAFCBM"};  // cable
+constexpr Tag UAFTAG{"UAFTAG"};  // what tests give to parts that log under their user's tag
+
 // Every line since the last clear(), oldest first.
 std::vector<Line> lines();
 // The same, and forgets them.
 std::vector<Line> take();
 // How often exactly this line was logged.
-int count(int priority, const std::string& tag, const std::string& text);
+int count(const Line& line);
 void clear();
 
 // Called for each line when set, on the thread that logs it, without a lock held; unset by the

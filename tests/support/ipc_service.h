@@ -20,13 +20,6 @@
 
 namespace ipc_service {
 
-inline fake_log::Line debugLine(const std::string& text) {
-    return {fake_log::DEBUG, "UAFIPC", text};
-}
-inline fake_log::Line errorLine(const std::string& text) {
-    return {fake_log::ERROR, "UAFIPC", text};
-}
-
 // The log behind its first and before its last line, which must be these.
 inline std::vector<fake_log::Line> linesBetween(const fake_log::Line& first,
                                                 const fake_log::Line& last) {

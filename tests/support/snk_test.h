@@ -29,14 +29,6 @@ constexpr size_t PERIOD_SAMPLES = 480;  // of one period in the FIFO: 240 frames
 
 using Period = std::vector<int16_t>;
 
-inline fake_log::Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFSNK", text};
-}
-
-inline fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSNK", text};
-}
-
 class Test : public fake_alsa::Test {
   protected:
     void SetUp() override {

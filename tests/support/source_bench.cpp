@@ -6,6 +6,8 @@
 
 namespace source_bench {
 
+using fake_log::UAFSRC;
+
 void Test::SetUp() {
     fake_alsa::Test::SetUp();
     fake_ssrs::reset();
@@ -198,8 +200,8 @@ void Test::failStartAt(const std::string& function, int step) {
     fake_alsa::answerAt(function, 1, -ENODEV);
     EXPECT_EQ(-1, source->intfUpdate(true)) << function;
     EXPECT_EQ(UAFCH_STOPPED, source->state);
-    const auto report = error("error at uafStart@" + std::to_string(step) + ": rc=-19\n");
-    EXPECT_EQ(1, fake_log::count(report.priority, report.tag, report.text)) << function;
+    const auto report = UAFSRC.error("error at uafStart@" + std::to_string(step) + ": rc=-19\n");
+    EXPECT_EQ(1, fake_log::count(report)) << function;
     EXPECT_EQ(std::vector<fake_ipc::Message>{}, fake_ipc::messages());
 }
 

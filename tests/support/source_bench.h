@@ -27,12 +27,6 @@ constexpr int BLOCK_BYTES = 1920;
 constexpr int BLOCK_SAMPLES = 480;
 constexpr int FRAME_SAMPLES = 240;
 
-inline fake_log::Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFSRC", text};
-}
-inline fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSRC", text};
-}
 inline fake_log::Line base(int priority, const std::string& text) {
     return {priority, "UAFCH", text};
 }

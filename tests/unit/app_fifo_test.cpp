@@ -24,18 +24,12 @@
 
 namespace {
 
+using fake_log::UAFTAG;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr size_t BLOCK_BYTES = 960;
-constexpr char TAG[] = "UAFTAG";
-
-fake_log::Line debug(const std::string& text) {
-    return {fake_log::DEBUG, TAG, text};
-}
-fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, TAG, text};
-}
+constexpr const char* TAG = UAFTAG.name;
 
 // ---- The calls that are made -------------------------------------------------------------------
 
@@ -80,7 +74,8 @@ TEST_F(AppFifoTest, OpensThePathAndReportsTheCapacityThatWasGranted) {
     EXPECT_TRUE(fifo.isOpen());
     EXPECT_TRUE(fifo.isPipe());
     EXPECT_THAT(calls, ElementsAre("/tmp/fifo 1", "5 set 960", "5 get "));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("/tmp/fifo opened buffer size 4096\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFTAG.debug("/tmp/fifo opened buffer size 4096\n")));
 }
 
 TEST_F(AppFifoTest, AnythingElseInTheFifosPlaceIsNoPipe) {
@@ -89,7 +84,7 @@ TEST_F(AppFifoTest, AnythingElseInTheFifosPlaceIsNoPipe) {
     EXPECT_TRUE(open());
     EXPECT_TRUE(fifo.isOpen());
     EXPECT_FALSE(fifo.isPipe());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("/tmp/fifo opened buffer size -1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("/tmp/fifo opened buffer size -1\n")));
 }
 
 TEST_F(AppFifoTest, AFailedOpenLeavesItClosed) {
@@ -104,7 +99,7 @@ TEST_F(AppFifoTest, AFailedOpenLeavesItClosed) {
     EXPECT_FALSE(open());
     EXPECT_FALSE(fifo.isOpen());
     EXPECT_FALSE(fifo.wasLetOut());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("failed to open /tmp/fifo\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open /tmp/fifo\n")));
 }
 
 TEST_F(AppFifoTest, AnUnsetPathFailsWithoutAnOpen) {
@@ -114,7 +109,7 @@ TEST_F(AppFifoTest, AnUnsetPathFailsWithoutAnOpen) {
     };
     EXPECT_FALSE(open(nullptr));
     EXPECT_FALSE(fifo.isOpen());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("failed to open (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open (null)\n")));
 }
 
 TEST_F(AppFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
@@ -276,7 +271,7 @@ TEST_P(AppFifoWaitTest, ALookFindsThatTheFifoHasGone) {
     user.join();
     EXPECT_FALSE(opened);
     EXPECT_FALSE(fifo.wasLetOut());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("failed to open " + path + "\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open " + path + "\n")));
 }
 
 // The thread has found the old FIFO, but does not wait yet: the first signal is lost.

@@ -12,12 +12,13 @@
 
 namespace {
 
+using fake_log::UAFCBM;
 using namespace cable;
 
-const fake_log::Line RESTART_LINE = debugLine(
+const fake_log::Line RESTART_LINE = UAFCBM.debug(
     "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
     "property: mtp,adb");
-const fake_log::Line ISSUE_LINE = debugLine("Issue: setprop sys.usb.config mtp,adb\n\n");
+const fake_log::Line ISSUE_LINE = UAFCBM.debug("Issue: setprop sys.usb.config mtp,adb\n\n");
 
 class CableCheckTest : public cable::Fixture {
   protected:
@@ -85,9 +86,10 @@ TEST_F(CableCheckTest, EveryReceiveErrorIsATick) {
     ticks[0].error = ENOBUFS;
     ticks[1].error = EINTR;
     EXPECT_EQ(1U, restartsAfter(ticks));
-    EXPECT_EQ(debugLine("recvmsg error: <-1:105:No buffer space available> - likely a timeout for "
-                        "RK-based SoC\n"),
-              linesInLoop()[0]);
+    EXPECT_EQ(
+        UAFCBM.debug("recvmsg error: <-1:105:No buffer space available> - likely a timeout for "
+                     "RK-based SoC\n"),
+        linesInLoop()[0]);
 }
 
 TEST_F(CableCheckTest, UeventsNeitherCountNorReset) {
@@ -148,10 +150,10 @@ TEST_F(CableCheckTest, UnsetConfigurationIsIssuedEmpty) {
     std::filesystem::remove(folder.path() + "/sys.usb.config");
     run(threeFaults());
     EXPECT_EQ((Strings{"setprop sys.usb.config \n"}), commands);
-    EXPECT_EQ(1, fake_log::count(fake_log::DEBUG, "UAFCBM",
-                                 "Cable plugged without android_usb subsystem acknowledging the "
-                                 "plug. Restart UDC with property: "));
-    EXPECT_EQ(1, fake_log::count(fake_log::DEBUG, "UAFCBM", "Issue: setprop sys.usb.config \n\n"));
+    EXPECT_EQ(1, fake_log::count(
+                     UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the "
+                                  "plug. Restart UDC with property: ")));
+    EXPECT_EQ(1, fake_log::count(UAFCBM.debug("Issue: setprop sys.usb.config \n\n")));
 }
 
 TEST_F(CableCheckTest, LongestConfigurationIsIssuedWhole) {
@@ -168,12 +170,13 @@ TEST_F(CableCheckTest, ConfigurationThatAShellWouldActUponIsLoggedButNotIssued) 
         fake_log::clear();
         EXPECT_EQ(0U, restartsAfter(threeFaults())) << value;
         EXPECT_EQ(
-            (Lines{TICK_LINE, TICK_LINE, TICK_LINE,
-                   debugLine("Cable plugged without android_usb subsystem acknowledging the plug. "
+            (Lines{
+                TICK_LINE, TICK_LINE, TICK_LINE,
+                UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
                              "Restart UDC with property: " +
                              value),
-                   debugLine("Issue: setprop sys.usb.config " + value + "\n\n"),
-                   errorLine("not issued: the value holds characters that a shell could act "
+                UAFCBM.debug("Issue: setprop sys.usb.config " + value + "\n\n"),
+                UAFCBM.error("not issued: the value holds characters that a shell could act "
                              "upon\n")}),
             linesInLoop());
     }

@@ -17,6 +17,7 @@
 
 namespace {
 
+using fake_log::UAFCBM;
 using namespace cable;
 
 using CableMonTest = cable::Fixture;
@@ -48,7 +49,7 @@ TEST_F(CableMonTest, SocketFails) {
         return -1;
     };
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{errorLine("opening netlink socket failed: <24:Too many open files>\n")}),
+    EXPECT_EQ((Lines{UAFCBM.error("opening netlink socket failed: <24:Too many open files>\n")}),
               fake_log::lines());
     EXPECT_EQ(Strings{}, calls);
 }
@@ -59,7 +60,8 @@ TEST_F(CableMonTest, BindFailsAndTheSocketIsClosedOnce) {
         return -1;
     };
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{errorLine("bind failed: <98:Address already in use>\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{UAFCBM.error("bind failed: <98:Address already in use>\n")}),
+              fake_log::lines());
     EXPECT_EQ((Strings{"socket", "close"}), calls);
     fake_sys::hooks().socket = [](int, int, int) { return -1; };
     EXPECT_FALSE(monitor.start());
@@ -84,8 +86,8 @@ TEST_F(CableMonTest, FailedCloseIsLogged) {
         return -1;
     };
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{errorLine("bind failed: <13:Permission denied>\n"),
-                     errorLine("closing netlink socket failed: <-1:5:Input/output error>\n")}),
+    EXPECT_EQ((Lines{UAFCBM.error("bind failed: <13:Permission denied>\n"),
+                     UAFCBM.error("closing netlink socket failed: <-1:5:Input/output error>\n")}),
               fake_log::lines());
 }
 
@@ -103,7 +105,7 @@ TEST_F(CableMonTest, ThreadFailsWithErrnoInItsLineAndTheMonitorStopped) {
         pthread_exit(nullptr);
     };
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{errorLine("pthread_create: <12:Cannot allocate memory>\n")}),
+    EXPECT_EQ((Lines{UAFCBM.error("pthread_create: <12:Cannot allocate memory>\n")}),
               fake_log::lines());
     EXPECT_EQ((Strings{"socket", "bind", "close"}), calls);
     entry(&monitor);
@@ -113,8 +115,9 @@ TEST_F(CableMonTest, ThreadFailsWithErrnoInItsLineAndTheMonitorStopped) {
 TEST_F(CableMonTest, InitialConfiguredIsReportedToTheApp) {
     setUsb("CONFIGURED\n");
     run({});
-    EXPECT_EQ((Lines{debugLine("Initial USB state is CONFIGURED\n\n"), debugLine("enter loop\n")}),
-              fake_log::lines());
+    EXPECT_EQ(
+        (Lines{UAFCBM.debug("Initial USB state is CONFIGURED\n\n"), UAFCBM.debug("enter loop\n")}),
+        fake_log::lines());
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
@@ -123,8 +126,8 @@ TEST_F(CableMonTest, InitialOtherStateIsNotReported) {
         fake_log::clear();
         setUsb(state);
         run({usbState("DISCONNECTED")});
-        EXPECT_EQ((Lines{debugLine("Initial USB state is " + state + "\n"),
-                         debugLine("enter loop\n"), usbStateLine("DISCONNECTED")}),
+        EXPECT_EQ((Lines{UAFCBM.debug("Initial USB state is " + state + "\n"),
+                         UAFCBM.debug("enter loop\n"), usbStateLine("DISCONNECTED")}),
                   fake_log::lines());
         EXPECT_EQ(Messages{}, service.take());
     }
@@ -133,25 +136,26 @@ TEST_F(CableMonTest, InitialOtherStateIsNotReported) {
 TEST_F(CableMonTest, InitialLineIsReadUpToItsThirtyFirstCharacter) {
     setUsb("CONFIGURED" + std::string(40, 'x') + "\n");
     run({});
-    EXPECT_EQ(1, fake_log::count(fake_log::DEBUG, "UAFCBM",
-                                 "Initial USB state is CONFIGURED" + std::string(21, 'x') + "\n"));
+    EXPECT_EQ(1, fake_log::count(UAFCBM.debug("Initial USB state is CONFIGURED" +
+                                              std::string(21, 'x') + "\n")));
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
 TEST_F(CableMonTest, InitialStateThatCannotBeOpened) {
     std::filesystem::remove(folder.path() + "/usb");
     run({usbState("CONFIGURED")});
-    EXPECT_EQ((Lines{errorLine("opening " + USB_PATH + " failed: <2:No such file or directory>\n"),
-                     debugLine("enter loop\n"), usbStateLine("CONFIGURED")}),
-              fake_log::lines());
+    EXPECT_EQ(
+        (Lines{UAFCBM.error("opening " + USB_PATH + " failed: <2:No such file or directory>\n"),
+               UAFCBM.debug("enter loop\n"), usbStateLine("CONFIGURED")}),
+        fake_log::lines());
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
 TEST_F(CableMonTest, InitialStateThatIsEmpty) {
     setUsb("");
     run({});
-    EXPECT_EQ((Lines{errorLine("reading " + USB_PATH + " failed: feof=1, ferror=0\n"),
-                     debugLine("enter loop\n")}),
+    EXPECT_EQ((Lines{UAFCBM.error("reading " + USB_PATH + " failed: feof=1, ferror=0\n"),
+                     UAFCBM.debug("enter loop\n")}),
               fake_log::lines());
 }
 
@@ -166,9 +170,9 @@ TEST_F(CableMonTest, InitialStateThatFailsToReadAndToClose) {
         return fopencookie(nullptr, mode, failing);
     };
     run({});
-    EXPECT_EQ((Lines{errorLine("reading " + USB_PATH + " failed: feof=0, ferror=1\n"),
-                     errorLine("closing " + USB_PATH + " failed: <-1:5:Input/output error>\n"),
-                     debugLine("enter loop\n")}),
+    EXPECT_EQ((Lines{UAFCBM.error("reading " + USB_PATH + " failed: feof=0, ferror=1\n"),
+                     UAFCBM.error("closing " + USB_PATH + " failed: <-1:5:Input/output error>\n"),
+                     UAFCBM.debug("enter loop\n")}),
               fake_log::lines());
 }
 
@@ -217,16 +221,16 @@ TEST_F(CableMonTest, OtherActionsAreLoggedWithTheirNumber) {
     run({uevent({"add@/x", "ACTION=add", "SUBSYSTEM=android_usb", "USB_STATE=CONFIGURED"}),
          uevent({"remove@/x", "ACTION=remove", "SUBSYSTEM=android_usb"}),
          uevent({"bind@/x", "ACTION=bind", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{debugLine("subsystem: android_usb, action: 1\n"),
-                     debugLine("subsystem: android_usb, action: 2\n"),
-                     debugLine("subsystem: android_usb, action: 0\n")}),
+    EXPECT_EQ((Lines{UAFCBM.debug("subsystem: android_usb, action: 1\n"),
+                     UAFCBM.debug("subsystem: android_usb, action: 2\n"),
+                     UAFCBM.debug("subsystem: android_usb, action: 0\n")}),
               linesInLoop());
     EXPECT_EQ(Messages{}, service.take());
 }
 
 TEST_F(CableMonTest, ChangeWithoutAStateIsAnError) {
     run({uevent({"change@/x", "ACTION=change", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{errorLine("usb state is NULL\n")}), linesInLoop());
+    EXPECT_EQ((Lines{UAFCBM.error("usb state is NULL\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, OtherSubsystemsAndNoneAreIgnoredSilently) {
@@ -239,7 +243,7 @@ TEST_F(CableMonTest, OtherSubsystemsAndNoneAreIgnoredSilently) {
 
 TEST_F(CableMonTest, UndecodableEventIsAnError) {
     run({uevent({"no devpath", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{errorLine("decoding netlinmk msg failed\n")}), linesInLoop());
+    EXPECT_EQ((Lines{UAFCBM.error("decoding netlinmk msg failed\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
@@ -254,7 +258,7 @@ TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
         undecodable.senderGroups = groups;
         Receive empty = {"", 0, 0, pid, groups};
         run({foreign, undecodable, empty});
-        EXPECT_EQ(Lines(3, errorLine("ignoring non-kernel netlink multicast message\n")),
+        EXPECT_EQ(Lines(3, UAFCBM.error("ignoring non-kernel netlink multicast message\n")),
                   linesInLoop());
     }
     EXPECT_EQ(Messages{}, service.take());
@@ -262,7 +266,7 @@ TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
 
 TEST_F(CableMonTest, EmptyMessageIsLogged) {
     run({{"", 0, 0}});
-    EXPECT_EQ((Lines{debugLine("recvmsg returned zero\n")}), linesInLoop());
+    EXPECT_EQ((Lines{UAFCBM.debug("recvmsg returned zero\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, TruncatedMessageIsDroppedWhoeverSentIt) {
@@ -274,9 +278,10 @@ TEST_F(CableMonTest, TruncatedMessageIsDroppedWhoeverSentIt) {
     Receive foreign = cut;
     foreign.senderPid = 1;
     run({cut, foreign});
-    EXPECT_EQ(Lines(2, errorLine("recvmsg truncate: <2304:4:Interrupted system call>, buf size is "
-                                 "2304\n")),
-              linesInLoop());
+    EXPECT_EQ(
+        Lines(2, UAFCBM.error("recvmsg truncate: <2304:4:Interrupted system call>, buf size is "
+                              "2304\n")),
+        linesInLoop());
     EXPECT_EQ(Messages{}, service.take());
 }
 
@@ -294,10 +299,10 @@ TEST_F(CableMonTest, OtherBoardsLogReceiveErrorsAndNeverCheck) {
     folder.write("sys.usb.controller", "fe800000.usb\n");
     const Receive faulty = check("DISCONNECTED", "1");
     run({faulty, faulty, faulty, faulty, usbState("CONFIGURED")});
-    EXPECT_EQ((Lines{errorLine("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     errorLine("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     errorLine("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     errorLine("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+    EXPECT_EQ((Lines{UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
                      usbStateLine("CONFIGURED")}),
               linesInLoop());
     EXPECT_EQ(Strings{}, commands);

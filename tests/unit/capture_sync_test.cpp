@@ -17,6 +17,7 @@
 namespace {
 
 using fake_log::Line;
+using fake_log::UAFSNK;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -31,10 +32,6 @@ constexpr char RUNNING[] =
     "tstamp      : 1700000000.123456789\n"
     "delay       : 480\n";
 constexpr int64_t RUNNING_NS = 1700000000123456789;
-
-Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSNK", text};
-}
 
 class CaptureSyncTest : public fake_alsa::Test {
   protected:
@@ -115,9 +112,9 @@ TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(
-            error("Failed to open /proc/asound/card0/id: Permission denied"),
-            error("Failed to open /proc/asound/card0/pcm1c/sub0/status: Permission denied")));
+        ElementsAre(UAFSNK.error("Failed to open /proc/asound/card0/id: Permission denied"),
+                    UAFSNK.error(
+                        "Failed to open /proc/asound/card0/pcm1c/sub0/status: Permission denied")));
     EXPECT_THAT(files.events, ElementsAre(std::string("refused ") + ID_PATH));
 }
 
@@ -125,10 +122,11 @@ TEST_F(MicCaptureTimestampTest, UnreadableIdIsReportedTogetherWithTheStatusFile)
     files.breakOff(ID_PATH, "", EIO);
     files.put(PCM1_PATH, RUNNING);
     EXPECT_EQ(-1, micCaptureTimestamp());
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error("Failed to determine card type for: /proc/asound/card0/id"),
-                            error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
-                                  "Input/output error")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(UAFSNK.error("Failed to determine card type for: /proc/asound/card0/id"),
+                    UAFSNK.error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
+                                 "Input/output error")));
     EXPECT_THAT(files.events,
                 ElementsAre(std::string("open ") + ID_PATH, std::string("close ") + ID_PATH));
 }
@@ -137,7 +135,7 @@ TEST_F(MicCaptureTimestampTest, EmptyIdIsNoCardType) {
     files.put(ID_PATH, "");
     EXPECT_EQ(-1, micCaptureTimestamp());
     ASSERT_EQ(2u, fake_log::lines().size());
-    EXPECT_EQ(error("Failed to determine card type for: /proc/asound/card0/id"),
+    EXPECT_EQ(UAFSNK.error("Failed to determine card type for: /proc/asound/card0/id"),
               fake_log::lines()[0]);
     EXPECT_EQ(0, files.openNow);
 }
@@ -147,7 +145,7 @@ TEST_F(MicCaptureTimestampTest, MissingStatusFileIsReportedByItsPath) {
     files.refuse(PCM0_PATH, EMFILE);
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error(
+                ElementsAre(UAFSNK.error(
                     "Failed to open /proc/asound/card0/pcm0c/sub0/status: Too many open files")));
     EXPECT_EQ(0, files.openNow);
 }
@@ -157,7 +155,7 @@ TEST_F(MicCaptureTimestampTest, MissingStatusFileOfAnUnknownCardIsThatOfPcm1) {
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(error(
+        ElementsAre(UAFSNK.error(
             "Failed to open /proc/asound/card0/pcm1c/sub0/status: No such file or directory")));
 }
 
@@ -287,8 +285,7 @@ TEST_F(SynchStartupTest, PeriodOutsideThePhaseRangeIsWritten) {
         fake_log::clear();
         EXPECT_EQ(0, atPhase(ns)) << ns;
         EXPECT_EQ(SYNCH_FINISHED, synch.state) << ns;
-        EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(Line{fake_log::DEBUG, "UAFSNK", "synch startup ok"}));
+        EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.debug("synch startup ok")));
     }
 }
 
@@ -347,7 +344,7 @@ TEST_F(SynchStartupTest, SixHundredPeriodsMayBeHeldBack) {
     EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(0, clockReads);
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
     EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
@@ -371,17 +368,18 @@ TEST_F(SynchStartupTest, UnknownStartTimeFailsAtOnce) {
     EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
     EXPECT_EQ(0, clockReads);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
     EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, FileErrorFailsAtOnce) {
     files.refuse(PCM0_PATH, ENOENT);
     EXPECT_EQ(-1, synchStartup(0, &synch));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
-                                  "file or directory"),
-                            error("synch startup failed")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(UAFSNK.error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
+                                 "file or directory"),
+                    UAFSNK.error("synch startup failed")));
 }
 
 TEST_F(SynchStartupTest, StartTimeMustBePositive) {
@@ -399,7 +397,7 @@ TEST_F(SynchStartupTest, UnknownStateFails) {
         synch.state = state;
         EXPECT_EQ(-1, synchStartup(240, &synch));
         EXPECT_EQ(SYNCH_FINISHED, synch.state);
-        EXPECT_THAT(fake_log::lines(), ElementsAre(error("synch startup failed")));
+        EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
     }
     EXPECT_THAT(files.events, IsEmpty());
     EXPECT_EQ(0, clockReads);

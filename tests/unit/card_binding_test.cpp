@@ -18,6 +18,7 @@
 namespace {
 
 using fake_log::Line;
+using fake_log::UAFIFO;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -147,8 +148,7 @@ TEST_F(UafBindTest, BothChannelsGetTheCardAndTheirOwnFifo) {
     fake_alsa::setCards({{0, "rockchip"}, {1, DRIVER}});
     EXPECT_EQ(1, uafBind(&src, &snk));
     EXPECT_THAT(copied, ElementsAre("/tmp/usbAudioFifoTx", "hw:1", "/tmp/usbAudioFifoRx", "hw:1"));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(Line{fake_log::DEBUG, "UAFIFO", "UAC Vexa is enabled, using hw:1\n"}));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFIFO.debug("UAC Vexa is enabled, using hw:1\n")));
 }
 
 TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
@@ -192,8 +192,8 @@ TEST_F(UafBindTest, NoGadgetCardLeavesTheNames) {
     fake_alsa::setCards({{0, "rockchip"}});
     EXPECT_EQ(-1, uafBind(&src, &snk));
     EXPECT_THAT(copied, IsEmpty());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(Line{fake_log::ERROR, "UAFIFO",
-                                                    "Audio gadget driver is not ready.\n"}));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFIFO.error("Audio gadget driver is not ready.\n")));
     EXPECT_EQ(0, src.intfUpdate(false));
     EXPECT_EQ(0, snk.intfUpdate(false));
 }

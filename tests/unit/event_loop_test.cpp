@@ -21,28 +21,22 @@ namespace {
 
 using fake_ipc::Message;
 using fake_log::Line;
+using fake_log::UAFCH;
+using fake_log::UAFIFO;
+using fake_log::UAFSRC;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFIFO", text};
-}
-
-Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFIFO", text};
-}
-
-const Line ENABLED = debug("UAC Vexa is enabled, using hw:1\n");
-const Line NOT_READY = error("Audio gadget driver is not ready.\n");
-const Line NAME_NOT_SET{fake_log::ERROR, "UAFCH", "devName not set\n"};
+const Line ENABLED = UAFIFO.debug("UAC Vexa is enabled, using hw:1\n");
+const Line NOT_READY = UAFIFO.error("Audio gadget driver is not ready.\n");
+const Line NAME_NOT_SET = UAFCH.error("devName not set\n");
 
 // What intfUpdate says first: the request and the state that it met.
 Line request(int on, int state) {
-    return {
-        fake_log::DEBUG, "UAFCH",
-        "intfUpdate to " + std::to_string(on) + ", current state " + std::to_string(state) + "\n"};
+    return UAFCH.debug("intfUpdate to " + std::to_string(on) + ", current state " +
+                       std::to_string(state) + "\n");
 }
 
 Line opening(const char* tag, const std::string& name = "hw:1") {
@@ -75,9 +69,8 @@ class EventLoopTest : public fake_alsa::Test {
         std::vector<Line> lines = fake_log::lines();
         EXPECT_EQ(0u, lines[0].text.find("read msg: type=" + std::to_string(type) + ", "));
         lines.erase(lines.begin());
-        lines.erase(
-            std::remove(lines.begin(), lines.end(), Line{fake_log::DEBUG, "UAFSRC", "init SSRS\n"}),
-            lines.end());
+        lines.erase(std::remove(lines.begin(), lines.end(), UAFSRC.debug("init SSRS\n")),
+                    lines.end());
         return lines;
     }
     // The loop's state, as an event without effect shows it.
@@ -92,16 +85,18 @@ class EventLoopTest : public fake_alsa::Test {
                " bindbad:" + std::to_string(bindbad) + "}\n";
     }
     static Line disabled(int bindcnt, int bindbad) {
-        return debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
-                     ", bindbad=" + std::to_string(bindbad) + "\n");
+        return UAFIFO.debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
+                            ", bindbad=" + std::to_string(bindbad) + "\n");
     }
     static Line speakerUnbound(int bindbad) {
-        return error("Speaker active while USB is not binded, will try binding it now, bindbad=" +
-                     std::to_string(bindbad) + "\n");
+        return UAFIFO.error(
+            "Speaker active while USB is not binded, will try binding it now, bindbad=" +
+            std::to_string(bindbad) + "\n");
     }
     static Line micUnbound(int bindbad) {
-        return error("Mic active while USB is not binded, will try binding it now, bindbad=" +
-                     std::to_string(bindbad) + "\n");
+        return UAFIFO.error(
+            "Mic active while USB is not binded, will try binding it now, bindbad=" +
+            std::to_string(bindbad) + "\n");
     }
 
     UafSrc src;
@@ -117,13 +112,13 @@ TEST_F(EventLoopTest, BeginsUnbound) {
 
 TEST_F(EventLoopTest, EventIsLoggedWithTheStateBeforeIt) {
     loop.handle({0, 0xABC}, 8);
-    EXPECT_EQ(debug("read msg: type=0, data=0x00000abc, size=8; "
-                    "state={cardnum:-1 bindcnt=0 bindbad:0}\n"),
+    EXPECT_EQ(UAFIFO.debug("read msg: type=0, data=0x00000abc, size=8; "
+                           "state={cardnum:-1 bindcnt=0 bindbad:0}\n"),
               fake_log::lines()[0]);
     fake_log::clear();
     loop.handle({4294967295u, 0xFFFFFFFF}, -1);
-    EXPECT_EQ(debug("read msg: type=4294967295, data=0xffffffff, size=-1; "
-                    "state={cardnum:1 bindcnt=1 bindbad:0}\n"),
+    EXPECT_EQ(UAFIFO.debug("read msg: type=4294967295, data=0xffffffff, size=-1; "
+                           "state={cardnum:1 bindcnt=1 bindbad:0}\n"),
               fake_log::lines()[0]);
 }
 
@@ -145,7 +140,7 @@ TEST_F(EventLoopTest, BindWithoutTheCardStaysUnbound) {
 TEST_F(EventLoopTest, SecondBindSearchesAgainAndCounts) {
     handled(0, 0);
     plug(3);
-    EXPECT_THAT(handled(0, 0), ElementsAre(debug("UAC Vexa is enabled, using hw:3\n")));
+    EXPECT_THAT(handled(0, 0), ElementsAre(UAFIFO.debug("UAC Vexa is enabled, using hw:3\n")));
     EXPECT_EQ(stateOf(3, 2, 0), state());
     EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK", "hw:3")));
     EXPECT_THAT(handled(3, 1), Contains(opening("UAFSRC", "hw:3")));
@@ -322,33 +317,29 @@ TEST_F(EventLoopTest, FailedStartChangesNothingOfTheLoop) {
 
 TEST_F(EventLoopTest, SpeakerVolumeGoesToTheAppAsTypeThree) {
     EXPECT_THAT(handled(4, 0x0001FF80),
-                ElementsAre(Line{fake_log::DEBUG, "UAFCH",
-                                 "setVolume volume=-128, sending: type=0x00000003, "
-                                 "data=0x0000FF80\n"}));
+                ElementsAre(UAFCH.debug("setVolume volume=-128, sending: type=0x00000003, "
+                                        "data=0x0000FF80\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{3, 0xFF80}));
 }
 
 TEST_F(EventLoopTest, MicVolumeGoesToTheAppAsTypeFour) {
     EXPECT_THAT(handled(5, 0x12347FFF),
-                ElementsAre(Line{fake_log::DEBUG, "UAFCH",
-                                 "setVolume volume=32767, sending: type=0x00000004, "
-                                 "data=0x00007FFF\n"}));
+                ElementsAre(UAFCH.debug("setVolume volume=32767, sending: type=0x00000004, "
+                                        "data=0x00007FFF\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{4, 0x7FFF}));
 }
 
 TEST_F(EventLoopTest, SpeakerMuteGoesToTheAppAsTypeFive) {
-    EXPECT_THAT(handled(6, 2), ElementsAre(Line{fake_log::DEBUG, "UAFCH",
-                                                "setMute mute=1, sending: type=0x00000005, "
-                                                "data=0x00000001\n"}));
+    EXPECT_THAT(handled(6, 2), ElementsAre(UAFCH.debug("setMute mute=1, sending: type=0x00000005, "
+                                                       "data=0x00000001\n")));
     handled(6, 0);
     handled(6, 0x80000000);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{5, 1}, Message{5, 0}, Message{5, 1}));
 }
 
 TEST_F(EventLoopTest, MicMuteGoesToTheAppAsTypeSix) {
-    EXPECT_THAT(handled(7, 0), ElementsAre(Line{fake_log::DEBUG, "UAFCH",
-                                                "setMute mute=0, sending: type=0x00000006, "
-                                                "data=0x00000000\n"}));
+    EXPECT_THAT(handled(7, 0), ElementsAre(UAFCH.debug("setMute mute=0, sending: type=0x00000006, "
+                                                       "data=0x00000000\n")));
     handled(7, 0x00010000);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{6, 0}, Message{6, 1}));
 }
@@ -357,8 +348,9 @@ TEST_F(EventLoopTest, MicMuteGoesToTheAppAsTypeSix) {
 
 TEST_F(EventLoopTest, UnknownTypeChangesNothing) {
     handled(0, 0);
-    EXPECT_THAT(handled(8, 1), ElementsAre(error("invalid msg: type=8\n")));
-    EXPECT_THAT(handled(0xFFFFFFFF, 1), ElementsAre(error("invalid msg: type=4294967295\n")));
+    EXPECT_THAT(handled(8, 1), ElementsAre(UAFIFO.error("invalid msg: type=8\n")));
+    EXPECT_THAT(handled(0xFFFFFFFF, 1),
+                ElementsAre(UAFIFO.error("invalid msg: type=4294967295\n")));
     EXPECT_EQ(stateOf(1, 1, 0), state());
     EXPECT_THAT(fake_ipc::messages(), IsEmpty());
 }
@@ -417,7 +409,7 @@ TEST_F(EventLoopRunTest, RecordsAreHandledInOrder) {
 
 TEST_F(EventLoopRunTest, FailedFirstReadIsAnInvalidRecord) {
     EXPECT_THAT(run({{-1, {}}}), ElementsAre("type=4294967295, data=0x00000000, size=-1"));
-    EXPECT_THAT(fake_log::lines(), Contains(error("invalid msg: type=4294967295\n")));
+    EXPECT_THAT(fake_log::lines(), Contains(UAFIFO.error("invalid msg: type=4294967295\n")));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
 }
 

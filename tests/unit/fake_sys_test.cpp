@@ -13,6 +13,7 @@
 
 namespace {
 
+using fake_log::UAFCH;
 using FakeSysTest = fake_sys::Test;
 
 TEST_F(FakeSysTest, HookReplacesTheCall) {
@@ -32,8 +33,7 @@ TEST_F(FakeSysTest, UnsetHookReachesTheRealCall) {
 
 TEST_F(FakeSysTest, LogKeepsLevelTagAndExactText) {
     __android_log_print(ANDROID_LOG_ERROR, "UAFCH", "state %d", 3);
-    EXPECT_EQ((std::vector<fake_log::Line>{{fake_log::ERROR, "UAFCH", "state 3"}}),
-              fake_log::lines());
+    EXPECT_EQ((std::vector<fake_log::Line>{UAFCH.error("state 3")}), fake_log::lines());
 }
 
 }  // namespace

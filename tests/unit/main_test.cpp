@@ -22,6 +22,7 @@ int uafdMain();
 namespace {
 
 using fake_log::Line;
+using fake_log::UAFIFO;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -123,10 +124,10 @@ TEST_F(MainTest, BuildsConnectsAndRuns) {
     EXPECT_THAT(
         fake_log::lines(),
         ElementsAre(
-            Line{fake_log::DEBUG, "UAFIFO", "use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx\n"},
-            Line{fake_log::DEBUG, "UAFIFO",
-                 "Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, /tmp/usbAudioFifoTx "
-                 "after 0 attempts"}));
+            UAFIFO.debug("use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx\n"),
+            UAFIFO.debug(
+                "Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, /tmp/usbAudioFifoTx "
+                "after 0 attempts")));
     EXPECT_EQ(1, linesAtFirstOpen);
 }
 
@@ -134,8 +135,7 @@ TEST_F(MainTest, NodeThatCannotBeCreatedEndsTheProcess) {
     mknodResult = -1;
     EXPECT_EQ(-1, uafdMain());
     EXPECT_THAT(events, ElementsAreArray(joined({BUILT, FIFOS_PROBED, {"mknod"}, DESTROYED})));
-    EXPECT_EQ((Line{fake_log::ERROR, "UAFIFO", "mknod failed, rc=-1, errno=1\n"}),
-              fake_log::lines().back());
+    EXPECT_EQ((UAFIFO.error("mknod failed, rc=-1, errno=1\n")), fake_log::lines().back());
 }
 
 TEST_F(MainTest, ControlDeviceThatDoesNotOpenEndsTheProcess) {
@@ -143,7 +143,7 @@ TEST_F(MainTest, ControlDeviceThatDoesNotOpenEndsTheProcess) {
     EXPECT_EQ(-1, uafdMain());
     EXPECT_THAT(events, ElementsAreArray(joined(
                             {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user"}, DESTROYED})));
-    EXPECT_EQ((Line{fake_log::ERROR, "UAFIFO", "open /dev/uac_user failed, rc=-1, errno=6\n"}),
+    EXPECT_EQ((UAFIFO.error("open /dev/uac_user failed, rc=-1, errno=6\n")),
               fake_log::lines().back());
 }
 
@@ -154,8 +154,7 @@ TEST_F(MainTest, ServiceThatDoesNotStartEndsTheProcess) {
         events,
         ElementsAreArray(joined(
             {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user", "UafIpc::start"}, DESTROYED})));
-    EXPECT_EQ((Line{fake_log::DEBUG, "UAFIFO", "failed to initialized IPC ... exiting\n"}),
-              fake_log::lines().back());
+    EXPECT_EQ((UAFIFO.debug("failed to initialized IPC ... exiting\n")), fake_log::lines().back());
 }
 
 TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
@@ -163,8 +162,7 @@ TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
     ioctlResult = -1;
     EXPECT_THROW(uafdMain(), EndOfScript);
     EXPECT_THAT(events, Contains("read 9"));
-    EXPECT_EQ((Line{fake_log::DEBUG, "UAFIFO",
-                    "failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=25\n"}),
+    EXPECT_EQ((UAFIFO.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=25\n")),
               fake_log::lines().back());
 }
 

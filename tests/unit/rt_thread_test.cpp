@@ -13,6 +13,7 @@
 
 namespace {
 
+using fake_log::UAFTAG;
 using Lines = std::vector<fake_log::Line>;
 
 // What one pthread_create was given.
@@ -103,8 +104,7 @@ TEST_F(RtThreadTest, WithoutThePolicyLeavesThePriorityAlone) {
     ASSERT_EQ(1U, creations.size());
     EXPECT_EQ(PTHREAD_INHERIT_SCHED, creations[0].inherit);
     EXPECT_EQ(NEW_ID, threadId);
-    EXPECT_EQ((Lines{{fake_log::ERROR, "UAFTAG", "unable to setschedpolicy\n"}}),
-              fake_log::lines());
+    EXPECT_EQ((Lines{UAFTAG.error("unable to setschedpolicy\n")}), fake_log::lines());
 }
 
 TEST_F(RtThreadTest, SilentlyLeavesAPriorityThatCannotBeRead) {
@@ -131,8 +131,7 @@ TEST_F(RtThreadTest, ReportsAPriorityThatCannotBeSet) {
     EXPECT_EQ(0, createThread());
     ASSERT_EQ(1U, creations.size());
     EXPECT_EQ(PTHREAD_INHERIT_SCHED, creations[0].inherit);
-    EXPECT_EQ((Lines{{fake_log::ERROR, "UAFTAG", "unable to set thread priority\n"}}),
-              fake_log::lines());
+    EXPECT_EQ((Lines{UAFTAG.error("unable to set thread priority\n")}), fake_log::lines());
 }
 
 TEST_F(RtThreadTest, FailedCreationKeepsTheOldIdAndErrno) {

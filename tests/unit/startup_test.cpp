@@ -18,6 +18,7 @@
 namespace {
 
 using fake_log::Line;
+using fake_log::UAFIFO;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -27,16 +28,8 @@ using testing::SizeIs;
 constexpr char RX[] = "/tmp/usbAudioFifoRx";
 constexpr char TX[] = "/tmp/usbAudioFifoTx";
 
-Line debug(const std::string& text) {
-    return {fake_log::DEBUG, "UAFIFO", text};
-}
-
-Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFIFO", text};
-}
-
 Line missing(const std::string& path) {
-    return debug(path + " is not available yet. Waiting for creation...");
+    return UAFIFO.debug(path + " is not available yet. Waiting for creation...");
 }
 
 // ---- The standard streams ----------------------------------------------------------------------
@@ -130,8 +123,8 @@ TEST_F(WaitForFifosTest, BothThereAreProbedOnce) {
     EXPECT_THAT(closed, ElementsAre(11, 12));
     EXPECT_THAT(pausesUs, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, "
-                                  "/tmp/usbAudioFifoTx after 0 attempts")));
+                ElementsAre(UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, "
+                                         "/tmp/usbAudioFifoTx after 0 attempts")));
 }
 
 TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
@@ -143,8 +136,8 @@ TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
     EXPECT_THAT(linesAtPause, ElementsAre(1, 1, 2));
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(missing(RX), missing(TX),
-                            debug("Fifos observed for /tmp/usbAudioFifoRx after 2 attempts, "
-                                  "/tmp/usbAudioFifoTx after 1 attempts")));
+                            UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 2 attempts, "
+                                         "/tmp/usbAudioFifoTx after 1 attempts")));
 }
 
 TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
@@ -152,10 +145,11 @@ TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
     txFailures = 3001;
     waitForFifos();
     EXPECT_THAT(pausesUs, SizeIs(4501));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(missing(RX), missing(TX), missing(TX), missing(TX),
-                            debug("Fifos observed for /tmp/usbAudioFifoRx after 1500 attempts, "
-                                  "/tmp/usbAudioFifoTx after 3001 attempts")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(missing(RX), missing(TX), missing(TX), missing(TX),
+                    UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 1500 attempts, "
+                                 "/tmp/usbAudioFifoTx after 3001 attempts")));
     EXPECT_EQ(1u, linesAtPause[1499]);
     EXPECT_EQ(2u, linesAtPause[1500]);
     EXPECT_EQ(2u, linesAtPause[1500 + 1499]);
@@ -222,14 +216,14 @@ TEST_F(GadgetControlTest, NodeThatCannotBeCreatedIsNotOpened) {
     mknodErrno = EPERM;
     EXPECT_EQ(-1, openGadgetControl());
     EXPECT_THAT(calls, ElementsAre("mknod /dev/uac_user"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("mknod failed, rc=-1, errno=1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFIFO.error("mknod failed, rc=-1, errno=1\n")));
 }
 
 TEST_F(GadgetControlTest, NodeThatDoesNotOpenIsReported) {
     openResult = -1;
     EXPECT_EQ(-1, openGadgetControl());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error("open /dev/uac_user failed, rc=-1, errno=6\n")));
+                ElementsAre(UAFIFO.error("open /dev/uac_user failed, rc=-1, errno=6\n")));
 }
 
 TEST_F(GadgetControlTest, InitialStateIsAskedForWithoutAnArgument) {
@@ -255,8 +249,8 @@ TEST_F(GadgetControlTest, RefusedRequestIsOnlyLogged) {
         };
         requestInitialState(5);
         EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=" +
-                                      std::to_string(result) + ", error=25\n")));
+                    ElementsAre(UAFIFO.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=" +
+                                             std::to_string(result) + ", error=25\n")));
     }
 }
 

@@ -10,6 +10,7 @@
 
 namespace {
 
+using fake_log::UAFCH;
 using namespace channel_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -51,7 +52,7 @@ TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
     EXPECT_THAT(journal, ElementsAre("lock", "stop", "message", "unlock"));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(OFF_MESSAGE));
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("UAF channel stopped. Current state is (2)\n")));
+                ElementsAre(UAFCH.debug("UAF channel stopped. Current state is (2)\n")));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_EQ(0U, channel.stopDelayCnt);
     EXPECT_TRUE(channel.joinPending);
@@ -67,10 +68,11 @@ TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
     EXPECT_THAT(journal, ElementsAre("lock", "unlock", "lock", "stop", "message 0", "unlock"));
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(debug("intfUpdate to 1, current state 2\n"), debug("stopDelayCnt = 4\n"),
-                    debug("UAF channel stopped. Current state is (1)\n"),
-                    error("ALERT! This should be impossible and can cause inconsistencies "
-                          "in this channel's state.")));
+        ElementsAre(UAFCH.debug("intfUpdate to 1, current state 2\n"),
+                    UAFCH.debug("stopDelayCnt = 4\n"),
+                    UAFCH.debug("UAF channel stopped. Current state is (1)\n"),
+                    UAFCH.error("ALERT! This should be impossible and can cause inconsistencies "
+                                "in this channel's state.")));
 }
 
 // The worker runs at real-time priority: it may make any number of passes inside the cancelling
@@ -79,7 +81,7 @@ TEST_F(UafChStopTest, PassesWhileAnOnIsHandledDoNotStopTheChannel) {
     startAndSwitchOff();
     int passesLeft = 4;
     fake_log::onLine() = [&](const fake_log::Line& line) {
-        for (; line == debug("stopDelayCnt = 0\n") && passesLeft > 0; --passesLeft) {
+        for (; line == UAFCH.debug("stopDelayCnt = 0\n") && passesLeft > 0; --passesLeft) {
             EXPECT_TRUE(channel.isRunning());
         }
     };
@@ -95,9 +97,10 @@ TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
     runToStop();
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "stop", "message 0"));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error("intfMutex lock failed when attempting to stop the UAFCH: 35\n"),
-                            debug("UAF channel stopped. Current state is (2)\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(UAFCH.error("intfMutex lock failed when attempting to stop the UAFCH: 35\n"),
+                    UAFCH.debug("UAF channel stopped. Current state is (2)\n")));
 }
 
 TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
@@ -105,8 +108,8 @@ TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
     unlockResult = EPERM;
     runToStop();
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("UAF channel stopped. Current state is (2)\n"),
-                            error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
+                ElementsAre(UAFCH.debug("UAF channel stopped. Current state is (2)\n"),
+                            UAFCH.error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
 }
 
 TEST_F(UafChStopTest, TheNextStartJoinsTheFinishedWorkerFirst) {
@@ -155,7 +158,7 @@ TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 1\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
@@ -177,7 +180,7 @@ TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, Not(Contains("lock")));
     EXPECT_THAT(journal, Not(Contains("unlock")));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 2\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 2\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
@@ -198,16 +201,17 @@ TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock"));
-    EXPECT_THAT(fake_log::lines(),
-                Contains(error("intfMutex lock failed, but best effort at this point: 22\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        Contains(UAFCH.error("intfMutex lock failed, but best effort at this point: 22\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopNeedsTheNames) {
     channel.setDevName(nullptr, nullptr);
     EXPECT_EQ(-1, channel.requestStop());
     EXPECT_THAT(journal, IsEmpty());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 3\n"),
-                                               error("devName not set\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 3\n"),
+                                               UAFCH.error("devName not set\n")));
 }
 
 }  // namespace

@@ -12,6 +12,9 @@
 
 namespace {
 
+using fake_log::UAFCH;
+using fake_log::UAFSND;
+using fake_log::UAFTAG;
 using namespace channel_bench;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -30,9 +33,6 @@ class UafChStreamTest : public channel_bench::Test {
 
     void openPcm() { ASSERT_EQ(0, snd_pcm_open(&channel.pcmHandle, PCM, PLAYBACK, 0)); }
 
-    static fake_log::Line debugUnder(const std::string& text) { return {3, "UAFTAG", text}; }
-    static fake_log::Line errorUnder(const std::string& text) { return {6, "UAFTAG", text}; }
-
     static constexpr snd_pcm_stream_t PLAYBACK = SND_PCM_STREAM_PLAYBACK;
     long sleptNs = 0;
 };
@@ -47,18 +47,20 @@ TEST_F(UafChStreamTest, AVolumeTravelsInTheLowHalf) {
                 ElementsAre(Pair(3U, 0xFFFFU), Pair(4U, 0x8000U), Pair(3U, 0x1234U)));
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(debug("setVolume volume=-1, sending: type=0x00000003, data=0x0000FFFF\n"),
-                    debug("setVolume volume=-32768, sending: type=0x00000004, data=0x00008000\n"),
-                    debug("setVolume volume=4660, sending: type=0x00000003, data=0x00001234\n")));
+        ElementsAre(
+            UAFCH.debug("setVolume volume=-1, sending: type=0x00000003, data=0x0000FFFF\n"),
+            UAFCH.debug("setVolume volume=-32768, sending: type=0x00000004, data=0x00008000\n"),
+            UAFCH.debug("setVolume volume=4660, sending: type=0x00000003, data=0x00001234\n")));
 }
 
 TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
     EXPECT_EQ(0, channel.setMute(true, 5));
     EXPECT_EQ(0, channel.setMute(false, 6));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(5U, 1U), Pair(6U, 0U)));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("setMute mute=1, sending: type=0x00000005, data=0x00000001\n"),
-                            debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(UAFCH.debug("setMute mute=1, sending: type=0x00000005, data=0x00000001\n"),
+                    UAFCH.debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
 }
 
 TEST_F(UafChStreamTest, VolumeAndMuteTouchNeitherStateNorLock) {
@@ -111,9 +113,9 @@ TEST_F(UafChStreamTest, OtherCountsAreReportedAndChangeNothing) {
     UafCh::adjCh(samples.data(), 1, 3, 2);
     UafCh::adjCh(samples.data(), 0, 1, 0);
     EXPECT_THAT(samples, ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("unsupported: inCh=2, outCh=3\n"),
-                                               error("unsupported: inCh=1, outCh=3\n"),
-                                               error("unsupported: inCh=0, outCh=1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.error("unsupported: inCh=2, outCh=3\n"),
+                                               UAFCH.error("unsupported: inCh=1, outCh=3\n"),
+                                               UAFCH.error("unsupported: inCh=0, outCh=1\n")));
 }
 
 // ---- Waits and recovery ------------------------------------------------------------------------
@@ -124,7 +126,7 @@ TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
     EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
     EXPECT_EQ(3, channel.pcmStallCnt);
     EXPECT_EQ(0, sleptNs);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debugUnder("timeout0, rc=0\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=0\n")));
 }
 
 TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
@@ -141,7 +143,7 @@ TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
     EXPECT_EQ(20000000, sleptNs);
     EXPECT_EQ(2, channel.pcmStallCnt);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debugUnder("timeout0, rc=-19\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=-19\n")));
 }
 
 TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
@@ -152,8 +154,8 @@ TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
     EXPECT_EQ(0, sleptNs);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(2, fake_alsa::count("snd_pcm_prepare"));
-    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -32"));
-    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -86"));
+    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -32")));
+    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -86")));
 }
 
 TEST_F(UafChStreamTest, AnXrunLeavesTheCountOfStalls) {
@@ -170,15 +172,16 @@ TEST_F(UafChStreamTest, AFailedRecoveryIsReportedAndReturned) {
     EXPECT_EQ(0, channel.pcmStallCnt);
     const std::vector<fake_log::Line> lines = fake_log::lines();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (No such device)\n"), lines[lines.size() - 2]);
-    EXPECT_EQ(errorUnder("rc=-19\n"), lines.back());
+    EXPECT_EQ(UAFTAG.error("ALSA xrun recovery failed (No such device)\n"),
+              lines[lines.size() - 2]);
+    EXPECT_EQ(UAFTAG.error("rc=-19\n"), lines.back());
 }
 
 TEST_F(UafChStreamTest, RecoveryAloneReportsOneLine) {
     openPcm();
     fake_alsa::answerAt("snd_pcm_prepare", 1, -EIO);
     EXPECT_EQ(-EIO, channel.recoverPcm(-EPIPE, "UAFTAG"));
-    EXPECT_EQ(errorUnder("ALSA xrun recovery failed (Input/output error)\n"),
+    EXPECT_EQ(UAFTAG.error("ALSA xrun recovery failed (Input/output error)\n"),
               fake_log::lines().back());
     EXPECT_EQ(0, channel.recoverPcm(-EPIPE, "UAFTAG"));
 }

@@ -11,6 +11,7 @@
 
 namespace {
 
+using fake_log::UAFCH;
 using namespace channel_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -47,7 +48,8 @@ TEST_F(UafChTest, GoesOnWithoutAMutex) {
     };
     const TestChannel fresh(journal);
     EXPECT_EQ(UAFCH_STOPPED, fresh.state);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("pthread_mutex_init for intfMutex failed\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFCH.error("pthread_mutex_init for intfMutex failed\n")));
 }
 
 TEST_F(UafChTest, KeepsCopiesOfBothNamesWithoutALock) {
@@ -140,9 +142,10 @@ TEST_F(UafChTest, RefusesRequestsWhileANameIsUnset) {
         EXPECT_EQ(-1, channel.intfUpdate(on));
         EXPECT_EQ(UAFCH_STOPPED, channel.state);
         EXPECT_THAT(journal, IsEmpty());
-        EXPECT_THAT(fake_log::lines(), ElementsAre(debug(std::string("intfUpdate to ") +
-                                                         (on ? "1" : "0") + ", current state 3\n"),
-                                                   error("devName not set\n")));
+        EXPECT_THAT(fake_log::lines(),
+                    ElementsAre(UAFCH.debug(std::string("intfUpdate to ") + (on ? "1" : "0") +
+                                            ", current state 3\n"),
+                                UAFCH.error("devName not set\n")));
     };
     for (const bool on : {true, false}) {
         refuses(nullptr, nullptr, on);
@@ -155,7 +158,7 @@ TEST_F(UafChTest, ANameWithoutMemoryIsUnset) {
     fake_sys::hooks().strdup = [](const char*) { return nullptr; };
     EXPECT_EQ(0, channel.setDevName(FIFO, PCM));
     EXPECT_EQ(-1, channel.intfUpdate(true));
-    EXPECT_EQ(1, fake_log::count(fake_log::ERROR, "UAFCH", "devName not set\n"));
+    EXPECT_EQ(1, fake_log::count(UAFCH.error("devName not set\n")));
 }
 
 TEST_F(UafChTest, UnsetNamesChangeNothingInAnyState) {
@@ -187,7 +190,7 @@ TEST_F(UafChTest, OnStartsAStoppedChannel) {
     EXPECT_EQ(58, priority);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(ON_MESSAGE));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n")));
 }
 
 TEST_F(UafChTest, APositiveStartResultIsSuccess) {
@@ -203,8 +206,8 @@ TEST_F(UafChTest, AFailedStartLeavesTheChannelStopped) {
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_TRUE(channel.joinPending);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n"),
-                                               error("failed to start audio")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
+                                               UAFCH.error("failed to start audio")));
 }
 
 TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
@@ -215,8 +218,8 @@ TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
     EXPECT_EQ(OLD_WORKER, channel.threadId);
     EXPECT_FALSE(channel.joinPending);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n"),
-                                               error("pthread_create failed")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
+                                               UAFCH.error("pthread_create failed")));
 }
 
 TEST_F(UafChTest, TheWorkerIsCreatedWithWhatIsLeftOfItsAttributes) {
@@ -231,22 +234,22 @@ TEST_F(UafChTest, TheWorkerIsCreatedWithWhatIsLeftOfItsAttributes) {
     forget();
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n"),
-                                               error("unable to set thread priority\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
+                                               UAFCH.error("unable to set thread priority\n")));
 }
 
 TEST_F(UafChTest, ThePolicysFailureIsReportedUnderTheChannelsTag) {
     fake_sys::hooks().pthread_attr_setschedpolicy = [](pthread_attr_t*, int) { return EINVAL; };
     EXPECT_EQ(0, channel.intfUpdate(true));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n"),
-                                               error("unable to setschedpolicy\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
+                                               UAFCH.error("unable to setschedpolicy\n")));
 }
 
 TEST_F(UafChTest, OffChangesNothingInAStoppedChannel) {
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 3\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 3\n")));
 }
 
 TEST_F(UafChTest, OnChangesNothingInARunningChannel) {
@@ -254,7 +257,7 @@ TEST_F(UafChTest, OnChangesNothingInARunningChannel) {
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 1\n")));
 }
 
 TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
@@ -263,7 +266,7 @@ TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_EQ(0U, channel.stopDelayCnt);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 1\n")));
 }
 
 TEST_F(UafChTest, ALateIncrementDoesNotShortenTheNextStop) {
@@ -280,7 +283,7 @@ TEST_F(UafChTest, ASecondOffDoesNotRestartTheCount) {
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_EQ(2U, channel.stopDelayCnt);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 0, current state 2\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 2\n")));
     EXPECT_TRUE(channel.isRunning());
     EXPECT_FALSE(channel.isRunning());
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(OFF_MESSAGE));
@@ -299,8 +302,8 @@ TEST_F(UafChTest, OnCancelsAStopAtEachCount) {
         EXPECT_EQ(0U, channel.stopDelayCnt);
         EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
         EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(debug("intfUpdate to 1, current state 2\n"),
-                                debug("stopDelayCnt = " + std::to_string(passes) + "\n")));
+                    ElementsAre(UAFCH.debug("intfUpdate to 1, current state 2\n"),
+                                UAFCH.debug("stopDelayCnt = " + std::to_string(passes) + "\n")));
     }
 }
 
@@ -312,7 +315,7 @@ TEST_F(UafChTest, AnUnknownStateIsReportedAndKept) {
             EXPECT_EQ(0, channel.intfUpdate(on));
             EXPECT_EQ(state, channel.state);
             EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-            EXPECT_EQ(error("unknown state " + std::to_string(state) + "\n"),
+            EXPECT_EQ(UAFCH.error("unknown state " + std::to_string(state) + "\n"),
                       fake_log::lines().back());
         }
     }
@@ -323,8 +326,9 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create"));
-    const auto line = error("intfMutex lock failed, but best effort at this point: 22\n");
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("intfUpdate to 1, current state 3\n"), line));
+    const auto line = UAFCH.error("intfMutex lock failed, but best effort at this point: 22\n");
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"), line));
     forget();
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
@@ -335,7 +339,7 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
 TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
     unlockResult = EPERM;
     EXPECT_EQ(0, channel.intfUpdate(false));
-    const auto line = error("intfMutex unlock failed after stopping the UAFCH: 1\n");
+    const auto line = UAFCH.error("intfMutex unlock failed after stopping the UAFCH: 1\n");
     EXPECT_EQ(line, fake_log::lines().back());
     channel.startResult = -1;
     EXPECT_EQ(-1, channel.intfUpdate(true));

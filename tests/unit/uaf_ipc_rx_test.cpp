@@ -22,8 +22,7 @@
 
 namespace {
 
-using ipc_service::debugLine;
-using ipc_service::errorLine;
+using fake_log::UAFIPC;
 using Lines = std::vector<fake_log::Line>;
 using Message = IpcService::Message;
 using Messages = std::vector<Message>;
@@ -50,8 +49,8 @@ Receive datagram(uint32_t type, uint32_t data) {
 }
 
 const Receive END = {"", -1, EBADF};
-const fake_log::Line START_LINE = debugLine("rxLoop: starting\n");
-const fake_log::Line END_LINE = errorLine("receive error: <-1:9>\n");
+const fake_log::Line START_LINE = UAFIPC.debug("rxLoop: starting\n");
+const fake_log::Line END_LINE = UAFIPC.error("receive error: <-1:9>\n");
 
 class UafIpcRxTest : public fake_sys::Test {
   protected:
@@ -173,7 +172,7 @@ TEST_F(UafIpcRxTest, SyncUpIsLoggedAndItsDataIgnored) {
     service.take();
     fake_log::clear();
     receive({datagram(7, 0xFFFFFFFF)});
-    EXPECT_EQ((Lines{debugLine("app request init state sync up")}), linesInside());
+    EXPECT_EQ((Lines{UAFIPC.debug("app request init state sync up")}), linesInside());
     EXPECT_EQ((Messages{{0, 1}, {1, 0}, {2, 0}}), service.take());
     EXPECT_TRUE(requests.empty());
 }
@@ -221,8 +220,8 @@ TEST_F(UafIpcRxTest, SyncUpThatCannotLockIsLost) {
         return mutex == service.queueMutex ? EDEADLK : fake_sys::real::pthread_mutex_lock(mutex);
     };
     receive({datagram(7, 0)});
-    EXPECT_EQ((Lines{debugLine("app request init state sync up"),
-                     errorLine("queueMsg: lock failed: 35\n")}),
+    EXPECT_EQ((Lines{UAFIPC.debug("app request init state sync up"),
+                     UAFIPC.error("queueMsg: lock failed: 35\n")}),
               linesInside());
     EXPECT_EQ(Messages{}, service.take());
 }
@@ -234,13 +233,13 @@ TEST_F(UafIpcRxTest, SyncUpAtAHundredPendingLeavesOnlyItsLastMessage) {
         UafIpc::queueMsg({3, i});
     fake_log::clear();
     receive({datagram(7, 0)});
-    EXPECT_EQ((Lines{debugLine("app request init state sync up"),
-                     errorLine("queueMsg: overwriting msg: <0x00000003:0x00000063> -> "
-                               "<0x00000000:0x00000001>\n"),
-                     errorLine("queueMsg: overwriting msg: <0x00000000:0x00000001> -> "
-                               "<0x00000001:0x00000000>\n"),
-                     errorLine("queueMsg: overwriting msg: <0x00000001:0x00000000> -> "
-                               "<0x00000002:0x00000001>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.debug("app request init state sync up"),
+                     UAFIPC.error("queueMsg: overwriting msg: <0x00000003:0x00000063> -> "
+                                  "<0x00000000:0x00000001>\n"),
+                     UAFIPC.error("queueMsg: overwriting msg: <0x00000000:0x00000001> -> "
+                                  "<0x00000001:0x00000000>\n"),
+                     UAFIPC.error("queueMsg: overwriting msg: <0x00000001:0x00000000> -> "
+                                  "<0x00000002:0x00000001>\n")}),
               linesInside());
     const Messages taken = service.take();
     ASSERT_EQ(100U, taken.size());
@@ -323,7 +322,7 @@ TEST_F(UafIpcRxTest, SpeakerVolumeIsTheLowHalfWhateverTheUpperHolds) {
         fake_log::clear();
         requests.clear();
         receive({datagram(3, data)});
-        EXPECT_EQ((Lines{debugLine(std::string("got speaker volume msg: volume=") + volume)}),
+        EXPECT_EQ((Lines{UAFIPC.debug(std::string("got speaker volume msg: volume=") + volume)}),
                   linesInside());
         ASSERT_EQ(1U, requests.size());
         EXPECT_EQ(SET_SPK_VOLUME, requests[0].code);
@@ -338,8 +337,9 @@ TEST_F(UafIpcRxTest, SpeakerMuteIsPassedAsItIs) {
         fake_log::clear();
         requests.clear();
         receive({datagram(5, mute)});
-        EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=" + std::to_string(mute))}),
-                  linesInside());
+        EXPECT_EQ(
+            (Lines{UAFIPC.debug("got speaker volume mute msg: mute=" + std::to_string(mute))}),
+            linesInside());
         EXPECT_EQ((std::vector<Request>{{SET_SPK_MUTE, mute}}), requests);
     }
 }
@@ -351,8 +351,8 @@ TEST_F(UafIpcRxTest, FailedRequestIsLoggedAndTheNextMessageHandled) {
         fake_log::clear();
         receive({datagram(5, 1), datagram(3, 2)});
         const std::string failed = "rxLoop: ioctl failed: <" + std::to_string(result) + ":25>\n";
-        EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1"), errorLine(failed),
-                         debugLine("got speaker volume msg: volume=2"), errorLine(failed)}),
+        EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1"), UAFIPC.error(failed),
+                         UAFIPC.debug("got speaker volume msg: volume=2"), UAFIPC.error(failed)}),
                   linesInside());
     }
     EXPECT_EQ(4U, requests.size());
@@ -366,13 +366,13 @@ TEST_F(UafIpcRxTest, EveryOtherTypeIsUnknownAndChangesNothing) {
     for (const auto& [type, number] : table) {
         fake_log::clear();
         receive({datagram(type, 0)});
-        EXPECT_EQ((Lines{errorLine(std::string("got unknown msg: type=") + number +
-                                   ", msg: 0x00000000")}),
+        EXPECT_EQ((Lines{UAFIPC.error(std::string("got unknown msg: type=") + number +
+                                      ", msg: 0x00000000")}),
                   linesInside());
     }
     fake_log::clear();
     receive({datagram(9, 0xAB12CD)});
-    EXPECT_EQ((Lines{errorLine("got unknown msg: type=9, msg: 0x00AB12CD")}), linesInside());
+    EXPECT_EQ((Lines{UAFIPC.error("got unknown msg: type=9, msg: 0x00AB12CD")}), linesInside());
     EXPECT_EQ(Messages{}, service.take());
     EXPECT_TRUE(requests.empty());
     EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}}), syncUp());
@@ -380,20 +380,21 @@ TEST_F(UafIpcRxTest, EveryOtherTypeIsUnknownAndChangesNothing) {
 
 TEST_F(UafIpcRxTest, ShortDatagramIsRejectedAndTheLoopGoesOn) {
     receive({{std::string(4, 'x'), 4, 0}, {std::string(7, 'x'), 7, 0}, datagram(5, 1)});
-    EXPECT_EQ((Lines{errorLine("unexpected msg size: 4\n"), errorLine("unexpected msg size: 7\n"),
-                     debugLine("got speaker volume mute msg: mute=1")}),
-              linesInside());
+    EXPECT_EQ(
+        (Lines{UAFIPC.error("unexpected msg size: 4\n"), UAFIPC.error("unexpected msg size: 7\n"),
+               UAFIPC.debug("got speaker volume mute msg: mute=1")}),
+        linesInside());
 }
 
 TEST_F(UafIpcRxTest, ReceiveThatWouldBlockIsTriedAgain) {
     receive({{"", -1, EAGAIN}, {"", -1, EAGAIN}, datagram(5, 1)});
-    EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1")}), linesInside());
+    EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1")}), linesInside());
     EXPECT_EQ(4U, received);
 }
 
 TEST_F(UafIpcRxTest, AnyOtherReceiveErrorEndsTheThread) {
     receive({{"", -1, EINTR}, datagram(5, 1)});
-    EXPECT_EQ((Lines{START_LINE, errorLine("receive error: <-1:4>\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("receive error: <-1:4>\n")}), fake_log::lines());
     EXPECT_EQ(1U, received);
     EXPECT_EQ(1, opens);
 }
@@ -408,7 +409,7 @@ TEST_F(UafIpcRxTest, MissingControlDeviceEndsTheThread) {
         return -1;
     };
     service.runRx();
-    EXPECT_EQ((Lines{START_LINE, errorLine("rxLoop: opening /dev/uac_user failed: <-1:2>\n")}),
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("rxLoop: opening /dev/uac_user failed: <-1:2>\n")}),
               fake_log::lines());
 }
 
@@ -459,11 +460,11 @@ TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheT
     service.runRx();
     close(ends[0]);
     close(ends[1]);
-    EXPECT_EQ(
-        (Lines{START_LINE, debugLine("got speaker volume mute msg: mute=1"),
-               errorLine("unexpected msg size: 4\n"), debugLine("got speaker volume msg: volume=2"),
-               errorLine("receive error: <0:10>\n")}),
-        fake_log::lines());
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.debug("got speaker volume mute msg: mute=1"),
+                     UAFIPC.error("unexpected msg size: 4\n"),
+                     UAFIPC.debug("got speaker volume msg: volume=2"),
+                     UAFIPC.error("receive error: <0:10>\n")}),
+              fake_log::lines());
 }
 
 // The receive of an empty datagram sets no errno: the line shows that of an earlier call.
@@ -477,12 +478,12 @@ TEST_F(UafIpcRxTest, EmptyDatagramShowsTheErrnoThatItFinds) {
         return ssize_t{8};
     };
     service.runRx();
-    EXPECT_EQ(errorLine("receive error: <0:25>\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFIPC.error("receive error: <0:25>\n"), fake_log::lines().back());
 }
 
 TEST_F(UafIpcRxTest, EmptyDatagramBehindAStaleEagainDoesNotEndTheThread) {
     receive({{"", 0, EAGAIN}, datagram(5, 1)});
-    EXPECT_EQ((Lines{debugLine("got speaker volume mute msg: mute=1")}), linesInside());
+    EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1")}), linesInside());
 }
 
 }  // namespace

@@ -19,9 +19,8 @@
 
 namespace {
 
+using fake_log::UAFIPC;
 using Lines = std::vector<fake_log::Line>;
-using ipc_service::debugLine;
-using ipc_service::errorLine;
 using Strings = std::vector<std::string>;
 
 class UafIpcTest : public fake_sys::Test {
@@ -35,7 +34,7 @@ class UafIpcTest : public fake_sys::Test {
         EXPECT_FALSE(started);
         Lines expected;
         for (const std::string& line : lines)
-            expected.push_back(errorLine(line));
+            expected.push_back(UAFIPC.error(line));
         EXPECT_EQ(expected, fake_log::lines());
         Strings actual;
         for (const std::string& call : service.calls) {
@@ -88,7 +87,7 @@ TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
     };
     start();
     EXPECT_TRUE(started);
-    EXPECT_EQ((Lines{errorLine("unlink failed err 2, path does not exist ... ignoring")}),
+    EXPECT_EQ((Lines{UAFIPC.error("unlink failed err 2, path does not exist ... ignoring")}),
               fake_log::lines());
 }
 
@@ -244,8 +243,8 @@ TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     EXPECT_FALSE(doomed->start());
     doomed.reset();
     pthread_join(receiver, nullptr);
-    EXPECT_EQ((Lines{errorLine("creating IPC TX thread failed: "
-                               "<11:11:Resource temporarily unavailable>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.error("creating IPC TX thread failed: "
+                                  "<11:11:Resource temporarily unavailable>\n")}),
               fake_log::lines());
 }
 
@@ -267,8 +266,8 @@ TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
     start();
     EXPECT_TRUE(started);
     pthread_join(receiver, nullptr);
-    EXPECT_EQ((Lines{debugLine("rxLoop: starting\n"),
-                     errorLine("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.debug("rxLoop: starting\n"),
+                     UAFIPC.error("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
               fake_log::lines());
 }
 

@@ -21,9 +21,8 @@
 
 namespace {
 
+using fake_log::UAFIPC;
 using ipc_service::bytesOf;
-using ipc_service::debugLine;
-using ipc_service::errorLine;
 using ipc_service::passesInAChild;
 using Lines = std::vector<fake_log::Line>;
 using Message = IpcService::Message;
@@ -31,8 +30,8 @@ using Messages = std::vector<Message>;
 using Pauses = std::vector<std::pair<long, long>>;  // seconds, nanoseconds
 using Strings = std::vector<std::string>;
 
-const fake_log::Line START_LINE = debugLine("txLoop: starting\n");
-const fake_log::Line END_LINE = errorLine("txLoop: conditional wait failed: 22\n");
+const fake_log::Line START_LINE = UAFIPC.debug("txLoop: starting\n");
+const fake_log::Line END_LINE = UAFIPC.error("txLoop: conditional wait failed: 22\n");
 
 class UafIpcTxTest : public fake_sys::Test {
   protected:
@@ -143,10 +142,10 @@ TEST_F(UafIpcTxTest, NewestOfAHundredGivesWay) {
     EXPECT_EQ(Lines{}, fake_log::lines());
     UafIpc::queueMsg({4, 0xABCD});
     UafIpc::queueMsg({6, 1});
-    EXPECT_EQ((Lines{errorLine("queueMsg: overwriting msg: <0x00000001:0x00000001> -> "
-                               "<0x00000004:0x0000ABCD>\n"),
-                     errorLine("queueMsg: overwriting msg: <0x00000004:0x0000ABCD> -> "
-                               "<0x00000006:0x00000001>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: overwriting msg: <0x00000001:0x00000001> -> "
+                                  "<0x00000004:0x0000ABCD>\n"),
+                     UAFIPC.error("queueMsg: overwriting msg: <0x00000004:0x0000ABCD> -> "
+                                  "<0x00000006:0x00000001>\n")}),
               fake_log::lines());
     const Messages taken = service.take();
     ASSERT_EQ(100U, taken.size());
@@ -194,7 +193,7 @@ TEST_F(UafIpcTxTest, MessageThatCannotLockIsLost) {
     };
     UafIpc::queueMsg({3, 1});
     fake_sys::hooks().malloc = nullptr;
-    EXPECT_EQ((Lines{errorLine("queueMsg: lock failed: 35\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
     EXPECT_EQ(Messages{}, service.take());
 }
 
@@ -204,7 +203,7 @@ TEST_F(UafIpcTxTest, MessageThatFindsNoMemoryIsLostWithoutABroadcast) {
     fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) { return ++broadcasts; };
     UafIpc::queueMsg({3, 1});
     fake_sys::hooks().malloc = nullptr;
-    EXPECT_EQ((Lines{errorLine("queueMsg: malloc failed\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: malloc failed\n")}), fake_log::lines());
     EXPECT_EQ(0, broadcasts);
     UafIpc::queueMsg({3, 2});
     EXPECT_EQ((Messages{{3, 2}}), service.take());
@@ -214,8 +213,8 @@ TEST_F(UafIpcTxTest, FailedBroadcastAndUnlockAreLoggedAndTheMessageStays) {
     fake_sys::hooks().pthread_cond_broadcast = [](pthread_cond_t*) { return EINVAL; };
     fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
     UafIpc::queueMsg({3, 1});
-    EXPECT_EQ((Lines{errorLine("queueMsg: conditional broadcast failed: 22\n"),
-                     errorLine("queueMsg: unlock failed: 1\n")}),
+    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: conditional broadcast failed: 22\n"),
+                     UAFIPC.error("queueMsg: unlock failed: 1\n")}),
               fake_log::lines());
     EXPECT_EQ((Messages{{3, 1}}), service.take());
 }
@@ -223,7 +222,7 @@ TEST_F(UafIpcTxTest, FailedBroadcastAndUnlockAreLoggedAndTheMessageStays) {
 TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockEnds) {
     fake_sys::hooks().pthread_mutex_lock = failingLock(1, EINVAL);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, errorLine("txLoop: lock failed: 22\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockAgainEndsAfterTheSend) {
@@ -233,7 +232,7 @@ TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockAgainEndsAfterTheSend) {
     fake_sys::hooks().pthread_mutex_lock = failingLock(2, EINVAL);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
-    EXPECT_EQ((Lines{START_LINE, errorLine("txLoop: lock failed: 22\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, FailedWaitUnlocksAndEnds) {
@@ -242,7 +241,7 @@ TEST_F(UafIpcTxTest, FailedWaitUnlocksAndEnds) {
     fake_log::clear();
     fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, END_LINE, errorLine("txLoop: unlock failed: 1\n")}),
+    EXPECT_EQ((Lines{START_LINE, END_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}),
               fake_log::lines());
 }
 
@@ -262,7 +261,7 @@ TEST_F(UafIpcTxTest, FailedUnlockEndsAfterTheMessageWasSent) {
     fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
-    EXPECT_EQ((Lines{START_LINE, errorLine("txLoop: unlock failed: 1\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
 }
 
 // Would wait for itself for ever if the lock were held.
@@ -287,16 +286,16 @@ TEST_F(UafIpcTxTest, CountWithoutMessagesIsReportedByTheTransmitThread) {
         service.start();
         fake_sys::hooks().pthread_mutex_lock = failingLock(3, EINVAL);
         service.runTx();
-        EXPECT_EQ((Lines{START_LINE, errorLine("txLoop: dequeue returned: NULL\n"),
-                         errorLine("txLoop: dequeue returned: NULL\n"),
-                         errorLine("txLoop: lock failed: 22\n")}),
+        EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                         UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                         UAFIPC.error("txLoop: lock failed: 22\n")}),
                   fake_log::lines());
         fake_log::clear();
         fake_sys::hooks().pthread_mutex_lock = nullptr;
         fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
         service.runTx();
-        EXPECT_EQ((Lines{START_LINE, errorLine("txLoop: dequeue returned: NULL\n"),
-                         errorLine("txLoop: unlock failed: 1\n")}),
+        EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                         UAFIPC.error("txLoop: unlock failed: 1\n")}),
                   fake_log::lines());
     }));
 }
@@ -309,7 +308,7 @@ TEST_F(UafIpcTxTest, FullCountWithoutMessagesIsReportedToTheProducersLog) {
         int broadcasts = 0;
         fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) { return ++broadcasts; };
         UafIpc::queueMsg({3, 1});
-        EXPECT_EQ((Lines{errorLine("queueMsg: last entry is NULL\n")}), fake_log::lines());
+        EXPECT_EQ((Lines{UAFIPC.error("queueMsg: last entry is NULL\n")}), fake_log::lines());
         EXPECT_EQ(0, broadcasts);
     }));
 }
@@ -390,8 +389,8 @@ TEST_F(UafIpcTxTest, AnyOtherErrorDropsTheMessageAndTheNextIsSent) {
     failFirstSend(ECONNREFUSED);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(1, 0), bytesOf(3, 2)}), sends);
-    EXPECT_EQ((Lines{errorLine("sendMsg failed: error: <-1:111>; bytes: 0; attempts: <1:0>; "
-                               "data: <0x00000001:0x00000000>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.error("sendMsg failed: error: <-1:111>; bytes: 0; attempts: <1:0>; "
+                                  "data: <0x00000001:0x00000000>\n")}),
               linesInside());
 }
 
@@ -404,8 +403,8 @@ TEST_F(UafIpcTxTest, DropCountsBytesSendsAndRetries) {
         return results[step];
     });
     service.runTx();
-    EXPECT_EQ((Lines{errorLine("sendMsg failed: error: <-1:11>; bytes: 5; attempts: <5:2>; "
-                               "data: <0x00000004:0x0000FFFF>\n")}),
+    EXPECT_EQ((Lines{UAFIPC.error("sendMsg failed: error: <-1:11>; bytes: 5; attempts: <5:2>; "
+                                  "data: <0x00000004:0x0000FFFF>\n")}),
               linesInside());
     EXPECT_EQ(1U, pauses.size());
 }

@@ -15,8 +15,7 @@
 namespace {
 
 using fake_alsa::capturedSample;
-using snk_test::debug;
-using snk_test::error;
+using fake_log::UAFSNK;
 using snk_test::Period;
 using snk_test::PERIOD_SAMPLES;
 using testing::Contains;
@@ -31,17 +30,18 @@ TEST_F(UafSnkFifoTest, FirstWriteOpensTheFifo) {
     run(4);
     EXPECT_THAT(events, ElementsAre("open /tmp/usbAudioFifoRx " + std::to_string(O_WRONLY),
                                     "set pipe 960", "get pipe", "close 77"));
-    EXPECT_THAT(log(), Contains(debug("/tmp/usbAudioFifoRx opened buffer size 4096\n")).Times(1));
+    EXPECT_THAT(log(),
+                Contains(UAFSNK.debug("/tmp/usbAudioFifoRx opened buffer size 4096\n")).Times(1));
 }
 
 TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
     openResult = -1;
     runUntilStopped();
     EXPECT_EQ(4, pass);
-    EXPECT_THAT(log(), Contains(error("failed to open /tmp/usbAudioFifoRx\n")).Times(4));
+    EXPECT_THAT(log(), Contains(UAFSNK.error("failed to open /tmp/usbAudioFifoRx\n")).Times(4));
     EXPECT_THAT(events, SizeIs(4));
     EXPECT_THAT(written, IsEmpty());
-    EXPECT_EQ(debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
+    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
 }
 
 TEST_F(UafSnkFifoTest, DescriptorZeroCountsAsClosed) {
@@ -59,14 +59,15 @@ TEST_F(UafSnkFifoTest, WriteThatIsNotWholeClosesTheFifoAndLosesThePeriod) {
         written.clear();
         onWrite = [&](int number) { return number == 2 ? result : 960; };
         run(5);
-        EXPECT_THAT(log(), Contains(debug("closing /tmp/usbAudioFifoRx, failed to write rc=" +
+        EXPECT_THAT(log(),
+                    Contains(UAFSNK.debug("closing /tmp/usbAudioFifoRx, failed to write rc=" +
                                           std::to_string(result) + ", expect 960\n"))
-                               .Times(1));
+                        .Times(1));
         EXPECT_THAT(events, ElementsAre("open /tmp/usbAudioFifoRx 1", "set pipe 960", "get pipe",
                                         "close 77", "open /tmp/usbAudioFifoRx 1", "set pipe 960",
                                         "get pipe", "close 77"));
         EXPECT_THAT(written, SizeIs(5));
-        EXPECT_EQ(debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 3840\n"), log().back());
+        EXPECT_EQ(UAFSNK.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 3840\n"), log().back());
     }
 }
 
@@ -80,7 +81,7 @@ TEST_F(UafSnkFifoTest, WriteThatASignalInterruptsIsMadeAgain) {
     EXPECT_EQ(written[1], written[2]);
     EXPECT_THAT(events,
                 ElementsAre("open /tmp/usbAudioFifoRx 1", "set pipe 960", "get pipe", "close 77"));
-    EXPECT_EQ(debug("exit, loopcnt=4, pcmRead 960, fifoWrite 3840\n"), log().back());
+    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=4, pcmRead 960, fifoWrite 3840\n"), log().back());
 }
 
 TEST_F(UafSnkFifoTest, FifoWithoutANameFailsToOpen) {
@@ -89,9 +90,10 @@ TEST_F(UafSnkFifoTest, FifoWithoutANameFailsToOpen) {
         return -1;
     };
     run(4);
-    EXPECT_THAT(log(),
-                Contains(debug("closing (null), failed to write rc=-1, expect 960\n")).Times(1));
-    EXPECT_THAT(log(), Contains(error("failed to open (null)\n")).Times(3));
+    EXPECT_THAT(
+        log(),
+        Contains(UAFSNK.debug("closing (null), failed to write rc=-1, expect 960\n")).Times(1));
+    EXPECT_THAT(log(), Contains(UAFSNK.error("failed to open (null)\n")).Times(3));
     EXPECT_THAT(written, SizeIs(1));
 }
 
@@ -119,10 +121,11 @@ TEST_F(UafSnkFifoTest, LostReaderCostsOnePeriodAndNotTheDaemon) {
         }
     };
     run(4);
-    EXPECT_THAT(log(), Contains(error("handler: 13\n")).Times(1));
-    EXPECT_THAT(log(),
-                Contains(debug("closing /tmp/usbAudioFifoRx, failed to write rc=-1, expect 960\n"))
-                    .Times(1));
+    EXPECT_THAT(log(), Contains(UAFSNK.error("handler: 13\n")).Times(1));
+    EXPECT_THAT(
+        log(),
+        Contains(UAFSNK.debug("closing /tmp/usbAudioFifoRx, failed to write rc=-1, expect 960\n"))
+            .Times(1));
     EXPECT_THAT(events, SizeIs(2));
     Period received(3 * PERIOD_SAMPLES);
     EXPECT_EQ(1920, fake_sys::real::read(second[0], received.data(), 3 * 960));

@@ -8,6 +8,7 @@
 
 namespace {
 
+using fake_log::UAFSRC;
 using namespace source_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -76,16 +77,16 @@ TEST_F(UafSrcEnlargeTest, ElevenUnderrunsEnlargeTheBuffer) {
     runChecks({11});
     EXPECT_EQ(1, enlargements());
     EXPECT_THAT(ownLines(),
-                IsSupersetOf({debug("buffer loopcnt 100, Depth 333, Underruns 11, Overruns "
-                                    "4000000000\n"),
-                              debug("increased ssrs queue depth\n")}));
+                IsSupersetOf({UAFSRC.debug("buffer loopcnt 100, Depth 333, Underruns 11, Overruns "
+                                           "4000000000\n"),
+                              UAFSRC.debug("increased ssrs queue depth\n")}));
 }
 
 TEST_F(UafSrcEnlargeTest, TenUnderrunsDoNot) {
     runChecks({10, 20, 30});
     EXPECT_EQ(0, enlargements());
     EXPECT_EQ(3, linesWith("Depth"));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
 }
 
 TEST_F(UafSrcEnlargeTest, ALaterBurstEnlargesToo) {
@@ -123,8 +124,8 @@ TEST_F(UafSrcEnlargeTest, StorageThatIsRefusedIsReportedAndNotTriedAgain) {
     runChecks({11, 100});
     EXPECT_EQ(1, enlargements());
     EXPECT_EQ(0, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(error("SSRS_SetQBuff error: 3\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_SetQBuff error: 3\n")).Times(1));
+    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
@@ -132,8 +133,8 @@ TEST_F(UafSrcEnlargeTest, ARangeThatIsRefusedIsReportedAndNotTriedAgain) {
     depthResult = 4;
     runChecks({11, 100});
     EXPECT_EQ(1, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(error("SSRS_SetQDepth error: 4\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_SetQDepth error: 4\n")).Times(1));
+    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 

@@ -9,6 +9,7 @@
 
 namespace {
 
+using fake_log::UAFSRC;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -29,11 +30,12 @@ TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
                                Contains("capacity 1920").Times(1), Contains("write").Times(3)));
     EXPECT_TRUE(source->fifo.isOpen());
     const std::vector<fake_log::Line> lines = ownLines();
-    EXPECT_THAT(lines, ElementsAre(debug("enter buffer loop\n"),
-                                   debug("/tmp/usbAudioFifoTx opened buffer size 4096\n"),
-                                   debug("buffer loopcnt 0, fifoRead 1920\n"),
-                                   debug("stopping buffer thread\n"), debug("stop, close hw:1\n"),
-                                   debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
+    EXPECT_THAT(lines, ElementsAre(UAFSRC.debug("enter buffer loop\n"),
+                                   UAFSRC.debug("/tmp/usbAudioFifoTx opened buffer size 4096\n"),
+                                   UAFSRC.debug("buffer loopcnt 0, fifoRead 1920\n"),
+                                   UAFSRC.debug("stopping buffer thread\n"),
+                                   UAFSRC.debug("stop, close hw:1\n"),
+                                   UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
 TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
@@ -70,7 +72,7 @@ TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
     EXPECT_EQ(200, blocks[1][1]);
     EXPECT_EQ(100, blocks[1][2]);
     EXPECT_EQ(0, count("close 77"));
-    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
 }
 
 TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
@@ -86,23 +88,25 @@ TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(1, count("close 77"));
     EXPECT_EQ(0, count("trylock intf"));
-    EXPECT_THAT(ownLines(),
-                IsSupersetOf({debug("closing /tmp/usbAudioFifoTx, failed to read rc=0, expect "
-                                    "1920\n"),
-                              debug("exit buffer loop, loopcnt=3, fifoRead 3840\n")}));
+    EXPECT_THAT(
+        ownLines(),
+        IsSupersetOf({UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=0, expect "
+                                   "1920\n"),
+                      UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 3840\n")}));
 }
 
 TEST_F(UafSrcFifoTest, AReadErrorClosesTheFifoAndRequestsAStop) {
     readResults({-1});
     runBlocks(1);
-    EXPECT_THAT(ownLines(), Contains(debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, "
-                                           "expect 1920\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, "
+                                      "expect 1920\n")));
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(1, count("close 77"));
     EXPECT_EQ(1, count("trylock intf"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_THAT(blocks, SizeIs(1));
-    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
 }
 
 TEST_F(UafSrcFifoTest, AFileInTheFifosPlaceIsReadAtTheSoundsPace) {
@@ -133,8 +137,9 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     EXPECT_EQ(3, count("yield"));
     EXPECT_EQ(0, sleptNs);
     EXPECT_THAT(blocks, IsEmpty());
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
-                                  Contains(debug("exit buffer loop, loopcnt=0, fifoRead 0\n"))));
+    EXPECT_THAT(ownLines(),
+                AllOf(Contains(UAFSRC.error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
+                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n"))));
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "intfUpdate to 0, current state 1\n")));
 }
 
@@ -162,8 +167,8 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
     stopAtYield(1);
     runBufferThread();
     EXPECT_THAT(ownLines(),
-                IsSupersetOf({debug("closing (null), failed to read rc=0, expect 1920\n"),
-                              error("failed to open (null)\n")}));
+                IsSupersetOf({UAFSRC.debug("closing (null), failed to read rc=0, expect 1920\n"),
+                              UAFSRC.error("failed to open (null)\n")}));
     EXPECT_THAT(fake_log::lines(), Contains(base(6, "devName not set\n")));
     EXPECT_THAT(blocks, ElementsAre(Each(0)));
 }
@@ -183,7 +188,7 @@ TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+                ElementsAre(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
     EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(UAFCH_RUNNING, source->state);
     EXPECT_THAT(blocks, SizeIs(2));
@@ -205,7 +210,8 @@ TEST_F(UafSrcFifoTest, AnOpenThatTheStopEndsIsNoError) {
     };
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     EXPECT_FALSE(source->fifo.isOpen());
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
@@ -219,7 +225,7 @@ TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
     EXPECT_EQ(1, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(0, count("trylock intf"));
     EXPECT_EQ(0, linesWith("closing"));
-    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
 // Not what the stop ended: it is reported like any other.
@@ -231,11 +237,12 @@ TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
         return ssize_t{-1};
     };
     runBufferThread();
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
-                                  "1920\n"),
-                            base(3, "intfUpdate to 0, current state 1\n"),
-                            debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
+                                 "1920\n"),
+                    base(3, "intfUpdate to 0, current state 1\n"),
+                    UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     EXPECT_FALSE(source->fifo.isOpen());
 }
 
@@ -260,8 +267,9 @@ TEST_F(UafSrcFifoTest, AFailedLockRequestsAStop) {
     EXPECT_EQ(0, count("unlock ssrs"));
     EXPECT_EQ(2, count("trylock intf"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("bufferLoop: lock failed: 22\n")).Times(2),
-                                  Contains(debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
+    EXPECT_THAT(ownLines(),
+                AllOf(Contains(UAFSRC.error("bufferLoop: lock failed: 22\n")).Times(2),
+                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
 }
 
 TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
@@ -271,8 +279,9 @@ TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
     EXPECT_THAT(blocks, SizeIs(2));
     EXPECT_EQ(2, count("unlock ssrs"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("bufferLoop: unlock failed: 1\n")).Times(2),
-                                  Contains(debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
+    EXPECT_THAT(ownLines(),
+                AllOf(Contains(UAFSRC.error("bufferLoop: unlock failed: 1\n")).Times(2),
+                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
     EXPECT_EQ(0, linesWith("buffer loopcnt"));
 }
 
@@ -281,7 +290,7 @@ TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
     runBlocks(2);
     EXPECT_EQ(6, SSRS_QUEUE_FULL);
     EXPECT_EQ(UAFCH_RUNNING, source->state);
-    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
 }
 
 TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
@@ -297,7 +306,7 @@ TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     EXPECT_EQ(expected, journal);
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_EQ(2, linesWith("SSRS_Write error: 3\n"));
-    EXPECT_THAT(ownLines(), Contains(error("SSRS_Write error: 3\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_Write error: 3\n")));
 }
 
 // ---- Progress ----------------------------------------------------------------------------------
@@ -305,16 +314,18 @@ TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
 TEST_F(UafSrcFifoTest, ProgressIsReportedEvery6000Passes) {
     runBlocks(6001);
     EXPECT_EQ(2, linesWith("buffer loopcnt"));
-    EXPECT_THAT(ownLines(),
-                IsSupersetOf({debug("buffer loopcnt 0, fifoRead 1920\n"),
-                              debug("buffer loopcnt 6000, fifoRead 11521920\n"),
-                              debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
+    EXPECT_THAT(
+        ownLines(),
+        IsSupersetOf({UAFSRC.debug("buffer loopcnt 0, fifoRead 1920\n"),
+                      UAFSRC.debug("buffer loopcnt 6000, fifoRead 11521920\n"),
+                      UAFSRC.debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
 }
 
 TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
     onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);
-    EXPECT_THAT(ownLines(), Contains(debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));
 }
 
 }  // namespace

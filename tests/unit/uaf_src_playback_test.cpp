@@ -10,6 +10,8 @@
 
 namespace {
 
+using fake_log::UAFSND;
+using fake_log::UAFSRC;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -90,10 +92,10 @@ TEST_F(UafSrcPlaybackTest, EachPassPlaysOneFrame) {
     for (size_t i = 0; i < samples.size(); ++i) {
         ASSERT_EQ(static_cast<int16_t>(i / FRAME_SAMPLES + 1), samples[i]);
     }
-    EXPECT_THAT(
-        ownLines(),
-        ElementsAre(debug("loopcnt 0, pcmWrite 240\n"), debug("stopping buffer thread\n"),
-                    debug("stop, close hw:1\n"), debug("exit, loopcnt=5, pcmWrite 1200\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("loopcnt 0, pcmWrite 240\n"),
+                                        UAFSRC.debug("stopping buffer thread\n"),
+                                        UAFSRC.debug("stop, close hw:1\n"),
+                                        UAFSRC.debug("exit, loopcnt=5, pcmWrite 1200\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
@@ -114,22 +116,22 @@ TEST_F(UafSrcPlaybackTest, ALoopThatFindsItsStopDueMakesNoPass) {
     source->stopDelayCnt = 3;
     runWorker();
     EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
-    EXPECT_EQ(debug("exit, loopcnt=0, pcmWrite 0\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, ProgressIsReportedEvery6000Passes) {
     runPasses(6001 - LAST_PASSES);
-    EXPECT_THAT(
-        ownLines(),
-        ElementsAre(debug("loopcnt 0, pcmWrite 240\n"), debug("loopcnt 6000, pcmWrite 1440240\n"),
-                    debug("stopping buffer thread\n"), debug("stop, close hw:1\n"),
-                    debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("loopcnt 0, pcmWrite 240\n"),
+                                        UAFSRC.debug("loopcnt 6000, pcmWrite 1440240\n"),
+                                        UAFSRC.debug("stopping buffer thread\n"),
+                                        UAFSRC.debug("stop, close hw:1\n"),
+                                        UAFSRC.debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
 }
 
 TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
     writeResults({0x60000000, 0x60000000, 0, 0, 0});
     runPasses(2);
-    EXPECT_EQ(debug("exit, loopcnt=5, pcmWrite -1073741824\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=5, pcmWrite -1073741824\n"), fake_log::lines().back());
 }
 
 // ---- The kick start ----------------------------------------------------------------------------
@@ -146,7 +148,7 @@ TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
         runPasses(1);
         EXPECT_EQ("need to kick start\n", ownLines().front().text);
         EXPECT_EQ(fake_log::DEBUG, ownLines().front().priority);
-        EXPECT_THAT(ownLines(), Contains(debug("need to kick start\n")).Times(1));
+        EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("need to kick start\n")).Times(1));
         EXPECT_EQ(0, source->availChkCnt);
         Samples samples = played(index);
         ASSERT_THAT(samples, SizeIs(5 * FRAME_SAMPLES));
@@ -159,7 +161,7 @@ TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
 TEST_F(UafSrcPlaybackTest, APcmInAnyOtherStateIsNotKicked) {
     fake_alsa::setState(pcm(), SND_PCM_STATE_XRUN);
     runPasses(1);
-    EXPECT_THAT(ownLines(), Not(Contains(debug("need to kick start\n"))));
+    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("need to kick start\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AKickThatCannotBeWrittenStopsTheChannel) {
@@ -170,8 +172,8 @@ TEST_F(UafSrcPlaybackTest, AKickThatCannotBeWrittenStopsTheChannel) {
     EXPECT_EQ(4, fake_alsa::count("snd_pcm_writei"));
     EXPECT_THAT(
         ownLines(),
-        AllOf(Contains(error("stopping, unexpected write error(No such device)\n")).Times(4),
-              Contains(debug("exit, loopcnt=0, pcmWrite 0\n"))));
+        AllOf(Contains(UAFSRC.error("stopping, unexpected write error(No such device)\n")).Times(4),
+              Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AKickThatEndsInAFailedRecoveryGoesOnToTheWait) {
@@ -179,7 +181,7 @@ TEST_F(UafSrcPlaybackTest, AKickThatEndsInAFailedRecoveryGoesOnToTheWait) {
     writeResults({-EPIPE});
     fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
     runPasses(1);
-    EXPECT_THAT(ownLines(), Contains(error("ALSA xrun recovery failed (No such device)\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("ALSA xrun recovery failed (No such device)\n")));
     EXPECT_EQ(1 + LAST_PASSES, fake_alsa::count("snd_pcm_wait"));
 }
 
@@ -198,9 +200,10 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
     EXPECT_EQ(0, sleptNs);
     EXPECT_THAT(
         ownLines(),
-        ElementsAre(debug("timeout0, rc=0\n"), debug("loopcnt 0, pcmWrite 0\n"),
-                    error("clear timeout, pcmStallCnt=3\n"), debug("stopping buffer thread\n"),
-                    debug("stop, close hw:1\n"), debug("exit, loopcnt=7, pcmWrite 960\n")));
+        ElementsAre(UAFSRC.debug("timeout0, rc=0\n"), UAFSRC.debug("loopcnt 0, pcmWrite 0\n"),
+                    UAFSRC.error("clear timeout, pcmStallCnt=3\n"),
+                    UAFSRC.debug("stopping buffer thread\n"), UAFSRC.debug("stop, close hw:1\n"),
+                    UAFSRC.debug("exit, loopcnt=7, pcmWrite 960\n")));
 }
 
 TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
@@ -208,8 +211,8 @@ TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
     runPasses(2);
     EXPECT_EQ(20000000, sleptNs);
     EXPECT_EQ(3, count("read"));
-    EXPECT_THAT(ownLines(), IsSupersetOf({debug("timeout0, rc=-19\n"),
-                                          error("clear timeout, pcmStallCnt=2\n")}));
+    EXPECT_THAT(ownLines(), IsSupersetOf({UAFSRC.debug("timeout0, rc=-19\n"),
+                                          UAFSRC.error("clear timeout, pcmStallCnt=2\n")}));
 }
 
 TEST_F(UafSrcPlaybackTest, AnXrunOfTheWaitIsRecoveredWithoutAFrame) {
@@ -220,9 +223,9 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWaitIsRecoveredWithoutAFrame) {
         runPasses(1);
         EXPECT_EQ(LAST_PASSES, framesRead);
         EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
-        EXPECT_EQ(1, fake_log::count(3, "UAFSND",
-                                     "xrun_recovery: playback xrun, err " + std::to_string(code)));
-        EXPECT_THAT(ownLines(), Contains(debug("loopcnt 0, pcmWrite 0\n")));
+        EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err " +
+                                                  std::to_string(code))));
+        EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("loopcnt 0, pcmWrite 0\n")));
         fake_alsa::hooks().writei = nullptr;
         start();
         fake_alsa::setState(pcm(), SND_PCM_STATE_RUNNING);
@@ -238,9 +241,9 @@ TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWaitStopsTheChannel) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     const std::vector<fake_log::Line> lines = ownLines();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
-    EXPECT_EQ(error("rc=-19\n"), lines[1]);
-    EXPECT_EQ(debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
+    EXPECT_EQ(UAFSRC.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
+    EXPECT_EQ(UAFSRC.error("rc=-19\n"), lines[1]);
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
 }
 
 // ---- The frame ---------------------------------------------------------------------------------
@@ -251,8 +254,8 @@ TEST_F(UafSrcPlaybackTest, AFailedLockStopsTheChannel) {
     EXPECT_EQ(0, framesRead);
     EXPECT_EQ(0, count("unlock ssrs"));
     EXPECT_EQ(0, count("writei"));
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("mutex lock failed: 22\n")).Times(4),
-                                  Contains(debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("mutex lock failed: 22\n")).Times(4),
+                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
 
@@ -261,8 +264,8 @@ TEST_F(UafSrcPlaybackTest, AFailedUnlockStopsTheChannel) {
     runWorker();
     EXPECT_EQ(0, count("writei"));
     EXPECT_EQ(4, count("unlock ssrs"));
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("mutex unlock failed: 1\n")).Times(4),
-                                  Contains(debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("mutex unlock failed: 1\n")).Times(4),
+                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
@@ -278,8 +281,8 @@ TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested)
         expected.push_back(entry);
     }
     EXPECT_EQ(expected, journal);
-    EXPECT_THAT(ownLines(), AllOf(Contains(error("SSRS_Read error: 1\n")).Times(4),
-                                  Contains(debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("SSRS_Read error: 1\n")).Times(4),
+                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AStarvedFrameBufferPlaysSilence) {
@@ -324,7 +327,7 @@ TEST_F(UafSrcPlaybackTest, AShortWriteIsNotCompleted) {
     writeResults({100});
     runPasses(1);
     EXPECT_EQ(1 + LAST_PASSES, count("writei"));
-    EXPECT_EQ(debug("exit, loopcnt=4, pcmWrite 820\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=4, pcmWrite 820\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
@@ -336,17 +339,17 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
     EXPECT_EQ(0, source->availChkCnt);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     // A recovered write is a success: it ends the stall, counts and adds no frame.
-    EXPECT_THAT(ownLines(), Contains(error("clear timeout, pcmStallCnt=1\n")));
+    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("clear timeout, pcmStallCnt=1\n")));
     EXPECT_EQ(4, framesRead);
-    EXPECT_EQ(debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, ASuspendOfTheWriteIsRecoveredLikeAnXrun) {
     writeResults({-ESTRPIPE});
     runPasses(1);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
-    EXPECT_EQ(1, fake_log::count(3, "UAFSND", "xrun_recovery: playback xrun, err -86"));
-    EXPECT_EQ(debug("exit, loopcnt=4, pcmWrite 720\n"), fake_log::lines().back());
+    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -86")));
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=4, pcmWrite 720\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWriteStopsTheChannel) {
@@ -359,10 +362,10 @@ TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWriteStopsTheChannel) {
     EXPECT_EQ(4, count("writei"));
     const std::vector<fake_log::Line> lines = ownLines();
     ASSERT_GE(lines.size(), 3U);
-    EXPECT_EQ(error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
-    EXPECT_EQ(error("clear timeout, pcmStallCnt=2\n"), lines[1]);
-    EXPECT_EQ(error("rc=-19\n"), lines[2]);
-    EXPECT_EQ(debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
+    EXPECT_EQ(UAFSRC.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
+    EXPECT_EQ(UAFSRC.error("clear timeout, pcmStallCnt=2\n"), lines[1]);
+    EXPECT_EQ(UAFSRC.error("rc=-19\n"), lines[2]);
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
 }
 
 TEST_F(UafSrcPlaybackTest, AnyOtherWriteErrorStopsTheChannelWithOneLine) {
@@ -373,8 +376,9 @@ TEST_F(UafSrcPlaybackTest, AnyOtherWriteErrorStopsTheChannelWithOneLine) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     EXPECT_THAT(
         ownLines(),
-        AllOf(Contains(error("stopping, unexpected write error(Input/output error)\n")).Times(4),
-              Contains(debug("exit, loopcnt=0, pcmWrite 0\n"))));
+        AllOf(Contains(UAFSRC.error("stopping, unexpected write error(Input/output error)\n"))
+                  .Times(4),
+              Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
     EXPECT_THAT(ownLines(), SizeIs(4 + 3));
 }
 
@@ -390,7 +394,7 @@ TEST_F(UafSrcPlaybackTest, AnOnWithinTheDebounceKeepsTheStream) {
         return 1;
     };
     runWorker();
-    EXPECT_EQ(debug("exit, loopcnt=11, pcmWrite 2640\n"), fake_log::lines().back());
+    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=11, pcmWrite 2640\n"), fake_log::lines().back());
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "stopDelayCnt = 3\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_close"));

@@ -12,6 +12,7 @@
 
 namespace {
 
+using fake_log::UAFSRC;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Each;
@@ -42,7 +43,7 @@ TEST_F(UafSrcTest, GoesOnWithoutTheFrameBuffersMutex) {
         return ++inits == 2 ? ENOMEM : 0;
     };
     const UafSrc fresh;
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("pthread_mutex_init failed\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("pthread_mutex_init failed\n")));
 }
 
 TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
@@ -53,7 +54,8 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
     EXPECT_EQ(0, fake_alsa::statusObjects());
     EXPECT_EQ(1, fake_alsa::pcmsOpen());
     EXPECT_THAT(journal, ElementsAre("close 77"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("destruct, closing /tmp/usbAudioFifoTx\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(UAFSRC.debug("destruct, closing /tmp/usbAudioFifoTx\n")));
 }
 
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
@@ -70,7 +72,7 @@ TEST_F(UafSrcTest, DestructionNamesAnUnsetFifo) {
     openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
-    EXPECT_THAT(fake_log::lines(), ElementsAre(debug("destruct, closing (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("destruct, closing (null)\n")));
 }
 
 // ---- Start -------------------------------------------------------------------------------------
@@ -83,8 +85,8 @@ TEST_F(UafSrcTest, AStartRunsItsStepsInOrder) {
                                      "snd_pcm_open(hw:1, PLAYBACK, 0)", "message 2,1",
                                      "create worker", "unlock intf"));
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(base(3, "intfUpdate to 1, current state 3\n"), debug("init SSRS\n"),
-                            debug("start, opening hw:1\n")));
+                ElementsAre(base(3, "intfUpdate to 1, current state 3\n"),
+                            UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSrcTest, AStartSetsThePcmUpAndPrimesItWithSilence) {
@@ -145,8 +147,9 @@ TEST_F(UafSrcTest, AnUnsetPcmNameFailsTheOpenAtOnce) {
     source->setDevName(FIFO, nullptr);
     EXPECT_EQ(-EINVAL, source->uafStart());
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
-    EXPECT_THAT(ownLines(), ElementsAre(debug("init SSRS\n"), debug("start, opening (null)\n"),
-                                        error("error at uafStart@204: rc=-22\n")));
+    EXPECT_THAT(ownLines(),
+                ElementsAre(UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening (null)\n"),
+                            UAFSRC.error("error at uafStart@204: rc=-22\n")));
 }
 
 TEST_F(UafSrcTest, WithoutAFifoNameThereIsNoBufferThread) {
@@ -159,8 +162,8 @@ TEST_F(UafSrcTest, WithoutAFifoNameThereIsNoBufferThread) {
 TEST_F(UafSrcTest, AStatusThatCannotBeAllocatedFailsTheStart) {
     fake_alsa::answerAt("snd_pcm_status_malloc", 1, -ENOMEM);
     EXPECT_EQ(-1, source->uafStart());
-    EXPECT_THAT(ownLines(),
-                ElementsAre(debug("init SSRS\n"), error("failed snd_pcm_status_malloc\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("init SSRS\n"),
+                                        UAFSRC.error("failed snd_pcm_status_malloc\n")));
     EXPECT_EQ(1, buffersCreated);
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
     EXPECT_EQ(0, source->uafStart());
@@ -200,11 +203,12 @@ TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_THAT(
         ownLines(),
-        ElementsAre(error("Can't allocate " + std::to_string(contextSize) +
-                          " bytes of memory for SSRS context structure.\n"),
-                    debug("init SSRS\n"), error("SSRS_InitContext error: 1\n"),
-                    error("SSRS_SetFrameSize error: 1\n"), error("SSRS_SetQBuff error: 1\n"),
-                    error("SSRS_SetQDepth error: 1\n"), debug("start, opening hw:1\n")));
+        ElementsAre(
+            UAFSRC.error("Can't allocate " + std::to_string(contextSize) +
+                         " bytes of memory for SSRS context structure.\n"),
+            UAFSRC.debug("init SSRS\n"), UAFSRC.error("SSRS_InitContext error: 1\n"),
+            UAFSRC.error("SSRS_SetFrameSize error: 1\n"), UAFSRC.error("SSRS_SetQBuff error: 1\n"),
+            UAFSRC.error("SSRS_SetQDepth error: 1\n"), UAFSRC.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
@@ -216,11 +220,12 @@ TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
     fake_ssrs::hooks().setQBuff = [](SSRS_Ctx*, int16_t*, int32_t) { return 13; };
     fake_ssrs::hooks().setQDepth = [](SSRS_Ctx*, int32_t, int32_t) { return 14; };
     EXPECT_EQ(0, source->intfUpdate(true));
-    EXPECT_THAT(
-        ownLines(),
-        ElementsAre(debug("init SSRS\n"), error("SSRS_InitContext error: 11\n"),
-                    error("SSRS_SetFrameSize error: 12\n"), error("SSRS_SetQBuff error: 13\n"),
-                    error("SSRS_SetQDepth error: 14\n"), debug("start, opening hw:1\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("init SSRS\n"),
+                                        UAFSRC.error("SSRS_InitContext error: 11\n"),
+                                        UAFSRC.error("SSRS_SetFrameSize error: 12\n"),
+                                        UAFSRC.error("SSRS_SetQBuff error: 13\n"),
+                                        UAFSRC.error("SSRS_SetQDepth error: 14\n"),
+                                        UAFSRC.debug("start, opening hw:1\n")));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
@@ -242,8 +247,8 @@ TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
     EXPECT_EQ(0, source->uafStop());
     EXPECT_THAT(journal, ElementsAre("signal", "join"));
     EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("stopping buffer thread\n"), debug("stop, close hw:1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("stopping buffer thread\n"),
+                                               UAFSRC.debug("stop, close hw:1\n")));
     EXPECT_EQ(nullptr, source->pcmHandle);
     EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(1, fake_alsa::statusObjects());
@@ -257,8 +262,8 @@ TEST_F(UafSrcTest, AStopToleratesClearedNames) {
     start();
     source->setDevName(nullptr, nullptr);
     EXPECT_EQ(0, source->uafStop());
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(debug("stopping buffer thread\n"), debug("stop, close (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("stopping buffer thread\n"),
+                                               UAFSRC.debug("stop, close (null)\n")));
 }
 
 TEST_F(UafSrcTest, AStopFreesTheFrameBuffer) {

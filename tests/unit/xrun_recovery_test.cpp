@@ -12,6 +12,7 @@
 
 namespace {
 
+using fake_log::UAFSND;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -41,11 +42,10 @@ class XrunRecoveryTest : public fake_alsa::Test {
 
     // The log is these texts, at debug level, after the two lines that every recovery begins with.
     static void expectLog(const char* opening, const std::vector<std::string>& texts) {
-        std::vector<fake_log::Line> expected{
-            {fake_log::DEBUG, "UAFSND", "stream recovery from ..."},
-            {fake_log::DEBUG, "UAFSND", opening}};
+        std::vector<fake_log::Line> expected{UAFSND.debug("stream recovery from ..."),
+                                             UAFSND.debug(opening)};
         for (const std::string& text : texts) {
-            expected.push_back({fake_log::DEBUG, "UAFSND", text});
+            expected.push_back(UAFSND.debug(text));
         }
         EXPECT_THAT(fake_log::lines(), ElementsAreArray(expected));
     }
