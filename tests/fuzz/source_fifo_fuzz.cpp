@@ -66,7 +66,7 @@ class SourceRun {
             openFd = -1;
             return 0;
         };
-        fake_ssrs::hooks().write = [this](SSRS_Ctx*, const int16_t* samples, int32_t n) {
+        fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx*, const int16_t* samples, int32_t n) {
             return take(samples, n);
         };
         fake_alsa::stopRecording();

@@ -123,11 +123,11 @@ void ReplayedDaemon::hookLocks() {
         held[mutex] = false;
         return 0;
     };
-    fake_ssrs::hooks().write = [this](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
-        return frameBufferFails ? SSRS_BAD_PARAMETER : fake_ssrs::real::write(ctx, data, n);
+    fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
+        return frameBufferFails ? SSRS_BAD_PARAMETER : fake_ssrs::real::SSRS_Write(ctx, data, n);
     };
-    fake_ssrs::hooks().read = [this](SSRS_Ctx* ctx, int16_t* out) {
-        return frameBufferFails ? SSRS_NULL_DATA : fake_ssrs::real::read(ctx, out);
+    fake_ssrs::hooks().SSRS_Read = [this](SSRS_Ctx* ctx, int16_t* out) {
+        return frameBufferFails ? SSRS_NULL_DATA : fake_ssrs::real::SSRS_Read(ctx, out);
     };
 }
 

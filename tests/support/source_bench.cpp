@@ -172,21 +172,21 @@ int Test::count(const std::string& entry) const {
 }
 
 void Test::watchSetUp() {
-    fake_ssrs::hooks().initContext = [this](SSRS_Ctx* ctx) {
+    fake_ssrs::hooks().SSRS_InitContext = [this](SSRS_Ctx* ctx) {
         journal.push_back("init");
-        return fake_ssrs::real::initContext(ctx);
+        return fake_ssrs::real::SSRS_InitContext(ctx);
     };
-    fake_ssrs::hooks().setFrameSize = [this](SSRS_Ctx* ctx, int32_t n) {
+    fake_ssrs::hooks().SSRS_SetFrameSize = [this](SSRS_Ctx* ctx, int32_t n) {
         journal.push_back("frame " + std::to_string(n));
-        return fake_ssrs::real::setFrameSize(ctx, n);
+        return fake_ssrs::real::SSRS_SetFrameSize(ctx, n);
     };
-    fake_ssrs::hooks().setQBuff = [this](SSRS_Ctx* ctx, int16_t* storage, int32_t len) {
+    fake_ssrs::hooks().SSRS_SetQBuff = [this](SSRS_Ctx* ctx, int16_t* storage, int32_t len) {
         journal.push_back("storage " + std::to_string(len));
-        return fake_ssrs::real::setQBuff(ctx, storage, len);
+        return fake_ssrs::real::SSRS_SetQBuff(ctx, storage, len);
     };
-    fake_ssrs::hooks().setQDepth = [this](SSRS_Ctx* ctx, int32_t low, int32_t high) {
+    fake_ssrs::hooks().SSRS_SetQDepth = [this](SSRS_Ctx* ctx, int32_t low, int32_t high) {
         journal.push_back("depth " + std::to_string(low) + "-" + std::to_string(high));
-        return fake_ssrs::real::setQDepth(ctx, low, high);
+        return fake_ssrs::real::SSRS_SetQDepth(ctx, low, high);
     };
     fake_alsa::hooks().before = [this](const std::string& call) {
         if (call.rfind("snd_pcm_open", 0) == 0 || call.rfind("snd_pcm_status", 0) == 0) {

@@ -15,12 +15,12 @@ class SourceFifoCase : public source_bench::Test {
   protected:
     void SetUp() override {
         source_bench::Test::SetUp();
-        fake_ssrs::hooks().write = [this](SSRS_Ctx*, const int16_t* data, int32_t n) {
+        fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx*, const int16_t* data, int32_t n) {
             journal.push_back("write");
             blocks.emplace_back(data, data + n);
             return writeResult;
         };
-        fake_ssrs::hooks().statsGet = [this](const SSRS_Ctx*, SSRS_Stats* stats) {
+        fake_ssrs::hooks().SSRS_StatsGet = [this](const SSRS_Ctx*, SSRS_Stats* stats) {
             journal.push_back("stats");
             *stats = this->stats;
             return 0;

@@ -289,11 +289,11 @@ TEST_F(ChannelLifecycleTest, TheNextEventLetsTheSinkOutOfAFifoThatWasReplaced) {
 TEST_F(ChannelLifecycleTest, FrameBufferErrorsOnEitherThreadStopTheChannel) {
     const AppWriter writer(sourceFifo, 5);
     std::atomic<int> faults{0};  // 1: writes fail, 2: reads fail
-    fake_ssrs::hooks().write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
-        return (faults & 1) != 0 ? SSRS_BAD_PARAMETER : fake_ssrs::real::write(ctx, data, n);
+    fake_ssrs::hooks().SSRS_Write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
+        return (faults & 1) != 0 ? SSRS_BAD_PARAMETER : fake_ssrs::real::SSRS_Write(ctx, data, n);
     };
-    fake_ssrs::hooks().read = [&](SSRS_Ctx* ctx, int16_t* out) {
-        return (faults & 2) != 0 ? SSRS_NULL_DATA : fake_ssrs::real::read(ctx, out);
+    fake_ssrs::hooks().SSRS_Read = [&](SSRS_Ctx* ctx, int16_t* out) {
+        return (faults & 2) != 0 ? SSRS_NULL_DATA : fake_ssrs::real::SSRS_Read(ctx, out);
     };
     for (int round = 0; round < 30; ++round) {
         faults = 0;

@@ -69,12 +69,13 @@ class ChannelStressTest : public ChannelLifecycleTest {
     }
 
     void hookFaults() {
-        fake_ssrs::hooks().write = [this](SSRS_Ctx* ctx, const int16_t* samples, int32_t n) {
+        fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx* ctx, const int16_t* samples, int32_t n) {
             return fails(FRAME_BUFFER_WRITES) ? SSRS_BAD_PARAMETER
-                                              : fake_ssrs::real::write(ctx, samples, n);
+                                              : fake_ssrs::real::SSRS_Write(ctx, samples, n);
         };
-        fake_ssrs::hooks().read = [this](SSRS_Ctx* ctx, int16_t* frame) {
-            return fails(FRAME_BUFFER_READS) ? SSRS_NULL_DATA : fake_ssrs::real::read(ctx, frame);
+        fake_ssrs::hooks().SSRS_Read = [this](SSRS_Ctx* ctx, int16_t* frame) {
+            return fails(FRAME_BUFFER_READS) ? SSRS_NULL_DATA
+                                             : fake_ssrs::real::SSRS_Read(ctx, frame);
         };
         fake_alsa::hooks().wait = [this](snd_pcm_t* pcm, int timeoutMs) {
             std::this_thread::yield();

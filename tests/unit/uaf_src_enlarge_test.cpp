@@ -19,12 +19,12 @@ class UafSrcEnlargeTest : public SourceFifoCase {
   protected:
     void SetUp() override {
         SourceFifoCase::SetUp();
-        fake_ssrs::hooks().setQBuff = [this](SSRS_Ctx*, int16_t* storage, int32_t len) {
+        fake_ssrs::hooks().SSRS_SetQBuff = [this](SSRS_Ctx*, int16_t* storage, int32_t len) {
             EXPECT_NE(nullptr, storage);
             journal.push_back("storage " + std::to_string(len));
             return storageResult;
         };
-        fake_ssrs::hooks().setQDepth = [this](SSRS_Ctx*, int32_t low, int32_t high) {
+        fake_ssrs::hooks().SSRS_SetQDepth = [this](SSRS_Ctx*, int32_t low, int32_t high) {
             journal.push_back("depth " + std::to_string(low) + "-" + std::to_string(high));
             return depthResult;
         };
@@ -33,8 +33,8 @@ class UafSrcEnlargeTest : public SourceFifoCase {
     // Statistics check number i finds counts[i] underruns.
     void runChecks(std::vector<uint32_t> counts) {
         const int passes = static_cast<int>(counts.size()) * 100 + 1;
-        fake_ssrs::hooks().statsGet = [this, counts, next = size_t{0}](const SSRS_Ctx*,
-                                                                       SSRS_Stats* out) mutable {
+        fake_ssrs::hooks().SSRS_StatsGet = [this, counts, next = size_t{0}](
+                                               const SSRS_Ctx*, SSRS_Stats* out) mutable {
             journal.push_back("stats");
             stats.underruns = counts.at(next++);
             *out = stats;
@@ -144,9 +144,9 @@ TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
         fake_ssrs::reset();
         SSRS_Ctx* context = nullptr;
         int32_t storage = 0;
-        fake_ssrs::hooks().write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
+        fake_ssrs::hooks().SSRS_Write = [&](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
             context = ctx;
-            return fake_ssrs::real::write(ctx, data, n);
+            return fake_ssrs::real::SSRS_Write(ctx, data, n);
         };
         source->uafStop();
         ASSERT_EQ(0, source->uafStart());
@@ -156,7 +156,7 @@ TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
             int16_t frame[FRAME_SAMPLES];
             const int frames = blocksRead == 0 ? 0 : blocksRead <= starvations ? 3 : 2;
             for (int i = 0; i < frames; ++i) {
-                fake_ssrs::real::read(context, frame);
+                fake_ssrs::real::SSRS_Read(context, frame);
             }
             ++blocksRead;
             storage = context != nullptr ? context->qBuffLen : 0;

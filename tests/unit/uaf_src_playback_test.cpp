@@ -31,7 +31,7 @@ class UafSrcPlaybackTest : public source_bench::Test {
   protected:
     void SetUp() override {
         source_bench::Test::SetUp();
-        fake_ssrs::hooks().read = [this](SSRS_Ctx*, int16_t* out) {
+        fake_ssrs::hooks().SSRS_Read = [this](SSRS_Ctx*, int16_t* out) {
             journal.push_back("read");
             std::fill_n(out, FRAME_SAMPLES, ++framesRead);
             return readResult;
@@ -286,14 +286,14 @@ TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested)
 }
 
 TEST_F(UafSrcPlaybackTest, AStarvedFrameBufferPlaysSilence) {
-    fake_ssrs::hooks().read = nullptr;
+    fake_ssrs::hooks().SSRS_Read = nullptr;
     runPasses(2);
     EXPECT_THAT(played(), AllOf(SizeIs(5 * FRAME_SAMPLES), Each(0)));
 }
 
 // One block of the app is played behind the silence that brings the buffer to 600 samples.
 TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
-    fake_ssrs::hooks().read = nullptr;
+    fake_ssrs::hooks().SSRS_Read = nullptr;
     onRead = [this, blocks = 0](int16_t* samples, size_t size) mutable {
         if (++blocks == 2) {
             switchOffInWait(1);

@@ -212,13 +212,13 @@ TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
 }
 
 TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
-    fake_ssrs::hooks().initContext = [](SSRS_Ctx* ctx) {
-        fake_ssrs::real::initContext(ctx);
+    fake_ssrs::hooks().SSRS_InitContext = [](SSRS_Ctx* ctx) {
+        fake_ssrs::real::SSRS_InitContext(ctx);
         return 11;
     };
-    fake_ssrs::hooks().setFrameSize = [](SSRS_Ctx*, int32_t) { return 12; };
-    fake_ssrs::hooks().setQBuff = [](SSRS_Ctx*, int16_t*, int32_t) { return 13; };
-    fake_ssrs::hooks().setQDepth = [](SSRS_Ctx*, int32_t, int32_t) { return 14; };
+    fake_ssrs::hooks().SSRS_SetFrameSize = [](SSRS_Ctx*, int32_t) { return 12; };
+    fake_ssrs::hooks().SSRS_SetQBuff = [](SSRS_Ctx*, int16_t*, int32_t) { return 13; };
+    fake_ssrs::hooks().SSRS_SetQDepth = [](SSRS_Ctx*, int32_t, int32_t) { return 14; };
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("init SSRS\n"),
                                         UAFSRC.error("SSRS_InitContext error: 11\n"),
@@ -268,9 +268,9 @@ TEST_F(UafSrcTest, AStopToleratesClearedNames) {
 
 TEST_F(UafSrcTest, AStopFreesTheFrameBuffer) {
     SSRS_Ctx* context = nullptr;
-    fake_ssrs::hooks().initContext = [&](SSRS_Ctx* ctx) {
+    fake_ssrs::hooks().SSRS_InitContext = [&](SSRS_Ctx* ctx) {
         context = ctx;
-        return fake_ssrs::real::initContext(ctx);
+        return fake_ssrs::real::SSRS_InitContext(ctx);
     };
     start();
     int freed = 0;
