@@ -32,7 +32,7 @@ constexpr size_t QUEUE_MAX = 100;
 constexpr int RETRIES_MAX = 20;
 constexpr int PAUSE_S = 5;
 
-// Started once: the queue belongs to the process.
+// Started once: every run gives it a new queue.
 IpcService& service() {
     static auto* const only = [] {
         auto* const started = new IpcService;
@@ -57,6 +57,7 @@ std::string pairOf(const Message& message) {
 class ServiceRun {
   public:
     explicit ServiceRun(fuzz::Input& input) : input(input) {
+        IpcService::renewQueue();
         fake_sys::Hooks& hooks = fake_sys::hooks();
         hooks.open = [](const char*, int) { return GADGET_FD; };
         hooks.recvfrom = [this](int, void* buf, size_t room, int, sockaddr*, socklen_t*) {
@@ -82,7 +83,6 @@ class ServiceRun {
         input = fuzz::Input(nullptr, 0);
         drain();
         fuzz::requireLog(expected);
-        forgetStates();
     }
 
   private:
@@ -220,16 +220,6 @@ class ServiceRun {
         expected.push_back(UAFIPC.error("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
                                         " -> " + pairOf(message) + "\n"));
         waiting.back() = message;
-    }
-
-    // The states last queued belong to the process.
-    void forgetStates() {
-        if (states[0] + states[1] + states[2] > 0) {
-            for (uint32_t type = 0; type < 3; type++) {
-                queue({type, 0});
-            }
-            drain();
-        }
     }
 
     // Runs the transmit thread until nothing waits for the app.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way to the app: the bounded queue, its producers, the transmit thread and its retries.
+// The way to the app: the transmit thread, what it does when the queue fails it, and its retries.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 
 #include "ipc/uaf_ipc.h"
+#include "tests/support/fake_locks.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 #include "tests/support/ipc_service.h"
@@ -23,7 +24,6 @@ namespace {
 
 using fake_log::UAFIPC;
 using ipc_service::bytesOf;
-using ipc_service::passesInAChild;
 using Lines = std::vector<fake_log::Line>;
 using Message = IpcService::Message;
 using Messages = std::vector<Message>;
@@ -41,9 +41,9 @@ class UafIpcTxTest : public fake_sys::Test {
         service.take();
         fake_log::clear();
         fake_sys::reset();
-        fake_sys::hooks().pthread_cond_wait = [](pthread_cond_t*, pthread_mutex_t*) {
-            return EINVAL;
-        };
+        locks.install();
+        locks.watch(IpcService::queue());
+        locks.answer("wait", EINVAL);
         fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
             pauses.emplace_back(pause->tv_sec, pause->tv_nsec);
             return 0;
@@ -58,21 +58,6 @@ class UafIpcTxTest : public fake_sys::Test {
 
     // The log between the transmit loop's first and last line.
     Lines linesInside() { return ipc_service::linesBetween(START_LINE, END_LINE); }
-
-    // A call of the queue's lock that fails at its n-th use, after having taken effect.
-    std::function<int(pthread_mutex_t*)> failingUnlock(int n, int error) {
-        return [this, n, error, calls = 0](pthread_mutex_t* mutex) mutable {
-            const int rc = fake_sys::real::pthread_mutex_unlock(mutex);
-            return mutex == service.queueMutex && ++calls == n ? error : rc;
-        };
-    }
-    std::function<int(pthread_mutex_t*)> failingLock(int n, int error) {
-        return [this, n, error, calls = 0](pthread_mutex_t* mutex) mutable {
-            return mutex == service.queueMutex && ++calls == n
-                       ? error
-                       : fake_sys::real::pthread_mutex_lock(mutex);
-        };
-    }
 
     // Answers every send; takes note of the bytes.
     void answerSends(std::function<ssize_t(size_t size)> answer) {
@@ -101,6 +86,8 @@ class UafIpcTxTest : public fake_sys::Test {
     }
 
     IpcService service;
+    Strings journal;
+    FakeLocks locks{journal};
     Strings sends;
     Pauses pauses;
 };
@@ -128,99 +115,8 @@ TEST_F(UafIpcTxTest, EveryMessageTravelsAsItsEightBytesInOrder) {
     EXPECT_EQ(Lines{}, linesInside());
 }
 
-TEST_F(UafIpcTxTest, MessageIsCopied) {
-    UsbAudioMsgT msg = {3, 1};
-    UafIpc::queueMsg(msg);
-    msg = {4, 2};
-    EXPECT_EQ((Messages{{3, 1}}), service.take());
-}
-
-TEST_F(UafIpcTxTest, NewestOfAHundredGivesWay) {
-    for (uint32_t i = 0; i < 99; i++)
-        UafIpc::queueMsg({3, i});
-    UafIpc::queueMsg({1, 1});
-    EXPECT_EQ(Lines{}, fake_log::lines());
-    UafIpc::queueMsg({4, 0xABCD});
-    UafIpc::queueMsg({6, 1});
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: overwriting msg: <0x00000001:0x00000001> -> "
-                                  "<0x00000004:0x0000ABCD>\n"),
-                     UAFIPC.error("queueMsg: overwriting msg: <0x00000004:0x0000ABCD> -> "
-                                  "<0x00000006:0x00000001>\n")}),
-              fake_log::lines());
-    const Messages taken = service.take();
-    ASSERT_EQ(100U, taken.size());
-    for (uint32_t i = 0; i < 99; i++)
-        EXPECT_EQ((Message{3, i}), taken[i]);
-    EXPECT_EQ((Message{6, 1}), taken[99]);
-}
-
-TEST_F(UafIpcTxTest, QueueTakesAHundredAgainOnceItWasDrained) {
-    for (int round = 0; round < 3; round++) {
-        for (uint32_t i = 0; i < 100; i++)
-            UafIpc::queueMsg({3, i});
-        EXPECT_EQ(100U, service.take().size());
-    }
-}
-
-TEST_F(UafIpcTxTest, EachAppendAndOverwriteIsBroadcastOnceUnderTheLock) {
-    std::string calls;
-    fake_sys::hooks().pthread_mutex_lock = [&](pthread_mutex_t* mutex) {
-        calls += mutex == service.queueMutex ? "L" : "";
-        return fake_sys::real::pthread_mutex_lock(mutex);
-    };
-    fake_sys::hooks().pthread_mutex_unlock = [&](pthread_mutex_t* mutex) {
-        calls += mutex == service.queueMutex ? "U" : "";
-        return fake_sys::real::pthread_mutex_unlock(mutex);
-    };
-    fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) {
-        calls += 'B';
-        return 0;
-    };
-    UafIpc::queueMsg({3, 1});
-    EXPECT_EQ("LBU", calls);
-    for (int i = 0; i < 99; i++)
-        UafIpc::queueMsg({3, 1});
-    calls.clear();
-    UafIpc::queueMsg({3, 1});
-    EXPECT_EQ("LBU", calls);
-}
-
-TEST_F(UafIpcTxTest, MessageThatCannotLockIsLost) {
-    fake_sys::hooks().pthread_mutex_lock = failingLock(1, EDEADLK);
-    fake_sys::hooks().malloc = [](size_t) -> void* {
-        ADD_FAILURE() << "allocated without the lock";
-        return nullptr;
-    };
-    UafIpc::queueMsg({3, 1});
-    fake_sys::hooks().malloc = nullptr;
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
-    EXPECT_EQ(Messages{}, service.take());
-}
-
-TEST_F(UafIpcTxTest, MessageThatFindsNoMemoryIsLostWithoutABroadcast) {
-    int broadcasts = 0;
-    fake_sys::hooks().malloc = [](size_t) -> void* { return nullptr; };
-    fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) { return ++broadcasts; };
-    UafIpc::queueMsg({3, 1});
-    fake_sys::hooks().malloc = nullptr;
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: malloc failed\n")}), fake_log::lines());
-    EXPECT_EQ(0, broadcasts);
-    UafIpc::queueMsg({3, 2});
-    EXPECT_EQ((Messages{{3, 2}}), service.take());
-}
-
-TEST_F(UafIpcTxTest, FailedBroadcastAndUnlockAreLoggedAndTheMessageStays) {
-    fake_sys::hooks().pthread_cond_broadcast = [](pthread_cond_t*) { return EINVAL; };
-    fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
-    UafIpc::queueMsg({3, 1});
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: conditional broadcast failed: 22\n"),
-                     UAFIPC.error("queueMsg: unlock failed: 1\n")}),
-              fake_log::lines());
-    EXPECT_EQ((Messages{{3, 1}}), service.take());
-}
-
 TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockEnds) {
-    fake_sys::hooks().pthread_mutex_lock = failingLock(1, EINVAL);
+    locks.answer("lock", EINVAL, 1);
     service.runTx();
     EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
 }
@@ -229,7 +125,7 @@ TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockAgainEndsAfterTheSend) {
     UafIpc::queueMsg({3, 1});
     UafIpc::queueMsg({3, 2});
     acceptSends();
-    fake_sys::hooks().pthread_mutex_lock = failingLock(2, EINVAL);
+    locks.answer("lock", EINVAL, 2);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
     EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
@@ -239,32 +135,28 @@ TEST_F(UafIpcTxTest, FailedWaitUnlocksAndEnds) {
     service.runTx();
     EXPECT_EQ((Lines{START_LINE, END_LINE}), fake_log::lines());
     fake_log::clear();
-    fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
+    locks.answer("unlock", EPERM, 1);
     service.runTx();
     EXPECT_EQ((Lines{START_LINE, END_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}),
               fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, WakeUpWithoutAMessageWaitsAgain) {
-    int waits = 0;
-    fake_sys::hooks().pthread_cond_wait = [&](pthread_cond_t*, pthread_mutex_t*) {
-        return ++waits == 3 ? EINVAL : 0;
-    };
+    locks.answer("wait", EINVAL, 3);
     service.runTx();
-    EXPECT_EQ(3, waits);
+    EXPECT_EQ((Strings{"lock", "wait", "wait", "wait", "unlock"}), journal);
     EXPECT_EQ(Lines{}, linesInside());
 }
 
 TEST_F(UafIpcTxTest, FailedUnlockEndsAfterTheMessageWasSent) {
     UafIpc::queueMsg({3, 1});
     acceptSends();
-    fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
+    locks.answer("unlock", EPERM, 1);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
     EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
 }
 
-// Would wait for itself for ever if the lock were held.
 TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
     UafIpc::queueMsg({3, 1});
     answerSends([](size_t size) {
@@ -278,39 +170,27 @@ TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
     EXPECT_EQ((Strings{bytesOf(3, 1), bytesOf(4, 2)}), sends);
 }
 
-// A start empties the list and leaves the count: such a count cannot be mended, so each of these
-// runs in a process of its own.
+// A start drops the list and leaves its count.
 TEST_F(UafIpcTxTest, CountWithoutMessagesIsReportedByTheTransmitThread) {
-    EXPECT_TRUE(passesInAChild([&] {
-        UafIpc::queueMsg({3, 1});
-        service.start();
-        fake_sys::hooks().pthread_mutex_lock = failingLock(3, EINVAL);
-        service.runTx();
-        EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                         UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                         UAFIPC.error("txLoop: lock failed: 22\n")}),
-                  fake_log::lines());
-        fake_log::clear();
-        fake_sys::hooks().pthread_mutex_lock = nullptr;
-        fake_sys::hooks().pthread_mutex_unlock = failingUnlock(1, EPERM);
-        service.runTx();
-        EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                         UAFIPC.error("txLoop: unlock failed: 1\n")}),
-                  fake_log::lines());
-    }));
-}
-
-TEST_F(UafIpcTxTest, FullCountWithoutMessagesIsReportedToTheProducersLog) {
-    EXPECT_TRUE(passesInAChild([&] {
-        for (int i = 0; i < 100; i++)
-            UafIpc::queueMsg({3, 1});
-        service.start();
-        int broadcasts = 0;
-        fake_sys::hooks().pthread_cond_broadcast = [&](pthread_cond_t*) { return ++broadcasts; };
-        UafIpc::queueMsg({3, 1});
-        EXPECT_EQ((Lines{UAFIPC.error("queueMsg: last entry is NULL\n")}), fake_log::lines());
-        EXPECT_EQ(0, broadcasts);
-    }));
+    void* lost = nullptr;  // by the start
+    fake_sys::hooks().malloc = [&](size_t size) { return lost = fake_sys::real::malloc(size); };
+    UafIpc::queueMsg({3, 1});
+    fake_sys::hooks().malloc = nullptr;
+    service.start();
+    locks.answer("lock", EINVAL, 3);
+    service.runTx();
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                     UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                     UAFIPC.error("txLoop: lock failed: 22\n")}),
+              fake_log::lines());
+    fake_log::clear();
+    locks.answer("unlock", EPERM, 1);
+    service.runTx();
+    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
+                     UAFIPC.error("txLoop: unlock failed: 1\n")}),
+              fake_log::lines());
+    IpcService::renewQueue();
+    free(lost);
 }
 
 TEST_F(UafIpcTxTest, PartialSendsGoOnBehindTheBytesThatWent) {
@@ -413,6 +293,7 @@ TEST_F(UafIpcTxTest, DropCountsBytesSendsAndRetries) {
 // arrive was logged as overwritten.
 TEST_F(UafIpcTxTest, ManyProducersAndTheRealTransmitThread) {
     constexpr uint32_t producers = 4, each = 2000, sentinel = 0xE4D, loopLines = 2;
+    fake_sys::reset();
     Messages sent;
     bool ended = false;
     fake_sys::hooks().sendto = [&](int, const void* data, size_t size, int, const sockaddr*,

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/support/fake_locks.h"
+
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/fake_sys.h"
+
+void FakeLocks::install() {
+    fake_sys::Hooks& hooks = fake_sys::hooks();
+    hooks.pthread_mutex_init = [this](pthread_mutex_t* mutex, const pthread_mutexattr_t* given) {
+        if (!newNames.empty()) {
+            watch(*mutex, newNames.front());
+            newNames.erase(newNames.begin());
+        }
+        return fake_sys::real::pthread_mutex_init(mutex, given);
+    };
+    hooks.pthread_mutex_lock = [this](pthread_mutex_t* mutex) { return lock(mutex); };
+    hooks.pthread_mutex_trylock = [this](pthread_mutex_t* mutex) { return tryLock(mutex); };
+    hooks.pthread_mutex_unlock = [this](pthread_mutex_t* mutex) { return unlock(mutex); };
+    hooks.pthread_cond_broadcast = [this](pthread_cond_t* condition) {
+        const Place* const place = placeOf(condition);
+        return place != nullptr ? note("broadcast", *place)
+                                : fake_sys::real::pthread_cond_broadcast(condition);
+    };
+    hooks.pthread_cond_wait = [this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+        const Place* const place = placeOf(condition);
+        return place != nullptr ? note("wait", *place)
+                                : fake_sys::real::pthread_cond_wait(condition, mutex);
+    };
+}
+
+const FakeLocks::Place* FakeLocks::placeOf(const void* object) const {
+    for (const Place& place : places) {
+        if (object >= place.begin && object < place.begin + place.bytes) {
+            return &place;
+        }
+    }
+    return nullptr;
+}
+
+int FakeLocks::note(const std::string& call, const Place& place) {
+    const std::string entry = place.name.empty() ? call : call + " " + place.name;
+    if (const auto action = actions.find(entry); action != actions.end()) {
+        const std::function<void()> act = std::move(action->second);
+        actions.erase(action);
+        act();
+    }
+    journal.push_back(entry);
+    if (onCall) {
+        onCall(entry);
+    }
+    const auto answer = answers.find(entry);
+    if (answer == answers.end()) {
+        return 0;
+    }
+    const int calls = ++answer->second.calls;
+    return answer->second.nth == 0 || answer->second.nth == calls ? answer->second.result : 0;
+}
+
+int FakeLocks::lock(pthread_mutex_t* mutex) {
+    const Place* const place = placeOf(mutex);
+    if (place == nullptr) {
+        return fake_sys::real::pthread_mutex_lock(mutex);
+    }
+    const int result = note("lock", *place);
+    if (result == 0) {
+        EXPECT_TRUE(held.insert(mutex).second) << "waits for itself: " << journal.back();
+    }
+    return result;
+}
+
+int FakeLocks::tryLock(pthread_mutex_t* mutex) {
+    const Place* const place = placeOf(mutex);
+    if (place == nullptr) {
+        return fake_sys::real::pthread_mutex_trylock(mutex);
+    }
+    const int result = note("trylock", *place);
+    return result != 0 || held.insert(mutex).second ? result : EBUSY;
+}
+
+int FakeLocks::unlock(pthread_mutex_t* mutex) {
+    const Place* const place = placeOf(mutex);
+    if (place == nullptr) {
+        return fake_sys::real::pthread_mutex_unlock(mutex);
+    }
+    held.erase(mutex);
+    return note("unlock", *place);
+}
