@@ -60,7 +60,7 @@ TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
 
 TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
     startAndSwitchOff();
-    beforeNextLock = [this] { channel.intfUpdate(true); };
+    locks.beforeNext("lock", [this] { channel.intfUpdate(true); });
     runToStop();
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_EQ(0U, channel.stopDelayCnt);
@@ -93,7 +93,7 @@ TEST_F(UafChStopTest, PassesWhileAnOnIsHandledDoNotStopTheChannel) {
 
 TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
     startAndSwitchOff();
-    lockResult = EDEADLK;
+    locks.answer("lock", EDEADLK);
     runToStop();
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "stop", "message 0"));
@@ -105,7 +105,7 @@ TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
 
 TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
     startAndSwitchOff();
-    unlockResult = EPERM;
+    locks.answer("unlock", EPERM);
     runToStop();
     EXPECT_THAT(fake_log::lines(),
                 ElementsAre(UAFCH.debug("UAF channel stopped. Current state is (2)\n"),
@@ -118,18 +118,19 @@ TEST_F(UafChStopTest, TheNextStartJoinsTheFinishedWorkerFirst) {
     runToStop();
     forget();
     EXPECT_EQ(0, channel.intfUpdate(true));
-    EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "join 41", "create", "unlock"));
+    EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "join", "create", "unlock"));
+    EXPECT_THAT(threads.joined, ElementsAre(OLD_WORKER));
     EXPECT_FALSE(channel.joinPending);
-    EXPECT_EQ(NEW_WORKER, channel.threadId);
+    EXPECT_EQ(threads.created.back().id, channel.threadId);
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
 }
 
 TEST_F(UafChStopTest, AWorkerIsJoinedOnceOnly) {
     startAndSwitchOff();
     runToStop();
-    createResult = EAGAIN;
+    threads.refuse(EAGAIN);
     EXPECT_EQ(-1, channel.intfUpdate(true));
-    createResult = 0;
+    threads.refuse(0);
     forget();
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
@@ -163,17 +164,15 @@ TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
 
 TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
     startAndSwitchOff();
-    tryLockResult = EBUSY;
+    locks.answer("trylock", EBUSY);
     const std::atomic<int32_t> running{0};
     int pauses = 0;
-    fake_sys::hooks().nanosleep = [&](const timespec* pause, timespec*) {
-        EXPECT_EQ(0, pause->tv_sec);
-        EXPECT_EQ(1000000, pause->tv_nsec);
+    threads.onSleep = [&](long ns) {
+        EXPECT_EQ(1000000, ns);
         if (++pauses == 3) {
             channel.fifo.endWaits(pthread_self(), running);
         }
-        tryLockResult = pauses < 10 ? EBUSY : 0;
-        return 0;
+        locks.answer("trylock", pauses < 10 ? EBUSY : 0);
     };
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(3, pauses);
@@ -185,19 +184,16 @@ TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
 
 TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
     start();
-    tryLockResult = EBUSY;
-    fake_sys::hooks().nanosleep = [&](const timespec*, timespec*) {
-        tryLockResult = 0;
-        return 0;
-    };
+    locks.answer("trylock", EBUSY);
+    threads.onSleep = [&](long) { locks.answer("trylock", 0); };
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
-    EXPECT_THAT(journal, ElementsAre("trylock", "trylock", "unlock"));
+    EXPECT_THAT(journal, ElementsAre("trylock", "sleep", "trylock", "unlock"));
 }
 
 TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
     start();
-    tryLockResult = EINVAL;
+    locks.answer("trylock", EINVAL);
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock"));

@@ -23,18 +23,9 @@ using Samples = std::vector<int16_t>;
 
 class UafChStreamTest : public channel_bench::Test {
   protected:
-    void SetUp() override {
-        channel_bench::Test::SetUp();
-        fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
-            sleptNs += pause->tv_sec * 1000000000L + pause->tv_nsec;
-            return 0;
-        };
-    }
-
     void openPcm() { ASSERT_EQ(0, snd_pcm_open(&channel.pcmHandle, PCM, PLAYBACK, 0)); }
 
     static constexpr snd_pcm_stream_t PLAYBACK = SND_PCM_STREAM_PLAYBACK;
-    long sleptNs = 0;
 };
 
 // ---- Volume and mute ---------------------------------------------------------------------------
@@ -125,7 +116,7 @@ TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
     EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
     EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
     EXPECT_EQ(3, channel.pcmStallCnt);
-    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(0, threads.sleptNs);
     EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=0\n")));
 }
 
@@ -139,9 +130,9 @@ TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
 
 TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
-    EXPECT_EQ(10000000, sleptNs);
+    EXPECT_EQ(10000000, threads.sleptNs);
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
-    EXPECT_EQ(20000000, sleptNs);
+    EXPECT_EQ(20000000, threads.sleptNs);
     EXPECT_EQ(2, channel.pcmStallCnt);
     EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=-19\n")));
 }
@@ -151,7 +142,7 @@ TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
     EXPECT_EQ(0, channel.missedWait(-EPIPE, "UAFTAG"));
     EXPECT_EQ(0, channel.missedWait(-ESTRPIPE, "UAFTAG"));
     EXPECT_EQ(0, channel.pcmStallCnt);
-    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(0, threads.sleptNs);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(2, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -32")));

@@ -123,7 +123,7 @@ TEST_F(UafChTest, AMillionBindsUnderALivingThreadTakeNoMemory) {
 }
 
 TEST_F(UafChTest, NamesAreFreedAtOnceAfterAStartWithoutAThread) {
-    createResult = EAGAIN;
+    threads.refuse(EAGAIN);
     EXPECT_EQ(-1, channel.intfUpdate(true));
     const void* const first = channel.pcmName.load();
     bool freed = false;
@@ -185,9 +185,9 @@ TEST_F(UafChTest, OnStartsAStoppedChannel) {
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_TRUE(runningAtStart);
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
-    EXPECT_EQ(NEW_WORKER, channel.threadId);
-    EXPECT_EQ(SCHED_FIFO, policy);
-    EXPECT_EQ(58, priority);
+    EXPECT_EQ(threads.created.back().id, channel.threadId);
+    EXPECT_EQ(SCHED_FIFO, threads.created.back().policy);
+    EXPECT_EQ(58, threads.created.back().priority);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(ON_MESSAGE));
     EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n")));
@@ -211,7 +211,7 @@ TEST_F(UafChTest, AFailedStartLeavesTheChannelStopped) {
 }
 
 TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
-    createResult = EAGAIN;
+    threads.refuse(EAGAIN);
     channel.threadId = OLD_WORKER;
     EXPECT_EQ(-1, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
@@ -322,7 +322,7 @@ TEST_F(UafChTest, AnUnknownStateIsReportedAndKept) {
 }
 
 TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
-    lockResult = EINVAL;
+    locks.answer("lock", EINVAL);
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create"));
@@ -337,7 +337,7 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
 }
 
 TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
-    unlockResult = EPERM;
+    locks.answer("unlock", EPERM);
     EXPECT_EQ(0, channel.intfUpdate(false));
     const auto line = UAFCH.error("intfMutex unlock failed after stopping the UAFCH: 1\n");
     EXPECT_EQ(line, fake_log::lines().back());

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// Stands in for threads and their pauses: a thread that is created is noted instead of started, and
+// the test runs it itself. Calls appear in a journal as "create", "join", "signal", "sleep" and
+// "yield". For tests on one thread.
+#pragma once
+
+#include <cerrno>
+#include <functional>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+class FakeThreads {
+  public:
+    struct Thread {
+        void* (*entry)(void*);
+        void* argument;
+        int policy;  // both -1 without attributes
+        int priority;
+        pthread_t id;  // 1 for the first, 2 for the next
+
+        void* run() const { return entry(argument); }
+    };
+
+    explicit FakeThreads(std::vector<std::string>& journal) : journal(journal) {}
+
+    // Takes over the hooks; *this must outlive the calls.
+    void install();
+
+    std::vector<Thread> created;
+    std::vector<pthread_t> joined;
+    long sleptNs = 0;  // by all pauses together
+
+    // What is put behind "create" in the journal.
+    std::function<std::string(const Thread&)> nameOf = [](const Thread&) { return ""; };
+    // The result of a creation; a thread that is refused counts as not created.
+    std::function<int(const Thread&)> onCreate = [](const Thread&) { return 0; };
+    // The result of a signal; as it is, there is no such thread.
+    std::function<int(pthread_t)> onSignal = [](pthread_t) { return ESRCH; };
+    // What happens in a pause of this length.
+    std::function<void(long ns)> onSleep = [](long) {};
+
+    // From now on every creation has this result.
+    void refuse(int result) {
+        onCreate = [result](const Thread&) { return result; };
+    }
+
+  private:
+    int create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
+               void* argument);
+
+    std::vector<std::string>& journal;
+};
