@@ -63,12 +63,7 @@ CableRun::CableRun() {
         watched = true;
         return 0;
     };
-    hooks.pthread_create = [this](pthread_t*, const pthread_attr_t*, void* (*body)(void*),
-                                  void* instance) {
-        entry = body;
-        argument = instance;
-        return 0;
-    };
+    threads.install();
     hooks.system = [this](const char* command) {
         commands.emplace_back(command);
         return 0;
@@ -85,8 +80,8 @@ ssize_t CableRun::readProperty(int fd, void* data, size_t room) {
 void CableRun::run(const std::function<ssize_t(msghdr&)>& receive) {
     fake_sys::hooks().recvmsg = [&receive](int, msghdr* header, int) { return receive(*header); };
     CableMon monitor;
-    require(monitor.start() && entry != nullptr, "the monitor starts");
-    loop.run([this] { entry(argument); });
+    require(monitor.start() && threads.created.size() == 1, "the monitor starts");
+    loop.run([this] { threads.created.back().run(); });
 }
 
 ssize_t CableRun::fail(int error) {

@@ -13,6 +13,7 @@
 #include "tests/fuzz/faked.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_files.h"
+#include "tests/support/fake_threads.h"
 #include "tests/support/ipc_service.h"
 
 namespace fuzz {
@@ -48,8 +49,7 @@ class CableRun {
     EndlessLoop loop;
     std::vector<std::string>
         openProperties;  // the rest of each; descriptors count from PROPERTY_FD
-    void* (*entry)(void*) = nullptr;
-    void* argument = nullptr;
+    FakeThreads threads;
 };
 
 }  // namespace fuzz

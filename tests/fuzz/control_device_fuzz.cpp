@@ -16,6 +16,7 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ipc.h"
+#include "tests/support/fake_threads.h"
 
 const int fuzz::MAX_INPUT_BYTES = 24;
 
@@ -104,9 +105,7 @@ class DeviceRun {
             require(room == sizeof record, "a record is read");
             return next(static_cast<char*>(data));
         };
-        fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
-                                              void*) { return 0; };
-        fake_sys::hooks().pthread_join = [](pthread_t, void**) { return 0; };
+        threads.install();
         fake_sys::hooks().usleep = [this](useconds_t us) {
             pauseUs += us;
             return 0;
@@ -277,6 +276,7 @@ class DeviceRun {
     }
 
     const fuzz::Faked faked;
+    FakeThreads threads;
     fuzz::Input& input;
     BareChannel<UafSrc> src;
     BareChannel<UafSnk> snk;

@@ -15,6 +15,7 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ssrs.h"
+#include "tests/support/fake_threads.h"
 
 const int fuzz::MAX_INPUT_BYTES = 20;
 
@@ -46,15 +47,7 @@ class SourceRun {
   public:
     explicit SourceRun(fuzz::Input& input) : input(input), block(BLOCK_FRAMES * 2) {
         fake_sys::Hooks& hooks = fake_sys::hooks();
-        hooks.pthread_create = [this](pthread_t*, const pthread_attr_t*, void* (*entry)(void*),
-                                      void* argument) {
-            bufferThread = entry;
-            instance = argument;
-            return 0;
-        };
-        hooks.pthread_join = [](pthread_t, void**) { return 0; };
-        hooks.nanosleep = [](const timespec*, timespec*) { return 0; };
-        hooks.pthread_kill = [](pthread_t, int) { return ESRCH; };
+        threads.install();
         hooks.open = [this](const char* path, int flags) { return open(path, flags); };
         hooks.fcntl = [](int, int command, long size) {
             require(command == F_GETPIPE_SZ || size == BLOCK_BYTES, "a block's capacity is wanted");
@@ -76,11 +69,12 @@ class SourceRun {
 
     // A start that finds no card leaves its buffer thread, which is all that is wanted here.
     void run() {
-        require(source.intfUpdate(true) == -1 && bufferThread != nullptr, "the thread is created");
+        require(source.intfUpdate(true) == -1 && threads.created.size() == 1,
+                "the thread is created");
         expected = {UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening hw:1\n"),
                     UAFSRC.error("error at uafStart@204: rc=-19\n"),
                     UAFSRC.debug("enter buffer loop\n")};
-        bufferThread(instance);
+        threads.created.back().run();
         expected.push_back(UAFSRC.debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
                                         ", fifoRead " + std::to_string(total) + "\n"));
         require(!blockDue, "every block reaches the frame buffer");
@@ -185,18 +179,14 @@ class SourceRun {
     }
 
     void compareLog() {
-        fuzz::Lines own = fake_log::take();
-        own.erase(std::remove_if(own.begin(), own.end(),
-                                 [](const fake_log::Line& line) { return line.tag != "UAFSRC"; }),
-                  own.end());
-        fuzz::requireLines(expected, own);
+        fuzz::requireLines(expected, UAFSRC.lines());
+        fake_log::clear();
     }
 
     const fuzz::Faked faked;
     fuzz::Input& input;
+    FakeThreads threads;
     UafSrc source;
-    void* (*bufferThread)(void*) = nullptr;
-    void* instance = nullptr;
     fuzz::Lines expected;
     std::vector<int16_t> block;  // what the source's own must hold
     bool blockDue = false;

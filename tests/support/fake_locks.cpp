@@ -20,28 +20,28 @@ void FakeLocks::install() {
     hooks.pthread_mutex_trylock = [this](pthread_mutex_t* mutex) { return tryLock(mutex); };
     hooks.pthread_mutex_unlock = [this](pthread_mutex_t* mutex) { return unlock(mutex); };
     hooks.pthread_cond_broadcast = [this](pthread_cond_t* condition) {
-        const Place* const place = placeOf(condition);
-        return place != nullptr ? note("broadcast", *place)
-                                : fake_sys::real::pthread_cond_broadcast(condition);
+        const std::string* const name = nameOf(condition);
+        return name != nullptr ? note("broadcast", *name)
+                               : fake_sys::real::pthread_cond_broadcast(condition);
     };
     hooks.pthread_cond_wait = [this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
-        const Place* const place = placeOf(condition);
-        return place != nullptr ? note("wait", *place)
-                                : fake_sys::real::pthread_cond_wait(condition, mutex);
+        const std::string* const name = nameOf(condition);
+        return name != nullptr ? note("wait", *name)
+                               : fake_sys::real::pthread_cond_wait(condition, mutex);
     };
 }
 
-const FakeLocks::Place* FakeLocks::placeOf(const void* object) const {
-    for (const Place& place : places) {
+const std::string* FakeLocks::nameOf(const void* object) const {
+    for (const auto& [name, place] : places) {
         if (object >= place.begin && object < place.begin + place.bytes) {
-            return &place;
+            return &name;
         }
     }
     return nullptr;
 }
 
-int FakeLocks::note(const std::string& call, const Place& place) {
-    const std::string entry = place.name.empty() ? call : call + " " + place.name;
+int FakeLocks::note(const std::string& call, const std::string& name) {
+    const std::string entry = name.empty() ? call : call + " " + name;
     if (const auto action = actions.find(entry); action != actions.end()) {
         const std::function<void()> act = std::move(action->second);
         actions.erase(action);
@@ -60,11 +60,11 @@ int FakeLocks::note(const std::string& call, const Place& place) {
 }
 
 int FakeLocks::lock(pthread_mutex_t* mutex) {
-    const Place* const place = placeOf(mutex);
-    if (place == nullptr) {
+    const std::string* const name = nameOf(mutex);
+    if (name == nullptr) {
         return fake_sys::real::pthread_mutex_lock(mutex);
     }
-    const int result = note("lock", *place);
+    const int result = note("lock", *name);
     if (result == 0) {
         EXPECT_TRUE(held.insert(mutex).second) << "waits for itself: " << journal.back();
     }
@@ -72,19 +72,19 @@ int FakeLocks::lock(pthread_mutex_t* mutex) {
 }
 
 int FakeLocks::tryLock(pthread_mutex_t* mutex) {
-    const Place* const place = placeOf(mutex);
-    if (place == nullptr) {
+    const std::string* const name = nameOf(mutex);
+    if (name == nullptr) {
         return fake_sys::real::pthread_mutex_trylock(mutex);
     }
-    const int result = note("trylock", *place);
+    const int result = note("trylock", *name);
     return result != 0 || held.insert(mutex).second ? result : EBUSY;
 }
 
 int FakeLocks::unlock(pthread_mutex_t* mutex) {
-    const Place* const place = placeOf(mutex);
-    if (place == nullptr) {
+    const std::string* const name = nameOf(mutex);
+    if (name == nullptr) {
         return fake_sys::real::pthread_mutex_unlock(mutex);
     }
     held.erase(mutex);
-    return note("unlock", *place);
+    return note("unlock", *name);
 }

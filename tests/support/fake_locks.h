@@ -22,7 +22,7 @@ class FakeLocks {
     // are "lock", "trylock", "unlock", "broadcast" and "wait", each with a name behind it if given.
     template <typename Owner>
     void watch(const Owner& owner, const std::string& name = "") {
-        places.push_back({reinterpret_cast<const char*>(&owner), sizeof owner, name});
+        places[name] = {reinterpret_cast<const char*>(&owner), sizeof owner};
     }
     // The same for the mutexes that are set up next.
     void watchNew(std::vector<std::string> names) { newNames = std::move(names); }
@@ -44,7 +44,6 @@ class FakeLocks {
     struct Place {
         const char* begin;
         size_t bytes;
-        std::string name;
     };
     struct Answer {
         int result;
@@ -52,14 +51,15 @@ class FakeLocks {
         int calls;
     };
 
-    const Place* placeOf(const void* object) const;
-    int note(const std::string& call, const Place& place);
+    // Null: it is not watched.
+    const std::string* nameOf(const void* object) const;
+    int note(const std::string& call, const std::string& name);
     int lock(pthread_mutex_t* mutex);
     int tryLock(pthread_mutex_t* mutex);
     int unlock(pthread_mutex_t* mutex);
 
     std::vector<std::string>& journal;
-    std::vector<Place> places;
+    std::map<std::string, Place> places;  // by name
     std::vector<std::string> newNames;
     std::map<std::string, Answer> answers;
     std::map<std::string, std::function<void()>> actions;

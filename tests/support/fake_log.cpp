@@ -43,6 +43,14 @@ std::vector<Line> take() {
     return std::exchange(storedLines(), {});
 }
 
+std::vector<Line> Tag::lines() const {
+    std::vector<Line> own = fake_log::lines();
+    own.erase(std::remove_if(own.begin(), own.end(),
+                             [this](const Line& line) { return line.tag != name; }),
+              own.end());
+    return own;
+}
+
 int count(const Line& line) {
     const std::vector<Line> all = lines();
     return static_cast<int>(std::count(all.begin(), all.end(), line));

@@ -30,6 +30,8 @@ struct Tag {
 
     Line debug(const std::string& text) const { return {DEBUG, name, text}; }
     Line error(const std::string& text) const { return {ERROR, name, text}; }
+    // Those of the log under this tag.
+    std::vector<Line> lines() const;
 };
 constexpr Tag UAFIFO{"UAFIFO"};  // daemon
 constexpr Tag UAFCH{"UAFCH"};    // channel: both

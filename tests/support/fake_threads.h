@@ -22,7 +22,10 @@ class FakeThreads {
         void* run() const { return entry(argument); }
     };
 
+    FakeThreads() : journal(ownJournal) {}
     explicit FakeThreads(std::vector<std::string>& journal) : journal(journal) {}
+    FakeThreads(const FakeThreads&) = delete;
+    FakeThreads& operator=(const FakeThreads&) = delete;
 
     // Takes over the hooks; *this must outlive the calls.
     void install();
@@ -49,5 +52,6 @@ class FakeThreads {
     int create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                void* argument);
 
+    std::vector<std::string> ownJournal;  // where the test has none
     std::vector<std::string>& journal;
 };

@@ -12,17 +12,25 @@ void Test::SetUp() {
     fake_alsa::Test::SetUp();
     fake_ssrs::reset();
     fake_new::reset();
-    fake_sys::hooks().pthread_mutex_init = [this](pthread_mutex_t* mutex,
-                                                  const pthread_mutexattr_t* attributes) {
-        mutexes.push_back(mutex);
-        return fake_sys::real::pthread_mutex_init(mutex, attributes);
+    locks.install();
+    locks.watchNew({"intf", "ssrs"});
+    locks.onCall = [this](const std::string& entry) {
+        if (entry == "unlock ssrs" && ++ssrsUnlocks == lastBlock) {
+            source->uafStop();
+        }
     };
+    threads.install();
+    threads.nameOf = [](const FakeThreads::Thread& thread) {
+        return thread.entry == &UafCh::ChThread ? "worker" : "buffer";
+    };
+    threads.onCreate = [this](const FakeThreads::Thread& thread) { return create(thread); };
+    threads.onSignal = [this](pthread_t id) {
+        EXPECT_EQ(bufferThread.id, id);
+        return ESRCH;
+    };
+    fifo.install(BLOCK_BYTES);
     source = std::make_unique<OpenSource>();
-    ASSERT_EQ(2U, mutexes.size());
     source->setDevName(FIFO, PCM);
-    hookMutexes();
-    hookThreads();
-    hookFifo();
     forget();
 }
 
@@ -34,93 +42,17 @@ void Test::TearDown() {
     fake_alsa::Test::TearDown();
 }
 
-// Where a call on `mutex` goes in the journal; nowhere when it is none of the source's.
-std::string Test::nameOf(const pthread_mutex_t* mutex) const {
-    return mutex == mutexes[0] ? " intf" : mutex == mutexes[1] ? " ssrs" : "";
-}
-
-void Test::hookMutexes() {
-    fake_sys::hooks().pthread_mutex_lock = [this](pthread_mutex_t* mutex) {
-        if (nameOf(mutex).empty()) {
-            return fake_sys::real::pthread_mutex_lock(mutex);
-        }
-        journal.push_back("lock" + nameOf(mutex));
-        return mutex == mutexes[1] ? ssrsLockResult : 0;
-    };
-    fake_sys::hooks().pthread_mutex_trylock = [this](pthread_mutex_t* mutex) {
-        journal.push_back("trylock" + nameOf(mutex));
+int Test::create(const FakeThreads::Thread& thread) {
+    EXPECT_EQ(static_cast<UafSrc*>(source.get()), thread.argument);
+    if (thread.entry == &UafCh::ChThread) {
         return 0;
-    };
-    fake_sys::hooks().pthread_mutex_unlock = [this](pthread_mutex_t* mutex) {
-        if (nameOf(mutex).empty()) {
-            return fake_sys::real::pthread_mutex_unlock(mutex);
-        }
-        journal.push_back("unlock" + nameOf(mutex));
-        if (mutex != mutexes[1]) {
-            return 0;
-        }
-        if (++ssrsUnlocks == lastBlock) {
-            source->uafStop();
-        }
-        return ssrsUnlockResult;
-    };
-}
-
-void Test::hookThreads() {
-    fake_sys::hooks().pthread_create = [this](pthread_t* id, const pthread_attr_t*,
-                                              void* (*entry)(void*), void* argument) {
-        EXPECT_EQ(static_cast<UafSrc*>(source.get()), argument);
-        const bool worker = entry == &UafCh::ChThread;
-        journal.push_back(worker ? "create worker" : "create buffer");
-        errno = createErrno;
-        if (!worker && createResult != 0) {
-            return createResult;
-        }
-        bufferEntry = worker ? bufferEntry : entry;
-        *id = static_cast<pthread_t>(++(worker ? workersCreated : buffersCreated));
-        return 0;
-    };
-    fake_sys::hooks().pthread_join = [this](pthread_t, void**) {
-        journal.push_back("join");
-        return 0;
-    };
-    // There is no thread behind the number.
-    fake_sys::hooks().pthread_kill = [this](pthread_t id, int) {
-        EXPECT_EQ(static_cast<pthread_t>(buffersCreated), id);
-        journal.push_back("signal");
-        return ESRCH;
-    };
-    fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
-        journal.push_back("sleep");
-        sleptNs += pause->tv_sec * 1000000000L + pause->tv_nsec;
-        return 0;
-    };
-    fake_sys::hooks().sched_yield = [this] {
-        journal.push_back("yield");
-        return 0;
-    };
-}
-
-void Test::hookFifo() {
-    fake_sys::hooks().open = [this](const char* path, int flags) {
-        journal.push_back("open " + std::string(path) + " " + std::to_string(flags));
-        return openResult;
-    };
-    fake_sys::hooks().read = [this](int fd, void* buf, size_t size) {
-        EXPECT_EQ(openResult, fd);
-        EXPECT_EQ(static_cast<size_t>(BLOCK_BYTES), size);
-        return onRead(static_cast<int16_t*>(buf), size);
-    };
-    fake_sys::hooks().close = [this](int fd) {
-        journal.push_back("close " + std::to_string(fd));
-        return 0;
-    };
-    fake_sys::hooks().fcntl = [this](int, int command, long argument) {
-        if (command == F_SETPIPE_SZ) {
-            journal.push_back("capacity " + std::to_string(static_cast<int>(argument)));
-        }
-        return 4096;
-    };
+    }
+    errno = createErrno;
+    if (createResult == 0) {
+        bufferThread = thread;
+        ++buffersCreated;
+    }
+    return createResult;
 }
 
 void Test::start() {
@@ -145,8 +77,8 @@ void Test::openFifo() {
 }
 
 void Test::runBufferThread() {
-    ASSERT_NE(nullptr, bufferEntry);
-    EXPECT_EQ(nullptr, bufferEntry(static_cast<UafSrc*>(source.get())));
+    ASSERT_NE(nullptr, bufferThread.entry);
+    EXPECT_EQ(nullptr, bufferThread.run());
 }
 
 void Test::runWorker() {

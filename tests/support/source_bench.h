@@ -13,16 +13,18 @@
 
 #include "channel/uaf_src.h"
 #include "tests/support/fake_alsa.h"
+#include "tests/support/fake_fifo.h"
 #include "tests/support/fake_ipc.h"
+#include "tests/support/fake_locks.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_new.h"
 #include "tests/support/fake_ssrs.h"
+#include "tests/support/fake_threads.h"
 
 namespace source_bench {
 
 constexpr char FIFO[] = "/tmp/usbAudioFifoTx";
 constexpr char PCM[] = "hw:1";
-constexpr int FIFO_FD = 77;
 constexpr int BLOCK_BYTES = 1920;
 constexpr int BLOCK_SAMPLES = 480;
 constexpr int FRAME_SAMPLES = 240;
@@ -33,11 +35,7 @@ inline fake_log::Line base(int priority, const std::string& text) {
 
 // What the log holds under the channel's own tag.
 inline std::vector<fake_log::Line> ownLines() {
-    std::vector<fake_log::Line> lines = fake_log::lines();
-    lines.erase(std::remove_if(lines.begin(), lines.end(),
-                               [](const fake_log::Line& line) { return line.tag != "UAFSRC"; }),
-                lines.end());
-    return lines;
+    return fake_log::UAFSRC.lines();
 }
 
 // What the base keeps for derived channels lies open to tests.
@@ -76,33 +74,22 @@ class Test : public fake_alsa::Test {
 
     std::unique_ptr<OpenSource> source;
     std::vector<std::string> journal;
-    // Of the source's two mutexes, in the order of their set-up.
-    std::vector<pthread_mutex_t*> mutexes;
-    // What the calls return.
-    int ssrsLockResult = 0;
-    int ssrsUnlockResult = 0;
+    FakeLocks locks{journal};      // "lock intf" and "lock ssrs"
+    FakeThreads threads{journal};  // "create worker" and "create buffer"
+    FakeFifo fifo{journal};
+    // What the creation of the buffer thread returns and leaves in errno.
     int createResult = 0;
     int createErrno = 0;
     int buffersCreated = 0;
-    int workersCreated = 0;
-    long sleptNs = 0;
-    // The app's side: the descriptor that an open gives, and what a read does.
-    int openResult = FIFO_FD;
-    std::function<ssize_t(int16_t*, size_t)> onRead = [](int16_t*, size_t size) {
-        return static_cast<ssize_t>(size);
-    };
 
   private:
-    void hookMutexes();
-    void hookThreads();
-    void hookFifo();
-    std::string nameOf(const pthread_mutex_t* mutex) const;
+    int create(const FakeThreads::Thread& thread);
 
     int ssrsUnlocks = 0;
     int lastBlock = 0;
     int lastWait = 0;
     int waits = 0;
-    void* (*bufferEntry)(void*) = nullptr;
+    FakeThreads::Thread bufferThread{};
 };
 
 }  // namespace source_bench

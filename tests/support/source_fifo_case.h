@@ -36,7 +36,7 @@ class SourceFifoCase : public source_bench::Test {
 
     // Reads give these results, one after the other, and then whole blocks.
     void readResults(std::vector<int> results) {
-        onRead = [results, next = size_t{0}](int16_t*, size_t size) mutable {
+        fifo.onRead = [results, next = size_t{0}](int16_t*, size_t size) mutable {
             return next < results.size() ? results[next++] : static_cast<ssize_t>(size);
         };
     }

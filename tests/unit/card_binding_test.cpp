@@ -14,6 +14,7 @@
 #include "channel/uaf_src.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_log.h"
+#include "tests/support/fake_threads.h"
 
 namespace {
 
@@ -135,10 +136,11 @@ class UafBindTest : public fake_alsa::Test {
             copied.emplace_back(text);
             return fake_sys::real::strdup(text);
         };
-        fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
-                                              void*) { return EAGAIN; };
+        threads.install();
+        threads.refuse(EAGAIN);
     }
 
+    FakeThreads threads;
     UafSrc src;
     UafSnk snk;
     std::vector<std::string> copied;  // every name given, in order
@@ -164,8 +166,7 @@ TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
         return -1;
     };
     fake_sys::hooks().fopen = [](const char*, const char*) -> FILE* { return nullptr; };
-    fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
-                                          void*) { return 0; };
+    threads.refuse(0);
     snk.intfUpdate(true);
     snk.intfUpdate(false);
     snk.uafLoop();

@@ -16,6 +16,7 @@
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_log.h"
+#include "tests/support/fake_threads.h"
 
 namespace {
 
@@ -52,9 +53,7 @@ class EventLoopTest : public fake_alsa::Test {
     void SetUp() override {
         fake_alsa::Test::SetUp();
         fake_ipc::clear();
-        fake_sys::hooks().pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*),
-                                              void*) { return 0; };
-        fake_sys::hooks().pthread_join = [](pthread_t, void**) { return 0; };
+        threads.install();
         plug();
     }
     static void plug(int card = 1) {
@@ -99,6 +98,7 @@ class EventLoopTest : public fake_alsa::Test {
             std::to_string(bindbad) + "\n");
     }
 
+    FakeThreads threads;
     UafSrc src;
     UafSnk snk;
     EventLoop loop{src, snk};

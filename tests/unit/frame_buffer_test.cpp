@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "channel/stream_shape.h"
+#include "tests/support/fake_locks.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_new.h"
 #include "tests/support/fake_ssrs.h"
@@ -20,13 +21,10 @@
 
 namespace {
 
+using fake_log::UAFSRC;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-fake_log::Line error(const std::string& text) {
-    return {fake_log::ERROR, "UAFSRC", text};
-}
 
 class FrameBufferTest : public fake_sys::Test {
   protected:
@@ -34,7 +32,8 @@ class FrameBufferTest : public fake_sys::Test {
         fake_sys::Test::SetUp();
         fake_ssrs::reset();
         fake_new::reset();
-        hookMutex();
+        locks.install();
+        locks.watchNew({""});
         buffer = std::make_unique<FrameBuffer>();
         ASSERT_TRUE(buffer->allocateStorage());
         buffer->build();
@@ -44,29 +43,6 @@ class FrameBufferTest : public fake_sys::Test {
         buffer = nullptr;
         fake_ssrs::reset();
         fake_sys::Test::TearDown();
-    }
-
-    // The frame buffer's lock, which is the first one made; others are gtest's.
-    void hookMutex() {
-        fake_sys::hooks().pthread_mutex_init = [this](pthread_mutex_t* made,
-                                                      const pthread_mutexattr_t* attributes) {
-            mutex = mutex == nullptr ? made : mutex;
-            return fake_sys::real::pthread_mutex_init(made, attributes);
-        };
-        fake_sys::hooks().pthread_mutex_lock = [this](pthread_mutex_t* locked) {
-            if (locked != mutex) {
-                return fake_sys::real::pthread_mutex_lock(locked);
-            }
-            journal.push_back("lock");
-            return lockResult;
-        };
-        fake_sys::hooks().pthread_mutex_unlock = [this](pthread_mutex_t* unlocked) {
-            if (unlocked != mutex) {
-                return fake_sys::real::pthread_mutex_unlock(unlocked);
-            }
-            journal.push_back("unlock");
-            return unlockResult;
-        };
     }
 
     bool write() {
@@ -86,10 +62,8 @@ class FrameBufferTest : public fake_sys::Test {
     }
 
     std::unique_ptr<FrameBuffer> buffer;
-    const pthread_mutex_t* mutex = nullptr;
     std::vector<std::string> journal;
-    int lockResult = 0;
-    int unlockResult = 0;
+    FakeLocks locks{journal};
     int16_t block[FIFO_BLOCK_FRAMES] = {};
     int16_t frame[PERIOD_FRAMES] = {};
 };
@@ -102,39 +76,39 @@ TEST_F(FrameBufferTest, AUseReleasesTheLockBeforeItReturns) {
 }
 
 TEST_F(FrameBufferTest, AFailedUseKeepsTheLockAsLongAsItsResult) {
-    fake_ssrs::hooks().write = [](SSRS_Ctx*, const int16_t*, int32_t) { return 3; };
-    fake_ssrs::hooks().read = [](SSRS_Ctx*, int16_t*) { return 4; };
+    fake_ssrs::hooks().SSRS_Write = [](SSRS_Ctx*, const int16_t*, int32_t) { return 3; };
+    fake_ssrs::hooks().SSRS_Read = [](SSRS_Ctx*, int16_t*) { return 4; };
     EXPECT_FALSE(write());
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "request", "unlock", "lock", "request", "unlock"));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(error("SSRS_Write error: 3\n"), error("SSRS_Read error: 4\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("SSRS_Write error: 3\n"),
+                                               UAFSRC.error("SSRS_Read error: 4\n")));
 }
 
 TEST_F(FrameBufferTest, AnUnlockThatFailsAfterAFailureIsNotReported) {
-    fake_ssrs::hooks().read = [](SSRS_Ctx*, int16_t*) { return 4; };
-    unlockResult = EPERM;
+    fake_ssrs::hooks().SSRS_Read = [](SSRS_Ctx*, int16_t*) { return 4; };
+    locks.answer("unlock", EPERM);
     EXPECT_FALSE(read());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("SSRS_Read error: 4\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("SSRS_Read error: 4\n")));
 }
 
 TEST_F(FrameBufferTest, WithoutTheLockNothingIsDone) {
-    lockResult = EINVAL;
+    locks.answer("lock", EINVAL);
     EXPECT_FALSE(write());
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "request", "lock", "request"));
     EXPECT_EQ(0U, buffer->context()->wrCalls + buffer->context()->rdCalls);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("bufferLoop: lock failed: 22\n"),
-                                               error("mutex lock failed: 22\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("bufferLoop: lock failed: 22\n"),
+                                               UAFSRC.error("mutex lock failed: 22\n")));
 }
 
 TEST_F(FrameBufferTest, AFailedUnlockIsAFailureThatHoldsNothing) {
-    unlockResult = EPERM;
+    locks.answer("unlock", EPERM);
     EXPECT_FALSE(write());
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "unlock", "request", "lock", "unlock", "request"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(error("bufferLoop: unlock failed: 1\n"),
-                                               error("mutex unlock failed: 1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("bufferLoop: unlock failed: 1\n"),
+                                               UAFSRC.error("mutex unlock failed: 1\n")));
 }
 
 TEST_F(FrameBufferTest, ABlockWithoutRoomIsDroppedAndNoFailure) {
@@ -165,7 +139,7 @@ TEST_F(FrameBufferTest, EveryBuildMayBeEnlargedOnce) {
         EXPECT_EQ(nullptr, buffer->context());
         buffer->build();
         EXPECT_EQ(SMALL_FRAME_BUFFER.storage, buffer->context()->qBuffLen);
-        fake_ssrs::hooks().statsGet = [](const SSRS_Ctx*, SSRS_Stats* stats) {
+        fake_ssrs::hooks().SSRS_StatsGet = [](const SSRS_Ctx*, SSRS_Stats* stats) {
             stats->underruns = ENLARGE_UNDERRUNS;
             return 0;
         };

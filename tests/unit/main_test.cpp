@@ -16,6 +16,7 @@
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_log.h"
+#include "tests/support/fake_threads.h"
 
 int uafdMain();
 
@@ -102,11 +103,10 @@ class MainTest : public fake_alsa::Test {
             records.erase(records.begin());
             return sizeof records.front();
         };
-        hooks.pthread_create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
-            return 0;
-        };
+        threads.install();
     }
 
+    FakeThreads threads;
     int mknodResult = 0;
     int controlFd = CONTROL_FD;
     int ioctlResult = 0;

@@ -10,21 +10,21 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/snk_test.h"
+#include "tests/support/sink_bench.h"
 
 namespace {
 
 using fake_alsa::capturedSample;
 using fake_log::UAFSNK;
-using snk_test::Period;
-using snk_test::PERIOD_SAMPLES;
+using sink_bench::Period;
+using sink_bench::PERIOD_SAMPLES;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-using UafSnkFifoTest = snk_test::Test;
+using UafSnkFifoTest = sink_bench::Test;
 
 TEST_F(UafSnkFifoTest, FirstWriteOpensTheFifo) {
     run(4);
@@ -35,7 +35,7 @@ TEST_F(UafSnkFifoTest, FirstWriteOpensTheFifo) {
 }
 
 TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
-    openResult = -1;
+    fifo.openResult = -1;
     runUntilStopped();
     EXPECT_EQ(4, pass);
     EXPECT_THAT(log(), Contains(UAFSNK.error("failed to open /tmp/usbAudioFifoRx\n")).Times(4));
@@ -45,7 +45,7 @@ TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
 }
 
 TEST_F(UafSnkFifoTest, DescriptorZeroCountsAsClosed) {
-    openResult = 0;
+    fifo.openResult = 0;
     run(3);
     EXPECT_EQ(3, std::count(events.begin(), events.end(), "set pipe 960"));
     EXPECT_THAT(events, Not(Contains("close 0")));
@@ -111,8 +111,8 @@ TEST_F(UafSnkFifoTest, LostReaderCostsOnePeriodAndNotTheDaemon) {
     hooks.write = nullptr;
     hooks.open = [&](const char*, int) {
         events.push_back("open");
-        openResult = events.size() == 1 ? first[1] : second[1];
-        return openResult;
+        fifo.openResult = events.size() == 1 ? first[1] : second[1];
+        return fifo.openResult;
     };
     hooks.fcntl = nullptr;
     onPass = [&](int number) {

@@ -6,13 +6,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/snk_test.h"
+#include "tests/support/sink_bench.h"
 
 namespace {
 
 using fake_log::UAFSNK;
-using snk_test::NS_PER_MS;
-using snk_test::Period;
+using sink_bench::NS_PER_MS;
+using sink_bench::Period;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -20,7 +20,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-using UafSnkReadTest = snk_test::Test;
+using UafSnkReadTest = sink_bench::Test;
 
 // ---- The PCM's states --------------------------------------------------------------------------
 

@@ -8,13 +8,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/snk_test.h"
+#include "tests/support/sink_bench.h"
 
 namespace {
 
 using fake_log::Line;
 using fake_log::UAFSNK;
-using snk_test::NS_PER_MS;
+using sink_bench::NS_PER_MS;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -22,7 +22,7 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-using UafSnkTest = snk_test::Test;
+using UafSnkTest = sink_bench::Test;
 
 // ---- Start -------------------------------------------------------------------------------------
 

@@ -152,7 +152,7 @@ TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
         ASSERT_EQ(0, source->uafStart());
         forget();
         int blocksRead = 0;
-        onRead = [&](int16_t*, size_t size) {
+        fifo.onRead = [&](int16_t*, size_t size) {
             int16_t frame[FRAME_SAMPLES];
             const int frames = blocksRead == 0 ? 0 : blocksRead <= starvations ? 3 : 2;
             for (int i = 0; i < frames; ++i) {

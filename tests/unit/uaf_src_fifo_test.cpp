@@ -27,7 +27,7 @@ using UafSrcFifoTest = SourceFifoCase;
 TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
     runBlocks(3);
     EXPECT_THAT(journal, AllOf(Contains("open /tmp/usbAudioFifoTx 0").Times(1),
-                               Contains("capacity 1920").Times(1), Contains("write").Times(3)));
+                               Contains("set pipe 1920").Times(1), Contains("write").Times(3)));
     EXPECT_TRUE(source->fifo.isOpen());
     const std::vector<fake_log::Line> lines = ownLines();
     EXPECT_THAT(lines, ElementsAre(UAFSRC.debug("enter buffer loop\n"),
@@ -39,7 +39,7 @@ TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
 }
 
 TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
-    onRead = [](int16_t* samples, size_t size) {
+    fifo.onRead = [](int16_t* samples, size_t size) {
         for (int i = 0; i < BLOCK_SAMPLES; ++i) {
             samples[2 * i] = static_cast<int16_t>(i + 1);
             samples[2 * i + 1] = -999;
@@ -58,7 +58,7 @@ TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
 TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
     Samples model(BLOCK_SAMPLES * 2, 0);
     std::vector<Samples> expected;
-    onRead = [&](int16_t* samples, size_t size) {
+    fifo.onRead = [&](int16_t* samples, size_t size) {
         const size_t bytes = expected.empty() ? size : 8;
         const auto value = static_cast<int16_t>(100 * (expected.size() + 1));
         std::fill_n(samples, bytes / sizeof value, value);
@@ -76,7 +76,7 @@ TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
 }
 
 TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
-    onRead = [reads = 0](int16_t* samples, size_t size) mutable {
+    fifo.onRead = [reads = 0](int16_t* samples, size_t size) mutable {
         std::fill_n(samples, size / sizeof *samples, int16_t{7});
         return ++reads == 2 ? 0 : static_cast<ssize_t>(size);
     };
@@ -114,28 +114,28 @@ TEST_F(UafSrcFifoTest, AFileInTheFifosPlaceIsReadAtTheSoundsPace) {
     readResults({1920, 0});
     runBlocks(3);
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
-    EXPECT_EQ(30000000, sleptNs);
+    EXPECT_EQ(30000000, threads.sleptNs);
 }
 
 TEST_F(UafSrcFifoTest, TheFifoItselfIsReadWithoutAPause) {
     runBlocks(3);
-    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(0, threads.sleptNs);
 }
 
 TEST_F(UafSrcFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
-    openResult = 0;
+    fifo.openResult = 0;
     runBlocks(2);
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
 }
 
 TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
-    openResult = -1;
+    fifo.openResult = -1;
     stopAtYield(3);
     runBufferThread();
     EXPECT_EQ(3, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(3, count("trylock intf"));
     EXPECT_EQ(3, count("yield"));
-    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(0, threads.sleptNs);
     EXPECT_THAT(blocks, IsEmpty());
     EXPECT_THAT(ownLines(),
                 AllOf(Contains(UAFSRC.error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
@@ -144,23 +144,21 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
 }
 
 TEST_F(UafSrcFifoTest, AFailedPassOfAStoppedChannelTakesTenMilliseconds) {
-    openResult = -1;
+    fifo.openResult = -1;
     source->state = UAFCH_STOPPED;  // as a failed start leaves it
-    fake_sys::hooks().nanosleep = [this](const timespec* pause, timespec*) {
-        sleptNs += pause->tv_sec * 1000000000L + pause->tv_nsec;
-        if (sleptNs == 30000000) {
+    threads.onSleep = [this](long) {
+        if (threads.sleptNs == 30000000) {
             source->uafStop();
         }
-        return 0;
     };
     runBufferThread();
-    EXPECT_EQ(30000000, sleptNs);
+    EXPECT_EQ(30000000, threads.sleptNs);
     EXPECT_EQ(3, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(0, count("yield"));
 }
 
 TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
-    onRead = [this](int16_t*, size_t) {
+    fifo.onRead = [this](int16_t*, size_t) {
         source->setDevName(nullptr, nullptr);
         return 0;
     };
@@ -176,7 +174,7 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
 // ---- Let out by the stop -----------------------------------------------------------------------
 
 TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
-    onRead = [this, reads = 0](int16_t*, size_t size) mutable {
+    fifo.onRead = [this, reads = 0](int16_t*, size_t size) mutable {
         if (++reads < 3) {
             return static_cast<ssize_t>(size);
         }
@@ -195,7 +193,7 @@ TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     // The next run goes on with what is open.
     ASSERT_EQ(0, source->uafStart());
     forget();
-    onRead = [](int16_t*, size_t size) { return static_cast<ssize_t>(size); };
+    fifo.onRead = [](int16_t*, size_t size) { return static_cast<ssize_t>(size); };
     runBlocks(1);
     EXPECT_EQ(0, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_THAT(blocks, SizeIs(3));
@@ -217,7 +215,7 @@ TEST_F(UafSrcFifoTest, AnOpenThatTheStopEndsIsNoError) {
 }
 
 TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
-    onRead = [reads = 0](int16_t*, size_t size) mutable {
+    fifo.onRead = [reads = 0](int16_t*, size_t size) mutable {
         errno = EINTR;
         return ++reads % 2 == 1 ? ssize_t{-1} : static_cast<ssize_t>(size);
     };
@@ -230,7 +228,7 @@ TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
 
 // Not what the stop ended: it is reported like any other.
 TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
-    onRead = [this](int16_t*, size_t) {
+    fifo.onRead = [this](int16_t*, size_t) {
         source->uafStop();
         forget();
         errno = EIO;
@@ -249,7 +247,7 @@ TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
 // ---- Into the frame buffer ---------------------------------------------------------------------
 
 TEST_F(UafSrcFifoTest, TheLockIsHeldAroundTheFrameBufferOnly) {
-    onRead = [this](int16_t*, size_t size) {
+    fifo.onRead = [this](int16_t*, size_t size) {
         journal.push_back("read");
         return static_cast<ssize_t>(size);
     };
@@ -260,7 +258,7 @@ TEST_F(UafSrcFifoTest, TheLockIsHeldAroundTheFrameBufferOnly) {
 }
 
 TEST_F(UafSrcFifoTest, AFailedLockRequestsAStop) {
-    ssrsLockResult = EINVAL;
+    locks.answer("lock ssrs", EINVAL);
     stopAtYield(2);
     runBufferThread();
     EXPECT_THAT(blocks, IsEmpty());
@@ -273,7 +271,7 @@ TEST_F(UafSrcFifoTest, AFailedLockRequestsAStop) {
 }
 
 TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
-    ssrsUnlockResult = EPERM;
+    locks.answer("unlock ssrs", EPERM);
     stopAtYield(2);
     runBufferThread();
     EXPECT_THAT(blocks, SizeIs(2));
@@ -322,7 +320,7 @@ TEST_F(UafSrcFifoTest, ProgressIsReportedEvery6000Passes) {
 }
 
 TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
-    onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
+    fifo.onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);
     EXPECT_THAT(ownLines(),
                 Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));

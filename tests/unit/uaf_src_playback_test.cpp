@@ -197,7 +197,7 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
     runPasses(4);
     EXPECT_THAT(stalls, ElementsAre(0, 1, 2, 3, 0, 0, 0));
     EXPECT_EQ(4, count("read"));
-    EXPECT_EQ(0, sleptNs);
+    EXPECT_EQ(0, threads.sleptNs);
     EXPECT_THAT(
         ownLines(),
         ElementsAre(UAFSRC.debug("timeout0, rc=0\n"), UAFSRC.debug("loopcnt 0, pcmWrite 0\n"),
@@ -209,7 +209,7 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
 TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
     waitResults({-ENODEV, -ENODEV});
     runPasses(2);
-    EXPECT_EQ(20000000, sleptNs);
+    EXPECT_EQ(20000000, threads.sleptNs);
     EXPECT_EQ(3, count("read"));
     EXPECT_THAT(ownLines(), IsSupersetOf({UAFSRC.debug("timeout0, rc=-19\n"),
                                           UAFSRC.error("clear timeout, pcmStallCnt=2\n")}));
@@ -249,7 +249,7 @@ TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWaitStopsTheChannel) {
 // ---- The frame ---------------------------------------------------------------------------------
 
 TEST_F(UafSrcPlaybackTest, AFailedLockStopsTheChannel) {
-    ssrsLockResult = EINVAL;
+    locks.answer("lock ssrs", EINVAL);
     runWorker();
     EXPECT_EQ(0, framesRead);
     EXPECT_EQ(0, count("unlock ssrs"));
@@ -260,7 +260,7 @@ TEST_F(UafSrcPlaybackTest, AFailedLockStopsTheChannel) {
 }
 
 TEST_F(UafSrcPlaybackTest, AFailedUnlockStopsTheChannel) {
-    ssrsUnlockResult = EPERM;
+    locks.answer("unlock ssrs", EPERM);
     runWorker();
     EXPECT_EQ(0, count("writei"));
     EXPECT_EQ(4, count("unlock ssrs"));
@@ -294,7 +294,7 @@ TEST_F(UafSrcPlaybackTest, AStarvedFrameBufferPlaysSilence) {
 // One block of the app is played behind the silence that brings the buffer to 600 samples.
 TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
     fake_ssrs::hooks().SSRS_Read = nullptr;
-    onRead = [this, blocks = 0](int16_t* samples, size_t size) mutable {
+    fifo.onRead = [this, blocks = 0](int16_t* samples, size_t size) mutable {
         if (++blocks == 2) {
             switchOffInWait(1);
             runWorker();

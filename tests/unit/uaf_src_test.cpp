@@ -59,7 +59,7 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
 }
 
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
-    openResult = 0;
+    fifo.openResult = 0;
     openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
@@ -68,7 +68,7 @@ TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
 }
 
 TEST_F(UafSrcTest, DestructionNamesAnUnsetFifo) {
-    openResult = 1;
+    fifo.openResult = 1;
     openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
@@ -174,7 +174,7 @@ TEST_F(UafSrcTest, AStatusThatCannotBeAllocatedFailsTheStart) {
 TEST_F(UafSrcTest, ABufferWithoutMemoryFailsTheStart) {
     for (int successes = 0; successes < 4; ++successes) {
         source = nullptr;
-        mutexes.clear();
+        locks.watchNew({"intf", "ssrs"});
         source = std::make_unique<OpenSource>();
         source->setDevName(FIFO, PCM);
         forget();

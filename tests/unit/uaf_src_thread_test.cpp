@@ -24,17 +24,9 @@ using ::testing::Pair;
 using UafSrcThreadTest = source_bench::Test;
 
 TEST_F(UafSrcThreadTest, TheBufferThreadRunsAtFifo58) {
-    int policy = -1;
-    sched_param parameters{};
-    fake_sys::hooks().pthread_create = [&](pthread_t*, const pthread_attr_t* attributes,
-                                           void* (*)(void*), void*) {
-        pthread_attr_getschedpolicy(attributes, &policy);
-        pthread_attr_getschedparam(attributes, &parameters);
-        return 0;
-    };
     EXPECT_EQ(0, source->uafStart());
-    EXPECT_EQ(SCHED_FIFO, policy);
-    EXPECT_EQ(58, parameters.sched_priority);
+    EXPECT_EQ(SCHED_FIFO, threads.created.back().policy);
+    EXPECT_EQ(58, threads.created.back().priority);
 }
 
 TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) {

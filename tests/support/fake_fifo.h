@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// Stands in for the FIFO that a channel shares with the app. Calls appear in a journal as
+// "open PATH FLAGS", "set pipe BYTES", "get pipe" and "close FD"; reads and writes do not.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+class FakeFifo {
+  public:
+    static constexpr int FD = 77;
+    static constexpr int GRANTED_PIPE_BYTES = 4096;
+
+    explicit FakeFifo(std::vector<std::string>& journal) : journal(journal) {}
+
+    // Takes over the hooks; *this must outlive the calls. Every read and write must be of a whole
+    // block.
+    void install(size_t blockBytes);
+
+    int openResult = FD;  // -1 fails with ENOENT
+    // What the app gives and takes: the result of a read or write. As they are, whole blocks.
+    std::function<ssize_t(int16_t* samples, size_t bytes)> onRead;
+    std::function<ssize_t(const int16_t* samples, size_t bytes)> onWrite;
+
+  private:
+    std::vector<std::string>& journal;
+};
