@@ -10,7 +10,6 @@
 namespace board {
 namespace {
 
-constexpr int64_t kFramesPerUsbFrame = 48;
 constexpr double kPpbUnit = 1e9;
 
 }  // namespace

@@ -14,6 +14,8 @@
 
 namespace board {
 
+constexpr int64_t kFramesPerUsbFrame = 48;  // a millisecond of the host
+
 struct HostEvent {
     Ns at;
     std::string text;

@@ -20,19 +20,19 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "board/kit/clock.h"
+#include "board/kit/files.h"
 #include "daemon/uac_user.h"
-#include "tests/board/usb_host.h"
+#include "tests/board/module_case.h"
 
 namespace {
 
+using board::contents;
+using board::kMs;
+using board::now;
+using board::sleepFor;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using usb_host::command;
-using usb_host::contents;
-using usb_host::counter;
-using usb_host::kNsPerMs;
-using usb_host::nowNs;
-using usb_host::sleepNs;
 
 constexpr size_t kQueueRecords = 16384;
 constexpr char kNode[] = "/tmp/uac_user_test";
@@ -72,10 +72,10 @@ class Control {
     int fd_;
 };
 
-class Module : public testing::Test {
+class Module : public ModuleCase {
   protected:
     void SetUp() override {
-        usb_host::reset();
+        ModuleCase::SetUp();
         Control().records();
     }
 };
@@ -126,7 +126,7 @@ TEST_F(Module, AnswersInitSyncWithTheStateInsteadOfWhatWasQueued) {
 
 TEST_F(Module, TakesVolumeAndMuteFromTheDaemon) {
     const Control control(O_WRONLY);
-    usb_host::EventLog log;
+    Notes log(*this);
     uint32_t data = 0x1ff80;
     EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME, &data), 0);
     EXPECT_EQ(control.request(F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE, &data), 0);
@@ -180,10 +180,10 @@ TEST_F(Module, BlocksAReaderUntilARecordOrASignalComes) {
     quiet.sa_handler = [](int) {};
     sigaction(SIGUSR1, &quiet, nullptr);
     const pthread_t reader = pthread_self();
-    std::thread other([reader] {
-        sleepNs(5 * kNsPerMs);
+    std::thread other([this, reader] {
+        sleepFor(5 * kMs);
         pthread_kill(reader, SIGUSR1);
-        sleepNs(5 * kNsPerMs);
+        sleepFor(5 * kMs);
         command("record 6 1");
     });
     UacUserMsgT record{};
@@ -230,8 +230,8 @@ TEST_F(Module, SpoilsReadsOnDemand) {
 
 TEST_F(Module, SpoilsAReadThatAlreadyWaits) {
     const Control control(O_RDONLY);
-    std::thread other([] {
-        sleepNs(5 * kNsPerMs);
+    std::thread other([this] {
+        sleepFor(5 * kMs);
         command("fault read 19");
     });
     UacUserMsgT record{};
@@ -312,7 +312,7 @@ TEST_F(Module, SendsUeventsOfAnyKind) {
 
 TEST_F(Module, PullsAndPlugsTheCable) {
     command("speaker on");
-    usb_host::EventLog log;
+    Notes log(*this);
     EXPECT_EQ(command("unplug"), 0);
     EXPECT_EQ(contents(kCablePath), "0\n");
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
@@ -331,14 +331,14 @@ TEST_F(Module, ReenumeratesWithTheCableAndWithoutAFault) {
     std::vector<std::string> complete = restart;
     complete.insert(complete.end(), {"usb_state CONNECTED", "usb_state CONFIGURED"});
     command("fault enumerate 1");
-    usb_host::EventLog log;
+    Notes log(*this);
     EXPECT_EQ(command("reenumerate"), 0);
     EXPECT_EQ(log.texts(), restart);
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
     EXPECT_EQ(command("reenumerate"), 0);
     EXPECT_EQ(log.texts(), complete);
     command("cable 0");
-    log.lines();
+    log.take();
     EXPECT_EQ(command("reenumerate"), 0);
     EXPECT_EQ(log.texts(), restart);
 }
@@ -369,34 +369,38 @@ TEST_F(Module, RefusesWhatItDoesNotUnderstand) {
 }
 
 TEST_F(Module, StampsItsLogAndTellsAReaderWhatItMissed) {
-    usb_host::EventLog log;
-    const int64_t before = nowNs();
+    Notes log(*this);
+    const int64_t before = now();
     command("log here I am");
-    const int64_t after = nowNs();
-    const auto lines = log.lines();
+    const int64_t after = now();
+    const auto lines = log.take();
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_EQ(lines[0].text, "host log here I am");
-    EXPECT_GE(lines[0].ns, before);
-    EXPECT_LE(lines[0].ns, after);
+    EXPECT_GE(lines[0].at, before);
+    EXPECT_LE(lines[0].at, after);
     for (int i = 0; i < 16384 + 5; i++) {
         command("log");
     }
-    const auto rest = log.lines();
+    const auto rest = log.take();
     ASSERT_EQ(rest.size(), 16384U + 1);
     EXPECT_EQ(rest[0].text, "lost 5");
 }
 
 TEST_F(Module, CanBeUnloadedAndLoadedUnboundAndUnplugged) {
+    host.reset();  // holds its devices
     ASSERT_EQ(system("rmmod usb_board"), 0);
-    EXPECT_EQ(contents("/proc/usb_host"), "no /proc/usb_host");
+    EXPECT_FALSE(board::exists("/proc/usb_host"));
     ASSERT_EQ(system("modprobe usb_board bound=0 plugged=0 index=3"), 0);
+    host.emplace();
     EXPECT_EQ(counter("card"), -1);
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
     EXPECT_EQ(contents(kCablePath), "0\n");
     EXPECT_EQ(command("bind"), 0);
     EXPECT_EQ(counter("card"), 3);
+    host.reset();
     ASSERT_EQ(system("rmmod usb_board"), 0);
     ASSERT_EQ(system("modprobe usb_board"), 0);
+    host.emplace();
     EXPECT_EQ(counter("card"), 1);
     EXPECT_EQ(contents("/proc/asound/card0/id"), "rockchiprt5640c\n");
 }

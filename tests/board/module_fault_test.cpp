@@ -11,18 +11,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "board/kit/clock.h"
+#include "board/kit/files.h"
+#include "tests/board/module_case.h"
 #include "tests/board/pcm.h"
-#include "tests/board/usb_host.h"
 
 namespace {
 
+using board::contents;
+using board::kMs;
+using board::sleepFor;
+using board::waitFor;
 using testing::ElementsAre;
-using usb_host::command;
-using usb_host::contents;
-using usb_host::counter;
-using usb_host::kNsPerMs;
-using usb_host::sleepNs;
-using usb_host::waitFor;
 
 constexpr snd_pcm_uframes_t kBuffer = 2400;
 constexpr snd_pcm_uframes_t kPeriod = 240;
@@ -37,9 +37,8 @@ void PrintTo(const Direction& direction, std::ostream* out) {
     *out << direction.pcm;
 }
 
-class Fault : public testing::TestWithParam<Direction> {
+class Fault : public ModuleCase, public testing::WithParamInterface<Direction> {
   protected:
-    void SetUp() override { usb_host::reset(); }
     // A playback starts only when there is something to play.
     static int start(Pcm& pcm) {
         if (snd_pcm_stream(pcm.get()) == SND_PCM_STREAM_PLAYBACK) {
@@ -116,7 +115,7 @@ TEST_P(Fault, MakesAnXrunNow) {
     Pcm pcm(GetParam().stream);
     run(pcm);
     const int64_t xruns = count("xruns");
-    usb_host::EventLog log;
+    Notes log(*this);
     EXPECT_EQ(injure("xrun"), 0);
     EXPECT_THAT(log.texts(), ElementsAre(GetParam().pcm + std::string(" xrun")));
     EXPECT_EQ(pcm.state(), SND_PCM_STATE_XRUN);
@@ -228,8 +227,8 @@ TEST_P(Fault, DisconnectsAStreamWhenTheCardIsRemoved) {
 TEST_P(Fault, WakesABlockedTransferWhenTheCardIsRemoved) {
     Pcm pcm(GetParam().stream);
     ASSERT_EQ(pcm.setUp(kBuffer, kPeriod), "");
-    std::thread remover([] {
-        sleepNs(20 * kNsPerMs);
+    std::thread remover([this] {
+        sleepFor(20 * kMs);
         command("card remove");
     });
     snd_pcm_sframes_t result = 0;
@@ -245,10 +244,7 @@ INSTANTIATE_TEST_SUITE_P(Pcm, Fault,
                                          Direction{SND_PCM_STREAM_PLAYBACK, "playback", "mic"}),
                          [](const auto& info) { return std::string(info.param.pcm); });
 
-class Card : public testing::Test {
-  protected:
-    void SetUp() override { usb_host::reset(); }
-};
+class Card : public ModuleCase {};
 
 TEST_F(Card, AppearsAtAnotherIndex) {
     ASSERT_EQ(command("unbind"), 0);
@@ -283,7 +279,7 @@ TEST_F(Card, SurvivesAStormOfUnplugging) {
         command("mic on");
         transfer(playback, SND_PCM_STREAM_PLAYBACK);
         // At another moment of the USB frame each time.
-        sleepNs(i * 37 * 1000);
+        sleepFor(i * 37 * 1000);
         ASSERT_EQ(command("unbind"), 0);
         EXPECT_EQ(capture.state(), SND_PCM_STATE_DISCONNECTED);
     }

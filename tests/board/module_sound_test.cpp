@@ -11,29 +11,29 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "board/kit/clock.h"
+#include "board/kit/files.h"
+#include "tests/board/module_case.h"
 #include "tests/board/pcm.h"
-#include "tests/board/usb_host.h"
 
 namespace {
 
+using board::contents;
+using board::Fd;
+using board::kMs;
+using board::kSecond;
+using board::now;
+using board::sleepFor;
+using board::waitFor;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using usb_host::command;
-using usb_host::contents;
-using usb_host::counter;
-using usb_host::kNsPerMs;
-using usb_host::kNsPerSecond;
-using usb_host::kUsbFrameSamples;
-using usb_host::nowNs;
-using usb_host::sleepNs;
-using usb_host::waitFor;
 
 constexpr snd_pcm_uframes_t kPeriod = 240;
 constexpr snd_pcm_uframes_t kCaptureBuffer = 2400;
 constexpr snd_pcm_uframes_t kPlaybackBuffer = 720;
 // From the interrupt's due time to a woken program, in virtual time.
-constexpr int64_t kWakeUpNs = kNsPerMs / 2;
+constexpr int64_t kWakeUpNs = kMs / 2;
 
 // 1, 2, 3 ... without a zero, so that silence is told from it.
 std::vector<int16_t> ramp(size_t frames) {
@@ -42,6 +42,13 @@ std::vector<int16_t> ramp(size_t frames) {
         all[i] = static_cast<int16_t>(i % 30000 + 1);
     }
     return all;
+}
+
+// Queues frames that the host plays; returns how many fitted.
+size_t play(const std::vector<int16_t>& frames) {
+    const Fd speaker = Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
+    const ssize_t written = write(speaker.get(), frames.data(), frames.size() * sizeof(frames[0]));
+    return written < 0 ? 0 : static_cast<size_t>(written) / sizeof(frames[0]);
 }
 
 std::vector<int16_t> withoutLeadingZeros(std::vector<int16_t> frames) {
@@ -56,17 +63,14 @@ std::vector<int16_t> withoutLeadingZeros(std::vector<int16_t> frames) {
 // What `frames` last on the host's clock, in whole nanoseconds of the board's.
 int64_t hostTimeNs(int64_t frames, int64_t ppb) {
     const __int128 parts = 1000000000;
-    const __int128 usbFrames = frames / kUsbFrameSamples;
-    return static_cast<int64_t>(usbFrames * kNsPerMs * parts / (parts + ppb));
+    const __int128 usbFrames = frames / board::kFramesPerUsbFrame;
+    return static_cast<int64_t>(usbFrames * kMs * parts / (parts + ppb));
 }
 
-class Sound : public testing::Test {
-  protected:
-    void SetUp() override { usb_host::reset(); }
-};
+class Sound : public ModuleCase {};
 
 TEST_F(Sound, GrantsTheSizesThatADaemonAsksFor) {
-    usb_host::EventLog log;
+    Notes log(*this);
     {
         Pcm capture(SND_PCM_STREAM_CAPTURE);
         EXPECT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
@@ -84,7 +88,7 @@ TEST_F(Sound, GrantsTheSizesThatADaemonAsksFor) {
 
 TEST_F(Sound, CapturesWhatTheHostPlaysFrameByFrame) {
     const std::vector<int16_t> played = ramp(96000);
-    ASSERT_EQ(usb_host::play(played), played.size());
+    ASSERT_EQ(play(played), played.size());
     Pcm capture(SND_PCM_STREAM_CAPTURE);
     ASSERT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
     ASSERT_EQ(capture.start(), 0);
@@ -111,8 +115,8 @@ TEST_F(Sound, RecordsWhatIsPlayedFrameByFrame) {
     }
     EXPECT_EQ(counter("mic.stale"), stale);
     // What is in the ring still has to be played, and nothing after it.
-    ASSERT_TRUE(waitFor([] { return counter("mic.stale") > 0; }));
-    std::vector<int16_t> recorded = withoutLeadingZeros(usb_host::recorded());
+    ASSERT_TRUE(waitFor([this] { return counter("mic.stale") > 0; }));
+    std::vector<int16_t> recorded = withoutLeadingZeros(host->takeRecording());
     ASSERT_GE(recorded.size(), written.size());
     recorded.resize(written.size());
     EXPECT_TRUE(recorded == written);
@@ -129,7 +133,7 @@ TEST_F(Sound, TellsTheFrameWithWhichAPlaybackStarted) {
               static_cast<snd_pcm_sframes_t>(kPeriod));
     const int64_t start = counter("mic.start_frames");
     ASSERT_TRUE(waitFor([&] { return counter("mic.frames") > start; }));
-    const std::vector<int16_t> recorded = usb_host::recorded();
+    const std::vector<int16_t> recorded = host->takeRecording();
     ASSERT_GT(static_cast<int64_t>(recorded.size()), start - begin);
     EXPECT_EQ(recorded[static_cast<size_t>(start - begin)], 1);
     EXPECT_EQ(recorded[static_cast<size_t>(start - begin - 1)], 0);
@@ -147,7 +151,7 @@ TEST_F(Sound, PlaysTheRingAgainAndCountsItWhenTheProgramIsLate) {
     std::vector<int16_t> twice = ramp(kPlaybackBuffer);
     const std::vector<int16_t> once = twice;
     twice.insert(twice.end(), once.begin(), once.end());
-    std::vector<int16_t> recorded = withoutLeadingZeros(usb_host::recorded());
+    std::vector<int16_t> recorded = withoutLeadingZeros(host->takeRecording());
     ASSERT_GE(recorded.size(), twice.size());
     EXPECT_THAT(std::vector<int16_t>(recorded.begin() + 1440, recorded.end()), Each(0));
     recorded.resize(twice.size());
@@ -155,13 +159,13 @@ TEST_F(Sound, PlaysTheRingAgainAndCountsItWhenTheProgramIsLate) {
 }
 
 TEST_F(Sound, SendsZerosAndLosesFramesLikeARealHost) {
-    ASSERT_EQ(usb_host::play(ramp(480)), 480U);
+    ASSERT_EQ(play(ramp(480)), 480U);
     const int64_t dry = counter("speaker.dry");
     const int64_t silent = counter("speaker.silent");
     const int64_t lost = counter("speaker.lost");
     const int64_t frames = counter("speaker.frames");
     command("speaker on");
-    sleepNs(100 * kNsPerMs);
+    sleepFor(100 * kMs);
     command("speaker off");
     const int64_t sent = counter("speaker.frames") - frames;
     EXPECT_GE(sent, 99 * 48);
@@ -174,9 +178,9 @@ TEST_F(Sound, SendsZerosAndLosesFramesLikeARealHost) {
 TEST_F(Sound, RecordsZerosWhileNothingIsPlayed) {
     const int64_t silent = counter("mic.silent");
     command("mic on");
-    sleepNs(100 * kNsPerMs);
+    sleepFor(100 * kMs);
     command("mic off");
-    const std::vector<int16_t> recorded = usb_host::recorded();
+    const std::vector<int16_t> recorded = host->takeRecording();
     EXPECT_GE(recorded.size(), 99U * 48);
     EXPECT_THAT(recorded, Each(0));
     EXPECT_EQ(counter("mic.silent") - silent, static_cast<int64_t>(recorded.size()));
@@ -185,9 +189,9 @@ TEST_F(Sound, RecordsZerosWhileNothingIsPlayed) {
 TEST_F(Sound, KeepsABoundedRecordingAndCountsTheRest) {
     const int64_t dropped = counter("mic.dropped");
     command("mic on");
-    sleepNs(50 * kNsPerSecond);
+    sleepFor(50 * kSecond);
     command("mic off");
-    EXPECT_EQ(usb_host::recorded().size(), 2097152U / 48 * 48);
+    EXPECT_EQ(host->takeRecording().size(), 2097152U / 48 * 48);
     EXPECT_EQ(counter("mic.dropped") - dropped,
               counter("mic.frames") - counter("mic.on_frames") - 2097152 / 48 * 48);
 }
@@ -198,16 +202,16 @@ TEST_F(Sound, MakesTheHostsProgramsWaitWithoutFollowingEveryUsbFrame) {
     std::vector<int16_t> frames(262144);
     const size_t all = frames.size() * sizeof(frames[0]);
     EXPECT_EQ(write(speaker, frames.data(), all), static_cast<ssize_t>(all));
-    EXPECT_EQ(usb_host::play({1}), 0U);
+    EXPECT_EQ(play({1}), 0U);
     command("mic on");
     command("speaker on");
-    const int64_t start = nowNs();
+    const int64_t start = now();
     EXPECT_EQ(read(mic, frames.data(), all), 480 * 2);
-    EXPECT_LT(nowNs() - start - 10 * kNsPerMs, kNsPerMs);
+    EXPECT_LT(now() - start - 10 * kMs, kMs);
     // Whatever fits is taken at once, and then nothing until 100 ms fit.
     EXPECT_EQ(write(speaker, frames.data(), all), 480 * 2);
     EXPECT_EQ(write(speaker, frames.data(), all), 4800 * 2);
-    EXPECT_LT(nowNs() - start - 110 * kNsPerMs, kNsPerMs);
+    EXPECT_LT(now() - start - 110 * kMs, kMs);
     pollfd pollers[] = {{mic, POLLIN, 0}, {speaker, POLLOUT, 0}};
     EXPECT_EQ(poll(pollers, 2, 0), 1);
     EXPECT_EQ(poll(pollers + 1, 1, 99), 0);
@@ -225,8 +229,8 @@ TEST_F(Sound, StandsStillWhileTheHostsStreamIsOffOrStalled) {
     EXPECT_EQ(snd_pcm_wait(capture.get(), 50), 1);
     command("stall speaker 1");
     const snd_pcm_sframes_t avail = snd_pcm_avail(capture.get());
-    EXPECT_EQ(avail % kUsbFrameSamples, 0);
-    sleepNs(50 * kNsPerMs);
+    EXPECT_EQ(avail % board::kFramesPerUsbFrame, 0);
+    sleepFor(50 * kMs);
     EXPECT_EQ(snd_pcm_avail(capture.get()), avail);
     command("stall speaker 0");
     EXPECT_TRUE(waitFor([&] { return snd_pcm_avail(capture.get()) > avail; }));
@@ -237,26 +241,26 @@ TEST_F(Sound, FollowsAClockThatIsExactAtEveryOffset) {
     for (const int64_t ppb : {0, 1, -1, 333, 20000, -100000, 500000, -1000000, 1000000, 99999999}) {
         command("ppb " + std::to_string(ppb));
         command("mic on");
-        sleepNs(10 * kNsPerSecond);
-        const int64_t readAt = nowNs();
+        sleepFor(10 * kSecond);
+        const int64_t readAt = now();
         command("mic off");
         const int64_t frames = counter("mic.frames") - counter("mic.on_frames");
         const int64_t lasted = counter("mic.last_ns") - counter("mic.on_ns");
         EXPECT_EQ(lasted, hostTimeNs(frames, ppb)) << ppb;
-        EXPECT_LT(readAt - counter("mic.last_ns"), 2 * kNsPerMs) << ppb;
-        EXPECT_EQ(usb_host::recorded().size(), static_cast<size_t>(frames)) << ppb;
+        EXPECT_LT(readAt - counter("mic.last_ns"), 2 * kMs) << ppb;
+        EXPECT_EQ(host->takeRecording().size(), static_cast<size_t>(frames)) << ppb;
         // Between two stops the clock stands, so that the next stream starts it afresh.
-        sleepNs(5 * kNsPerMs);
+        sleepFor(5 * kMs);
     }
 }
 
 TEST_F(Sound, ChangesItsClockWhileStreamsRun) {
     command("speaker on");
-    sleepNs(kNsPerSecond);
+    sleepFor(kSecond);
     command("ppb 1000000");
     const int64_t startNs = counter("speaker.last_ns");
     const int64_t startFrames = counter("speaker.frames");
-    sleepNs(10 * kNsPerSecond);
+    sleepFor(10 * kSecond);
     const int64_t frames = counter("speaker.frames") - startFrames;
     const int64_t lasted = counter("speaker.last_ns") - startNs;
     // The USB frame under way at the change ends as it was due, at most a microsecond later.
@@ -270,12 +274,12 @@ TEST_F(Sound, TellsWhenEachFrameMoved) {
     ASSERT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
     ASSERT_EQ(capture.start(), 0);
     command("speaker on");
-    sleepNs(3 * kNsPerMs);
-    ASSERT_EQ(usb_host::play(ramp(4800)), 4800U);
+    sleepFor(3 * kMs);
+    ASSERT_EQ(play(ramp(4800)), 4800U);
     std::vector<int16_t> period(kPeriod);
     for (int i = 1; i <= 10; i++) {
         ASSERT_EQ(capture.read(period), static_cast<snd_pcm_sframes_t>(kPeriod));
-        const int64_t late = nowNs() - counter("speaker.on_ns") - i * 5 * kNsPerMs;
+        const int64_t late = now() - counter("speaker.on_ns") - i * 5 * kMs;
         EXPECT_GE(late, 0);
         EXPECT_LT(late, kWakeUpNs);
     }
@@ -285,12 +289,12 @@ TEST_F(Sound, TellsWhenEachFrameMoved) {
 
 TEST_F(Sound, MovesBothDirectionsInTheSameUsbFrames) {
     command("speaker on");
-    sleepNs(7 * kNsPerMs + kNsPerMs / 3);
+    sleepFor(7 * kMs + kMs / 3);
     command("mic on");
-    sleepNs(100 * kNsPerMs);
+    sleepFor(100 * kMs);
     command("stall speaker 1");
     command("stall mic 1");
-    EXPECT_EQ((counter("speaker.last_ns") - counter("mic.on_ns")) % kNsPerMs, 0);
+    EXPECT_EQ((counter("speaker.last_ns") - counter("mic.on_ns")) % kMs, 0);
 }
 
 constexpr char kStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
@@ -317,12 +321,12 @@ TEST_F(Sound, ComesFromABoardWithAMicrophoneThatMovesEveryMillisecond) {
     ASSERT_EQ(mic.setUp(4800, 480), "");
     enableTimeStamps(mic);
     ASSERT_EQ(mic.start(), 0);
-    sleepNs(5 * kNsPerMs + kNsPerMs / 2);
+    sleepFor(5 * kMs + kMs / 2);
     EXPECT_THAT(contents(kStatus), HasSubstr("state: RUNNING"));
     const std::string first = statusLine("tstamp ");
     EXPECT_THAT(first, HasSubstr(": 17672"));  // seconds since 1970, early in 2026
     EXPECT_EQ(statusLine("hw_ptr"), "hw_ptr      : 240");
-    sleepNs(kNsPerMs);
+    sleepFor(kMs);
     EXPECT_NE(statusLine("tstamp "), first);
     EXPECT_EQ(statusLine("hw_ptr"), "hw_ptr      : 288");
     std::vector<int16_t> frames(480, 1);

@@ -8,7 +8,6 @@ namespace {
 
 constexpr Ns kMinute = 60 * kSecond;
 constexpr size_t kWrongMax = 20;  // whose times are kept
-constexpr int64_t kFramesPerUsbFrame = 48;
 
 int64_t floorDivide(int64_t a, int64_t b) {
     return a / b - (a % b < 0 ? 1 : 0);

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// A case of the simulated hardware itself, without a daemon: the host, and what the module notes.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "board/kit/host.h"
+
+class ModuleCase : public testing::Test {
+  protected:
+    void SetUp() override { host->reset(); }
+
+    // 0, or the errno that refused it.
+    int command(const std::string& text) { return host->tryCommand(text); }
+    int64_t counter(const std::string& key) const { return host->counter(key); }
+
+    // What the module notes from the construction on.
+    class Notes {
+      public:
+        explicit Notes(ModuleCase& module) : host_(*module.host), taken_(host_.events().size()) {}
+
+        // Everything since the last call.
+        std::vector<board::HostEvent> take() {
+            const std::vector<board::HostEvent>& all = host_.events();
+            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(taken_);
+            taken_ = all.size();
+            return {begin, all.end()};
+        }
+        // The same, without the times and without the host's own commands.
+        std::vector<std::string> texts() {
+            std::vector<std::string> texts;
+            for (const board::HostEvent& event : take()) {
+                if (event.text.rfind("host ", 0) != 0) {
+                    texts.push_back(event.text);
+                }
+            }
+            return texts;
+        }
+
+      private:
+        board::Host& host_;
+        size_t taken_;
+    };
+
+    // Empty while the module is unloaded.
+    std::optional<board::Host> host{std::in_place};
+};
