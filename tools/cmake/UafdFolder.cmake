@@ -35,3 +35,15 @@ endfunction()
 # daemon/uac_user.h: constants shared by the control device's two users.
 add_library(uac_user INTERFACE)
 target_link_libraries(uac_user INTERFACE uafd_options)
+
+# What most tests include, compiled once: uafd_test_headers(NAME option...) is for the programs that
+# say REUSE_FROM NAME and are compiled with the same options.
+function(uafd_test_headers name)
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
+  file(CONFIGURE OUTPUT ${source} CONTENT "")
+  add_library(${name} OBJECT ${source})
+  target_compile_options(${name} PRIVATE ${ARGN})
+  target_link_libraries(${name} PRIVATE uafd_options GTest::gtest GTest::gmock)
+  target_precompile_headers(${name} PRIVATE <algorithm> <atomic> <functional> <memory> <optional>
+    <string> <thread> <vector> <gmock/gmock.h> <gtest/gtest.h>)
+endfunction()

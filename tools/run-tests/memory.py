@@ -1,0 +1,89 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What has passed, and with which inputs, so that it need not run again with the same ones.
+
+A program or a check is remembered by its name, with a key: a hash of its command, of the contents of
+every file that it reads, and of the machine below it. The key is made before it runs. What fails is
+forgotten.
+"""
+
+import functools
+import hashlib
+import json
+import os
+import pathlib
+import re
+import subprocess
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+# What a program may find in its environment that changes what it does.
+VARIABLES = re.compile(r"(GTEST|ASAN|LSAN|TSAN|UBSAN|UAFD)_|LD_|MALLOC_|LANG|LC_|TZ$")
+
+
+@functools.lru_cache(maxsize=None)
+def hash_of(file, _size, _changed):
+    return hashlib.sha256(pathlib.Path(file).read_bytes()).hexdigest()
+
+
+def matching(pattern):
+    """The files, out of those that git keeps or would keep, whose names from the root match."""
+    kept = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=ROOT,
+                          stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()
+    return [name for name in kept if re.search(pattern, name) and (ROOT / name).exists()]
+
+
+def files_below(paths):
+    """The files among the paths and in their folders; paths are absolute or from the root."""
+    for path in paths:
+        found = ROOT / path
+        if found.is_dir():
+            yield from (file for file in found.rglob("*") if file.is_file() and "__pycache__" not in file.parts)
+        else:
+            yield found
+
+
+def contents_of(paths):
+    """Name and hash of each file."""
+    for file in sorted(set(files_below(paths))):
+        status = file.stat()
+        yield str(file), hash_of(str(file), status.st_size, status.st_mtime_ns)
+
+
+@functools.lru_cache(maxsize=None)
+def machine():
+    """Kernel, installed packages, the board's packages, and how tests are run."""
+    packages = subprocess.run(
+        ["dpkg-query", "-W", "-f", "${Package} ${Architecture} ${Version}\\n"],
+        stdout=subprocess.PIPE, text=True, check=True).stdout
+    board = ROOT / "build" / "arm64" / "stamp"
+    variables = sorted(item for item in os.environ.items() if VARIABLES.match(item[0]))
+    return [os.uname().release, packages, board.read_text() if board.exists() else "",
+            list(contents_of([pathlib.Path(__file__).parent])), variables]
+
+
+def key_of(words, paths):
+    """Of a command and of the files and folders that it reads."""
+    return hashlib.sha256(json.dumps([words, list(contents_of(paths)), machine()]).encode()).hexdigest()
+
+
+class Memory:
+    """`forgetful` remembers nothing from before, and everything for the next time."""
+
+    def __init__(self, file, forgetful=False):
+        self.file = file
+        self.passed = json.loads(file.read_text()) if file.exists() else {}
+        self.forgetful = forgetful
+
+    def cases(self, name, key):
+        """How many cases passed with this key; None: it has to run."""
+        known, cases = self.passed.get(name, (None, None))
+        return cases if key and key == known and not self.forgetful else None
+
+    def note(self, name, key, cases):
+        """After a run; `cases` is None when it failed."""
+        self.passed.pop(name, None)
+        if key and cases is not None:
+            self.passed[name] = (key, cases)
+        self.file.parent.mkdir(exist_ok=True)
+        new = self.file.with_suffix(".new")
+        new.write_text(json.dumps(self.passed, indent=1, sort_keys=True))
+        new.replace(self.file)

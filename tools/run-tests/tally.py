@@ -1,0 +1,41 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What ./test counts and says."""
+
+import subprocess
+import sys
+
+
+def quietly(command, **options):
+    """Whether a command succeeds; shows what it says only when it does not."""
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, check=False, **options)
+    if done.returncode:
+        sys.stdout.buffer.write(done.stdout)
+        sys.stdout.flush()
+    return done.returncode == 0
+
+
+def say(text):
+    print(text, flush=True)
+
+
+class Tally:
+    def __init__(self):
+        self.passed = self.failed = 0
+        self.left_out = {}  # how many did not run because they passed before, by kind
+
+    def count(self, what, passed, failed, seconds):
+        self.passed += passed
+        self.failed += failed
+        say(f"{what}: {passed} passed, {failed} failed, {seconds:.0f} s")
+
+    def leave_out(self, kind, number):
+        self.left_out[kind] = self.left_out.get(kind, 0) + number
+
+    def close(self):
+        """Says the closing lines; whether all is well."""
+        left_out = ", ".join(f"{number} {kind}" for kind, number in self.left_out.items() if number)
+        if left_out:
+            say(f"unchanged since they passed, so not run: {left_out}")
+        say(f"{self.passed} passed, {self.failed} failed")
+        return (self.passed > 0 or bool(left_out)) and not self.failed
