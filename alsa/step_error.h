@@ -3,7 +3,7 @@
 // helpers alike, each under its own log tag.
 #pragma once
 
-#include <android/log.h>
+#include "platform/log.h"
 
 // Logs "error at FUNCTION@STEP: RESULT=CODE" at error level. `step` is a fixed number that names
 // the step in field logs and never follows the source's lines; `result` is the name of the variable
@@ -11,7 +11,6 @@
 // Any thread. Returns `code`.
 inline int logStepError(const char* tag, const char* function, int step, const char* result,
                         int code) {
-    __android_log_print(ANDROID_LOG_ERROR, tag, "error at %s@%d: %s=%d\n", function, step, result,
-                        code);
+    LOGE_AS(tag, "error at %s@%d: %s=%d\n", function, step, result, code);
     return code;
 }

@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <unistd.h>
 
-#include <android/log.h>
+#include "alsa/log_tag.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFSND";
 constexpr unsigned RESUME_PAUSE_SECONDS = 1;
 constexpr int RESUME_PAUSES = 6;
 
@@ -33,26 +33,28 @@ int resume(snd_pcm_t* pcm) {
 int prepare(snd_pcm_t* pcm, const char* cause) {
     const int rc = snd_pcm_prepare(pcm);
     if (rc < 0) {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                            "Can't recovery from %s, prepare failed: %s\n", cause,
-                            snd_strerror(rc));
+        LOGD("Can't recovery from %s, prepare failed: %s\n", cause, snd_strerror(rc));
         return rc;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "ready \n");
+    LOGD("ready \n");
     return 0;
 }
 
 int recoverFromSuspend(snd_pcm_t* pcm) {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "suspend...");
+    LOGD("suspend...");
     if (resume(pcm) < 0) {
         return prepare(pcm, "suspend");
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "ready \n");
+    LOGD("ready \n");
     return 0;
 }
 
 int recoverFromXrun(snd_pcm_t* pcm) {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, isCapture(pcm) ? "overrun..." : "underrun...");
+    if (isCapture(pcm)) {
+        LOGD("overrun...");
+    } else {
+        LOGD("underrun...");
+    }
     // "underrun" for both directions: log readers search for this one text.
     return prepare(pcm, "underrun");
 }
@@ -60,16 +62,15 @@ int recoverFromXrun(snd_pcm_t* pcm) {
 }  // namespace
 
 int xrun_recovery(snd_pcm_t* pcm, int err) {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stream recovery from ...");
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "xrun_recovery: %s xrun, err %d",
-                        isCapture(pcm) ? "capture" : "playback", err);
+    LOGD("stream recovery from ...");
+    LOGD("xrun_recovery: %s xrun, err %d", isCapture(pcm) ? "capture" : "playback", err);
     switch (err) {
         case -ESTRPIPE:
             return recoverFromSuspend(pcm);
         case -EPIPE:
             return recoverFromXrun(pcm);
         default:
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "unknown \n");
+            LOGD("unknown \n");
             return err;
     }
 }

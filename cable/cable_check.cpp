@@ -7,8 +7,9 @@
 #include <sys/system_properties.h>
 
 #include "cable/cable_mon.h"
-#include "cable/cable_mon_log.h"
+#include "cable/log_tag.h"
 #include "cable/usb_state.h"
+#include "platform/log.h"
 
 namespace {
 

@@ -14,9 +14,10 @@
 #include <sys/time.h>
 #include <sysutils/NetlinkEvent.h>
 
-#include "cable/cable_mon_log.h"
+#include "cable/log_tag.h"
 #include "cable/usb_state.h"
 #include "ipc/uaf_ipc.h"
+#include "platform/log.h"
 
 namespace {
 

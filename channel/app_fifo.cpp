@@ -8,9 +8,8 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <android/log.h>
-
 #include "channel/dev_name.h"
+#include "platform/log.h"
 
 namespace {
 
@@ -37,15 +36,14 @@ bool AppFifo::openEnd(const char* path, int flags, size_t blockBytes, const char
     descriptor = path == nullptr ? -1 : openPath(path, flags);
     if (descriptor < 0) {
         if (!letOut) {
-            __android_log_print(ANDROID_LOG_ERROR, tag, "failed to open %s\n",
-                                DevName::printable(path));
+            LOGE_AS(tag, "failed to open %s\n", DevName::printable(path));
         }
         return false;
     }
     fcntl(descriptor, F_SETPIPE_SZ, static_cast<int>(blockBytes));
     const int capacity = fcntl(descriptor, F_GETPIPE_SZ);
     pipe = capacity >= 0;
-    __android_log_print(ANDROID_LOG_DEBUG, tag, "%s opened buffer size %d\n", path, capacity);
+    LOGD_AS(tag, "%s opened buffer size %d\n", path, capacity);
     return true;
 }
 

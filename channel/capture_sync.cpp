@@ -6,11 +6,12 @@
 #include <cstring>
 #include <ctime>
 
-#include <android/log.h>
+#include "channel/log_tags.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFSNK";
+constexpr const char* LOG_TAG = SINK_LOG_TAG;
 constexpr int64_t NS_PER_SECOND = 1000000000;
 
 // The board's own sound card. Where its id holds one of these two words the microphone is PCM 0, on
@@ -34,8 +35,7 @@ int64_t nanoseconds(int64_t seconds, int64_t fraction) {
 }
 
 void logOpenFailure(const char* path, int openErrno) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to open %s: %s", path,
-                        strerror(openErrno));
+    LOGE("Failed to open %s: %s", path, strerror(openErrno));
 }
 
 const char* statusPathOf(const char* cardId) {
@@ -57,8 +57,7 @@ FILE* openStatusFile() {
     Line cardId;
     if (fgets(cardId, sizeof cardId, idFile) == nullptr) {
         const int readErrno = errno;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to determine card type for: %s",
-                            CARD_ID_PATH);
+        LOGE("Failed to determine card type for: %s", CARD_ID_PATH);
         fclose(idFile);
         logOpenFailure(STATUS_PATH_PCM1, readErrno);
         return nullptr;
@@ -94,7 +93,7 @@ int64_t readTimestamp(FILE* statusFile) {
 
 int fail(SynchStartupState* state) {
     state->state = SYNCH_FINISHED;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "synch startup failed");
+    LOGE("synch startup failed");
     return -1;
 }
 
@@ -145,6 +144,6 @@ int synchStartup(int frames, SynchStartupState* state) {
         return 1;
     }
     state->state = SYNCH_FINISHED;
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "synch startup ok");
+    LOGD("synch startup ok");
     return 0;
 }

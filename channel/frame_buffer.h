@@ -84,6 +84,8 @@ class FrameBuffer {
     const SSRS_Ctx* context() const { return ssrsCtx; }
 
   private:
+    bool setStorage(const FrameBufferSize& size);
+    bool setDepth(const FrameBufferSize& size);
     void checkUnderruns(unsigned writes);
     void enlarge();
 

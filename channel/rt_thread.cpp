@@ -4,13 +4,13 @@
 #include <cerrno>
 #include <sched.h>
 
-#include <android/log.h>
+#include "platform/log.h"
 
 namespace {
 
 void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
     if (pthread_attr_setschedpolicy(attributes, SCHED_FIFO) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, tag, "unable to setschedpolicy\n");
+        LOGE_AS(tag, "unable to setschedpolicy\n");
         return;
     }
     sched_param parameters;
@@ -19,7 +19,7 @@ void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
     }
     parameters.sched_priority = RT_PRIORITY;
     if (pthread_attr_setschedparam(attributes, &parameters) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, tag, "unable to set thread priority\n");
+        LOGE_AS(tag, "unable to set thread priority\n");
         return;
     }
     // Without this the creator's policy and priority are inherited and the two above are ignored.

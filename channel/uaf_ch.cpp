@@ -6,12 +6,11 @@
 #include <climits>
 #include <ctime>
 
-#include <android/log.h>
-
 #include "alsa/xrun_recovery.h"
 #include "buffer/mono_stereo.h"
 #include "channel/rt_thread.h"
 #include "ipc/uaf_ipc.h"
+#include "platform/log.h"
 
 namespace {
 
@@ -35,8 +34,7 @@ class IntfLock {
         const int rc = failure == 0 ? pthread_mutex_unlock(&mutex) : 0;
         if (rc != 0) {
             // The stop's text, also where nothing was stopped: log readers know this one.
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                "intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
+            LOGE("intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
         }
     }
     IntfLock(const IntfLock&) = delete;
@@ -54,8 +52,7 @@ class IntfLock {
 
 UafCh::UafCh(int channelMsgType) : msgType(static_cast<uint32_t>(channelMsgType)) {
     if (pthread_mutex_init(&intfMutex, nullptr) != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "pthread_mutex_init for intfMutex failed\n");
+        LOGE("pthread_mutex_init for intfMutex failed\n");
     }
 }
 
@@ -104,10 +101,9 @@ int UafCh::requestStop() {
 }
 
 bool UafCh::beginUpdate(bool on) const {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "intfUpdate to %d, current state %d\n",
-                        on ? 1 : 0, state.load(std::memory_order_relaxed));
+    LOGD("intfUpdate to %d, current state %d\n", on ? 1 : 0, state.load(std::memory_order_relaxed));
     if (pcmName.load() == nullptr || fifoName.load() == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "devName not set\n");
+        LOGE("devName not set\n");
         return false;
     }
     return true;
@@ -116,9 +112,7 @@ bool UafCh::beginUpdate(bool on) const {
 // No request is refused because of the lock.
 int UafCh::update(bool on, int lockError) {
     if (lockError != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "intfMutex lock failed, but best effort at this point: %d\n",
-                            lockError);
+        LOGE("intfMutex lock failed, but best effort at this point: %d\n", lockError);
     }
     return on ? switchOn() : switchOff();
 }
@@ -135,7 +129,7 @@ int UafCh::switchOff() {
         case UAFCH_STOPPED:
             break;
         default:
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unknown state %d\n", current);
+            LOGE("unknown state %d\n", current);
     }
     return 0;
 }
@@ -148,14 +142,13 @@ int UafCh::switchOn() {
         case UAFCH_STOPPING:
             // The state first: the worker may make passes meanwhile, and must not count them.
             state.store(UAFCH_RUNNING, std::memory_order_release);
-            __android_log_print(
-                ANDROID_LOG_DEBUG, LOG_TAG, "stopDelayCnt = %d\n",
-                static_cast<int>(stopDelayCnt.exchange(0, std::memory_order_relaxed)));
+            LOGD("stopDelayCnt = %d\n",
+                 static_cast<int>(stopDelayCnt.exchange(0, std::memory_order_relaxed)));
             return 0;
         case UAFCH_STOPPED:
             return start();
         default:
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unknown state %d\n", current);
+            LOGE("unknown state %d\n", current);
             return 0;
     }
 }
@@ -165,7 +158,7 @@ int UafCh::start() {
     state.store(UAFCH_RUNNING, std::memory_order_release);
     if (uafStart() < 0) {
         // Nothing is undone: the next uafStart cleans up what this one left open.
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed to start audio");
+        LOGE("failed to start audio");
         state.store(UAFCH_STOPPED, std::memory_order_release);
         return -1;
     }
@@ -179,7 +172,7 @@ int UafCh::start() {
         releaseDevNames();
         // The stream stays open and the app stays told that it is on; the next on request finds the
         // stream open and starts it afresh.
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_create failed");
+        LOGE("pthread_create failed");
         state.store(UAFCH_STOPPED, std::memory_order_release);
         return -1;
     }
@@ -202,9 +195,9 @@ bool UafCh::isRunning() {
     }
     if (stop() != UAFCH_STOPPING) {
         // An on request slipped in before the lock: stopped it stays until the next one.
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "ALERT! This should be impossible and can cause inconsistencies in "
-                            "this channel's state.");
+        LOGE(
+            "ALERT! This should be impossible and can cause inconsistencies in "
+            "this channel's state.");
     }
     return false;
 }
@@ -213,15 +206,12 @@ bool UafCh::isRunning() {
 int UafCh::stop() {
     const IntfLock lock(intfMutex);
     if (lock.error() != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "intfMutex lock failed when attempting to stop the UAFCH: %d\n",
-                            lock.error());
+        LOGE("intfMutex lock failed when attempting to stop the UAFCH: %d\n", lock.error());
     }
     uafStop();
     UafIpc::queueMsg({msgType, 0});
     const int stoppedFrom = state.load(std::memory_order_relaxed);
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "UAF channel stopped. Current state is (%d)\n",
-                        stoppedFrom);
+    LOGD("UAF channel stopped. Current state is (%d)\n", stoppedFrom);
     releaseDevNames();  // nothing after this reads them
     state.store(UAFCH_STOPPED, std::memory_order_release);
     stopDelayCnt.store(0, std::memory_order_relaxed);
@@ -233,9 +223,7 @@ int UafCh::stop() {
 int UafCh::setVolume(int16_t volume, uint32_t type) {
     // The value is the low half alone; receivers ignore the upper one.
     const UsbAudioMsgT msg{type, static_cast<uint16_t>(volume)};
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "setVolume volume=%d, sending: type=0x%08X, data=0x%08X\n", volume,
-                        msg.type, msg.data);
+    LOGD("setVolume volume=%d, sending: type=0x%08X, data=0x%08X\n", volume, msg.type, msg.data);
     UafIpc::queueMsg(msg);
     return 0;
 }
@@ -243,9 +231,7 @@ int UafCh::setVolume(int16_t volume, uint32_t type) {
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel
 int UafCh::setMute(bool mute, uint32_t type) {
     const UsbAudioMsgT msg{type, mute ? 1U : 0U};
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute ? 1 : 0,
-                        msg.type, msg.data);
+    LOGD("setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute ? 1 : 0, msg.type, msg.data);
     UafIpc::queueMsg(msg);
     return 0;
 }
@@ -259,8 +245,7 @@ void UafCh::adjCh(int16_t* buf, int inCh, int outCh, int frames) {
     } else if (inCh == 1 && outCh == 2) {
         toStereo(buf, std::max(frames, 0));
     } else {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unsupported: inCh=%d, outCh=%d\n", inCh,
-                            outCh);
+        LOGE("unsupported: inCh=%d, outCh=%d\n", inCh, outCh);
     }
 }
 
@@ -271,8 +256,7 @@ void UafCh::pauseForTimeout() {
 int UafCh::recoverPcm(int err, const char* tag) {
     const int rc = xrun_recovery(pcmHandle, err);
     if (rc < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, tag, "ALSA xrun recovery failed (%s)\n",
-                            snd_strerror(rc));
+        LOGE_AS(tag, "ALSA xrun recovery failed (%s)\n", snd_strerror(rc));
     }
     return rc;
 }
@@ -281,12 +265,12 @@ int UafCh::missedWait(int waitResult, const char* tag) {
     if (waitResult == -EPIPE || waitResult == -ESTRPIPE) {
         const int rc = recoverPcm(waitResult, tag);
         if (rc < 0) {
-            __android_log_print(ANDROID_LOG_ERROR, tag, "rc=%d\n", rc);
+            LOGE_AS(tag, "rc=%d\n", rc);
         }
         return rc;
     }
     if (pcmStallCnt == 0) {
-        __android_log_print(ANDROID_LOG_DEBUG, tag, "timeout0, rc=%d\n", waitResult);
+        LOGD_AS(tag, "timeout0, rc=%d\n", waitResult);
     }
     if (pcmStallCnt < INT_MAX) {
         ++pcmStallCnt;  // 248 days of a host that keeps its stream silent fill it

@@ -7,15 +7,15 @@
 #include <new>
 #include <signal.h>
 
-#include <android/log.h>
-
 #include "alsa/pcm_params.h"
 #include "alsa/step_error.h"
+#include "channel/log_tags.h"
 #include "ipc/usb_audio_msg.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFSNK";
+constexpr const char* LOG_TAG = SINK_LOG_TAG;
 
 constexpr size_t PERIOD_BYTES = PERIOD_FRAMES * PCM_CHANNELS * sizeof(int16_t);
 constexpr size_t PCM_BUF_SAMPLES = PERIOD_FRAMES * FIFO_CHANNELS;
@@ -36,7 +36,7 @@ constexpr int CHECK_AFTER_DROP = 97;  // again in three periods
 
 // Process-wide: without it, writing to a FIFO whose reader has gone would end the daemon.
 void sigpipe_handler(int number) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "handler: %d\n", number);
+    LOGE("handler: %d\n", number);
 }
 
 void installSigpipeHandler() {
@@ -45,8 +45,7 @@ void installSigpipeHandler() {
     sigemptyset(&action.sa_mask);
     if (sigaction(SIGPIPE, &action, nullptr) != 0) {
         const int actionErrno = errno;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "sigaction failed: <%d:%s>\n", actionErrno,
-                            strerror(actionErrno));
+        LOGE("sigaction failed: <%d:%s>\n", actionErrno, strerror(actionErrno));
     }
 }
 
@@ -74,16 +73,14 @@ int UafSnk::uafStart() {
     }
     if (pcmStatus == nullptr && snd_pcm_status_malloc(&pcmStatus) < 0) {
         pcmStatus = nullptr;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed snd_pcm_status_malloc\n");
+        LOGE("failed snd_pcm_status_malloc\n");
         return -1;
     }
     if (pcmHandle != nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "start, audio still open, trying to close\n");
+        LOGE("start, audio still open, trying to close\n");
         uafStop();
     } else {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "start, opening %s\n",
-                            DevName::printable(pcmName.load()));
+        LOGD("start, opening %s\n", DevName::printable(pcmName.load()));
     }
     return openPcm();
 }
@@ -117,13 +114,11 @@ int UafSnk::uafStop() {
         snd_pcm_drop(pcmHandle);
         snd_pcm_close(pcmHandle);
         pcmHandle = nullptr;
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
-                            DevName::printable(pcmName.load()));
+        LOGD("stop, closing %s\n", DevName::printable(pcmName.load()));
     }
     if (fifo.isOpen()) {
         fifo.close();
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, closing %s\n",
-                            DevName::printable(fifoName.load()));
+        LOGD("stop, closing %s\n", DevName::printable(fifoName.load()));
     }
     return 0;
 }
@@ -154,15 +149,13 @@ void UafSnk::uafLoop() {
         }
         bytesWritten += static_cast<unsigned>(bytes);
         if (loopcnt % LOG_PASSES == 0) {
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                                "loopcnt %d, pcmRead %d, fifoWrite %d\n", static_cast<int>(loopcnt),
-                                static_cast<int>(framesRead), static_cast<int>(bytesWritten));
+            LOGD("loopcnt %d, pcmRead %d, fifoWrite %d\n", static_cast<int>(loopcnt),
+                 static_cast<int>(framesRead), static_cast<int>(bytesWritten));
         }
         ++loopcnt;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit, loopcnt=%d, pcmRead %d, fifoWrite %d\n",
-                        static_cast<int>(loopcnt), static_cast<int>(framesRead),
-                        static_cast<int>(bytesWritten));
+    LOGD("exit, loopcnt=%d, pcmRead %d, fifoWrite %d\n", static_cast<int>(loopcnt),
+         static_cast<int>(framesRead), static_cast<int>(bytesWritten));
 }
 
 // One period into pcmBuf. Returns the frames read, 0 after a timeout or a recovered xrun (the
@@ -185,12 +178,11 @@ int UafSnk::pcmRead() {
         return -1;
     }
     if (pcmStallCnt != 0) {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "clear timeout, pcmStallCnt=%d\n",
-                            pcmStallCnt);
+        LOGD("clear timeout, pcmStallCnt=%d\n", pcmStallCnt);
         pcmStallCnt = 0;
     }
     if (rc < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "rc=%d\n", rc);
+        LOGE("rc=%d\n", rc);
     }
     return rc;
 }
@@ -203,8 +195,7 @@ bool UafSnk::restartIfStopped() {
     }
     const int rc = snd_pcm_start(pcmHandle);
     if (rc < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, ALSA failed to start: %s",
-                            snd_strerror(rc));
+        LOGE("stopping, ALSA failed to start: %s", snd_strerror(rc));
         return false;
     }
     availChkCnt = CHECK_NEXT_PERIOD;
@@ -218,9 +209,7 @@ bool UafSnk::dropBacklog() {
     if (avail <= BACKLOG_FRAMES) {
         return true;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "too much samples in the buffer, drop samples. (avail=%d)\n",
-                        static_cast<int>(avail));
+    LOGD("too much samples in the buffer, drop samples. (avail=%d)\n", static_cast<int>(avail));
     while (snd_pcm_avail_update(pcmHandle) > BACKLOG_FRAMES) {
         const int rc = sndRead();
         if (rc == -1) {
@@ -245,7 +234,7 @@ int UafSnk::sndRead() {
         availChkCnt = CHECK_NEXT_PERIOD;
         return recoverPcm(rc, LOG_TAG);
     }
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, unexpected read error\n");
+    LOGE("stopping, unexpected read error\n");
     clearPeriod();
     return -1;
 }
@@ -261,9 +250,8 @@ int UafSnk::fifoWrite() {
     if (rc == static_cast<int>(FIFO_BLOCK_BYTES)) {
         return rc;
     }
-    __android_log_print(
-        ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to write rc=%d, expect %d\n",
-        DevName::printable(fifoName.load()), rc, static_cast<int>(FIFO_BLOCK_BYTES));
+    LOGD("closing %s, failed to write rc=%d, expect %d\n", DevName::printable(fifoName.load()), rc,
+         static_cast<int>(FIFO_BLOCK_BYTES));
     fifo.close();
     return 0;
 }

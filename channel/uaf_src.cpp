@@ -7,16 +7,16 @@
 #include <new>
 #include <sched.h>
 
-#include <android/log.h>
-
 #include "alsa/pcm_params.h"
 #include "alsa/step_error.h"
+#include "channel/log_tags.h"
 #include "channel/rt_thread.h"
 #include "ipc/usb_audio_msg.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFSRC";
+constexpr const char* LOG_TAG = SOURCE_LOG_TAG;
 
 constexpr size_t FIFO_BLOCK_BYTES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS * sizeof(int16_t);
 
@@ -43,8 +43,7 @@ UafSrc::UafSrc() : UafCh(USB_AUDIO_MSG_MIC_STATE) {}
 UafSrc::~UafSrc() {
     if (fifo.isOpen()) {
         fifo.close();
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "destruct, closing %s\n",
-                            DevName::printable(fifoName.load()));
+        LOGD("destruct, closing %s\n", DevName::printable(fifoName.load()));
     }
     if (pcmStatus != nullptr) {
         snd_pcm_status_free(pcmStatus);
@@ -70,20 +69,18 @@ int UafSrc::uafStart() {
     }
     if (pcmStatus == nullptr && snd_pcm_status_malloc(&pcmStatus) < 0) {
         pcmStatus = nullptr;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "failed snd_pcm_status_malloc\n");
+        LOGE("failed snd_pcm_status_malloc\n");
         return -1;
     }
     if (stillOpen) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "start, audio still open, trying to close\n");
+        LOGE("start, audio still open, trying to close\n");
         uafStop();
         buildFrameBuffer();
         if (!startBufferThread()) {
             return 0;
         }
     } else {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "start, opening %s\n",
-                            DevName::printable(pcmName.load()));
+        LOGD("start, opening %s\n", DevName::printable(pcmName.load()));
     }
     return openPcm();
 }
@@ -122,8 +119,7 @@ bool UafSrc::startBufferThread() {
         const int createErrno = errno;
         bufferThreadRunning.store(0, std::memory_order_relaxed);
         releaseDevNames();
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "pthread_create: <%d:%s>\n", createErrno,
-                            strerror(createErrno));
+        LOGE("pthread_create: <%d:%s>\n", createErrno, strerror(createErrno));
         return false;
     }
     bufferThreadJoinable = true;
@@ -156,7 +152,7 @@ int UafSrc::openPcm() {
 
 int UafSrc::uafStop() {
     if (bufferThreadJoinable) {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stopping buffer thread\n");
+        LOGD("stopping buffer thread\n");
         fifo.endWaits(bufferThread, bufferThreadRunning);
         pthread_join(bufferThread, nullptr);
         bufferThreadJoinable = false;
@@ -166,8 +162,7 @@ int UafSrc::uafStop() {
         snd_pcm_drop(pcmHandle);
         snd_pcm_close(pcmHandle);
         pcmHandle = nullptr;
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "stop, close %s\n",
-                            DevName::printable(pcmName.load()));
+        LOGD("stop, close %s\n", DevName::printable(pcmName.load()));
     }
     frameBuffer.release();
     return 0;
@@ -181,13 +176,13 @@ void* UafSrc::UafSrcBufferThread(void* channel) {
 }
 
 void UafSrc::bufferLoop() {
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "enter buffer loop\n");
+    LOGD("enter buffer loop\n");
     BufferRun run;
     while (!fifo.waitsEnded()) {
         if (bufferPass(run)) {
             if (run.loopcnt % LOG_PASSES == 0) {
-                __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "buffer loopcnt %d, fifoRead %d\n",
-                                    static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
+                LOGD("buffer loopcnt %d, fifoRead %d\n", static_cast<int>(run.loopcnt),
+                     static_cast<int>(run.fifoBytes));
             }
             ++run.loopcnt;
         } else if (!fifo.wasLetOut()) {
@@ -195,8 +190,8 @@ void UafSrc::bufferLoop() {
         }
     }
     bufferThreadRunning.store(0, std::memory_order_release);
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit buffer loop, loopcnt=%d, fifoRead %d\n",
-                        static_cast<int>(run.loopcnt), static_cast<int>(run.fifoBytes));
+    LOGD("exit buffer loop, loopcnt=%d, fifoRead %d\n", static_cast<int>(run.loopcnt),
+         static_cast<int>(run.fifoBytes));
 }
 
 // One block from the FIFO into the frame buffer. False when the stop has let this thread out of the
@@ -244,9 +239,8 @@ int UafSrc::fifoRead() {
         return rc;
     }
     memset(fifoBuf.get(), 0, FIFO_BLOCK_BYTES);
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "closing %s, failed to read rc=%d, expect %d\n",
-                        DevName::printable(fifoName.load()), rc,
-                        static_cast<int>(FIFO_BLOCK_BYTES));
+    LOGD("closing %s, failed to read rc=%d, expect %d\n", DevName::printable(fifoName.load()), rc,
+         static_cast<int>(FIFO_BLOCK_BYTES));
     fifo.close();
     return rc;
 }
@@ -263,13 +257,13 @@ void UafSrc::uafLoop() {
         }
         framesWritten += static_cast<unsigned>(frames);
         if (loopcnt % LOG_PASSES == 0) {
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "loopcnt %d, pcmWrite %d\n",
-                                static_cast<int>(loopcnt), static_cast<int>(framesWritten));
+            LOGD("loopcnt %d, pcmWrite %d\n", static_cast<int>(loopcnt),
+                 static_cast<int>(framesWritten));
         }
         ++loopcnt;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "exit, loopcnt=%d, pcmWrite %d\n",
-                        static_cast<int>(loopcnt), static_cast<int>(framesWritten));
+    LOGD("exit, loopcnt=%d, pcmWrite %d\n", static_cast<int>(loopcnt),
+         static_cast<int>(framesWritten));
 }
 
 // One frame into the PCM. Returns the frames written, 0 when none could be, or, after a stop
@@ -280,7 +274,7 @@ int UafSrc::pcmWrite() {
     }
     const snd_pcm_state_t pcmState = snd_pcm_state(pcmHandle);
     if (pcmState == SND_PCM_STATE_SETUP || pcmState == SND_PCM_STATE_PREPARED) {
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "need to kick start\n");
+        LOGD("need to kick start\n");
         if (sndWrite(silenceBuf.get()) == -1) {
             return stopIfFailed(-1);
         }
@@ -310,12 +304,11 @@ int UafSrc::playFrame() {
         return -1;
     }
     if (pcmStallCnt != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "clear timeout, pcmStallCnt=%d\n",
-                            pcmStallCnt);
+        LOGE("clear timeout, pcmStallCnt=%d\n", pcmStallCnt);
         pcmStallCnt = 0;
     }
     if (written < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "rc=%d\n", written);
+        LOGE("rc=%d\n", written);
     }
     return written;
 }
@@ -331,7 +324,6 @@ int UafSrc::sndWrite(const int16_t* buf) {
         availChkCnt = 0;
         return recoverPcm(rc, LOG_TAG);
     }
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "stopping, unexpected write error(%s)\n",
-                        snd_strerror(rc));
+    LOGE("stopping, unexpected write error(%s)\n", snd_strerror(rc));
     return -1;
 }

@@ -5,15 +5,15 @@
 #include <cstring>
 
 #include <alsa/asoundlib.h>
-#include <android/log.h>
 
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
+#include "daemon/log_tag.h"
 #include "ipc/app_paths.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFIFO";
 constexpr char DRIVER_NAME[] = "Vexa_Gadget";
 
 // After each printed line: where standard output is a file or a pipe, stdio would keep the line
@@ -69,13 +69,13 @@ int drvCodecCardSearch(const char* driverName, int card) {
 int uafBind(UafSrc* src, UafSnk* snk) {
     const int card = drvCodecCardSearch(DRIVER_NAME, -1);
     if (card < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Audio gadget driver is not ready.\n");
+        LOGE("Audio gadget driver is not ready.\n");
         return -1;
     }
     char pcmName[20];
     snprintf(pcmName, sizeof pcmName, "%s:%d", "hw", card);
     src->setDevName(FIFO_TX_PATH, pcmName);
     snk->setDevName(FIFO_RX_PATH, pcmName);
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "UAC Vexa is enabled, using %s\n", pcmName);
+    LOGD("UAC Vexa is enabled, using %s\n", pcmName);
     return card;
 }

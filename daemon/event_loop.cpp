@@ -3,16 +3,14 @@
 
 #include <unistd.h>
 
-#include <android/log.h>
-
 #include "channel/uaf_snk.h"
 #include "channel/uaf_src.h"
 #include "daemon/card_binding.h"
+#include "daemon/log_tag.h"
 #include "ipc/usb_audio_msg.h"
+#include "platform/log.h"
 
 namespace {
-
-constexpr char LOG_TAG[] = "UAFIFO";
 
 constexpr useconds_t FAILED_READ_PAUSE_US = 10000;
 
@@ -44,10 +42,10 @@ void EventLoop::run(int controlFd) {
 
 void EventLoop::handle(const UacUserMsgT& record, int size) {
     const uint32_t data = record.data;
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "read msg: type=%u, data=0x%08x, size=%d; "
-                        "state={cardnum:%d bindcnt=%d bindbad:%d}\n",
-                        record.type, data, size, cardnum, bindcnt, bindbad);
+    LOGD(
+        "read msg: type=%u, data=0x%08x, size=%d; "
+        "state={cardnum:%d bindcnt=%d bindbad:%d}\n",
+        record.type, data, size, cardnum, bindcnt, bindbad);
     switch (record.type) {
         case F_UAC_VEXA_USER_EVT_BIND:
             bind();
@@ -56,12 +54,10 @@ void EventLoop::handle(const UacUserMsgT& record, int size) {
             unbind();
             break;
         case F_UAC_VEXA_USER_EVT_SPK_ACTIVE:
-            bindIfMissed(data, "Speaker active while USB is not binded, will try binding it now");
-            snk.intfUpdate(data != 0);
+            activateSpeaker(data);
             break;
         case F_UAC_VEXA_USER_EVT_MIC_ACTIVE:
-            bindIfMissed(data, "Mic active while USB is not binded, will try binding it now");
-            src.intfUpdate(data != 0);
+            activateMic(data);
             break;
         case F_UAC_VEXA_USER_EVT_SPK_VOLUME:
             snk.setVolume(volumeOf(data), USB_AUDIO_MSG_SPK_VOLUME);
@@ -76,7 +72,7 @@ void EventLoop::handle(const UacUserMsgT& record, int size) {
             src.setMute(data != 0, USB_AUDIO_MSG_MIC_MUTE);
             break;
         default:
-            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "invalid msg: type=%u\n", record.type);
+            LOGE("invalid msg: type=%u\n", record.type);
     }
 }
 
@@ -96,17 +92,31 @@ void EventLoop::unbind() {
         src.setDevName(nullptr, nullptr);
         snk.setDevName(nullptr, nullptr);
     }
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "UAC Vexa is disabled, bindcnt=%d, bindbad=%d\n", bindcnt, bindbad);
+    LOGD("UAC Vexa is disabled, bindcnt=%d, bindbad=%d\n", bindcnt, bindbad);
     cardnum = -1;
 }
 
-// A stream may be switched on before its bind event, or after one that came too early for the card.
-void EventLoop::bindIfMissed(uint32_t active, const char* complaint) {
-    if (cardnum != -1 || active == 0) {
-        return;
+void EventLoop::activateSpeaker(uint32_t active) {
+    if (missesItsBind(active)) {
+        LOGE("Speaker active while USB is not binded, will try binding it now, bindbad=%d\n",
+             bindbad);
+        cardnum = uafBind(&src, &snk);
     }
-    ++bindbad;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s, bindbad=%d\n", complaint, bindbad);
-    cardnum = uafBind(&src, &snk);
+    snk.intfUpdate(active != 0);
+}
+
+void EventLoop::activateMic(uint32_t active) {
+    if (missesItsBind(active)) {
+        LOGE("Mic active while USB is not binded, will try binding it now, bindbad=%d\n", bindbad);
+        cardnum = uafBind(&src, &snk);
+    }
+    src.intfUpdate(active != 0);
+}
+
+// A stream may be switched on before its bind event, or after one that came too early for the card.
+// Counts it.
+bool EventLoop::missesItsBind(uint32_t active) {
+    const bool missed = cardnum == -1 && active != 0;
+    bindbad += missed ? 1 : 0;
+    return missed;
 }

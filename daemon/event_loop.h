@@ -22,7 +22,9 @@ class EventLoop {
   private:
     void bind();
     void unbind();
-    void bindIfMissed(uint32_t active, const char* complaint);
+    void activateSpeaker(uint32_t active);
+    void activateMic(uint32_t active);
+    bool missesItsBind(uint32_t active);
 
     UafSrc& src;       // the host's microphone
     UafSnk& snk;       // the host's speaker

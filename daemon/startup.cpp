@@ -5,16 +5,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <android/log.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "daemon/log_tag.h"
 #include "daemon/uac_user.h"
 #include "ipc/app_paths.h"
+#include "platform/log.h"
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFIFO";
 constexpr char NULL_DEVICE_PATH[] = "/dev/null";
 constexpr useconds_t RETRY_PAUSE_US = 200000;
 constexpr unsigned long LOG_FAILURES = 1500;  // a line every so many: about five minutes
@@ -27,8 +27,7 @@ int waitForFifo(const char* path, int flags, unsigned long* failures) {
             return fd;
         }
         if (*failures % LOG_FAILURES == 0) {
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                                "%s is not available yet. Waiting for creation...", path);
+            LOGD("%s is not available yet. Waiting for creation...", path);
         }
         usleep(RETRY_PAUSE_US);
     }
@@ -39,8 +38,7 @@ bool createNode() {
                          makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
     const int mknodErrno = errno;
     if (rc < 0 && mknodErrno != EEXIST) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "mknod failed, rc=%d, errno=%d\n", rc,
-                            mknodErrno);
+        LOGE("mknod failed, rc=%d, errno=%d\n", rc, mknodErrno);
         return false;
     }
     return true;
@@ -63,9 +61,8 @@ void waitForFifos() {
     unsigned long txFailures;
     const int rxFd = waitForFifo(FIFO_RX_PATH, O_WRONLY, &rxFailures);
     const int txFd = waitForFifo(FIFO_TX_PATH, O_RDONLY, &txFailures);
-    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                        "Fifos observed for %s after %lu attempts, %s after %lu attempts",
-                        FIFO_RX_PATH, rxFailures, FIFO_TX_PATH, txFailures);
+    LOGD("Fifos observed for %s after %lu attempts, %s after %lu attempts", FIFO_RX_PATH,
+         rxFailures, FIFO_TX_PATH, txFailures);
     close(rxFd);
     close(txFd);
 }
@@ -77,8 +74,7 @@ int openGadgetControl() {
     const int fd = open(UAC_USER_PATH, O_RDONLY);
     if (fd < 0) {
         const int openErrno = errno;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "open %s failed, rc=%d, errno=%d\n",
-                            UAC_USER_PATH, fd, openErrno);
+        LOGE("open %s failed, rc=%d, errno=%d\n", UAC_USER_PATH, fd, openErrno);
     }
     return fd;
 }
@@ -87,8 +83,6 @@ void requestInitialState(int controlFd) {
     const int rc = ioctl(controlFd, F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr);
     if (rc != 0) {
         const int ioctlErrno = errno;
-        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG,
-                            "failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc,
-                            ioctlErrno);
+        LOGD("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc, ioctlErrno);
     }
 }

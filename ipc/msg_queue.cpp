@@ -3,7 +3,8 @@
 
 #include <cstdlib>
 
-#include "ipc/uaf_ipc_log.h"
+#include "ipc/log_tag.h"
+#include "platform/log.h"
 
 void MsgQueue::queueMsg(const UsbAudioMsgT& msg) {
     cacheState(msg);

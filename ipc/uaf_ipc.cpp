@@ -11,7 +11,8 @@
 
 #include "daemon/uac_user.h"
 #include "ipc/app_paths.h"
-#include "ipc/uaf_ipc_log.h"
+#include "ipc/log_tag.h"
+#include "platform/log.h"
 
 const UsbAudioMsgT UafIpc::UafIpcConnectedMsg = {USB_AUDIO_MSG_USB_STATE, 1};
 const UsbAudioMsgT UafIpc::UafIpcDisconnectedMsg = {USB_AUDIO_MSG_USB_STATE, 0};

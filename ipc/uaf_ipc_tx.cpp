@@ -5,8 +5,9 @@
 
 #include <sys/socket.h>
 
+#include "ipc/log_tag.h"
 #include "ipc/uaf_ipc.h"
-#include "ipc/uaf_ipc_log.h"
+#include "platform/log.h"
 
 MsgQueue UafIpc::msgQueue;
 

@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+// The log tag of this folder's files.
+#pragma once
+
+constexpr char LOG_TAG[] = "UAFIPC";
