@@ -30,7 +30,7 @@ inline int16_t interpolate(int16_t a, int16_t b, uint16_t fraction) {
 inline void resampleLanes(const int16_t* __restrict in, uint16_t increment, int16_t* __restrict out,
                           int32_t first, int32_t n) {
     auto fraction = static_cast<uint16_t>(static_cast<uint32_t>(first + 1) * increment);
-    for (int32_t i = first; i < first + n; i++) {
+    for (int32_t i = first; i < first + n; ++i) {
         out[i] = interpolate(in[i], in[i + 1], fraction);
         fraction = static_cast<uint16_t>(fraction + increment);
     }
@@ -47,7 +47,7 @@ void resampleContiguous(const int16_t* in, uint32_t step, int16_t* out, int32_t 
 // Output i lies at position (i + 1) * step, wherever that is.
 void resampleAnywhere(const int16_t* in, uint32_t step, int16_t* out, int32_t n) {
     uint32_t position = step;
-    for (int32_t i = 0; i < n; i++) {
+    for (int32_t i = 0; i < n; ++i) {
         const uint32_t k = position >> 16;
         out[i] = interpolate(in[k], in[k + 1], static_cast<uint16_t>(position));
         position += step;

@@ -2,10 +2,10 @@
 #include "channel/uaf_snk.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
-#include <signal.h>
 
 #include "alsa/pcm_params.h"
 #include "alsa/step_error.h"

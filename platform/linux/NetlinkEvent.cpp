@@ -68,7 +68,7 @@ void NetlinkEvent::takeField(const char* text) {
 }
 
 const char* NetlinkEvent::findParam(const char* paramName) {
-    for (int i = 0; i < mParamCount; i++) {
+    for (int i = 0; i < mParamCount; ++i) {
         const char* const rest = afterPrefix(mParams[i], paramName);
         if (rest != nullptr && *rest == '=') {
             return rest + 1;

@@ -61,7 +61,7 @@ void flatten(char* text) {
         length--;
     }
     text[length] = '\0';
-    for (size_t i = 0; i < length; i++) {
+    for (size_t i = 0; i < length; ++i) {
         if (isLineEnd(text[i])) {
             text[i] = ' ';
         }
