@@ -31,9 +31,10 @@ constexpr char STATE_PARAM[] = "USB_STATE";
 
 void closeStateFile(FILE* file) {
     const int rc = fclose(file);
-    const int error = errno;
+    const int savedErrno = errno;
     if (rc != 0) {
-        LOGE("closing %s failed: <%d:%d:%s>\n", CABLE_USB_STATE_PATH, rc, error, strerror(error));
+        LOGE("closing %s failed: <%d:%d:%s>\n", CABLE_USB_STATE_PATH, rc, savedErrno,
+             strerror(savedErrno));
     }
 }
 
@@ -52,8 +53,9 @@ bool readInitialState(FILE* file) {
 bool reportInitialState() {
     FILE* const file = fopen(CABLE_USB_STATE_PATH, "r");
     if (file == nullptr) {
-        const int error = errno;
-        LOGE("opening %s failed: <%d:%s>\n", CABLE_USB_STATE_PATH, error, strerror(error));
+        const int savedErrno = errno;
+        LOGE("opening %s failed: <%d:%s>\n", CABLE_USB_STATE_PATH, savedErrno,
+             strerror(savedErrno));
         return false;
     }
     const bool configured = readInitialState(file);
@@ -85,8 +87,8 @@ bool CableMon::start() {
 bool CableMon::openSocket() {
     nlSock = socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT);
     if (nlSock < 0) {
-        const int error = errno;
-        LOGE("opening netlink socket failed: <%d:%s>\n", error, strerror(error));
+        const int savedErrno = errno;
+        LOGE("opening netlink socket failed: <%d:%s>\n", savedErrno, strerror(savedErrno));
         return false;
     }
     if (isRkSoc) {
@@ -99,8 +101,8 @@ bool CableMon::openSocket() {
     address.nl_pid = static_cast<uint32_t>(getpid());
     address.nl_groups = CABLE_UEVENT_GROUPS;
     if (bind(nlSock, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const int error = errno;
-        LOGE("bind failed: <%d:%s>\n", error, strerror(error));
+        const int savedErrno = errno;
+        LOGE("bind failed: <%d:%s>\n", savedErrno, strerror(savedErrno));
         return false;
     }
     return true;
@@ -109,9 +111,9 @@ bool CableMon::openSocket() {
 bool CableMon::createThread() {
     running.store(1, std::memory_order_relaxed);
     const int rc = pthread_create(&thread, nullptr, CableThread, this);
-    const int error = errno;
+    const int savedErrno = errno;
     if (rc != 0) {
-        LOGE("pthread_create: <%d:%s>\n", error, strerror(error));
+        LOGE("pthread_create: <%d:%s>\n", savedErrno, strerror(savedErrno));
     }
     return rc == 0;
 }
@@ -121,9 +123,9 @@ void CableMon::closeSocket() {
         return;
     }
     const int rc = close(nlSock);
-    const int error = errno;
+    const int savedErrno = errno;
     if (rc != 0) {
-        LOGE("closing netlink socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+        LOGE("closing netlink socket failed: <%d:%d:%s>\n", rc, savedErrno, strerror(savedErrno));
     }
     nlSock = -1;
 }
@@ -152,13 +154,13 @@ void CableMon::receiveEvent(bool& usbConfigured) {
     header.msg_iov = &part;
     header.msg_iovlen = 1;
     const int result = static_cast<int>(recvmsg(nlSock, &header, 0));
-    const int error = errno;
+    const int savedErrno = errno;
 
     if (result < 0) {
-        handleReceiveError(result, error);
+        handleReceiveError(result, savedErrno);
     } else if ((header.msg_flags & MSG_TRUNC) != 0) {
-        LOGE("recvmsg truncate: <%d:%d:%s>, buf size is %d\n", result, error, strerror(error),
-             static_cast<int>(sizeof buffer));
+        LOGE("recvmsg truncate: <%d:%d:%s>, buf size is %d\n", result, savedErrno,
+             strerror(savedErrno), static_cast<int>(sizeof buffer));
     } else if (sender.nl_pid != KERNEL_PID || sender.nl_groups != KERNEL_GROUP) {
         LOGE("ignoring non-kernel netlink multicast message\n");
     } else if (result == 0) {
@@ -174,13 +176,13 @@ void CableMon::receiveEvent(bool& usbConfigured) {
 }
 
 // With a timeout set, every error is a tick of the check.
-void CableMon::handleReceiveError(int result, int error) {
+void CableMon::handleReceiveError(int result, int savedErrno) {
     if (isRkSoc) {
-        LOGD("recvmsg error: <%d:%d:%s> - likely a timeout for RK-based SoC\n", result, error,
-             strerror(error));
+        LOGD("recvmsg error: <%d:%d:%s> - likely a timeout for RK-based SoC\n", result, savedErrno,
+             strerror(savedErrno));
         validateConnectionState();
     } else {
-        LOGE("recvmsg error: <%d:%d:%s>\n", result, error, strerror(error));
+        LOGE("recvmsg error: <%d:%d:%s>\n", result, savedErrno, strerror(savedErrno));
     }
 }
 

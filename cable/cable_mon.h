@@ -45,7 +45,7 @@ class CableMon {
     void loop();
     // One message: received, checked and handled. Updates the configured flag.
     void receiveEvent(bool& usbConfigured);
-    void handleReceiveError(int result, int error);
+    void handleReceiveError(int result, int savedErrno);
     void handleEvent(NetlinkEvent& event, bool& usbConfigured);
     void handleUsbState(const char* state, bool& usbConfigured);
     // After each failed receive: counts the checks that find the fault, and restarts the

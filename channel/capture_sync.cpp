@@ -34,8 +34,8 @@ int64_t nanoseconds(int64_t seconds, int64_t fraction) {
                                 static_cast<uint64_t>(fraction));
 }
 
-void logOpenFailure(const char* path, int openErrno) {
-    LOGE("Failed to open %s: %s", path, strerror(openErrno));
+void logOpenFailure(const char* path, int savedErrno) {
+    LOGE("Failed to open %s: %s", path, strerror(savedErrno));
 }
 
 const char* statusPathOf(const char* cardId) {
@@ -47,27 +47,27 @@ const char* statusPathOf(const char* cardId) {
 FILE* openStatusFile() {
     FILE* const idFile = fopen(CARD_ID_PATH, "r");
     if (idFile == nullptr) {
-        const int openErrno = errno;
-        logOpenFailure(CARD_ID_PATH, openErrno);
+        const int savedErrno = errno;
+        logOpenFailure(CARD_ID_PATH, savedErrno);
         // Names the default status file although none was opened: an unknown card is reported by
         // this pair of lines, which log readers look for together.
-        logOpenFailure(STATUS_PATH_PCM1, openErrno);
+        logOpenFailure(STATUS_PATH_PCM1, savedErrno);
         return nullptr;
     }
     Line cardId;
     if (fgets(cardId, sizeof cardId, idFile) == nullptr) {
-        const int readErrno = errno;
+        const int savedErrno = errno;
         LOGE("Failed to determine card type for: %s", CARD_ID_PATH);
         fclose(idFile);
-        logOpenFailure(STATUS_PATH_PCM1, readErrno);
+        logOpenFailure(STATUS_PATH_PCM1, savedErrno);
         return nullptr;
     }
     const char* const statusPath = statusPathOf(cardId);
     FILE* const statusFile = fopen(statusPath, "r");
-    const int openErrno = errno;
+    const int savedErrno = errno;
     fclose(idFile);
     if (statusFile == nullptr) {
-        logOpenFailure(statusPath, openErrno);
+        logOpenFailure(statusPath, savedErrno);
     }
     return statusFile;
 }

@@ -35,11 +35,11 @@ int createRtThread(pthread_t* threadId, void* (*entry)(void*), void* argument, c
     setRtScheduling(&attributes, tag);
     pthread_t created;
     const int rc = pthread_create(&created, &attributes, entry, argument);
-    const int createErrno = errno;
+    const int savedErrno = errno;
     pthread_attr_destroy(&attributes);
     if (rc == 0) {
         *threadId = created;
     }
-    errno = createErrno;
+    errno = savedErrno;
     return rc;
 }

@@ -44,8 +44,8 @@ void installSigpipeHandler() {
     action.sa_handler = sigpipe_handler;
     sigemptyset(&action.sa_mask);
     if (sigaction(SIGPIPE, &action, nullptr) != 0) {
-        const int actionErrno = errno;
-        LOGE("sigaction failed: <%d:%s>\n", actionErrno, strerror(actionErrno));
+        const int savedErrno = errno;
+        LOGE("sigaction failed: <%d:%s>\n", savedErrno, strerror(savedErrno));
     }
 }
 

@@ -116,10 +116,10 @@ bool UafSrc::startBufferThread() {
     bufferThreadRunning.store(1, std::memory_order_relaxed);
     holdDevNames();
     if (createRtThread(&bufferThread, UafSrcBufferThread, this, LOG_TAG) != 0) {
-        const int createErrno = errno;
+        const int savedErrno = errno;
         bufferThreadRunning.store(0, std::memory_order_relaxed);
         releaseDevNames();
-        LOGE("pthread_create: <%d:%s>\n", createErrno, strerror(createErrno));
+        LOGE("pthread_create: <%d:%s>\n", savedErrno, strerror(savedErrno));
         return false;
     }
     bufferThreadJoinable = true;

@@ -36,9 +36,9 @@ int waitForFifo(const char* path, int flags, unsigned long* failures) {
 bool createNode() {
     const int rc = mknod(UAC_USER_PATH, S_IFCHR | UAC_USER_PERMISSIONS,
                          makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
-    const int mknodErrno = errno;
-    if (rc < 0 && mknodErrno != EEXIST) {
-        LOGE("mknod failed, rc=%d, errno=%d\n", rc, mknodErrno);
+    const int savedErrno = errno;
+    if (rc < 0 && savedErrno != EEXIST) {
+        LOGE("mknod failed, rc=%d, errno=%d\n", rc, savedErrno);
         return false;
     }
     return true;
@@ -73,8 +73,8 @@ int openGadgetControl() {
     }
     const int fd = open(UAC_USER_PATH, O_RDONLY);
     if (fd < 0) {
-        const int openErrno = errno;
-        LOGE("open %s failed, rc=%d, errno=%d\n", UAC_USER_PATH, fd, openErrno);
+        const int savedErrno = errno;
+        LOGE("open %s failed, rc=%d, errno=%d\n", UAC_USER_PATH, fd, savedErrno);
     }
     return fd;
 }
@@ -82,7 +82,7 @@ int openGadgetControl() {
 void requestInitialState(int controlFd) {
     const int rc = ioctl(controlFd, F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, nullptr);
     if (rc != 0) {
-        const int ioctlErrno = errno;
-        LOGD("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc, ioctlErrno);
+        const int savedErrno = errno;
+        LOGD("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc, savedErrno);
     }
 }

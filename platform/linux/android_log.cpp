@@ -122,7 +122,7 @@ int writeLine(const char* line, size_t length) {
 }  // namespace
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-    const int error = errno;
+    const int savedErrno = errno;
     char text[TEXT_BYTES];
     va_list arguments;
     va_start(arguments, fmt);
@@ -135,6 +135,6 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     char line[LINE_BYTES];
     const size_t length = formatLine(line, prio, tag != nullptr ? tag : "", text);
     const int result = writeLine(line, length);
-    errno = error;
+    errno = savedErrno;
     return result;
 }
