@@ -34,22 +34,22 @@ bool removeStalePath(const char* path) {
     if (unlink(path) == 0) {
         return true;
     }
-    const int error = errno;
-    if (error == ENOENT) {
+    const int savedErrno = errno;
+    if (savedErrno == ENOENT) {
         // An error line although nothing is wrong: whoever watches the log of a first start
         // expects it.
-        LOGE("unlink failed err %d, path does not exist ... ignoring", error);
+        LOGE("unlink failed err %d, path does not exist ... ignoring", savedErrno);
         return true;
     }
-    LOGE("unlink failed, error: %d", error);
+    LOGE("unlink failed, error: %d", savedErrno);
     return false;
 }
 
 void request(int gadgetFd, unsigned long code, uint32_t& data) {
     const int rc = ioctl(gadgetFd, code, &data);
-    const int error = errno;
+    const int savedErrno = errno;
     if (rc != 0) {
-        LOGE("rxLoop: ioctl failed: <%d:%d>\n", rc, error);
+        LOGE("rxLoop: ioctl failed: <%d:%d>\n", rc, savedErrno);
     }
 }
 
@@ -75,17 +75,17 @@ bool UafIpc::start() {
 bool UafIpc::openSockets() {
     txSock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (txSock < 0) {
-        const int error = errno;
-        LOGE("socket failed: <%d:%d>\n", txSock, error);
+        const int savedErrno = errno;
+        LOGE("socket failed: <%d:%d>\n", txSock, savedErrno);
         return false;
     }
     fillAddress(txAddr, IPC_RX_PATH);
 
     rxSock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (rxSock < 0) {
-        const int error = errno;
+        const int savedErrno = errno;
         // Without a line end, which tells it from the sending socket's line.
-        LOGE("socket failed: <%d:%d>", rxSock, error);
+        LOGE("socket failed: <%d:%d>", rxSock, savedErrno);
         return false;
     }
     fillAddress(rxAddr, IPC_TX_PATH);
@@ -94,8 +94,8 @@ bool UafIpc::openSockets() {
         return false;
     }
     if (bind(rxSock, reinterpret_cast<const sockaddr*>(&rxAddr), sizeof rxAddr) != 0) {
-        const int error = errno;
-        LOGE("bind failed, error: %d\n", error);
+        const int savedErrno = errno;
+        LOGE("bind failed, error: %d\n", savedErrno);
         return false;
     }
     return true;
@@ -104,14 +104,15 @@ bool UafIpc::openSockets() {
 bool UafIpc::createThreads() {
     pthread_mutex_lock(&admission.startMutex);
     int rc = pthread_create(&rxThread, nullptr, UafIpcRxThread, this);
-    int error = errno;
+    int savedErrno = errno;
     if (rc != 0) {
-        LOGE("creating IPC RX thread failed: <%d:%d:%s>\n", rc, error, strerror(error));
+        LOGE("creating IPC RX thread failed: <%d:%d:%s>\n", rc, savedErrno, strerror(savedErrno));
     } else {
         rc = pthread_create(&txThread, nullptr, UafIpcTxThread, this);
-        error = errno;
+        savedErrno = errno;
         if (rc != 0) {
-            LOGE("creating IPC TX thread failed: <%d:%d:%s>\n", rc, error, strerror(error));
+            LOGE("creating IPC TX thread failed: <%d:%d:%s>\n", rc, savedErrno,
+                 strerror(savedErrno));
         }
     }
     admission.any = rc == 0;
@@ -123,17 +124,19 @@ bool UafIpc::createThreads() {
 void UafIpc::closeSockets() {
     if (rxSock >= 0) {
         const int rc = close(rxSock);
-        const int error = errno;
+        const int savedErrno = errno;
         if (rc != 0) {
-            LOGE("closing IPC rx socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+            LOGE("closing IPC rx socket failed: <%d:%d:%s>\n", rc, savedErrno,
+                 strerror(savedErrno));
         }
         rxSock = -1;
     }
     if (txSock >= 0) {
         const int rc = close(txSock);
-        const int error = errno;
+        const int savedErrno = errno;
         if (rc != 0) {
-            LOGE("closing IPC tx socket failed: <%d:%d:%s>\n", rc, error, strerror(error));
+            LOGE("closing IPC tx socket failed: <%d:%d:%s>\n", rc, savedErrno,
+                 strerror(savedErrno));
         }
         txSock = -1;
     }
@@ -159,8 +162,8 @@ void UafIpc::rxLoop() {
     // This thread's own descriptor, never closed.
     const int gadgetFd = open(UAC_USER_PATH, O_WRONLY);
     if (gadgetFd < 0) {
-        const int error = errno;
-        LOGE("rxLoop: opening %s failed: <%d:%d>\n", UAC_USER_PATH, gadgetFd, error);
+        const int savedErrno = errno;
+        LOGE("rxLoop: opening %s failed: <%d:%d>\n", UAC_USER_PATH, gadgetFd, savedErrno);
         return;
     }
     while (running.load(std::memory_order_relaxed) != 0) {
@@ -173,14 +176,14 @@ void UafIpc::rxLoop() {
 bool UafIpc::receiveMsg(int gadgetFd) const {
     UsbAudioMsgT msg = {};
     const ssize_t size = recvfrom(rxSock, &msg, sizeof msg, 0, nullptr, nullptr);
-    const int error = errno;
+    const int savedErrno = errno;
     if (size <= 0) {
         // An empty datagram comes here too, with the errno of some earlier call: it ends the
         // thread like an error does.
-        if (error == EAGAIN) {
+        if (savedErrno == EAGAIN) {
             return true;
         }
-        LOGE("receive error: <%d:%d>\n", static_cast<int>(size), error);
+        LOGE("receive error: <%d:%d>\n", static_cast<int>(size), savedErrno);
         return false;
     }
     // A longer datagram arrives as its first eight bytes, and counts.

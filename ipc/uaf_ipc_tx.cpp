@@ -44,22 +44,22 @@ void UafIpc::sendMsg(const UsbAudioMsgT& msg) {
     while (remaining > 0 && retries < UAF_IPC_SEND_RETRIES_MAX) {
         const ssize_t rc = sendto(txSock, cursor, remaining, 0,
                                   reinterpret_cast<const sockaddr*>(&txAddr), sizeof txAddr);
-        const int error = errno;
+        const int savedErrno = errno;
         attempts++;
         if (rc > 0) {
             cursor += rc;
             remaining -= static_cast<size_t>(rc);
         } else if (rc == 0) {
             retries++;
-        } else if (error == ENOENT) {
+        } else if (savedErrno == ENOENT) {
             retries++;
             pauseBeforeRetry();
         } else {
             LOGE(
                 "sendMsg failed: error: <%d:%d>; bytes: %d; attempts: <%d:%d>; "
                 "data: <0x%08X:0x%08X>\n",
-                static_cast<int>(rc), error, static_cast<int>(sizeof msg - remaining), attempts,
-                retries, msg.type, msg.data);
+                static_cast<int>(rc), savedErrno, static_cast<int>(sizeof msg - remaining),
+                attempts, retries, msg.type, msg.data);
             return;
         }
     }
