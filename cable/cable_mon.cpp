@@ -137,14 +137,14 @@ void* CableMon::CableThread(void* instance) {
 
 void CableMon::loop() {
     plugNoAckCnt = 0;
-    bool usbConfigured = reportInitialState();
+    usbConfigured = reportInitialState();
     LOGD("enter loop\n");
     while (running.load(std::memory_order_relaxed) != 0) {
-        receiveEvent(usbConfigured);
+        receiveEvent();
     }
 }
 
-void CableMon::receiveEvent(bool& usbConfigured) {
+void CableMon::receiveEvent() {
     char buffer[CABLE_UEVENT_BYTES];
     iovec part = {buffer, sizeof buffer};
     sockaddr_nl sender = {};
@@ -168,7 +168,7 @@ void CableMon::receiveEvent(bool& usbConfigured) {
     } else {
         const std::unique_ptr<NetlinkEvent> event(new (std::nothrow) NetlinkEvent);
         if (event != nullptr && event->decode(buffer, result, PLAIN_TEXT_FORMAT)) {
-            handleEvent(*event, usbConfigured);
+            handleEvent(*event);
         } else {
             LOGE("decoding netlinmk msg failed\n");
         }
@@ -186,7 +186,7 @@ void CableMon::handleReceiveError(int result, int savedErrno) {
     }
 }
 
-void CableMon::handleEvent(NetlinkEvent& event, bool& usbConfigured) {
+void CableMon::handleEvent(NetlinkEvent& event) {
     const char* const subsystem = event.getSubsystem();
     if (subsystem == nullptr || strcmp(subsystem, SUBSYSTEM) != 0) {
         return;
@@ -203,11 +203,11 @@ void CableMon::handleEvent(NetlinkEvent& event, bool& usbConfigured) {
         return;
     }
     LOGD("subsystem: %s, action: %d, usbstate=%s\n", subsystem, action, state);
-    handleUsbState(state, usbConfigured);
+    handleUsbState(state);
 }
 
 // The app hears of edges only; any other state ("CONNECTED") is one on the way.
-void CableMon::handleUsbState(const char* state, bool& usbConfigured) {
+void CableMon::handleUsbState(const char* state) {
     if (strcmp(state, USB_STATE_DISCONNECTED) == 0) {
         if (usbConfigured) {
             UafIpc::queueMsg(UafIpc::UafIpcDisconnectedMsg);

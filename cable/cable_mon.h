@@ -35,6 +35,12 @@ class CableMon {
     // without the monitor then.
     bool start();
 
+  protected:
+    // A listener of every USB state change, for a subclass to set before start(); its result is
+    // ignored. Called by the monitor thread.
+    int (*stateCb)(void* context, bool configured) = nullptr;
+    void* stateCbCtx = nullptr;
+
   private:
     static void* CableThread(void* instance);
 
@@ -43,11 +49,11 @@ class CableMon {
     void closeSocket();
 
     void loop();
-    // One message: received, checked and handled. Updates the configured flag.
-    void receiveEvent(bool& usbConfigured);
+    // One message: received, checked and handled.
+    void receiveEvent();
     void handleReceiveError(int result, int savedErrno);
-    void handleEvent(NetlinkEvent& event, bool& usbConfigured);
-    void handleUsbState(const char* state, bool& usbConfigured);
+    void handleEvent(NetlinkEvent& event);
+    void handleUsbState(const char* state);
     // After each failed receive: counts the checks that find the fault, and restarts the
     // controller.
     void validateConnectionState();
@@ -59,12 +65,7 @@ class CableMon {
     int nlSock;  // -1: none
     bool isRkSoc = false;
 
-  protected:
-    // A listener of every USB state change, for a subclass to set before start(); its result is
-    // ignored. Called by the monitor thread.
-    int (*stateCb)(void* context, bool configured) = nullptr;
-    void* stateCbCtx = nullptr;
-
-  private:
-    int32_t plugNoAckCnt = 0;  // checks in a row: plugged, but the gadget is "DISCONNECTED"
+    // The monitor thread's own.
+    bool usbConfigured = false;  // what the app was told last
+    int32_t plugNoAckCnt = 0;    // checks in a row: plugged, but the gadget is "DISCONNECTED"
 };
