@@ -73,7 +73,7 @@ int uafBind(UafSrc* src, UafSnk* snk) {
         return -1;
     }
     char pcmName[20];
-    snprintf(pcmName, sizeof pcmName, "%s:%d", "hw", card);
+    snprintf(pcmName, sizeof pcmName, "hw:%d", card);
     src->setDevName(FIFO_TX_PATH, pcmName);
     snk->setDevName(FIFO_RX_PATH, pcmName);
     LOGD("UAC Vexa is enabled, using %s\n", pcmName);
