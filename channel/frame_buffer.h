@@ -25,7 +25,7 @@ struct FrameBufferSize {
 constexpr FrameBufferSize SMALL_FRAME_BUFFER{960, 480, 720};    // 10 to 15 ms
 constexpr FrameBufferSize LARGE_FRAME_BUFFER{1920, 960, 1440};  // 20 to 30 ms
 
-constexpr unsigned STATS_PASSES = 100;      // a statistics check every so many writes: 1 s
+constexpr unsigned STATS_PASSES = 100;      // writes from one statistics check to the next: 1 s
 constexpr uint32_t ENLARGE_UNDERRUNS = 11;  // underruns between two checks that enlarge
 
 class FrameBuffer {

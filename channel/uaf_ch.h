@@ -18,7 +18,7 @@
 #include "channel/stream_shape.h"
 
 constexpr int WAIT_TIMEOUT_MS = 10;    // of one snd_pcm_wait, so that isRunning is polled
-constexpr unsigned LOG_PASSES = 6000;  // a progress line every so many passes
+constexpr unsigned LOG_PASSES = 6000;  // between two progress lines
 
 // How many calls of isRunning after an off request stop the channel (the last of them does).
 constexpr uint32_t STOP_DELAY_PASSES = 4;
@@ -91,11 +91,12 @@ class UafCh {
     // "ALSA xrun recovery failed (%s)\n".
     int recoverPcm(int err, const char* tag);
 
-    // What a pass returns whose snd_pcm_wait gave `waitResult` instead of 1: the result of an
-    // xrun's recovery, or 0 for a stall. Stalls are counted in pcmStallCnt, up to INT_MAX, and
-    // never stop the channel, whatever their code and however long they last: the other side has
-    // merely stopped. Logs under `tag`: "rc=%d\n" (error) after a failed recovery, and on the
-    // first stall of a run "timeout0, rc=%d\n" (debug).
+    // For a pass in which snd_pcm_wait has not returned 1, but `waitResult`. After an xrun or a
+    // suspend the PCM is recovered; anything else is a stall. Stalls are counted in pcmStallCnt, up
+    // to INT_MAX, and never stop the channel, whatever their code and however long they last: the
+    // other side has merely stopped. Returns what the pass is to return: the recovery's result, or
+    // 0 for a stall. Logs under `tag`: "rc=%d\n" (error) after a failed recovery, and on the first
+    // stall of a run "timeout0, rc=%d\n" (debug).
     int missedWait(int waitResult, const char* tag);
 
     bool joinPending = false;               // a finished worker waits to be joined; intfMutex
@@ -104,10 +105,12 @@ class UafCh {
     DevName pcmName;                        // ALSA device name
     DevName fifoName;                       // path of the channel's FIFO
     AppFifo fifo;                           // used by the thread that moves sound through it
-    snd_pcm_status_t* pcmStatus = nullptr;  // allocated by uafStart, kept until destruction
-    int pcmStallCnt = 0;                    // consecutive waits that found the PCM not ready
-    int availChkCnt = 0;                    // ready periods since the sink's backlog check
-    pthread_t threadId{};                   // the current or last worker
+    // Not read by anything: allocated by uafStart, which fails without it, and kept until
+    // destruction.
+    snd_pcm_status_t* pcmStatus = nullptr;
+    int pcmStallCnt = 0;   // consecutive waits that found the PCM not ready
+    int availChkCnt = 0;   // ready periods since the sink's backlog check
+    pthread_t threadId{};  // the current or last worker
     // Read without the lock: a stale value costs one pass. Release and acquire, so that a worker
     // that sees UAFCH_STOPPING counts from the 0 that the off request wrote before it.
     std::atomic<int> state{UAFCH_STOPPED};

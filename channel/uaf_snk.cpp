@@ -240,7 +240,7 @@ int UafSnk::sndRead() {
 }
 
 // The period as stereo to the app. Returns the bytes written; 0 when the app did not take them: the
-// period is lost and the next write opens the FIFO anew; -1 when the FIFO cannot be opened.
+// period is lost and the next write opens the FIFO again; -1 when the FIFO cannot be opened.
 int UafSnk::fifoWrite() {
     // The open waits until the app opens the FIFO for reading; nothing is captured meanwhile.
     if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {

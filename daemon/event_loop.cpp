@@ -76,7 +76,8 @@ void EventLoop::handle(const UacUserMsgT& record, int size) {
     }
 }
 
-// Also when already bound: the card is searched again and the channels get their names anew.
+// Also when already bound: the card is searched again, and the channels are given their names
+// again.
 void EventLoop::bind() {
     cardnum = uafBind(&src, &snk);
     if (cardnum != -1) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char NULL_DEVICE_PATH[] = "/dev/null";
 constexpr useconds_t RETRY_PAUSE_US = 200000;
-constexpr unsigned long LOG_FAILURES = 1500;  // a line every so many: about five minutes
+constexpr unsigned long LOG_FAILURES = 1500;  // from one line to the next: about five minutes
 
 // Returns the open descriptor; `failures` counts the attempts that did not open.
 int waitForFifo(const char* path, int flags, unsigned long* failures) {
