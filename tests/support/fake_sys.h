@@ -6,6 +6,7 @@
 // Hooks are set before the threads that meet them start, and never changed while those run.
 #pragma once
 
+#include <cerrno>
 #include <functional>
 #include <pthread.h>
 #include <sched.h>
@@ -33,6 +34,14 @@ struct Hooks {
 // The hooks in force; reset() unsets them all.
 Hooks& hooks();
 void reset();
+
+// A hook for calls that all fail with this errno.
+inline auto failing(int error) {
+    return [error](auto...) {
+        errno = error;
+        return -1;
+    };
+}
 
 // The real calls. pthread_create ignores the scheduling attributes, which need privileges, and
 // keeps the rest: a test of the attributes hooks the call.

@@ -88,10 +88,7 @@ TEST_F(AppFifoTest, AnythingElseInTheFifosPlaceIsNoPipe) {
 }
 
 TEST_F(AppFifoTest, AFailedOpenLeavesItClosed) {
-    fake_sys::hooks().open = [](const char*, int) {
-        errno = ENOENT;
-        return -1;
-    };
+    fake_sys::hooks().open = fake_sys::failing(ENOENT);
     fake_sys::hooks().fcntl = [](int, int, long) {
         ADD_FAILURE() << "no descriptor to ask";
         return -1;

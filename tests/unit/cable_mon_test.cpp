@@ -44,10 +44,7 @@ TEST_F(CableMonTest, OnlyTheCheckedControllerGetsATimeoutAndItsFailureIsIgnored)
 }
 
 TEST_F(CableMonTest, SocketFails) {
-    fake_sys::hooks().socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    fake_sys::hooks().socket = fake_sys::failing(EMFILE);
     EXPECT_FALSE(monitor.start());
     EXPECT_EQ((Lines{UAFCBM.error("opening netlink socket failed: <24:Too many open files>\n")}),
               fake_log::lines());
@@ -55,10 +52,7 @@ TEST_F(CableMonTest, SocketFails) {
 }
 
 TEST_F(CableMonTest, BindFailsAndTheSocketIsClosedOnce) {
-    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
-        errno = EADDRINUSE;
-        return -1;
-    };
+    fake_sys::hooks().bind = fake_sys::failing(EADDRINUSE);
     EXPECT_FALSE(monitor.start());
     EXPECT_EQ((Lines{UAFCBM.error("bind failed: <98:Address already in use>\n")}),
               fake_log::lines());
@@ -77,14 +71,8 @@ TEST_F(CableMonTest, DestructorClosesNothing) {
 }
 
 TEST_F(CableMonTest, FailedCloseIsLogged) {
-    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
-        errno = EACCES;
-        return -1;
-    };
-    fake_sys::hooks().close = [](int) {
-        errno = EIO;
-        return -1;
-    };
+    fake_sys::hooks().bind = fake_sys::failing(EACCES);
+    fake_sys::hooks().close = fake_sys::failing(EIO);
     EXPECT_FALSE(monitor.start());
     EXPECT_EQ((Lines{UAFCBM.error("bind failed: <13:Permission denied>\n"),
                      UAFCBM.error("closing netlink socket failed: <-1:5:Input/output error>\n")}),

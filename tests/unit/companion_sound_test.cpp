@@ -91,10 +91,7 @@ TEST_F(CompanionSoundTest, ReadsOnAfterASignalAndSaysWhatElseIsWrong) {
         return signals-- > 0 ? -1 : fake_sys::real::read(fd, buffer, size);
     };
     EXPECT_EQ(read(480), samplesFrom(1, 480));
-    fake_sys::hooks().read = [](int, void*, size_t) -> ssize_t {
-        errno = EIO;
-        return -1;
-    };
+    fake_sys::hooks().read = fake_sys::failing(EIO);
     int16_t samples[2];
     EXPECT_EQ(companion.read(samples, 1), -EIO);
 }
@@ -167,10 +164,7 @@ TEST_F(CompanionSoundTest, WritesOnAfterASignalAndSaysWhatElseIsWrong) {
     };
     EXPECT_EQ(companion.write(block.data()), 0);
     EXPECT_EQ(daemon.record(), block);
-    fake_sys::hooks().write = [](int, const void*, size_t) -> ssize_t {
-        errno = EIO;
-        return -1;
-    };
+    fake_sys::hooks().write = fake_sys::failing(EIO);
     EXPECT_EQ(companion.write(block.data()), -EIO);
 }
 

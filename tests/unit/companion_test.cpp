@@ -189,16 +189,10 @@ TEST_F(CompanionOpenTest, HandsBackWhatTheSystemRefuses) {
     hooks.calloc = [](size_t, size_t) -> void* { return nullptr; };
     EXPECT_EQ(-ENOMEM, open());
     hooks.calloc = nullptr;
-    hooks.socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    hooks.socket = fake_sys::failing(EMFILE);
     EXPECT_EQ(-EMFILE, open());
     hooks.socket = nullptr;
-    hooks.bind = [](int, const sockaddr*, socklen_t) {
-        errno = EACCES;
-        return -1;
-    };
+    hooks.bind = fake_sys::failing(EACCES);
     EXPECT_EQ(-EACCES, open());
     hooks.bind = nullptr;
     for (const int good : {0, 1, 2, 3}) {  // opened before one is refused

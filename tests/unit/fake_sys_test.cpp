@@ -23,10 +23,7 @@ using fake_log::UAFCH;
 using FakeSysTest = fake_sys::Test;
 
 TEST_F(FakeSysTest, HookReplacesTheCall) {
-    fake_sys::hooks().open = [](const char*, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    fake_sys::hooks().open = fake_sys::failing(EMFILE);
     EXPECT_EQ(-1, open("/dev/null", O_RDONLY));
     EXPECT_EQ(EMFILE, errno);
 }

@@ -222,10 +222,7 @@ TEST_F(UafIpcRxTest, AnyOtherReceiveErrorEndsTheThread) {
 }
 
 TEST_F(UafIpcRxTest, MissingControlDeviceEndsTheThread) {
-    fake_sys::hooks().open = [](const char*, int) {
-        errno = ENOENT;
-        return -1;
-    };
+    fake_sys::hooks().open = fake_sys::failing(ENOENT);
     fake_sys::hooks().recvfrom = [](auto...) -> ssize_t {
         ADD_FAILURE() << "received without the control device";
         return -1;

@@ -62,10 +62,7 @@ TEST_F(UafIpcTest, OpensBothSocketsBindsTheOwnPathAndCreatesBothThreads) {
 }
 
 TEST_F(UafIpcTest, SendingSocketFails) {
-    fake_sys::hooks().socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    fake_sys::hooks().socket = fake_sys::failing(EMFILE);
     start();
     expectFailure({"socket failed: <-1:24>\n"}, {});
 }
@@ -81,10 +78,7 @@ TEST_F(UafIpcTest, ReceivingSocketFails) {
 }
 
 TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
-    fake_sys::hooks().unlink = [](const char*) {
-        errno = ENOENT;
-        return -1;
-    };
+    fake_sys::hooks().unlink = fake_sys::failing(ENOENT);
     start();
     EXPECT_TRUE(started);
     EXPECT_EQ((Lines{UAFIPC.error("unlink failed err 2, path does not exist ... ignoring")}),
@@ -92,19 +86,13 @@ TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
 }
 
 TEST_F(UafIpcTest, OldPathThatStaysFails) {
-    fake_sys::hooks().unlink = [](const char*) {
-        errno = EISDIR;
-        return -1;
-    };
+    fake_sys::hooks().unlink = fake_sys::failing(EISDIR);
     start();
     expectFailure({"unlink failed, error: 21"}, {"close 902", "close 901"});
 }
 
 TEST_F(UafIpcTest, BindFails) {
-    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
-        errno = EADDRINUSE;
-        return -1;
-    };
+    fake_sys::hooks().bind = fake_sys::failing(EADDRINUSE);
     start();
     expectFailure({"bind failed, error: 98\n"}, {"close 902", "close 901"});
 }
@@ -134,10 +122,7 @@ TEST_F(UafIpcTest, TransmitThreadFails) {
 }
 
 TEST_F(UafIpcTest, FailedClosesAreLoggedAndForgotten) {
-    fake_sys::hooks().bind = [](int, const sockaddr*, socklen_t) {
-        errno = EACCES;
-        return -1;
-    };
+    fake_sys::hooks().bind = fake_sys::failing(EACCES);
     fake_sys::hooks().close = [this](int fd) {
         service.calls.push_back("close " + std::to_string(fd));
         errno = fd == IpcService::RX_SOCK ? EIO : EINTR;
@@ -150,10 +135,7 @@ TEST_F(UafIpcTest, FailedClosesAreLoggedAndForgotten) {
         {"close 902", "close 901"});
     service.calls.clear();
     fake_log::clear();
-    fake_sys::hooks().socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    fake_sys::hooks().socket = fake_sys::failing(EMFILE);
     start();
     expectFailure({"socket failed: <-1:24>\n"}, {});
 }
@@ -259,10 +241,7 @@ TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
         receiver = *id;
         return rc;
     };
-    fake_sys::hooks().open = [](const char*, int) {
-        errno = ENODEV;
-        return -1;
-    };
+    fake_sys::hooks().open = fake_sys::failing(ENODEV);
     start();
     EXPECT_TRUE(started);
     pthread_join(receiver, nullptr);

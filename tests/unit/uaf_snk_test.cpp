@@ -253,10 +253,7 @@ TEST_F(UafSnkTest, LoopInstallsTheHandlerOfABrokenFifo) {
 }
 
 TEST_F(UafSnkTest, LoopRunsWithoutTheHandler) {
-    fake_sys::hooks().sigaction = [](int, const struct sigaction*, struct sigaction*) {
-        errno = EINVAL;
-        return -1;
-    };
+    fake_sys::hooks().sigaction = fake_sys::failing(EINVAL);
     run(3);
     EXPECT_THAT(log(),
                 Contains(UAFSNK.error("sigaction failed: <22:Invalid argument>\n")).Times(1));
