@@ -15,7 +15,7 @@ namespace bench {
 
 class SpreadTable {
   public:
-    // In units of so many nanoseconds.
+    // In units of this many nanoseconds.
     SpreadTable(const char* key, const char* title, double unit, int decimals)
         : unit_(unit),
           table_(key, title,

@@ -21,7 +21,7 @@ class Job {
     Job& operator=(const Job&) = delete;
     virtual ~Job() = default;
 
-    // So many frames, or blocks through a queue, of noise.
+    // This many frames of noise, or blocks of it through a queue.
     virtual void run(int32_t times) = 0;
 };
 

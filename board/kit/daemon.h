@@ -59,7 +59,7 @@ class Daemon {
     // How many lines from `mark` on have this text; '#' in it stands for any number, '*' for
     // any text.
     int count(const std::string& text, size_t mark = 0);
-    // True as soon as there are so many.
+    // True as soon as there are this many.
     bool waitForLog(const std::string& text, size_t mark = 0, int times = 1,
                     Ns limit = 5 * kSecond);
 

@@ -17,7 +17,7 @@ std::string serviceProperty(const std::string& key);
 // The daemon's process; 0 when none runs.
 pid_t servicePid();
 
-// Starts the service anew, its log going to the path; returns its process.
+// Restarts the service, its log going to the path; returns its process.
 pid_t startService(const std::string& logPath);
 
 // Makes the calling process an app of the daemon's group: what it makes is the group's to use.

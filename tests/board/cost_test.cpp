@@ -23,7 +23,7 @@ using board::kSecond;
 using board::Ns;
 
 // The host's clock is so slow that it passes an app's block of 10 ms in 10 s: whatever the moment
-// of the start, all phases between host, app and kernel count alike.
+// of the start, all phases between host, app and kernel count equally.
 constexpr char kHostClock[] = "ppb -1000000";
 constexpr Ns kSettling = 3 * kSecond;
 constexpr Ns kMeasured = 20 * kSecond;

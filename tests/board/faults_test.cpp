@@ -142,7 +142,7 @@ TEST_P(Fifo, IsReplacedWhileBothChannelsRun) {
     board::sleepFor(300 * kMs);
     unlink(GetParam());
     app.reset();
-    restartTheApp();  // makes the FIFO anew
+    restartTheApp();  // makes the FIFO again
     board::sleepFor(300 * kMs);
     EXPECT_EQ(findDamage(), "");
 }

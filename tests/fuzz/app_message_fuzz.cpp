@@ -73,7 +73,7 @@ class ServiceRun {
         hooks.pthread_cond_wait = [](pthread_cond_t*, pthread_mutex_t*) { return EINVAL; };
     }
 
-    // The receive thread ends on most errors; it is run anew as long as there is input.
+    // The receive thread ends on most errors; it is run again as long as there is input.
     void run() {
         while (!input.empty()) {
             expected.push_back(UAFIPC.debug("rxLoop: starting\n"));

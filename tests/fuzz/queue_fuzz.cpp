@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The byte queue beside its model, in any sequence of calls: null pointers, lengths of every kind,
-// storage attached again with and without a clearing, a context made anew in mid-life. Codes,
-// depth, delivered bytes, positions and the storage's every byte must be the model's.
+// storage attached again with and without a clearing, a context initialised again in mid-life.
+// Codes, depth, delivered bytes, positions and the storage's every byte must be the model's.
 #include <algorithm>
 #include <memory>
 #include <vector>

@@ -29,7 +29,7 @@ constexpr int FIFO_FD = 77;
 constexpr size_t BLOCK_BYTES = 1920;
 constexpr size_t BLOCK_FRAMES = 480;
 
-// Bytes of which no two pieces are alike.
+// Bytes of which no two pieces are the same.
 const uint8_t* noise() {
     static const std::vector<uint8_t> bytes = [] {
         std::vector<uint8_t> made(16 * 256 + 4096 * 8 + BLOCK_BYTES);
@@ -104,7 +104,7 @@ class SourceRun {
 
     ssize_t read(int fd, void* data, size_t room) {
         require(fd == openFd && room == BLOCK_BYTES && !blockDue, "a block is read");
-        require(openFd >= 1 || justOpened, "descriptor 0 is opened anew");
+        require(openFd >= 1 || justOpened, "descriptor 0 is opened again");
         const uint8_t how = input.byte();
         if (how >= 232 && fuzz::errorOf(how) == EINTR) {
             return interrupt();

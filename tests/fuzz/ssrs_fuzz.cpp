@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The frame stream buffer beside its model, in any sequence of calls: null pointers, frames,
-// ranges, storage and blocks of every size, a context made anew in mid-life, and the two switches
-// that only a debugger sets. Codes, frames, every statistic and what the queue holds must be the
-// model's.
+// ranges, storage and blocks of every size, a context initialised again in mid-life, and the two
+// switches that only a debugger sets. Codes, frames, every statistic and what the queue holds must
+// be the model's.
 #include <algorithm>
 #include <cstring>
 #include <list>

@@ -20,7 +20,7 @@ class Storm {
 
     // The daemon, bound, and the app. False when the daemon ended instead.
     bool begin();
-    // So many steps. False when the daemon ended, or no longer handles what it is told.
+    // This many steps. False when the daemon ended, or no longer handles what it is told.
     bool rage(int steps);
     // Everything is as it should be again: no fault, the card there, the app awake, the streams
     // off.

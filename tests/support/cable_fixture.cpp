@@ -115,7 +115,7 @@ void Fixture::run(CableMon& monitor, std::vector<Receive> answers) {
     EXPECT_EQ(answers.size(), next);
 }
 
-// Each message must come with everything set up anew; all of it is spoilt for the next.
+// Each message must come with everything set up again; all of it is spoilt for the next.
 ssize_t Fixture::answer(const Receive& receive, int fd, msghdr& header, int flags) {
     EXPECT_EQ(NL_SOCK, fd);
     EXPECT_EQ(0, flags);

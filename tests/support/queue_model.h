@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A plain model of the byte queue: one byte at a time, positions that begin anew behind
+// A plain model of the byte queue: one byte at a time, positions that begin again behind
 // the storage's last. It carries the storage's contents along, so that whatever a call leaves in
 // memory can be compared too, also where new storage was attached under a depth that belongs to the
 // old one.

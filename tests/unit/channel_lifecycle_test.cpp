@@ -258,7 +258,7 @@ TEST_F(ChannelLifecycleTest, AnOffIsTakenWhileTheSinkWaitsForTheApp) {
     EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
 }
 
-// ---- A FIFO that the app makes anew while a thread waits to open it ----------------------------
+// ---- A FIFO that the app replaces while a thread waits to open it -------------------------------
 
 TEST_F(ChannelLifecycleTest, TheNextEventLetsTheBufferThreadOutOfAFifoThatWasReplaced) {
     ASSERT_EQ(0, source.intfUpdate(true));

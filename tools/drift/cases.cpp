@@ -11,7 +11,7 @@ namespace drift {
 namespace {
 
 constexpr Ns kTime = 60 * kSecond;
-// Where the app's writes lie between the host's periods is chance: so many places for each case,
+// Where the app's writes lie between the host's periods is chance: this many places for each case,
 // evenly spread over the 10 ms after which they recur.
 constexpr int kPhases = 10;
 constexpr Ns kPhaseStep = kMs;

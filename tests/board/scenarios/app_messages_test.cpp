@@ -62,7 +62,7 @@ class AppSocket : public Scenario {
         return messages;
     }
 
-    // Waits for so many messages, and a little for one too many.
+    // Waits for this many messages, and a little longer for one too many.
     Messages receive(size_t count, Ns limit = 6 * kSecond) {
         Messages received;
         const auto take = [&] {

@@ -68,7 +68,7 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
     for (size_t i = 1; i < heard.size(); ++i) {
         ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
     }
-    // The next one came too late: the channel has stopped, and starts anew.
+    // The next one came too late: the channel has stopped, and starts again.
     EXPECT_EQ(said("start, opening hw:1"), 1);
     expectTold({{channel(), 0}, {channel(), 1}});
     EXPECT_EQ(findDamage(), "");

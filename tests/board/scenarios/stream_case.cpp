@@ -61,7 +61,7 @@ void StreamCase::waitForStarts(int times, const Moment& since) {
     }
 }
 
-// The first end of a period at or after so many frames; the PCM's last start began the first
+// The first end of a period at or after this many frames; the PCM's last start began the first
 // period.
 int64_t StreamCase::nextPeriodAt(int64_t frames) {
     const std::string start = std::string(way().pcm) + " start 0";

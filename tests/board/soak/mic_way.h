@@ -21,7 +21,7 @@ class MicWay : public Way {
     // tone from its first block on; `timeOfFrame` tells when the app's clock reached a frame of it.
     MicWay(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame);
 
-    // The daemon's playback begins anew with frame `begin` of the host's stream: its frames are
+    // The daemon's playback begins again with frame `begin` of the host's stream: its frames are
     // counted from there, and what was recorded before and not yet looked at is left out.
     void restart(int64_t begin);
     // In the order in which they were sent.

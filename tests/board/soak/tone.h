@@ -15,7 +15,7 @@ class Tone {
   public:
     // Places that differ.
     static constexpr int64_t kPlaces = 65536;
-    // So many samples lie beside each other from every place on.
+    // This many samples lie beside each other from every place on.
     static constexpr int64_t kStretch = 4800;
 
     Tone();

@@ -163,7 +163,7 @@ void changeFifo(Walk& walk) {
     walk.note(fifo);
     unlink(fifo);
     if (replacement < 2) {
-        walk.note("made anew");
+        walk.note("made again");
         mkfifo(fifo, 0666);
     } else if (replacement == 2) {
         walk.note("a file in its place");
