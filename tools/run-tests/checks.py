@@ -34,7 +34,8 @@ class Check:
 
 
 PRODUCT = ("alsa", "buffer", "cable", "channel", "daemon", "ipc", "platform", "companion")
-PACKAGING = ("tests/packaging", "packaging", "Android.bp", "tools/cmake", "CMakeLists.txt", *PRODUCT)
+PACKAGING = ("tests/packaging", "packaging", "Android.bp", "LICENSE", "tools/packages.sh", "tools/cmake",
+             "CMakeLists.txt", *PRODUCT)
 
 # The longest first.
 OF_SOURCES = (
