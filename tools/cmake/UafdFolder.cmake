@@ -36,8 +36,8 @@ endfunction()
 add_library(uac_user INTERFACE)
 target_link_libraries(uac_user INTERFACE uafd_options)
 
-# What most tests include, compiled once: uafd_test_headers(NAME option...) is for the programs that
-# say REUSE_FROM NAME and are compiled with the same options.
+# What most test code includes, compiled once: uafd_test_headers(NAME option...). Targets take it with
+# uafd_use_test_headers(NAME target...), which compiles them with the same options.
 function(uafd_test_headers name)
   set(source ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
   file(CONFIGURE OUTPUT ${source} CONTENT "")
@@ -46,4 +46,13 @@ function(uafd_test_headers name)
   target_link_libraries(${name} PRIVATE uafd_options GTest::gtest GTest::gmock)
   target_precompile_headers(${name} PRIVATE <algorithm> <atomic> <functional> <memory> <optional>
     <string> <thread> <vector> <gmock/gmock.h> <gtest/gtest.h>)
+endfunction()
+
+function(uafd_use_test_headers name)
+  get_target_property(options ${name} COMPILE_OPTIONS)
+  foreach(target ${ARGN})
+    target_compile_options(${target} PRIVATE "$<$<COMPILE_LANGUAGE:CXX>:${options}>")
+    target_link_libraries(${target} PRIVATE uafd_options GTest::gtest)
+    target_precompile_headers(${target} REUSE_FROM ${name})
+  endforeach()
 endfunction()
