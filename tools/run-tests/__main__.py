@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """run-tests [--all] PART [NAME]: what ./test does on a machine that is set up; see ./test --help."""
 
+import concurrent.futures
 import os
 import pathlib
 import sys
@@ -10,8 +11,10 @@ import memory
 from preset import Preset
 from tally import Tally
 
-UNIT = ("host", "host-asan", "host-tsan")
-PARTS = {"all": (*UNIT, "board"), "checks": (), "unit": UNIT}
+# What runs one after the other; the board's tests beside the rest, so that no processor waits for the
+# last program of a build.
+CHAINS = (("checks", "host", "host-asan", "host-tsan"), ("board",))
+PARTS = {"all": ("checks", "host", "host-asan", "host-tsan", "board"), "unit": ("host", "host-asan", "host-tsan")}
 
 
 def main(arguments):
@@ -20,10 +23,18 @@ def main(arguments):
     part, *name = arguments[1 if everything else 0:]
     tally = Tally()
     passed = memory.Memory(pathlib.Path("build/passed.json"), forgetful=everything)
-    if part in ("all", "checks"):
-        checks.run(checks.OF_SOURCES, tally, passed)
-    for preset in PARTS.get(part, (part,)):
-        Preset(preset, tally, passed).run(*name)
+
+    def run(chain):
+        for link in chain:
+            if link not in PARTS.get(part, (part,)):
+                continue
+            if link == "checks":
+                checks.run(checks.OF_SOURCES, tally, passed)
+            else:
+                Preset(link, tally, passed).run(*name)
+
+    with concurrent.futures.ThreadPoolExecutor(len(CHAINS)) as pool:
+        list(pool.map(run, CHAINS))
     if part == "all":
         checks.run(checks.OF_BUILDS, tally, passed)
     return 0 if tally.close() else 1

@@ -13,6 +13,7 @@ import os
 import pathlib
 import re
 import subprocess
+import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 # What a program may find in its environment that changes what it does.
@@ -72,18 +73,21 @@ class Memory:
         self.file = file
         self.passed = json.loads(file.read_text()) if file.exists() else {}
         self.forgetful = forgetful
+        self.lock = threading.Lock()
 
     def cases(self, name, key):
         """How many cases passed with this key; None: it has to run."""
-        known, cases = self.passed.get(name, (None, None))
+        with self.lock:
+            known, cases = self.passed.get(name, (None, None))
         return cases if key and key == known and not self.forgetful else None
 
     def note(self, name, key, cases):
         """After a run; `cases` is None when it failed."""
-        self.passed.pop(name, None)
-        if key and cases is not None:
-            self.passed[name] = (key, cases)
-        self.file.parent.mkdir(exist_ok=True)
-        new = self.file.with_suffix(".new")
-        new.write_text(json.dumps(self.passed, indent=1, sort_keys=True))
-        new.replace(self.file)
+        with self.lock:
+            self.passed.pop(name, None)
+            if key and cases is not None:
+                self.passed[name] = (key, cases)
+            self.file.parent.mkdir(exist_ok=True)
+            new = self.file.with_suffix(".new")
+            new.write_text(json.dumps(self.passed, indent=1, sort_keys=True))
+            new.replace(self.file)

@@ -3,6 +3,10 @@
 
 import subprocess
 import sys
+import threading
+
+# Several threads speak and count.
+LOCK = threading.RLock()
 
 
 def quietly(command, **options):
@@ -10,13 +14,15 @@ def quietly(command, **options):
     done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, check=False, **options)
     if done.returncode:
-        sys.stdout.buffer.write(done.stdout)
-        sys.stdout.flush()
+        with LOCK:
+            sys.stdout.buffer.write(done.stdout)
+            sys.stdout.flush()
     return done.returncode == 0
 
 
 def say(text):
-    print(text, flush=True)
+    with LOCK:
+        print(text, flush=True)
 
 
 class Tally:
@@ -25,12 +31,14 @@ class Tally:
         self.left_out = {}  # how many did not run because they passed before, by kind
 
     def count(self, what, passed, failed, seconds):
-        self.passed += passed
-        self.failed += failed
+        with LOCK:
+            self.passed += passed
+            self.failed += failed
         say(f"{what}: {passed} passed, {failed} failed, {seconds:.0f} s")
 
     def leave_out(self, kind, number):
-        self.left_out[kind] = self.left_out.get(kind, 0) + number
+        with LOCK:
+            self.left_out[kind] = self.left_out.get(kind, 0) + number
 
     def close(self):
         """Says the closing lines; whether all is well."""
