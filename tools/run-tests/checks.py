@@ -16,20 +16,22 @@ class Check:
     command: str
     # The files and folders that it reads beside its own program. None: it always runs.
     reads: tuple = None
-    # Regular expressions. It looks at the files that `each` matches one by one, and at those that
-    # `included` matches for each of them; the command takes the names of those that changed.
+    # Regular expressions. It reads what `included` matches as well; it looks at the files that `each`
+    # matches one by one, and then the command takes the names of those that changed.
     each: str = ""
     included: str = ""
+    # Of what this matches it looks at the names alone.
+    named: str = ""
 
     def keys(self):
         """By what is remembered: the key, or None."""
         if self.reads is None:
             return {self.command: None}
-        reads = [self.command.split()[0], *self.reads]
+        reads = [self.command.split()[0], *self.reads, *memory.matching(self.included)]
+        words = [self.command, *memory.matching(self.named)]
         if not self.each:
-            return {self.command: memory.key_of(self.command, reads)}
-        reads += memory.matching(self.included)
-        return {f"{self.command} {file}": memory.key_of(self.command, [file, *reads])
+            return {self.command: memory.key_of(words, reads)}
+        return {f"{self.command} {file}": memory.key_of(words, [file, *reads])
                 for file in memory.matching(self.each)}
 
 
@@ -42,13 +44,14 @@ OF_SOURCES = (
     Check("tools/check/static", (".clang-tidy",),
           each=rf"^({'|'.join(PRODUCT)}|tests|tools|bench)/.*\.(cpp|c)$", included=r"\.(h|hpp|inc)$"),
     Check("tests/model/check", ("tests/model",)),
-    Check("tools/check/headers"),
+    Check("tools/check/headers --alone", (), included=r"\.(h|hpp|inc)$", named=r"\.(cpp|c)$"),
     Check("tools/check/packaging", PACKAGING),
     Check("tools/check/packaging_test", ("tools/check/packaging", *PACKAGING)),
     Check("tools/report/report_test", ("tools/report", "tools/packages.sh")),
     Check("tools/check/style"),
     Check("tools/run-tests/run_tests_test", ("tools/run-tests",)),
     Check("tools/check/docs_test", ("tools/check/docs",)),
+    Check("tools/check/headers --first"),
     Check("tools/check/includes"),
     Check("tools/check/includes_test"),
     Check("tools/check/licence"),

@@ -26,7 +26,10 @@ def hash_of(file, _size, _changed):
 
 
 def matching(pattern):
-    """The files, out of those that git keeps or would keep, whose names from the root match."""
+    """The files, out of those that git keeps or would keep, whose names from the root match; none for
+    an empty pattern."""
+    if not pattern:
+        return []
     kept = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=ROOT,
                           stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()
     return [name for name in kept if re.search(pattern, name) and (ROOT / name).exists()]
