@@ -11,26 +11,26 @@ int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t 
     snd_pcm_hw_params_alloca(&params);
     int rc = snd_pcm_hw_params_any(pcm, params);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "setHwParams", 112, "rc", rc);
+        return logStepError(kLogTag, "setHwParams", 112, "rc", rc);
     }
     rc = snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "setHwParams", 118, "rc", rc);
+        return logStepError(kLogTag, "setHwParams", 118, "rc", rc);
     }
     rc = snd_pcm_hw_params_set_format(pcm, params, SND_PCM_FORMAT_S16_LE);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "setHwParams", 122, "rc", rc);
+        return logStepError(kLogTag, "setHwParams", 122, "rc", rc);
     }
     rc = snd_pcm_hw_params_set_channels(pcm, params, channels);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "setHwParams", 126, "rc", rc);
+        return logStepError(kLogTag, "setHwParams", 126, "rc", rc);
     }
     unsigned grantedRate = rate;
     // Shared on purpose: what the rate call leaves in it goes to the period call.
     int direction = 0;
     rc = snd_pcm_hw_params_set_rate_near(pcm, params, &grantedRate, &direction);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "setHwParams", 132, "rc", rc);
+        return logStepError(kLogTag, "setHwParams", 132, "rc", rc);
     }
     if (grantedRate != rate) {
         // However far off, the stream goes on with it; log readers know the misspelt word.
@@ -42,18 +42,18 @@ int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t 
         snd_pcm_uframes_t grantedBuffer = bufferSize;
         rc = snd_pcm_hw_params_set_buffer_size_near(pcm, params, &grantedBuffer);
         if (rc < 0) {
-            return logStepError(LOG_TAG, "setHwParams", 140, "rc", rc);
+            return logStepError(kLogTag, "setHwParams", 140, "rc", rc);
         }
     }
     if (periodSize != 0) {
         snd_pcm_uframes_t grantedPeriod = periodSize;
         rc = snd_pcm_hw_params_set_period_size_near(pcm, params, &grantedPeriod, &direction);
         if (rc < 0) {
-            return logStepError(LOG_TAG, "setHwParams", 147, "rc", rc);
+            return logStepError(kLogTag, "setHwParams", 147, "rc", rc);
         }
     }
     rc = snd_pcm_hw_params(pcm, params);
-    return rc < 0 ? logStepError(LOG_TAG, "setHwParams", 152, "rc", rc) : 0;
+    return rc < 0 ? logStepError(kLogTag, "setHwParams", 152, "rc", rc) : 0;
 }
 
 int setSwParams(snd_pcm_t* pcm, snd_pcm_uframes_t startThreshold, snd_pcm_uframes_t stopThreshold,
@@ -62,20 +62,20 @@ int setSwParams(snd_pcm_t* pcm, snd_pcm_uframes_t startThreshold, snd_pcm_uframe
     snd_pcm_sw_params_alloca(&params);
     int err = snd_pcm_sw_params_current(pcm, params);
     if (err < 0) {
-        return logStepError(LOG_TAG, "setSwParams", 73, "err", err);
+        return logStepError(kLogTag, "setSwParams", 73, "err", err);
     }
     err = snd_pcm_sw_params_set_start_threshold(pcm, params, startThreshold);
     if (err < 0) {
-        return logStepError(LOG_TAG, "setSwParams", 77, "err", err);
+        return logStepError(kLogTag, "setSwParams", 77, "err", err);
     }
     err = snd_pcm_sw_params_set_stop_threshold(pcm, params, stopThreshold);
     if (err < 0) {
-        return logStepError(LOG_TAG, "setSwParams", 81, "err", err);
+        return logStepError(kLogTag, "setSwParams", 81, "err", err);
     }
     err = snd_pcm_sw_params_set_avail_min(pcm, params, availMin);
     if (err < 0) {
-        return logStepError(LOG_TAG, "setSwParams", 85, "err", err);
+        return logStepError(kLogTag, "setSwParams", 85, "err", err);
     }
     err = snd_pcm_sw_params(pcm, params);
-    return err < 0 ? logStepError(LOG_TAG, "setSwParams", 89, "err", err) : 0;
+    return err < 0 ? logStepError(kLogTag, "setSwParams", 89, "err", err) : 0;
 }

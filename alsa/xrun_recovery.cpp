@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr unsigned RESUME_PAUSE_SECONDS = 1;
-constexpr int RESUME_PAUSES = 6;
+constexpr unsigned kResumePauseS = 1;
+constexpr int kResumePauses = 6;
 
 bool isCapture(snd_pcm_t* pcm) {
     return snd_pcm_stream(pcm) != SND_PCM_STREAM_PLAYBACK;
@@ -20,8 +20,8 @@ bool isCapture(snd_pcm_t* pcm) {
 int resume(snd_pcm_t* pcm) {
     int rc = snd_pcm_resume(pcm);
     for (int pauses = 0; rc == -EAGAIN;) {
-        sleep(RESUME_PAUSE_SECONDS);
-        if (++pauses == RESUME_PAUSES) {
+        sleep(kResumePauseS);
+        if (++pauses == kResumePauses) {
             break;
         }
         rc = snd_pcm_resume(pcm);

@@ -9,11 +9,11 @@
 
 namespace {
 
-constexpr char DEVICE[] = "hw:0,0";
-constexpr unsigned CHANNELS = 1;
-constexpr unsigned RATE = 48000;
-constexpr unsigned LATENCY_US = 100000;
-constexpr snd_pcm_uframes_t READ_FRAMES = 480;
+constexpr char kDevice[] = "hw:0,0";
+constexpr unsigned kChannels = 1;
+constexpr unsigned kRateHz = 48000;
+constexpr unsigned kLatencyUs = 100000;
+constexpr snd_pcm_uframes_t kReadFrames = 480;
 
 // The stream starts with its first read.
 int setSwParams(snd_pcm_t* pcm) {
@@ -34,9 +34,9 @@ int setSwParams(snd_pcm_t* pcm) {
 
 // Ends with the first error that recovery cannot mend.
 int record(snd_pcm_t* pcm) {
-    static int16_t sound[READ_FRAMES * CHANNELS];
+    static int16_t sound[kReadFrames * kChannels];
     for (;;) {
-        const auto frames = static_cast<int>(snd_pcm_readi(pcm, sound, READ_FRAMES));
+        const auto frames = static_cast<int>(snd_pcm_readi(pcm, sound, kReadFrames));
         if (frames < 0 && snd_pcm_recover(pcm, frames, 1) < 0) {
             return frames;
         }
@@ -52,12 +52,12 @@ int fail(const char* step, int error) {
 
 int main() {
     snd_pcm_t* pcm = nullptr;
-    int error = snd_pcm_open(&pcm, DEVICE, SND_PCM_STREAM_CAPTURE, 0);
+    int error = snd_pcm_open(&pcm, kDevice, SND_PCM_STREAM_CAPTURE, 0);
     if (error < 0) {
         return fail("opening", error);
     }
-    error = snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, CHANNELS,
-                               RATE, 0, LATENCY_US);
+    error = snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, kChannels,
+                               kRateHz, 0, kLatencyUs);
     if (error < 0) {
         return fail("hardware parameters", error);
     }

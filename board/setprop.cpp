@@ -11,10 +11,10 @@
 
 namespace {
 
-constexpr char PROPERTY_DIR[] = "/run/properties/";
-constexpr char USB_CONFIG[] = "sys.usb.config";
-constexpr char USB_HOST[] = "/dev/usb_host";
-constexpr char REENUMERATE[] = "reenumerate";
+constexpr char kPropertyDir[] = "/run/properties/";
+constexpr char kUsbConfig[] = "sys.usb.config";
+constexpr char kUsbHost[] = "/dev/usb_host";
+constexpr char kReenumerate[] = "reenumerate";
 
 bool writeFile(const char* path, int flags, const std::string& text) {
     const int fd = open(path, O_WRONLY | O_CLOEXEC | flags, 0644);
@@ -35,8 +35,8 @@ bool fail(const char* path) {
 
 // Readers see the old value or the new one, never half of it.
 bool setProperty(const std::string& name, const std::string& value) {
-    const std::string path = PROPERTY_DIR + name;
-    const std::string fresh = PROPERTY_DIR + ("." + name) + "." + std::to_string(getpid());
+    const std::string path = kPropertyDir + name;
+    const std::string fresh = kPropertyDir + ("." + name) + "." + std::to_string(getpid());
     if (!writeFile(fresh.c_str(), O_CREAT | O_TRUNC, value) ||
         rename(fresh.c_str(), path.c_str()) != 0) {
         return fail(path.c_str());
@@ -45,7 +45,7 @@ bool setProperty(const std::string& name, const std::string& value) {
 }
 
 bool reenumerate() {
-    return writeFile(USB_HOST, 0, REENUMERATE) || fail(USB_HOST);
+    return writeFile(kUsbHost, 0, kReenumerate) || fail(kUsbHost);
 }
 
 }  // namespace
@@ -59,5 +59,5 @@ int main(int argc, char** argv) {
     if (!setProperty(argv[1], argc == 3 ? argv[2] : "")) {
         return 1;
     }
-    return strcmp(argv[1], USB_CONFIG) != 0 || reenumerate() ? 0 : 1;
+    return strcmp(argv[1], kUsbConfig) != 0 || reenumerate() ? 0 : 1;
 }

@@ -7,17 +7,17 @@ namespace {
 
 // Frames that a conversion takes out of the buffer before it puts their result there: in place, the
 // compiler could not use the processor's vectors, which do such a block in a few instructions.
-constexpr int BLOCK_FRAMES = 16;
+constexpr int kBlockFrames = 16;
 
 }  // namespace
 
 void toMono(int16_t* samples, int frames) {
     int i = 0;
-    for (; i <= frames - BLOCK_FRAMES; i += BLOCK_FRAMES) {
-        int16_t stereo[2 * BLOCK_FRAMES];
-        int16_t mono[BLOCK_FRAMES];
+    for (; i <= frames - kBlockFrames; i += kBlockFrames) {
+        int16_t stereo[2 * kBlockFrames];
+        int16_t mono[kBlockFrames];
         memcpy(stereo, samples + 2 * i, sizeof stereo);
-        for (int k = 0; k < BLOCK_FRAMES; ++k) {
+        for (int k = 0; k < kBlockFrames; ++k) {
             mono[k] = stereo[2 * k];
         }
         memcpy(samples + i, mono, sizeof mono);
@@ -30,15 +30,15 @@ void toMono(int16_t* samples, int frames) {
 // Backwards, so that no sample is overwritten before it is read.
 void toStereo(int16_t* samples, int frames) {
     int i = frames;
-    for (; i >= BLOCK_FRAMES; i -= BLOCK_FRAMES) {
-        int16_t mono[BLOCK_FRAMES];
-        int16_t stereo[2 * BLOCK_FRAMES];
-        memcpy(mono, samples + i - BLOCK_FRAMES, sizeof mono);
-        for (int k = 0; k < BLOCK_FRAMES; ++k) {
+    for (; i >= kBlockFrames; i -= kBlockFrames) {
+        int16_t mono[kBlockFrames];
+        int16_t stereo[2 * kBlockFrames];
+        memcpy(mono, samples + i - kBlockFrames, sizeof mono);
+        for (int k = 0; k < kBlockFrames; ++k) {
             stereo[2 * k] = mono[k];
             stereo[2 * k + 1] = mono[k];
         }
-        memcpy(samples + 2 * (i - BLOCK_FRAMES), stereo, sizeof stereo);
+        memcpy(samples + 2 * (i - kBlockFrames), stereo, sizeof stereo);
     }
     for (--i; i >= 0; --i) {
         samples[2 * i + 1] = samples[i];

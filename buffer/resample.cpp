@@ -6,9 +6,9 @@
 
 namespace {
 
-constexpr double STEP_ONE = 65536.0;       // 1.0 in 16.16 fixed point
-constexpr double STEP_MAX = 4294967295.0;  // the largest step that 32 bits hold
-constexpr int32_t LANES = 8;               // samples in a vector register
+constexpr double kStepOne = 65536.0;       // 1.0 in 16.16 fixed point
+constexpr double kStepMax = 4294967295.0;  // the largest step that 32 bits hold
+constexpr int32_t kLanes = 8;              // samples in a vector register
 
 // The point `fraction` / 65536 of the way from `a` to `b`, rounded to nearest:
 // a + (((b - a) * fraction + 32768) >> 16). The two halves of the product are spelt out, each from
@@ -26,7 +26,7 @@ inline int16_t interpolate(int16_t a, int16_t b, uint16_t fraction) {
 }
 
 // The `n` outputs from `first` on. Output i lies between inputs i and i + 1, at (i + 1) * step. No
-// branch, no table; in whole vectors when `n` is a multiple of LANES.
+// branch, no table; in whole vectors when `n` is a multiple of kLanes.
 inline void resampleLanes(const int16_t* __restrict in, uint16_t increment, int16_t* __restrict out,
                           int32_t first, int32_t n) {
     auto fraction = static_cast<uint16_t>(static_cast<uint32_t>(first + 1) * increment);
@@ -36,12 +36,12 @@ inline void resampleLanes(const int16_t* __restrict in, uint16_t increment, int1
     }
 }
 
-// At least LANES outputs. What is left over at the end is made together with some of its neighbours
-// that are there already, which is less work than sample by sample.
+// At least kLanes outputs. What is left over at the end is made together with some of its
+// neighbours that are there already, which is less work than sample by sample.
 void resampleContiguous(const int16_t* in, uint32_t step, int16_t* out, int32_t n) {
     const auto increment = static_cast<uint16_t>(step);
-    resampleLanes(in, increment, out, 0, n / LANES * LANES);
-    resampleLanes(in, increment, out, n - LANES, LANES);
+    resampleLanes(in, increment, out, 0, n / kLanes * kLanes);
+    resampleLanes(in, increment, out, n - kLanes, kLanes);
 }
 
 // Output i lies at position (i + 1) * step, wherever that is.
@@ -63,7 +63,7 @@ uint32_t resampleStep(int32_t count, int32_t frameSize) {
     if (std::isnan(ratio)) {
         return 0;
     }
-    return static_cast<uint32_t>(std::clamp(ratio * STEP_ONE + 0.5, 0.0, STEP_MAX));
+    return static_cast<uint32_t>(std::clamp(ratio * kStepOne + 0.5, 0.0, kStepMax));
 }
 
 void resample(const int16_t* in, int32_t count, uint32_t step, int16_t* out, int32_t frameSize) {
@@ -74,7 +74,7 @@ void resample(const int16_t* in, int32_t count, uint32_t step, int16_t* out, int
     // grows with i, so when it stays below a sample at the last i, it does throughout.
     const int32_t first = count < frameSize ? 0 : 1;
     const uint32_t lastIndex = (static_cast<uint32_t>(interior) * step) >> 16;
-    if (interior >= LANES && lastIndex == static_cast<uint32_t>(interior - 1 + first)) {
+    if (interior >= kLanes && lastIndex == static_cast<uint32_t>(interior - 1 + first)) {
         resampleContiguous(in + first, step, out + 1, interior);
     } else {
         resampleAnywhere(in, step, out + 1, interior);

@@ -12,15 +12,15 @@
 
 namespace {
 
-constexpr int32_t DEFAULT_FRAME_SIZE = 480;
-constexpr int32_t DEPTH_SCALE = 10000;           // units of avgDepthX10k in a sample
-constexpr int32_t DEPTH_WEIGHT = 100;            // each read counts 1/100 in the average
-constexpr int32_t TONE_PERIOD = 32;              // samples from one block of the tone to the next
-constexpr int32_t TONE_BLOCK = TONE_PERIOD / 2;  // of which this many are overlaid
+constexpr int32_t kDefaultFrameSize = 480;
+constexpr int32_t kDepthScale = 10000;           // units of avgDepthX10k in a sample
+constexpr int32_t kDepthWeight = 100;            // each read counts 1/100 in the average
+constexpr int32_t kTonePeriod = 32;              // samples from one block of the tone to the next
+constexpr int32_t kToneBlock = kTonePeriod / 2;  // of which this many are overlaid
 
 // One period of a cosine of amplitude 1000. Only its first half is ever played, so that the pattern
 // alternates with the audio below it.
-constexpr int16_t TONE[TONE_PERIOD] = {
+constexpr int16_t kTone[kTonePeriod] = {
     1000,  981,  924,  831,  707,  556,  383,  195,  0, -195, -383, -556, -707, -831, -924, -981,
     -1000, -981, -924, -831, -707, -556, -383, -195, 0, 195,  383,  556,  707,  831,  924,  981};
 
@@ -52,7 +52,7 @@ void SSRSSetFrameSize(SSRS_Ctx* ctx, int32_t n) {
 }
 
 void SSRSInit(SSRS_Ctx* ctx) {
-    SSRSSetFrameSize(ctx, DEFAULT_FRAME_SIZE);
+    SSRSSetFrameSize(ctx, kDefaultFrameSize);
 }
 
 // A refused length leaves the queue on its previous storage, emptied.
@@ -106,8 +106,8 @@ int32_t queuedSamples(const SSRS_Ctx* ctx) {
 
 // The target saturates, so that the average never leaves 0 to INT32_MAX.
 void averageDepth(SSRS_Ctx* ctx, int32_t depth) {
-    const int64_t scaled = std::min<int64_t>(int64_t{depth} * DEPTH_SCALE, INT32_MAX);
-    ctx->avgDepthX10k += (static_cast<int32_t>(scaled) - ctx->avgDepthX10k) / DEPTH_WEIGHT;
+    const int64_t scaled = std::min<int64_t>(int64_t{depth} * kDepthScale, INT32_MAX);
+    ctx->avgDepthX10k += (static_cast<int32_t>(scaled) - ctx->avgDepthX10k) / kDepthWeight;
 }
 
 Take chooseTake(SSRS_Ctx* ctx, int32_t depth) {
@@ -146,8 +146,8 @@ void countRead(SSRS_Ctx* ctx, int32_t depth, int32_t count) {
 
 // A whole block is written even where the frame ends inside it; see SSRS_Read.
 void overlayTestTone(int16_t* out, int32_t frameSize) {
-    for (int32_t start = 0; start < frameSize; start += TONE_PERIOD) {
-        memcpy(out + start, TONE, bytesOf(TONE_BLOCK));
+    for (int32_t start = 0; start < frameSize; start += kTonePeriod) {
+        memcpy(out + start, kTone, bytesOf(kToneBlock));
     }
 }
 
@@ -267,7 +267,7 @@ int32_t SSRS_StatsGet(const SSRS_Ctx* ctx, SSRS_Stats* stats) {
     stats->rdSamples = ctx->rdSamples;
     stats->rdCalls = ctx->rdCalls;
     stats->rdErrors = ctx->rdErrors;
-    stats->avgDepth = ctx->avgDepthX10k / DEPTH_SCALE;
+    stats->avgDepth = ctx->avgDepthX10k / kDepthScale;
     stats->stretchCnt = ctx->stretchCnt;
     stats->compressCnt = ctx->compressCnt;
     stats->overruns = ctx->overruns;

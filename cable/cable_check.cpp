@@ -13,25 +13,25 @@
 
 namespace {
 
-constexpr char PLUGGED = '1';
+constexpr char kPlugged = '1';
 
-constexpr size_t COMMAND_BYTES = 128;
-constexpr char SHELL_SAFE[] =
+constexpr size_t kCommandBytes = 128;
+constexpr char kShellSafe[] =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_,.:+-";
 
 // Setting the property to the value that it has makes the platform apply the configuration again,
 // which restarts the controller.
 void restartController() {
     char value[PROP_VALUE_MAX] = {};
-    __system_property_get(CABLE_CONFIG_PROPERTY, value);
+    __system_property_get(kCableConfigProperty, value);
     LOGD(
         "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
         "property: %s",
         value);
-    char command[COMMAND_BYTES];
+    char command[kCommandBytes];
     snprintf(command, sizeof command, "setprop sys.usb.config %s\n", value);
     LOGD("Issue: %s\n", command);
-    if (value[strspn(value, SHELL_SAFE)] != '\0') {
+    if (value[strspn(value, kShellSafe)] != '\0') {
         LOGE("not issued: the value holds characters that a shell could act upon\n");
         return;
     }
@@ -43,10 +43,10 @@ void restartController() {
 }  // namespace
 
 void CableMon::validateConnectionState() {
-    FILE* const usbFile = fopen(CABLE_USB_STATE_PATH, "r");
-    FILE* const plugFile = fopen(CABLE_PLUG_STATE_PATH, "r");
-    char usbLine[STATE_LINE_BYTES] = {};
-    char plugLine[STATE_LINE_BYTES] = {};
+    FILE* const usbFile = fopen(kCableUsbStatePath, "r");
+    FILE* const plugFile = fopen(kCablePlugStatePath, "r");
+    char usbLine[kStateLineBytes] = {};
+    char plugLine[kStateLineBytes] = {};
     if (usbFile != nullptr && plugFile != nullptr &&
         fgets(usbLine, sizeof usbLine, usbFile) != nullptr &&
         fgets(plugLine, sizeof plugLine, plugFile) != nullptr) {
@@ -58,7 +58,7 @@ void CableMon::validateConnectionState() {
     if (plugFile != nullptr) {
         fclose(plugFile);
     }
-    if (plugNoAckCnt >= CABLE_NO_ACK_CHECKS) {
+    if (plugNoAckCnt >= kCableNoAckChecks) {
         plugNoAckCnt = 0;
         restartController();
     }
@@ -66,9 +66,9 @@ void CableMon::validateConnectionState() {
 
 // Other states leave the count alone: the gadget is on its way to one of the two.
 void CableMon::classify(const char* usbLine, const char* plugLine) {
-    if (beginsWith(usbLine, USB_STATE_CONFIGURED)) {
+    if (beginsWith(usbLine, kUsbStateConfigured)) {
         plugNoAckCnt = 0;
-    } else if (beginsWith(usbLine, USB_STATE_DISCONNECTED)) {
-        plugNoAckCnt = plugLine[0] == PLUGGED ? plugNoAckCnt + 1 : 0;
+    } else if (beginsWith(usbLine, kUsbStateDisconnected)) {
+        plugNoAckCnt = plugLine[0] == kPlugged ? plugNoAckCnt + 1 : 0;
     }
 }

@@ -21,41 +21,40 @@
 
 namespace {
 
-constexpr uint32_t KERNEL_PID = 0;
-constexpr uint32_t KERNEL_GROUP = 1;
-constexpr int PLAIN_TEXT_FORMAT = 0;  // a plain number: its name has moved between classes
-constexpr int ACTION_CHANGE = 3;
+constexpr uint32_t kKernelPid = 0;
+constexpr uint32_t kKernelGroup = 1;
+constexpr int kPlainTextFormat = 0;  // a plain number: its name has moved between classes
+constexpr int kActionChange = 3;
 
-constexpr char SUBSYSTEM[] = "android_usb";
-constexpr char STATE_PARAM[] = "USB_STATE";
+constexpr char kSubsystem[] = "android_usb";
+constexpr char kStateParam[] = "USB_STATE";
 
 void closeStateFile(FILE* file) {
     const int rc = fclose(file);
     const int savedErrno = errno;
     if (rc != 0) {
-        LOGE("closing %s failed: <%d:%d:%s>\n", CABLE_USB_STATE_PATH, rc, savedErrno,
+        LOGE("closing %s failed: <%d:%d:%s>\n", kCableUsbStatePath, rc, savedErrno,
              strerror(savedErrno));
     }
 }
 
 bool readInitialState(FILE* file) {
-    char line[STATE_LINE_BYTES] = {};
+    char line[kStateLineBytes] = {};
     if (fgets(line, sizeof line, file) == nullptr) {
-        LOGE("reading %s failed: feof=%d, ferror=%d\n", CABLE_USB_STATE_PATH, feof(file),
+        LOGE("reading %s failed: feof=%d, ferror=%d\n", kCableUsbStatePath, feof(file),
              ferror(file));
         return false;
     }
     LOGD("Initial USB state is %s\n", line);
-    return beginsWith(line, USB_STATE_CONFIGURED);
+    return beginsWith(line, kUsbStateConfigured);
 }
 
 // Only a configured gadget is reported: the app takes "disconnected" for granted.
 bool reportInitialState() {
-    FILE* const file = fopen(CABLE_USB_STATE_PATH, "r");
+    FILE* const file = fopen(kCableUsbStatePath, "r");
     if (file == nullptr) {
         const int savedErrno = errno;
-        LOGE("opening %s failed: <%d:%s>\n", CABLE_USB_STATE_PATH, savedErrno,
-             strerror(savedErrno));
+        LOGE("opening %s failed: <%d:%s>\n", kCableUsbStatePath, savedErrno, strerror(savedErrno));
         return false;
     }
     const bool configured = readInitialState(file);
@@ -74,8 +73,8 @@ CableMon::~CableMon() = default;
 
 bool CableMon::start() {
     char controller[PROP_VALUE_MAX] = {};
-    __system_property_get(CABLE_CONTROLLER_PROPERTY, controller);
-    isRkSoc = beginsWith(controller, CABLE_RK_CONTROLLER);
+    __system_property_get(kCableControllerProperty, controller);
+    isRkSoc = beginsWith(controller, kCableRkController);
     if (openSocket() && createThread()) {
         return true;
     }
@@ -93,13 +92,13 @@ bool CableMon::openSocket() {
     }
     if (isRkSoc) {
         // Without the timeout there are only fewer checks.
-        const timeval timeout = {CABLE_CHECK_PERIOD_S, 0};
+        const timeval timeout = {kCableCheckPeriodS, 0};
         setsockopt(nlSock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     }
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_pid = static_cast<uint32_t>(getpid());
-    address.nl_groups = CABLE_UEVENT_GROUPS;
+    address.nl_groups = kCableUeventGroups;
     if (bind(nlSock, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int savedErrno = errno;
         LOGE("bind failed: <%d:%s>\n", savedErrno, strerror(savedErrno));
@@ -145,7 +144,7 @@ void CableMon::loop() {
 }
 
 void CableMon::receiveEvent() {
-    char buffer[CABLE_UEVENT_BYTES];
+    char buffer[kCableUeventBytes];
     iovec part = {buffer, sizeof buffer};
     sockaddr_nl sender = {};
     msghdr header = {};
@@ -161,13 +160,13 @@ void CableMon::receiveEvent() {
     } else if ((header.msg_flags & MSG_TRUNC) != 0) {
         LOGE("recvmsg truncate: <%d:%d:%s>, buf size is %d\n", result, savedErrno,
              strerror(savedErrno), static_cast<int>(sizeof buffer));
-    } else if (sender.nl_pid != KERNEL_PID || sender.nl_groups != KERNEL_GROUP) {
+    } else if (sender.nl_pid != kKernelPid || sender.nl_groups != kKernelGroup) {
         LOGE("ignoring non-kernel netlink multicast message\n");
     } else if (result == 0) {
         LOGD("recvmsg returned zero\n");
     } else {
         const std::unique_ptr<NetlinkEvent> event(new (std::nothrow) NetlinkEvent);
-        if (event != nullptr && event->decode(buffer, result, PLAIN_TEXT_FORMAT)) {
+        if (event != nullptr && event->decode(buffer, result, kPlainTextFormat)) {
             handleEvent(*event);
         } else {
             LOGE("decoding netlinmk msg failed\n");
@@ -188,16 +187,16 @@ void CableMon::handleReceiveError(int result, int savedErrno) {
 
 void CableMon::handleEvent(NetlinkEvent& event) {
     const char* const subsystem = event.getSubsystem();
-    if (subsystem == nullptr || strcmp(subsystem, SUBSYSTEM) != 0) {
+    if (subsystem == nullptr || strcmp(subsystem, kSubsystem) != 0) {
         return;
     }
     // An int on older platforms, a scoped enumeration on newer ones.
     const int action = static_cast<int>(event.getAction());
-    if (action != ACTION_CHANGE) {
+    if (action != kActionChange) {
         LOGD("subsystem: %s, action: %d\n", subsystem, action);
         return;
     }
-    const char* const state = event.findParam(STATE_PARAM);
+    const char* const state = event.findParam(kStateParam);
     if (state == nullptr) {
         LOGE("usb state is NULL\n");
         return;
@@ -208,12 +207,12 @@ void CableMon::handleEvent(NetlinkEvent& event) {
 
 // The app hears of edges only; any other state ("CONNECTED") is one on the way.
 void CableMon::handleUsbState(const char* state) {
-    if (strcmp(state, USB_STATE_DISCONNECTED) == 0) {
+    if (strcmp(state, kUsbStateDisconnected) == 0) {
         if (usbConfigured) {
             UafIpc::queueMsg(UafIpc::UafIpcDisconnectedMsg);
         }
         usbConfigured = false;
-    } else if (strcmp(state, USB_STATE_CONFIGURED) == 0 && !usbConfigured) {
+    } else if (strcmp(state, kUsbStateConfigured) == 0 && !usbConfigured) {
         UafIpc::queueMsg(UafIpc::UafIpcConnectedMsg);
         usbConfigured = true;
     }

@@ -12,18 +12,18 @@
 
 class NetlinkEvent;
 
-constexpr char CABLE_USB_STATE_PATH[] = "/sys/devices/virtual/android_usb/android0/state";
-constexpr char CABLE_PLUG_STATE_PATH[] =
+constexpr char kCableUsbStatePath[] = "/sys/devices/virtual/android_usb/android0/state";
+constexpr char kCablePlugStatePath[] =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
-constexpr char CABLE_CONTROLLER_PROPERTY[] = "sys.usb.controller";
-constexpr char CABLE_CONFIG_PROPERTY[] = "sys.usb.config";
-constexpr char CABLE_RK_CONTROLLER[] = "ff300000.usb";
+constexpr char kCableControllerProperty[] = "sys.usb.controller";
+constexpr char kCableConfigProperty[] = "sys.usb.config";
+constexpr char kCableRkController[] = "ff300000.usb";
 
-constexpr int CABLE_CHECK_PERIOD_S = 1;     // receive timeout that paces the checks
-constexpr int32_t CABLE_NO_ACK_CHECKS = 3;  // such checks in a row restart the controller
-constexpr uint32_t CABLE_UEVENT_GROUPS = 15;
-constexpr size_t CABLE_UEVENT_BYTES = 2304;
+constexpr int kCableCheckPeriodS = 1;     // receive timeout that paces the checks
+constexpr int32_t kCableNoAckChecks = 3;  // such checks in a row restart the controller
+constexpr uint32_t kCableUeventGroups = 15;
+constexpr size_t kCableUeventBytes = 2304;
 
 class CableMon {
   public:

@@ -2,4 +2,4 @@
 // The log tag of this folder's files.
 #pragma once
 
-constexpr char LOG_TAG[] = "UAFCBM";
+constexpr char kLogTag[] = "UAFCBM";

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstring>
 
-constexpr char USB_STATE_CONFIGURED[] = "CONFIGURED";
-constexpr char USB_STATE_DISCONNECTED[] = "DISCONNECTED";
+constexpr char kUsbStateConfigured[] = "CONFIGURED";
+constexpr char kUsbStateDisconnected[] = "DISCONNECTED";
 
-constexpr size_t STATE_LINE_BYTES = 32;  // of a state file's line, terminator included
+constexpr size_t kStateLineBytes = 32;  // of a state file's line, terminator included
 
 // A file's line carries its line end, so only its beginning is compared.
 template <size_t N>

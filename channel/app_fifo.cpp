@@ -15,10 +15,10 @@ namespace {
 
 // Nothing in the daemon asks for urgent data. A stray one does no harm even without the handler:
 // by default this signal is ignored.
-constexpr int LET_OUT_SIGNAL = SIGURG;
+constexpr int kLetOutSignal = SIGURG;
 
 // A signal that comes just before the wait begins is lost, so it is sent again after this long.
-constexpr timespec SIGNAL_INTERVAL{0, 1000000};
+constexpr timespec kSignalInterval{0, 1000000};
 
 void doNothing(int /*number*/) {}
 
@@ -29,7 +29,7 @@ AppFifo::AppFifo() {
     action.sa_handler = doNothing;
     sigemptyset(&action.sa_mask);
     // No SA_RESTART: it would go on with the wait. The call cannot fail with these arguments.
-    sigaction(LET_OUT_SIGNAL, &action, nullptr);
+    sigaction(kLetOutSignal, &action, nullptr);
 }
 
 bool AppFifo::openEnd(const char* path, int flags, size_t blockBytes, const char* tag) {
@@ -108,9 +108,9 @@ void AppFifo::lookAgain() {
     const unsigned looksBefore = looks;
     // cppcheck-suppress knownConditionTrueFalse; the looking thread counts
     while (looking && looks == looksBefore) {
-        pthread_kill(looker, LET_OUT_SIGNAL);
+        pthread_kill(looker, kLetOutSignal);
         pthread_mutex_unlock(&mutex);
-        nanosleep(&SIGNAL_INTERVAL, nullptr);
+        nanosleep(&kSignalInterval, nullptr);
         pthread_mutex_lock(&mutex);
     }
     pthread_mutex_unlock(&mutex);
@@ -119,10 +119,10 @@ void AppFifo::lookAgain() {
 void AppFifo::endWaits(pthread_t user, const std::atomic<int32_t>& userRunning) {
     const auto isOut = [&] { return userRunning.load(std::memory_order_acquire) == 0; };
     ended.store(true, std::memory_order_release);
-    while (!isOut() && pthread_kill(user, LET_OUT_SIGNAL) == 0) {
+    while (!isOut() && pthread_kill(user, kLetOutSignal) == 0) {
         sched_yield();  // the user has this thread's priority: on one processor it goes now
         if (!isOut()) {
-            nanosleep(&SIGNAL_INTERVAL, nullptr);
+            nanosleep(&kSignalInterval, nullptr);
         }
     }
 }

@@ -11,17 +11,17 @@
 
 namespace {
 
-constexpr const char* LOG_TAG = SINK_LOG_TAG;
-constexpr int64_t NS_PER_SECOND = 1000000000;
+constexpr const char* kLogTag = kSinkLogTag;
+constexpr int64_t kNsPerSecond = 1000000000;
 
 // The board's own sound card. Where its id holds one of these two words the microphone is PCM 0, on
 // every other board PCM 1.
-constexpr char TARVINE[] = "tarvine";
-constexpr char RT5640[] = "rockchiprt5640c";
-constexpr char CARD_ID_PATH[] = "/proc/asound/card0/id";
-constexpr char STATUS_PATH_PCM0[] = "/proc/asound/card0/pcm0c/sub0/status";
-constexpr char STATUS_PATH_PCM1[] = "/proc/asound/card0/pcm1c/sub0/status";
-constexpr int STATUS_LINES = 11;
+constexpr char kTarvine[] = "tarvine";
+constexpr char kRt5640[] = "rockchiprt5640c";
+constexpr char kCardIdPath[] = "/proc/asound/card0/id";
+constexpr char kStatusPathPcm0[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char kStatusPathPcm1[] = "/proc/asound/card0/pcm1c/sub0/status";
+constexpr int kStatusLines = 11;
 
 using Line = char[80];
 
@@ -30,7 +30,7 @@ int32_t synchTriesLeft = 0;
 
 // Seconds and nanoseconds as one count; wraps on numbers that no clock shows.
 int64_t nanoseconds(int64_t seconds, int64_t fraction) {
-    return static_cast<int64_t>(static_cast<uint64_t>(seconds) * NS_PER_SECOND +
+    return static_cast<int64_t>(static_cast<uint64_t>(seconds) * kNsPerSecond +
                                 static_cast<uint64_t>(fraction));
 }
 
@@ -39,27 +39,27 @@ void logOpenFailure(const char* path, int savedErrno) {
 }
 
 const char* statusPathOf(const char* cardId) {
-    const bool onPcm0 = strstr(cardId, TARVINE) != nullptr || strstr(cardId, RT5640) != nullptr;
-    return onPcm0 ? STATUS_PATH_PCM0 : STATUS_PATH_PCM1;
+    const bool onPcm0 = strstr(cardId, kTarvine) != nullptr || strstr(cardId, kRt5640) != nullptr;
+    return onPcm0 ? kStatusPathPcm0 : kStatusPathPcm1;
 }
 
 // The microphone's status file, open, or null after logging why not.
 FILE* openStatusFile() {
-    FILE* const idFile = fopen(CARD_ID_PATH, "r");
+    FILE* const idFile = fopen(kCardIdPath, "r");
     if (idFile == nullptr) {
         const int savedErrno = errno;
-        logOpenFailure(CARD_ID_PATH, savedErrno);
+        logOpenFailure(kCardIdPath, savedErrno);
         // Names the default status file although none was opened: an unknown card is reported by
         // this pair of lines, which log readers look for together.
-        logOpenFailure(STATUS_PATH_PCM1, savedErrno);
+        logOpenFailure(kStatusPathPcm1, savedErrno);
         return nullptr;
     }
     Line cardId;
     if (fgets(cardId, sizeof cardId, idFile) == nullptr) {
         const int savedErrno = errno;
-        LOGE("Failed to determine card type for: %s", CARD_ID_PATH);
+        LOGE("Failed to determine card type for: %s", kCardIdPath);
         fclose(idFile);
-        logOpenFailure(STATUS_PATH_PCM1, savedErrno);
+        logOpenFailure(kStatusPathPcm1, savedErrno);
         return nullptr;
     }
     const char* const statusPath = statusPathOf(cardId);
@@ -76,7 +76,7 @@ FILE* openStatusFile() {
 int64_t readTimestamp(FILE* statusFile) {
     bool running = false;
     Line line;
-    for (int i = 0; i < STATUS_LINES && fgets(line, sizeof line, statusFile) != nullptr; ++i) {
+    for (int i = 0; i < kStatusLines && fgets(line, sizeof line, statusFile) != nullptr; ++i) {
         if (strstr(line, "state: RUNNING") != nullptr) {
             running = true;
         }
@@ -101,8 +101,8 @@ bool isHeldBack(int64_t startNs, int64_t nowNs) {
     const auto sinceStart =
         static_cast<int64_t>(static_cast<uint64_t>(nowNs) - static_cast<uint64_t>(startNs));
     // A start in the future gives a negative phase, which is outside the range and ends the wait.
-    const int64_t phaseNs = sinceStart % SYNCH_GRID_NS;
-    return static_cast<uint64_t>(phaseNs - SYNCH_HOLD_FROM_NS) < SYNCH_HOLD_LENGTH_NS;
+    const int64_t phaseNs = sinceStart % kSynchGridNs;
+    return static_cast<uint64_t>(phaseNs - kSynchHoldFromNs) < kSynchHoldLengthNs;
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ int synchStartup(int frames, SynchStartupState* state) {
             return 0;
         case SYNCH_NOT_STARTED:
             micTstampNs = micCaptureTimestamp();
-            synchTriesLeft = SYNCH_TRIES;
+            synchTriesLeft = kSynchTries;
             state->state = SYNCH_WAITING;
             break;
         case SYNCH_WAITING:

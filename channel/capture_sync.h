@@ -20,10 +20,10 @@ struct SynchStartupState {
     int32_t state = SYNCH_NOT_STARTED;  // SynchState
 };
 
-constexpr int32_t SYNCH_TRIES = 600;  // periods that may be held back or missing before it gives up
-constexpr int64_t SYNCH_GRID_NS = 10000000;
-constexpr int64_t SYNCH_HOLD_FROM_NS = 3500000;     // phases from here ...
-constexpr uint64_t SYNCH_HOLD_LENGTH_NS = 5000000;  // ... for this long are held back
+constexpr int32_t kSynchTries = 600;  // periods that may be held back or missing before it gives up
+constexpr int64_t kSynchGridNs = 10000000;
+constexpr int64_t kSynchHoldFromNs = 3500000;     // phases from here ...
+constexpr uint64_t kSynchHoldLengthNs = 5000000;  // ... for this long are held back
 
 // When the board's own microphone capture started, in nanoseconds of CLOCK_REALTIME, from its ALSA
 // status file; -1, logged, when no running capture with a time stamp is found.

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* LOG_TAG = SOURCE_LOG_TAG;
+constexpr const char* kLogTag = kSourceLogTag;
 
 }  // namespace
 
@@ -33,7 +33,7 @@ FrameBuffer::~FrameBuffer() {
 
 bool FrameBuffer::allocateStorage() {
     if (!ssrsQBuff) {
-        ssrsQBuff.reset(new (std::nothrow) int16_t[LARGE_FRAME_BUFFER.storage]());
+        ssrsQBuff.reset(new (std::nothrow) int16_t[kLargeFrameBuffer.storage]());
     }
     return ssrsQBuff != nullptr;
 }
@@ -55,12 +55,12 @@ void FrameBuffer::build() {
     if (rc != SSRS_OK) {
         LOGE("SSRS_InitContext error: %d\n", rc);
     }
-    rc = SSRS_SetFrameSize(ssrsCtx, PERIOD_FRAMES);
+    rc = SSRS_SetFrameSize(ssrsCtx, kPeriodFrames);
     if (rc != SSRS_OK) {
         LOGE("SSRS_SetFrameSize error: %d\n", rc);
     }
-    setStorage(SMALL_FRAME_BUFFER);
-    setDepth(SMALL_FRAME_BUFFER);
+    setStorage(kSmallFrameBuffer);
+    setDepth(kSmallFrameBuffer);
 }
 
 bool FrameBuffer::setStorage(const FrameBufferSize& size) {
@@ -90,12 +90,12 @@ FrameBuffer::Result FrameBuffer::write(const int16_t* block, unsigned writes) {
         LOGE("bufferLoop: lock failed: %d\n", rc);
         return Result(false);
     }
-    rc = SSRS_Write(ssrsCtx, block, FIFO_BLOCK_FRAMES);
+    rc = SSRS_Write(ssrsCtx, block, kFifoBlockFrames);
     if (rc != SSRS_OK && rc != SSRS_QUEUE_FULL) {
         LOGE("SSRS_Write error: %d\n", rc);
         return Result(false, &ssrsMutex);
     }
-    if (writes >= STATS_PASSES && writes % STATS_PASSES == 0) {
+    if (writes >= kStatsPasses && writes % kStatsPasses == 0) {
         checkUnderruns(writes);
     }
     rc = pthread_mutex_unlock(&ssrsMutex);
@@ -112,7 +112,7 @@ void FrameBuffer::checkUnderruns(unsigned writes) {
         LOGD("buffer loopcnt %d, Depth %d, Underruns %u, Overruns %u\n", static_cast<int>(writes),
              static_cast<int>(stats.avgDepth), stats.underruns, stats.overruns);
     }
-    if (!enlargeTried && stats.underruns - seenUnderruns >= ENLARGE_UNDERRUNS) {
+    if (!enlargeTried && stats.underruns - seenUnderruns >= kEnlargeUnderruns) {
         enlarge();
         enlargeTried = true;
     }
@@ -121,7 +121,7 @@ void FrameBuffer::checkUnderruns(unsigned writes) {
 
 // Discards the queued audio; the next write primes the buffer to the middle of the larger range.
 void FrameBuffer::enlarge() {
-    if (setStorage(LARGE_FRAME_BUFFER) && setDepth(LARGE_FRAME_BUFFER)) {
+    if (setStorage(kLargeFrameBuffer) && setDepth(kLargeFrameBuffer)) {
         LOGD("increased ssrs queue depth\n");
     }
 }

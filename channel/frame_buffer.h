@@ -14,7 +14,7 @@
 
 #include "buffer/ssrs.h"
 
-constexpr int FIFO_BLOCK_FRAMES = 480;  // what the buffer thread writes at a time: 10 ms
+constexpr int kFifoBlockFrames = 480;  // what the buffer thread writes at a time: 10 ms
 
 // What the frame buffer holds, samples: its storage and the depth range that it keeps.
 struct FrameBufferSize {
@@ -22,11 +22,11 @@ struct FrameBufferSize {
     int depthLow;
     int depthHigh;
 };
-constexpr FrameBufferSize SMALL_FRAME_BUFFER{960, 480, 720};    // 10 to 15 ms
-constexpr FrameBufferSize LARGE_FRAME_BUFFER{1920, 960, 1440};  // 20 to 30 ms
+constexpr FrameBufferSize kSmallFrameBuffer{960, 480, 720};    // 10 to 15 ms
+constexpr FrameBufferSize kLargeFrameBuffer{1920, 960, 1440};  // 20 to 30 ms
 
-constexpr unsigned STATS_PASSES = 100;      // writes from one statistics check to the next: 1 s
-constexpr uint32_t ENLARGE_UNDERRUNS = 11;  // underruns between two checks that enlarge
+constexpr unsigned kStatsPasses = 100;      // writes from one statistics check to the next: 1 s
+constexpr uint32_t kEnlargeUnderruns = 11;  // underruns between two checks that enlarge
 
 class FrameBuffer {
   public:
@@ -66,7 +66,7 @@ class FrameBuffer {
 
     // ---- The buffer thread ---------------------------------------------------------------------
 
-    // Appends FIFO_BLOCK_FRAMES samples. A block for which there is no room is dropped, which is no
+    // Appends kFifoBlockFrames samples. A block for which there is no room is dropped, which is no
     // failure. `writes` counts the successful ones that this thread has made before; it paces the
     // check that enlarges the frame buffer. Logs a failed lock or SSRS call (error), and what the
     // check finds and does (debug).
@@ -74,7 +74,7 @@ class FrameBuffer {
 
     // ---- The worker ----------------------------------------------------------------------------
 
-    // The next PERIOD_FRAMES samples: always all of them, silence where the app has starved the
+    // The next kPeriodFrames samples: always all of them, silence where the app has starved the
     // frame buffer. Logs a failed lock or SSRS call (error).
     Result read(int16_t* frame);
 

@@ -17,7 +17,7 @@ void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
     if (pthread_attr_getschedparam(attributes, &parameters) != 0) {
         return;
     }
-    parameters.sched_priority = RT_PRIORITY;
+    parameters.sched_priority = kRtPriority;
     if (pthread_attr_setschedparam(attributes, &parameters) != 0) {
         LOGE_AS(tag, "unable to set thread priority\n");
         return;

@@ -5,9 +5,9 @@
 
 #include <pthread.h>
 
-constexpr int RT_PRIORITY = 58;  // of every audio thread, policy SCHED_FIFO
+constexpr int kRtPriority = 58;  // of every audio thread, policy SCHED_FIFO
 
-// Creates a thread that runs `entry` with `argument` at SCHED_FIFO, priority RT_PRIORITY; when one
+// Creates a thread that runs `entry` with `argument` at SCHED_FIFO, priority kRtPriority; when one
 // of the attributes cannot be set the thread is created with what is left of them. `threadId` is
 // written only on success. Logs under `tag`, error level: "unable to setschedpolicy\n",
 // "unable to set thread priority\n". Returns 0 or pthread_create's code, with errno as that left

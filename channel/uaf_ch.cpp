@@ -14,11 +14,11 @@
 
 namespace {
 
-constexpr char LOG_TAG[] = "UAFCH";
-constexpr long NS_PER_MS = 1000000;
+constexpr char kLogTag[] = "UAFCH";
+constexpr long kNsPerMs = 1000000;
 
 void sleepMs(long ms) {
-    const timespec pause{0, ms * NS_PER_MS};
+    const timespec pause{0, ms * kNsPerMs};
     nanosleep(&pause, nullptr);
 }
 
@@ -168,7 +168,7 @@ int UafCh::start() {
         joinPending = false;
     }
     holdDevNames();
-    if (createRtThread(&threadId, ChThread, this, LOG_TAG) != 0) {
+    if (createRtThread(&threadId, ChThread, this, kLogTag) != 0) {
         releaseDevNames();
         // The stream stays open and the app stays told that it is on; the next on request finds the
         // stream open and starts it afresh.
@@ -190,7 +190,7 @@ bool UafCh::isRunning() {
     if (state.load(std::memory_order_acquire) != UAFCH_STOPPING) {
         return true;
     }
-    if (stopDelayCnt.fetch_add(1, std::memory_order_relaxed) + 1 < STOP_DELAY_PASSES) {
+    if (stopDelayCnt.fetch_add(1, std::memory_order_relaxed) + 1 < kStopDelayPasses) {
         return true;
     }
     if (stop() != UAFCH_STOPPING) {
@@ -250,7 +250,7 @@ void UafCh::adjCh(int16_t* buf, int inCh, int outCh, int frames) {
 }
 
 void UafCh::pauseForTimeout() {
-    sleepMs(WAIT_TIMEOUT_MS);
+    sleepMs(kWaitTimeoutMs);
 }
 
 int UafCh::recoverPcm(int err, const char* tag) {

@@ -17,11 +17,11 @@
 #include "channel/dev_name.h"
 #include "channel/stream_shape.h"
 
-constexpr int WAIT_TIMEOUT_MS = 10;    // of one snd_pcm_wait, so that isRunning is polled
-constexpr unsigned LOG_PASSES = 6000;  // between two progress lines
+constexpr int kWaitTimeoutMs = 10;     // of one snd_pcm_wait, so that isRunning is polled
+constexpr unsigned kLogPasses = 6000;  // between two progress lines
 
 // How many calls of isRunning after an off request stop the channel (the last of them does).
-constexpr uint32_t STOP_DELAY_PASSES = 4;
+constexpr uint32_t kStopDelayPasses = 4;
 
 enum UafChState : int {
     UAFCH_RUNNING = 1,   // stream open, worker thread running

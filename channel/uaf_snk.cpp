@@ -15,24 +15,24 @@
 
 namespace {
 
-constexpr const char* LOG_TAG = SINK_LOG_TAG;
+constexpr const char* kLogTag = kSinkLogTag;
 
-constexpr size_t PERIOD_BYTES = PERIOD_FRAMES * PCM_CHANNELS * sizeof(int16_t);
-constexpr size_t PCM_BUF_SAMPLES = PERIOD_FRAMES * FIFO_CHANNELS;
-constexpr size_t FIFO_BLOCK_BYTES = PCM_BUF_SAMPLES * sizeof(int16_t);
+constexpr size_t kPeriodBytes = kPeriodFrames * kPcmChannels * sizeof(int16_t);
+constexpr size_t kPcmBufSamples = kPeriodFrames * kFifoChannels;
+constexpr size_t kFifoBlockBytes = kPcmBufSamples * sizeof(int16_t);
 
 // The gadget card's capture stream, frames.
-constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = 2400;
-constexpr snd_pcm_uframes_t START_THRESHOLD_FRAMES = PERIOD_FRAMES;
-constexpr snd_pcm_uframes_t STOP_THRESHOLD_FRAMES = 4800;
-constexpr snd_pcm_uframes_t AVAIL_MIN_FRAMES = PERIOD_FRAMES;
+constexpr snd_pcm_uframes_t kPcmBufferFrames = 2400;
+constexpr snd_pcm_uframes_t kStartThresholdFrames = kPeriodFrames;
+constexpr snd_pcm_uframes_t kStopThresholdFrames = 4800;
+constexpr snd_pcm_uframes_t kAvailMinFrames = kPeriodFrames;
 
 // The backlog check: what may wait, and the values of availChkCnt that pace the check in ready
 // periods.
-constexpr snd_pcm_sframes_t BACKLOG_FRAMES = 3 * PERIOD_FRAMES;
-constexpr int CHECK_DUE = 99;  // the check runs from here on
-constexpr int CHECK_NEXT_PERIOD = 100;
-constexpr int CHECK_AFTER_DROP = 97;  // again in three periods
+constexpr snd_pcm_sframes_t kBacklogFrames = 3 * kPeriodFrames;
+constexpr int kCheckDue = 99;  // the check runs from here on
+constexpr int kCheckNextPeriod = 100;
+constexpr int kCheckAfterDrop = 97;  // again in three periods
 
 // Process-wide: without it, writing to a FIFO whose reader has gone would end the daemon.
 void sigpipe_handler(int number) {
@@ -64,9 +64,9 @@ UafSnk::~UafSnk() {
 
 int UafSnk::uafStart() {
     pcmStallCnt = 0;
-    availChkCnt = CHECK_NEXT_PERIOD;
+    availChkCnt = kCheckNextPeriod;
     if (!pcmBuf) {
-        pcmBuf.reset(new (std::nothrow) int16_t[PCM_BUF_SAMPLES]());
+        pcmBuf.reset(new (std::nothrow) int16_t[kPcmBufSamples]());
         if (!pcmBuf) {
             return -1;
         }
@@ -91,20 +91,20 @@ int UafSnk::openPcm() {
     snd_pcm_t* pcm = nullptr;
     int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_CAPTURE, 0);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 90, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 90, "rc", rc);
     }
     pcmHandle = pcm;
-    rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
+    rc = setHwParams(pcmHandle, kPcmBufferFrames, kPeriodFrames, kPcmChannels, kSampleRateHz);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 92, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 92, "rc", rc);
     }
-    rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
+    rc = setSwParams(pcmHandle, kStartThresholdFrames, kStopThresholdFrames, kAvailMinFrames);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 94, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 94, "rc", rc);
     }
     rc = snd_pcm_start(pcmHandle);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 100, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 100, "rc", rc);
     }
     return 0;
 }
@@ -138,7 +138,7 @@ void UafSnk::uafLoop() {
             continue;
         }
         framesRead += static_cast<unsigned>(frames);
-        adjCh(pcmBuf.get(), PCM_CHANNELS, FIFO_CHANNELS, PERIOD_FRAMES);
+        adjCh(pcmBuf.get(), kPcmChannels, kFifoChannels, kPeriodFrames);
         if (synchStartup(frames, &synch) >= 1) {
             continue;
         }
@@ -148,7 +148,7 @@ void UafSnk::uafLoop() {
             continue;
         }
         bytesWritten += static_cast<unsigned>(bytes);
-        if (loopcnt % LOG_PASSES == 0) {
+        if (loopcnt % kLogPasses == 0) {
             LOGD("loopcnt %d, pcmRead %d, fifoWrite %d\n", static_cast<int>(loopcnt),
                  static_cast<int>(framesRead), static_cast<int>(bytesWritten));
         }
@@ -164,13 +164,13 @@ int UafSnk::pcmRead() {
     if (!restartIfStopped()) {
         return -1;
     }
-    const int ready = snd_pcm_wait(pcmHandle, WAIT_TIMEOUT_MS);
+    const int ready = snd_pcm_wait(pcmHandle, kWaitTimeoutMs);
     if (ready != 1) {
         clearPeriod();
-        return missedWait(ready, LOG_TAG);
+        return missedWait(ready, kLogTag);
     }
     const int sinceCheck = availChkCnt++;
-    if (sinceCheck >= CHECK_DUE && !dropBacklog()) {
+    if (sinceCheck >= kCheckDue && !dropBacklog()) {
         return -1;
     }
     const int rc = sndRead();
@@ -198,7 +198,7 @@ bool UafSnk::restartIfStopped() {
         LOGE("stopping, ALSA failed to start: %s", snd_strerror(rc));
         return false;
     }
-    availChkCnt = CHECK_NEXT_PERIOD;
+    availChkCnt = kCheckNextPeriod;
     return true;
 }
 
@@ -206,11 +206,11 @@ bool UafSnk::restartIfStopped() {
 bool UafSnk::dropBacklog() {
     availChkCnt = 0;
     const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcmHandle);
-    if (avail <= BACKLOG_FRAMES) {
+    if (avail <= kBacklogFrames) {
         return true;
     }
     LOGD("too much samples in the buffer, drop samples. (avail=%d)\n", static_cast<int>(avail));
-    while (snd_pcm_avail_update(pcmHandle) > BACKLOG_FRAMES) {
+    while (snd_pcm_avail_update(pcmHandle) > kBacklogFrames) {
         const int rc = sndRead();
         if (rc == -1) {
             return false;
@@ -219,20 +219,20 @@ bool UafSnk::dropBacklog() {
             break;  // a failed recovery: the read of the kept period reports it
         }
     }
-    availChkCnt = CHECK_AFTER_DROP;
+    availChkCnt = kCheckAfterDrop;
     return true;
 }
 
 // One snd_pcm_readi. Returns the frames read, the result of an xrun's recovery (the buffer is left
 // as it was, and the period before goes out once more), or -1 when the channel must stop.
 int UafSnk::sndRead() {
-    const int rc = static_cast<int>(snd_pcm_readi(pcmHandle, pcmBuf.get(), PERIOD_FRAMES));
+    const int rc = static_cast<int>(snd_pcm_readi(pcmHandle, pcmBuf.get(), kPeriodFrames));
     if (rc >= 0) {
         return rc;
     }
     if (rc == -EPIPE || rc == -ESTRPIPE) {
-        availChkCnt = CHECK_NEXT_PERIOD;
-        return recoverPcm(rc, LOG_TAG);
+        availChkCnt = kCheckNextPeriod;
+        return recoverPcm(rc, kLogTag);
     }
     LOGE("stopping, unexpected read error\n");
     clearPeriod();
@@ -243,19 +243,19 @@ int UafSnk::sndRead() {
 // period is lost and the next write opens the FIFO again; -1 when the FIFO cannot be opened.
 int UafSnk::fifoWrite() {
     // The open waits until the app opens the FIFO for reading; nothing is captured meanwhile.
-    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_WRONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_WRONLY, kFifoBlockBytes, kLogTag)) {
         return -1;
     }
-    const int rc = static_cast<int>(fifo.write(pcmBuf.get(), FIFO_BLOCK_BYTES));
-    if (rc == static_cast<int>(FIFO_BLOCK_BYTES)) {
+    const int rc = static_cast<int>(fifo.write(pcmBuf.get(), kFifoBlockBytes));
+    if (rc == static_cast<int>(kFifoBlockBytes)) {
         return rc;
     }
     LOGD("closing %s, failed to write rc=%d, expect %d\n", DevName::printable(fifoName.load()), rc,
-         static_cast<int>(FIFO_BLOCK_BYTES));
+         static_cast<int>(kFifoBlockBytes));
     fifo.close();
     return 0;
 }
 
 void UafSnk::clearPeriod() {
-    memset(pcmBuf.get(), 0, PERIOD_BYTES);
+    memset(pcmBuf.get(), 0, kPeriodBytes);
 }

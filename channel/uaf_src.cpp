@@ -16,21 +16,21 @@
 
 namespace {
 
-constexpr const char* LOG_TAG = SOURCE_LOG_TAG;
+constexpr const char* kLogTag = kSourceLogTag;
 
-constexpr size_t FIFO_BLOCK_BYTES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS * sizeof(int16_t);
+constexpr size_t kFifoBlockBytes = kFifoBlockFrames * kFifoChannels * sizeof(int16_t);
 
 // Buffer sizes, samples. A period is what pcmBuf and silenceBuf are used for; SSRS's test tone
 // writes up to 15 samples behind a frame.
-constexpr size_t FIFO_BUF_SAMPLES = FIFO_BLOCK_FRAMES * FIFO_CHANNELS;
-constexpr size_t PCM_BUF_SAMPLES = 960;
-constexpr size_t SILENCE_BUF_SAMPLES = 720;
+constexpr size_t kFifoBufSamples = kFifoBlockFrames * kFifoChannels;
+constexpr size_t kPcmBufSamples = 960;
+constexpr size_t kSilenceBufSamples = 720;
 
 // The gadget card's playback stream, frames.
-constexpr snd_pcm_uframes_t PCM_BUFFER_FRAMES = SRC_RING_FRAMES;
-constexpr snd_pcm_uframes_t START_THRESHOLD_FRAMES = PERIOD_FRAMES;
-constexpr snd_pcm_uframes_t STOP_THRESHOLD_FRAMES = 1440;
-constexpr snd_pcm_uframes_t AVAIL_MIN_FRAMES = PERIOD_FRAMES;
+constexpr snd_pcm_uframes_t kPcmBufferFrames = kSourceRingFrames;
+constexpr snd_pcm_uframes_t kStartThresholdFrames = kPeriodFrames;
+constexpr snd_pcm_uframes_t kStopThresholdFrames = 1440;
+constexpr snd_pcm_uframes_t kAvailMinFrames = kPeriodFrames;
 
 std::unique_ptr<int16_t[]> zeroedSamples(size_t count) {
     return std::unique_ptr<int16_t[]>(new (std::nothrow) int16_t[count]());
@@ -88,13 +88,13 @@ int UafSrc::uafStart() {
 // The buffers live until the channel is destroyed. False without memory.
 bool UafSrc::allocateBuffers() {
     if (!fifoBuf) {
-        fifoBuf = zeroedSamples(FIFO_BUF_SAMPLES);
+        fifoBuf = zeroedSamples(kFifoBufSamples);
     }
     if (!pcmBuf) {
-        pcmBuf = zeroedSamples(PCM_BUF_SAMPLES);
+        pcmBuf = zeroedSamples(kPcmBufSamples);
     }
     if (!silenceBuf) {
-        silenceBuf = zeroedSamples(SILENCE_BUF_SAMPLES);
+        silenceBuf = zeroedSamples(kSilenceBufSamples);
     }
     const bool frameBufferHasStorage = frameBuffer.allocateStorage();
     return fifoBuf && pcmBuf && silenceBuf && frameBufferHasStorage;
@@ -115,7 +115,7 @@ bool UafSrc::startBufferThread() {
     fifo.allowWaits();
     bufferThreadRunning.store(1, std::memory_order_relaxed);
     holdDevNames();
-    if (createRtThread(&bufferThread, UafSrcBufferThread, this, LOG_TAG) != 0) {
+    if (createRtThread(&bufferThread, UafSrcBufferThread, this, kLogTag) != 0) {
         const int savedErrno = errno;
         bufferThreadRunning.store(0, std::memory_order_relaxed);
         releaseDevNames();
@@ -132,20 +132,20 @@ int UafSrc::openPcm() {
     snd_pcm_t* pcm = nullptr;
     int rc = name == nullptr ? -EINVAL : snd_pcm_open(&pcm, name, SND_PCM_STREAM_PLAYBACK, 0);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 204, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 204, "rc", rc);
     }
     pcmHandle = pcm;
-    rc = setHwParams(pcmHandle, PCM_BUFFER_FRAMES, PERIOD_FRAMES, PCM_CHANNELS, SAMPLE_RATE_HZ);
+    rc = setHwParams(pcmHandle, kPcmBufferFrames, kPeriodFrames, kPcmChannels, kSampleRateHz);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 206, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 206, "rc", rc);
     }
-    rc = setSwParams(pcmHandle, START_THRESHOLD_FRAMES, STOP_THRESHOLD_FRAMES, AVAIL_MIN_FRAMES);
+    rc = setSwParams(pcmHandle, kStartThresholdFrames, kStopThresholdFrames, kAvailMinFrames);
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 208, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 208, "rc", rc);
     }
-    rc = static_cast<int>(snd_pcm_writei(pcmHandle, silenceBuf.get(), PERIOD_FRAMES));
+    rc = static_cast<int>(snd_pcm_writei(pcmHandle, silenceBuf.get(), kPeriodFrames));
     if (rc < 0) {
-        return logStepError(LOG_TAG, "uafStart", 214, "rc", rc);
+        return logStepError(kLogTag, "uafStart", 214, "rc", rc);
     }
     return 0;
 }
@@ -180,7 +180,7 @@ void UafSrc::bufferLoop() {
     BufferRun run;
     while (!fifo.waitsEnded()) {
         if (bufferPass(run)) {
-            if (run.loopcnt % LOG_PASSES == 0) {
+            if (run.loopcnt % kLogPasses == 0) {
                 LOGD("buffer loopcnt %d, fifoRead %d\n", static_cast<int>(run.loopcnt),
                      static_cast<int>(run.fifoBytes));
             }
@@ -205,7 +205,7 @@ bool UafSrc::bufferPass(BufferRun& run) {
         return false;
     }
     run.fifoBytes += static_cast<unsigned>(bytes);
-    adjCh(fifoBuf.get(), FIFO_CHANNELS, PCM_CHANNELS, FIFO_BLOCK_FRAMES);
+    adjCh(fifoBuf.get(), kFifoChannels, kPcmChannels, kFifoBlockFrames);
     const FrameBuffer::Result written = frameBuffer.write(fifoBuf.get(), run.loopcnt);
     if (!written.ok()) {
         requestStop();  // under the lock, where `written` holds it
@@ -223,24 +223,24 @@ void UafSrc::endFailedBufferPass() {
     }
 }
 
-// One read of up to FIFO_BLOCK_BYTES into fifoBuf. A short read is not completed: the rest of the
+// One read of up to kFifoBlockBytes into fifoBuf. A short read is not completed: the rest of the
 // block keeps what the read before left there. Returns the bytes, 0 at end of file, or -1; nothing
 // is logged or closed when the stop has ended the wait.
 int UafSrc::fifoRead() {
     // The open waits until the app opens the FIFO for writing.
-    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_RDONLY, FIFO_BLOCK_BYTES, LOG_TAG)) {
+    if (!fifo.isOpen() && !fifo.openEnd(fifoName.load(), O_RDONLY, kFifoBlockBytes, kLogTag)) {
         return -1;
     }
     if (!fifo.isPipe()) {
         pauseForTimeout();  // what is in the FIFO's place may never make a read wait
     }
-    const int rc = static_cast<int>(fifo.read(fifoBuf.get(), FIFO_BLOCK_BYTES));
+    const int rc = static_cast<int>(fifo.read(fifoBuf.get(), kFifoBlockBytes));
     if (rc > 0 || fifo.wasLetOut()) {
         return rc;
     }
-    memset(fifoBuf.get(), 0, FIFO_BLOCK_BYTES);
+    memset(fifoBuf.get(), 0, kFifoBlockBytes);
     LOGD("closing %s, failed to read rc=%d, expect %d\n", DevName::printable(fifoName.load()), rc,
-         static_cast<int>(FIFO_BLOCK_BYTES));
+         static_cast<int>(kFifoBlockBytes));
     fifo.close();
     return rc;
 }
@@ -256,7 +256,7 @@ void UafSrc::uafLoop() {
             continue;
         }
         framesWritten += static_cast<unsigned>(frames);
-        if (loopcnt % LOG_PASSES == 0) {
+        if (loopcnt % kLogPasses == 0) {
             LOGD("loopcnt %d, pcmWrite %d\n", static_cast<int>(loopcnt),
                  static_cast<int>(framesWritten));
         }
@@ -280,9 +280,9 @@ int UafSrc::pcmWrite() {
         }
         availChkCnt = 0;
     }
-    const int ready = snd_pcm_wait(pcmHandle, WAIT_TIMEOUT_MS);
+    const int ready = snd_pcm_wait(pcmHandle, kWaitTimeoutMs);
     if (ready != 1) {
-        return stopIfFailed(missedWait(ready, LOG_TAG));
+        return stopIfFailed(missedWait(ready, kLogTag));
     }
     const FrameBuffer::Result taken = frameBuffer.read(pcmBuf.get());
     // A failure's stop is requested under the lock, where `taken` holds it.
@@ -316,13 +316,13 @@ int UafSrc::playFrame() {
 // One period from `buf`. Returns the frames written (a short write is not completed), the result of
 // an xrun's recovery (the period is lost), or -1 when the channel must stop.
 int UafSrc::sndWrite(const int16_t* buf) {
-    const int rc = static_cast<int>(snd_pcm_writei(pcmHandle, buf, PERIOD_FRAMES));
+    const int rc = static_cast<int>(snd_pcm_writei(pcmHandle, buf, kPeriodFrames));
     if (rc >= 0) {
         return rc;
     }
     if (rc == -EPIPE || rc == -ESTRPIPE) {
         availChkCnt = 0;
-        return recoverPcm(rc, LOG_TAG);
+        return recoverPcm(rc, kLogTag);
     }
     LOGE("stopping, unexpected write error(%s)\n", snd_strerror(rc));
     return -1;

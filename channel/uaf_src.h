@@ -15,7 +15,7 @@
 #include "channel/frame_buffer.h"
 #include "channel/uaf_ch.h"
 
-constexpr int SRC_RING_FRAMES = 720;  // of the gadget card's playback stream, 15 ms
+constexpr int kSourceRingFrames = 720;  // of the gadget card's playback stream, 15 ms
 
 class UafSrc : public UafCh {
   public:

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr char DRIVER_NAME[] = "Vexa_Gadget";
+constexpr char kDriverName[] = "Vexa_Gadget";
 
 // After each printed line: where standard output is a file or a pipe, stdio would keep the line
 // until it has a page of them, which may be never.
@@ -67,15 +67,15 @@ int drvCodecCardSearch(const char* driverName, int card) {
 }
 
 int uafBind(UafSrc* src, UafSnk* snk) {
-    const int card = drvCodecCardSearch(DRIVER_NAME, -1);
+    const int card = drvCodecCardSearch(kDriverName, -1);
     if (card < 0) {
         LOGE("Audio gadget driver is not ready.\n");
         return -1;
     }
     char pcmName[20];
     snprintf(pcmName, sizeof pcmName, "hw:%d", card);
-    src->setDevName(FIFO_TX_PATH, pcmName);
-    snk->setDevName(FIFO_RX_PATH, pcmName);
+    src->setDevName(kFifoTxPath, pcmName);
+    snk->setDevName(kFifoRxPath, pcmName);
     LOGD("UAC Vexa is enabled, using %s\n", pcmName);
     return card;
 }

@@ -12,10 +12,10 @@
 
 namespace {
 
-constexpr useconds_t FAILED_READ_PAUSE_US = 10000;
+constexpr useconds_t kFailedReadPauseUs = 10000;
 
 // No event: what the record holds before the first successful read.
-constexpr uint32_t INVALID_EVENT = 0xFFFFFFFF;
+constexpr uint32_t kInvalidEvent = 0xFFFFFFFF;
 
 // The driver's signed 16-bit volume; the upper half of the word is not part of it.
 int16_t volumeOf(uint32_t data) {
@@ -25,7 +25,7 @@ int16_t volumeOf(uint32_t data) {
 }  // namespace
 
 void EventLoop::run(int controlFd) {
-    UacUserMsgT record{INVALID_EVENT, 0};
+    UacUserMsgT record{kInvalidEvent, 0};
     for (;;) {
         // What the read returns is logged, and no record is refused because of it. A short read
         // leaves the rest of the record as it was, and after one that brings nothing the record
@@ -35,7 +35,7 @@ void EventLoop::run(int controlFd) {
         const ssize_t size = read(controlFd, &record, sizeof record);
         handle(record, static_cast<int>(size));
         if (size <= 0) {
-            usleep(FAILED_READ_PAUSE_US);  // a device that has gone away fails every read at once
+            usleep(kFailedReadPauseUs);  // a device that has gone away fails every read at once
         }
     }
 }

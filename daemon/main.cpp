@@ -21,7 +21,7 @@ int main() {
     CableMon cableMon;
     UafIpc ipc;
 
-    LOGD("use %s and %s\n", FIFO_RX_PATH, FIFO_TX_PATH);
+    LOGD("use %s and %s\n", kFifoRxPath, kFifoTxPath);
     waitForFifos();
     const int controlFd = openGadgetControl();
     if (controlFd < 0) {

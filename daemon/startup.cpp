@@ -15,9 +15,9 @@
 
 namespace {
 
-constexpr char NULL_DEVICE_PATH[] = "/dev/null";
-constexpr useconds_t RETRY_PAUSE_US = 200000;
-constexpr unsigned long LOG_FAILURES = 1500;  // from one line to the next: about five minutes
+constexpr char kNullDevicePath[] = "/dev/null";
+constexpr useconds_t kRetryPauseUs = 200000;
+constexpr unsigned long kLogFailures = 1500;  // from one line to the next: about five minutes
 
 // Returns the open descriptor; `failures` counts the attempts that did not open.
 int waitForFifo(const char* path, int flags, unsigned long* failures) {
@@ -26,16 +26,16 @@ int waitForFifo(const char* path, int flags, unsigned long* failures) {
         if (fd >= 0) {
             return fd;
         }
-        if (*failures % LOG_FAILURES == 0) {
+        if (*failures % kLogFailures == 0) {
             LOGD("%s is not available yet. Waiting for creation...", path);
         }
-        usleep(RETRY_PAUSE_US);
+        usleep(kRetryPauseUs);
     }
 }
 
 bool createNode() {
-    const int rc = mknod(UAC_USER_PATH, S_IFCHR | UAC_USER_PERMISSIONS,
-                         makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
+    const int rc =
+        mknod(kUacUserPath, S_IFCHR | kUacUserPermissions, makedev(kUacUserMajor, kUacUserMinor));
     const int savedErrno = errno;
     if (rc < 0 && savedErrno != EEXIST) {
         LOGE("mknod failed, rc=%d, errno=%d\n", rc, savedErrno);
@@ -51,7 +51,7 @@ void occupyStandardStreams() {
         if (fcntl(fd, F_GETFD) < 0) {
             // Takes this number, the lowest that is free. Where there is no /dev/null, the daemon
             // starts with what it was given.
-            open(NULL_DEVICE_PATH, O_RDWR);
+            open(kNullDevicePath, O_RDWR);
         }
     }
 }
@@ -59,10 +59,10 @@ void occupyStandardStreams() {
 void waitForFifos() {
     unsigned long rxFailures;
     unsigned long txFailures;
-    const int rxFd = waitForFifo(FIFO_RX_PATH, O_WRONLY, &rxFailures);
-    const int txFd = waitForFifo(FIFO_TX_PATH, O_RDONLY, &txFailures);
-    LOGD("Fifos observed for %s after %lu attempts, %s after %lu attempts", FIFO_RX_PATH,
-         rxFailures, FIFO_TX_PATH, txFailures);
+    const int rxFd = waitForFifo(kFifoRxPath, O_WRONLY, &rxFailures);
+    const int txFd = waitForFifo(kFifoTxPath, O_RDONLY, &txFailures);
+    LOGD("Fifos observed for %s after %lu attempts, %s after %lu attempts", kFifoRxPath, rxFailures,
+         kFifoTxPath, txFailures);
     close(rxFd);
     close(txFd);
 }
@@ -71,10 +71,10 @@ int openGadgetControl() {
     if (!createNode()) {
         return -1;
     }
-    const int fd = open(UAC_USER_PATH, O_RDONLY);
+    const int fd = open(kUacUserPath, O_RDONLY);
     if (fd < 0) {
         const int savedErrno = errno;
-        LOGE("open %s failed, rc=%d, errno=%d\n", UAC_USER_PATH, fd, savedErrno);
+        LOGE("open %s failed, rc=%d, errno=%d\n", kUacUserPath, fd, savedErrno);
     }
     return fd;
 }

@@ -9,10 +9,10 @@
 #include <sys/ioctl.h>
 
 // Device node, created by the daemon itself with permissions 0770 less the umask.
-constexpr char UAC_USER_PATH[] = "/dev/uac_user";
-constexpr unsigned UAC_USER_MAJOR = 122;
-constexpr unsigned UAC_USER_MINOR = 0;
-constexpr unsigned UAC_USER_PERMISSIONS = 0770;
+constexpr char kUacUserPath[] = "/dev/uac_user";
+constexpr unsigned kUacUserMajor = 122;
+constexpr unsigned kUacUserMinor = 0;
+constexpr unsigned kUacUserPermissions = 0770;
 
 // One event record; host byte order, one record per read.
 struct UacUserMsgT {

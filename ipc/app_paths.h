@@ -5,9 +5,9 @@
 #pragma once
 
 // Interleaved stereo, signed 16-bit, 48 kHz.
-constexpr char FIFO_RX_PATH[] = "/tmp/usbAudioFifoRx";  // the sink writes it
-constexpr char FIFO_TX_PATH[] = "/tmp/usbAudioFifoTx";  // the source reads it
+constexpr char kFifoRxPath[] = "/tmp/usbAudioFifoRx";  // the sink writes it
+constexpr char kFifoTxPath[] = "/tmp/usbAudioFifoTx";  // the source reads it
 
 // One UsbAudioMsgT a datagram.
-constexpr char IPC_RX_PATH[] = "/tmp/usbAudioUdsIpcRx";  // the app's socket
-constexpr char IPC_TX_PATH[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's socket
+constexpr char kIpcRxPath[] = "/tmp/usbAudioUdsIpcRx";  // the app's socket
+constexpr char kIpcTxPath[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's socket

@@ -88,7 +88,7 @@ void MsgQueue::unlock() {
 }
 
 void MsgQueue::appendOrOverwrite(const UsbAudioMsgT& msg) {
-    const bool queued = msgQueueLen < UAF_IPC_QUEUE_MAX ? append(msg) : overwriteNewest(msg);
+    const bool queued = msgQueueLen < kIpcQueueMax ? append(msg) : overwriteNewest(msg);
     if (!queued) {
         return;
     }

@@ -10,7 +10,7 @@
 
 #include "ipc/usb_audio_msg.h"
 
-constexpr uint32_t UAF_IPC_QUEUE_MAX = 100;  // pending messages kept for an absent app
+constexpr uint32_t kIpcQueueMax = 100;  // pending messages kept for an absent app
 
 // One pending message.
 struct UafIpcQueueEntry {
@@ -22,7 +22,7 @@ static_assert(offsetof(UafIpcQueueEntry, next) == 0, "MsgQueue::tail is also the
 
 class MsgQueue {
   public:
-    // Appends a copy; with UAF_IPC_QUEUE_MAX messages pending the newest of them gives way. A state
+    // Appends a copy; with kIpcQueueMax messages pending the newest of them gives way. A state
     // message also updates the state that a sync-up reply gives. A loss is logged, not reported.
     void queueMsg(const UsbAudioMsgT& msg);
 

@@ -79,7 +79,7 @@ bool UafIpc::openSockets() {
         LOGE("socket failed: <%d:%d>\n", txSock, savedErrno);
         return false;
     }
-    fillAddress(txAddr, IPC_RX_PATH);
+    fillAddress(txAddr, kIpcRxPath);
 
     rxSock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (rxSock < 0) {
@@ -88,9 +88,9 @@ bool UafIpc::openSockets() {
         LOGE("socket failed: <%d:%d>", rxSock, savedErrno);
         return false;
     }
-    fillAddress(rxAddr, IPC_TX_PATH);
+    fillAddress(rxAddr, kIpcTxPath);
 
-    if (!removeStalePath(IPC_TX_PATH)) {
+    if (!removeStalePath(kIpcTxPath)) {
         return false;
     }
     if (bind(rxSock, reinterpret_cast<const sockaddr*>(&rxAddr), sizeof rxAddr) != 0) {
@@ -160,10 +160,10 @@ void* UafIpc::UafIpcRxThread(void* instance) {
 void UafIpc::rxLoop() {
     LOGD("rxLoop: starting\n");
     // This thread's own descriptor, never closed.
-    const int gadgetFd = open(UAC_USER_PATH, O_WRONLY);
+    const int gadgetFd = open(kUacUserPath, O_WRONLY);
     if (gadgetFd < 0) {
         const int savedErrno = errno;
-        LOGE("rxLoop: opening %s failed: <%d:%d>\n", UAC_USER_PATH, gadgetFd, savedErrno);
+        LOGE("rxLoop: opening %s failed: <%d:%d>\n", kUacUserPath, gadgetFd, savedErrno);
         return;
     }
     while (running.load(std::memory_order_relaxed) != 0) {

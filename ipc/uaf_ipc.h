@@ -15,8 +15,8 @@
 #include "ipc/msg_queue.h"
 #include "ipc/usb_audio_msg.h"
 
-constexpr int UAF_IPC_SEND_RETRIES_MAX = 20;    // per message, then it is dropped
-constexpr long UAF_IPC_SEND_RETRY_PAUSE_S = 5;  // while the app's socket does not exist
+constexpr int kIpcSendRetriesMax = 20;   // per message, then it is dropped
+constexpr long kIpcSendRetryPauseS = 5;  // while the app's socket does not exist
 
 class UafIpc {
   public:

@@ -14,7 +14,7 @@ MsgQueue UafIpc::msgQueue;
 namespace {
 
 void pauseBeforeRetry() {
-    timespec left = {UAF_IPC_SEND_RETRY_PAUSE_S, 0};
+    timespec left = {kIpcSendRetryPauseS, 0};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }
@@ -41,7 +41,7 @@ void UafIpc::sendMsg(const UsbAudioMsgT& msg) {
     size_t remaining = sizeof msg;
     int attempts = 0;  // all sends
     int retries = 0;   // those without result, and those that found no socket
-    while (remaining > 0 && retries < UAF_IPC_SEND_RETRIES_MAX) {
+    while (remaining > 0 && retries < kIpcSendRetriesMax) {
         const ssize_t rc = sendto(txSock, cursor, remaining, 0,
                                   reinterpret_cast<const sockaddr*>(&txAddr), sizeof txAddr);
         const int savedErrno = errno;

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr int FORMAT_ASCII = 0;
+constexpr int kFormatAscii = 0;
 
 // What follows the prefix, or null when the text does not begin with it.
 const char* afterPrefix(const char* text, const char* prefix) {
@@ -35,7 +35,7 @@ NetlinkEvent::~NetlinkEvent() = default;
 
 bool NetlinkEvent::decode(char* buffer, int size, int format) {
     clear();
-    if (buffer == nullptr || size <= 0 || format != FORMAT_ASCII) {
+    if (buffer == nullptr || size <= 0 || format != kFormatAscii) {
         return false;
     }
     const size_t length = static_cast<size_t>(size);

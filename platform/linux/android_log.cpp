@@ -14,11 +14,11 @@
 
 namespace {
 
-constexpr size_t TEXT_BYTES = 1024;  // as on Android, terminator included
-constexpr size_t LINE_BYTES = 4096;  // what a pipe that polls writable takes at once (PIPE_BUF)
-constexpr char PRIORITIES[] = "??VDIWEFS";  // logcat's letter for each android_LogPriority
+constexpr size_t kTextBytes = 1024;  // as on Android, terminator included
+constexpr size_t kLineBytes = 4096;  // what a pipe that polls writable takes at once (PIPE_BUF)
+constexpr char kPriorities[] = "??VDIWEFS";  // logcat's letter for each android_LogPriority
 
-constexpr int64_t SECONDS_PER_DAY = 86400;
+constexpr int64_t kSecondsPerDay = 86400;
 
 // One writer at a time: the room that poll() saw is still there at the write(). It is locked only
 // with SIGPIPE blocked, so that the SIGPIPE handler may log too.
@@ -33,8 +33,8 @@ struct CivilTime {
 CivilTime toCivil(const timespec& now) {
     constexpr int64_t daysPerEra = 146097;   // 400 years
     constexpr int64_t daysToEpoch = 719468;  // 0000-03-01 to 1970-01-01
-    const int64_t seconds = now.tv_sec % SECONDS_PER_DAY;
-    const int64_t dayOfEra = (now.tv_sec / SECONDS_PER_DAY + daysToEpoch) % daysPerEra;
+    const int64_t seconds = now.tv_sec % kSecondsPerDay;
+    const int64_t dayOfEra = (now.tv_sec / kSecondsPerDay + daysToEpoch) % daysPerEra;
     const int64_t yearOfEra =
         (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / (daysPerEra - 1)) / 365;
     const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
@@ -47,7 +47,7 @@ CivilTime toCivil(const timespec& now) {
 }
 
 char priorityLetter(int prio) {
-    return prio >= 0 && prio <= ANDROID_LOG_SILENT ? PRIORITIES[prio] : '?';
+    return prio >= 0 && prio <= ANDROID_LOG_SILENT ? kPriorities[prio] : '?';
 }
 
 bool isLineEnd(char c) {
@@ -69,7 +69,7 @@ void flatten(char* text) {
 }
 
 // The whole line, its end included; returns its length.
-size_t formatLine(char (&line)[LINE_BYTES], int prio, const char* tag, const char* text) {
+size_t formatLine(char (&line)[kLineBytes], int prio, const char* tag, const char* text) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const CivilTime t = toCivil(now);
@@ -123,7 +123,7 @@ int writeLine(const char* line, size_t length) {
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     const int savedErrno = errno;
-    char text[TEXT_BYTES];
+    char text[kTextBytes];
     va_list arguments;
     va_start(arguments, fmt);
     if (vsnprintf(text, sizeof text, fmt, arguments) < 0) {
@@ -132,7 +132,7 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_end(arguments);
     flatten(text);
 
-    char line[LINE_BYTES];
+    char line[kLineBytes];
     const size_t length = formatLine(line, prio, tag != nullptr ? tag : "", text);
     const int result = writeLine(line, length);
     errno = savedErrno;

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr char PROPERTIES_DIR[] = "/run/properties";
-constexpr size_t VALUE_LENGTH_MAX = PROP_VALUE_MAX - 1;
+constexpr char kPropertiesDir[] = "/run/properties";
+constexpr size_t kValueLengthMax = PROP_VALUE_MAX - 1;
 
 // A name must stay within the folder.
 bool isPropertyName(const char* name) {
@@ -22,8 +22,8 @@ bool isPropertyName(const char* name) {
 // Reads until the value is full or the file ends; returns the number of characters.
 size_t readValue(int fd, char* value) {
     size_t length = 0;
-    while (length < VALUE_LENGTH_MAX) {
-        const ssize_t got = read(fd, value + length, VALUE_LENGTH_MAX - length);
+    while (length < kValueLengthMax) {
+        const ssize_t got = read(fd, value + length, kValueLengthMax - length);
         if (got == 0 || (got < 0 && errno != EINTR)) {
             break;
         }
@@ -41,8 +41,8 @@ int __system_property_get(const char* name, char* value) {
     if (!isPropertyName(name)) {
         return 0;
     }
-    char path[sizeof PROPERTIES_DIR + 1 + NAME_MAX];
-    snprintf(path, sizeof path, "%s/%s", PROPERTIES_DIR, name);
+    char path[sizeof kPropertiesDir + 1 + NAME_MAX];
+    snprintf(path, sizeof path, "%s/%s", kPropertiesDir, name);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return 0;

@@ -21,8 +21,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr int64_t NS_PER_SECOND = 1000000000;
-constexpr int64_t NS_PER_MS = 1000000;
+constexpr int64_t kNsPerSecond = 1000000000;
+constexpr int64_t kNsPerMs = 1000000;
 
 std::string contents(const std::string& path) {
     std::ifstream file(path);
@@ -43,11 +43,11 @@ int run(const char* command) {
 int64_t nowNs(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
-    return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
+    return now.tv_sec * kNsPerSecond + now.tv_nsec;
 }
 
 void sleepNs(int64_t ns) {
-    const timespec time{ns / NS_PER_SECOND, ns % NS_PER_SECOND};
+    const timespec time{ns / kNsPerSecond, ns % kNsPerSecond};
     while (clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr) == EINTR) {
     }
 }
@@ -84,11 +84,11 @@ class MicCapture {
     const pid_t pid_;
 };
 
-constexpr char MIC_STATUS[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
 
 // The stream's time stamp, or -1 when the status file has none.
 int64_t micTstampNs() {
-    const std::string status = contents(MIC_STATUS);
+    const std::string status = contents(kMicStatus);
     const size_t at = status.find("\ntstamp");
     long seconds = 0;
     long ns = 0;
@@ -96,7 +96,7 @@ int64_t micTstampNs() {
         sscanf(status.c_str() + at, "\ntstamp      : %ld.%ld", &seconds, &ns) != 2) {
         return -1;
     }
-    return seconds * NS_PER_SECOND + ns;
+    return seconds * kNsPerSecond + ns;
 }
 
 TEST(Board, RunsAnArm64KernelOnTwoProcessors) {
@@ -108,17 +108,17 @@ TEST(Board, RunsAnArm64KernelOnTwoProcessors) {
 }
 
 TEST(Board, StartsItsCalendarInTheYear2026) {
-    const int64_t newYearNs = int64_t{1767225600} * NS_PER_SECOND;
+    const int64_t newYearNs = int64_t{1767225600} * kNsPerSecond;
     EXPECT_GE(nowNs(CLOCK_REALTIME), newYearNs);
-    EXPECT_LT(nowNs(CLOCK_REALTIME), newYearNs + 3600 * NS_PER_SECOND);
+    EXPECT_LT(nowNs(CLOCK_REALTIME), newYearNs + 3600 * kNsPerSecond);
 }
 
 TEST(Board, SkipsTheTimeThatItSleeps) {
-    const int64_t sleep = 600 * NS_PER_SECOND;
+    const int64_t sleep = 600 * kNsPerSecond;
     const int64_t before = nowNs(CLOCK_MONOTONIC);
     sleepNs(sleep);
     EXPECT_GE(nowNs(CLOCK_MONOTONIC) - before, sleep);
-    EXPECT_LT(nowNs(CLOCK_MONOTONIC) - before, sleep + 10 * NS_PER_MS);
+    EXPECT_LT(nowNs(CLOCK_MONOTONIC) - before, sleep + 10 * kNsPerMs);
 }
 
 TEST(Board, HasItsOwnCardFirstAndTheGadgetCardSecond) {
@@ -177,15 +177,15 @@ TEST(Setprop, ReenumeratesTheGadgetForTheUsbConfiguration) {
 }
 
 TEST(MicCapture, ShowsARunningStreamWithARealTimeStampThatMoves) {
-    EXPECT_EQ(contents(MIC_STATUS), "closed\n");
+    EXPECT_EQ(contents(kMicStatus), "closed\n");
     MicCapture capture;
-    sleepNs(100 * NS_PER_MS);
-    EXPECT_THAT(contents(MIC_STATUS), StartsWith("state: RUNNING\n"));
+    sleepNs(100 * kNsPerMs);
+    EXPECT_THAT(contents(kMicStatus), StartsWith("state: RUNNING\n"));
     const int64_t first = micTstampNs();
-    EXPECT_LT(std::abs(nowNs(CLOCK_REALTIME) - first), 20 * NS_PER_MS);
-    sleepNs(NS_PER_SECOND);
-    EXPECT_NEAR(static_cast<double>(micTstampNs() - first), static_cast<double>(NS_PER_SECOND),
-                static_cast<double>(20 * NS_PER_MS));
+    EXPECT_LT(std::abs(nowNs(CLOCK_REALTIME) - first), 20 * kNsPerMs);
+    sleepNs(kNsPerSecond);
+    EXPECT_NEAR(static_cast<double>(micTstampNs() - first), static_cast<double>(kNsPerSecond),
+                static_cast<double>(20 * kNsPerMs));
 }
 
 }  // namespace

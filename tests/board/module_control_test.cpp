@@ -48,7 +48,7 @@ using Record = std::pair<uint32_t, uint32_t>;
 class Control {
   public:
     explicit Control(int flags = O_RDONLY | O_NONBLOCK) {
-        mknod(kNode, S_IFCHR | 0600, makedev(UAC_USER_MAJOR, UAC_USER_MINOR));
+        mknod(kNode, S_IFCHR | 0600, makedev(kUacUserMajor, kUacUserMinor));
         fd_ = open(kNode, flags | O_CLOEXEC);
     }
     ~Control() { close(fd_); }

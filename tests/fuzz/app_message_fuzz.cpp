@@ -17,20 +17,20 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/ipc_service.h"
 
-const int fuzz::MAX_INPUT_BYTES = 48;
+const int fuzz::kMaxInputBytes = 48;
 
 namespace {
 
-using fake_log::UAFIPC;
+using fake_log::kIpcLog;
 using fuzz::require;
 using Message = IpcService::Message;
 
-constexpr int GADGET_FD = 77;
-constexpr unsigned long SET_SPK_VOLUME = 0x4002F501;
-constexpr unsigned long SET_SPK_MUTE = 0x4004F502;
-constexpr size_t QUEUE_MAX = 100;
-constexpr int RETRIES_MAX = 20;
-constexpr int PAUSE_S = 5;
+constexpr int kGadgetFd = 77;
+constexpr unsigned long kSetSpkVolume = 0x4002F501;
+constexpr unsigned long kSetSpkMute = 0x4004F502;
+constexpr size_t kQueueMax = 100;
+constexpr int kRetriesMax = 20;
+constexpr int kPauseS = 5;
 
 // Started once: every run gives it a new queue.
 IpcService& service() {
@@ -59,7 +59,7 @@ class ServiceRun {
     explicit ServiceRun(fuzz::Input& input) : input(input) {
         IpcService::renewQueue();
         fake_sys::Hooks& hooks = fake_sys::hooks();
-        hooks.open = [](const char*, int) { return GADGET_FD; };
+        hooks.open = [](const char*, int) { return kGadgetFd; };
         hooks.recvfrom = [this](int, void* buf, size_t room, int, sockaddr*, socklen_t*) {
             return receive(static_cast<char*>(buf), room);
         };
@@ -76,7 +76,7 @@ class ServiceRun {
     // The receive thread ends on most errors; it is run again as long as there is input.
     void run() {
         while (!input.empty()) {
-            expected.push_back(UAFIPC.debug("rxLoop: starting\n"));
+            expected.push_back(kIpcLog.debug("rxLoop: starting\n"));
             service().runRx();
             require(pendingRequests.empty(), "every request is made");
         }
@@ -119,7 +119,8 @@ class ServiceRun {
     ssize_t fail(int error) {
         errno = error;
         if (error != EAGAIN) {
-            expected.push_back(UAFIPC.error("receive error: <-1:" + std::to_string(error) + ">\n"));
+            expected.push_back(
+                kIpcLog.error("receive error: <-1:" + std::to_string(error) + ">\n"));
         }
         return -1;
     }
@@ -129,9 +130,9 @@ class ServiceRun {
         memcpy(buf, datagram.data(), n);
         errno = fuzz::errorOf(static_cast<uint8_t>(datagram.size()));
         if (n == 0 && errno != EAGAIN) {
-            expected.push_back(UAFIPC.error("receive error: <0:" + std::to_string(errno) + ">\n"));
+            expected.push_back(kIpcLog.error("receive error: <0:" + std::to_string(errno) + ">\n"));
         } else if (n > 0 && n < 8) {
-            expected.push_back(UAFIPC.error("unexpected msg size: " + std::to_string(n) + "\n"));
+            expected.push_back(kIpcLog.error("unexpected msg size: " + std::to_string(n) + "\n"));
         } else if (n == 8) {
             Message message;
             memcpy(&message.first, buf, 4);
@@ -145,24 +146,24 @@ class ServiceRun {
         const uint32_t data = message.second;
         switch (message.first) {
             case 3:
-                expected.push_back(UAFIPC.debug(
+                expected.push_back(kIpcLog.debug(
                     "got speaker volume msg: volume=" +
                     std::to_string(static_cast<int>(static_cast<int16_t>(data & 0xFFFF)))));
-                expectRequest(SET_SPK_VOLUME, data);
+                expectRequest(kSetSpkVolume, data);
                 break;
             case 5:
                 expected.push_back(
-                    UAFIPC.debug("got speaker volume mute msg: mute=" + std::to_string(data)));
-                expectRequest(SET_SPK_MUTE, data);
+                    kIpcLog.debug("got speaker volume mute msg: mute=" + std::to_string(data)));
+                expectRequest(kSetSpkMute, data);
                 break;
             case 7:
-                expected.push_back(UAFIPC.debug("app request init state sync up"));
+                expected.push_back(kIpcLog.debug("app request init state sync up"));
                 expectSync();
                 break;
             default:
                 expected.push_back(
-                    UAFIPC.error("got unknown msg: type=" + std::to_string(message.first) +
-                                 ", msg: " + hex(data)));
+                    kIpcLog.error("got unknown msg: type=" + std::to_string(message.first) +
+                                  ", msg: " + hex(data)));
         }
     }
 
@@ -180,7 +181,7 @@ class ServiceRun {
     void expectRequest(unsigned long code, uint32_t data) {
         pendingRequests.emplace_back(code, data);
         if (data % 3 == 1) {
-            expected.push_back(UAFIPC.error("rxLoop: ioctl failed: <-1:25>\n"));
+            expected.push_back(kIpcLog.error("rxLoop: ioctl failed: <-1:25>\n"));
         }
     }
 
@@ -213,22 +214,22 @@ class ServiceRun {
     }
 
     void append(const Message& message) {
-        if (waiting.size() < QUEUE_MAX) {
+        if (waiting.size() < kQueueMax) {
             waiting.push_back(message);
             return;
         }
-        expected.push_back(UAFIPC.error("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
-                                        " -> " + pairOf(message) + "\n"));
+        expected.push_back(kIpcLog.error("queueMsg: overwriting msg: " + pairOf(waiting.back()) +
+                                         " -> " + pairOf(message) + "\n"));
         waiting.back() = message;
     }
 
     // Runs the transmit thread until nothing waits for the app.
     void drain() {
-        expected.push_back(UAFIPC.debug("txLoop: starting\n"));
+        expected.push_back(kIpcLog.debug("txLoop: starting\n"));
         service().runTx();
         require(waiting.empty(), "every message is sent or dropped");
         require(sent == 0 && retries == 0 && attempts == 0, "no message is left half-way");
-        expected.push_back(UAFIPC.error("txLoop: conditional wait failed: 22\n"));
+        expected.push_back(kIpcLog.error("txLoop: conditional wait failed: 22\n"));
     }
 
     // One attempt on the oldest message: what the app's socket makes of it.
@@ -256,9 +257,9 @@ class ServiceRun {
 
     ssize_t retry(int error) {
         retries++;
-        pauseLeftS = error == ENOENT ? PAUSE_S : 0;
+        pauseLeftS = error == ENOENT ? kPauseS : 0;
         errno = error;
-        if (retries == RETRIES_MAX) {
+        if (retries == kRetriesMax) {
             finish();
         }
         return error == ENOENT ? -1 : 0;
@@ -266,10 +267,10 @@ class ServiceRun {
 
     ssize_t drop(int error) {
         const Message message = waiting.front();
-        expected.push_back(UAFIPC.error("sendMsg failed: error: <-1:" + std::to_string(error) +
-                                        ">; bytes: " + std::to_string(sent) + "; attempts: <" +
-                                        std::to_string(attempts) + ":" + std::to_string(retries) +
-                                        ">; data: " + pairOf(message) + "\n"));
+        expected.push_back(kIpcLog.error("sendMsg failed: error: <-1:" + std::to_string(error) +
+                                         ">; bytes: " + std::to_string(sent) + "; attempts: <" +
+                                         std::to_string(attempts) + ":" + std::to_string(retries) +
+                                         ">; data: " + pairOf(message) + "\n"));
         finish();
         errno = error;
         return -1;

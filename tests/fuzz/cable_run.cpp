@@ -9,12 +9,12 @@
 
 namespace fuzz {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 
 namespace {
 
-constexpr int NETLINK_FD = 903;
-constexpr int PROPERTY_FD = 1000;
+constexpr int kNetlinkFd = 903;
+constexpr int kPropertyFd = 1000;
 
 // Started once: the queue of messages belongs to the process.
 IpcService& service() {
@@ -30,16 +30,16 @@ IpcService& service() {
 
 }  // namespace
 
-const char CABLE_USB_FILE[] = "/sys/devices/virtual/android_usb/android0/state";
-const char CABLE_PLUG_FILE[] =
+const char kCableUsbFile[] = "/sys/devices/virtual/android_usb/android0/state";
+const char kCablePlugFile[] =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
 
 fake_log::Line cableReceiveError(bool watched, int error) {
     const std::string text =
         "recvmsg error: <-1:" + std::to_string(error) + ":" + strerror(error) + ">";
-    return watched ? UAFCBM.debug(text + " - likely a timeout for RK-based SoC\n")
-                   : UAFCBM.error(text + "\n");
+    return watched ? kCableLog.debug(text + " - likely a timeout for RK-based SoC\n")
+                   : kCableLog.error(text + "\n");
 }
 
 CableRun::CableRun() {
@@ -53,11 +53,11 @@ CableRun::CableRun() {
             return -1;
         }
         openProperties.push_back(found->second);
-        return PROPERTY_FD + static_cast<int>(openProperties.size()) - 1;
+        return kPropertyFd + static_cast<int>(openProperties.size()) - 1;
     };
     hooks.read = [this](int fd, void* data, size_t room) { return readProperty(fd, data, room); };
     hooks.close = [](int) { return 0; };
-    hooks.socket = [](int, int, int) { return NETLINK_FD; };
+    hooks.socket = [](int, int, int) { return kNetlinkFd; };
     hooks.bind = [](int, const sockaddr*, socklen_t) { return 0; };
     hooks.setsockopt = [this](int, int, int, const void*, socklen_t) {
         watched = true;
@@ -71,7 +71,7 @@ CableRun::CableRun() {
 }
 
 ssize_t CableRun::readProperty(int fd, void* data, size_t room) {
-    std::string& rest = openProperties.at(static_cast<size_t>(fd - PROPERTY_FD));
+    std::string& rest = openProperties.at(static_cast<size_t>(fd - kPropertyFd));
     const size_t n = rest.copy(static_cast<char*>(data), room);
     rest.erase(0, n);
     return static_cast<ssize_t>(n);

@@ -21,8 +21,8 @@ namespace fuzz {
 // The line of a failed receive, which on the board with the watched controller is a tick.
 fake_log::Line cableReceiveError(bool watched, int error);
 
-extern const char CABLE_USB_FILE[];
-extern const char CABLE_PLUG_FILE[];
+extern const char kCableUsbFile[];
+extern const char kCablePlugFile[];
 
 class CableRun {
   public:
@@ -48,7 +48,7 @@ class CableRun {
     Faked faked;
     EndlessLoop loop;
     std::vector<std::string>
-        openProperties;  // the rest of each; descriptors count from PROPERTY_FD
+        openProperties;  // the rest of each; descriptors count from kPropertyFd
     FakeThreads threads;
 };
 

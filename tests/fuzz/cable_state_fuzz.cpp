@@ -9,28 +9,28 @@
 
 #include "tests/fuzz/cable_run.h"
 
-const int fuzz::MAX_INPUT_BYTES = 32;
+const int fuzz::kMaxInputBytes = 32;
 
 namespace {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using fuzz::require;
 
-constexpr size_t LINE_CHARACTERS = 31;  // that are read of a state file
+constexpr size_t kLineCharacters = 31;  // that are read of a state file
 
-const std::string WORDS[] = {"CONFIGURED\n",
-                             "DISCONNECTED\n",
-                             "CONNECTED\n",
-                             "CONFIGURED",
-                             "DISCONNECTED",
-                             "1\n",
-                             "0\n",
-                             "1",
-                             std::string(40, 'x'),
-                             std::string(1, '\0'),
-                             "\n",
-                             "CONF",
-                             "DISC"};
+const std::string kWords[] = {"CONFIGURED\n",
+                              "DISCONNECTED\n",
+                              "CONNECTED\n",
+                              "CONFIGURED",
+                              "DISCONNECTED",
+                              "1\n",
+                              "0\n",
+                              "1",
+                              std::string(40, 'x'),
+                              std::string(1, '\0'),
+                              "\n",
+                              "CONF",
+                              "DISC"};
 
 bool beginsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
@@ -39,7 +39,7 @@ bool beginsWith(const std::string& text, const std::string& prefix) {
 // What of a file counts: its first line, as far as it is read, up to a terminator within it.
 std::string lineOf(const std::string& text) {
     const std::string line = text.substr(0, std::min(text.find('\n') + 1, text.size()));
-    return std::string((line.empty() ? text : line).substr(0, LINE_CHARACTERS).c_str());
+    return std::string((line.empty() ? text : line).substr(0, kLineCharacters).c_str());
 }
 
 class StateRun {
@@ -50,9 +50,9 @@ class StateRun {
     }
 
     void run() {
-        const File usb = put(fuzz::CABLE_USB_FILE);
+        const File usb = put(fuzz::kCableUsbFile);
         expectStart(usb);
-        expected.push_back(UAFCBM.debug("enter loop\n"));
+        expected.push_back(kCableLog.debug("enter loop\n"));
         cable.run([this](msghdr&) { return tick(); });
         fuzz::requireLog(expected);
         require(cable.files.openNow == 0, "every file is closed");
@@ -77,7 +77,7 @@ class StateRun {
         File file;
         for (int i = how & 7; i > 0; i--) {
             const uint8_t c = input.byte();
-            file.text += c < std::size(WORDS) ? WORDS[c] : std::string(1, static_cast<char>(c));
+            file.text += c < std::size(kWords) ? kWords[c] : std::string(1, static_cast<char>(c));
         }
         if (how >= 232) {
             file.openError = fuzz::errorOf(how);
@@ -92,33 +92,33 @@ class StateRun {
     }
 
     void expectStart(const File& usb) {
-        const std::string path = fuzz::CABLE_USB_FILE;
+        const std::string path = fuzz::kCableUsbFile;
         if (usb.openError != 0) {
-            expected.push_back(UAFCBM.error("opening " + path + " failed: <" +
-                                            std::to_string(usb.openError) + ":" +
-                                            strerror(usb.openError) + ">\n"));
+            expected.push_back(kCableLog.error("opening " + path + " failed: <" +
+                                               std::to_string(usb.openError) + ":" +
+                                               strerror(usb.openError) + ">\n"));
         } else if (!usb.hasLine() || (usb.readError != 0 && !isWhole(usb.text))) {
             const bool broken = usb.readError != 0;
-            expected.push_back(UAFCBM.error("reading " + path +
-                                            " failed: feof=" + (broken ? "0" : "1") +
-                                            ", ferror=" + (broken ? "1" : "0") + "\n"));
+            expected.push_back(kCableLog.error("reading " + path +
+                                               " failed: feof=" + (broken ? "0" : "1") +
+                                               ", ferror=" + (broken ? "1" : "0") + "\n"));
         } else {
-            expected.push_back(UAFCBM.debug("Initial USB state is " + lineOf(usb.text) + "\n"));
+            expected.push_back(kCableLog.debug("Initial USB state is " + lineOf(usb.text) + "\n"));
             told = beginsWith(lineOf(usb.text), "CONFIGURED");
         }
     }
 
     // A line that a failing read cannot take back: it ends, or fills the buffer, before that.
     static bool isWhole(const std::string& text) {
-        return text.find('\n') < LINE_CHARACTERS || text.size() >= LINE_CHARACTERS;
+        return text.find('\n') < kLineCharacters || text.size() >= kLineCharacters;
     }
 
     ssize_t tick() {
         if (input.empty()) {
             cable.end();
         }
-        const File usb = put(fuzz::CABLE_USB_FILE);
-        const File plug = put(fuzz::CABLE_PLUG_FILE);
+        const File usb = put(fuzz::kCableUsbFile);
+        const File plug = put(fuzz::kCablePlugFile);
         expected.push_back(fuzz::cableReceiveError(true, EAGAIN));
         if (isRead(usb) && isRead(plug)) {
             classify(lineOf(usb.text), lineOf(plug.text));
@@ -138,10 +138,10 @@ class StateRun {
         if (seenStuck == 3) {
             seenStuck = 0;
             restarts++;
-            expected.push_back(
-                UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
-                             "Restart UDC with property: uac2,adb"));
-            expected.push_back(UAFCBM.debug("Issue: setprop sys.usb.config uac2,adb\n\n"));
+            expected.push_back(kCableLog.debug(
+                "Cable plugged without android_usb subsystem acknowledging the plug. "
+                "Restart UDC with property: uac2,adb"));
+            expected.push_back(kCableLog.debug("Issue: setprop sys.usb.config uac2,adb\n\n"));
         }
     }
 

@@ -14,49 +14,49 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_files.h"
 
-const int fuzz::MAX_INPUT_BYTES = 48;
+const int fuzz::kMaxInputBytes = 48;
 
 namespace {
 
-using fake_log::UAFSNK;
+using fake_log::kSinkLog;
 using fuzz::require;
 
-constexpr size_t LINE_CHARACTERS = 79;
-constexpr int LINES_MAX = 11;
-constexpr int TRIES = 600;
-const std::string ID_FILE = "/proc/asound/card0/id";
-const std::string STATUS_FILES[] = {"/proc/asound/card0/pcm0c/sub0/status",
+constexpr size_t kLineCharacters = 79;
+constexpr int kLinesMax = 11;
+constexpr int kTries = 600;
+const std::string kIdFile = "/proc/asound/card0/id";
+const std::string kStatusFiles[] = {"/proc/asound/card0/pcm0c/sub0/status",
                                     "/proc/asound/card0/pcm1c/sub0/status"};
 
-const std::string WORDS[] = {std::string(1, '\0'),
-                             "tarvine",
-                             "rockchiprt5640c",
-                             "state: RUNNING",
-                             "\n",
-                             "tstamp      : ",
-                             "1700000000.123456789\n",
-                             ".",
-                             "tstamp",
-                             ":",
-                             "state: PREPARED\n",
-                             std::string(70, ' '),
-                             "9223372036854775807",
-                             "trigger_time: 1.5\n",
-                             "x\nx\nx\nx\nx\nx\nx\nx\n",
-                             "-",
-                             "state: RUNNING\ntstamp      : 1700000000.123456789\n",
-                             "state: RUNNING\ntstamp      : "};
+const std::string kWords[] = {std::string(1, '\0'),
+                              "tarvine",
+                              "rockchiprt5640c",
+                              "state: RUNNING",
+                              "\n",
+                              "tstamp      : ",
+                              "1700000000.123456789\n",
+                              ".",
+                              "tstamp",
+                              ":",
+                              "state: PREPARED\n",
+                              std::string(70, ' '),
+                              "9223372036854775807",
+                              "trigger_time: 1.5\n",
+                              "x\nx\nx\nx\nx\nx\nx\nx\n",
+                              "-",
+                              "state: RUNNING\ntstamp      : 1700000000.123456789\n",
+                              "state: RUNNING\ntstamp      : "};
 
-// A file, and its lines as they are read: none of more than LINE_CHARACTERS, the last one lost when
+// A file, and its lines as they are read: none of more than kLineCharacters, the last one lost when
 // reading breaks off in it.
 struct TextFile {
     std::vector<std::string> lines() const {
         std::vector<std::string> all;
         for (size_t at = 0; at < text.size();) {
             const size_t end = std::min({text.find('\n', at) + 1, text.size() + 1});
-            const bool ends = end > at && end <= text.size() && end - at <= LINE_CHARACTERS;
-            const size_t n = ends ? end - at : std::min(text.size() - at, LINE_CHARACTERS);
-            if (!ends && n < LINE_CHARACTERS && breaksOff) {
+            const bool ends = end > at && end <= text.size() && end - at <= kLineCharacters;
+            const size_t n = ends ? end - at : std::min(text.size() - at, kLineCharacters);
+            if (!ends && n < kLineCharacters && breaksOff) {
                 break;
             }
             all.push_back(std::string(text, at, n).c_str());
@@ -97,9 +97,9 @@ class CaptureRun {
   public:
     explicit CaptureRun(fuzz::Input& input) : input(input) {
         fuzz::installFiles(files);
-        id = put(ID_FILE);
-        put(STATUS_FILES[0]);
-        put(STATUS_FILES[1]);
+        id = put(kIdFile);
+        put(kStatusFiles[0]);
+        put(kStatusFiles[1]);
         fake_sys::hooks().clock_gettime = [this](clockid_t clock, timespec* now) {
             require(clock == CLOCK_REALTIME, "the kernel's clock of the start time is read");
             clockReads++;
@@ -128,10 +128,10 @@ class CaptureRun {
     TextFile put(const std::string& path) {
         const uint8_t how = input.byte();
         TextFile file;
-        const bool isId = path == ID_FILE;
+        const bool isId = path == kIdFile;
         for (const char c : input.text(isId ? how % 4 : how % 16)) {
             const auto index = static_cast<unsigned char>(c);
-            file.text += index < std::size(WORDS) ? WORDS[index] : std::string(1, c);
+            file.text += index < std::size(kWords) ? kWords[index] : std::string(1, c);
         }
         if (how >= 240) {
             file.missing = true;
@@ -153,18 +153,18 @@ class CaptureRun {
         const std::vector<std::string> ids = id.lines();
         if (id.missing || ids.empty()) {
             const std::string reason = strerror(id.missing ? ENOENT : id.breaksOff ? EIO : 0);
-            expected.push_back(UAFSNK.error(id.missing
-                                                ? "Failed to open " + ID_FILE + ": " + reason
-                                                : "Failed to determine card type for: " + ID_FILE));
-            expected.push_back(UAFSNK.error("Failed to open " + STATUS_FILES[1] + ": " + reason));
+            expected.push_back(
+                kSinkLog.error(id.missing ? "Failed to open " + kIdFile + ": " + reason
+                                          : "Failed to determine card type for: " + kIdFile));
+            expected.push_back(kSinkLog.error("Failed to open " + kStatusFiles[1] + ": " + reason));
             return -1;
         }
         const bool known = ids[0].find("tarvine") != std::string::npos ||
                            ids[0].find("rockchiprt5640c") != std::string::npos;
         const TextFile& status = statuses[known ? 0 : 1];
         if (status.missing) {
-            expected.push_back(UAFSNK.error("Failed to open " + STATUS_FILES[known ? 0 : 1] +
-                                            ": No such file or directory"));
+            expected.push_back(kSinkLog.error("Failed to open " + kStatusFiles[known ? 0 : 1] +
+                                              ": No such file or directory"));
             return -1;
         }
         return timestampIn(status.lines());
@@ -176,7 +176,7 @@ class CaptureRun {
         for (const std::string& line : lines) {
             long seconds = 0;
             long fraction = 0;
-            if (count++ == LINES_MAX) {
+            if (count++ == kLinesMax) {
                 break;
             }
             running = running || line.find("state: RUNNING") != std::string::npos;
@@ -191,7 +191,7 @@ class CaptureRun {
     // A period, or as many without frames as leave a few tries.
     void period(int64_t startNs) {
         const uint8_t how = input.byte();
-        const int times = how == 255 ? TRIES - 2 : 1;
+        const int times = how == 255 ? kTries - 2 : 1;
         const int frames = how == 255 ? 0 : how % 8 == 0 ? -1 + how / 128 : 240;
         const int64_t phaseNs = int64_t{input.byte()} * 100000 - (how % 16 == 1 ? 10000000 : 0) +
                                 (how % 4 == 2   ? 1
@@ -217,7 +217,7 @@ class CaptureRun {
         }
         if (startNs < 1 || triesLeft-- == 0) {
             finished = true;
-            expected.push_back(UAFSNK.error("synch startup failed"));
+            expected.push_back(kSinkLog.error("synch startup failed"));
             return -1;
         }
         if (frames < 1) {
@@ -231,7 +231,7 @@ class CaptureRun {
             return 1;
         }
         finished = true;
-        expected.push_back(UAFSNK.debug("synch startup ok"));
+        expected.push_back(kSinkLog.debug("synch startup ok"));
         return 0;
     }
 
@@ -244,7 +244,7 @@ class CaptureRun {
     SynchStartupState state;
     int64_t nowNs = 0;
     int clockReads = 0;
-    int triesLeft = TRIES;
+    int triesLeft = kTries;
     bool finished = false;
     bool looksAtClock = false;
 };

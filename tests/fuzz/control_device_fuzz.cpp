@@ -18,18 +18,18 @@
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_threads.h"
 
-const int fuzz::MAX_INPUT_BYTES = 24;
+const int fuzz::kMaxInputBytes = 24;
 
 namespace {
 
 using fake_ipc::Message;
-using fake_log::UAFIFO;
+using fake_log::kDaemonLog;
 using fuzz::require;
 using fuzz::requireSame;
 
-constexpr int CONTROL_FD = 5;
-constexpr int STOP_DELAY = 4;
-constexpr useconds_t FAILED_READ_PAUSE_US = 10000;
+constexpr int kControlFd = 5;
+constexpr int kStopDelay = 4;
+constexpr useconds_t kFailedReadPauseUs = 10000;
 
 std::string printable(const char* text) {
     return text != nullptr ? text : "";
@@ -64,7 +64,7 @@ struct ChannelModel {
             return;
         }
         if (!on) {
-            passesLeft = state == 1 ? STOP_DELAY : passesLeft;
+            passesLeft = state == 1 ? kStopDelay : passesLeft;
             state = state == 1 ? 2 : state;
             return;
         }
@@ -114,7 +114,7 @@ class DeviceRun {
     }
 
     void run() {
-        loop.run([this] { events.run(CONTROL_FD); });
+        loop.run([this] { events.run(kControlFd); });
         require(src.starts == mic.starts && snk.starts == speaker.starts,
                 "the channels are started as they should, with their names");
         require(src.stops == mic.stops && snk.stops == speaker.stops, "and stopped");
@@ -137,7 +137,7 @@ class DeviceRun {
         fake_log::clear();
         const ssize_t size = deliver(how & 15, data);
         pauseUs = 0;
-        expectedPauseUs = size <= 0 ? FAILED_READ_PAUSE_US : 0;
+        expectedPauseUs = size <= 0 ? kFailedReadPauseUs : 0;
         expectLine(static_cast<int>(size));
         handle();
         return size;
@@ -209,7 +209,7 @@ class DeviceRun {
         const fuzz::Lines lines = fake_log::take();
         requireSame(expectedLine, lines.empty() ? "" : lines[0].text, "an event has its line");
         const fake_log::Line invalid =
-            UAFIFO.error("invalid msg: type=" + std::to_string(record[0]) + "\n");
+            kDaemonLog.error("invalid msg: type=" + std::to_string(record[0]) + "\n");
         const bool reported = std::find(lines.begin(), lines.end(), invalid) != lines.end();
         require(reported == (!lines.empty() && record[0] > 7), "an unknown type is reported");
     }

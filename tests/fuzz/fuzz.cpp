@@ -67,7 +67,7 @@ extern "C" const char* __asan_default_options() {
 // memory limit the fuzzer has no second thread, which would meet the calls that a target fakes.
 // Leaks are looked for once, at the end of the process, instead of after each execution.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    static std::string options[] = {"-max_len=" + std::to_string(fuzz::MAX_INPUT_BYTES),
+    static std::string options[] = {"-max_len=" + std::to_string(fuzz::kMaxInputBytes),
                                     "-rss_limit_mb=0", "-timeout=600", "-report_slow_units=600",
                                     "-detect_leaks=0"};
     static std::vector<char*> arguments(*argv, *argv + *argc);

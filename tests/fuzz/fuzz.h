@@ -10,7 +10,7 @@
 namespace fuzz {
 
 // The longest input, in bytes; each target defines it with its input's format in mind.
-extern const int MAX_INPUT_BYTES;
+extern const int kMaxInputBytes;
 
 // Ends the run when the condition does not hold; the fuzzer keeps the input.
 void require(bool condition, const char* what);

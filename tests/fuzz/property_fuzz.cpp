@@ -11,41 +11,42 @@
 
 #include "tests/fuzz/cable_run.h"
 
-const int fuzz::MAX_INPUT_BYTES = 40;
+const int fuzz::kMaxInputBytes = 40;
 
 namespace {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using fuzz::require;
 using fuzz::requireSame;
 
-constexpr size_t VALUE_MAX = 91;
-constexpr size_t NAME_LENGTH_MAX = 255;
-const std::string FOLDER = "/run/properties/";
-const std::string HARMLESS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_,.:+-";
+constexpr size_t kValueMax = 91;
+constexpr size_t kNameLengthMax = 255;
+const std::string kFolder = "/run/properties/";
+const std::string kHarmless =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_,.:+-";
 
-const std::string WORDS[] = {std::string(1, '\0'),
-                             "ff300000.usb",
-                             "uac2,adb",
-                             std::string(40, 'v'),
-                             "mtp",
-                             ";",
-                             "$(",
-                             " ",
-                             "",
-                             "\t",
-                             "\n",
-                             "\x0b",
-                             "\x0c",
-                             "\r",
-                             "/",
-                             "."};
+const std::string kWords[] = {std::string(1, '\0'),
+                              "ff300000.usb",
+                              "uac2,adb",
+                              std::string(40, 'v'),
+                              "mtp",
+                              ";",
+                              "$(",
+                              " ",
+                              "",
+                              "\t",
+                              "\n",
+                              "\x0b",
+                              "\x0c",
+                              "\r",
+                              "/",
+                              "."};
 
 std::string expand(const std::string& text) {
     std::string bytes;
     for (const char c : text) {
         const auto index = static_cast<unsigned char>(c);
-        bytes += index < std::size(WORDS) ? WORDS[index] : std::string(1, c);
+        bytes += index < std::size(kWords) ? kWords[index] : std::string(1, c);
     }
     return bytes;
 }
@@ -53,8 +54,8 @@ std::string expand(const std::string& text) {
 class PropertyRun {
   public:
     explicit PropertyRun(fuzz::Input& input) : input(input) {
-        cable.files.put(fuzz::CABLE_USB_FILE, "DISCONNECTED\n");
-        cable.files.put(fuzz::CABLE_PLUG_FILE, "1\n");
+        cable.files.put(fuzz::kCableUsbFile, "DISCONNECTED\n");
+        cable.files.put(fuzz::kCablePlugFile, "1\n");
         fake_sys::hooks().read = [this](int fd, void* data, size_t room) {
             return read(fd, data, room);
         };
@@ -65,10 +66,10 @@ class PropertyRun {
         const std::string name = nameOf(expand(input.text(input.byte() % 8)));
         const std::string controller = expand(input.text(input.byte() % 8));
         const std::string config = expand(input.text(input.byte() % 16));
-        cable.properties[FOLDER + name] = config;
+        cable.properties[kFolder + name] = config;
         get(name);
-        cable.properties[FOLDER + "sys.usb.controller"] = controller;
-        cable.properties[FOLDER + "sys.usb.config"] = config;
+        cable.properties[kFolder + "sys.usb.controller"] = controller;
+        cable.properties[kFolder + "sys.usb.config"] = config;
         monitor();
     }
 
@@ -76,7 +77,7 @@ class PropertyRun {
     // As it reaches the call: up to a terminator, and long at times.
     static std::string nameOf(const std::string& text) {
         std::string name = text.substr(0, text.find('\0'));
-        while (name.size() > VALUE_MAX && name.size() < NAME_LENGTH_MAX) {
+        while (name.size() > kValueMax && name.size() < kNameLengthMax) {
             name += name.back();
         }
         return name;
@@ -86,7 +87,7 @@ class PropertyRun {
         std::vector<char> value(PROP_VALUE_MAX, '#');
         const int length = __system_property_get(name.c_str(), value.data());
         const bool allowed = !name.empty() && name[0] != '.' &&
-                             name.find('/') == std::string::npos && name.size() <= NAME_LENGTH_MAX;
+                             name.find('/') == std::string::npos && name.size() <= kNameLengthMax;
         require(finished == (allowed ? 1 : 0), "a name within the folder is read, no other");
         requireSame(lastValue, value.data(), "the value is the file's line");
         require(static_cast<size_t>(length) == lastValue.size(), "its length is returned");
@@ -94,7 +95,7 @@ class PropertyRun {
 
     // One piece of a file, an interruption, or the error that ends the value.
     ssize_t read(int fd, void* data, size_t room) {
-        require(!ended && room == VALUE_MAX - delivered.size(), "a value is read until it ends");
+        require(!ended && room == kValueMax - delivered.size(), "a value is read until it ends");
         const uint8_t how = input.byte();
         if (how % 4 == 2) {
             return cable.fail(EINTR);
@@ -111,7 +112,7 @@ class PropertyRun {
     }
 
     int finish() {
-        require(ended || delivered.size() == VALUE_MAX, "a value is read whole");
+        require(ended || delivered.size() == kValueMax, "a value is read whole");
         lastValue = delivered.substr(0, delivered.find_first_of("\r\n")).c_str();
         delivered.clear();
         ended = false;
@@ -121,8 +122,8 @@ class PropertyRun {
 
     // Three ticks that find the cable plugged and the gadget unaware of it.
     void monitor() {
-        fuzz::Lines expected = {UAFCBM.debug("Initial USB state is DISCONNECTED\n\n"),
-                                UAFCBM.debug("enter loop\n")};
+        fuzz::Lines expected = {kCableLog.debug("Initial USB state is DISCONNECTED\n\n"),
+                                kCableLog.debug("enter loop\n")};
         int ticks = 0;
         bool watched = false;
         cable.run([&](msghdr&) {
@@ -145,12 +146,12 @@ class PropertyRun {
     static std::vector<std::string> restart(const std::string& value, fuzz::Lines& expected) {
         const std::string command = "setprop sys.usb.config " + value + "\n";
         expected.push_back(
-            UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
-                         "Restart UDC with property: " +
-                         value));
-        expected.push_back(UAFCBM.debug("Issue: " + command + "\n"));
-        if (value.find_first_not_of(HARMLESS) != std::string::npos) {
-            expected.push_back(UAFCBM.error(
+            kCableLog.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
+                            "Restart UDC with property: " +
+                            value));
+        expected.push_back(kCableLog.debug("Issue: " + command + "\n"));
+        if (value.find_first_not_of(kHarmless) != std::string::npos) {
+            expected.push_back(kCableLog.error(
                 "not issued: the value holds characters that a shell could act upon\n"));
             return {};
         }

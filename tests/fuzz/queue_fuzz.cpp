@@ -10,14 +10,14 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/queue_model.h"
 
-const int fuzz::MAX_INPUT_BYTES = 48;
+const int fuzz::kMaxInputBytes = 48;
 
 namespace {
 
 using fuzz::require;
 
-constexpr int32_t STORAGE_MAX = 512;
-constexpr int32_t LENGTH_MAX = 1024;  // that the memory behind a pointer has
+constexpr int32_t kStorageMax = 512;
+constexpr int32_t kLengthMax = 1024;  // that the memory behind a pointer has
 
 class QueueRun {
   public:
@@ -75,8 +75,8 @@ class QueueRun {
 
     void attach(bool haveStorage) {
         const int32_t size = length();
-        const bool usable = haveStorage && size > 0 && size <= STORAGE_MAX;
-        if (haveStorage && size > STORAGE_MAX && size % 4 == 0) {
+        const bool usable = haveStorage && size > 0 && size <= kStorageMax;
+        if (haveStorage && size > kStorageMax && size % 4 == 0) {
             return;  // would be taken, and there is no such memory
         }
         std::vector<uint8_t> given(usable ? static_cast<size_t>(size) : 1);
@@ -91,7 +91,7 @@ class QueueRun {
 
     void enqueue(bool haveSource) {
         const int32_t n = length();
-        std::vector<uint8_t> block(static_cast<size_t>(std::clamp(n, 0, LENGTH_MAX)) + 1);
+        std::vector<uint8_t> block(static_cast<size_t>(std::clamp(n, 0, kLengthMax)) + 1);
         block.pop_back();  // memory of exactly `n` bytes, but never a null pointer
         std::generate(block.begin(), block.end(), [this] { return nextByte(); });
         const uint8_t* const source = haveSource ? block.data() : nullptr;
@@ -101,7 +101,7 @@ class QueueRun {
 
     void dequeue(bool haveTarget) {
         const int32_t n = length();
-        const std::vector<uint8_t> untouched(static_cast<size_t>(std::clamp(n, 1, LENGTH_MAX)),
+        const std::vector<uint8_t> untouched(static_cast<size_t>(std::clamp(n, 1, kLengthMax)),
                                              0xEE);
         std::vector<uint8_t> out = untouched;
         std::vector<uint8_t> expected;

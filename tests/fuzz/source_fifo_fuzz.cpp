@@ -17,22 +17,22 @@
 #include "tests/support/fake_ssrs.h"
 #include "tests/support/fake_threads.h"
 
-const int fuzz::MAX_INPUT_BYTES = 20;
+const int fuzz::kMaxInputBytes = 20;
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using fuzz::require;
 
-constexpr char FIFO[] = "/nowhere/fifo";  // nothing real may stand there
-constexpr int FIFO_FD = 77;
-constexpr size_t BLOCK_BYTES = 1920;
-constexpr size_t BLOCK_FRAMES = 480;
+constexpr char kFifoPath[] = "/nowhere/fifo";  // nothing real may stand there
+constexpr int kFifoFd = 77;
+constexpr size_t kBlockBytes = 1920;
+constexpr size_t kBlockFrames = 480;
 
 // Bytes of which no two pieces are the same.
 const uint8_t* noise() {
     static const std::vector<uint8_t> bytes = [] {
-        std::vector<uint8_t> made(16 * 256 + 4096 * 8 + BLOCK_BYTES);
+        std::vector<uint8_t> made(16 * 256 + 4096 * 8 + kBlockBytes);
         uint32_t state = 1;
         std::generate(made.begin(), made.end(), [&state] {
             state = state * 1664525 + 1013904223;
@@ -45,12 +45,12 @@ const uint8_t* noise() {
 
 class SourceRun {
   public:
-    explicit SourceRun(fuzz::Input& input) : input(input), block(BLOCK_FRAMES * 2) {
+    explicit SourceRun(fuzz::Input& input) : input(input), block(kBlockFrames * 2) {
         fake_sys::Hooks& hooks = fake_sys::hooks();
         threads.install();
         hooks.open = [this](const char* path, int flags) { return open(path, flags); };
         hooks.fcntl = [](int, int command, long size) {
-            require(command == F_GETPIPE_SZ || size == BLOCK_BYTES, "a block's capacity is wanted");
+            require(command == F_GETPIPE_SZ || size == kBlockBytes, "a block's capacity is wanted");
             return 4096;
         };
         hooks.read = [this](int fd, void* data, size_t room) { return read(fd, data, room); };
@@ -64,19 +64,19 @@ class SourceRun {
         };
         fake_alsa::stopRecording();
         fake_alsa::answerAlways("snd_pcm_open", -ENODEV);
-        source.setDevName(FIFO, "hw:1");
+        source.setDevName(kFifoPath, "hw:1");
     }
 
     // A start that finds no card leaves its buffer thread, which is all that is wanted here.
     void run() {
         require(source.intfUpdate(true) == -1 && threads.created.size() == 1,
                 "the thread is created");
-        expected = {UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening hw:1\n"),
-                    UAFSRC.error("error at uafStart@204: rc=-19\n"),
-                    UAFSRC.debug("enter buffer loop\n")};
+        expected = {kSourceLog.debug("init SSRS\n"), kSourceLog.debug("start, opening hw:1\n"),
+                    kSourceLog.error("error at uafStart@204: rc=-19\n"),
+                    kSourceLog.debug("enter buffer loop\n")};
         threads.created.back().run();
-        expected.push_back(UAFSRC.debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
-                                        ", fifoRead " + std::to_string(total) + "\n"));
+        expected.push_back(kSourceLog.debug("exit buffer loop, loopcnt=" + std::to_string(passes) +
+                                            ", fifoRead " + std::to_string(total) + "\n"));
         require(!blockDue, "every block reaches the frame buffer");
         compareLog();
         fake_ssrs::reset();
@@ -84,7 +84,7 @@ class SourceRun {
 
   private:
     int open(const std::string& path, int flags) {
-        require(path == FIFO && flags == O_RDONLY, "it is opened for reading");
+        require(path == kFifoPath && flags == O_RDONLY, "it is opened for reading");
         require(openFd < 1, "what is open is not opened");
         const uint8_t how = input.byte();
         openFd = -1;
@@ -93,17 +93,17 @@ class SourceRun {
         }
         if (how >= 240) {
             errno = fuzz::errorOf(how);
-            expected.push_back(UAFSRC.error("failed to open /nowhere/fifo\n"));
+            expected.push_back(kSourceLog.error("failed to open /nowhere/fifo\n"));
             return -1;
         }
-        expected.push_back(UAFSRC.debug("/nowhere/fifo opened buffer size 4096\n"));
-        openFd = how >= 224 ? 0 : FIFO_FD;  // 0 counts as closed, but for the read then
+        expected.push_back(kSourceLog.debug("/nowhere/fifo opened buffer size 4096\n"));
+        openFd = how >= 224 ? 0 : kFifoFd;  // 0 counts as closed, but for the read then
         justOpened = true;
         return openFd;
     }
 
     ssize_t read(int fd, void* data, size_t room) {
-        require(fd == openFd && room == BLOCK_BYTES && !blockDue, "a block is read");
+        require(fd == openFd && room == kBlockBytes && !blockDue, "a block is read");
         require(openFd >= 1 || justOpened, "descriptor 0 is opened again");
         const uint8_t how = input.byte();
         if (how >= 232 && fuzz::errorOf(how) == EINTR) {
@@ -120,8 +120,8 @@ class SourceRun {
             return size;
         }
         errno = fuzz::errorOf(how);
-        expected.push_back(UAFSRC.debug("closing /nowhere/fifo, failed to read rc=" +
-                                        std::to_string(size) + ", expect 1920\n"));
+        expected.push_back(kSourceLog.debug("closing /nowhere/fifo, failed to read rc=" +
+                                            std::to_string(size) + ", expect 1920\n"));
         std::fill(block.begin(), block.end(), int16_t{0});
         return size;
     }
@@ -136,25 +136,25 @@ class SourceRun {
     }
 
     void stop() {
-        expected.push_back(UAFSRC.debug("stopping buffer thread\n"));
+        expected.push_back(kSourceLog.debug("stopping buffer thread\n"));
         source.uafStop();
     }
 
     // A whole block, or the few bytes at either end of the scale, or any number.
     size_t pieceOf(uint8_t how) {
         if (how < 64 || input.empty()) {
-            return BLOCK_BYTES;
+            return kBlockBytes;
         }
         return how < 112   ? how - 63u
-               : how < 160 ? BLOCK_BYTES - (how - 112u)
-                           : 1 + input.number(2) % BLOCK_BYTES;
+               : how < 160 ? kBlockBytes - (how - 112u)
+                           : 1 + input.number(2) % kBlockBytes;
     }
 
     // The frame buffer: gets each block once, and has its own opinion of it.
     int32_t take(const int16_t* samples, int32_t n) {
-        require(blockDue && n == BLOCK_FRAMES, "a block follows each read");
+        require(blockDue && n == kBlockFrames, "a block follows each read");
         blockDue = false;
-        for (size_t i = 0; i < BLOCK_FRAMES; i++) {
+        for (size_t i = 0; i < kBlockFrames; i++) {
             block[i] = block[2 * i];
         }
         require(std::equal(samples, samples + n, block.begin()), "it is the left channel");
@@ -169,17 +169,17 @@ class SourceRun {
 
     void finishPass(int32_t result) {
         if (result == SSRS_BAD_PARAMETER) {
-            expected.push_back(UAFSRC.error("SSRS_Write error: 3\n"));
+            expected.push_back(kSourceLog.error("SSRS_Write error: 3\n"));
             return;
         }
         if (passes++ == 0) {
             expected.push_back(
-                UAFSRC.debug("buffer loopcnt 0, fifoRead " + std::to_string(total) + "\n"));
+                kSourceLog.debug("buffer loopcnt 0, fifoRead " + std::to_string(total) + "\n"));
         }
     }
 
     void compareLog() {
-        fuzz::requireLines(expected, UAFSRC.lines());
+        fuzz::requireLines(expected, kSourceLog.lines());
         fake_log::clear();
     }
 

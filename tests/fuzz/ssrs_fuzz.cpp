@@ -12,15 +12,15 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/ssrs_model.h"
 
-const int fuzz::MAX_INPUT_BYTES = 48;
+const int fuzz::kMaxInputBytes = 48;
 
 namespace {
 
 using fuzz::require;
 using Samples = SsrsModel::Samples;
 
-constexpr int32_t STORAGE_MAX = 1024;
-constexpr int32_t TONE_ROOM = 15;  // that a frame needs behind its end while the tone is on
+constexpr int32_t kStorageMax = 1024;
+constexpr int32_t kToneRoom = 15;  // that a frame needs behind its end while the tone is on
 
 class SsrsRun {
   public:
@@ -102,8 +102,8 @@ class SsrsRun {
     }
 
     void attach() {
-        const int32_t len = input.size(STORAGE_MAX);
-        if (len > STORAGE_MAX) {
+        const int32_t len = input.size(kStorageMax);
+        if (len > kStorageMax) {
             return;  // would be taken, and there is no such memory
         }
         storages.emplace_back(static_cast<size_t>(std::max(len, 1)), int16_t{7});
@@ -123,7 +123,7 @@ class SsrsRun {
     // A block of samples that differ much or little, by turns.
     void write(uint8_t call) {
         const int32_t n = length();
-        Samples block(static_cast<size_t>(std::clamp(n, 1, STORAGE_MAX)));
+        Samples block(static_cast<size_t>(std::clamp(n, 1, kStorageMax)));
         for (int16_t& sample : block) {
             filling += call < 128 ? 0x9E3779B9u : 0x00010000u;
             sample = static_cast<int16_t>(filling >> 16);
@@ -133,7 +133,7 @@ class SsrsRun {
     }
 
     void read() {
-        Samples out(static_cast<size_t>(model.frameSize + (model.testTone ? TONE_ROOM : 0)));
+        Samples out(static_cast<size_t>(model.frameSize + (model.testTone ? kToneRoom : 0)));
         require(SSRS_Read(ctx, out.data()) == 0, "Read succeeds");
         out.resize(static_cast<size_t>(model.frameSize));
         require(out == model.read(), "Read gives the model's frame");

@@ -13,44 +13,44 @@
 
 #include "tests/fuzz/cable_run.h"
 
-const int fuzz::MAX_INPUT_BYTES = 64;
+const int fuzz::kMaxInputBytes = 64;
 
 namespace {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using fuzz::require;
 using Message = IpcService::Message;
 
-constexpr size_t PARAMS_MAX = 32;
-constexpr char CONTROLLER[] = "/run/properties/sys.usb.controller";
+constexpr size_t kParamsMax = 32;
+constexpr char kController[] = "/run/properties/sys.usb.controller";
 
 // What the bytes below the space stand for, so that the words of a uevent are within reach; 0 and
 // 18 end a field.
-const std::string WORDS[] = {std::string(1, '\0'),
-                             "change@/devices/virtual/android_usb/android0",
-                             "ACTION=",
-                             "SUBSYSTEM=",
-                             "USB_STATE=",
-                             "SEQNUM=",
-                             "android_usb",
-                             "change",
-                             "add",
-                             "remove",
-                             "CONFIGURED",
-                             "CONNECTED",
-                             "DISCONNECTED",
-                             "DEVPATH=",
-                             "USB_STATE",
-                             "ACTION=change",
-                             "SUBSYSTEM=android_usb",
-                             "@",
-                             std::string("a\0b\0", 4)};
+const std::string kWords[] = {std::string(1, '\0'),
+                              "change@/devices/virtual/android_usb/android0",
+                              "ACTION=",
+                              "SUBSYSTEM=",
+                              "USB_STATE=",
+                              "SEQNUM=",
+                              "android_usb",
+                              "change",
+                              "add",
+                              "remove",
+                              "CONFIGURED",
+                              "CONNECTED",
+                              "DISCONNECTED",
+                              "DEVPATH=",
+                              "USB_STATE",
+                              "ACTION=change",
+                              "SUBSYSTEM=android_usb",
+                              "@",
+                              std::string("a\0b\0", 4)};
 
 std::string expand(const std::string& text) {
     std::string bytes;
     for (const char c : text) {
         const auto index = static_cast<unsigned char>(c);
-        bytes += index < std::size(WORDS) ? WORDS[index] : std::string(1, c);
+        bytes += index < std::size(kWords) ? kWords[index] : std::string(1, c);
     }
     return bytes;
 }
@@ -77,7 +77,7 @@ struct Reading {
             action = name == "add" ? 1 : name == "remove" ? 2 : name == "change" ? 3 : action;
         } else if (beginsWith(field, "SUBSYSTEM=")) {
             subsystem = field.substr(10);
-        } else if (!beginsWith(field, "SEQNUM=") && params++ < PARAMS_MAX && !hasState &&
+        } else if (!beginsWith(field, "SEQNUM=") && params++ < kParamsMax && !hasState &&
                    beginsWith(field, "USB_STATE=")) {
             hasState = true;
             state = field.substr(10);
@@ -99,11 +99,11 @@ class UeventRun {
     void run() {
         const bool watched = (input.byte() & 1) != 0;
         if (watched) {
-            cable.properties[CONTROLLER] = "ff300000.usb\n";
+            cable.properties[kController] = "ff300000.usb\n";
         }
-        expected = {UAFCBM.error(std::string("opening ") + fuzz::CABLE_USB_FILE +
-                                 " failed: <2:No such file or directory>\n"),
-                    UAFCBM.debug("enter loop\n")};
+        expected = {kCableLog.error(std::string("opening ") + fuzz::kCableUsbFile +
+                                    " failed: <2:No such file or directory>\n"),
+                    kCableLog.debug("enter loop\n")};
         cable.run([this](msghdr& header) { return receive(header); });
         require(cable.watched == watched, "the property decides on the check");
         require(cable.commands.empty(), "nothing is restarted");
@@ -135,8 +135,8 @@ class UeventRun {
         errno = 0;
         if ((how & 7) == 1) {
             header.msg_flags = MSG_TRUNC;
-            expected.push_back(UAFCBM.error("recvmsg truncate: <" + std::to_string(n) +
-                                            ":0:Success>, buf size is 2304\n"));
+            expected.push_back(kCableLog.error("recvmsg truncate: <" + std::to_string(n) +
+                                               ":0:Success>, buf size is 2304\n"));
         } else if ((how & 7) == 2) {
             sender->nl_pid = input.byte() % 4;
             sender->nl_groups = input.byte() % 4;
@@ -150,11 +150,11 @@ class UeventRun {
     void handle(const std::string& bytes, bool fromKernel) {
         const Reading event(bytes);
         if (!fromKernel) {
-            expected.push_back(UAFCBM.error("ignoring non-kernel netlink multicast message\n"));
+            expected.push_back(kCableLog.error("ignoring non-kernel netlink multicast message\n"));
         } else if (bytes.empty()) {
-            expected.push_back(UAFCBM.debug("recvmsg returned zero\n"));
+            expected.push_back(kCableLog.debug("recvmsg returned zero\n"));
         } else if (!event.valid) {
-            expected.push_back(UAFCBM.error("decoding netlinmk msg failed\n"));
+            expected.push_back(kCableLog.error("decoding netlinmk msg failed\n"));
         } else if (event.subsystem == "android_usb") {
             handle(event);
         }
@@ -163,11 +163,11 @@ class UeventRun {
     void handle(const Reading& event) {
         const std::string text = "subsystem: android_usb, action: " + std::to_string(event.action);
         if (event.action != 3) {
-            expected.push_back(UAFCBM.debug(text + "\n"));
+            expected.push_back(kCableLog.debug(text + "\n"));
         } else if (!event.hasState) {
-            expected.push_back(UAFCBM.error("usb state is NULL\n"));
+            expected.push_back(kCableLog.error("usb state is NULL\n"));
         } else {
-            expected.push_back(UAFCBM.debug(text + ", usbstate=" + event.state + "\n"));
+            expected.push_back(kCableLog.debug(text + ", usbstate=" + event.state + "\n"));
             follow(event.state);
         }
     }

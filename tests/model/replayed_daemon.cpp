@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr int FIFO_FD = 1000;  // and the channel's number
-constexpr int CHANNELS = 2;
+constexpr int kFifoFd = 1000;  // and the channel's number
+constexpr int kChannels = 2;
 
 // The channel of a worker or a buffer thread.
 int ownChannel() {
@@ -28,7 +28,7 @@ std::string numbered(int channel, const std::string& text) {
 }
 
 int channelOf(const std::string& path) {
-    return path == FIFO_RX_PATH ? 1 : 0;
+    return path == kFifoRxPath ? 1 : 0;
 }
 
 template <typename Channel>
@@ -193,10 +193,10 @@ void ReplayedDaemon::hookFifos() {
         const int channel = channelOf(path);
         const std::string answer = waitForApp(channel, "open");
         errno = answer == "interrupted" ? EINTR : ENOENT;
-        return answer == "done" ? FIFO_FD + channel : -1;
+        return answer == "done" ? kFifoFd + channel : -1;
     };
     hooks.close = [](int fd) {
-        return fd >= FIFO_FD && fd < FIFO_FD + CHANNELS ? 0 : fake_sys::real::close(fd);
+        return fd >= kFifoFd && fd < kFifoFd + kChannels ? 0 : fake_sys::real::close(fd);
     };
     hooks.fcntl = [](int, int, long) { return 4096; };
     hooks.read = [this](int, void*, size_t size) { return transfer(0, "read", size); };

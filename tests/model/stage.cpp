@@ -10,7 +10,7 @@
 namespace {
 
 // Only ends a test that has failed: a thread that never comes to its next call.
-constexpr std::chrono::seconds REST_DEADLINE{60};
+constexpr std::chrono::seconds kRestDeadline{60};
 
 }  // namespace
 
@@ -115,7 +115,7 @@ void Stage::answer(const std::string& part, const std::string& answer) {
 }
 
 void Stage::waitForRest(std::unique_lock<std::mutex>& lock) {
-    changed.wait_for(lock, REST_DEADLINE, [this] {
+    changed.wait_for(lock, kRestDeadline, [this] {
         return std::all_of(players.begin(), players.end(),
                            [](const Player* each) { return each->atRest; });
     });

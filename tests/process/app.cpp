@@ -26,11 +26,11 @@ namespace process {
 
 namespace {
 
-constexpr size_t BLOCK_SAMPLES = 960;  // 10 ms, stereo
-constexpr long BLOCK_NS = 10000000 / SPEED;
-constexpr int MESSAGE_EVERY = 16;  // blocks, on average
-constexpr int VERY_SLOW = 8;
-constexpr int PACE_BLOCKS = 128;  // for which a pace lasts, on average
+constexpr size_t kBlockSamples = 960;  // 10 ms, stereo
+constexpr long kBlockNs = 10000000 / kSpeed;
+constexpr int kMessageEvery = 16;  // blocks, on average
+constexpr int kVerySlow = 8;
+constexpr int kPaceBlocks = 128;  // for which a pace lasts, on average
 
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
@@ -40,7 +40,7 @@ sockaddr_un addressOf(const std::string& path) {
 }
 
 void sleepBlock() {
-    const timespec block{0, BLOCK_NS};
+    const timespec block{0, kBlockNs};
     nanosleep(&block, nullptr);
 }
 
@@ -53,7 +53,7 @@ class App::Life {
         signal(SIGPIPE, SIG_IGN);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-        const sockaddr_un own = addressOf(root_.path(SOCKET_RX));
+        const sockaddr_un own = addressOf(root_.path(kSocketRx));
         unlink(own.sun_path);
         bind(socket_, reinterpret_cast<const sockaddr*>(&own), sizeof own);
         seen_.listening = life;
@@ -65,7 +65,7 @@ class App::Life {
                 hear();
                 say();
                 receive();
-                if (random_() % MESSAGE_EVERY == 0) {
+                if (random_() % kMessageEvery == 0) {
                     ask();
                 }
             }
@@ -76,17 +76,17 @@ class App::Life {
   private:
     // For a while as fast as the daemon, for a while so slow that it starves it.
     void keepPace() {
-        if (random_() % PACE_BLOCKS == 0) {
+        if (random_() % kPaceBlocks == 0) {
             slowness_ = 1 + static_cast<int>(random_() % 4);
         }
-        for (int left = seen_.slow ? VERY_SLOW : slowness_; left > 0; --left) {
+        for (int left = seen_.slow ? kVerySlow : slowness_; left > 0; --left) {
             sleepBlock();
         }
     }
 
     void hear() {
         if (rx_ < 0) {
-            rx_ = open(root_.path(FIFO_RX).c_str(), O_RDONLY | O_NONBLOCK);
+            rx_ = open(root_.path(kFifoRx).c_str(), O_RDONLY | O_NONBLOCK);
         }
         std::array<int16_t, 2048> samples;
         const ssize_t got = rx_ < 0 ? 0 : read(rx_, samples.data(), sizeof samples);
@@ -101,9 +101,9 @@ class App::Life {
 
     void say() {
         if (tx_ < 0) {
-            tx_ = open(root_.path(FIFO_TX).c_str(), O_WRONLY | O_NONBLOCK);
+            tx_ = open(root_.path(kFifoTx).c_str(), O_WRONLY | O_NONBLOCK);
         }
-        std::array<int16_t, BLOCK_SAMPLES> block;
+        std::array<int16_t, kBlockSamples> block;
         block.fill(static_cast<int16_t>(random_()));
         const ssize_t put = tx_ < 0 ? 0 : write(tx_, block.data(), sizeof block);
         if (put > 0) {
@@ -128,7 +128,7 @@ class App::Life {
         constexpr size_t sizes[] = {8, 8, 8, 8, 8, 8, 1, 4, 7, 12};
         const uint32_t message[3] = {types[random_() % std::size(types)],
                                      static_cast<uint32_t>(random_()), 0};
-        const sockaddr_un to = addressOf(root_.path(SOCKET_TX));
+        const sockaddr_un to = addressOf(root_.path(kSocketTx));
         sendto(socket_, message, sizes[random_() % std::size(sizes)], 0,
                reinterpret_cast<const sockaddr*>(&to), sizeof to);
     }

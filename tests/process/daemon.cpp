@@ -28,11 +28,11 @@ namespace process {
 
 namespace {
 
-constexpr int POLL_MS = 2;
+constexpr int kPollMs = 2;
 // No condition takes a hundredth of it.
-constexpr auto NEVER = std::chrono::seconds(60);
-constexpr size_t LAST_LINES = 60;
-constexpr size_t PACKET_BYTES = 4096;
+constexpr auto kNever = std::chrono::seconds(60);
+constexpr size_t kLastLines = 60;
+constexpr size_t kPacketBytes = 4096;
 
 void openWire(int (&ends)[2]) {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -82,9 +82,9 @@ void Daemon::start(const int control[2], const int notes[2], const int uevents[2
         return;
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(control[1], CONTROL_FD);
-    dup2(notes[1], NOTES_FD);
-    dup2(uevents[1], UEVENT_FD);
+    dup2(control[1], kControlFd);
+    dup2(notes[1], kNotesFd);
+    dup2(uevents[1], kUeventFd);
     const int log = ::open(root_.path("/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     dup2(log, STDOUT_FILENO);
     dup2(log, STDERR_FILENO);
@@ -111,11 +111,11 @@ bool Daemon::record(uint32_t type, uint32_t data) {
 }
 
 bool Daemon::rawRecord(const std::string& bytes) {
-    return send(RECORD, bytes);
+    return send(kRecord, bytes);
 }
 
 bool Daemon::command(const std::string& text) {
-    return send(COMMAND, text);
+    return send(kCommand, text);
 }
 
 bool Daemon::send(char kind, const std::string& bytes) {
@@ -133,7 +133,7 @@ void Daemon::uevent(const std::string& text, UeventSender sender) {
 void Daemon::datagram(const std::string& bytes) {
     sockaddr_un to{};
     to.sun_family = AF_UNIX;
-    root_.path(SOCKET_TX).copy(to.sun_path, sizeof to.sun_path - 1);
+    root_.path(kSocketTx).copy(to.sun_path, sizeof to.sun_path - 1);
     sendto(app_, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to),
            sizeof to);
 }
@@ -141,7 +141,7 @@ void Daemon::datagram(const std::string& bytes) {
 std::vector<std::string> Daemon::takeNotes() {
     std::vector<std::string> taken = std::move(kept_);
     kept_.clear();
-    std::array<char, PACKET_BYTES> packet;
+    std::array<char, kPacketBytes> packet;
     for (;;) {
         const ssize_t got = recv(notes_, packet.data(), packet.size(), MSG_DONTWAIT);
         if (got <= 0) {
@@ -168,13 +168,13 @@ bool Daemon::settle() {
 }
 
 bool Daemon::waitFor(const std::function<bool()>& condition) {
-    const auto never = std::chrono::steady_clock::now() + NEVER;
+    const auto never = std::chrono::steady_clock::now() + kNever;
     while (!condition()) {
         if (!isRunning() || std::chrono::steady_clock::now() > never) {
             return false;
         }
         pollfd ready{notes_, POLLIN, 0};
-        poll(&ready, 1, POLL_MS);
+        poll(&ready, 1, kPollMs);
     }
     return true;
 }
@@ -245,7 +245,7 @@ std::string Daemon::state() const {
         if (line.find("likely a timeout") == std::string::npos) {
             last.push_back(line + '\n');
         }
-        if (last.size() > LAST_LINES) {
+        if (last.size() > kLastLines) {
             last.pop_front();
         }
     }

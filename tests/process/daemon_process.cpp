@@ -63,7 +63,7 @@ void plant(const std::string& defect) {
 outside::Stream streamIn(std::istream& words) {
     std::string name;
     words >> name;
-    return name == "capture" ? outside::CAPTURE : outside::PLAYBACK;
+    return name == "capture" ? outside::kCapture : outside::kPlayback;
 }
 
 void answer(std::istream& words) {

@@ -27,10 +27,10 @@ extern "C" int __real___android_log_print(int priority, const char* tag, const c
 namespace {
 
 using fake_sys::hooks;
-using process::CONTROL_FD;
-using process::NOTES_FD;
-using process::SPEED;
-using process::UEVENT_FD;
+using process::kControlFd;
+using process::kNotesFd;
+using process::kSpeed;
+using process::kUeventFd;
 using tsan_blind::ToOrder;
 namespace real = fake_sys::real;
 
@@ -73,10 +73,21 @@ struct Refusal {
     std::atomic<int> error{0};
 };
 
-enum Call { OPEN, READ, IOCTL, FCNTL, RECVMSG, SENDTO, STRDUP, MALLOC, PTHREAD_CREATE, CALLS };
+enum Call {
+    kOpen,
+    kRead,
+    kIoctl,
+    kFcntl,
+    kRecvmsg,
+    kSendto,
+    kStrdup,
+    kMalloc,
+    kPthreadCreate,
+    kCalls
+};
 
-Refusal refusals[CALLS] = {{"open"},   {"read"},   {"ioctl"},  {"fcntl"},         {"recvmsg"},
-                           {"sendto"}, {"strdup"}, {"malloc"}, {"pthread_create"}};
+Refusal refusals[kCalls] = {{"open"},   {"read"},   {"ioctl"},  {"fcntl"},         {"recvmsg"},
+                            {"sendto"}, {"strdup"}, {"malloc"}, {"pthread_create"}};
 
 bool takeOne(std::atomic<int>& count) {
     int left = count.load(std::memory_order_relaxed);
@@ -105,26 +116,26 @@ void sleepNs(int64_t ns) {
 void playFor(int64_t ns) {
     static std::atomic<uint32_t> steps{0};
     const uint32_t mixed = steps.fetch_add(1, std::memory_order_relaxed) * 2654435761U;
-    sleepNs(ns / SPEED * static_cast<int64_t>(mixed >> 24) / 64);
+    sleepNs(ns / kSpeed * static_cast<int64_t>(mixed >> 24) / 64);
 }
 
 void installTime() {
     hooks().usleep = [](useconds_t us) {
-        sleepNs(int64_t{us} * 1000 / SPEED);
+        sleepNs(int64_t{us} * 1000 / kSpeed);
         return 0;
     };
     hooks().sleep = [](unsigned seconds) {
-        sleepNs(int64_t{seconds} * 1000000000 / SPEED);
+        sleepNs(int64_t{seconds} * 1000000000 / kSpeed);
         return 0U;
     };
     hooks().nanosleep = [](const timespec* wanted, timespec*) {
-        sleepNs((wanted->tv_sec * 1000000000 + wanted->tv_nsec) / SPEED);
+        sleepNs((wanted->tv_sec * 1000000000 + wanted->tv_nsec) / kSpeed);
         return 0;
     };
     hooks().setsockopt = [](int fd, int level, int name, const void* value, socklen_t length) {
         timeval timeout;
         memcpy(&timeout, value, std::min(sizeof timeout, size_t{length}));
-        timeout = {0, (timeout.tv_sec * 1000000 + timeout.tv_usec) / SPEED};
+        timeout = {0, (timeout.tv_sec * 1000000 + timeout.tv_usec) / kSpeed};
         return real::setsockopt(fd, level, name, &timeout, sizeof timeout);
     };
 }
@@ -133,10 +144,10 @@ void installTime() {
 
 void installFiles() {
     hooks().open = [](const char* path, int flags) {
-        if (strcmp(path, UAC_USER_PATH) == 0) {
-            return CONTROL_FD;
+        if (strcmp(path, kUacUserPath) == 0) {
+            return kControlFd;
         }
-        if (isRefused(OPEN)) {
+        if (isRefused(kOpen)) {
             return -1;
         }
         const ToOrder blind;
@@ -151,7 +162,7 @@ void installFiles() {
         return real::write(fd, data, size);
     };
     hooks().fcntl = [](int fd, int command, long argument) {
-        return isRefused(FCNTL) ? -1 : real::fcntl(fd, command, argument);
+        return isRefused(kFcntl) ? -1 : real::fcntl(fd, command, argument);
     };
     hooks().bind = [](int fd, const sockaddr* address, socklen_t) {
         if (address->sa_family != AF_UNIX) {
@@ -164,7 +175,7 @@ void installFiles() {
                         socklen_t) -> ssize_t {
         const sockaddr_un moved = mapped(to);
         const ToOrder blind;
-        return isRefused(SENDTO)
+        return isRefused(kSendto)
                    ? -1
                    : real::sendto(fd, data, size, flags, reinterpret_cast<const sockaddr*>(&moved),
                                   sizeof moved);
@@ -173,12 +184,12 @@ void installFiles() {
 
 void installMemoryAndThreads() {
     hooks().strdup = [](const char* text) {
-        return isRefused(STRDUP) ? nullptr : real::strdup(text);
+        return isRefused(kStrdup) ? nullptr : real::strdup(text);
     };
-    hooks().malloc = [](size_t size) { return isRefused(MALLOC) ? nullptr : real::malloc(size); };
+    hooks().malloc = [](size_t size) { return isRefused(kMalloc) ? nullptr : real::malloc(size); };
     hooks().pthread_create = [](pthread_t* id, const pthread_attr_t* attributes,
                                 void* (*entry)(void*), void* argument) {
-        return isRefused(PTHREAD_CREATE) ? errno
+        return isRefused(kPthreadCreate) ? errno
                                          : real::pthread_create(id, attributes, entry, argument);
     };
 }
@@ -193,16 +204,16 @@ ssize_t receive(int fd, void* data, size_t size, int flags) {
 ssize_t readControl(void* record, size_t size,
                     const std::function<void(const std::string&)>& obey) {
     for (;;) {
-        if (isRefused(READ)) {
+        if (isRefused(kRead)) {
             return -1;
         }
         char packet[256];
-        const ssize_t got = receive(CONTROL_FD, packet, sizeof packet, 0);
+        const ssize_t got = receive(kControlFd, packet, sizeof packet, 0);
         if (got <= 0) {
             _exit(EXIT_FAILURE);  // the test has gone
         }
         const auto length = static_cast<size_t>(got) - 1;
-        if (packet[0] == process::COMMAND) {
+        if (packet[0] == process::kCommand) {
             obey(std::string(packet + 1, length));
             continue;
         }
@@ -212,7 +223,7 @@ ssize_t readControl(void* record, size_t size,
 }
 
 int request(unsigned long code, const void* value) {
-    if (isRefused(IOCTL)) {
+    if (isRefused(kIoctl)) {
         return -1;
     }
     char text[64];
@@ -227,7 +238,7 @@ int request(unsigned long code, const void* value) {
 }
 
 ssize_t receiveUevent(msghdr* message) {
-    if (isRefused(RECVMSG)) {
+    if (isRefused(kRecvmsg)) {
         return -1;
     }
     process::UeventSender sender{};
@@ -235,7 +246,7 @@ ssize_t receiveUevent(msghdr* message) {
     msghdr framed{};
     framed.msg_iov = parts;
     framed.msg_iovlen = 2;
-    const ssize_t got = real::recvmsg(UEVENT_FD, &framed, 0);
+    const ssize_t got = real::recvmsg(kUeventFd, &framed, 0);
     auto* const name = static_cast<sockaddr_nl*>(message->msg_name);
     name->nl_pid = sender.pid;
     name->nl_groups = sender.groups;
@@ -252,7 +263,7 @@ void installDevices(std::function<void(const std::string&)> obey) {
         return -1;
     };
     hooks().read = [obey = std::move(obey)](int fd, void* data, size_t size) {
-        if (fd == CONTROL_FD) {
+        if (fd == kControlFd) {
             return readControl(data, size, obey);
         }
         const ToOrder blind;
@@ -260,7 +271,7 @@ void installDevices(std::function<void(const std::string&)> obey) {
     };
     hooks().ioctl = [](int, unsigned long code, void* value) { return request(code, value); };
     hooks().socket = [](int domain, int type, int protocol) {
-        return domain == AF_NETLINK ? UEVENT_FD : real::socket(domain, type, protocol);
+        return domain == AF_NETLINK ? kUeventFd : real::socket(domain, type, protocol);
     };
     hooks().recvmsg = [](int, msghdr* message, int) {
         const ToOrder blind;
@@ -281,15 +292,15 @@ struct Wanted {
     std::atomic<bool> stalled{false};
 };
 Wanted wanted[2];
-constexpr int64_t LAG_NS = 40000000;
+constexpr int64_t kLagNs = 40000000;
 std::atomic<bool> cardThere{true};
 
 void obeyWishes(snd_pcm_t* pcm) {
     Wanted& wishes =
-        wanted[pcm->stream == SND_PCM_STREAM_CAPTURE ? outside::CAPTURE : outside::PLAYBACK];
+        wanted[pcm->stream == SND_PCM_STREAM_CAPTURE ? outside::kCapture : outside::kPlayback];
     fake_alsa::stall(pcm, wishes.stalled.load(std::memory_order_relaxed));
     if (takeOne(wishes.lags)) {
-        fake_alsa::advance(pcm, LAG_NS);
+        fake_alsa::advance(pcm, kLagNs);
     }
     if (takeOne(wishes.xruns)) {
         fake_alsa::setState(pcm, SND_PCM_STATE_XRUN);
@@ -304,7 +315,7 @@ void obeyWishes(snd_pcm_t* pcm) {
 
 // Samples pass through here, outside of the fake alsa-lib's lock, so that the sanitizers see the
 // daemon's buffers used.
-constexpr size_t PERIOD_MAX = 1024;
+constexpr size_t kPeriodMax = 1024;
 
 void installSound() {
     fake_alsa::setCards({{0, "rockchiprt5640c"}, {1, "Vexa_Gadget"}});
@@ -317,13 +328,13 @@ void installSound() {
         return result;
     };
     alsa.readi = [](snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t frames) {
-        std::array<int16_t, PERIOD_MAX> period;
+        std::array<int16_t, kPeriodMax> period;
         const auto got = fake_alsa::device::readi(pcm, period.data(), frames);
         std::copy_n(period.begin(), std::max(got, snd_pcm_sframes_t{0}), samples);
         return got;
     };
     alsa.writei = [](snd_pcm_t* pcm, const int16_t* samples, snd_pcm_uframes_t frames) {
-        std::array<int16_t, PERIOD_MAX> period;
+        std::array<int16_t, kPeriodMax> period;
         std::copy_n(samples, frames, period.begin());
         return fake_alsa::device::writei(pcm, period.data(), frames);
     };
@@ -356,7 +367,7 @@ void install(const std::string& folder, std::function<void(const std::string&)> 
 }
 
 void note(const std::string& text) {
-    if (send(NOTES_FD, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+    if (send(kNotesFd, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
         _exit(EXIT_FAILURE);  // the test has gone
     }
 }

@@ -2,7 +2,7 @@
 // The outside of a daemon that runs as a process of its own, in place of alsa-lib and of the parts
 // of the kernel that a development machine lacks. Files, FIFOs and the app's sockets are real, but
 // below a folder; the control device and the uevent socket are packet sockets (wires.h); sound
-// cards are the fake alsa-lib's. Time passes SPEED times faster.
+// cards are the fake alsa-lib's. Time passes kSpeed times faster.
 //
 // The daemon's threads meet all of this at any time. What a command changes is read without order,
 // so that ThreadSanitizer sees the daemon's own synchronisation and nothing else.
@@ -24,7 +24,7 @@ void note(const std::string& text);
 // any other name.
 bool refuse(const std::string& call, int error, int times);
 
-enum Stream { CAPTURE, PLAYBACK };
+enum Stream { kCapture, kPlayback };
 
 // At the next wait of each such PCM.
 void xrun(Stream stream);

@@ -15,7 +15,7 @@ namespace process {
 Root::Root() {
     std::filesystem::create_directories(path("/tmp"));
     put("/proc/asound/card0/id", "rockchiprt5640c\n");
-    put("/run/properties/sys.usb.controller", CABLE_RK_CONTROLLER);
+    put("/run/properties/sys.usb.controller", kCableRkController);
     put("/run/properties/sys.usb.config", "uac2,adb");
     setUsbState("CONFIGURED");
     setCable(true);
@@ -29,8 +29,8 @@ std::string Root::contents(const std::string& name) const {
 
 void Root::makeFifos() const {
     // One that is there stays.
-    mkfifo(path(FIFO_RX).c_str(), 0600);
-    mkfifo(path(FIFO_TX).c_str(), 0600);
+    mkfifo(path(kFifoRx).c_str(), 0600);
+    mkfifo(path(kFifoTx).c_str(), 0600);
 }
 
 void Root::removeFifo(const std::string& name) const {
@@ -38,11 +38,11 @@ void Root::removeFifo(const std::string& name) const {
 }
 
 void Root::setUsbState(const std::string& word) const {
-    put(CABLE_USB_STATE_PATH, word + "\n");
+    put(kCableUsbStatePath, word + "\n");
 }
 
 void Root::setCable(bool plugged) const {
-    put(CABLE_PLUG_STATE_PATH, plugged ? "1\n" : "0\n");
+    put(kCablePlugStatePath, plugged ? "1\n" : "0\n");
 }
 
 void Root::setOwnCapture(bool running) const {

@@ -9,10 +9,10 @@
 
 namespace process {
 
-constexpr char FIFO_RX[] = "/tmp/usbAudioFifoRx";
-constexpr char FIFO_TX[] = "/tmp/usbAudioFifoTx";
-constexpr char SOCKET_RX[] = "/tmp/usbAudioUdsIpcRx";  // the app's
-constexpr char SOCKET_TX[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's
+constexpr char kFifoRx[] = "/tmp/usbAudioFifoRx";
+constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";
+constexpr char kSocketRx[] = "/tmp/usbAudioUdsIpcRx";  // the app's
+constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's
 
 class Root {
   public:

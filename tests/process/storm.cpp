@@ -11,14 +11,14 @@ namespace process {
 
 namespace {
 
-constexpr int STEPS_A_ROUND = 16;
+constexpr int kStepsARound = 16;
 
 struct Step {
     const char* function;
     int code;
 };
 // What may fail of alsa-lib.
-constexpr Step STEPS[] = {
+constexpr Step kSteps[] = {
     {"snd_pcm_open", -EBUSY},
     {"snd_pcm_hw_params_any", -ENODEV},
     {"snd_pcm_hw_params_set_rate_near", -EINVAL},
@@ -45,7 +45,7 @@ struct Refused {
     const char* call;
     int error;
 };
-constexpr Refused CALLS[] = {
+constexpr Refused kCalls[] = {
     {"open", EMFILE},           {"read", EINTR},    {"ioctl", EINVAL},
     {"fcntl", EPERM},           {"recvmsg", EINTR}, {"recvmsg", ENOBUFS},
     {"sendto", ECONNREFUSED},   {"strdup", ENOMEM}, {"malloc", ENOMEM},
@@ -68,7 +68,7 @@ std::string ueventOf(const std::string& action, const std::string& subsystem,
 
 }  // namespace
 
-const Storm::Action Storm::ACTIONS[] = {
+const Storm::Action Storm::kActions[] = {
     {4, "bind", &Storm::bindAgain},
     {4, "unbind and bind", &Storm::unbindAndBind},
     {16, "switch one stream", &Storm::switchOne},
@@ -112,11 +112,11 @@ bool Storm::begin() {
 
 void Storm::act() {
     uint32_t weights = 0;
-    for (const Action& action : ACTIONS) {
+    for (const Action& action : kActions) {
         weights += action.weight;
     }
     uint32_t drawn = upTo(weights);
-    const Action* action = ACTIONS;
+    const Action* action = kActions;
     while (drawn >= action->weight) {
         drawn -= action->weight;
         ++action;
@@ -132,7 +132,7 @@ bool Storm::rage(int steps) {
         if (!daemon_.isRunning()) {
             return false;
         }
-        if (step % STEPS_A_ROUND == 0) {
+        if (step % kStepsARound == 0) {
             // Whatever has become of the app: neither a stop nor an event waits for it.
             if (!daemon_.settle()) {
                 return false;
@@ -143,10 +143,10 @@ bool Storm::rage(int steps) {
 }
 
 bool Storm::calmDown() {
-    for (const Step& step : STEPS) {
+    for (const Step& step : kSteps) {
         daemon_.command(text("answer", std::string(step.function) + " 0 0"));
     }
-    for (const Refused& refused : CALLS) {
+    for (const Refused& refused : kCalls) {
         daemon_.command(text("refuse", std::string(refused.call) + " 0 0"));
     }
     daemon_.command("stall capture 0");
@@ -260,8 +260,8 @@ void Storm::restartApp() {
 
 void Storm::replaceFifos() {
     app_.kill();
-    root_.removeFifo(FIFO_RX);
-    root_.removeFifo(FIFO_TX);
+    root_.removeFifo(kFifoRx);
+    root_.removeFifo(kFifoTx);
     letRun();
     restartApp();
 }
@@ -327,14 +327,14 @@ void Storm::switchOwnCapture() {
 // ---- Faults ------------------------------------------------------------------------------------
 
 void Storm::failStep() {
-    const Step& step = STEPS[upTo(std::size(STEPS))];
+    const Step& step = kSteps[upTo(std::size(kSteps))];
     daemon_.command(text("answer", std::string(step.function) + ' ' + std::to_string(step.code) +
                                        ' ' + std::to_string(1 + upTo(3))));
     switchBoth();
 }
 
 void Storm::refuseCall() {
-    const Refused& refused = CALLS[upTo(std::size(CALLS))];
+    const Refused& refused = kCalls[upTo(std::size(kCalls))];
     daemon_.command(text("refuse", std::string(refused.call) + ' ' + std::to_string(refused.error) +
                                        ' ' + std::to_string(1 + upTo(2))));
     switchBoth();

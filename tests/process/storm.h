@@ -38,7 +38,7 @@ class Storm {
         const char* name;
         void (Storm::*act)();
     };
-    static const Action ACTIONS[];
+    static const Action kActions[];
 
     uint32_t draw() { return static_cast<uint32_t>(random_()); }
     uint32_t upTo(uint32_t limit) { return draw() % limit; }

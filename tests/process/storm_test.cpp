@@ -22,8 +22,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int STEPS = 6000;
-constexpr int REPORTED = 99;  // exit status after a report
+constexpr int kStepsDefault = 6000;
+constexpr int kReported = 99;  // exit status after a report
 
 int fromEnvironment(const char* name, int otherwise) {
     const char* const value = getenv(name);
@@ -79,7 +79,7 @@ class StormTest : public testing::Test {
 };
 
 TEST_F(StormTest, LeavesNoReport) {
-    const int steps = fromEnvironment("UAFD_STORM_STEPS", STEPS);
+    const int steps = fromEnvironment("UAFD_STORM_STEPS", kStepsDefault);
     const int descriptors = daemon.descriptors();
     const int threads = daemon.threads();
     ASSERT_TRUE(storm.rage(steps)) << whatHappened(daemon);
@@ -129,7 +129,7 @@ TEST_F(StormTest, AppThatStarvesTheFrameBufferLeavesNoReport) {
 // The one way in which the daemon ends.
 TEST(ProcessTest, FailedStartLeavesNoReport) {
     const process::Root root;
-    std::filesystem::create_directory(root.path(process::SOCKET_TX));
+    std::filesystem::create_directory(root.path(process::kSocketTx));
     root.makeFifos();
     App app(root);
     app.start();
@@ -149,11 +149,11 @@ class PlantedTest : public StormTest, public testing::WithParamInterface<Planted
 // Shows that the process is watched.
 TEST_P(PlantedTest, IsReported) {
     daemon.command(std::string("plant ") + GetParam().defect);
-    EXPECT_EQ(REPORTED, daemon.end());
+    EXPECT_EQ(kReported, daemon.end());
     EXPECT_THAT(daemon.report(), HasSubstr(GetParam().report));
 }
 
-const std::vector<Planted> PLANTED {
+const std::vector<Planted> kPlanted {
 #if __has_feature(thread_sanitizer)
     {"race", "data race"},
 #else
@@ -162,7 +162,7 @@ const std::vector<Planted> PLANTED {
 #endif
 };
 
-INSTANTIATE_TEST_SUITE_P(Storm, PlantedTest, testing::ValuesIn(PLANTED),
+INSTANTIATE_TEST_SUITE_P(Storm, PlantedTest, testing::ValuesIn(kPlanted),
                          [](const auto& info) { return std::string(info.param.defect); });
 
 }  // namespace

@@ -8,24 +8,25 @@
 
 namespace process {
 
-// To the daemon, a packet each: RECORD and what one read of the gadget control device gives, or
-// COMMAND and a text that daemon_process.cpp obeys, on the daemon's main thread, between two reads.
-constexpr int CONTROL_FD = 100;
-constexpr char RECORD = 'r';
-constexpr char COMMAND = 'c';
+// To the daemon, a packet each: kRecord and what one read of the gadget control device gives, or
+// kCommand and a text that daemon_process.cpp obeys, on the daemon's main thread, between two
+// reads.
+constexpr int kControlFd = 100;
+constexpr char kRecord = 'r';
+constexpr char kCommand = 'c';
 
 // From the daemon, a text each: "ioctl CODE VALUE" and "system COMMAND" when it asked for them,
 // "echo WORD" in answer to the command of that name.
-constexpr int NOTES_FD = 101;
+constexpr int kNotesFd = 101;
 
 // To the daemon: a UeventSender, then the message that the uevent socket gives.
-constexpr int UEVENT_FD = 102;
+constexpr int kUeventFd = 102;
 struct UeventSender {
     uint32_t pid;     // 0: the kernel
     uint32_t groups;  // 1: to everybody
 };
 
 // How much faster than in real time the daemon's sleeps end and its sound cards play.
-constexpr int SPEED = 100;
+constexpr int kSpeed = 100;
 
 }  // namespace process

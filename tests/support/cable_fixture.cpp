@@ -25,7 +25,7 @@ Receive usbState(const std::string& state) {
 }
 
 fake_log::Line usbStateLine(const std::string& state) {
-    return UAFCBM.debug("subsystem: android_usb, action: 3, usbstate=" + state + "\n");
+    return kCableLog.debug("subsystem: android_usb, action: 3, usbstate=" + state + "\n");
 }
 
 void Fixture::SetUp() {
@@ -63,8 +63,8 @@ void Fixture::fakeFiles() {
     };
     fake_sys::hooks().fopen = [this](const char* path, const char* mode) {
         EXPECT_STREQ("r", mode);
-        EXPECT_TRUE(path == USB_PATH || path == PLUG_PATH) << path;
-        const char* const name = path == USB_PATH ? "/usb" : "/plug";
+        EXPECT_TRUE(path == kUsbStatePath || path == kPlugStatePath) << path;
+        const char* const name = path == kUsbStatePath ? "/usb" : "/plug";
         return fake_sys::real::fopen((folder.path() + name).c_str(), mode);
     };
 }
@@ -73,11 +73,11 @@ void Fixture::fakeSocket() {
     fake_sys::hooks().socket = [this](int domain, int type, int protocol) {
         EXPECT_EQ((std::vector<int>{16, 2, 15}), (std::vector<int>{domain, type, protocol}));
         calls.push_back("socket");
-        return NL_SOCK;
+        return kNetlinkSocket;
     };
     fake_sys::hooks().setsockopt = [this](int fd, int level, int name, const void* value,
                                           socklen_t length) {
-        EXPECT_EQ((std::vector<int>{NL_SOCK, SOL_SOCKET, SO_RCVTIMEO}),
+        EXPECT_EQ((std::vector<int>{kNetlinkSocket, SOL_SOCKET, SO_RCVTIMEO}),
                   (std::vector<int>{fd, level, name}));
         EXPECT_EQ(sizeof(timeval), length);
         EXPECT_EQ(1, static_cast<const timeval*>(value)->tv_sec);
@@ -86,7 +86,7 @@ void Fixture::fakeSocket() {
         return -1;
     };
     fake_sys::hooks().bind = [this](int fd, const sockaddr* address, socklen_t length) {
-        EXPECT_EQ(NL_SOCK, fd);
+        EXPECT_EQ(kNetlinkSocket, fd);
         EXPECT_EQ(12U, length);
         const auto* const own = reinterpret_cast<const sockaddr_nl*>(address);
         EXPECT_EQ(AF_NETLINK, own->nl_family);
@@ -96,7 +96,7 @@ void Fixture::fakeSocket() {
         return 0;
     };
     fake_sys::hooks().close = [this](int fd) {
-        if (fd != NL_SOCK)
+        if (fd != kNetlinkSocket)
             return fake_sys::real::close(fd);
         calls.push_back("close");
         return 0;
@@ -117,7 +117,7 @@ void Fixture::run(CableMon& monitor, std::vector<Receive> answers) {
 
 // Each message must come with everything set up again; all of it is spoilt for the next.
 ssize_t Fixture::answer(const Receive& receive, int fd, msghdr& header, int flags) {
-    EXPECT_EQ(NL_SOCK, fd);
+    EXPECT_EQ(kNetlinkSocket, fd);
     EXPECT_EQ(0, flags);
     EXPECT_EQ(12U, header.msg_namelen);
     EXPECT_EQ(1U, header.msg_iovlen);
@@ -140,7 +140,7 @@ ssize_t Fixture::answer(const Receive& receive, int fd, msghdr& header, int flag
 }
 
 Receive Fixture::check(const std::string& usb, const std::string& plug) {
-    Receive tick = TICK;
+    Receive tick = kTick;
     tick.before = [this, usb, plug] {
         setUsb(usb + "\n");
         setPlug(plug + "\n");
@@ -154,7 +154,7 @@ Lines Fixture::linesInLoop() {
     for (const fake_log::Line& line : fake_log::lines()) {
         if (inside)
             lines.push_back(line);
-        inside = inside || line == UAFCBM.debug("enter loop\n");
+        inside = inside || line == kCableLog.debug("enter loop\n");
     }
     EXPECT_TRUE(inside) << "the loop was not entered";
     return lines;

@@ -21,18 +21,18 @@
 
 namespace cable {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using Lines = std::vector<fake_log::Line>;
 using Messages = std::vector<IpcService::Message>;
 using Strings = std::vector<std::string>;
 
-constexpr int NL_SOCK = 903;
-inline const std::string USB_PATH = "/sys/devices/virtual/android_usb/android0/state";
-inline const std::string PLUG_PATH =
+constexpr int kNetlinkSocket = 903;
+inline const std::string kUsbStatePath = "/sys/devices/virtual/android_usb/android0/state";
+inline const std::string kPlugStatePath =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
 
-inline const fake_log::Line TICK_LINE = UAFCBM.debug(
+inline const fake_log::Line kTickLine = kCableLog.debug(
     "recvmsg error: <-1:11:Resource temporarily unavailable> - likely a timeout for RK-based "
     "SoC\n");
 
@@ -47,7 +47,7 @@ struct Receive {
     std::function<void()> before = {};
 };
 
-inline const Receive TICK = {"", -1, EAGAIN};
+inline const Receive kTick = {"", -1, EAGAIN};
 
 // A message of these strings, each with its end.
 Receive uevent(std::initializer_list<std::string> strings);

@@ -14,7 +14,7 @@ void Test::SetUp() {
         return 0;
     };
     forget();
-    channel.setDevName(FIFO, PCM);
+    channel.setDevName(kFifoPath, kPcmName);
 }
 
 void Test::TearDown() {

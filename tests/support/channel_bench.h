@@ -17,11 +17,11 @@
 
 namespace channel_bench {
 
-constexpr char FIFO[] = "/tmp/usbAudioFifoTx";
-constexpr char PCM[] = "hw:1";
-constexpr pthread_t OLD_WORKER = 41;
-const fake_ipc::Message ON_MESSAGE{TestChannel::MSG_TYPE, 1};
-const fake_ipc::Message OFF_MESSAGE{TestChannel::MSG_TYPE, 0};
+constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
+constexpr char kPcmName[] = "hw:1";
+constexpr pthread_t kOldWorker = 41;
+const fake_ipc::Message kOnMessage{TestChannel::kMsgType, 1};
+const fake_ipc::Message kOffMessage{TestChannel::kMsgType, 0};
 
 class Test : public fake_alsa::Test {
   protected:

@@ -23,9 +23,9 @@
 #include "tests/support/temp_dir.h"
 #include "tests/support/thread_state.h"
 
-constexpr char PCM[] = "hw:1";
-constexpr uint32_t SINK_MESSAGE = 1;
-constexpr uint32_t SOURCE_MESSAGE = 2;
+constexpr char kPcmName[] = "hw:1";
+constexpr uint32_t kSinkMessage = 1;
+constexpr uint32_t kSourceMessage = 2;
 
 // Waits for a condition; the deadline only ends a test that has failed.
 template <typename Condition>
@@ -106,8 +106,8 @@ class ChannelLifecycleTest : public fake_alsa::Test {
     }
 
     void setNames() {
-        source.setDevName(sourceFifo.c_str(), PCM);
-        sink.setDevName(sinkFifo.c_str(), PCM);
+        source.setDevName(sourceFifo.c_str(), kPcmName);
+        sink.setDevName(sinkFifo.c_str(), kPcmName);
     }
 
     // For a channel that is on, without the app: a FIFO in the place of the one that it opens.
@@ -119,7 +119,7 @@ class ChannelLifecycleTest : public fake_alsa::Test {
 
     // Both types' on and off messages must alternate, an on first.
     void expectAlternatingMessages() {
-        for (const uint32_t type : {SINK_MESSAGE, SOURCE_MESSAGE}) {
+        for (const uint32_t type : {kSinkMessage, kSourceMessage}) {
             uint32_t expected = 1;
             for (const fake_ipc::Message& message : fake_ipc::messages()) {
                 if (message.first == type) {

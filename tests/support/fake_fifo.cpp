@@ -32,6 +32,6 @@ void FakeFifo::install(size_t blockBytes) {
         EXPECT_EQ(openResult, fd);
         journal.push_back(command == F_SETPIPE_SZ ? "set pipe " + std::to_string(argument)
                                                   : "get pipe");
-        return command == F_GETPIPE_SZ ? GRANTED_PIPE_BYTES : -1;
+        return command == F_GETPIPE_SZ ? kGrantedPipeBytes : -1;
     };
 }

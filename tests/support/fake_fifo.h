@@ -12,8 +12,8 @@
 
 class FakeFifo {
   public:
-    static constexpr int FD = 77;
-    static constexpr int GRANTED_PIPE_BYTES = 4096;
+    static constexpr int kFd = 77;
+    static constexpr int kGrantedPipeBytes = 4096;
 
     explicit FakeFifo(std::vector<std::string>& journal) : journal(journal) {}
 
@@ -21,7 +21,7 @@ class FakeFifo {
     // block.
     void install(size_t blockBytes);
 
-    int openResult = FD;  // -1 fails with ENOENT
+    int openResult = kFd;  // -1 fails with ENOENT
     // What the app gives and takes: the result of a read or write. As they are, whole blocks.
     std::function<ssize_t(int16_t* samples, size_t bytes)> onRead;
     std::function<ssize_t(const int16_t* samples, size_t bytes)> onWrite;

@@ -10,8 +10,8 @@
 
 namespace fake_log {
 
-constexpr int DEBUG = 3;
-constexpr int ERROR = 6;
+constexpr int kDebug = 3;
+constexpr int kError = 6;
 
 struct Line {
     int priority;      // ANDROID_LOG_*
@@ -24,23 +24,23 @@ struct Line {
 };
 std::ostream& operator<<(std::ostream& out, const Line& line);
 
-// A module's lines as a test expects them: UAFSRC.error("...").
+// A module's lines as a test expects them: kSourceLog.error("...").
 struct Tag {
     const char* name;
 
-    Line debug(const std::string& text) const { return {DEBUG, name, text}; }
-    Line error(const std::string& text) const { return {ERROR, name, text}; }
+    Line debug(const std::string& text) const { return {kDebug, name, text}; }
+    Line error(const std::string& text) const { return {kError, name, text}; }
     // Those of the log under this tag.
     std::vector<Line> lines() const;
 };
-constexpr Tag UAFIFO{"UAFIFO"};  // daemon
-constexpr Tag UAFCH{"UAFCH"};    // channel: both
-constexpr Tag UAFSRC{"UAFSRC"};  // channel: the source
-constexpr Tag UAFSNK{"UAFSNK"};  // channel: the sink
-constexpr Tag UAFSND{"UAFSND"};  // alsa
-constexpr Tag UAFIPC{"UAFIPC"};  // ipc
-constexpr Tag UAFCBM{"UAFCBM"};  // cable
-constexpr Tag UAFTAG{"UAFTAG"};  // what tests give to parts that log under their user's tag
+constexpr Tag kDaemonLog{"UAFIFO"};  // daemon
+constexpr Tag kChannelLog{"UAFCH"};  // channel: both
+constexpr Tag kSourceLog{"UAFSRC"};  // channel: the source
+constexpr Tag kSinkLog{"UAFSNK"};    // channel: the sink
+constexpr Tag kAlsaLog{"UAFSND"};    // alsa
+constexpr Tag kIpcLog{"UAFIPC"};     // ipc
+constexpr Tag kCableLog{"UAFCBM"};   // cable
+constexpr Tag kTestLog{"UAFTAG"};    // what tests give to parts that log under their user's tag
 
 // Every line since the last clear(), oldest first.
 std::vector<Line> lines();

@@ -8,17 +8,17 @@
 
 namespace {
 
-constexpr int NEVER = -1;
-std::atomic<int> successesLeft{NEVER};
+constexpr int kNever = -1;
+std::atomic<int> successesLeft{kNever};
 
 bool failsNow() {
-    return successesLeft.load() != NEVER && successesLeft.fetch_sub(1) == 0;
+    return successesLeft.load() != kNever && successesLeft.fetch_sub(1) == 0;
 }
 
-constexpr int DIRT = 0xA5;
+constexpr int kDirt = 0xA5;
 
 void* dirtied(void* memory, std::size_t size) {
-    return memory != nullptr ? memset(memory, DIRT, size) : nullptr;
+    return memory != nullptr ? memset(memory, kDirt, size) : nullptr;
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ void failAfter(int successes) {
 }
 
 void reset() {
-    successesLeft = NEVER;
+    successesLeft = kNever;
 }
 
 }  // namespace fake_new

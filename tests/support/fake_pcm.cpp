@@ -14,9 +14,9 @@ using fake_alsa::isUsable;
 using fake_alsa::lock;
 __extension__ using Wide = __int128;
 
-constexpr Wide FEMTO = 1000000000000000;  // ns in a second times microhertz in a hertz
-constexpr int64_t NS_PER_MS = 1000000;
-constexpr int64_t FOREVER_NS = 10000000000;  // a blocking transfer that makes no progress fails
+constexpr Wide kFemto = 1000000000000000;  // ns in a second times microhertz in a hertz
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kForeverNs = 10000000000;  // a blocking transfer that makes no progress fails
 
 std::vector<std::unique_ptr<snd_pcm_t>>& pcms() {
     static auto* const all = new std::vector<std::unique_ptr<snd_pcm_t>>;
@@ -48,12 +48,12 @@ bool isOpen(const snd_pcm_t* pcm) {
 // ---- The device --------------------------------------------------------------------------------
 
 uint64_t snd_pcm_t::deviceFrames() const {
-    return static_cast<uint64_t>(runNs * microHertz(*this) / FEMTO);
+    return static_cast<uint64_t>(runNs * microHertz(*this) / kFemto);
 }
 
 int64_t snd_pcm_t::nsUntil(uint64_t frames) const {
     const Wide hz = microHertz(*this);
-    return static_cast<int64_t>((frames * FEMTO + hz - 1) / hz) - runNs;
+    return static_cast<int64_t>((frames * kFemto + hz - 1) / hz) - runNs;
 }
 
 snd_pcm_sframes_t snd_pcm_t::avail() const {
@@ -187,7 +187,7 @@ namespace device {
 
 int wait(snd_pcm_t* pcm, int timeoutMs) {
     const Guard guard(lock());
-    return pcm->waitForAvail(pcm->sw.availMin, timeoutMs < 0 ? FOREVER_NS : timeoutMs * NS_PER_MS);
+    return pcm->waitForAvail(pcm->sw.availMin, timeoutMs < 0 ? kForeverNs : timeoutMs * kNsPerMs);
 }
 
 snd_pcm_state_t state(snd_pcm_t* pcm) {
@@ -206,7 +206,7 @@ snd_pcm_sframes_t readi(snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t fram
     if (pcm->state == SND_PCM_STATE_PREPARED && frames >= pcm->sw.startThreshold) {
         pcm->state = SND_PCM_STATE_RUNNING;
     }
-    const int ready = pcm->waitForAvail(frames, FOREVER_NS);
+    const int ready = pcm->waitForAvail(frames, kForeverNs);
     if (ready != 1) {
         return ready < 0 ? ready : -EIO;
     }
@@ -220,7 +220,7 @@ snd_pcm_sframes_t readi(snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t fram
 
 snd_pcm_sframes_t writei(snd_pcm_t* pcm, const int16_t*, snd_pcm_uframes_t frames) {
     const Guard guard(lock());
-    const int ready = pcm->waitForAvail(frames, FOREVER_NS);
+    const int ready = pcm->waitForAvail(frames, kForeverNs);
     if (ready != 1) {
         return ready < 0 ? ready : -EIO;
     }

@@ -10,8 +10,8 @@ using fake_alsa::nameOf;
 namespace {
 
 // What a driver chooses when it is not asked for a size.
-constexpr snd_pcm_uframes_t DEFAULT_BUFFER = 4096;
-constexpr snd_pcm_uframes_t DEFAULT_PERIOD = 1024;
+constexpr snd_pcm_uframes_t kDefaultBuffer = 4096;
+constexpr snd_pcm_uframes_t kDefaultPeriod = 1024;
 
 }  // namespace
 
@@ -23,8 +23,8 @@ size_t snd_pcm_hw_params_sizeof() {
 
 int snd_pcm_hw_params_any(snd_pcm_t* pcm, snd_pcm_hw_params_t* params) {
     return answerPcm("snd_pcm_hw_params_any", pcm, nameOf(pcm) + fillOf(params), [params] {
-        params->buffer = DEFAULT_BUFFER;
-        params->period = DEFAULT_PERIOD;
+        params->buffer = kDefaultBuffer;
+        params->period = kDefaultPeriod;
         return 0;
     });
 }

@@ -28,7 +28,7 @@ const MsgQueue& IpcService::queue() {
 void IpcService::hold() {
     fake_sys::Hooks& hooks = fake_sys::hooks();
     hooks.socket = [this](int domain, int type, int protocol) {
-        const int fd = ++sockets == 1 ? TX_SOCK : RX_SOCK;
+        const int fd = ++sockets == 1 ? kTxSocket : kRxSocket;
         note("socket", domain, type, protocol);
         return fd;
     };
@@ -42,7 +42,7 @@ void IpcService::hold() {
         return 0;
     };
     hooks.close = [this](int fd) {
-        if (fd != TX_SOCK && fd != RX_SOCK) {
+        if (fd != kTxSocket && fd != kRxSocket) {
             return fake_sys::real::close(fd);
         }
         calls.push_back("close " + std::to_string(fd));

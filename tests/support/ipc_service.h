@@ -15,8 +15,8 @@
 class IpcService {
   public:
     using Message = std::pair<uint32_t, uint32_t>;  // type, data
-    static constexpr int TX_SOCK = 901;
-    static constexpr int RX_SOCK = 902;
+    static constexpr int kTxSocket = 901;
+    static constexpr int kRxSocket = 902;
 
     IpcService() { renewQueue(); }
 

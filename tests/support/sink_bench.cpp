@@ -5,7 +5,7 @@ namespace sink_bench {
 
 Period Test::stereoFrom(uint64_t frame) {
     Period period;
-    for (uint64_t i = 0; i < PERIOD_SAMPLES / 2; ++i) {
+    for (uint64_t i = 0; i < kPeriodSamples / 2; ++i) {
         period.insert(period.end(), 2, fake_alsa::capturedSample(frame + i));
     }
     return period;
@@ -20,14 +20,14 @@ void Test::SetUp() {
     threads.install();
     threads.onSleep = [this](long ns) { pausesNs.push_back(ns); };
     fake_sys::hooks().sigaction = [](auto...) { return 0; };
-    fifo.install(PERIOD_SAMPLES * sizeof(int16_t));
+    fifo.install(kPeriodSamples * sizeof(int16_t));
     fifo.onWrite = [this](const int16_t* samples, size_t bytes) {
-        written.emplace_back(samples, samples + PERIOD_SAMPLES);
+        written.emplace_back(samples, samples + kPeriodSamples);
         return onWrite ? onWrite(static_cast<int>(written.size())) : static_cast<ssize_t>(bytes);
     };
     fake_alsa::hooks().before = [this](const std::string& call) { onAlsaCall(call); };
     snk = std::make_unique<UafSnk>();
-    snk->setDevName(FIFO_RX_PATH, "hw:1");
+    snk->setDevName(kFifoRxPath, "hw:1");
 }
 
 void Test::TearDown() {

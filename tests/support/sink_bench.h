@@ -23,8 +23,8 @@
 
 namespace sink_bench {
 
-constexpr int64_t NS_PER_MS = 1000000;
-constexpr size_t PERIOD_SAMPLES = 480;  // of one period in the FIFO: 240 frames, stereo
+constexpr int64_t kNsPerMs = 1000000;
+constexpr size_t kPeriodSamples = 480;  // of one period in the FIFO: 240 frames, stereo
 
 using Period = std::vector<int16_t>;
 
@@ -39,11 +39,11 @@ class Test : public fake_alsa::Test {
     // On, and passes until the channel has stopped by itself.
     void runUntilStopped();
 
-    static Period silence() { return Period(PERIOD_SAMPLES, 0); }
+    static Period silence() { return Period(kPeriodSamples, 0); }
     // The stereo period that begins with this captured frame.
     static Period stereoFrom(uint64_t frame);
     // What the log holds under the channel's own tag.
-    static std::vector<fake_log::Line> log() { return fake_log::UAFSNK.lines(); }
+    static std::vector<fake_log::Line> log() { return fake_log::kSinkLog.lines(); }
 
     FakeFiles files;
     std::unique_ptr<UafSnk> snk;

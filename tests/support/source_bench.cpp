@@ -6,7 +6,7 @@
 
 namespace source_bench {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 
 void Test::SetUp() {
     fake_alsa::Test::SetUp();
@@ -28,9 +28,9 @@ void Test::SetUp() {
         EXPECT_EQ(bufferThread.id, id);
         return ESRCH;
     };
-    fifo.install(BLOCK_BYTES);
+    fifo.install(kBlockBytes);
     source = std::make_unique<OpenSource>();
-    source->setDevName(FIFO, PCM);
+    source->setDevName(kFifoPath, kPcmName);
     forget();
 }
 
@@ -72,7 +72,7 @@ void Test::forget() {
 }
 
 void Test::openFifo() {
-    ASSERT_TRUE(source->fifo.openEnd(FIFO, O_RDONLY, BLOCK_BYTES, "UAFSRC"));
+    ASSERT_TRUE(source->fifo.openEnd(kFifoPath, O_RDONLY, kBlockBytes, "UAFSRC"));
     forget();
 }
 
@@ -132,7 +132,8 @@ void Test::failStartAt(const std::string& function, int step) {
     fake_alsa::answerAt(function, 1, -ENODEV);
     EXPECT_EQ(-1, source->intfUpdate(true)) << function;
     EXPECT_EQ(UAFCH_STOPPED, source->state);
-    const auto report = UAFSRC.error("error at uafStart@" + std::to_string(step) + ": rc=-19\n");
+    const auto report =
+        kSourceLog.error("error at uafStart@" + std::to_string(step) + ": rc=-19\n");
     EXPECT_EQ(1, fake_log::count(report)) << function;
     EXPECT_EQ(std::vector<fake_ipc::Message>{}, fake_ipc::messages());
 }

@@ -23,11 +23,11 @@
 
 namespace source_bench {
 
-constexpr char FIFO[] = "/tmp/usbAudioFifoTx";
-constexpr char PCM[] = "hw:1";
-constexpr int BLOCK_BYTES = 1920;
-constexpr int BLOCK_SAMPLES = 480;
-constexpr int FRAME_SAMPLES = 240;
+constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
+constexpr char kPcmName[] = "hw:1";
+constexpr int kBlockBytes = 1920;
+constexpr int kBlockSamples = 480;
+constexpr int kFrameSamples = 240;
 
 inline fake_log::Line base(int priority, const std::string& text) {
     return {priority, "UAFCH", text};
@@ -35,7 +35,7 @@ inline fake_log::Line base(int priority, const std::string& text) {
 
 // What the log holds under the channel's own tag.
 inline std::vector<fake_log::Line> ownLines() {
-    return fake_log::UAFSRC.lines();
+    return fake_log::kSourceLog.lines();
 }
 
 // What the base keeps for derived channels lies open to tests.

@@ -11,10 +11,10 @@
 
 class TestChannel : public UafCh {
   public:
-    static constexpr int MSG_TYPE = 7;
+    static constexpr int kMsgType = 7;
 
     explicit TestChannel(std::vector<std::string>& journalOfTest)
-        : UafCh(MSG_TYPE), journal(journalOfTest) {}
+        : UafCh(kMsgType), journal(journalOfTest) {}
 
     void uafLoop() override {
         journal.push_back("loop");

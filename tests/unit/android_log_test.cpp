@@ -26,8 +26,8 @@ int __real_clock_gettime(clockid_t clock, timespec* now);
 namespace {
 
 // 2023-11-14 22:13:20.007 UTC
-constexpr timespec SOME_TIME = {1700000000, 7999999};
-timespec fakeNow = SOME_TIME;
+constexpr timespec kSomeTime = {1700000000, 7999999};
+timespec fakeNow = kSomeTime;
 std::atomic<int> betweenPollAndWrite{0};
 std::atomic<int> mostBetweenPollAndWrite{0};
 std::atomic<int> interruptedWrites{0};  // still to come
@@ -76,7 +76,7 @@ void onSigpipe(int) {
 class AndroidLogTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fakeNow = SOME_TIME;
+        fakeNow = kSomeTime;
         sigpipes = 0;
         savedStderr = dup(STDERR_FILENO);
         int ends[2];

@@ -24,19 +24,19 @@
 
 namespace {
 
-using fake_log::UAFTAG;
+using fake_log::kTestLog;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr size_t BLOCK_BYTES = 960;
-constexpr const char* TAG = UAFTAG.name;
+constexpr size_t kBlockBytes = 960;
+constexpr const char* kTag = kTestLog.name;
 
 // ---- The calls that are made -------------------------------------------------------------------
 
 class AppFifoTest : public fake_sys::Test {
   protected:
     bool open(const char* path = "/tmp/fifo") {
-        return fifo.openEnd(path, O_WRONLY, BLOCK_BYTES, TAG);
+        return fifo.openEnd(path, O_WRONLY, kBlockBytes, kTag);
     }
 
     AppFifo fifo;
@@ -75,7 +75,7 @@ TEST_F(AppFifoTest, OpensThePathAndReportsTheCapacityThatWasGranted) {
     EXPECT_TRUE(fifo.isPipe());
     EXPECT_THAT(calls, ElementsAre("/tmp/fifo 1", "5 set 960", "5 get "));
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFTAG.debug("/tmp/fifo opened buffer size 4096\n")));
+                ElementsAre(kTestLog.debug("/tmp/fifo opened buffer size 4096\n")));
 }
 
 TEST_F(AppFifoTest, AnythingElseInTheFifosPlaceIsNoPipe) {
@@ -84,7 +84,8 @@ TEST_F(AppFifoTest, AnythingElseInTheFifosPlaceIsNoPipe) {
     EXPECT_TRUE(open());
     EXPECT_TRUE(fifo.isOpen());
     EXPECT_FALSE(fifo.isPipe());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("/tmp/fifo opened buffer size -1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kTestLog.debug("/tmp/fifo opened buffer size -1\n")));
 }
 
 TEST_F(AppFifoTest, AFailedOpenLeavesItClosed) {
@@ -96,7 +97,7 @@ TEST_F(AppFifoTest, AFailedOpenLeavesItClosed) {
     EXPECT_FALSE(open());
     EXPECT_FALSE(fifo.isOpen());
     EXPECT_FALSE(fifo.wasLetOut());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open /tmp/fifo\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.error("failed to open /tmp/fifo\n")));
 }
 
 TEST_F(AppFifoTest, AnUnsetPathFailsWithoutAnOpen) {
@@ -106,7 +107,7 @@ TEST_F(AppFifoTest, AnUnsetPathFailsWithoutAnOpen) {
     };
     EXPECT_FALSE(open(nullptr));
     EXPECT_FALSE(fifo.isOpen());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.error("failed to open (null)\n")));
 }
 
 TEST_F(AppFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
@@ -142,7 +143,7 @@ TEST_F(AppFifoTest, WhatASignalInterruptsIsDoneAgain) {
     fake_sys::hooks().open = [&](const char*, int) { return interruptedTwice(5); };
     fake_sys::hooks().read = [&](int, void*, size_t) { return interruptedTwice(7); };
     fake_sys::hooks().write = [&](int, const void*, size_t) { return interruptedTwice(9); };
-    char block[BLOCK_BYTES] = {};
+    char block[kBlockBytes] = {};
     EXPECT_TRUE(open());
     EXPECT_EQ(7, fifo.read(block, sizeof block));
     EXPECT_EQ(9, fifo.write(block, sizeof block));
@@ -161,7 +162,7 @@ TEST_F(AppFifoTest, OtherErrorsEndEachCallAtOnce) {
     fake_sys::hooks().open = [&](const char*, int) { return fail(EACCES); };
     fake_sys::hooks().read = [&](int, void*, size_t) { return fail(EIO); };
     fake_sys::hooks().write = [&](int, const void*, size_t) { return fail(EPIPE); };
-    char block[BLOCK_BYTES] = {};
+    char block[kBlockBytes] = {};
     EXPECT_FALSE(open());
     EXPECT_EQ(-1, fifo.read(block, sizeof block));
     EXPECT_EQ(EIO, errno);
@@ -216,7 +217,7 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
         });
     }
     void startOpening() {
-        startUser([this] { opened = fifo.openEnd(path.c_str(), GetParam(), BLOCK_BYTES, TAG); });
+        startUser([this] { opened = fifo.openEnd(path.c_str(), GetParam(), kBlockBytes, kTag); });
     }
     // Of the calls that the thread makes once its number is known, only those on the FIFO sleep.
     void waitUntilAsleep() const {
@@ -268,7 +269,7 @@ TEST_P(AppFifoWaitTest, ALookFindsThatTheFifoHasGone) {
     user.join();
     EXPECT_FALSE(opened);
     EXPECT_FALSE(fifo.wasLetOut());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.error("failed to open " + path + "\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.error("failed to open " + path + "\n")));
 }
 
 // The thread has found the old FIFO, but does not wait yet: the first signal is lost.
@@ -369,11 +370,11 @@ TEST_P(AppFifoWaitTest, WaitsAreAllowedAgain) {
 TEST_P(AppFifoWaitTest, TheStopEndsAReadOrAWriteAndTheFifoStaysOpen) {
     int app = -1;
     startUser([&] { app = openOtherEnd(); });
-    ASSERT_TRUE(fifo.openEnd(path.c_str(), GetParam(), BLOCK_BYTES, TAG));
+    ASSERT_TRUE(fifo.openEnd(path.c_str(), GetParam(), kBlockBytes, kTag));
     user.join();
     ssize_t result = 0;
     startUser([&] {
-        std::array<char, BLOCK_BYTES> block{};
+        std::array<char, kBlockBytes> block{};
         userTid = gettid();
         do {
             result = GetParam() == O_RDONLY ? fifo.read(block.data(), block.size())

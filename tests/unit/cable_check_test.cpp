@@ -12,13 +12,13 @@
 
 namespace {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using namespace cable;
 
-const fake_log::Line RESTART_LINE = UAFCBM.debug(
+const fake_log::Line kRestartLine = kCableLog.debug(
     "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
     "property: mtp,adb");
-const fake_log::Line ISSUE_LINE = UAFCBM.debug("Issue: setprop sys.usb.config mtp,adb\n\n");
+const fake_log::Line kIssueLine = kCableLog.debug("Issue: setprop sys.usb.config mtp,adb\n\n");
 
 class CableCheckTest : public cable::Fixture {
   protected:
@@ -42,7 +42,7 @@ class CableCheckTest : public cable::Fixture {
 
 TEST_F(CableCheckTest, ThirdFaultInARowRestartsTheController) {
     run({fault(), fault(), fault()});
-    EXPECT_EQ((Lines{TICK_LINE, TICK_LINE, TICK_LINE, RESTART_LINE, ISSUE_LINE}), linesInLoop());
+    EXPECT_EQ((Lines{kTickLine, kTickLine, kTickLine, kRestartLine, kIssueLine}), linesInLoop());
     EXPECT_EQ((Strings{"setprop sys.usb.config mtp,adb\n"}), commands);
     EXPECT_EQ(Messages{}, service.take());
 }
@@ -87,8 +87,8 @@ TEST_F(CableCheckTest, EveryReceiveErrorIsATick) {
     ticks[1].error = EINTR;
     EXPECT_EQ(1U, restartsAfter(ticks));
     EXPECT_EQ(
-        UAFCBM.debug("recvmsg error: <-1:105:No buffer space available> - likely a timeout for "
-                     "RK-based SoC\n"),
+        kCableLog.debug("recvmsg error: <-1:105:No buffer space available> - likely a timeout for "
+                        "RK-based SoC\n"),
         linesInLoop()[0]);
 }
 
@@ -126,7 +126,7 @@ TEST_F(CableCheckTest, ReadingThatFailsHoldsTheCountAndIsNotLogged) {
             };
             fake_log::clear();
             EXPECT_EQ(1U, restartsAfter({fault(), fault(), failing, fault()})) << name << missing;
-            EXPECT_EQ((Lines{TICK_LINE, TICK_LINE, TICK_LINE, TICK_LINE, RESTART_LINE, ISSUE_LINE}),
+            EXPECT_EQ((Lines{kTickLine, kTickLine, kTickLine, kTickLine, kRestartLine, kIssueLine}),
                       linesInLoop());
         }
     }
@@ -150,10 +150,10 @@ TEST_F(CableCheckTest, UnsetConfigurationIsIssuedEmpty) {
     std::filesystem::remove(folder.path() + "/sys.usb.config");
     run(threeFaults());
     EXPECT_EQ((Strings{"setprop sys.usb.config \n"}), commands);
-    EXPECT_EQ(1, fake_log::count(
-                     UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the "
-                                  "plug. Restart UDC with property: ")));
-    EXPECT_EQ(1, fake_log::count(UAFCBM.debug("Issue: setprop sys.usb.config \n\n")));
+    EXPECT_EQ(1, fake_log::count(kCableLog.debug(
+                     "Cable plugged without android_usb subsystem acknowledging the "
+                     "plug. Restart UDC with property: ")));
+    EXPECT_EQ(1, fake_log::count(kCableLog.debug("Issue: setprop sys.usb.config \n\n")));
 }
 
 TEST_F(CableCheckTest, LongestConfigurationIsIssuedWhole) {
@@ -170,14 +170,14 @@ TEST_F(CableCheckTest, ConfigurationThatAShellWouldActUponIsLoggedButNotIssued) 
         fake_log::clear();
         EXPECT_EQ(0U, restartsAfter(threeFaults())) << value;
         EXPECT_EQ(
-            (Lines{
-                TICK_LINE, TICK_LINE, TICK_LINE,
-                UAFCBM.debug("Cable plugged without android_usb subsystem acknowledging the plug. "
-                             "Restart UDC with property: " +
-                             value),
-                UAFCBM.debug("Issue: setprop sys.usb.config " + value + "\n\n"),
-                UAFCBM.error("not issued: the value holds characters that a shell could act "
-                             "upon\n")}),
+            (Lines{kTickLine, kTickLine, kTickLine,
+                   kCableLog.debug(
+                       "Cable plugged without android_usb subsystem acknowledging the plug. "
+                       "Restart UDC with property: " +
+                       value),
+                   kCableLog.debug("Issue: setprop sys.usb.config " + value + "\n\n"),
+                   kCableLog.error("not issued: the value holds characters that a shell could act "
+                                   "upon\n")}),
             linesInLoop());
     }
 }

@@ -17,7 +17,7 @@
 
 namespace {
 
-using fake_log::UAFCBM;
+using fake_log::kCableLog;
 using namespace cable;
 
 using CableMonTest = cable::Fixture;
@@ -46,7 +46,7 @@ TEST_F(CableMonTest, OnlyTheCheckedControllerGetsATimeoutAndItsFailureIsIgnored)
 TEST_F(CableMonTest, SocketFails) {
     fake_sys::hooks().socket = fake_sys::failing(EMFILE);
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{UAFCBM.error("opening netlink socket failed: <24:Too many open files>\n")}),
+    EXPECT_EQ((Lines{kCableLog.error("opening netlink socket failed: <24:Too many open files>\n")}),
               fake_log::lines());
     EXPECT_EQ(Strings{}, calls);
 }
@@ -54,7 +54,7 @@ TEST_F(CableMonTest, SocketFails) {
 TEST_F(CableMonTest, BindFailsAndTheSocketIsClosedOnce) {
     fake_sys::hooks().bind = fake_sys::failing(EADDRINUSE);
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{UAFCBM.error("bind failed: <98:Address already in use>\n")}),
+    EXPECT_EQ((Lines{kCableLog.error("bind failed: <98:Address already in use>\n")}),
               fake_log::lines());
     EXPECT_EQ((Strings{"socket", "close"}), calls);
     fake_sys::hooks().socket = [](int, int, int) { return -1; };
@@ -74,9 +74,10 @@ TEST_F(CableMonTest, FailedCloseIsLogged) {
     fake_sys::hooks().bind = fake_sys::failing(EACCES);
     fake_sys::hooks().close = fake_sys::failing(EIO);
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{UAFCBM.error("bind failed: <13:Permission denied>\n"),
-                     UAFCBM.error("closing netlink socket failed: <-1:5:Input/output error>\n")}),
-              fake_log::lines());
+    EXPECT_EQ(
+        (Lines{kCableLog.error("bind failed: <13:Permission denied>\n"),
+               kCableLog.error("closing netlink socket failed: <-1:5:Input/output error>\n")}),
+        fake_log::lines());
 }
 
 // A thread that came to be all the same finds the monitor stopped.
@@ -93,7 +94,7 @@ TEST_F(CableMonTest, ThreadFailsWithErrnoInItsLineAndTheMonitorStopped) {
         pthread_exit(nullptr);
     };
     EXPECT_FALSE(monitor.start());
-    EXPECT_EQ((Lines{UAFCBM.error("pthread_create: <12:Cannot allocate memory>\n")}),
+    EXPECT_EQ((Lines{kCableLog.error("pthread_create: <12:Cannot allocate memory>\n")}),
               fake_log::lines());
     EXPECT_EQ((Strings{"socket", "bind", "close"}), calls);
     entry(&monitor);
@@ -103,9 +104,9 @@ TEST_F(CableMonTest, ThreadFailsWithErrnoInItsLineAndTheMonitorStopped) {
 TEST_F(CableMonTest, InitialConfiguredIsReportedToTheApp) {
     setUsb("CONFIGURED\n");
     run({});
-    EXPECT_EQ(
-        (Lines{UAFCBM.debug("Initial USB state is CONFIGURED\n\n"), UAFCBM.debug("enter loop\n")}),
-        fake_log::lines());
+    EXPECT_EQ((Lines{kCableLog.debug("Initial USB state is CONFIGURED\n\n"),
+                     kCableLog.debug("enter loop\n")}),
+              fake_log::lines());
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
@@ -114,8 +115,8 @@ TEST_F(CableMonTest, InitialOtherStateIsNotReported) {
         fake_log::clear();
         setUsb(state);
         run({usbState("DISCONNECTED")});
-        EXPECT_EQ((Lines{UAFCBM.debug("Initial USB state is " + state + "\n"),
-                         UAFCBM.debug("enter loop\n"), usbStateLine("DISCONNECTED")}),
+        EXPECT_EQ((Lines{kCableLog.debug("Initial USB state is " + state + "\n"),
+                         kCableLog.debug("enter loop\n"), usbStateLine("DISCONNECTED")}),
                   fake_log::lines());
         EXPECT_EQ(Messages{}, service.take());
     }
@@ -124,26 +125,26 @@ TEST_F(CableMonTest, InitialOtherStateIsNotReported) {
 TEST_F(CableMonTest, InitialLineIsReadUpToItsThirtyFirstCharacter) {
     setUsb("CONFIGURED" + std::string(40, 'x') + "\n");
     run({});
-    EXPECT_EQ(1, fake_log::count(UAFCBM.debug("Initial USB state is CONFIGURED" +
-                                              std::string(21, 'x') + "\n")));
+    EXPECT_EQ(1, fake_log::count(kCableLog.debug("Initial USB state is CONFIGURED" +
+                                                 std::string(21, 'x') + "\n")));
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
 TEST_F(CableMonTest, InitialStateThatCannotBeOpened) {
     std::filesystem::remove(folder.path() + "/usb");
     run({usbState("CONFIGURED")});
-    EXPECT_EQ(
-        (Lines{UAFCBM.error("opening " + USB_PATH + " failed: <2:No such file or directory>\n"),
-               UAFCBM.debug("enter loop\n"), usbStateLine("CONFIGURED")}),
-        fake_log::lines());
+    EXPECT_EQ((Lines{kCableLog.error("opening " + kUsbStatePath +
+                                     " failed: <2:No such file or directory>\n"),
+                     kCableLog.debug("enter loop\n"), usbStateLine("CONFIGURED")}),
+              fake_log::lines());
     EXPECT_EQ((Messages{{0, 1}}), service.take());
 }
 
 TEST_F(CableMonTest, InitialStateThatIsEmpty) {
     setUsb("");
     run({});
-    EXPECT_EQ((Lines{UAFCBM.error("reading " + USB_PATH + " failed: feof=1, ferror=0\n"),
-                     UAFCBM.debug("enter loop\n")}),
+    EXPECT_EQ((Lines{kCableLog.error("reading " + kUsbStatePath + " failed: feof=1, ferror=0\n"),
+                     kCableLog.debug("enter loop\n")}),
               fake_log::lines());
 }
 
@@ -158,10 +159,11 @@ TEST_F(CableMonTest, InitialStateThatFailsToReadAndToClose) {
         return fopencookie(nullptr, mode, failing);
     };
     run({});
-    EXPECT_EQ((Lines{UAFCBM.error("reading " + USB_PATH + " failed: feof=0, ferror=1\n"),
-                     UAFCBM.error("closing " + USB_PATH + " failed: <-1:5:Input/output error>\n"),
-                     UAFCBM.debug("enter loop\n")}),
-              fake_log::lines());
+    EXPECT_EQ(
+        (Lines{kCableLog.error("reading " + kUsbStatePath + " failed: feof=0, ferror=1\n"),
+               kCableLog.error("closing " + kUsbStatePath + " failed: <-1:5:Input/output error>\n"),
+               kCableLog.debug("enter loop\n")}),
+        fake_log::lines());
 }
 
 TEST_F(CableMonTest, AppHearsOfEdgesOnly) {
@@ -209,16 +211,16 @@ TEST_F(CableMonTest, OtherActionsAreLoggedWithTheirNumber) {
     run({uevent({"add@/x", "ACTION=add", "SUBSYSTEM=android_usb", "USB_STATE=CONFIGURED"}),
          uevent({"remove@/x", "ACTION=remove", "SUBSYSTEM=android_usb"}),
          uevent({"bind@/x", "ACTION=bind", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{UAFCBM.debug("subsystem: android_usb, action: 1\n"),
-                     UAFCBM.debug("subsystem: android_usb, action: 2\n"),
-                     UAFCBM.debug("subsystem: android_usb, action: 0\n")}),
+    EXPECT_EQ((Lines{kCableLog.debug("subsystem: android_usb, action: 1\n"),
+                     kCableLog.debug("subsystem: android_usb, action: 2\n"),
+                     kCableLog.debug("subsystem: android_usb, action: 0\n")}),
               linesInLoop());
     EXPECT_EQ(Messages{}, service.take());
 }
 
 TEST_F(CableMonTest, ChangeWithoutAStateIsAnError) {
     run({uevent({"change@/x", "ACTION=change", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{UAFCBM.error("usb state is NULL\n")}), linesInLoop());
+    EXPECT_EQ((Lines{kCableLog.error("usb state is NULL\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, OtherSubsystemsAndNoneAreIgnoredSilently) {
@@ -231,7 +233,7 @@ TEST_F(CableMonTest, OtherSubsystemsAndNoneAreIgnoredSilently) {
 
 TEST_F(CableMonTest, UndecodableEventIsAnError) {
     run({uevent({"no devpath", "SUBSYSTEM=android_usb"})});
-    EXPECT_EQ((Lines{UAFCBM.error("decoding netlinmk msg failed\n")}), linesInLoop());
+    EXPECT_EQ((Lines{kCableLog.error("decoding netlinmk msg failed\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
@@ -246,7 +248,7 @@ TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
         undecodable.senderGroups = groups;
         Receive empty = {"", 0, 0, pid, groups};
         run({foreign, undecodable, empty});
-        EXPECT_EQ(Lines(3, UAFCBM.error("ignoring non-kernel netlink multicast message\n")),
+        EXPECT_EQ(Lines(3, kCableLog.error("ignoring non-kernel netlink multicast message\n")),
                   linesInLoop());
     }
     EXPECT_EQ(Messages{}, service.take());
@@ -254,7 +256,7 @@ TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
 
 TEST_F(CableMonTest, EmptyMessageIsLogged) {
     run({{"", 0, 0}});
-    EXPECT_EQ((Lines{UAFCBM.debug("recvmsg returned zero\n")}), linesInLoop());
+    EXPECT_EQ((Lines{kCableLog.debug("recvmsg returned zero\n")}), linesInLoop());
 }
 
 TEST_F(CableMonTest, TruncatedMessageIsDroppedWhoeverSentIt) {
@@ -267,8 +269,8 @@ TEST_F(CableMonTest, TruncatedMessageIsDroppedWhoeverSentIt) {
     foreign.senderPid = 1;
     run({cut, foreign});
     EXPECT_EQ(
-        Lines(2, UAFCBM.error("recvmsg truncate: <2304:4:Interrupted system call>, buf size is "
-                              "2304\n")),
+        Lines(2, kCableLog.error("recvmsg truncate: <2304:4:Interrupted system call>, buf size is "
+                                 "2304\n")),
         linesInLoop());
     EXPECT_EQ(Messages{}, service.take());
 }
@@ -287,10 +289,10 @@ TEST_F(CableMonTest, OtherBoardsLogReceiveErrorsAndNeverCheck) {
     folder.write("sys.usb.controller", "fe800000.usb\n");
     const Receive faulty = check("DISCONNECTED", "1");
     run({faulty, faulty, faulty, faulty, usbState("CONFIGURED")});
-    EXPECT_EQ((Lines{UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
-                     UAFCBM.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+    EXPECT_EQ((Lines{kCableLog.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     kCableLog.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     kCableLog.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
+                     kCableLog.error("recvmsg error: <-1:11:Resource temporarily unavailable>\n"),
                      usbStateLine("CONFIGURED")}),
               linesInLoop());
     EXPECT_EQ(Strings{}, commands);

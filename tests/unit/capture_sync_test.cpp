@@ -16,22 +16,22 @@
 
 namespace {
 
+using fake_log::kSinkLog;
 using fake_log::Line;
-using fake_log::UAFSNK;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char ID_PATH[] = "/proc/asound/card0/id";
-constexpr char PCM0_PATH[] = "/proc/asound/card0/pcm0c/sub0/status";
-constexpr char PCM1_PATH[] = "/proc/asound/card0/pcm1c/sub0/status";
+constexpr char kIdPath[] = "/proc/asound/card0/id";
+constexpr char kPcm0Path[] = "/proc/asound/card0/pcm0c/sub0/status";
+constexpr char kPcm1Path[] = "/proc/asound/card0/pcm1c/sub0/status";
 
-constexpr char RUNNING[] =
+constexpr char kRunningStatus[] =
     "state: RUNNING\n"
     "owner_pid   : 415\n"
     "trigger_time: 1699999000.111111111\n"
     "tstamp      : 1700000000.123456789\n"
     "delay       : 480\n";
-constexpr int64_t RUNNING_NS = 1700000000123456789;
+constexpr int64_t kRunningSinceNs = 1700000000123456789;
 
 class CaptureSyncTest : public fake_alsa::Test {
   protected:
@@ -49,8 +49,8 @@ class MicCaptureTimestampTest : public CaptureSyncTest {
   protected:
     // The start time that a status file with this text gives.
     int64_t timestampOf(const std::string& status) {
-        files.put(ID_PATH, "rockchiprt5640c\n");
-        files.put(PCM0_PATH, status);
+        files.put(kIdPath, "rockchiprt5640c\n");
+        files.put(kPcm0Path, status);
         const int64_t timestampNs = micCaptureTimestamp();
         EXPECT_EQ(0, files.openNow);
         EXPECT_THAT(fake_log::lines(), IsEmpty());
@@ -65,102 +65,102 @@ class MicCaptureTimestampTest : public CaptureSyncTest {
     }
     // The status file that is read when the card's id is this text.
     std::string statusPathFor(const std::string& cardId) {
-        files.put(ID_PATH, cardId);
-        files.put(PCM0_PATH, RUNNING);
-        files.put(PCM1_PATH, RUNNING);
+        files.put(kIdPath, cardId);
+        files.put(kPcm0Path, kRunningStatus);
+        files.put(kPcm1Path, kRunningStatus);
         files.events.clear();
-        EXPECT_EQ(RUNNING_NS, micCaptureTimestamp());
+        EXPECT_EQ(kRunningSinceNs, micCaptureTimestamp());
         EXPECT_EQ(4u, files.events.size());
         return files.events[1].substr(sizeof "open " - 1);
     }
 };
 
 TEST_F(MicCaptureTimestampTest, CardIdSelectsTheStatusFile) {
-    EXPECT_EQ(PCM0_PATH, statusPathFor("rockchiprt5640c\n"));
-    EXPECT_EQ(PCM0_PATH, statusPathFor("tarvine\n"));
-    EXPECT_EQ(PCM1_PATH, statusPathFor("HDMI\n"));
+    EXPECT_EQ(kPcm0Path, statusPathFor("rockchiprt5640c\n"));
+    EXPECT_EQ(kPcm0Path, statusPathFor("tarvine\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor("HDMI\n"));
 }
 
 TEST_F(MicCaptureTimestampTest, CardIdMayStandAnywhereInTheFirstLine) {
-    EXPECT_EQ(PCM0_PATH, statusPathFor("the-tarvine-card\n"));
-    EXPECT_EQ(PCM0_PATH, statusPathFor("xrockchiprt5640cx"));
-    EXPECT_EQ(PCM0_PATH, statusPathFor("rockchiprt5640c tarvine\n"));
-    EXPECT_EQ(PCM1_PATH, statusPathFor("other\ntarvine\n"));
+    EXPECT_EQ(kPcm0Path, statusPathFor("the-tarvine-card\n"));
+    EXPECT_EQ(kPcm0Path, statusPathFor("xrockchiprt5640cx"));
+    EXPECT_EQ(kPcm0Path, statusPathFor("rockchiprt5640c tarvine\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor("other\ntarvine\n"));
 }
 
 TEST_F(MicCaptureTimestampTest, CardIdIsCaseSensitive) {
-    EXPECT_EQ(PCM1_PATH, statusPathFor("Tarvine\n"));
-    EXPECT_EQ(PCM1_PATH, statusPathFor("rockchipRT5640c\n"));
-    EXPECT_EQ(PCM1_PATH, statusPathFor("rockchiprt5640\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor("Tarvine\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor("rockchipRT5640c\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor("rockchiprt5640\n"));
 }
 
 TEST_F(MicCaptureTimestampTest, CardIdLineEndsAfter79Characters) {
-    EXPECT_EQ(PCM0_PATH, statusPathFor(std::string(72, 'x') + "tarvine\n"));
-    EXPECT_EQ(PCM1_PATH, statusPathFor(std::string(73, 'x') + "tarvine\n"));
+    EXPECT_EQ(kPcm0Path, statusPathFor(std::string(72, 'x') + "tarvine\n"));
+    EXPECT_EQ(kPcm1Path, statusPathFor(std::string(73, 'x') + "tarvine\n"));
 }
 
 TEST_F(MicCaptureTimestampTest, IdFileIsClosedOnceTheStatusFileIsOpen) {
-    timestampOf(RUNNING);
+    timestampOf(kRunningStatus);
     EXPECT_THAT(files.events,
-                ElementsAre(std::string("open ") + ID_PATH, std::string("open ") + PCM0_PATH,
-                            std::string("close ") + ID_PATH, std::string("close ") + PCM0_PATH));
+                ElementsAre(std::string("open ") + kIdPath, std::string("open ") + kPcm0Path,
+                            std::string("close ") + kIdPath, std::string("close ") + kPcm0Path));
 }
 
 TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile) {
-    files.refuse(ID_PATH, EACCES);
-    files.put(PCM1_PATH, RUNNING);
+    files.refuse(kIdPath, EACCES);
+    files.put(kPcm1Path, kRunningStatus);
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFSNK.error("Failed to open /proc/asound/card0/id: Permission denied"),
-                    UAFSNK.error(
+        ElementsAre(kSinkLog.error("Failed to open /proc/asound/card0/id: Permission denied"),
+                    kSinkLog.error(
                         "Failed to open /proc/asound/card0/pcm1c/sub0/status: Permission denied")));
-    EXPECT_THAT(files.events, ElementsAre(std::string("refused ") + ID_PATH));
+    EXPECT_THAT(files.events, ElementsAre(std::string("refused ") + kIdPath));
 }
 
 TEST_F(MicCaptureTimestampTest, UnreadableIdIsReportedTogetherWithTheStatusFile) {
-    files.breakOff(ID_PATH, "", EIO);
-    files.put(PCM1_PATH, RUNNING);
+    files.breakOff(kIdPath, "", EIO);
+    files.put(kPcm1Path, kRunningStatus);
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFSNK.error("Failed to determine card type for: /proc/asound/card0/id"),
-                    UAFSNK.error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
-                                 "Input/output error")));
+        ElementsAre(kSinkLog.error("Failed to determine card type for: /proc/asound/card0/id"),
+                    kSinkLog.error("Failed to open /proc/asound/card0/pcm1c/sub0/status: "
+                                   "Input/output error")));
     EXPECT_THAT(files.events,
-                ElementsAre(std::string("open ") + ID_PATH, std::string("close ") + ID_PATH));
+                ElementsAre(std::string("open ") + kIdPath, std::string("close ") + kIdPath));
 }
 
 TEST_F(MicCaptureTimestampTest, EmptyIdIsNoCardType) {
-    files.put(ID_PATH, "");
+    files.put(kIdPath, "");
     EXPECT_EQ(-1, micCaptureTimestamp());
     ASSERT_EQ(2u, fake_log::lines().size());
-    EXPECT_EQ(UAFSNK.error("Failed to determine card type for: /proc/asound/card0/id"),
+    EXPECT_EQ(kSinkLog.error("Failed to determine card type for: /proc/asound/card0/id"),
               fake_log::lines()[0]);
     EXPECT_EQ(0, files.openNow);
 }
 
 TEST_F(MicCaptureTimestampTest, MissingStatusFileIsReportedByItsPath) {
-    files.put(ID_PATH, "tarvine\n");
-    files.refuse(PCM0_PATH, EMFILE);
+    files.put(kIdPath, "tarvine\n");
+    files.refuse(kPcm0Path, EMFILE);
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFSNK.error(
+                ElementsAre(kSinkLog.error(
                     "Failed to open /proc/asound/card0/pcm0c/sub0/status: Too many open files")));
     EXPECT_EQ(0, files.openNow);
 }
 
 TEST_F(MicCaptureTimestampTest, MissingStatusFileOfAnUnknownCardIsThatOfPcm1) {
-    files.put(ID_PATH, "HDMI\n");
+    files.put(kIdPath, "HDMI\n");
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFSNK.error(
+        ElementsAre(kSinkLog.error(
             "Failed to open /proc/asound/card0/pcm1c/sub0/status: No such file or directory")));
 }
 
 TEST_F(MicCaptureTimestampTest, RunningStreamGivesItsTimeStampInNanoseconds) {
-    EXPECT_EQ(RUNNING_NS, timestampOf(RUNNING));
+    EXPECT_EQ(kRunningSinceNs, timestampOf(kRunningStatus));
     EXPECT_EQ(12000000034, timestampOf("state: RUNNING\ntstamp      : 12.000000034\n"));
 }
 
@@ -209,8 +209,8 @@ TEST_F(MicCaptureTimestampTest, LineOfMoreThan79CharactersIsTwo) {
 }
 
 TEST_F(MicCaptureTimestampTest, FailedReadEndsTheSearch) {
-    files.put(ID_PATH, "tarvine\n");
-    files.breakOff(PCM0_PATH, "state: RUNNING\n", EIO);
+    files.put(kIdPath, "tarvine\n");
+    files.breakOff(kPcm0Path, "state: RUNNING\n", EIO);
     EXPECT_EQ(-1, micCaptureTimestamp());
     EXPECT_EQ(0, files.openNow);
     EXPECT_THAT(fake_log::lines(), IsEmpty());
@@ -225,7 +225,7 @@ TEST_F(MicCaptureTimestampTest, AbsurdTimeDoesNotOverflow) {
 
 class SynchStartupTest : public CaptureSyncTest {
   protected:
-    static constexpr int64_t START_NS = 1700000000000000000;
+    static constexpr int64_t kStartNs = 1700000000000000000;
 
     void SetUp() override {
         CaptureSyncTest::SetUp();
@@ -239,13 +239,13 @@ class SynchStartupTest : public CaptureSyncTest {
         };
     }
     void captureStartedAt(const std::string& time) {
-        files.put(ID_PATH, "tarvine\n");
-        files.put(PCM0_PATH, "state: RUNNING\ntstamp      : " + time + "\n");
+        files.put(kIdPath, "tarvine\n");
+        files.put(kPcm0Path, "state: RUNNING\ntstamp      : " + time + "\n");
     }
     // The result of a first call at this time after the capture's start.
     int atPhase(int64_t sinceStartNs) {
         synch = SynchStartupState();
-        nowNs = START_NS + sinceStartNs;
+        nowNs = kStartNs + sinceStartNs;
         return synchStartup(240, &synch);
     }
     int repeated(int calls, int frames, int expected) {
@@ -258,11 +258,11 @@ class SynchStartupTest : public CaptureSyncTest {
     }
 
     SynchStartupState synch;
-    int64_t nowNs = START_NS;
+    int64_t nowNs = kStartNs;
     int clockReads = 0;
 };
 
-constexpr int64_t MS = 1000000;
+constexpr int64_t kMs = 1000000;
 
 TEST_F(SynchStartupTest, StartsWithNothingDone) {
     EXPECT_EQ(SYNCH_NOT_STARTED, synch.state);
@@ -272,7 +272,7 @@ TEST_F(SynchStartupTest, StartsWithNothingDone) {
 }
 
 TEST_F(SynchStartupTest, PeriodInThePhaseRangeIsHeldBack) {
-    for (const int64_t ns : {3500000L, 5 * MS, 8499999L, 13500000L, 18499999L, 1000005 * MS}) {
+    for (const int64_t ns : {3500000L, 5 * kMs, 8499999L, 13500000L, 18499999L, 1000005 * kMs}) {
         EXPECT_EQ(1, atPhase(ns)) << ns;
         EXPECT_EQ(SYNCH_WAITING, synch.state) << ns;
     }
@@ -281,31 +281,31 @@ TEST_F(SynchStartupTest, PeriodInThePhaseRangeIsHeldBack) {
 
 TEST_F(SynchStartupTest, PeriodOutsideThePhaseRangeIsWritten) {
     for (const int64_t ns :
-         {0L, 2 * MS, 3499999L, 8500000L, 9 * MS, 9999999L, 10 * MS, 13499999L, 18500000L}) {
+         {0L, 2 * kMs, 3499999L, 8500000L, 9 * kMs, 9999999L, 10 * kMs, 13499999L, 18500000L}) {
         fake_log::clear();
         EXPECT_EQ(0, atPhase(ns)) << ns;
         EXPECT_EQ(SYNCH_FINISHED, synch.state) << ns;
-        EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.debug("synch startup ok")));
+        EXPECT_THAT(fake_log::lines(), ElementsAre(kSinkLog.debug("synch startup ok")));
     }
 }
 
 TEST_F(SynchStartupTest, StartInTheFutureIsWritten) {
-    for (const int64_t ns : {-1L, -2 * MS, -5 * MS, -6500000L, -9999999L, -15 * MS}) {
+    for (const int64_t ns : {-1L, -2 * kMs, -5 * kMs, -6500000L, -9999999L, -15 * kMs}) {
         EXPECT_EQ(0, atPhase(ns)) << ns;
     }
 }
 
 TEST_F(SynchStartupTest, FollowsTheClockFromPeriodToPeriod) {
-    EXPECT_EQ(1, atPhase(4 * MS));
-    nowNs += 4 * MS;
+    EXPECT_EQ(1, atPhase(4 * kMs));
+    nowNs += 4 * kMs;
     EXPECT_EQ(1, synchStartup(240, &synch));
-    nowNs += 1 * MS;
+    nowNs += 1 * kMs;
     EXPECT_EQ(0, synchStartup(240, &synch));
     EXPECT_EQ(3, clockReads);
 }
 
 TEST_F(SynchStartupTest, StartTimeIsReadOnce) {
-    EXPECT_EQ(1, atPhase(4 * MS));
+    EXPECT_EQ(1, atPhase(4 * kMs));
     const auto events = files.events;
     captureStartedAt("1700000000.004000000");
     EXPECT_EQ(1, synchStartup(240, &synch));
@@ -316,7 +316,7 @@ TEST_F(SynchStartupTest, FinishedTouchesNeitherFilesNorClock) {
     EXPECT_EQ(0, atPhase(0));
     files.events.clear();
     clockReads = 0;
-    nowNs += 5 * MS;
+    nowNs += 5 * kMs;
     EXPECT_EQ(0, synchStartup(240, &synch));
     EXPECT_EQ(0, synchStartup(0, &synch));
     EXPECT_THAT(files.events, IsEmpty());
@@ -337,14 +337,14 @@ TEST_F(SynchStartupTest, OneFrameIsAPeriod) {
 }
 
 TEST_F(SynchStartupTest, SixHundredPeriodsMayBeHeldBack) {
-    nowNs += 5 * MS;
+    nowNs += 5 * kMs;
     EXPECT_EQ(600, repeated(600, 240, 1));
-    nowNs += 5 * MS;
+    nowNs += 5 * kMs;
     clockReads = 0;
     EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(0, clockReads);
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSinkLog.error("synch startup failed")));
     EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
@@ -354,7 +354,7 @@ TEST_F(SynchStartupTest, LastTryMaySucceed) {
 }
 
 TEST_F(SynchStartupTest, EveryStartHasItsTriesAndItsStartTime) {
-    nowNs += 5 * MS;
+    nowNs += 5 * kMs;
     EXPECT_EQ(600, repeated(600, 240, 1));
     synch = SynchStartupState();
     EXPECT_EQ(600, repeated(600, 240, 1));
@@ -364,22 +364,22 @@ TEST_F(SynchStartupTest, EveryStartHasItsTriesAndItsStartTime) {
 }
 
 TEST_F(SynchStartupTest, UnknownStartTimeFailsAtOnce) {
-    files.put(PCM0_PATH, "state: PREPARED\n");
+    files.put(kPcm0Path, "state: PREPARED\n");
     EXPECT_EQ(-1, synchStartup(240, &synch));
     EXPECT_EQ(SYNCH_FINISHED, synch.state);
     EXPECT_EQ(0, clockReads);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSinkLog.error("synch startup failed")));
     EXPECT_EQ(0, synchStartup(240, &synch));
 }
 
 TEST_F(SynchStartupTest, FileErrorFailsAtOnce) {
-    files.refuse(PCM0_PATH, ENOENT);
+    files.refuse(kPcm0Path, ENOENT);
     EXPECT_EQ(-1, synchStartup(0, &synch));
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFSNK.error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
-                                 "file or directory"),
-                    UAFSNK.error("synch startup failed")));
+        ElementsAre(kSinkLog.error("Failed to open /proc/asound/card0/pcm0c/sub0/status: No such "
+                                   "file or directory"),
+                    kSinkLog.error("synch startup failed")));
 }
 
 TEST_F(SynchStartupTest, StartTimeMustBePositive) {
@@ -397,7 +397,7 @@ TEST_F(SynchStartupTest, UnknownStateFails) {
         synch.state = state;
         EXPECT_EQ(-1, synchStartup(240, &synch));
         EXPECT_EQ(SYNCH_FINISHED, synch.state);
-        EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSNK.error("synch startup failed")));
+        EXPECT_THAT(fake_log::lines(), ElementsAre(kSinkLog.error("synch startup failed")));
     }
     EXPECT_THAT(files.events, IsEmpty());
     EXPECT_EQ(0, clockReads);

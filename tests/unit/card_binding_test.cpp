@@ -18,13 +18,13 @@
 
 namespace {
 
+using fake_log::kDaemonLog;
 using fake_log::Line;
-using fake_log::UAFIFO;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char DRIVER[] = "Vexa_Gadget";
+constexpr char kDriver[] = "Vexa_Gadget";
 
 class CardSearchTest : public fake_alsa::Test {
   protected:
@@ -39,7 +39,7 @@ class CardSearchTest : public fake_alsa::Test {
     // The search's result; what it printed is in `printed`, all of it printed at once.
     int search(int card = -1) {
         testing::internal::CaptureStdout();
-        const int found = drvCodecCardSearch(DRIVER, card);
+        const int found = drvCodecCardSearch(kDriver, card);
         struct stat file {};
         fstat(STDOUT_FILENO, &file);
         printed = testing::internal::GetCapturedStdout();
@@ -51,7 +51,7 @@ class CardSearchTest : public fake_alsa::Test {
 };
 
 TEST_F(CardSearchTest, FindsTheCardByItsDriver) {
-    fake_alsa::setCards({{0, "rockchip"}, {1, DRIVER}});
+    fake_alsa::setCards({{0, "rockchip"}, {1, kDriver}});
     EXPECT_EQ(1, search());
     EXPECT_EQ("", printed);
     EXPECT_THAT(
@@ -63,12 +63,12 @@ TEST_F(CardSearchTest, FindsTheCardByItsDriver) {
 }
 
 TEST_F(CardSearchTest, LowestOfSeveralCardsWins) {
-    fake_alsa::setCards({{0, "rockchip"}, {2, DRIVER}, {5, DRIVER}});
+    fake_alsa::setCards({{0, "rockchip"}, {2, kDriver}, {5, kDriver}});
     EXPECT_EQ(2, search());
 }
 
 TEST_F(CardSearchTest, BeginsAfterTheGivenCard) {
-    fake_alsa::setCards({{0, "rockchip"}, {2, DRIVER}, {5, DRIVER}});
+    fake_alsa::setCards({{0, "rockchip"}, {2, kDriver}, {5, kDriver}});
     EXPECT_EQ(5, search(2));
     EXPECT_EQ(-1, search(5));
 }
@@ -93,27 +93,27 @@ TEST_F(CardSearchTest, NoMatchIsNoLine) {
 }
 
 TEST_F(CardSearchTest, CardThatDoesNotOpenIsPrintedAndPassedOver) {
-    fake_alsa::setCards({{0, DRIVER, -EACCES}, {1, DRIVER}});
+    fake_alsa::setCards({{0, kDriver, -EACCES}, {1, kDriver}});
     EXPECT_EQ(1, search());
     EXPECT_EQ("control open (0): Permission denied\n", printed);
     EXPECT_EQ(1, fake_alsa::count("snd_ctl_card_info"));
 }
 
 TEST_F(CardSearchTest, CardThatDoesNotAnswerIsPrintedClosedAndPassedOver) {
-    fake_alsa::setCards({{0, DRIVER, 0, -EIO}, {1, DRIVER}});
+    fake_alsa::setCards({{0, kDriver, 0, -EIO}, {1, kDriver}});
     EXPECT_EQ(1, search());
     EXPECT_EQ("control hardware info (0): Input/output error\n", printed);
     EXPECT_EQ(2, fake_alsa::count("snd_ctl_close"));
 }
 
 TEST_F(CardSearchTest, LastCardThatDoesNotOpenIsNoResult) {
-    fake_alsa::setCards({{0, "rockchip"}, {1, DRIVER, -EBUSY}});
+    fake_alsa::setCards({{0, "rockchip"}, {1, kDriver, -EBUSY}});
     EXPECT_EQ(-1, search());
     EXPECT_EQ("control open (1): Device or resource busy\n", printed);
 }
 
 TEST_F(CardSearchTest, FailureBeforeTheFirstCardReturnsTheCardAsItStands) {
-    fake_alsa::setCards({{4, DRIVER}});
+    fake_alsa::setCards({{4, kDriver}});
     fake_alsa::answerAlways("snd_card_next", -EIO);
     EXPECT_EQ(-1, search());
     EXPECT_EQ("", printed);
@@ -122,7 +122,7 @@ TEST_F(CardSearchTest, FailureBeforeTheFirstCardReturnsTheCardAsItStands) {
 }
 
 TEST_F(CardSearchTest, LaterFailureIsPrintedAndReturnsTheLastCardLookedAt) {
-    fake_alsa::setCards({{0, "rockchip"}, {2, "other"}, {3, DRIVER}});
+    fake_alsa::setCards({{0, "rockchip"}, {2, "other"}, {3, kDriver}});
     fake_alsa::answerAt("snd_card_next", 3, -EIO);
     EXPECT_EQ(2, search());
     EXPECT_EQ("snd_card_next\n", printed);
@@ -147,14 +147,15 @@ class UafBindTest : public fake_alsa::Test {
 };
 
 TEST_F(UafBindTest, BothChannelsGetTheCardAndTheirOwnFifo) {
-    fake_alsa::setCards({{0, "rockchip"}, {1, DRIVER}});
+    fake_alsa::setCards({{0, "rockchip"}, {1, kDriver}});
     EXPECT_EQ(1, uafBind(&src, &snk));
     EXPECT_THAT(copied, ElementsAre("/tmp/usbAudioFifoTx", "hw:1", "/tmp/usbAudioFifoRx", "hw:1"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFIFO.debug("UAC Vexa is enabled, using hw:1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kDaemonLog.debug("UAC Vexa is enabled, using hw:1\n")));
 }
 
 TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
-    fake_alsa::setCards({{31, DRIVER}});
+    fake_alsa::setCards({{31, kDriver}});
     EXPECT_EQ(31, uafBind(&src, &snk));
     EXPECT_EQ(0, snk.uafStart());
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), ElementsAre("snd_pcm_open(hw:31, CAPTURE, 0)"));
@@ -175,7 +176,7 @@ TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
 }
 
 TEST_F(UafBindTest, FirstCardMayBeTheGadget) {
-    fake_alsa::setCards({{0, DRIVER}});
+    fake_alsa::setCards({{0, kDriver}});
     EXPECT_EQ(0, uafBind(&src, &snk));
     EXPECT_THAT(copied, Contains("hw:0").Times(2));
 }
@@ -186,7 +187,7 @@ TEST_F(UafBindTest, AllOfTheDriversNameCounts) {
 }
 
 TEST_F(UafBindTest, NoGadgetCardLeavesTheNames) {
-    fake_alsa::setCards({{1, DRIVER}});
+    fake_alsa::setCards({{1, kDriver}});
     EXPECT_EQ(1, uafBind(&src, &snk));
     copied.clear();
     fake_log::clear();
@@ -194,7 +195,7 @@ TEST_F(UafBindTest, NoGadgetCardLeavesTheNames) {
     EXPECT_EQ(-1, uafBind(&src, &snk));
     EXPECT_THAT(copied, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFIFO.error("Audio gadget driver is not ready.\n")));
+                ElementsAre(kDaemonLog.error("Audio gadget driver is not ready.\n")));
     EXPECT_EQ(0, src.intfUpdate(false));
     EXPECT_EQ(0, snk.intfUpdate(false));
 }

@@ -69,7 +69,7 @@ TEST_P(ChannelIdleAppTest, AStopDoesNotWaitForIt) {
     ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
     EXPECT_EQ(0, fake_alsa::pcmsOpen());
     EXPECT_THAT(fake_ipc::messages(),
-                ElementsAre(Pair(SOURCE_MESSAGE, 1U), Pair(SOURCE_MESSAGE, 0U)));
+                ElementsAre(Pair(kSourceMessage, 1U), Pair(kSourceMessage, 0U)));
     for (const fake_log::Line& line : fake_log::lines()) {
         EXPECT_EQ(3, line.priority) << line;
         EXPECT_EQ(std::string::npos, line.text.find("closing /")) << line;

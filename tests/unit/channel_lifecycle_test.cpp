@@ -84,7 +84,7 @@ TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
         gate.letThrough(5);
         EXPECT_EQ(UAFCH_RUNNING, source.currentState());
     }
-    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(SOURCE_MESSAGE, 1U)));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(kSourceMessage, 1U)));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_close"));
     source.intfUpdate(false);
     gate.letThrough(3);

@@ -20,16 +20,16 @@
 
 namespace {
 
-constexpr unsigned EVENTS = 10000;
+constexpr unsigned kEvents = 10000;
 
 // What may go wrong, one bit each.
-constexpr unsigned FRAME_BUFFER_WRITES = 1;
-constexpr unsigned FRAME_BUFFER_READS = 2;
-constexpr unsigned WAITS = 4;
-constexpr unsigned THREADS = 8;
-constexpr unsigned ALL_FAULTS = 16;
+constexpr unsigned kFrameBufferWrites = 1;
+constexpr unsigned kFrameBufferReads = 2;
+constexpr unsigned kWaits = 4;
+constexpr unsigned kThreads = 8;
+constexpr unsigned kAllFaults = 16;
 
-constexpr const char* START_STEPS[] = {"snd_pcm_open", "snd_pcm_hw_params", "snd_pcm_sw_params",
+constexpr const char* kStartSteps[] = {"snd_pcm_open", "snd_pcm_hw_params", "snd_pcm_sw_params",
                                        "snd_pcm_writei", "snd_pcm_start"};
 
 unsigned fromEnvironment(const char* name, unsigned otherwise) {
@@ -70,20 +70,20 @@ class ChannelStressTest : public ChannelLifecycleTest {
 
     void hookFaults() {
         fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx* ctx, const int16_t* samples, int32_t n) {
-            return fails(FRAME_BUFFER_WRITES) ? SSRS_BAD_PARAMETER
-                                              : fake_ssrs::real::SSRS_Write(ctx, samples, n);
+            return fails(kFrameBufferWrites) ? SSRS_BAD_PARAMETER
+                                             : fake_ssrs::real::SSRS_Write(ctx, samples, n);
         };
         fake_ssrs::hooks().SSRS_Read = [this](SSRS_Ctx* ctx, int16_t* frame) {
-            return fails(FRAME_BUFFER_READS) ? SSRS_NULL_DATA
-                                             : fake_ssrs::real::SSRS_Read(ctx, frame);
+            return fails(kFrameBufferReads) ? SSRS_NULL_DATA
+                                            : fake_ssrs::real::SSRS_Read(ctx, frame);
         };
         fake_alsa::hooks().wait = [this](snd_pcm_t* pcm, int timeoutMs) {
             std::this_thread::yield();
-            return fails(WAITS) ? -ENODEV : fake_alsa::device::wait(pcm, timeoutMs);
+            return fails(kWaits) ? -ENODEV : fake_alsa::device::wait(pcm, timeoutMs);
         };
         fake_sys::hooks().pthread_create = [this](pthread_t* id, const pthread_attr_t* attributes,
                                                   void* (*entry)(void*), void* argument) {
-            return fails(THREADS) && ++creations % 3 == 0
+            return fails(kThreads) && ++creations % 3 == 0
                        ? EAGAIN
                        : fake_sys::real::pthread_create(id, attributes, entry, argument);
         };
@@ -107,10 +107,10 @@ class ChannelStressTest : public ChannelLifecycleTest {
         }
     }
     void failAStartStep() {
-        fake_alsa::answerAt(START_STEPS[upTo(std::size(START_STEPS))],
+        fake_alsa::answerAt(kStartSteps[upTo(std::size(kStartSteps))],
                             1 + static_cast<int>(upTo(3)), -EIO);
     }
-    void failOrMend() { faults = upTo(3) == 0 ? upTo(ALL_FAULTS) : 0; }
+    void failOrMend() { faults = upTo(3) == 0 ? upTo(kAllFaults) : 0; }
 
     void stopUnderAHaltedApp() {
         microphone->halt();
@@ -149,7 +149,7 @@ class ChannelStressTest : public ChannelLifecycleTest {
 
     void mendEverything() {
         faults = 0;
-        for (const char* step : START_STEPS) {
+        for (const char* step : kStartSteps) {
             fake_alsa::stopAnswering(step);
         }
         setNames();
@@ -194,7 +194,7 @@ TEST_F(ChannelStressTest, ChannelsThatWentThroughEverythingStreamAgain) {
     const long descriptors = entriesOf("fd");
     microphone = std::make_unique<WildApp>(sourceFifo, O_WRONLY, seed + 1);
     speaker = std::make_unique<WildApp>(sinkFifo, O_RDONLY, seed + 2);
-    const unsigned events = fromEnvironment("UAFD_STRESS_EVENTS", EVENTS);
+    const unsigned events = fromEnvironment("UAFD_STRESS_EVENTS", kEvents);
     sendEvents(events);
     std::cout << "stops of the microphone: " << stops << ", failed opens: " << failedOpens
               << ", blocks read: " << blocksRead << ", periods written: " << periodsWritten

@@ -21,34 +21,34 @@
 namespace {
 
 using fake_ipc::Message;
+using fake_log::kChannelLog;
+using fake_log::kDaemonLog;
+using fake_log::kSourceLog;
 using fake_log::Line;
-using fake_log::UAFCH;
-using fake_log::UAFIFO;
-using fake_log::UAFSRC;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-const Line ENABLED = UAFIFO.debug("UAC Vexa is enabled, using hw:1\n");
-const Line NOT_READY = UAFIFO.error("Audio gadget driver is not ready.\n");
-const Line NAME_NOT_SET = UAFCH.error("devName not set\n");
+const Line kEnabled = kDaemonLog.debug("UAC Vexa is enabled, using hw:1\n");
+const Line kNotReady = kDaemonLog.error("Audio gadget driver is not ready.\n");
+const Line kNameNotSet = kChannelLog.error("devName not set\n");
 
 // What intfUpdate says first: the request and the state that it met.
 Line request(int on, int state) {
-    return UAFCH.debug("intfUpdate to " + std::to_string(on) + ", current state " +
-                       std::to_string(state) + "\n");
+    return kChannelLog.debug("intfUpdate to " + std::to_string(on) + ", current state " +
+                             std::to_string(state) + "\n");
 }
 
 Line opening(const char* tag, const std::string& name = "hw:1") {
-    return {fake_log::DEBUG, tag, "start, opening " + name + "\n"};
+    return {fake_log::kDebug, tag, "start, opening " + name + "\n"};
 }
 
 class EventLoopTest : public fake_alsa::Test {
   protected:
-    static constexpr int RUNNING = 1;
-    static constexpr int STOPPING = 2;
-    static constexpr int STOPPED = 3;
+    static constexpr int kRunning = 1;
+    static constexpr int kStopping = 2;
+    static constexpr int kStopped = 3;
 
     void SetUp() override {
         fake_alsa::Test::SetUp();
@@ -68,7 +68,7 @@ class EventLoopTest : public fake_alsa::Test {
         std::vector<Line> lines = fake_log::lines();
         EXPECT_EQ(0u, lines[0].text.find("read msg: type=" + std::to_string(type) + ", "));
         lines.erase(lines.begin());
-        lines.erase(std::remove(lines.begin(), lines.end(), UAFSRC.debug("init SSRS\n")),
+        lines.erase(std::remove(lines.begin(), lines.end(), kSourceLog.debug("init SSRS\n")),
                     lines.end());
         return lines;
     }
@@ -84,16 +84,16 @@ class EventLoopTest : public fake_alsa::Test {
                " bindbad:" + std::to_string(bindbad) + "}\n";
     }
     static Line disabled(int bindcnt, int bindbad) {
-        return UAFIFO.debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
-                            ", bindbad=" + std::to_string(bindbad) + "\n");
+        return kDaemonLog.debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
+                                ", bindbad=" + std::to_string(bindbad) + "\n");
     }
     static Line speakerUnbound(int bindbad) {
-        return UAFIFO.error(
+        return kDaemonLog.error(
             "Speaker active while USB is not binded, will try binding it now, bindbad=" +
             std::to_string(bindbad) + "\n");
     }
     static Line micUnbound(int bindbad) {
-        return UAFIFO.error(
+        return kDaemonLog.error(
             "Mic active while USB is not binded, will try binding it now, bindbad=" +
             std::to_string(bindbad) + "\n");
     }
@@ -112,20 +112,20 @@ TEST_F(EventLoopTest, BeginsUnbound) {
 
 TEST_F(EventLoopTest, EventIsLoggedWithTheStateBeforeIt) {
     loop.handle({0, 0xABC}, 8);
-    EXPECT_EQ(UAFIFO.debug("read msg: type=0, data=0x00000abc, size=8; "
-                           "state={cardnum:-1 bindcnt=0 bindbad:0}\n"),
+    EXPECT_EQ(kDaemonLog.debug("read msg: type=0, data=0x00000abc, size=8; "
+                               "state={cardnum:-1 bindcnt=0 bindbad:0}\n"),
               fake_log::lines()[0]);
     fake_log::clear();
     loop.handle({4294967295u, 0xFFFFFFFF}, -1);
-    EXPECT_EQ(UAFIFO.debug("read msg: type=4294967295, data=0xffffffff, size=-1; "
-                           "state={cardnum:1 bindcnt=1 bindbad:0}\n"),
+    EXPECT_EQ(kDaemonLog.debug("read msg: type=4294967295, data=0xffffffff, size=-1; "
+                               "state={cardnum:1 bindcnt=1 bindbad:0}\n"),
               fake_log::lines()[0]);
 }
 
 // ---- Bind --------------------------------------------------------------------------------------
 
 TEST_F(EventLoopTest, BindFindsTheCard) {
-    EXPECT_THAT(handled(0, 0), ElementsAre(ENABLED));
+    EXPECT_THAT(handled(0, 0), ElementsAre(kEnabled));
     EXPECT_EQ(stateOf(1, 1, 0), state());
     EXPECT_EQ(0, src.intfUpdate(false));
     EXPECT_EQ(0, snk.intfUpdate(false));
@@ -133,14 +133,14 @@ TEST_F(EventLoopTest, BindFindsTheCard) {
 
 TEST_F(EventLoopTest, BindWithoutTheCardStaysUnbound) {
     unplug();
-    EXPECT_THAT(handled(0, 0), ElementsAre(NOT_READY));
+    EXPECT_THAT(handled(0, 0), ElementsAre(kNotReady));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
 }
 
 TEST_F(EventLoopTest, SecondBindSearchesAgainAndCounts) {
     handled(0, 0);
     plug(3);
-    EXPECT_THAT(handled(0, 0), ElementsAre(UAFIFO.debug("UAC Vexa is enabled, using hw:3\n")));
+    EXPECT_THAT(handled(0, 0), ElementsAre(kDaemonLog.debug("UAC Vexa is enabled, using hw:3\n")));
     EXPECT_EQ(stateOf(3, 2, 0), state());
     EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK", "hw:3")));
     EXPECT_THAT(handled(3, 1), Contains(opening("UAFSRC", "hw:3")));
@@ -149,7 +149,7 @@ TEST_F(EventLoopTest, SecondBindSearchesAgainAndCounts) {
 TEST_F(EventLoopTest, BindThatLosesTheCardIsUnbound) {
     handled(0, 0);
     unplug();
-    EXPECT_THAT(handled(0, 0), ElementsAre(NOT_READY));
+    EXPECT_THAT(handled(0, 0), ElementsAre(kNotReady));
     EXPECT_EQ(stateOf(-1, 1, 0), state());
     EXPECT_EQ(0, snk.intfUpdate(false));  // the names are left
 }
@@ -167,17 +167,17 @@ TEST_F(EventLoopTest, UnbindSwitchesBothChannelsOffAndClearsTheirNames) {
     handled(0, 0);
     handled(2, 1);
     EXPECT_THAT(handled(1, 0),
-                ElementsAre(request(0, STOPPED), request(0, RUNNING), disabled(0, 0)));
+                ElementsAre(request(0, kStopped), request(0, kRunning), disabled(0, 0)));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
-    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPING), NAME_NOT_SET));
-    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, kStopping), kNameNotSet));
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, kStopped), kNameNotSet));
 }
 
 TEST_F(EventLoopTest, UnbindSwitchesTheSourceOffFirst) {
     handled(0, 0);
     handled(3, 1);
     EXPECT_THAT(handled(1, 0),
-                ElementsAre(request(0, RUNNING), request(0, STOPPED), disabled(0, 0)));
+                ElementsAre(request(0, kRunning), request(0, kStopped), disabled(0, 0)));
 }
 
 // Both off requests need the names. Freeing shows when each goes.
@@ -198,7 +198,7 @@ TEST_F(EventLoopTest, UnbindForgetsTheNamesLastAndTheSourcesFirst) {
         fake_sys::real::free(memory);
     };
     fake_log::onLine() = [&](const Line& line) {
-        if (line == request(0, STOPPED)) {
+        if (line == request(0, kStopped)) {
             steps.emplace_back("off");
         }
     };
@@ -225,7 +225,7 @@ TEST_F(EventLoopTest, UnbindCountsDownOnce) {
 
 TEST_F(EventLoopTest, SpeakerOnStartsTheSink) {
     handled(0, 0);
-    EXPECT_THAT(handled(2, 1), ElementsAre(request(1, STOPPED), opening("UAFSNK")));
+    EXPECT_THAT(handled(2, 1), ElementsAre(request(1, kStopped), opening("UAFSNK")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{1, 1}));
     EXPECT_EQ(stateOf(1, 1, 0), state());
 }
@@ -233,19 +233,19 @@ TEST_F(EventLoopTest, SpeakerOnStartsTheSink) {
 TEST_F(EventLoopTest, SpeakerOffStopsTheSink) {
     handled(0, 0);
     handled(2, 1);
-    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, RUNNING)));
-    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPING)));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, kRunning)));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, kStopping)));
 }
 
 TEST_F(EventLoopTest, AnySpeakerDataButZeroIsOn) {
     handled(0, 0);
-    EXPECT_THAT(handled(2, 0x80000000), Contains(request(1, STOPPED)));
-    EXPECT_THAT(handled(2, 0x00010000), Contains(request(1, RUNNING)));
+    EXPECT_THAT(handled(2, 0x80000000), Contains(request(1, kStopped)));
+    EXPECT_THAT(handled(2, 0x00010000), Contains(request(1, kRunning)));
 }
 
 TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
     EXPECT_THAT(handled(2, 1),
-                ElementsAre(speakerUnbound(1), ENABLED, request(1, STOPPED), opening("UAFSNK")));
+                ElementsAre(speakerUnbound(1), kEnabled, request(1, kStopped), opening("UAFSNK")));
     EXPECT_EQ(stateOf(1, 0, 1), state());
     EXPECT_THAT(handled(1, 0), Contains(disabled(-1, 1)));
     EXPECT_EQ(stateOf(-1, -1, 1), state());
@@ -254,10 +254,10 @@ TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
 TEST_F(EventLoopTest, SpeakerOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(2, 1),
-                ElementsAre(speakerUnbound(1), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+                ElementsAre(speakerUnbound(1), kNotReady, request(1, kStopped), kNameNotSet));
     EXPECT_EQ(stateOf(-1, 0, 1), state());
     EXPECT_THAT(handled(2, 7),
-                ElementsAre(speakerUnbound(2), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+                ElementsAre(speakerUnbound(2), kNotReady, request(1, kStopped), kNameNotSet));
     EXPECT_THAT(fake_ipc::messages(), IsEmpty());
     plug();
     EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK")));
@@ -265,7 +265,7 @@ TEST_F(EventLoopTest, SpeakerOnWithoutTheCardRetriesEveryTime) {
 }
 
 TEST_F(EventLoopTest, SpeakerOffWhileUnboundDoesNotBind) {
-    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, kStopped), kNameNotSet));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
     EXPECT_EQ(0, fake_alsa::count("snd_card_next"));
 }
@@ -274,7 +274,7 @@ TEST_F(EventLoopTest, SpeakerOffWhileUnboundDoesNotBind) {
 
 TEST_F(EventLoopTest, MicOnStartsTheSource) {
     handled(0, 0);
-    EXPECT_THAT(handled(3, 1), ElementsAre(request(1, STOPPED), opening("UAFSRC")));
+    EXPECT_THAT(handled(3, 1), ElementsAre(request(1, kStopped), opening("UAFSRC")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{2, 1}));
     EXPECT_EQ(stateOf(1, 1, 0), state());
 }
@@ -282,27 +282,27 @@ TEST_F(EventLoopTest, MicOnStartsTheSource) {
 TEST_F(EventLoopTest, MicOffStopsTheSource) {
     handled(0, 0);
     handled(3, 0x01000000);
-    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, RUNNING)));
-    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, STOPPED)));
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, kRunning)));
+    EXPECT_THAT(handled(2, 0), ElementsAre(request(0, kStopped)));
 }
 
 TEST_F(EventLoopTest, MicOnWhileUnboundBinds) {
     EXPECT_THAT(handled(3, 1),
-                ElementsAre(micUnbound(1), ENABLED, request(1, STOPPED), opening("UAFSRC")));
+                ElementsAre(micUnbound(1), kEnabled, request(1, kStopped), opening("UAFSRC")));
     EXPECT_EQ(stateOf(1, 0, 1), state());
 }
 
 TEST_F(EventLoopTest, MicOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(3, 1),
-                ElementsAre(micUnbound(1), NOT_READY, request(1, STOPPED), NAME_NOT_SET));
+                ElementsAre(micUnbound(1), kNotReady, request(1, kStopped), kNameNotSet));
     EXPECT_THAT(handled(2, 1), Contains(speakerUnbound(2)));
     EXPECT_THAT(handled(3, 1), Contains(micUnbound(3)));
     EXPECT_EQ(stateOf(-1, 0, 3), state());
 }
 
 TEST_F(EventLoopTest, MicOffWhileUnboundDoesNotBind) {
-    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, STOPPED), NAME_NOT_SET));
+    EXPECT_THAT(handled(3, 0), ElementsAre(request(0, kStopped), kNameNotSet));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
 }
 
@@ -317,29 +317,31 @@ TEST_F(EventLoopTest, FailedStartChangesNothingOfTheLoop) {
 
 TEST_F(EventLoopTest, SpeakerVolumeGoesToTheAppAsTypeThree) {
     EXPECT_THAT(handled(4, 0x0001FF80),
-                ElementsAre(UAFCH.debug("setVolume volume=-128, sending: type=0x00000003, "
-                                        "data=0x0000FF80\n")));
+                ElementsAre(kChannelLog.debug("setVolume volume=-128, sending: type=0x00000003, "
+                                              "data=0x0000FF80\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{3, 0xFF80}));
 }
 
 TEST_F(EventLoopTest, MicVolumeGoesToTheAppAsTypeFour) {
     EXPECT_THAT(handled(5, 0x12347FFF),
-                ElementsAre(UAFCH.debug("setVolume volume=32767, sending: type=0x00000004, "
-                                        "data=0x00007FFF\n")));
+                ElementsAre(kChannelLog.debug("setVolume volume=32767, sending: type=0x00000004, "
+                                              "data=0x00007FFF\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{4, 0x7FFF}));
 }
 
 TEST_F(EventLoopTest, SpeakerMuteGoesToTheAppAsTypeFive) {
-    EXPECT_THAT(handled(6, 2), ElementsAre(UAFCH.debug("setMute mute=1, sending: type=0x00000005, "
-                                                       "data=0x00000001\n")));
+    EXPECT_THAT(handled(6, 2),
+                ElementsAre(kChannelLog.debug("setMute mute=1, sending: type=0x00000005, "
+                                              "data=0x00000001\n")));
     handled(6, 0);
     handled(6, 0x80000000);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{5, 1}, Message{5, 0}, Message{5, 1}));
 }
 
 TEST_F(EventLoopTest, MicMuteGoesToTheAppAsTypeSix) {
-    EXPECT_THAT(handled(7, 0), ElementsAre(UAFCH.debug("setMute mute=0, sending: type=0x00000006, "
-                                                       "data=0x00000000\n")));
+    EXPECT_THAT(handled(7, 0),
+                ElementsAre(kChannelLog.debug("setMute mute=0, sending: type=0x00000006, "
+                                              "data=0x00000000\n")));
     handled(7, 0x00010000);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Message{6, 0}, Message{6, 1}));
 }
@@ -348,9 +350,9 @@ TEST_F(EventLoopTest, MicMuteGoesToTheAppAsTypeSix) {
 
 TEST_F(EventLoopTest, UnknownTypeChangesNothing) {
     handled(0, 0);
-    EXPECT_THAT(handled(8, 1), ElementsAre(UAFIFO.error("invalid msg: type=8\n")));
+    EXPECT_THAT(handled(8, 1), ElementsAre(kDaemonLog.error("invalid msg: type=8\n")));
     EXPECT_THAT(handled(0xFFFFFFFF, 1),
-                ElementsAre(UAFIFO.error("invalid msg: type=4294967295\n")));
+                ElementsAre(kDaemonLog.error("invalid msg: type=4294967295\n")));
     EXPECT_EQ(stateOf(1, 1, 0), state());
     EXPECT_THAT(fake_ipc::messages(), IsEmpty());
 }
@@ -409,7 +411,7 @@ TEST_F(EventLoopRunTest, RecordsAreHandledInOrder) {
 
 TEST_F(EventLoopRunTest, FailedFirstReadIsAnInvalidRecord) {
     EXPECT_THAT(run({{-1, {}}}), ElementsAre("type=4294967295, data=0x00000000, size=-1"));
-    EXPECT_THAT(fake_log::lines(), Contains(UAFIFO.error("invalid msg: type=4294967295\n")));
+    EXPECT_THAT(fake_log::lines(), Contains(kDaemonLog.error("invalid msg: type=4294967295\n")));
     EXPECT_EQ(stateOf(-1, 0, 0), state());
 }
 

@@ -15,7 +15,7 @@ using fake_alsa::capturedSample;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr int64_t NS_PER_MS = 1000000;
+constexpr int64_t kNsPerMs = 1000000;
 
 class FakeAlsaTest : public fake_alsa::Test {
   protected:
@@ -111,23 +111,23 @@ TEST_F(FakeAlsaTest, BeforeHookSeesTheCallAndMayScriptIt) {
 TEST_F(FakeAlsaTest, CaptureFillsWithTime) {
     snd_pcm_t* const pcm = capture();
     EXPECT_EQ(0, snd_pcm_avail_update(pcm));
-    fake_alsa::advance(pcm, 15 * NS_PER_MS);
+    fake_alsa::advance(pcm, 15 * kNsPerMs);
     EXPECT_EQ(720, snd_pcm_avail_update(pcm));
 }
 
 TEST_F(FakeAlsaTest, WaitLetsTimePassToTheNextPeriod) {
     snd_pcm_t* const pcm = capture();
     EXPECT_EQ(1, snd_pcm_wait(pcm, 10));
-    EXPECT_EQ(5 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(5 * kNsPerMs, fake_alsa::elapsedNs(pcm));
     EXPECT_EQ(1, snd_pcm_wait(pcm, 10));
-    EXPECT_EQ(5 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(5 * kNsPerMs, fake_alsa::elapsedNs(pcm));
 }
 
 TEST_F(FakeAlsaTest, WaitOnAStalledDeviceTakesItsTimeout) {
     snd_pcm_t* const pcm = capture();
     fake_alsa::stall(pcm, true);
     EXPECT_EQ(0, snd_pcm_wait(pcm, 10));
-    EXPECT_EQ(10 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(10 * kNsPerMs, fake_alsa::elapsedNs(pcm));
     EXPECT_EQ(0, snd_pcm_avail_update(pcm));
 }
 
@@ -137,12 +137,12 @@ TEST_F(FakeAlsaTest, ReadsDeliverTheKnownSequence) {
     EXPECT_EQ(240, snd_pcm_readi(pcm, samples, 240));
     EXPECT_EQ(capturedSample(240), samples[0]);
     EXPECT_EQ(capturedSample(479), samples[239]);
-    EXPECT_EQ(10 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(10 * kNsPerMs, fake_alsa::elapsedNs(pcm));
 }
 
 TEST_F(FakeAlsaTest, OverdueCaptureFallsIntoAnXrunUntilPrepared) {
     snd_pcm_t* const pcm = capture();
-    fake_alsa::advance(pcm, 100 * NS_PER_MS - 1);
+    fake_alsa::advance(pcm, 100 * kNsPerMs - 1);
     EXPECT_EQ(4799, snd_pcm_avail_update(pcm));
     fake_alsa::advance(pcm, 1);
     EXPECT_EQ(SND_PCM_STATE_XRUN, snd_pcm_state(pcm));
@@ -170,15 +170,15 @@ TEST_F(FakeAlsaTest, FullPlaybackWaitsForRoom) {
     snd_pcm_t* const pcm = playback();
     EXPECT_EQ(720, snd_pcm_writei(pcm, samples, 720));
     EXPECT_EQ(1, snd_pcm_wait(pcm, 10));
-    EXPECT_EQ(5 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(5 * kNsPerMs, fake_alsa::elapsedNs(pcm));
     EXPECT_EQ(480, snd_pcm_writei(pcm, samples, 480));
-    EXPECT_EQ(10 * NS_PER_MS, fake_alsa::elapsedNs(pcm));
+    EXPECT_EQ(10 * kNsPerMs, fake_alsa::elapsedNs(pcm));
 }
 
 TEST_F(FakeAlsaTest, StarvedPlaybackFallsIntoAnXrun) {
     snd_pcm_t* const pcm = playback();
     EXPECT_EQ(240, snd_pcm_writei(pcm, samples, 240));
-    fake_alsa::advance(pcm, 20 * NS_PER_MS);
+    fake_alsa::advance(pcm, 20 * kNsPerMs);
     EXPECT_EQ(-EPIPE, snd_pcm_writei(pcm, samples, 240));
 }
 
@@ -186,7 +186,7 @@ TEST_F(FakeAlsaTest, DeviceClockMayBeOffItsRate) {
     fake_alsa::nextDevice().clockPpm = 500;
     snd_pcm_t* const pcm = opened(SND_PCM_STREAM_CAPTURE, 2400, 1000000);
     EXPECT_EQ(0, snd_pcm_start(pcm));
-    fake_alsa::advance(pcm, 1000 * NS_PER_MS);
+    fake_alsa::advance(pcm, 1000 * kNsPerMs);
     EXPECT_EQ(48024, snd_pcm_avail_update(pcm));
 }
 
@@ -227,7 +227,7 @@ TEST_F(FakeAlsaTest, TwoThreadsEachRunTheirOwnPcm) {
     });
     reader.join();
     writer.join();
-    EXPECT_EQ(5000 * NS_PER_MS, fake_alsa::elapsedNs(capturing));
+    EXPECT_EQ(5000 * kNsPerMs, fake_alsa::elapsedNs(capturing));
     EXPECT_EQ(240000u, fake_alsa::written(playing).size());
     EXPECT_EQ(2000, fake_alsa::count("snd_pcm_wait"));
 }

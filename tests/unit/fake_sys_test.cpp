@@ -19,7 +19,7 @@
 
 namespace {
 
-using fake_log::UAFCH;
+using fake_log::kChannelLog;
 using FakeSysTest = fake_sys::Test;
 
 TEST_F(FakeSysTest, HookReplacesTheCall) {
@@ -85,7 +85,7 @@ TEST_F(FakeSysTest, CreatedThreadRunsWhenTheTestRunsIt) {
 
 TEST_F(FakeSysTest, LogKeepsLevelTagAndExactText) {
     __android_log_print(ANDROID_LOG_ERROR, "UAFCH", "state %d", 3);
-    EXPECT_EQ((std::vector<fake_log::Line>{UAFCH.error("state 3")}), fake_log::lines());
+    EXPECT_EQ((std::vector<fake_log::Line>{kChannelLog.error("state 3")}), fake_log::lines());
 }
 
 }  // namespace

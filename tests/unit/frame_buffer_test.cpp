@@ -21,7 +21,7 @@
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -64,8 +64,8 @@ class FrameBufferTest : public fake_sys::Test {
     std::unique_ptr<FrameBuffer> buffer;
     std::vector<std::string> journal;
     FakeLocks locks{journal};
-    int16_t block[FIFO_BLOCK_FRAMES] = {};
-    int16_t frame[PERIOD_FRAMES] = {};
+    int16_t block[kFifoBlockFrames] = {};
+    int16_t frame[kPeriodFrames] = {};
 };
 
 TEST_F(FrameBufferTest, AUseReleasesTheLockBeforeItReturns) {
@@ -81,15 +81,15 @@ TEST_F(FrameBufferTest, AFailedUseKeepsTheLockAsLongAsItsResult) {
     EXPECT_FALSE(write());
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "request", "unlock", "lock", "request", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("SSRS_Write error: 3\n"),
-                                               UAFSRC.error("SSRS_Read error: 4\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.error("SSRS_Write error: 3\n"),
+                                               kSourceLog.error("SSRS_Read error: 4\n")));
 }
 
 TEST_F(FrameBufferTest, AnUnlockThatFailsAfterAFailureIsNotReported) {
     fake_ssrs::hooks().SSRS_Read = [](SSRS_Ctx*, int16_t*) { return 4; };
     locks.answer("unlock", EPERM);
     EXPECT_FALSE(read());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("SSRS_Read error: 4\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.error("SSRS_Read error: 4\n")));
 }
 
 TEST_F(FrameBufferTest, WithoutTheLockNothingIsDone) {
@@ -98,8 +98,8 @@ TEST_F(FrameBufferTest, WithoutTheLockNothingIsDone) {
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "request", "lock", "request"));
     EXPECT_EQ(0U, buffer->context()->wrCalls + buffer->context()->rdCalls);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("bufferLoop: lock failed: 22\n"),
-                                               UAFSRC.error("mutex lock failed: 22\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.error("bufferLoop: lock failed: 22\n"),
+                                               kSourceLog.error("mutex lock failed: 22\n")));
 }
 
 TEST_F(FrameBufferTest, AFailedUnlockIsAFailureThatHoldsNothing) {
@@ -107,8 +107,8 @@ TEST_F(FrameBufferTest, AFailedUnlockIsAFailureThatHoldsNothing) {
     EXPECT_FALSE(write());
     EXPECT_FALSE(read());
     EXPECT_THAT(journal, ElementsAre("lock", "unlock", "request", "lock", "unlock", "request"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("bufferLoop: unlock failed: 1\n"),
-                                               UAFSRC.error("mutex unlock failed: 1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.error("bufferLoop: unlock failed: 1\n"),
+                                               kSourceLog.error("mutex unlock failed: 1\n")));
 }
 
 TEST_F(FrameBufferTest, ABlockWithoutRoomIsDroppedAndNoFailure) {
@@ -120,7 +120,7 @@ TEST_F(FrameBufferTest, ABlockWithoutRoomIsDroppedAndNoFailure) {
 }
 
 TEST_F(FrameBufferTest, AReadFillsTheWholeFrameWithoutSound) {
-    std::fill_n(frame, PERIOD_FRAMES, int16_t{7});
+    std::fill_n(frame, kPeriodFrames, int16_t{7});
     EXPECT_TRUE(read());
     EXPECT_THAT(frame, Each(0));
 }
@@ -138,14 +138,14 @@ TEST_F(FrameBufferTest, EveryBuildMayBeEnlargedOnce) {
         buffer->release();
         EXPECT_EQ(nullptr, buffer->context());
         buffer->build();
-        EXPECT_EQ(SMALL_FRAME_BUFFER.storage, buffer->context()->qBuffLen);
+        EXPECT_EQ(kSmallFrameBuffer.storage, buffer->context()->qBuffLen);
         fake_ssrs::hooks().SSRS_StatsGet = [](const SSRS_Ctx*, SSRS_Stats* stats) {
-            stats->underruns = ENLARGE_UNDERRUNS;
+            stats->underruns = kEnlargeUnderruns;
             return 0;
         };
-        EXPECT_TRUE(buffer->write(block, STATS_PASSES).ok());
-        EXPECT_EQ(LARGE_FRAME_BUFFER.storage, buffer->context()->qBuffLen);
-        EXPECT_EQ(LARGE_FRAME_BUFFER.depthHigh, buffer->context()->qDepthHigh);
+        EXPECT_TRUE(buffer->write(block, kStatsPasses).ok());
+        EXPECT_EQ(kLargeFrameBuffer.storage, buffer->context()->qBuffLen);
+        EXPECT_EQ(kLargeFrameBuffer.depthHigh, buffer->context()->qDepthHigh);
     }
 }
 

@@ -22,15 +22,15 @@ int uafdMain();
 
 namespace {
 
+using fake_log::kDaemonLog;
 using fake_log::Line;
-using fake_log::UAFIFO;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr int CONTROL_FD = 9;
+constexpr int kControlFd = 9;
 
 std::vector<std::string> events;
 bool ipcStarts = true;
@@ -40,10 +40,10 @@ bool cableStarts = true;
 struct EndOfScript {};
 
 // The standard streams first of all: what a constructor logs may open the log.
-const std::vector<std::string> BUILT{"fcntl 0", "fcntl 1", "fcntl 2",  "mutex",
-                                     "mutex",   "mutex",   "CableMon", "UafIpc"};
-const std::vector<std::string> DESTROYED{"~UafIpc", "~CableMon"};
-const std::vector<std::string> FIFOS_PROBED{"open /tmp/usbAudioFifoRx", "open /tmp/usbAudioFifoTx",
+const std::vector<std::string> kBuilt{"fcntl 0", "fcntl 1", "fcntl 2",  "mutex",
+                                      "mutex",   "mutex",   "CableMon", "UafIpc"};
+const std::vector<std::string> kDestroyed{"~UafIpc", "~CableMon"};
+const std::vector<std::string> kFifosProbed{"open /tmp/usbAudioFifoRx", "open /tmp/usbAudioFifoTx",
                                             "close 7", "close 8"};
 
 std::vector<std::string> joined(std::initializer_list<std::vector<std::string>> lists) {
@@ -108,7 +108,7 @@ class MainTest : public fake_alsa::Test {
 
     FakeThreads threads;
     int mknodResult = 0;
-    int controlFd = CONTROL_FD;
+    int controlFd = kControlFd;
     int ioctlResult = 0;
     int linesAtFirstOpen = -1;
     std::vector<UacUserMsgT> records;  // what the driver reports
@@ -116,16 +116,16 @@ class MainTest : public fake_alsa::Test {
 
 TEST_F(MainTest, BuildsConnectsAndRuns) {
     EXPECT_THROW(uafdMain(), EndOfScript);
-    EXPECT_THAT(events, ElementsAreArray(joined({BUILT,
-                                                 FIFOS_PROBED,
+    EXPECT_THAT(events, ElementsAreArray(joined({kBuilt,
+                                                 kFifosProbed,
                                                  {"mknod", "open /dev/uac_user", "UafIpc::start",
                                                   "CableMon::start", "ioctl 9", "read 9"},
-                                                 DESTROYED})));
+                                                 kDestroyed})));
     EXPECT_THAT(
         fake_log::lines(),
         ElementsAre(
-            UAFIFO.debug("use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx\n"),
-            UAFIFO.debug(
+            kDaemonLog.debug("use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx\n"),
+            kDaemonLog.debug(
                 "Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, /tmp/usbAudioFifoTx "
                 "after 0 attempts")));
     EXPECT_EQ(1, linesAtFirstOpen);
@@ -134,16 +134,16 @@ TEST_F(MainTest, BuildsConnectsAndRuns) {
 TEST_F(MainTest, NodeThatCannotBeCreatedEndsTheProcess) {
     mknodResult = -1;
     EXPECT_EQ(-1, uafdMain());
-    EXPECT_THAT(events, ElementsAreArray(joined({BUILT, FIFOS_PROBED, {"mknod"}, DESTROYED})));
-    EXPECT_EQ((UAFIFO.error("mknod failed, rc=-1, errno=1\n")), fake_log::lines().back());
+    EXPECT_THAT(events, ElementsAreArray(joined({kBuilt, kFifosProbed, {"mknod"}, kDestroyed})));
+    EXPECT_EQ((kDaemonLog.error("mknod failed, rc=-1, errno=1\n")), fake_log::lines().back());
 }
 
 TEST_F(MainTest, ControlDeviceThatDoesNotOpenEndsTheProcess) {
     controlFd = -1;
     EXPECT_EQ(-1, uafdMain());
     EXPECT_THAT(events, ElementsAreArray(joined(
-                            {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user"}, DESTROYED})));
-    EXPECT_EQ((UAFIFO.error("open /dev/uac_user failed, rc=-1, errno=6\n")),
+                            {kBuilt, kFifosProbed, {"mknod", "open /dev/uac_user"}, kDestroyed})));
+    EXPECT_EQ((kDaemonLog.error("open /dev/uac_user failed, rc=-1, errno=6\n")),
               fake_log::lines().back());
 }
 
@@ -153,8 +153,9 @@ TEST_F(MainTest, ServiceThatDoesNotStartEndsTheProcess) {
     EXPECT_THAT(
         events,
         ElementsAreArray(joined(
-            {BUILT, FIFOS_PROBED, {"mknod", "open /dev/uac_user", "UafIpc::start"}, DESTROYED})));
-    EXPECT_EQ((UAFIFO.debug("failed to initialized IPC ... exiting\n")), fake_log::lines().back());
+            {kBuilt, kFifosProbed, {"mknod", "open /dev/uac_user", "UafIpc::start"}, kDestroyed})));
+    EXPECT_EQ((kDaemonLog.debug("failed to initialized IPC ... exiting\n")),
+              fake_log::lines().back());
 }
 
 TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
@@ -162,7 +163,7 @@ TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
     ioctlResult = -1;
     EXPECT_THROW(uafdMain(), EndOfScript);
     EXPECT_THAT(events, Contains("read 9"));
-    EXPECT_EQ((UAFIFO.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=25\n")),
+    EXPECT_EQ((kDaemonLog.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=-1, error=25\n")),
               fake_log::lines().back());
 }
 

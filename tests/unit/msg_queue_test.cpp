@@ -22,7 +22,7 @@
 
 namespace {
 
-using fake_log::UAFIPC;
+using fake_log::kIpcLog;
 using Lines = std::vector<fake_log::Line>;
 using Message = std::pair<uint32_t, uint32_t>;  // type, data
 using Messages = std::vector<Message>;
@@ -92,10 +92,10 @@ TEST_F(MsgQueueTest, NewestOfAHundredGivesWay) {
     EXPECT_EQ(Lines{}, fake_log::lines());
     queue.queueMsg({4, 0xABCD});
     queue.queueMsg({6, 1});
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: overwriting msg: <0x00000001:0x00000001> -> "
-                                  "<0x00000004:0x0000ABCD>\n"),
-                     UAFIPC.error("queueMsg: overwriting msg: <0x00000004:0x0000ABCD> -> "
-                                  "<0x00000006:0x00000001>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: overwriting msg: <0x00000001:0x00000001> -> "
+                                   "<0x00000004:0x0000ABCD>\n"),
+                     kIpcLog.error("queueMsg: overwriting msg: <0x00000004:0x0000ABCD> -> "
+                                   "<0x00000006:0x00000001>\n")}),
               fake_log::lines());
     const Messages taken = take();
     ASSERT_EQ(100U, taken.size());
@@ -131,7 +131,7 @@ TEST_F(MsgQueueTest, MessageThatCannotLockIsLost) {
     queue.queueMsg({3, 1});
     fake_sys::hooks().malloc = nullptr;
     EXPECT_EQ((Strings{"lock"}), journal);
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
     EXPECT_EQ(Messages{}, take());
 }
 
@@ -139,7 +139,7 @@ TEST_F(MsgQueueTest, MessageThatFindsNoMemoryIsLostWithoutABroadcast) {
     fake_sys::hooks().malloc = [](size_t) -> void* { return nullptr; };
     queue.queueMsg({3, 1});
     fake_sys::hooks().malloc = nullptr;
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: malloc failed\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: malloc failed\n")}), fake_log::lines());
     EXPECT_EQ((Strings{"lock", "unlock"}), journal);
     queue.queueMsg({3, 2});
     EXPECT_EQ((Messages{{3, 2}}), take());
@@ -149,8 +149,8 @@ TEST_F(MsgQueueTest, FailedBroadcastAndUnlockAreLoggedAndTheMessageStays) {
     locks.answer("broadcast", EINVAL);
     locks.answer("unlock", EPERM);
     queue.queueMsg({3, 1});
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: conditional broadcast failed: 22\n"),
-                     UAFIPC.error("queueMsg: unlock failed: 1\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: conditional broadcast failed: 22\n"),
+                     kIpcLog.error("queueMsg: unlock failed: 1\n")}),
               fake_log::lines());
     EXPECT_EQ((Messages{{3, 1}}), take());
 }
@@ -168,7 +168,7 @@ TEST_F(MsgQueueTest, FullCountWithoutMessagesIsReportedToTheProducersLog) {
     queue.resetList();
     journal.clear();
     queue.queueMsg({3, 1});
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: last entry is NULL\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: last entry is NULL\n")}), fake_log::lines());
     EXPECT_EQ((Strings{"lock", "unlock"}), journal);
     new (&queue) MsgQueue;
     for (void* const entry : lost)
@@ -224,7 +224,7 @@ TEST_F(MsgQueueTest, SyncUpThatCannotLockIsLost) {
     take();
     locks.answer("lock", EDEADLK);
     queue.queueSyncReply();
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: lock failed: 35\n")}), fake_log::lines());
     EXPECT_EQ(Messages{}, take());
 }
 
@@ -234,12 +234,12 @@ TEST_F(MsgQueueTest, SyncUpAtAHundredPendingLeavesOnlyItsLastMessage) {
     for (uint32_t i = 0; i < 100; i++)
         queue.queueMsg({3, i});
     queue.queueSyncReply();
-    EXPECT_EQ((Lines{UAFIPC.error("queueMsg: overwriting msg: <0x00000003:0x00000063> -> "
-                                  "<0x00000000:0x00000001>\n"),
-                     UAFIPC.error("queueMsg: overwriting msg: <0x00000000:0x00000001> -> "
-                                  "<0x00000001:0x00000000>\n"),
-                     UAFIPC.error("queueMsg: overwriting msg: <0x00000001:0x00000000> -> "
-                                  "<0x00000002:0x00000001>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("queueMsg: overwriting msg: <0x00000003:0x00000063> -> "
+                                   "<0x00000000:0x00000001>\n"),
+                     kIpcLog.error("queueMsg: overwriting msg: <0x00000000:0x00000001> -> "
+                                   "<0x00000001:0x00000000>\n"),
+                     kIpcLog.error("queueMsg: overwriting msg: <0x00000001:0x00000000> -> "
+                                   "<0x00000002:0x00000001>\n")}),
               fake_log::lines());
     const Messages taken = take();
     ASSERT_EQ(100U, taken.size());

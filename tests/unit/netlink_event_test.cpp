@@ -29,7 +29,7 @@ std::string message(std::initializer_list<std::string> strings) {
     return bytes;
 }
 
-const std::string CONFIGURED_EVENT =
+const std::string kConfiguredEvent =
     message({"change@/devices/virtual/android_usb/android0", "ACTION=change",
              "DEVPATH=/devices/virtual/android_usb/android0", "SUBSYSTEM=android_usb",
              "USB_STATE=CONFIGURED", "SEQNUM=2143"});
@@ -43,7 +43,7 @@ TEST(NetlinkEventTest, NewEventIsEmpty) {
 
 TEST(NetlinkEventTest, KernelsEventIsDecoded) {
     NetlinkEvent event;
-    ASSERT_TRUE(decode(event, CONFIGURED_EVENT));
+    ASSERT_TRUE(decode(event, kConfiguredEvent));
     EXPECT_EQ(Action::kChange, event.getAction());
     EXPECT_STREQ("android_usb", event.getSubsystem());
     EXPECT_STREQ("CONFIGURED", event.findParam("USB_STATE"));
@@ -52,7 +52,7 @@ TEST(NetlinkEventTest, KernelsEventIsDecoded) {
 
 TEST(NetlinkEventTest, ActionSequenceAndSubsystemAreNoParameters) {
     NetlinkEvent event;
-    ASSERT_TRUE(decode(event, CONFIGURED_EVENT));
+    ASSERT_TRUE(decode(event, kConfiguredEvent));
     EXPECT_EQ(nullptr, event.findParam("ACTION"));
     EXPECT_EQ(nullptr, event.findParam("SEQNUM"));
     EXPECT_EQ(nullptr, event.findParam("SUBSYSTEM"));
@@ -124,19 +124,19 @@ TEST(NetlinkEventTest, NothingIsDecodedFromNothing) {
 TEST(NetlinkEventTest, OtherFormatsAreRefused) {
     NetlinkEvent event;
     for (const int format : {-1, 1, 2, 3})
-        EXPECT_FALSE(decode(event, CONFIGURED_EVENT, format)) << format;
+        EXPECT_FALSE(decode(event, kConfiguredEvent, format)) << format;
     EXPECT_EQ(nullptr, event.getSubsystem());
 }
 
 TEST(NetlinkEventTest, LastStringNeedsNoTerminator) {
     NetlinkEvent event;
-    ASSERT_TRUE(decode(event, CONFIGURED_EVENT + "USB_MODE=device"));
+    ASSERT_TRUE(decode(event, kConfiguredEvent + "USB_MODE=device"));
     EXPECT_STREQ("device", event.findParam("USB_MODE"));
 }
 
 TEST(NetlinkEventTest, NextDecodeForgetsTheEventBefore) {
     NetlinkEvent event;
-    ASSERT_TRUE(decode(event, CONFIGURED_EVENT));
+    ASSERT_TRUE(decode(event, kConfiguredEvent));
     ASSERT_TRUE(decode(event, message({"x@/d", "OTHER=1"})));
     EXPECT_EQ(Action::kUnknown, event.getAction());
     EXPECT_EQ(nullptr, event.getSubsystem());
@@ -179,9 +179,9 @@ TEST(NetlinkEventTest, AnyBytesAreSafe) {
 }
 
 TEST(NetlinkEventTest, EveryPrefixOfAnEventIsSafe) {
-    for (size_t length = 0; length <= CONFIGURED_EVENT.size(); length++) {
+    for (size_t length = 0; length <= kConfiguredEvent.size(); length++) {
         NetlinkEvent event;
-        EXPECT_EQ(length > strlen("change"), decode(event, CONFIGURED_EVENT.substr(0, length)));
+        EXPECT_EQ(length > strlen("change"), decode(event, kConfiguredEvent.substr(0, length)));
         readAll(event);
     }
 }

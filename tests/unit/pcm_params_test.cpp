@@ -11,8 +11,8 @@
 
 namespace {
 
+using fake_log::kAlsaLog;
 using fake_log::Line;
-using fake_log::UAFSND;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -82,9 +82,9 @@ TEST_F(PcmParamsTest, InexactRateIsLoggedAndTaken) {
     fake_alsa::nextDevice().grantedRate = 44100;
     open();
     EXPECT_EQ(0, setHw());
-    EXPECT_THAT(
-        fake_log::lines(),
-        ElementsAre(UAFSND.debug("warnning: rate is not accurate, want 48000 Hz, got 44100 Hz\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kAlsaLog.debug(
+                    "warnning: rate is not accurate, want 48000 Hz, got 44100 Hz\n")));
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_hw_params"));
 }
 
@@ -92,7 +92,7 @@ TEST_F(PcmParamsTest, RateOffByOneIsInexact) {
     fake_alsa::nextDevice().grantedRate = 48001;
     open();
     EXPECT_EQ(0, setHw());
-    EXPECT_EQ(1, fake_log::count(UAFSND.debug(
+    EXPECT_EQ(1, fake_log::count(kAlsaLog.debug(
                      "warnning: rate is not accurate, want 48000 Hz, got 48001 Hz\n")));
 }
 
@@ -153,7 +153,7 @@ TEST_P(HwStepTest, FailureIsReportedAndEndsTheSetup) {
     EXPECT_EQ(GetParam().code, setHw());
     EXPECT_EQ(static_cast<size_t>(GetParam().callsMade), fake_alsa::calls().size());
     EXPECT_EQ(1, fake_alsa::count(GetParam().call));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSND.error(GetParam().report)));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kAlsaLog.error(GetParam().report)));
 }
 
 TEST_P(HwStepTest, PositiveResultIsSuccess) {
@@ -186,7 +186,7 @@ TEST_P(SwStepTest, FailureIsReportedAndEndsTheSetup) {
     EXPECT_EQ(GetParam().code, setSw());
     EXPECT_EQ(static_cast<size_t>(GetParam().callsMade), fake_alsa::calls().size());
     EXPECT_EQ(1, fake_alsa::count(GetParam().call));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSND.error(GetParam().report)));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kAlsaLog.error(GetParam().report)));
 }
 
 TEST_P(SwStepTest, PositiveResultIsSuccess) {

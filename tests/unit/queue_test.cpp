@@ -40,12 +40,12 @@ bool same(const QUEUE_Ctx& a, const QUEUE_Ctx& b) {
 
 class QueueTest : public testing::Test {
   protected:
-    static constexpr int32_t SIZE = 16;
+    static constexpr int32_t kStorageBytes = 16;
 
     void SetUp() override {
         memset(&ctx, 0xA5, sizeof(ctx));
         ASSERT_EQ(QUEUE_OK, QUEUE_InitContext(&ctx));
-        ASSERT_EQ(QUEUE_OK, QUEUE_SetBuffer(&ctx, storage.data(), SIZE));
+        ASSERT_EQ(QUEUE_OK, QUEUE_SetBuffer(&ctx, storage.data(), kStorageBytes));
         ASSERT_EQ(QUEUE_OK, QUEUE_Clear(&ctx));
     }
     void TearDown() override { EXPECT_TRUE(storage.intact()); }
@@ -74,7 +74,7 @@ class QueueTest : public testing::Test {
     }
 
     QUEUE_Ctx ctx;
-    Guarded<uint8_t> storage{SIZE, 0xCC};
+    Guarded<uint8_t> storage{kStorageBytes, 0xCC};
 };
 
 TEST_F(QueueTest, CodesHaveTheirFixedNumbers) {
@@ -105,7 +105,7 @@ TEST_F(QueueTest, NullContextIsReportedBeforeAnyOtherFault) {
 TEST_F(QueueTest, NullDataIsReportedBeforeSizeAndLength) {
     const QUEUE_Ctx before = ctx;
     EXPECT_EQ(2, QUEUE_SetBuffer(&ctx, nullptr, 6));
-    for (const int32_t n : {-1, 0, 1, SIZE + 1}) {
+    for (const int32_t n : {-1, 0, 1, kStorageBytes + 1}) {
         EXPECT_EQ(2, QUEUE_EnqueueFromBuff(&ctx, nullptr, n));
         EXPECT_EQ(2, QUEUE_DequeueToBuff(&ctx, nullptr, n));
     }
@@ -135,7 +135,7 @@ TEST_F(QueueTest, NewStorageStartsAtItsFirstByteAndKeepsTheOldDepth) {
 }
 
 TEST_F(QueueTest, DepthLeftFromLargerStorageStaysWithinTheNew) {
-    put(counting(SIZE));
+    put(counting(kStorageBytes));
     Guarded<uint8_t> small(8);
     const Bytes held = counting(8, 50);
     std::copy(held.begin(), held.end(), small.begin());
@@ -169,16 +169,16 @@ TEST_F(QueueTest, GivesBackInOrderWhatItWasGiven) {
 TEST_F(QueueTest, ExactlyTheFreeSpaceFitsAndOneMoreByteDoesNot) {
     turn(5);
     put(counting(6));
-    EXPECT_EQ(0, put(counting(SIZE - 6, 7)));
+    EXPECT_EQ(0, put(counting(kStorageBytes - 6, 7)));
     EXPECT_EQ(ctx.readPtr, ctx.writePtr);
-    EXPECT_EQ(uint32_t{SIZE}, depth());
+    EXPECT_EQ(uint32_t{kStorageBytes}, depth());
 
     const QUEUE_Ctx before = ctx;
     const Bytes held = storage.toVector();
     EXPECT_EQ(6, put({99}));
     EXPECT_TRUE(same(before, ctx));
     EXPECT_EQ(held, storage.toVector());
-    EXPECT_EQ(counting(SIZE), take(SIZE));
+    EXPECT_EQ(counting(kStorageBytes), take(kStorageBytes));
 }
 
 TEST_F(QueueTest, BlockThatDoesNotFitIsRefusedWhole) {
@@ -190,14 +190,14 @@ TEST_F(QueueTest, BlockThatDoesNotFitIsRefusedWhole) {
 }
 
 TEST_F(QueueTest, LengthBeyondTheStorageIsABadLengthEvenWhenFull) {
-    const Bytes large(SIZE + 1);
+    const Bytes large(kStorageBytes + 1);
     EXPECT_EQ(4, put(large));
-    put(counting(SIZE));
+    put(counting(kStorageBytes));
     EXPECT_EQ(4, put(large));
-    uint8_t out[SIZE + 1];
-    EXPECT_EQ(4, QUEUE_DequeueToBuff(&ctx, out, SIZE + 1));
+    uint8_t out[kStorageBytes + 1];
+    EXPECT_EQ(4, QUEUE_DequeueToBuff(&ctx, out, kStorageBytes + 1));
     EXPECT_EQ(4, QUEUE_DequeueToBuff(&ctx, out, INT32_MAX));
-    EXPECT_EQ(counting(SIZE), take(SIZE));
+    EXPECT_EQ(counting(kStorageBytes), take(kStorageBytes));
 }
 
 TEST_F(QueueTest, NegativeLengthIsRefused) {
@@ -213,7 +213,7 @@ TEST_F(QueueTest, NegativeLengthIsRefused) {
 }
 
 TEST_F(QueueTest, ZeroLengthSucceedsAndChangesNothing) {
-    put(counting(SIZE));
+    put(counting(kStorageBytes));
     const QUEUE_Ctx before = ctx;
     uint8_t byte = 7;
     EXPECT_EQ(0, QUEUE_EnqueueFromBuff(&ctx, &byte, 0));
@@ -235,7 +235,7 @@ TEST_F(QueueTest, WithoutStorageEveryLengthButZeroIsRefused) {
 TEST_F(QueueTest, EmptyQueueGivesZeros) {
     turn(9);
     const QUEUE_Ctx before = ctx;
-    EXPECT_EQ(Bytes(SIZE), take(SIZE));
+    EXPECT_EQ(Bytes(kStorageBytes), take(kStorageBytes));
     EXPECT_TRUE(same(before, ctx));
 }
 

@@ -17,9 +17,9 @@ namespace {
 
 using Samples = std::vector<int16_t>;
 
-constexpr int32_t FRAME_SIZE_MAX = 960;
-constexpr int16_t LOWEST = std::numeric_limits<int16_t>::min();
-constexpr int16_t HIGHEST = std::numeric_limits<int16_t>::max();
+constexpr int32_t kFrameSizeMax = 960;
+constexpr int16_t kLowest = std::numeric_limits<int16_t>::min();
+constexpr int16_t kHighest = std::numeric_limits<int16_t>::max();
 
 struct Pattern {
     std::string name;
@@ -28,7 +28,7 @@ struct Pattern {
 
 Samples generated(int16_t (*at)(int32_t)) {
     Samples samples;
-    for (int32_t i = 0; i <= FRAME_SIZE_MAX; i++) {
+    for (int32_t i = 0; i <= kFrameSizeMax; i++) {
         samples.push_back(at(i));
     }
     return samples;
@@ -37,14 +37,15 @@ Samples generated(int16_t (*at)(int32_t)) {
 std::vector<Pattern> patterns() {
     static std::mt19937 random(20240229);
     return {
-        {"extremes, low first", generated([](int32_t i) { return i % 2 == 0 ? LOWEST : HIGHEST; })},
+        {"extremes, low first",
+         generated([](int32_t i) { return i % 2 == 0 ? kLowest : kHighest; })},
         {"extremes, high first",
-         generated([](int32_t i) { return i % 2 == 0 ? HIGHEST : LOWEST; })},
-        {"all lowest", generated([](int32_t) { return LOWEST; })},
+         generated([](int32_t i) { return i % 2 == 0 ? kHighest : kLowest; })},
+        {"all lowest", generated([](int32_t) { return kLowest; })},
         {"small steps", generated([](int32_t i) { return int16_t(i % 3 - 1); })},
         {"ramp", generated([](int32_t i) { return int16_t(i * 68 - 32000); })},
         {"random", generated([](int32_t) { return int16_t(random()); })},
-        {"random extremes", generated([](int32_t) { return random() % 2 ? LOWEST : HIGHEST; })},
+        {"random extremes", generated([](int32_t) { return random() % 2 ? kLowest : kHighest; })},
     };
 }
 
@@ -105,7 +106,7 @@ TEST(ResampleStepTest, RatioIsDividedInSinglePrecision) {
 // Nearest to the exact ratio but for those four, each off by one.
 TEST(ResampleStepTest, StepOfEverySizeIsTheRoundedRatio) {
     std::vector<int32_t> offByOne;
-    for (int32_t frameSize = 2; frameSize <= FRAME_SIZE_MAX; frameSize++) {
+    for (int32_t frameSize = 2; frameSize <= kFrameSizeMax; frameSize++) {
         for (const int32_t count : {frameSize - 1, frameSize, frameSize + 1}) {
             const int64_t intervals = frameSize - 1;
             const int64_t exact = (int64_t{count - 1} * 65536 * 2 + intervals) / (2 * intervals);
@@ -121,7 +122,7 @@ TEST(ResampleStepTest, StepOfEverySizeIsTheRoundedRatio) {
 
 TEST(ResampleTest, EveryFrameSizeEqualsTheFormula) {
     for (const Pattern& pattern : patterns()) {
-        for (int32_t frameSize = 1; frameSize <= FRAME_SIZE_MAX; frameSize++) {
+        for (int32_t frameSize = 1; frameSize <= kFrameSizeMax; frameSize++) {
             for (const int32_t count : {frameSize - 1, frameSize + 1}) {
                 if (count > 0) {
                     const Samples in = firstOf(pattern, count);
@@ -163,8 +164,8 @@ TEST(ResampleTest, FramesOfTwoAndOneHaveNoInterior) {
 TEST(ResampleTest, HalvesAreRoundedUp) {
     EXPECT_EQ((Samples{0, 1, 1}), resampled({0, 1}, 3));
     EXPECT_EQ((Samples{0, 0, -1}), resampled({0, -1}, 3));
-    EXPECT_EQ((Samples{LOWEST, 0, HIGHEST}), resampled({LOWEST, HIGHEST}, 3));
-    EXPECT_EQ((Samples{HIGHEST, 0, LOWEST}), resampled({HIGHEST, LOWEST}, 3));
+    EXPECT_EQ((Samples{kLowest, 0, kHighest}), resampled({kLowest, kHighest}, 3));
+    EXPECT_EQ((Samples{kHighest, 0, kLowest}), resampled({kHighest, kLowest}, 3));
 }
 
 }  // namespace

@@ -13,7 +13,7 @@
 
 namespace {
 
-using fake_log::UAFTAG;
+using fake_log::kTestLog;
 using Lines = std::vector<fake_log::Line>;
 
 // What one pthread_create was given.
@@ -56,16 +56,16 @@ class RtThreadTest : public fake_sys::Test {
         creation.priority = parameters.sched_priority;
         pthread_attr_getinheritsched(attributes, &creation.inherit);
         creations.push_back(creation);
-        *id = NEW_ID;
+        *id = kNewId;
         errno = createErrno;
         return createResult;
     }
 
     int createThread() { return createRtThread(&threadId, entryPoint, &argument, "UAFTAG"); }
 
-    static constexpr pthread_t OLD_ID = 11;
-    static constexpr pthread_t NEW_ID = 22;
-    pthread_t threadId = OLD_ID;
+    static constexpr pthread_t kOldId = 11;
+    static constexpr pthread_t kNewId = 22;
+    pthread_t threadId = kOldId;
     int argument = 0;
     int createResult = 0;
     int createErrno = 0;
@@ -82,7 +82,7 @@ TEST_F(RtThreadTest, CreatesTheThreadAtFifo58) {
     EXPECT_EQ(SCHED_FIFO, creations[0].policy);
     EXPECT_EQ(58, creations[0].priority);
     EXPECT_EQ(PTHREAD_EXPLICIT_SCHED, creations[0].inherit);
-    EXPECT_EQ(NEW_ID, threadId);
+    EXPECT_EQ(kNewId, threadId);
     EXPECT_EQ(1, destroyed);
     EXPECT_EQ(Lines{}, fake_log::lines());
 }
@@ -103,8 +103,8 @@ TEST_F(RtThreadTest, WithoutThePolicyLeavesThePriorityAlone) {
     EXPECT_EQ(0, asked);
     ASSERT_EQ(1U, creations.size());
     EXPECT_EQ(PTHREAD_INHERIT_SCHED, creations[0].inherit);
-    EXPECT_EQ(NEW_ID, threadId);
-    EXPECT_EQ((Lines{UAFTAG.error("unable to setschedpolicy\n")}), fake_log::lines());
+    EXPECT_EQ(kNewId, threadId);
+    EXPECT_EQ((Lines{kTestLog.error("unable to setschedpolicy\n")}), fake_log::lines());
 }
 
 TEST_F(RtThreadTest, SilentlyLeavesAPriorityThatCannotBeRead) {
@@ -131,7 +131,7 @@ TEST_F(RtThreadTest, ReportsAPriorityThatCannotBeSet) {
     EXPECT_EQ(0, createThread());
     ASSERT_EQ(1U, creations.size());
     EXPECT_EQ(PTHREAD_INHERIT_SCHED, creations[0].inherit);
-    EXPECT_EQ((Lines{UAFTAG.error("unable to set thread priority\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kTestLog.error("unable to set thread priority\n")}), fake_log::lines());
 }
 
 TEST_F(RtThreadTest, FailedCreationKeepsTheOldIdAndErrno) {
@@ -139,7 +139,7 @@ TEST_F(RtThreadTest, FailedCreationKeepsTheOldIdAndErrno) {
     createErrno = ENOMEM;
     EXPECT_EQ(EAGAIN, createThread());
     EXPECT_EQ(ENOMEM, errno);
-    EXPECT_EQ(OLD_ID, threadId);
+    EXPECT_EQ(kOldId, threadId);
     EXPECT_EQ(1, destroyed);
     EXPECT_EQ(Lines{}, fake_log::lines());
 }

@@ -41,10 +41,10 @@ inline bool same(const SSRS_Stats& a, const SSRS_Stats& b) {
 
 class SsrsFixture : public testing::Test {
   protected:
-    static constexpr int32_t FRAME = 240;
-    static constexpr int32_t STORAGE = 960;
-    static constexpr int32_t LOW = 480;
-    static constexpr int32_t HIGH = 720;
+    static constexpr int32_t kFrameSamples = 240;
+    static constexpr int32_t kStorageSamples = 960;
+    static constexpr int32_t kDepthLow = 480;
+    static constexpr int32_t kDepthHigh = 720;
 
     void SetUp() override {
         ASSERT_NE(nullptr, ctx);
@@ -55,9 +55,9 @@ class SsrsFixture : public testing::Test {
 
     // As the microphone's channel sets it up.
     void setUpStreaming() {
-        ASSERT_EQ(0, SSRS_SetFrameSize(ctx, FRAME));
-        ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), STORAGE));
-        ASSERT_EQ(0, SSRS_SetQDepth(ctx, LOW, HIGH));
+        ASSERT_EQ(0, SSRS_SetFrameSize(ctx, kFrameSamples));
+        ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), kStorageSamples));
+        ASSERT_EQ(0, SSRS_SetQDepth(ctx, kDepthLow, kDepthHigh));
     }
 
     // Streaming, with `samples` queued and no priming to come.
@@ -95,7 +95,7 @@ class SsrsFixture : public testing::Test {
         return copy;
     }
 
-    Guarded<int16_t> storage{2 * STORAGE};
+    Guarded<int16_t> storage{2 * kStorageSamples};
     std::unique_ptr<void, void (*)(void*)> memory{malloc(SSRS_GetContextSize()), free};
     SSRS_Ctx* ctx = static_cast<SSRS_Ctx*>(memory.get());
 };

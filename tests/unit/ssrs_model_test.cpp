@@ -57,7 +57,7 @@ class SsrsAgainstModel {
     const SSRS_Stats& counts() const { return model.stats; }
 
   private:
-    static constexpr size_t TONE_ROOM = 15;
+    static constexpr size_t kToneRoom = 15;
 
     SSRS_Ctx* makeContext() {
         memory.resize(SSRS_GetContextSize() / sizeof(uint64_t), 0xA5A5A5A5A5A5A5A5u);
@@ -109,7 +109,7 @@ class SsrsAgainstModel {
 
     void read() {
         const auto frame = static_cast<size_t>(model.frameSize);
-        Guarded<int16_t> out(frame + (model.testTone ? TONE_ROOM : 0), 0x1234);
+        Guarded<int16_t> out(frame + (model.testTone ? kToneRoom : 0), 0x1234);
         ASSERT_EQ(0, SSRS_Read(ctx, out.data()));
         ASSERT_TRUE(out.intact());
         ASSERT_EQ(model.read(), Samples(out.begin(), out.begin() + model.frameSize));

@@ -125,12 +125,12 @@ TEST_F(SsrsSetupTest, StorageIsCheckedForNullThenLength) {
 TEST_F(SsrsSetupTest, StorageIsZeroedOverItsLengthAndEmptiesTheQueue) {
     setUpHolding(ramp(480));
     std::fill(storage.begin(), storage.end(), int16_t{7});
-    EXPECT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), STORAGE));
+    EXPECT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), kStorageSamples));
     EXPECT_EQ(0, depth());
-    EXPECT_EQ(joined(Samples(STORAGE, 0), Samples(STORAGE, 7)), storage.toVector());
+    EXPECT_EQ(joined(Samples(kStorageSamples, 0), Samples(kStorageSamples, 7)), storage.toVector());
     EXPECT_EQ(storage.data(), ctx->qBuff);
-    EXPECT_EQ(STORAGE, ctx->qBuffLen);
-    EXPECT_EQ(STORAGE * 2, ctx->queue->size);
+    EXPECT_EQ(kStorageSamples, ctx->qBuffLen);
+    EXPECT_EQ(kStorageSamples * 2, ctx->queue->size);
 }
 
 TEST_F(SsrsSetupTest, OddLengthIsNotedAndZeroedButNotQueuedInto) {
@@ -146,7 +146,7 @@ TEST_F(SsrsSetupTest, OddLengthIsNotedAndZeroedButNotQueuedInto) {
     EXPECT_EQ(0, write(ramp(600)));
     EXPECT_EQ(600, depth());
     EXPECT_EQ(Samples(961), odd.toVector());
-    EXPECT_EQ(ramp(FRAME), read());
+    EXPECT_EQ(ramp(kFrameSamples), read());
 }
 
 TEST_F(SsrsSetupTest, BlockLargerThanThePreviousStorageCountsAsWrittenAndIsLost) {
@@ -162,7 +162,7 @@ TEST_F(SsrsSetupTest, BlockLargerThanThePreviousStorageCountsAsWrittenAndIsLost)
 
 TEST_F(SsrsSetupTest, OddLengthAsTheFirstStorageLeavesAQueueThatHoldsNothing) {
     ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), 961));
-    EXPECT_EQ(0, SSRS_SetQDepth(ctx, LOW, HIGH));
+    EXPECT_EQ(0, SSRS_SetQDepth(ctx, kDepthLow, kDepthHigh));
     EXPECT_EQ(0, write(ramp(480)));
     EXPECT_EQ(0, depth());
     EXPECT_EQ(Samples(480), read());
@@ -171,24 +171,24 @@ TEST_F(SsrsSetupTest, OddLengthAsTheFirstStorageLeavesAQueueThatHoldsNothing) {
 // 2 GiB of address space that repeat the same 1 MiB, but for the last.
 class HugeStorage {
   public:
-    static constexpr int32_t SAMPLES = 1 << 30;
+    static constexpr int32_t kSamples = 1 << 30;
 
-    HugeStorage() : fd(memfd_create("storage", 0)), base(mapAt(nullptr, BYTES, -1)) {
-        EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(CHUNK)));
-        for (size_t offset = 0; offset < BYTES - CHUNK; offset += CHUNK) {
-            mapAt(base + offset, CHUNK, fd);
+    HugeStorage() : fd(memfd_create("storage", 0)), base(mapAt(nullptr, kBytes, -1)) {
+        EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(kChunk)));
+        for (size_t offset = 0; offset < kBytes - kChunk; offset += kChunk) {
+            mapAt(base + offset, kChunk, fd);
         }
-        samples()[SAMPLES - 1] = 7;
+        samples()[kSamples - 1] = 7;
     }
     ~HugeStorage() {
-        munmap(base, BYTES);
+        munmap(base, kBytes);
         close(fd);
     }
     int16_t* samples() { return reinterpret_cast<int16_t*>(base); }
 
   private:
-    static constexpr size_t BYTES = size_t{SAMPLES} * sizeof(int16_t);
-    static constexpr size_t CHUNK = size_t{1} << 20;
+    static constexpr size_t kBytes = size_t{kSamples} * sizeof(int16_t);
+    static constexpr size_t kChunk = size_t{1} << 20;
 
     static uint8_t* mapAt(uint8_t* address, size_t bytes, int fd) {
         const int fixed = address == nullptr ? 0 : MAP_FIXED;
@@ -214,11 +214,11 @@ int32_t attachWithoutShadow(SSRS_Ctx* ctx, int16_t* samples, int32_t len) {
 TEST_F(SsrsSetupTest, LengthWhoseBytesExceed31BitsIsZeroedButNotQueuedInto) {
     setUpEmpty();
     HugeStorage huge;
-    EXPECT_EQ(0, attachWithoutShadow(ctx, huge.samples(), HugeStorage::SAMPLES));
-    EXPECT_EQ(0, huge.samples()[HugeStorage::SAMPLES - 1]);
-    EXPECT_EQ(HugeStorage::SAMPLES, ctx->qBuffLen);
-    EXPECT_EQ(STORAGE * 2, ctx->queue->size);
-    EXPECT_EQ(0, SSRS_Write(ctx, huge.samples(), HugeStorage::SAMPLES));
+    EXPECT_EQ(0, attachWithoutShadow(ctx, huge.samples(), HugeStorage::kSamples));
+    EXPECT_EQ(0, huge.samples()[HugeStorage::kSamples - 1]);
+    EXPECT_EQ(HugeStorage::kSamples, ctx->qBuffLen);
+    EXPECT_EQ(kStorageSamples * 2, ctx->queue->size);
+    EXPECT_EQ(0, SSRS_Write(ctx, huge.samples(), HugeStorage::kSamples));
     EXPECT_EQ(0, depth());
 }
 
@@ -232,7 +232,7 @@ TEST_F(SsrsSetupTest, RangeIsCheckedBeforeStorage) {
 
 TEST_F(SsrsSetupTest, RangeMayReachTheStorageButNotExceedIt) {
     setUpStreaming();
-    EXPECT_EQ(0, SSRS_SetQDepth(ctx, STORAGE, STORAGE));
+    EXPECT_EQ(0, SSRS_SetQDepth(ctx, kStorageSamples, kStorageSamples));
     EXPECT_EQ(0, SSRS_SetQDepth(ctx, 0, 0));
     for (const auto& [low, high] : std::vector<std::pair<int32_t, int32_t>>{
              {480, 961}, {961, 961}, {961, 960}, {481, 480}, {-1, 480}, {-2, -1}}) {

@@ -18,13 +18,13 @@ using SsrsTest = SsrsFixture;
 
 TEST_F(SsrsTest, RefusedWritesCountAsWriteErrors) {
     setUpStreaming();
-    const Samples block(STORAGE + 1);
+    const Samples block(kStorageSamples + 1);
     EXPECT_EQ(2, SSRS_Write(ctx, nullptr, -1));
     EXPECT_EQ(1u, stats().wrErrors);
     EXPECT_EQ(2, SSRS_Write(ctx, nullptr, 0));
     EXPECT_EQ(3, SSRS_Write(ctx, block.data(), -1));
     EXPECT_EQ(3, SSRS_Write(ctx, block.data(), INT32_MIN));
-    EXPECT_EQ(3, SSRS_Write(ctx, block.data(), STORAGE + 1));
+    EXPECT_EQ(3, SSRS_Write(ctx, block.data(), kStorageSamples + 1));
     EXPECT_EQ(3, SSRS_Write(ctx, block.data(), INT32_MAX));
     EXPECT_EQ(6u, stats().wrErrors);
     EXPECT_EQ(0u, stats().wrCalls);
@@ -113,7 +113,7 @@ TEST_F(SsrsTest, BlockThatDoesNotFitIsDroppedWholeAndStillCounted) {
     EXPECT_EQ(2u, stats().wrCalls);
     EXPECT_EQ(0u, stats().wrErrors);
     EXPECT_EQ(900, depth());
-    EXPECT_EQ(resampled(ramp(241), FRAME), read());
+    EXPECT_EQ(resampled(ramp(241), kFrameSamples), read());
 
     EXPECT_EQ(0, write(ramp(301, 5000)));
     EXPECT_EQ(960, depth());
@@ -123,18 +123,18 @@ TEST_F(SsrsTest, BlockThatDoesNotFitIsDroppedWholeAndStillCounted) {
 TEST_F(SsrsTest, DepthWithinTheRangeIsCopiedUnchanged) {
     for (const int32_t held : {480, 600, 720}) {
         setUpHolding(ramp(held));
-        EXPECT_EQ(ramp(FRAME), read());
-        EXPECT_EQ(held - FRAME, depth());
+        EXPECT_EQ(ramp(kFrameSamples), read());
+        EXPECT_EQ(held - kFrameSamples, depth());
     }
     EXPECT_EQ(0, stats().stretchCnt);
     EXPECT_EQ(0u, stats().compressCnt);
-    EXPECT_EQ(3u * FRAME, stats().rdSamples);
+    EXPECT_EQ(3u * kFrameSamples, stats().rdSamples);
     EXPECT_EQ(3u, stats().rdCalls);
 }
 
 TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
     setUpHolding(ramp(721));
-    EXPECT_EQ(resampled(ramp(241), FRAME), read());
+    EXPECT_EQ(resampled(ramp(241), kFrameSamples), read());
     EXPECT_EQ(721 - 241, depth());
     EXPECT_EQ(1u, stats().compressCnt);
     EXPECT_EQ(0, stats().stretchCnt);
@@ -143,7 +143,7 @@ TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
 
 TEST_F(SsrsTest, DepthBelowTheRangeTakesOneSampleFewer) {
     setUpHolding(ramp(479));
-    EXPECT_EQ(resampled(ramp(239), FRAME), read());
+    EXPECT_EQ(resampled(ramp(239), kFrameSamples), read());
     EXPECT_EQ(479 - 239, depth());
     EXPECT_EQ(1, stats().stretchCnt);
     EXPECT_EQ(0u, stats().compressCnt);
@@ -154,8 +154,8 @@ TEST_F(SsrsTest, FixedRateNeverCorrects) {
     for (const int32_t held : {960, 240}) {
         setUpHolding(ramp(held));
         ctx->fixedRate = 1;
-        EXPECT_EQ(ramp(FRAME), read());
-        EXPECT_EQ(held - FRAME, depth());
+        EXPECT_EQ(ramp(kFrameSamples), read());
+        EXPECT_EQ(held - kFrameSamples, depth());
     }
     EXPECT_EQ(0, stats().stretchCnt);
     EXPECT_EQ(0u, stats().compressCnt);
@@ -166,15 +166,15 @@ TEST_F(SsrsTest, DepthOutsideTheRangeIsBroughtBackASampleAFrame) {
         setUpHolding(ramp(start));
         for (int frame = 0; frame < 200; frame++) {
             read();
-            ASSERT_EQ(0, write(ramp(FRAME)));
+            ASSERT_EQ(0, write(ramp(kFrameSamples)));
         }
-        EXPECT_EQ(start == 900 ? HIGH : LOW, depth());
+        EXPECT_EQ(start == 900 ? kDepthHigh : kDepthLow, depth());
     }
 }
 
 TEST_F(SsrsTest, EmptyQueueGivesSilenceAndAsksForPriming) {
     setUpEmpty();
-    EXPECT_EQ(Samples(FRAME), read());
+    EXPECT_EQ(Samples(kFrameSamples), read());
     EXPECT_EQ(0, stats().stretchCnt);
     EXPECT_EQ(0u, stats().rdCalls);
     EXPECT_EQ(0u, stats().rdSamples);
@@ -201,7 +201,7 @@ TEST_F(SsrsTest, EmptyReadTakesOffAStretchThatWasNotCounted) {
 
 TEST_F(SsrsTest, StarvedReadGivesWhatThereIsAndThenSilence) {
     setUpHolding(ramp(100));
-    EXPECT_EQ(resampled(joined(ramp(100), Samples(139)), FRAME), read());
+    EXPECT_EQ(resampled(joined(ramp(100), Samples(139)), kFrameSamples), read());
     EXPECT_EQ(1u, stats().underruns);
     EXPECT_EQ(1u, stats().rdCalls);
     EXPECT_EQ(100u, stats().rdSamples);
@@ -219,11 +219,11 @@ TEST_F(SsrsTest, StarvedReadAtTheNominalStepIsPaddedWithSilence) {
 
 TEST_F(SsrsTest, ExactlyTheNeededSamplesAreNoUnderrun) {
     setUpHolding(ramp(239));
-    EXPECT_EQ(resampled(ramp(239), FRAME), read());
+    EXPECT_EQ(resampled(ramp(239), kFrameSamples), read());
     EXPECT_EQ(0u, stats().underruns);
     EXPECT_EQ(0, ctx->primePending);
     ASSERT_EQ(0, write(ramp(238)));
-    EXPECT_EQ(resampled(joined(ramp(238), {0}), FRAME), read());
+    EXPECT_EQ(resampled(joined(ramp(238), {0}), kFrameSamples), read());
     EXPECT_EQ(1u, stats().underruns);
 }
 
@@ -242,7 +242,7 @@ TEST_F(SsrsTest, FrameLargerThanTheStorageGivesSilenceNeverAnOldFrame) {
         ASSERT_EQ(0, SSRS_SetQDepth(ctx, low, high));
         ASSERT_EQ(0, write(ramp(10)));
         const int32_t held = depth();
-        EXPECT_EQ(Samples(FRAME), read());
+        EXPECT_EQ(Samples(kFrameSamples), read());
         EXPECT_EQ(held, depth());
     }
     EXPECT_EQ(3u, stats().underruns);
@@ -273,15 +273,15 @@ TEST_F(SsrsTest, FramesOfOneAndTwoSqueezedKeepTheEnds) {
 TEST_F(SsrsTest, NoFrameSizeWritesOutsideTheFrameOrKeepsAnOldSample) {
     for (int32_t n = 1; n <= SSRS_FRAME_SIZE_MAX; n++) {
         SCOPED_TRACE(n);
-        setUpHolding(ramp(STORAGE));
-        ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), 2 * STORAGE));
+        setUpHolding(ramp(kStorageSamples));
+        ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), 2 * kStorageSamples));
         ASSERT_EQ(0, SSRS_SetFrameSize(ctx, n));
         ASSERT_EQ(0, write(ramp(1921 - 1)));
         const Samples squeezed = resampled(ramp(n + 1), n);
         std::fill(std::begin(ctx->frameWork), std::end(ctx->frameWork), int16_t{-32768});
         ASSERT_EQ(squeezed, read());
         ASSERT_EQ(int16_t{-32768}, ctx->frameWork[n + 1]);
-        ctx->qDepthLow = ctx->qDepthHigh = 2 * STORAGE;
+        ctx->qDepthLow = ctx->qDepthHigh = 2 * kStorageSamples;
         const Samples stretched = n == 1 ? Samples{0} : resampled(ramp(n - 1, 1000 + n + 1), n);
         ASSERT_EQ(stretched, read());
     }
@@ -292,8 +292,8 @@ TEST_F(SsrsTest, TestToneOverlaysHalfOfEvery32Samples) {
     ctx->testTone = 1;
     const Samples tone = {1000, 981,  924,  831,  707,  556,  383,  195,
                           0,    -195, -383, -556, -707, -831, -924, -981};
-    Samples expected = ramp(FRAME);
-    for (size_t start = 0; start < FRAME; start += 32) {
+    Samples expected = ramp(kFrameSamples);
+    for (size_t start = 0; start < kFrameSamples; start += 32) {
         std::copy(tone.begin(), tone.end(), expected.begin() + static_cast<ptrdiff_t>(start));
     }
     EXPECT_EQ(expected, read());
@@ -418,7 +418,7 @@ TEST_F(SsrsTest, CountersSurviveNewStorageAndRange) {
     read();
     read();
     SSRS_Stats before = stats();
-    ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), 2 * STORAGE));
+    ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), 2 * kStorageSamples));
     EXPECT_TRUE(same(before, stats()));
     ASSERT_EQ(0, SSRS_SetQDepth(ctx, 960, 1440));
     before.avgDepth = 0;

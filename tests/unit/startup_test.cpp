@@ -17,19 +17,19 @@
 
 namespace {
 
+using fake_log::kDaemonLog;
 using fake_log::Line;
-using fake_log::UAFIFO;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr char RX[] = "/tmp/usbAudioFifoRx";
-constexpr char TX[] = "/tmp/usbAudioFifoTx";
+constexpr char kRx[] = "/tmp/usbAudioFifoRx";
+constexpr char kTx[] = "/tmp/usbAudioFifoTx";
 
 Line missing(const std::string& path) {
-    return UAFIFO.debug(path + " is not available yet. Waiting for creation...");
+    return kDaemonLog.debug(path + " is not available yet. Waiting for creation...");
 }
 
 // ---- The standard streams ----------------------------------------------------------------------
@@ -91,9 +91,9 @@ class WaitForFifosTest : public fake_sys::Test {
         fake_sys::Test::SetUp();
         fake_sys::hooks().open = [this](const char* path, int flags) {
             opens.push_back(std::string(path) + ' ' + std::to_string(flags));
-            int& failures = path == std::string(RX) ? rxFailures : txFailures;
+            int& failures = path == std::string(kRx) ? rxFailures : txFailures;
             errno = openErrno;
-            return failures-- > 0 ? -1 : path == std::string(RX) ? rxFd : 12;
+            return failures-- > 0 ? -1 : path == std::string(kRx) ? rxFd : 12;
         };
         fake_sys::hooks().close = [this](int fd) {
             closed.push_back(fd);
@@ -118,13 +118,13 @@ class WaitForFifosTest : public fake_sys::Test {
 
 TEST_F(WaitForFifosTest, BothThereAreProbedOnce) {
     waitForFifos();
-    EXPECT_THAT(opens, ElementsAre(RX + (" " + std::to_string(O_WRONLY)),
-                                   TX + (" " + std::to_string(O_RDONLY))));
+    EXPECT_THAT(opens, ElementsAre(kRx + (" " + std::to_string(O_WRONLY)),
+                                   kTx + (" " + std::to_string(O_RDONLY))));
     EXPECT_THAT(closed, ElementsAre(11, 12));
     EXPECT_THAT(pausesUs, IsEmpty());
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, "
-                                         "/tmp/usbAudioFifoTx after 0 attempts")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kDaemonLog.debug(
+                                       "Fifos observed for /tmp/usbAudioFifoRx after 0 attempts, "
+                                       "/tmp/usbAudioFifoTx after 0 attempts")));
 }
 
 TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
@@ -134,10 +134,11 @@ TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
     EXPECT_THAT(opens, SizeIs(5));
     EXPECT_THAT(pausesUs, ElementsAre(200000, 200000, 200000));
     EXPECT_THAT(linesAtPause, ElementsAre(1, 1, 2));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(missing(RX), missing(TX),
-                            UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 2 attempts, "
-                                         "/tmp/usbAudioFifoTx after 1 attempts")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(missing(kRx), missing(kTx),
+                    kDaemonLog.debug("Fifos observed for /tmp/usbAudioFifoRx after 2 attempts, "
+                                     "/tmp/usbAudioFifoTx after 1 attempts")));
 }
 
 TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
@@ -147,9 +148,9 @@ TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
     EXPECT_THAT(pausesUs, SizeIs(4501));
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(missing(RX), missing(TX), missing(TX), missing(TX),
-                    UAFIFO.debug("Fifos observed for /tmp/usbAudioFifoRx after 1500 attempts, "
-                                 "/tmp/usbAudioFifoTx after 3001 attempts")));
+        ElementsAre(missing(kRx), missing(kTx), missing(kTx), missing(kTx),
+                    kDaemonLog.debug("Fifos observed for /tmp/usbAudioFifoRx after 1500 attempts, "
+                                     "/tmp/usbAudioFifoTx after 3001 attempts")));
     EXPECT_EQ(1u, linesAtPause[1499]);
     EXPECT_EQ(2u, linesAtPause[1500]);
     EXPECT_EQ(2u, linesAtPause[1500 + 1499]);
@@ -216,14 +217,14 @@ TEST_F(GadgetControlTest, NodeThatCannotBeCreatedIsNotOpened) {
     mknodErrno = EPERM;
     EXPECT_EQ(-1, openGadgetControl());
     EXPECT_THAT(calls, ElementsAre("mknod /dev/uac_user"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFIFO.error("mknod failed, rc=-1, errno=1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kDaemonLog.error("mknod failed, rc=-1, errno=1\n")));
 }
 
 TEST_F(GadgetControlTest, NodeThatDoesNotOpenIsReported) {
     openResult = -1;
     EXPECT_EQ(-1, openGadgetControl());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFIFO.error("open /dev/uac_user failed, rc=-1, errno=6\n")));
+                ElementsAre(kDaemonLog.error("open /dev/uac_user failed, rc=-1, errno=6\n")));
 }
 
 TEST_F(GadgetControlTest, InitialStateIsAskedForWithoutAnArgument) {
@@ -248,9 +249,10 @@ TEST_F(GadgetControlTest, RefusedRequestIsOnlyLogged) {
             return result;
         };
         requestInitialState(5);
-        EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(UAFIFO.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=" +
-                                             std::to_string(result) + ", error=25\n")));
+        EXPECT_THAT(
+            fake_log::lines(),
+            ElementsAre(kDaemonLog.debug("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=" +
+                                         std::to_string(result) + ", error=25\n")));
     }
 }
 

@@ -16,7 +16,7 @@
 
 namespace {
 
-const std::string PROPERTIES = "/run/properties/";
+const std::string kProperties = "/run/properties/";
 
 class SystemPropertiesTest : public fake_sys::Test {
   protected:
@@ -26,7 +26,7 @@ class SystemPropertiesTest : public fake_sys::Test {
             opened.push_back(path);
             EXPECT_EQ(O_RDONLY | O_CLOEXEC, flags);
             const int fd = fake_sys::real::open(
-                (folder.path() + "/" + opened.back().substr(PROPERTIES.size())).c_str(), flags);
+                (folder.path() + "/" + opened.back().substr(kProperties.size())).c_str(), flags);
             descriptors += fd >= 0;
             return fd;
         };
@@ -55,7 +55,7 @@ class SystemPropertiesTest : public fake_sys::Test {
 TEST_F(SystemPropertiesTest, ValueIsTheFilesLineWithoutItsEnd) {
     folder.write("sys.usb.controller", "ff300000.usb\n");
     EXPECT_EQ("ff300000.usb", get("sys.usb.controller"));
-    EXPECT_EQ(std::vector<std::string>{PROPERTIES + "sys.usb.controller"}, opened);
+    EXPECT_EQ(std::vector<std::string>{kProperties + "sys.usb.controller"}, opened);
     folder.write("sys.usb.config", "mtp,adb");
     EXPECT_EQ("mtp,adb", get("sys.usb.config"));
     folder.write("two.lines", "first\r\nsecond\n");

@@ -10,7 +10,7 @@
 
 namespace {
 
-using fake_log::UAFCH;
+using fake_log::kChannelLog;
 using namespace channel_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -50,9 +50,9 @@ TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
     EXPECT_EQ(UAFCH_STOPPING, stateAtStop);
     EXPECT_THAT(linesAtMessage, IsEmpty());
     EXPECT_THAT(journal, ElementsAre("lock", "stop", "message", "unlock"));
-    EXPECT_THAT(fake_ipc::messages(), ElementsAre(OFF_MESSAGE));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(kOffMessage));
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFCH.debug("UAF channel stopped. Current state is (2)\n")));
+                ElementsAre(kChannelLog.debug("UAF channel stopped. Current state is (2)\n")));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_EQ(0U, channel.stopDelayCnt);
     EXPECT_TRUE(channel.joinPending);
@@ -66,12 +66,12 @@ TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
     EXPECT_EQ(0U, channel.stopDelayCnt);
     EXPECT_TRUE(channel.joinPending);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock", "lock", "stop", "message 0", "unlock"));
-    EXPECT_THAT(
-        fake_log::lines(),
-        ElementsAre(UAFCH.debug("intfUpdate to 1, current state 2\n"),
-                    UAFCH.debug("stopDelayCnt = 4\n"),
-                    UAFCH.debug("UAF channel stopped. Current state is (1)\n"),
-                    UAFCH.error("ALERT! This should be impossible and can cause inconsistencies "
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 2\n"),
+                            kChannelLog.debug("stopDelayCnt = 4\n"),
+                            kChannelLog.debug("UAF channel stopped. Current state is (1)\n"),
+                            kChannelLog.error(
+                                "ALERT! This should be impossible and can cause inconsistencies "
                                 "in this channel's state.")));
 }
 
@@ -81,7 +81,7 @@ TEST_F(UafChStopTest, PassesWhileAnOnIsHandledDoNotStopTheChannel) {
     startAndSwitchOff();
     int passesLeft = 4;
     fake_log::onLine() = [&](const fake_log::Line& line) {
-        for (; line == UAFCH.debug("stopDelayCnt = 0\n") && passesLeft > 0; --passesLeft) {
+        for (; line == kChannelLog.debug("stopDelayCnt = 0\n") && passesLeft > 0; --passesLeft) {
             EXPECT_TRUE(channel.isRunning());
         }
     };
@@ -97,29 +97,30 @@ TEST_F(UafChStopTest, TheStopGoesOnWithoutTheLock) {
     runToStop();
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "stop", "message 0"));
-    EXPECT_THAT(
-        fake_log::lines(),
-        ElementsAre(UAFCH.error("intfMutex lock failed when attempting to stop the UAFCH: 35\n"),
-                    UAFCH.debug("UAF channel stopped. Current state is (2)\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.error(
+                                "intfMutex lock failed when attempting to stop the UAFCH: 35\n"),
+                            kChannelLog.debug("UAF channel stopped. Current state is (2)\n")));
 }
 
 TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
     startAndSwitchOff();
     locks.answer("unlock", EPERM);
     runToStop();
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFCH.debug("UAF channel stopped. Current state is (2)\n"),
-                            UAFCH.error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(kChannelLog.debug("UAF channel stopped. Current state is (2)\n"),
+                    kChannelLog.error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
 }
 
 TEST_F(UafChStopTest, TheNextStartJoinsTheFinishedWorkerFirst) {
     startAndSwitchOff();
-    channel.threadId = OLD_WORKER;
+    channel.threadId = kOldWorker;
     runToStop();
     forget();
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "join", "create", "unlock"));
-    EXPECT_THAT(threads.joined, ElementsAre(OLD_WORKER));
+    EXPECT_THAT(threads.joined, ElementsAre(kOldWorker));
     EXPECT_FALSE(channel.joinPending);
     EXPECT_EQ(threads.created.back().id, channel.threadId);
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
@@ -139,7 +140,7 @@ TEST_F(UafChStopTest, AWorkerIsJoinedOnceOnly) {
 TEST_F(UafChStopTest, TheDestructorStopsAndJoinsNothing) {
     {
         TestChannel short_lived(journal);
-        short_lived.setDevName(FIFO, PCM);
+        short_lived.setDevName(kFifoPath, kPcmName);
         short_lived.state = UAFCH_RUNNING;
         short_lived.joinPending = true;
     }
@@ -159,7 +160,8 @@ TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
     EXPECT_EQ(0, channel.requestStop());
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, ElementsAre("trylock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
@@ -179,7 +181,8 @@ TEST_F(UafChStopTest, ARequestedStopGivesUpOnceTheStopHasEndedTheWaits) {
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_THAT(journal, Not(Contains("lock")));
     EXPECT_THAT(journal, Not(Contains("unlock")));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 2\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 2\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopWaitsForAShortHolder) {
@@ -199,15 +202,16 @@ TEST_F(UafChStopTest, ARequestedStopGoesOnWithoutTheLock) {
     EXPECT_THAT(journal, ElementsAre("trylock"));
     EXPECT_THAT(
         fake_log::lines(),
-        Contains(UAFCH.error("intfMutex lock failed, but best effort at this point: 22\n")));
+        Contains(kChannelLog.error("intfMutex lock failed, but best effort at this point: 22\n")));
 }
 
 TEST_F(UafChStopTest, ARequestedStopNeedsTheNames) {
     channel.setDevName(nullptr, nullptr);
     EXPECT_EQ(-1, channel.requestStop());
     EXPECT_THAT(journal, IsEmpty());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 3\n"),
-                                               UAFCH.error("devName not set\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 3\n"),
+                            kChannelLog.error("devName not set\n")));
 }
 
 }  // namespace

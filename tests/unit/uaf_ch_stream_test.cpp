@@ -12,9 +12,9 @@
 
 namespace {
 
-using fake_log::UAFCH;
-using fake_log::UAFSND;
-using fake_log::UAFTAG;
+using fake_log::kAlsaLog;
+using fake_log::kChannelLog;
+using fake_log::kTestLog;
 using namespace channel_bench;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -23,9 +23,9 @@ using Samples = std::vector<int16_t>;
 
 class UafChStreamTest : public channel_bench::Test {
   protected:
-    void openPcm() { ASSERT_EQ(0, snd_pcm_open(&channel.pcmHandle, PCM, PLAYBACK, 0)); }
+    void openPcm() { ASSERT_EQ(0, snd_pcm_open(&channel.pcmHandle, kPcmName, kPlayback, 0)); }
 
-    static constexpr snd_pcm_stream_t PLAYBACK = SND_PCM_STREAM_PLAYBACK;
+    static constexpr snd_pcm_stream_t kPlayback = SND_PCM_STREAM_PLAYBACK;
 };
 
 // ---- Volume and mute ---------------------------------------------------------------------------
@@ -39,9 +39,11 @@ TEST_F(UafChStreamTest, AVolumeTravelsInTheLowHalf) {
     EXPECT_THAT(
         fake_log::lines(),
         ElementsAre(
-            UAFCH.debug("setVolume volume=-1, sending: type=0x00000003, data=0x0000FFFF\n"),
-            UAFCH.debug("setVolume volume=-32768, sending: type=0x00000004, data=0x00008000\n"),
-            UAFCH.debug("setVolume volume=4660, sending: type=0x00000003, data=0x00001234\n")));
+            kChannelLog.debug("setVolume volume=-1, sending: type=0x00000003, data=0x0000FFFF\n"),
+            kChannelLog.debug(
+                "setVolume volume=-32768, sending: type=0x00000004, data=0x00008000\n"),
+            kChannelLog.debug(
+                "setVolume volume=4660, sending: type=0x00000003, data=0x00001234\n")));
 }
 
 TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
@@ -50,8 +52,9 @@ TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(5U, 1U), Pair(6U, 0U)));
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFCH.debug("setMute mute=1, sending: type=0x00000005, data=0x00000001\n"),
-                    UAFCH.debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
+        ElementsAre(
+            kChannelLog.debug("setMute mute=1, sending: type=0x00000005, data=0x00000001\n"),
+            kChannelLog.debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
 }
 
 TEST_F(UafChStreamTest, VolumeAndMuteTouchNeitherStateNorLock) {
@@ -104,9 +107,10 @@ TEST_F(UafChStreamTest, OtherCountsAreReportedAndChangeNothing) {
     UafCh::adjCh(samples.data(), 1, 3, 2);
     UafCh::adjCh(samples.data(), 0, 1, 0);
     EXPECT_THAT(samples, ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.error("unsupported: inCh=2, outCh=3\n"),
-                                               UAFCH.error("unsupported: inCh=1, outCh=3\n"),
-                                               UAFCH.error("unsupported: inCh=0, outCh=1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.error("unsupported: inCh=2, outCh=3\n"),
+                            kChannelLog.error("unsupported: inCh=1, outCh=3\n"),
+                            kChannelLog.error("unsupported: inCh=0, outCh=1\n")));
 }
 
 // ---- Waits and recovery ------------------------------------------------------------------------
@@ -117,7 +121,7 @@ TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
     EXPECT_EQ(0, channel.missedWait(0, "UAFTAG"));
     EXPECT_EQ(3, channel.pcmStallCnt);
     EXPECT_EQ(0, threads.sleptNs);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=0\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.debug("timeout0, rc=0\n")));
 }
 
 TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
@@ -134,7 +138,7 @@ TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
     EXPECT_EQ(20000000, threads.sleptNs);
     EXPECT_EQ(2, channel.pcmStallCnt);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFTAG.debug("timeout0, rc=-19\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.debug("timeout0, rc=-19\n")));
 }
 
 TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
@@ -145,8 +149,8 @@ TEST_F(UafChStreamTest, AnXrunIsRecoveredAndNoStall) {
     EXPECT_EQ(0, threads.sleptNs);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(2, fake_alsa::count("snd_pcm_prepare"));
-    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -32")));
-    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -86")));
+    EXPECT_EQ(1, fake_log::count(kAlsaLog.debug("xrun_recovery: playback xrun, err -32")));
+    EXPECT_EQ(1, fake_log::count(kAlsaLog.debug("xrun_recovery: playback xrun, err -86")));
 }
 
 TEST_F(UafChStreamTest, AnXrunLeavesTheCountOfStalls) {
@@ -163,16 +167,16 @@ TEST_F(UafChStreamTest, AFailedRecoveryIsReportedAndReturned) {
     EXPECT_EQ(0, channel.pcmStallCnt);
     const std::vector<fake_log::Line> lines = fake_log::lines();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(UAFTAG.error("ALSA xrun recovery failed (No such device)\n"),
+    EXPECT_EQ(kTestLog.error("ALSA xrun recovery failed (No such device)\n"),
               lines[lines.size() - 2]);
-    EXPECT_EQ(UAFTAG.error("rc=-19\n"), lines.back());
+    EXPECT_EQ(kTestLog.error("rc=-19\n"), lines.back());
 }
 
 TEST_F(UafChStreamTest, RecoveryAloneReportsOneLine) {
     openPcm();
     fake_alsa::answerAt("snd_pcm_prepare", 1, -EIO);
     EXPECT_EQ(-EIO, channel.recoverPcm(-EPIPE, "UAFTAG"));
-    EXPECT_EQ(UAFTAG.error("ALSA xrun recovery failed (Input/output error)\n"),
+    EXPECT_EQ(kTestLog.error("ALSA xrun recovery failed (Input/output error)\n"),
               fake_log::lines().back());
     EXPECT_EQ(0, channel.recoverPcm(-EPIPE, "UAFTAG"));
 }

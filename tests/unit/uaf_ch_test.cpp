@@ -11,7 +11,7 @@
 
 namespace {
 
-using fake_log::UAFCH;
+using fake_log::kChannelLog;
 using namespace channel_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -49,7 +49,7 @@ TEST_F(UafChTest, GoesOnWithoutAMutex) {
     const TestChannel fresh(journal);
     EXPECT_EQ(UAFCH_STOPPED, fresh.state);
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFCH.error("pthread_mutex_init for intfMutex failed\n")));
+                ElementsAre(kChannelLog.error("pthread_mutex_init for intfMutex failed\n")));
 }
 
 TEST_F(UafChTest, KeepsCopiesOfBothNamesWithoutALock) {
@@ -63,11 +63,11 @@ TEST_F(UafChTest, KeepsCopiesOfBothNamesWithoutALock) {
 }
 
 TEST_F(UafChTest, NullArgumentsUnsetNames) {
-    EXPECT_EQ(0, channel.setDevName(nullptr, PCM));
+    EXPECT_EQ(0, channel.setDevName(nullptr, kPcmName));
     EXPECT_EQ(nullptr, channel.fifoName.load());
-    EXPECT_STREQ(PCM, channel.pcmName.load());
-    EXPECT_EQ(0, channel.setDevName(FIFO, nullptr));
-    EXPECT_STREQ(FIFO, channel.fifoName.load());
+    EXPECT_STREQ(kPcmName, channel.pcmName.load());
+    EXPECT_EQ(0, channel.setDevName(kFifoPath, nullptr));
+    EXPECT_STREQ(kFifoPath, channel.fifoName.load());
     EXPECT_EQ(nullptr, channel.pcmName.load());
     EXPECT_EQ(0, channel.setDevName(nullptr, nullptr));
     EXPECT_EQ(nullptr, channel.fifoName.load());
@@ -83,9 +83,9 @@ TEST_F(UafChTest, ReplacedNamesAreFreedOnceNoThreadReadsThem) {
     };
     start();
     channel.setDevName(nullptr, nullptr);
-    channel.setDevName(FIFO, PCM);
+    channel.setDevName(kFifoPath, kPcmName);
     EXPECT_FALSE(freed);
-    EXPECT_STREQ(FIFO, static_cast<const char*>(first));
+    EXPECT_STREQ(kFifoPath, static_cast<const char*>(first));
     channel.intfUpdate(false);
     runToStop();
     EXPECT_FALSE(freed);
@@ -112,14 +112,14 @@ TEST_F(UafChTest, AMillionBindsUnderALivingThreadTakeNoMemory) {
     };
     constexpr int binds = 1000000;
     for (int i = 0; i < binds; ++i) {
-        channel.setDevName(FIFO, i % 4 == 0 ? "hw:2" : PCM);
+        channel.setDevName(kFifoPath, i % 4 == 0 ? "hw:2" : kPcmName);
         if (i % 8 == 0) {
             channel.setDevName(nullptr, nullptr);
         }
     }
     EXPECT_EQ(2, blocks);  // the other card's name
-    EXPECT_STREQ(FIFO, channel.fifoName.load());
-    EXPECT_STREQ(PCM, channel.pcmName.load());
+    EXPECT_STREQ(kFifoPath, channel.fifoName.load());
+    EXPECT_STREQ(kPcmName, channel.pcmName.load());
 }
 
 TEST_F(UafChTest, NamesAreFreedAtOnceAfterAStartWithoutAThread) {
@@ -131,7 +131,7 @@ TEST_F(UafChTest, NamesAreFreedAtOnceAfterAStartWithoutAThread) {
         freed = freed || memory == first;
         fake_sys::real::free(memory);
     };
-    channel.setDevName(FIFO, PCM);
+    channel.setDevName(kFifoPath, kPcmName);
     EXPECT_TRUE(freed);
 }
 
@@ -143,22 +143,22 @@ TEST_F(UafChTest, RefusesRequestsWhileANameIsUnset) {
         EXPECT_EQ(UAFCH_STOPPED, channel.state);
         EXPECT_THAT(journal, IsEmpty());
         EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(UAFCH.debug(std::string("intfUpdate to ") + (on ? "1" : "0") +
-                                            ", current state 3\n"),
-                                UAFCH.error("devName not set\n")));
+                    ElementsAre(kChannelLog.debug(std::string("intfUpdate to ") + (on ? "1" : "0") +
+                                                  ", current state 3\n"),
+                                kChannelLog.error("devName not set\n")));
     };
     for (const bool on : {true, false}) {
         refuses(nullptr, nullptr, on);
-        refuses(FIFO, nullptr, on);
-        refuses(nullptr, PCM, on);
+        refuses(kFifoPath, nullptr, on);
+        refuses(nullptr, kPcmName, on);
     }
 }
 
 TEST_F(UafChTest, ANameWithoutMemoryIsUnset) {
     fake_sys::hooks().strdup = [](const char*) { return nullptr; };
-    EXPECT_EQ(0, channel.setDevName(FIFO, PCM));
+    EXPECT_EQ(0, channel.setDevName(kFifoPath, kPcmName));
     EXPECT_EQ(-1, channel.intfUpdate(true));
-    EXPECT_EQ(1, fake_log::count(UAFCH.error("devName not set\n")));
+    EXPECT_EQ(1, fake_log::count(kChannelLog.error("devName not set\n")));
 }
 
 TEST_F(UafChTest, UnsetNamesChangeNothingInAnyState) {
@@ -189,8 +189,9 @@ TEST_F(UafChTest, OnStartsAStoppedChannel) {
     EXPECT_EQ(SCHED_FIFO, threads.created.back().policy);
     EXPECT_EQ(58, threads.created.back().priority);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
-    EXPECT_THAT(fake_ipc::messages(), ElementsAre(ON_MESSAGE));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n")));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(kOnMessage));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n")));
 }
 
 TEST_F(UafChTest, APositiveStartResultIsSuccess) {
@@ -206,20 +207,22 @@ TEST_F(UafChTest, AFailedStartLeavesTheChannelStopped) {
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_TRUE(channel.joinPending);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
-                                               UAFCH.error("failed to start audio")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"),
+                            kChannelLog.error("failed to start audio")));
 }
 
 TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
     threads.refuse(EAGAIN);
-    channel.threadId = OLD_WORKER;
+    channel.threadId = kOldWorker;
     EXPECT_EQ(-1, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
-    EXPECT_EQ(OLD_WORKER, channel.threadId);
+    EXPECT_EQ(kOldWorker, channel.threadId);
     EXPECT_FALSE(channel.joinPending);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
-                                               UAFCH.error("pthread_create failed")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"),
+                            kChannelLog.error("pthread_create failed")));
 }
 
 TEST_F(UafChTest, TheWorkerIsCreatedWithWhatIsLeftOfItsAttributes) {
@@ -234,22 +237,25 @@ TEST_F(UafChTest, TheWorkerIsCreatedWithWhatIsLeftOfItsAttributes) {
     forget();
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
-                                               UAFCH.error("unable to set thread priority\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"),
+                            kChannelLog.error("unable to set thread priority\n")));
 }
 
 TEST_F(UafChTest, ThePolicysFailureIsReportedUnderTheChannelsTag) {
     fake_sys::hooks().pthread_attr_setschedpolicy = [](pthread_attr_t*, int) { return EINVAL; };
     EXPECT_EQ(0, channel.intfUpdate(true));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"),
-                                               UAFCH.error("unable to setschedpolicy\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"),
+                            kChannelLog.error("unable to setschedpolicy\n")));
 }
 
 TEST_F(UafChTest, OffChangesNothingInAStoppedChannel) {
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPED, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 3\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 3\n")));
 }
 
 TEST_F(UafChTest, OnChangesNothingInARunningChannel) {
@@ -257,7 +263,8 @@ TEST_F(UafChTest, OnChangesNothingInARunningChannel) {
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 1, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 1\n")));
 }
 
 TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
@@ -266,7 +273,8 @@ TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_EQ(0U, channel.stopDelayCnt);
     EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
 }
 
 TEST_F(UafChTest, ALateIncrementDoesNotShortenTheNextStop) {
@@ -283,10 +291,11 @@ TEST_F(UafChTest, ASecondOffDoesNotRestartTheCount) {
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
     EXPECT_EQ(2U, channel.stopDelayCnt);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFCH.debug("intfUpdate to 0, current state 2\n")));
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 2\n")));
     EXPECT_TRUE(channel.isRunning());
     EXPECT_FALSE(channel.isRunning());
-    EXPECT_THAT(fake_ipc::messages(), ElementsAre(OFF_MESSAGE));
+    EXPECT_THAT(fake_ipc::messages(), ElementsAre(kOffMessage));
 }
 
 TEST_F(UafChTest, OnCancelsAStopAtEachCount) {
@@ -301,9 +310,10 @@ TEST_F(UafChTest, OnCancelsAStopAtEachCount) {
         EXPECT_EQ(UAFCH_RUNNING, channel.state);
         EXPECT_EQ(0U, channel.stopDelayCnt);
         EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-        EXPECT_THAT(fake_log::lines(),
-                    ElementsAre(UAFCH.debug("intfUpdate to 1, current state 2\n"),
-                                UAFCH.debug("stopDelayCnt = " + std::to_string(passes) + "\n")));
+        EXPECT_THAT(
+            fake_log::lines(),
+            ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 2\n"),
+                        kChannelLog.debug("stopDelayCnt = " + std::to_string(passes) + "\n")));
     }
 }
 
@@ -315,7 +325,7 @@ TEST_F(UafChTest, AnUnknownStateIsReportedAndKept) {
             EXPECT_EQ(0, channel.intfUpdate(on));
             EXPECT_EQ(state, channel.state);
             EXPECT_THAT(journal, ElementsAre("lock", "unlock"));
-            EXPECT_EQ(UAFCH.error("unknown state " + std::to_string(state) + "\n"),
+            EXPECT_EQ(kChannelLog.error("unknown state " + std::to_string(state) + "\n"),
                       fake_log::lines().back());
         }
     }
@@ -326,9 +336,10 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     EXPECT_EQ(0, channel.intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, channel.state);
     EXPECT_THAT(journal, ElementsAre("lock", "start", "message 1", "create"));
-    const auto line = UAFCH.error("intfMutex lock failed, but best effort at this point: 22\n");
+    const auto line =
+        kChannelLog.error("intfMutex lock failed, but best effort at this point: 22\n");
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFCH.debug("intfUpdate to 1, current state 3\n"), line));
+                ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"), line));
     forget();
     EXPECT_EQ(0, channel.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, channel.state);
@@ -339,7 +350,7 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
 TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
     locks.answer("unlock", EPERM);
     EXPECT_EQ(0, channel.intfUpdate(false));
-    const auto line = UAFCH.error("intfMutex unlock failed after stopping the UAFCH: 1\n");
+    const auto line = kChannelLog.error("intfMutex unlock failed after stopping the UAFCH: 1\n");
     EXPECT_EQ(line, fake_log::lines().back());
     channel.startResult = -1;
     EXPECT_EQ(-1, channel.intfUpdate(true));

@@ -19,14 +19,14 @@
 
 namespace {
 
-using fake_log::UAFIPC;
+using fake_log::kIpcLog;
 using Lines = std::vector<fake_log::Line>;
 using Message = IpcService::Message;
 using Messages = std::vector<Message>;
 
-constexpr unsigned long SET_SPK_VOLUME = 0x4002F501;
-constexpr unsigned long SET_SPK_MUTE = 0x4004F502;
-constexpr int GADGET_FD = 77;
+constexpr unsigned long kSetSpkVolume = 0x4002F501;
+constexpr unsigned long kSetSpkMute = 0x4004F502;
+constexpr int kGadgetFd = 77;
 
 struct Request {
     unsigned long code;
@@ -45,9 +45,9 @@ Receive datagram(uint32_t type, uint32_t data) {
     return {ipc_service::bytesOf(type, data), 8, 0};
 }
 
-const Receive END = {"", -1, EBADF};
-const fake_log::Line START_LINE = UAFIPC.debug("rxLoop: starting\n");
-const fake_log::Line END_LINE = UAFIPC.error("receive error: <-1:9>\n");
+const Receive kEnd = {"", -1, EBADF};
+const fake_log::Line kStartLine = kIpcLog.debug("rxLoop: starting\n");
+const fake_log::Line kEndLine = kIpcLog.error("receive error: <-1:9>\n");
 
 class UafIpcRxTest : public fake_sys::Test {
   protected:
@@ -58,10 +58,10 @@ class UafIpcRxTest : public fake_sys::Test {
             EXPECT_STREQ("/dev/uac_user", path);
             EXPECT_EQ(O_WRONLY, flags);
             opens++;
-            return GADGET_FD;
+            return kGadgetFd;
         };
         fake_sys::hooks().ioctl = [this](int fd, unsigned long code, void* data) {
-            EXPECT_EQ(GADGET_FD, fd);
+            EXPECT_EQ(kGadgetFd, fd);
             requests.push_back({code, *static_cast<uint32_t*>(data)});
             errno = requestError;
             return requestResult;
@@ -75,11 +75,11 @@ class UafIpcRxTest : public fake_sys::Test {
 
     // Runs the receive thread on these answers and, behind them, an error that ends it.
     void receive(std::vector<Receive> answers) {
-        answers.push_back(END);
+        answers.push_back(kEnd);
         size_t next = 0;
         fake_sys::hooks().recvfrom = [&](int fd, void* data, size_t size, int flags, sockaddr* from,
                                          socklen_t* fromLength) {
-            EXPECT_EQ(IpcService::RX_SOCK, fd);
+            EXPECT_EQ(IpcService::kRxSocket, fd);
             EXPECT_EQ(8U, size);
             EXPECT_EQ(0, flags);
             EXPECT_EQ(nullptr, from);
@@ -99,7 +99,7 @@ class UafIpcRxTest : public fake_sys::Test {
     }
 
     // The log between the receive loop's first and last line.
-    Lines linesInside() { return ipc_service::linesBetween(START_LINE, END_LINE); }
+    Lines linesInside() { return ipc_service::linesBetween(kStartLine, kEndLine); }
 
     // What the app gets for a sync-up.
     Messages syncUp() {
@@ -131,7 +131,7 @@ TEST_F(UafIpcRxTest, SyncUpIsLoggedAndItsDataIgnored) {
     service.take();
     fake_log::clear();
     receive({datagram(7, 0xFFFFFFFF)});
-    EXPECT_EQ((Lines{UAFIPC.debug("app request init state sync up")}), linesInside());
+    EXPECT_EQ((Lines{kIpcLog.debug("app request init state sync up")}), linesInside());
     EXPECT_EQ((Messages{{0, 1}, {1, 0}, {2, 0}}), service.take());
     EXPECT_TRUE(requests.empty());
 }
@@ -144,10 +144,10 @@ TEST_F(UafIpcRxTest, SpeakerVolumeIsTheLowHalfWhateverTheUpperHolds) {
         fake_log::clear();
         requests.clear();
         receive({datagram(3, data)});
-        EXPECT_EQ((Lines{UAFIPC.debug(std::string("got speaker volume msg: volume=") + volume)}),
+        EXPECT_EQ((Lines{kIpcLog.debug(std::string("got speaker volume msg: volume=") + volume)}),
                   linesInside());
         ASSERT_EQ(1U, requests.size());
-        EXPECT_EQ(SET_SPK_VOLUME, requests[0].code);
+        EXPECT_EQ(kSetSpkVolume, requests[0].code);
         int16_t driversView = 0;
         memcpy(&driversView, &requests[0].data, sizeof driversView);
         EXPECT_EQ(volume, std::to_string(driversView));
@@ -160,9 +160,9 @@ TEST_F(UafIpcRxTest, SpeakerMuteIsPassedAsItIs) {
         requests.clear();
         receive({datagram(5, mute)});
         EXPECT_EQ(
-            (Lines{UAFIPC.debug("got speaker volume mute msg: mute=" + std::to_string(mute))}),
+            (Lines{kIpcLog.debug("got speaker volume mute msg: mute=" + std::to_string(mute))}),
             linesInside());
-        EXPECT_EQ((std::vector<Request>{{SET_SPK_MUTE, mute}}), requests);
+        EXPECT_EQ((std::vector<Request>{{kSetSpkMute, mute}}), requests);
     }
 }
 
@@ -173,9 +173,10 @@ TEST_F(UafIpcRxTest, FailedRequestIsLoggedAndTheNextMessageHandled) {
         fake_log::clear();
         receive({datagram(5, 1), datagram(3, 2)});
         const std::string failed = "rxLoop: ioctl failed: <" + std::to_string(result) + ":25>\n";
-        EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1"), UAFIPC.error(failed),
-                         UAFIPC.debug("got speaker volume msg: volume=2"), UAFIPC.error(failed)}),
-                  linesInside());
+        EXPECT_EQ(
+            (Lines{kIpcLog.debug("got speaker volume mute msg: mute=1"), kIpcLog.error(failed),
+                   kIpcLog.debug("got speaker volume msg: volume=2"), kIpcLog.error(failed)}),
+            linesInside());
     }
     EXPECT_EQ(4U, requests.size());
 }
@@ -188,13 +189,13 @@ TEST_F(UafIpcRxTest, EveryOtherTypeIsUnknownAndChangesNothing) {
     for (const auto& [type, number] : table) {
         fake_log::clear();
         receive({datagram(type, 0)});
-        EXPECT_EQ((Lines{UAFIPC.error(std::string("got unknown msg: type=") + number +
-                                      ", msg: 0x00000000")}),
+        EXPECT_EQ((Lines{kIpcLog.error(std::string("got unknown msg: type=") + number +
+                                       ", msg: 0x00000000")}),
                   linesInside());
     }
     fake_log::clear();
     receive({datagram(9, 0xAB12CD)});
-    EXPECT_EQ((Lines{UAFIPC.error("got unknown msg: type=9, msg: 0x00AB12CD")}), linesInside());
+    EXPECT_EQ((Lines{kIpcLog.error("got unknown msg: type=9, msg: 0x00AB12CD")}), linesInside());
     EXPECT_EQ(Messages{}, service.take());
     EXPECT_TRUE(requests.empty());
     EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 1}}), syncUp());
@@ -203,20 +204,20 @@ TEST_F(UafIpcRxTest, EveryOtherTypeIsUnknownAndChangesNothing) {
 TEST_F(UafIpcRxTest, ShortDatagramIsRejectedAndTheLoopGoesOn) {
     receive({{std::string(4, 'x'), 4, 0}, {std::string(7, 'x'), 7, 0}, datagram(5, 1)});
     EXPECT_EQ(
-        (Lines{UAFIPC.error("unexpected msg size: 4\n"), UAFIPC.error("unexpected msg size: 7\n"),
-               UAFIPC.debug("got speaker volume mute msg: mute=1")}),
+        (Lines{kIpcLog.error("unexpected msg size: 4\n"), kIpcLog.error("unexpected msg size: 7\n"),
+               kIpcLog.debug("got speaker volume mute msg: mute=1")}),
         linesInside());
 }
 
 TEST_F(UafIpcRxTest, ReceiveThatWouldBlockIsTriedAgain) {
     receive({{"", -1, EAGAIN}, {"", -1, EAGAIN}, datagram(5, 1)});
-    EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1")}), linesInside());
+    EXPECT_EQ((Lines{kIpcLog.debug("got speaker volume mute msg: mute=1")}), linesInside());
     EXPECT_EQ(4U, received);
 }
 
 TEST_F(UafIpcRxTest, AnyOtherReceiveErrorEndsTheThread) {
     receive({{"", -1, EINTR}, datagram(5, 1)});
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("receive error: <-1:4>\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("receive error: <-1:4>\n")}), fake_log::lines());
     EXPECT_EQ(1U, received);
     EXPECT_EQ(1, opens);
 }
@@ -228,7 +229,7 @@ TEST_F(UafIpcRxTest, MissingControlDeviceEndsTheThread) {
         return -1;
     };
     service.runRx();
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("rxLoop: opening /dev/uac_user failed: <-1:2>\n")}),
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("rxLoop: opening /dev/uac_user failed: <-1:2>\n")}),
               fake_log::lines());
 }
 
@@ -252,7 +253,7 @@ TEST_F(UafIpcRxTest, LoopIsNotEnteredOnceTheServiceNoLongerRuns) {
         fake_sys::hooks().socket = [](int, int, int) { return -1; };
         EXPECT_FALSE(service.startAgain());
         fake_log::clear();
-        return GADGET_FD;
+        return kGadgetFd;
     };
     fake_sys::hooks().recvfrom = [](auto...) -> ssize_t {
         ADD_FAILURE() << "received while stopped";
@@ -279,10 +280,10 @@ TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheT
     service.runRx();
     close(ends[0]);
     close(ends[1]);
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.debug("got speaker volume mute msg: mute=1"),
-                     UAFIPC.error("unexpected msg size: 4\n"),
-                     UAFIPC.debug("got speaker volume msg: volume=2"),
-                     UAFIPC.error("receive error: <0:10>\n")}),
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.debug("got speaker volume mute msg: mute=1"),
+                     kIpcLog.error("unexpected msg size: 4\n"),
+                     kIpcLog.debug("got speaker volume msg: volume=2"),
+                     kIpcLog.error("receive error: <0:10>\n")}),
               fake_log::lines());
 }
 
@@ -297,12 +298,12 @@ TEST_F(UafIpcRxTest, EmptyDatagramShowsTheErrnoThatItFinds) {
         return ssize_t{8};
     };
     service.runRx();
-    EXPECT_EQ(UAFIPC.error("receive error: <0:25>\n"), fake_log::lines().back());
+    EXPECT_EQ(kIpcLog.error("receive error: <0:25>\n"), fake_log::lines().back());
 }
 
 TEST_F(UafIpcRxTest, EmptyDatagramBehindAStaleEagainDoesNotEndTheThread) {
     receive({{"", 0, EAGAIN}, datagram(5, 1)});
-    EXPECT_EQ((Lines{UAFIPC.debug("got speaker volume mute msg: mute=1")}), linesInside());
+    EXPECT_EQ((Lines{kIpcLog.debug("got speaker volume mute msg: mute=1")}), linesInside());
 }
 
 }  // namespace

@@ -19,7 +19,7 @@
 
 namespace {
 
-using fake_log::UAFIPC;
+using fake_log::kIpcLog;
 using Lines = std::vector<fake_log::Line>;
 using Strings = std::vector<std::string>;
 
@@ -34,7 +34,7 @@ class UafIpcTest : public fake_sys::Test {
         EXPECT_FALSE(started);
         Lines expected;
         for (const std::string& line : lines)
-            expected.push_back(UAFIPC.error(line));
+            expected.push_back(kIpcLog.error(line));
         EXPECT_EQ(expected, fake_log::lines());
         Strings actual;
         for (const std::string& call : service.calls) {
@@ -71,7 +71,7 @@ TEST_F(UafIpcTest, ReceivingSocketFails) {
     int calls = 0;
     fake_sys::hooks().socket = [&](int, int, int) {
         errno = ENFILE;
-        return ++calls == 1 ? IpcService::TX_SOCK : -1;
+        return ++calls == 1 ? IpcService::kTxSocket : -1;
     };
     start();
     expectFailure({"socket failed: <-1:23>"}, {"close 901"});
@@ -81,7 +81,7 @@ TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
     fake_sys::hooks().unlink = fake_sys::failing(ENOENT);
     start();
     EXPECT_TRUE(started);
-    EXPECT_EQ((Lines{UAFIPC.error("unlink failed err 2, path does not exist ... ignoring")}),
+    EXPECT_EQ((Lines{kIpcLog.error("unlink failed err 2, path does not exist ... ignoring")}),
               fake_log::lines());
 }
 
@@ -125,7 +125,7 @@ TEST_F(UafIpcTest, FailedClosesAreLoggedAndForgotten) {
     fake_sys::hooks().bind = fake_sys::failing(EACCES);
     fake_sys::hooks().close = [this](int fd) {
         service.calls.push_back("close " + std::to_string(fd));
-        errno = fd == IpcService::RX_SOCK ? EIO : EINTR;
+        errno = fd == IpcService::kRxSocket ? EIO : EINTR;
         return -1;
     };
     start();
@@ -225,8 +225,8 @@ TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     EXPECT_FALSE(doomed->start());
     doomed.reset();
     pthread_join(receiver, nullptr);
-    EXPECT_EQ((Lines{UAFIPC.error("creating IPC TX thread failed: "
-                                  "<11:11:Resource temporarily unavailable>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("creating IPC TX thread failed: "
+                                   "<11:11:Resource temporarily unavailable>\n")}),
               fake_log::lines());
 }
 
@@ -245,8 +245,8 @@ TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
     start();
     EXPECT_TRUE(started);
     pthread_join(receiver, nullptr);
-    EXPECT_EQ((Lines{UAFIPC.debug("rxLoop: starting\n"),
-                     UAFIPC.error("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.debug("rxLoop: starting\n"),
+                     kIpcLog.error("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
               fake_log::lines());
 }
 

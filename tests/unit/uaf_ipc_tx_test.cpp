@@ -22,7 +22,7 @@
 
 namespace {
 
-using fake_log::UAFIPC;
+using fake_log::kIpcLog;
 using ipc_service::bytesOf;
 using Lines = std::vector<fake_log::Line>;
 using Message = IpcService::Message;
@@ -30,8 +30,8 @@ using Messages = std::vector<Message>;
 using Pauses = std::vector<std::pair<long, long>>;  // seconds, nanoseconds
 using Strings = std::vector<std::string>;
 
-const fake_log::Line START_LINE = UAFIPC.debug("txLoop: starting\n");
-const fake_log::Line END_LINE = UAFIPC.error("txLoop: conditional wait failed: 22\n");
+const fake_log::Line kStartLine = kIpcLog.debug("txLoop: starting\n");
+const fake_log::Line kEndLine = kIpcLog.error("txLoop: conditional wait failed: 22\n");
 
 class UafIpcTxTest : public fake_sys::Test {
   protected:
@@ -57,13 +57,13 @@ class UafIpcTxTest : public fake_sys::Test {
     }
 
     // The log between the transmit loop's first and last line.
-    Lines linesInside() { return ipc_service::linesBetween(START_LINE, END_LINE); }
+    Lines linesInside() { return ipc_service::linesBetween(kStartLine, kEndLine); }
 
     // Answers every send; takes note of the bytes.
     void answerSends(std::function<ssize_t(size_t size)> answer) {
         fake_sys::hooks().sendto = [this, answer](int fd, const void* data, size_t size, int flags,
                                                   const sockaddr* to, socklen_t toLength) {
-            EXPECT_EQ(IpcService::TX_SOCK, fd);
+            EXPECT_EQ(IpcService::kTxSocket, fd);
             EXPECT_EQ(0, flags);
             EXPECT_EQ(110U, toLength);
             EXPECT_EQ(AF_UNIX, to->sa_family);
@@ -118,7 +118,7 @@ TEST_F(UafIpcTxTest, EveryMessageTravelsAsItsEightBytesInOrder) {
 TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockEnds) {
     locks.answer("lock", EINVAL, 1);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: lock failed: 22\n")}), fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockAgainEndsAfterTheSend) {
@@ -128,16 +128,16 @@ TEST_F(UafIpcTxTest, TransmitThreadThatCannotLockAgainEndsAfterTheSend) {
     locks.answer("lock", EINVAL, 2);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: lock failed: 22\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: lock failed: 22\n")}), fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, FailedWaitUnlocksAndEnds) {
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, END_LINE}), fake_log::lines());
+    EXPECT_EQ((Lines{kStartLine, kEndLine}), fake_log::lines());
     fake_log::clear();
     locks.answer("unlock", EPERM, 1);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, END_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}),
+    EXPECT_EQ((Lines{kStartLine, kEndLine, kIpcLog.error("txLoop: unlock failed: 1\n")}),
               fake_log::lines());
 }
 
@@ -154,7 +154,7 @@ TEST_F(UafIpcTxTest, FailedUnlockEndsAfterTheMessageWasSent) {
     locks.answer("unlock", EPERM, 1);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(3, 1)}), sends);
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
 }
 
 TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
@@ -179,15 +179,15 @@ TEST_F(UafIpcTxTest, CountWithoutMessagesIsReportedByTheTransmitThread) {
     service.start();
     locks.answer("lock", EINVAL, 3);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                     UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                     UAFIPC.error("txLoop: lock failed: 22\n")}),
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: dequeue returned: NULL\n"),
+                     kIpcLog.error("txLoop: dequeue returned: NULL\n"),
+                     kIpcLog.error("txLoop: lock failed: 22\n")}),
               fake_log::lines());
     fake_log::clear();
     locks.answer("unlock", EPERM, 1);
     service.runTx();
-    EXPECT_EQ((Lines{START_LINE, UAFIPC.error("txLoop: dequeue returned: NULL\n"),
-                     UAFIPC.error("txLoop: unlock failed: 1\n")}),
+    EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: dequeue returned: NULL\n"),
+                     kIpcLog.error("txLoop: unlock failed: 1\n")}),
               fake_log::lines());
     IpcService::renewQueue();
     free(lost);
@@ -269,8 +269,8 @@ TEST_F(UafIpcTxTest, AnyOtherErrorDropsTheMessageAndTheNextIsSent) {
     failFirstSend(ECONNREFUSED);
     service.runTx();
     EXPECT_EQ((Strings{bytesOf(1, 0), bytesOf(3, 2)}), sends);
-    EXPECT_EQ((Lines{UAFIPC.error("sendMsg failed: error: <-1:111>; bytes: 0; attempts: <1:0>; "
-                                  "data: <0x00000001:0x00000000>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("sendMsg failed: error: <-1:111>; bytes: 0; attempts: <1:0>; "
+                                   "data: <0x00000001:0x00000000>\n")}),
               linesInside());
 }
 
@@ -283,8 +283,8 @@ TEST_F(UafIpcTxTest, DropCountsBytesSendsAndRetries) {
         return results[step];
     });
     service.runTx();
-    EXPECT_EQ((Lines{UAFIPC.error("sendMsg failed: error: <-1:11>; bytes: 5; attempts: <5:2>; "
-                                  "data: <0x00000004:0x0000FFFF>\n")}),
+    EXPECT_EQ((Lines{kIpcLog.error("sendMsg failed: error: <-1:11>; bytes: 5; attempts: <5:2>; "
+                                   "data: <0x00000004:0x0000FFFF>\n")}),
               linesInside());
     EXPECT_EQ(1U, pauses.size());
 }

@@ -15,9 +15,9 @@
 namespace {
 
 using fake_alsa::capturedSample;
-using fake_log::UAFSNK;
+using fake_log::kSinkLog;
+using sink_bench::kPeriodSamples;
 using sink_bench::Period;
-using sink_bench::PERIOD_SAMPLES;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -31,17 +31,17 @@ TEST_F(UafSnkFifoTest, FirstWriteOpensTheFifo) {
     EXPECT_THAT(events, ElementsAre("open /tmp/usbAudioFifoRx " + std::to_string(O_WRONLY),
                                     "set pipe 960", "get pipe", "close 77"));
     EXPECT_THAT(log(),
-                Contains(UAFSNK.debug("/tmp/usbAudioFifoRx opened buffer size 4096\n")).Times(1));
+                Contains(kSinkLog.debug("/tmp/usbAudioFifoRx opened buffer size 4096\n")).Times(1));
 }
 
 TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
     fifo.openResult = -1;
     runUntilStopped();
     EXPECT_EQ(4, pass);
-    EXPECT_THAT(log(), Contains(UAFSNK.error("failed to open /tmp/usbAudioFifoRx\n")).Times(4));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("failed to open /tmp/usbAudioFifoRx\n")).Times(4));
     EXPECT_THAT(events, SizeIs(4));
     EXPECT_THAT(written, IsEmpty());
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
 }
 
 TEST_F(UafSnkFifoTest, DescriptorZeroCountsAsClosed) {
@@ -60,14 +60,14 @@ TEST_F(UafSnkFifoTest, WriteThatIsNotWholeClosesTheFifoAndLosesThePeriod) {
         onWrite = [&](int number) { return number == 2 ? result : 960; };
         run(5);
         EXPECT_THAT(log(),
-                    Contains(UAFSNK.debug("closing /tmp/usbAudioFifoRx, failed to write rc=" +
-                                          std::to_string(result) + ", expect 960\n"))
+                    Contains(kSinkLog.debug("closing /tmp/usbAudioFifoRx, failed to write rc=" +
+                                            std::to_string(result) + ", expect 960\n"))
                         .Times(1));
         EXPECT_THAT(events, ElementsAre("open /tmp/usbAudioFifoRx 1", "set pipe 960", "get pipe",
                                         "close 77", "open /tmp/usbAudioFifoRx 1", "set pipe 960",
                                         "get pipe", "close 77"));
         EXPECT_THAT(written, SizeIs(5));
-        EXPECT_EQ(UAFSNK.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 3840\n"), log().back());
+        EXPECT_EQ(kSinkLog.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 3840\n"), log().back());
     }
 }
 
@@ -81,7 +81,7 @@ TEST_F(UafSnkFifoTest, WriteThatASignalInterruptsIsMadeAgain) {
     EXPECT_EQ(written[1], written[2]);
     EXPECT_THAT(events,
                 ElementsAre("open /tmp/usbAudioFifoRx 1", "set pipe 960", "get pipe", "close 77"));
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=4, pcmRead 960, fifoWrite 3840\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=4, pcmRead 960, fifoWrite 3840\n"), log().back());
 }
 
 TEST_F(UafSnkFifoTest, FifoWithoutANameFailsToOpen) {
@@ -92,8 +92,8 @@ TEST_F(UafSnkFifoTest, FifoWithoutANameFailsToOpen) {
     run(4);
     EXPECT_THAT(
         log(),
-        Contains(UAFSNK.debug("closing (null), failed to write rc=-1, expect 960\n")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.error("failed to open (null)\n")).Times(3));
+        Contains(kSinkLog.debug("closing (null), failed to write rc=-1, expect 960\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("failed to open (null)\n")).Times(3));
     EXPECT_THAT(written, SizeIs(1));
 }
 
@@ -121,15 +121,15 @@ TEST_F(UafSnkFifoTest, LostReaderCostsOnePeriodAndNotTheDaemon) {
         }
     };
     run(4);
-    EXPECT_THAT(log(), Contains(UAFSNK.error("handler: 13\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("handler: 13\n")).Times(1));
     EXPECT_THAT(
         log(),
-        Contains(UAFSNK.debug("closing /tmp/usbAudioFifoRx, failed to write rc=-1, expect 960\n"))
+        Contains(kSinkLog.debug("closing /tmp/usbAudioFifoRx, failed to write rc=-1, expect 960\n"))
             .Times(1));
     EXPECT_THAT(events, SizeIs(2));
-    Period received(3 * PERIOD_SAMPLES);
+    Period received(3 * kPeriodSamples);
     EXPECT_EQ(1920, fake_sys::real::read(second[0], received.data(), 3 * 960));
-    received.resize(2 * PERIOD_SAMPLES);
+    received.resize(2 * kPeriodSamples);
     Period expected = stereoFrom(480);
     const Period last = stereoFrom(720);
     expected.insert(expected.end(), last.begin(), last.end());
@@ -167,17 +167,17 @@ TEST_F(UafSnkFifoTest, WorkerCapturesNothingWhileItWaitsForTheApp) {
     const int app = fake_sys::real::open(path.c_str(), O_RDONLY);
     ASSERT_GE(app, 0);
     Period received;
-    int16_t chunk[PERIOD_SAMPLES];
+    int16_t chunk[kPeriodSamples];
     for (ssize_t bytes; (bytes = fake_sys::real::read(app, chunk, sizeof chunk)) > 0;) {
         received.insert(received.end(), chunk, chunk + bytes / 2);
-        if (received.size() >= 10 * PERIOD_SAMPLES) {
+        if (received.size() >= 10 * kPeriodSamples) {
             snk->intfUpdate(false);
         }
     }
     fake_sys::real::pthread_join(worker, nullptr);
     fake_sys::real::close(app);
     fake_sys::real::unlink(path.c_str());
-    ASSERT_GE(received.size(), 10 * PERIOD_SAMPLES);
+    ASSERT_GE(received.size(), 10 * kPeriodSamples);
     for (size_t i = 0; i < received.size(); ++i) {
         ASSERT_EQ(capturedSample(i / 2), received[i]) << i;
     }

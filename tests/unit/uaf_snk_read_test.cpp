@@ -10,8 +10,8 @@
 
 namespace {
 
-using fake_log::UAFSNK;
-using sink_bench::NS_PER_MS;
+using fake_log::kSinkLog;
+using sink_bench::kNsPerMs;
 using sink_bench::Period;
 using testing::Contains;
 using testing::Each;
@@ -61,8 +61,8 @@ TEST_F(UafSnkReadTest, PcmThatDoesNotStartAgainStopsTheChannel) {
     };
     runUntilStopped();
     EXPECT_EQ(5, pass);
-    EXPECT_THAT(log(),
-                Contains(UAFSNK.error("stopping, ALSA failed to start: No such device")).Times(1));
+    EXPECT_THAT(
+        log(), Contains(kSinkLog.error("stopping, ALSA failed to start: No such device")).Times(1));
     EXPECT_THAT(written, SizeIs(4));
     EXPECT_EQ(4, fake_alsa::count("snd_pcm_wait"));
 }
@@ -78,10 +78,10 @@ TEST_F(UafSnkReadTest, SilenceIsWrittenWhileTheHostSendsNothing) {
     EXPECT_EQ(stereoFrom(0), written[0]);
     EXPECT_THAT(std::vector<Period>(written.begin() + 1, written.begin() + 4), Each(silence()));
     EXPECT_EQ(stereoFrom(240), written[4]);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("timeout0, rc=0\n")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("clear timeout, pcmStallCnt=3\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("timeout0, rc=0\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("clear timeout, pcmStallCnt=3\n")).Times(1));
     EXPECT_THAT(pausesNs, IsEmpty());
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=6, pcmRead 720, fifoWrite 5760\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=6, pcmRead 720, fifoWrite 5760\n"), log().back());
 }
 
 TEST_F(UafSnkReadTest, EachRunOfTimeoutsIsLoggedOnce) {
@@ -89,9 +89,9 @@ TEST_F(UafSnkReadTest, EachRunOfTimeoutsIsLoggedOnce) {
         fake_alsa::answerAt("snd_pcm_wait", number, 0);
     }
     run(5);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("timeout0, rc=0\n")).Times(2));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("clear timeout, pcmStallCnt=2\n")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("clear timeout, pcmStallCnt=1\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("timeout0, rc=0\n")).Times(2));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("clear timeout, pcmStallCnt=2\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("clear timeout, pcmStallCnt=1\n")).Times(1));
 }
 
 TEST_F(UafSnkReadTest, StartForgetsStalls) {
@@ -100,7 +100,7 @@ TEST_F(UafSnkReadTest, StartForgetsStalls) {
     fake_alsa::stopAnswering("snd_pcm_wait");
     fake_log::clear();
     run(3);
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.debug("clear timeout, pcmStallCnt=3\n"))));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.debug("clear timeout, pcmStallCnt=3\n"))));
 }
 
 TEST_F(UafSnkReadTest, NoNumberOfStallsStopsTheChannel) {
@@ -113,10 +113,10 @@ TEST_F(UafSnkReadTest, OtherWaitErrorIsATimeoutAndTakesAsLong) {
     fake_alsa::answerAt("snd_pcm_wait", 1, -ENODEV);
     fake_alsa::answerAt("snd_pcm_wait", 2, -EIO);
     run(4);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("timeout0, rc=-19\n")).Times(1));
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.debug("timeout0, rc=-5\n"))));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("clear timeout, pcmStallCnt=2\n")).Times(1));
-    EXPECT_THAT(pausesNs, ElementsAre(10 * NS_PER_MS, 10 * NS_PER_MS));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("timeout0, rc=-19\n")).Times(1));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.debug("timeout0, rc=-5\n"))));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("clear timeout, pcmStallCnt=2\n")).Times(1));
+    EXPECT_THAT(pausesNs, ElementsAre(10 * kNsPerMs, 10 * kNsPerMs));
     EXPECT_EQ(silence(), written[0]);
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_prepare"));
 }
@@ -124,7 +124,7 @@ TEST_F(UafSnkReadTest, OtherWaitErrorIsATimeoutAndTakesAsLong) {
 TEST_F(UafSnkReadTest, WaitThatReturnsAnotherPositiveNumberIsATimeout) {
     fake_alsa::answerAt("snd_pcm_wait", 1, 2);
     run(3);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("timeout0, rc=2\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("timeout0, rc=2\n")).Times(1));
     EXPECT_THAT(pausesNs, IsEmpty());
 }
 
@@ -136,7 +136,7 @@ TEST_F(UafSnkReadTest, XrunInTheWaitIsRecoveredIntoSilence) {
     EXPECT_THAT(checks, ElementsAre(1, 3));
     EXPECT_EQ(silence(), written[1]);
     EXPECT_NE(silence(), written[2]);
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.debug("timeout0, rc=-32\n"))));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.debug("timeout0, rc=-32\n"))));
 }
 
 TEST_F(UafSnkReadTest, SuspendInTheWaitIsResumed) {
@@ -158,8 +158,8 @@ TEST_F(UafSnkReadTest, FailedRecoveryInTheWaitStopsTheChannel) {
     EXPECT_EQ(5, pass);
     EXPECT_THAT(written, SizeIs(4));
     EXPECT_THAT(log(),
-                Contains(UAFSNK.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.error("rc=-19\n")).Times(1));
+                Contains(kSinkLog.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("rc=-19\n")).Times(1));
 }
 
 // ---- Reads that fail ---------------------------------------------------------------------------
@@ -172,7 +172,7 @@ TEST_F(UafSnkReadTest, XrunInTheReadRepeatsWhatTheBufferHolds) {
     EXPECT_EQ(repeated, written[1]);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_THAT(checks, ElementsAre(1, 3));
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=5, pcmRead 960, fifoWrite 4800\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=5, pcmRead 960, fifoWrite 4800\n"), log().back());
 }
 
 TEST_F(UafSnkReadTest, SuspendInTheReadIsResumedAndMakesACheckDue) {
@@ -205,8 +205,8 @@ TEST_F(UafSnkReadTest, FailedRecoveryInTheReadStopsTheChannel) {
     EXPECT_EQ(5, pass);
     EXPECT_THAT(written, SizeIs(4));
     EXPECT_THAT(log(),
-                Contains(UAFSNK.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.error("rc=-19\n")).Times(1));
+                Contains(kSinkLog.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("rc=-19\n")).Times(1));
 }
 
 TEST_F(UafSnkReadTest, RecoveryThatFailsWithMinusOneHasNoCodeLine) {
@@ -217,10 +217,10 @@ TEST_F(UafSnkReadTest, RecoveryThatFailsWithMinusOneHasNoCodeLine) {
     EXPECT_EQ(5, pass);
     EXPECT_THAT(
         log(),
-        Contains(UAFSNK.error("ALSA xrun recovery failed (Operation not permitted)\n")).Times(1));
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.error("rc=-1\n"))));
+        Contains(kSinkLog.error("ALSA xrun recovery failed (Operation not permitted)\n")).Times(1));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.error("rc=-1\n"))));
     // The stall is still counted: the period that ends it is read in the next pass.
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("clear timeout, pcmStallCnt=1\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("clear timeout, pcmStallCnt=1\n")).Times(1));
 }
 
 TEST_F(UafSnkReadTest, FailedRecoveryStillEndsARunOfTimeouts) {
@@ -230,9 +230,9 @@ TEST_F(UafSnkReadTest, FailedRecoveryStillEndsARunOfTimeouts) {
     runUntilStopped();
     const auto lines = log();
     const auto cleared =
-        std::find(lines.begin(), lines.end(), UAFSNK.debug("clear timeout, pcmStallCnt=1\n"));
+        std::find(lines.begin(), lines.end(), kSinkLog.debug("clear timeout, pcmStallCnt=1\n"));
     ASSERT_NE(lines.end(), cleared);
-    EXPECT_EQ(UAFSNK.error("rc=-19\n"), *(cleared + 1));
+    EXPECT_EQ(kSinkLog.error("rc=-19\n"), *(cleared + 1));
 }
 
 TEST_F(UafSnkReadTest, UnexpectedReadErrorStopsTheChannel) {
@@ -240,8 +240,8 @@ TEST_F(UafSnkReadTest, UnexpectedReadErrorStopsTheChannel) {
     fake_alsa::answerAt("snd_pcm_readi", 3, 240);  // leaves the cleared buffer as it is
     runUntilStopped();
     EXPECT_EQ(5, pass);
-    EXPECT_THAT(log(), Contains(UAFSNK.error("stopping, unexpected read error\n")).Times(1));
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.error("rc=-5\n"))));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("stopping, unexpected read error\n")).Times(1));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.error("rc=-5\n"))));
     ASSERT_THAT(written, SizeIs(4));
     EXPECT_EQ(silence(), written[1]);
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_prepare"));
@@ -278,22 +278,23 @@ TEST_F(UafSnkReadTest, OneFrameMoreIsDropped) {
     };
     run(5);
     EXPECT_THAT(
-        log(), Contains(UAFSNK.debug("too much samples in the buffer, drop samples. (avail=721)\n"))
-                   .Times(1));
+        log(),
+        Contains(kSinkLog.debug("too much samples in the buffer, drop samples. (avail=721)\n"))
+            .Times(1));
     EXPECT_EQ(6, fake_alsa::count("snd_pcm_readi"));
     // One question for the check, one before each drop, and the next check three periods later.
     EXPECT_THAT(checks, ElementsAre(1, 1, 1, 4));
     EXPECT_THAT(written, SizeIs(5));
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 4800\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 4800\n"), log().back());
 }
 
 TEST_F(UafSnkReadTest, LargeBacklogIsDroppedInWholePeriods) {
     EXPECT_EQ(0, snk->intfUpdate(true));
-    fake_alsa::advance(fake_alsa::pcm(0), 42 * NS_PER_MS);  // 2016 frames
+    fake_alsa::advance(fake_alsa::pcm(0), 42 * kNsPerMs);  // 2016 frames
     runLoop(3);
     EXPECT_THAT(
         log(),
-        Contains(UAFSNK.debug("too much samples in the buffer, drop samples. (avail=2016)\n"))
+        Contains(kSinkLog.debug("too much samples in the buffer, drop samples. (avail=2016)\n"))
             .Times(1));
     // Six periods dropped leave 576 frames.
     EXPECT_THAT(written, ElementsAre(stereoFrom(1440), stereoFrom(1680), stereoFrom(1920)));
@@ -301,7 +302,7 @@ TEST_F(UafSnkReadTest, LargeBacklogIsDroppedInWholePeriods) {
 
 TEST_F(UafSnkReadTest, DroppingEndsAtExactlyThreePeriods) {
     EXPECT_EQ(0, snk->intfUpdate(true));
-    fake_alsa::advance(fake_alsa::pcm(0), 40 * NS_PER_MS);  // 1920 frames
+    fake_alsa::advance(fake_alsa::pcm(0), 40 * kNsPerMs);  // 1920 frames
     runLoop(3);
     EXPECT_THAT(written, ElementsAre(stereoFrom(1200), stereoFrom(1440), stereoFrom(1680)));
 }
@@ -320,7 +321,7 @@ TEST_F(UafSnkReadTest, ReadThatFailsInADropStopsTheChannel) {
     EXPECT_EQ(4, pass);
     EXPECT_THAT(checks, ElementsAre(1, 1));
     EXPECT_THAT(written, SizeIs(3));
-    EXPECT_THAT(log(), Contains(UAFSNK.error("stopping, unexpected read error\n")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.error("stopping, unexpected read error\n")).Times(1));
 }
 
 TEST_F(UafSnkReadTest, XrunInADropGoesOnDroppingAndTheNextCheckIsThreePeriodsAway) {
@@ -343,8 +344,8 @@ TEST_F(UafSnkReadTest, FailedRecoveryInADropLeavesTheDrain) {
     fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
     run(5);
     EXPECT_THAT(log(),
-                Contains(UAFSNK.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
-    EXPECT_THAT(log(), Not(Contains(UAFSNK.error("rc=-19\n"))));
+                Contains(kSinkLog.error("ALSA xrun recovery failed (No such device)\n")).Times(1));
+    EXPECT_THAT(log(), Not(Contains(kSinkLog.error("rc=-19\n"))));
     EXPECT_THAT(checks, ElementsAre(1, 1, 4));
     EXPECT_EQ(6, fake_alsa::count("snd_pcm_readi"));
     EXPECT_THAT(written, SizeIs(5));

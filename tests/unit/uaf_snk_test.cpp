@@ -12,9 +12,9 @@
 
 namespace {
 
+using fake_log::kSinkLog;
 using fake_log::Line;
-using fake_log::UAFSNK;
-using sink_bench::NS_PER_MS;
+using sink_bench::kNsPerMs;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -42,7 +42,7 @@ TEST_F(UafSnkTest, StartOpensTheCaptureInItsOneFormat) {
                             "snd_pcm_sw_params_set_stop_threshold(pcm0, 4800)",
                             "snd_pcm_sw_params_set_avail_min(pcm0, 240)", "snd_pcm_sw_params(pcm0)",
                             "snd_pcm_start(pcm0)"));
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.debug("start, opening hw:1\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.debug("start, opening hw:1\n")));
     EXPECT_THAT(events, IsEmpty());
 }
 
@@ -55,9 +55,9 @@ TEST_F(UafSnkTest, TellsTheAppOnAndOffWithTypeOne) {
 TEST_F(UafSnkTest, StartWithoutStatusObjectFails) {
     fake_alsa::answerAt("snd_pcm_status_malloc", 1, -ENOMEM);
     EXPECT_EQ(-1, snk->intfUpdate(true));
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.error("failed snd_pcm_status_malloc\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.error("failed snd_pcm_status_malloc\n")));
     EXPECT_EQ(0, fake_alsa::pcmsOpened());
-    snk->setDevName(FIFO_RX_PATH, "hw:1");
+    snk->setDevName(kFifoRxPath, "hw:1");
     EXPECT_EQ(0, snk->intfUpdate(true));
     EXPECT_EQ(2, fake_alsa::count("snd_pcm_status_malloc"));
 }
@@ -88,11 +88,11 @@ TEST_F(UafSnkTest, StatusObjectAndBufferAreAllocatedOnce) {
 TEST_F(UafSnkTest, FailedOpenLeavesNoHandle) {
     fake_alsa::answerAt("snd_pcm_open", 1, -EBUSY);
     EXPECT_EQ(-1, snk->intfUpdate(true));
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.debug("start, opening hw:1\n"),
-                                   UAFSNK.error("error at uafStart@90: rc=-16\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.debug("start, opening hw:1\n"),
+                                   kSinkLog.error("error at uafStart@90: rc=-16\n")));
     fake_log::clear();
     EXPECT_EQ(0, snk->intfUpdate(true));
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.debug("start, opening hw:1\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSnkTest, PositiveResultOfTheStartIsSuccess) {
@@ -108,8 +108,8 @@ TEST_F(UafSnkTest, CodeOfTheFailedStepIsReturned) {
 TEST_F(UafSnkTest, StartWithoutANameFailsItsOpen) {
     snk->setDevName(nullptr, nullptr);
     EXPECT_EQ(-EINVAL, snk->uafStart());
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.debug("start, opening (null)\n"),
-                                   UAFSNK.error("error at uafStart@90: rc=-22\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.debug("start, opening (null)\n"),
+                                   kSinkLog.error("error at uafStart@90: rc=-22\n")));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_open"));
 }
 
@@ -128,16 +128,16 @@ TEST_P(UafSnkStepTest, FailureLeavesThePcmForTheNextStartToClose) {
     fake_alsa::answerAt(GetParam().call, 1, -EINVAL);
     EXPECT_EQ(-1, snk->intfUpdate(true));
     EXPECT_EQ(1, fake_alsa::pcmsOpen());
-    EXPECT_THAT(
-        log(), ElementsAre(UAFSNK.debug("start, opening hw:1\n"), UAFSNK.error(GetParam().report)));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.debug("start, opening hw:1\n"),
+                                   kSinkLog.error(GetParam().report)));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_close"));
     EXPECT_THAT(fake_ipc::messages(), IsEmpty());
 
     fake_log::clear();
     fake_alsa::clearCalls();
     EXPECT_EQ(0, snk->intfUpdate(true));
-    EXPECT_THAT(log(), ElementsAre(UAFSNK.error("start, audio still open, trying to close\n"),
-                                   UAFSNK.debug("stop, closing hw:1\n")));
+    EXPECT_THAT(log(), ElementsAre(kSinkLog.error("start, audio still open, trying to close\n"),
+                                   kSinkLog.debug("stop, closing hw:1\n")));
     EXPECT_EQ("snd_pcm_drop(pcm0)", fake_alsa::calls()[0]);
     EXPECT_EQ("snd_pcm_close(pcm0)", fake_alsa::calls()[1]);
     EXPECT_EQ("snd_pcm_open(hw:1, CAPTURE, 0)", fake_alsa::calls()[2]);
@@ -158,9 +158,9 @@ TEST_F(UafSnkTest, StartWhileStillOpenClosesTheFifoToo) {
             EXPECT_EQ(0, snk->uafStart());
             EXPECT_THAT(events, ElementsAre("close 77"));
             EXPECT_THAT(log(),
-                        ElementsAre(UAFSNK.error("start, audio still open, trying to close\n"),
-                                    UAFSNK.debug("stop, closing hw:1\n"),
-                                    UAFSNK.debug("stop, closing /tmp/usbAudioFifoRx\n")));
+                        ElementsAre(kSinkLog.error("start, audio still open, trying to close\n"),
+                                    kSinkLog.debug("stop, closing hw:1\n"),
+                                    kSinkLog.debug("stop, closing /tmp/usbAudioFifoRx\n")));
         }
         return 960;
     };
@@ -181,8 +181,8 @@ TEST_F(UafSnkTest, StopClosesThePcmAndThenTheFifo) {
     EXPECT_EQ("snd_pcm_close(pcm0)", calls[calls.size() - 1]);
     const auto lines = log();
     ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(UAFSNK.debug("stop, closing hw:1\n"), lines[lines.size() - 3]);
-    EXPECT_EQ(UAFSNK.debug("stop, closing /tmp/usbAudioFifoRx\n"), lines[lines.size() - 2]);
+    EXPECT_EQ(kSinkLog.debug("stop, closing hw:1\n"), lines[lines.size() - 3]);
+    EXPECT_EQ(kSinkLog.debug("stop, closing /tmp/usbAudioFifoRx\n"), lines[lines.size() - 2]);
 }
 
 TEST_F(UafSnkTest, StopOfAStoppedChannelDoesNothing) {
@@ -203,7 +203,7 @@ TEST_F(UafSnkTest, StopAfterTheNamesAreGoneShowsNull) {
         }
     };
     run(4);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("stop, closing (null)\n")).Times(2));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("stop, closing (null)\n")).Times(2));
     EXPECT_THAT(written, SizeIs(4));
 }
 
@@ -222,7 +222,7 @@ TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
         using UafCh::fifo;
     };
     auto doomed = std::make_unique<OpenSink>();
-    ASSERT_TRUE(doomed->fifo.openEnd(FIFO_RX_PATH, O_WRONLY, 960, "UAFSNK"));
+    ASSERT_TRUE(doomed->fifo.openEnd(kFifoRxPath, O_WRONLY, 960, "UAFSNK"));
     events.clear();
     doomed.reset();
     EXPECT_THAT(events, IsEmpty());
@@ -243,7 +243,7 @@ TEST_F(UafSnkTest, LoopInstallsTheHandlerOfABrokenFifo) {
         }
         fake_log::clear();
         action->sa_handler(SIGPIPE);
-        EXPECT_THAT(log(), ElementsAre(UAFSNK.error("handler: 13\n")));
+        EXPECT_THAT(log(), ElementsAre(kSinkLog.error("handler: 13\n")));
         return 0;
     };
     EXPECT_EQ(0, snk->intfUpdate(true));
@@ -256,7 +256,7 @@ TEST_F(UafSnkTest, LoopRunsWithoutTheHandler) {
     fake_sys::hooks().sigaction = fake_sys::failing(EINVAL);
     run(3);
     EXPECT_THAT(log(),
-                Contains(UAFSNK.error("sigaction failed: <22:Invalid argument>\n")).Times(1));
+                Contains(kSinkLog.error("sigaction failed: <22:Invalid argument>\n")).Times(1));
     EXPECT_THAT(written, SizeIs(3));
 }
 
@@ -293,33 +293,34 @@ TEST_F(UafSnkTest, StreamingAllocatesNothing) {
 TEST_F(UafSnkTest, ProgressIsLoggedAtTheFirstWriteAndEvery6000) {
     run(12001);
     std::vector<Line> expected{
-        UAFSNK.debug("start, opening hw:1\n"),
-        UAFSNK.error("Failed to open /proc/asound/card0/id: No such file or "
-                     "directory"),
-        UAFSNK.error("Failed to open /proc/asound/card0/pcm1c/sub0/status: No "
-                     "such file or directory"),
-        UAFSNK.error("synch startup failed"),
-        UAFSNK.debug("/tmp/usbAudioFifoRx opened buffer size 4096\n"),
-        UAFSNK.debug("loopcnt 0, pcmRead 240, fifoWrite 960\n"),
-        UAFSNK.debug("loopcnt 6000, pcmRead 1440240, fifoWrite 5760960\n"),
-        UAFSNK.debug("loopcnt 12000, pcmRead 2880240, fifoWrite 11520960\n"),
-        UAFSNK.debug("stop, closing hw:1\n"),
-        UAFSNK.debug("stop, closing /tmp/usbAudioFifoRx\n"),
-        UAFSNK.debug("exit, loopcnt=12001, pcmRead 2880240, fifoWrite 11520960\n")};
+        kSinkLog.debug("start, opening hw:1\n"),
+        kSinkLog.error("Failed to open /proc/asound/card0/id: No such file or "
+                       "directory"),
+        kSinkLog.error("Failed to open /proc/asound/card0/pcm1c/sub0/status: No "
+                       "such file or directory"),
+        kSinkLog.error("synch startup failed"),
+        kSinkLog.debug("/tmp/usbAudioFifoRx opened buffer size 4096\n"),
+        kSinkLog.debug("loopcnt 0, pcmRead 240, fifoWrite 960\n"),
+        kSinkLog.debug("loopcnt 6000, pcmRead 1440240, fifoWrite 5760960\n"),
+        kSinkLog.debug("loopcnt 12000, pcmRead 2880240, fifoWrite 11520960\n"),
+        kSinkLog.debug("stop, closing hw:1\n"),
+        kSinkLog.debug("stop, closing /tmp/usbAudioFifoRx\n"),
+        kSinkLog.debug("exit, loopcnt=12001, pcmRead 2880240, fifoWrite 11520960\n")};
     EXPECT_THAT(log(), ElementsAreArray(expected));
 }
 
 TEST_F(UafSnkTest, TotalsWrap) {
     fake_alsa::answerAlways("snd_pcm_readi", 0x40000000);
     run(3);
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=3, pcmRead -1073741824, fifoWrite 2880\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=3, pcmRead -1073741824, fifoWrite 2880\n"),
+              log().back());
 }
 
 TEST_F(UafSnkTest, ShortReadIsCountedAsItIs) {
     fake_alsa::answerAt("snd_pcm_readi", 2, 100);
     fake_alsa::answerAt("snd_pcm_readi", 3, 0);
     run(4);
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=4, pcmRead 580, fifoWrite 3840\n"), log().back());
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=4, pcmRead 580, fifoWrite 3840\n"), log().back());
 }
 
 // ---- Start synchronisation ---------------------------------------------------------------------
@@ -332,7 +333,7 @@ class UafSnkSynchTest : public UafSnkTest {
         files.put("/proc/asound/card0/pcm0c/sub0/status",
                   "state: RUNNING\ntstamp      : 100.000000000\n");
         fake_sys::hooks().clock_gettime = [this](clockid_t, timespec* now) {
-            *now = {100, (pass * 5 - firstPhaseMs) * NS_PER_MS};
+            *now = {100, (pass * 5 - firstPhaseMs) * kNsPerMs};
             return 0;
         };
     }
@@ -344,9 +345,9 @@ TEST_F(UafSnkSynchTest, HeldBackPeriodsAreReadButNotWritten) {
     run(5);
     ASSERT_THAT(written, SizeIs(4));
     EXPECT_EQ(stereoFrom(240), written[0]);
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("synch startup ok")).Times(1));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("loopcnt 0, pcmRead 480, fifoWrite 960\n")));
-    EXPECT_EQ(UAFSNK.debug("exit, loopcnt=4, pcmRead 1200, fifoWrite 3840\n"), log().back());
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("synch startup ok")).Times(1));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("loopcnt 0, pcmRead 480, fifoWrite 960\n")));
+    EXPECT_EQ(kSinkLog.debug("exit, loopcnt=4, pcmRead 1200, fifoWrite 3840\n"), log().back());
 }
 
 TEST_F(UafSnkSynchTest, TimedOutPeriodIsNeverTheFirst) {
@@ -361,7 +362,7 @@ TEST_F(UafSnkSynchTest, EveryStartSynchronisesAfresh) {
     run(4);
     run(4);
     EXPECT_THAT(written, SizeIs(6));
-    EXPECT_THAT(log(), Contains(UAFSNK.debug("synch startup ok")).Times(2));
+    EXPECT_THAT(log(), Contains(kSinkLog.debug("synch startup ok")).Times(2));
     EXPECT_THAT(files.events, SizeIs(8));
 }
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -76,17 +76,18 @@ TEST_F(UafSrcEnlargeTest, ElevenUnderrunsEnlargeTheBuffer) {
     stats.overruns = 4000000000;
     runChecks({11});
     EXPECT_EQ(1, enlargements());
-    EXPECT_THAT(ownLines(),
-                IsSupersetOf({UAFSRC.debug("buffer loopcnt 100, Depth 333, Underruns 11, Overruns "
-                                           "4000000000\n"),
-                              UAFSRC.debug("increased ssrs queue depth\n")}));
+    EXPECT_THAT(
+        ownLines(),
+        IsSupersetOf({kSourceLog.debug("buffer loopcnt 100, Depth 333, Underruns 11, Overruns "
+                                       "4000000000\n"),
+                      kSourceLog.debug("increased ssrs queue depth\n")}));
 }
 
 TEST_F(UafSrcEnlargeTest, TenUnderrunsDoNot) {
     runChecks({10, 20, 30});
     EXPECT_EQ(0, enlargements());
     EXPECT_EQ(3, linesWith("Depth"));
-    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Not(Contains(kSourceLog.debug("increased ssrs queue depth\n"))));
 }
 
 TEST_F(UafSrcEnlargeTest, ALaterBurstEnlargesToo) {
@@ -124,8 +125,8 @@ TEST_F(UafSrcEnlargeTest, StorageThatIsRefusedIsReportedAndNotTriedAgain) {
     runChecks({11, 100});
     EXPECT_EQ(1, enlargements());
     EXPECT_EQ(0, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_SetQBuff error: 3\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("SSRS_SetQBuff error: 3\n")).Times(1));
+    EXPECT_THAT(ownLines(), Not(Contains(kSourceLog.debug("increased ssrs queue depth\n"))));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
@@ -133,8 +134,8 @@ TEST_F(UafSrcEnlargeTest, ARangeThatIsRefusedIsReportedAndNotTriedAgain) {
     depthResult = 4;
     runChecks({11, 100});
     EXPECT_EQ(1, count("depth 960-1440"));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_SetQDepth error: 4\n")).Times(1));
-    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("increased ssrs queue depth\n"))));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("SSRS_SetQDepth error: 4\n")).Times(1));
+    EXPECT_THAT(ownLines(), Not(Contains(kSourceLog.debug("increased ssrs queue depth\n"))));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
@@ -153,7 +154,7 @@ TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
         forget();
         int blocksRead = 0;
         fifo.onRead = [&](int16_t*, size_t size) {
-            int16_t frame[FRAME_SAMPLES];
+            int16_t frame[kFrameSamples];
             const int frames = blocksRead == 0 ? 0 : blocksRead <= starvations ? 3 : 2;
             for (int i = 0; i < frames; ++i) {
                 fake_ssrs::real::SSRS_Read(context, frame);

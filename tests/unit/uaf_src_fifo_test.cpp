@@ -9,7 +9,7 @@
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -30,17 +30,18 @@ TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
                                Contains("set pipe 1920").Times(1), Contains("write").Times(3)));
     EXPECT_TRUE(source->fifo.isOpen());
     const std::vector<fake_log::Line> lines = ownLines();
-    EXPECT_THAT(lines, ElementsAre(UAFSRC.debug("enter buffer loop\n"),
-                                   UAFSRC.debug("/tmp/usbAudioFifoTx opened buffer size 4096\n"),
-                                   UAFSRC.debug("buffer loopcnt 0, fifoRead 1920\n"),
-                                   UAFSRC.debug("stopping buffer thread\n"),
-                                   UAFSRC.debug("stop, close hw:1\n"),
-                                   UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
+    EXPECT_THAT(lines,
+                ElementsAre(kSourceLog.debug("enter buffer loop\n"),
+                            kSourceLog.debug("/tmp/usbAudioFifoTx opened buffer size 4096\n"),
+                            kSourceLog.debug("buffer loopcnt 0, fifoRead 1920\n"),
+                            kSourceLog.debug("stopping buffer thread\n"),
+                            kSourceLog.debug("stop, close hw:1\n"),
+                            kSourceLog.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
 TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
     fifo.onRead = [](int16_t* samples, size_t size) {
-        for (int i = 0; i < BLOCK_SAMPLES; ++i) {
+        for (int i = 0; i < kBlockSamples; ++i) {
             samples[2 * i] = static_cast<int16_t>(i + 1);
             samples[2 * i + 1] = -999;
         }
@@ -48,7 +49,7 @@ TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
     };
     runBlocks(1);
     ASSERT_THAT(blocks, SizeIs(1));
-    Samples left(BLOCK_SAMPLES);
+    Samples left(kBlockSamples);
     for (size_t i = 0; i < left.size(); ++i) {
         left[i] = static_cast<int16_t>(i + 1);
     }
@@ -56,15 +57,15 @@ TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
 }
 
 TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
-    Samples model(BLOCK_SAMPLES * 2, 0);
+    Samples model(kBlockSamples * 2, 0);
     std::vector<Samples> expected;
     fifo.onRead = [&](int16_t* samples, size_t size) {
         const size_t bytes = expected.empty() ? size : 8;
         const auto value = static_cast<int16_t>(100 * (expected.size() + 1));
         std::fill_n(samples, bytes / sizeof value, value);
         std::fill_n(model.begin(), bytes / sizeof value, value);
-        UafCh::adjCh(model.data(), 2, 1, BLOCK_SAMPLES);
-        expected.emplace_back(model.begin(), model.begin() + BLOCK_SAMPLES);
+        UafCh::adjCh(model.data(), 2, 1, kBlockSamples);
+        expected.emplace_back(model.begin(), model.begin() + kBlockSamples);
         return static_cast<ssize_t>(bytes);
     };
     runBlocks(2);
@@ -72,7 +73,8 @@ TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
     EXPECT_EQ(200, blocks[1][1]);
     EXPECT_EQ(100, blocks[1][2]);
     EXPECT_EQ(0, count("close 77"));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
 }
 
 TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
@@ -83,30 +85,31 @@ TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
     runBlocks(3);
     ASSERT_THAT(blocks, SizeIs(3));
     EXPECT_THAT(blocks[0], Each(7));
-    EXPECT_THAT(blocks[1], AllOf(SizeIs(BLOCK_SAMPLES), Each(0)));
+    EXPECT_THAT(blocks[1], AllOf(SizeIs(kBlockSamples), Each(0)));
     EXPECT_THAT(blocks[2], Each(7));
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(1, count("close 77"));
     EXPECT_EQ(0, count("trylock intf"));
     EXPECT_THAT(
         ownLines(),
-        IsSupersetOf({UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=0, expect "
-                                   "1920\n"),
-                      UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 3840\n")}));
+        IsSupersetOf({kSourceLog.debug("closing /tmp/usbAudioFifoTx, failed to read rc=0, expect "
+                                       "1920\n"),
+                      kSourceLog.debug("exit buffer loop, loopcnt=3, fifoRead 3840\n")}));
 }
 
 TEST_F(UafSrcFifoTest, AReadErrorClosesTheFifoAndRequestsAStop) {
     readResults({-1});
     runBlocks(1);
     EXPECT_THAT(ownLines(),
-                Contains(UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, "
-                                      "expect 1920\n")));
+                Contains(kSourceLog.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, "
+                                          "expect 1920\n")));
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(1, count("close 77"));
     EXPECT_EQ(1, count("trylock intf"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_THAT(blocks, SizeIs(1));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
 }
 
 TEST_F(UafSrcFifoTest, AFileInTheFifosPlaceIsReadAtTheSoundsPace) {
@@ -138,8 +141,8 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     EXPECT_EQ(0, threads.sleptNs);
     EXPECT_THAT(blocks, IsEmpty());
     EXPECT_THAT(ownLines(),
-                AllOf(Contains(UAFSRC.error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
-                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n"))));
+                AllOf(Contains(kSourceLog.error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
+                      Contains(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n"))));
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "intfUpdate to 0, current state 1\n")));
 }
 
@@ -164,9 +167,10 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
     };
     stopAtYield(1);
     runBufferThread();
-    EXPECT_THAT(ownLines(),
-                IsSupersetOf({UAFSRC.debug("closing (null), failed to read rc=0, expect 1920\n"),
-                              UAFSRC.error("failed to open (null)\n")}));
+    EXPECT_THAT(
+        ownLines(),
+        IsSupersetOf({kSourceLog.debug("closing (null), failed to read rc=0, expect 1920\n"),
+                      kSourceLog.error("failed to open (null)\n")}));
     EXPECT_THAT(fake_log::lines(), Contains(base(6, "devName not set\n")));
     EXPECT_THAT(blocks, ElementsAre(Each(0)));
 }
@@ -186,7 +190,7 @@ TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+                ElementsAre(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
     EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(UAFCH_RUNNING, source->state);
     EXPECT_THAT(blocks, SizeIs(2));
@@ -209,7 +213,7 @@ TEST_F(UafSrcFifoTest, AnOpenThatTheStopEndsIsNoError) {
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+                ElementsAre(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     EXPECT_FALSE(source->fifo.isOpen());
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
@@ -223,7 +227,8 @@ TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
     EXPECT_EQ(1, count("open /tmp/usbAudioFifoTx 0"));
     EXPECT_EQ(0, count("trylock intf"));
     EXPECT_EQ(0, linesWith("closing"));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
 // Not what the stop ended: it is reported like any other.
@@ -237,10 +242,10 @@ TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
     runBufferThread();
     EXPECT_THAT(
         fake_log::lines(),
-        ElementsAre(UAFSRC.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
-                                 "1920\n"),
+        ElementsAre(kSourceLog.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
+                                     "1920\n"),
                     base(3, "intfUpdate to 0, current state 1\n"),
-                    UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+                    kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     EXPECT_FALSE(source->fifo.isOpen());
 }
 
@@ -266,8 +271,8 @@ TEST_F(UafSrcFifoTest, AFailedLockRequestsAStop) {
     EXPECT_EQ(2, count("trylock intf"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_THAT(ownLines(),
-                AllOf(Contains(UAFSRC.error("bufferLoop: lock failed: 22\n")).Times(2),
-                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
+                AllOf(Contains(kSourceLog.error("bufferLoop: lock failed: 22\n")).Times(2),
+                      Contains(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
 }
 
 TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
@@ -278,8 +283,8 @@ TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
     EXPECT_EQ(2, count("unlock ssrs"));
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_THAT(ownLines(),
-                AllOf(Contains(UAFSRC.error("bufferLoop: unlock failed: 1\n")).Times(2),
-                      Contains(UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
+                AllOf(Contains(kSourceLog.error("bufferLoop: unlock failed: 1\n")).Times(2),
+                      Contains(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 3840\n"))));
     EXPECT_EQ(0, linesWith("buffer loopcnt"));
 }
 
@@ -288,7 +293,8 @@ TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
     runBlocks(2);
     EXPECT_EQ(6, SSRS_QUEUE_FULL);
     EXPECT_EQ(UAFCH_RUNNING, source->state);
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+    EXPECT_THAT(ownLines(),
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
 }
 
 TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
@@ -304,7 +310,7 @@ TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     EXPECT_EQ(expected, journal);
     EXPECT_EQ(UAFCH_STOPPING, source->state);
     EXPECT_EQ(2, linesWith("SSRS_Write error: 3\n"));
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_Write error: 3\n")));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("SSRS_Write error: 3\n")));
 }
 
 // ---- Progress ----------------------------------------------------------------------------------
@@ -314,16 +320,16 @@ TEST_F(UafSrcFifoTest, ProgressIsReportedEvery6000Passes) {
     EXPECT_EQ(2, linesWith("buffer loopcnt"));
     EXPECT_THAT(
         ownLines(),
-        IsSupersetOf({UAFSRC.debug("buffer loopcnt 0, fifoRead 1920\n"),
-                      UAFSRC.debug("buffer loopcnt 6000, fifoRead 11521920\n"),
-                      UAFSRC.debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
+        IsSupersetOf({kSourceLog.debug("buffer loopcnt 0, fifoRead 1920\n"),
+                      kSourceLog.debug("buffer loopcnt 6000, fifoRead 11521920\n"),
+                      kSourceLog.debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
 }
 
 TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
     fifo.onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);
     EXPECT_THAT(ownLines(),
-                Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead -1073741824\n")));
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 
 namespace {
 
-using fake_log::UAFSND;
-using fake_log::UAFSRC;
+using fake_log::kAlsaLog;
+using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -25,7 +25,7 @@ using ::testing::SizeIs;
 using Samples = std::vector<int16_t>;
 
 // Passes that the worker still makes after the one in which the stop is requested.
-constexpr int LAST_PASSES = 3;
+constexpr int kLastPasses = 3;
 
 class UafSrcPlaybackTest : public source_bench::Test {
   protected:
@@ -33,7 +33,7 @@ class UafSrcPlaybackTest : public source_bench::Test {
         source_bench::Test::SetUp();
         fake_ssrs::hooks().SSRS_Read = [this](SSRS_Ctx*, int16_t* out) {
             journal.push_back("read");
-            std::fill_n(out, FRAME_SAMPLES, ++framesRead);
+            std::fill_n(out, kFrameSamples, ++framesRead);
             return readResult;
         };
         start();
@@ -70,7 +70,7 @@ class UafSrcPlaybackTest : public source_bench::Test {
     // What was written since the start's silence.
     Samples played(int index = 0) const {
         const Samples all = fake_alsa::written(fake_alsa::pcm(index));
-        return Samples(all.begin() + FRAME_SAMPLES, all.end());
+        return Samples(all.begin() + kFrameSamples, all.end());
     }
 
     int16_t framesRead = 0;
@@ -84,18 +84,18 @@ class UafSrcPlaybackTest : public source_bench::Test {
 TEST_F(UafSrcPlaybackTest, EachPassPlaysOneFrame) {
     runPasses(2);
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_wait"),
-                AllOf(SizeIs(2 + LAST_PASSES), Each("snd_pcm_wait(pcm0, 10)")));
+                AllOf(SizeIs(2 + kLastPasses), Each("snd_pcm_wait(pcm0, 10)")));
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_writei"),
-                AllOf(SizeIs(2 + LAST_PASSES), Each("snd_pcm_writei(pcm0, 240)")));
+                AllOf(SizeIs(2 + kLastPasses), Each("snd_pcm_writei(pcm0, 240)")));
     const Samples samples = played();
-    ASSERT_THAT(samples, SizeIs(5 * FRAME_SAMPLES));
+    ASSERT_THAT(samples, SizeIs(5 * kFrameSamples));
     for (size_t i = 0; i < samples.size(); ++i) {
-        ASSERT_EQ(static_cast<int16_t>(i / FRAME_SAMPLES + 1), samples[i]);
+        ASSERT_EQ(static_cast<int16_t>(i / kFrameSamples + 1), samples[i]);
     }
-    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("loopcnt 0, pcmWrite 240\n"),
-                                        UAFSRC.debug("stopping buffer thread\n"),
-                                        UAFSRC.debug("stop, close hw:1\n"),
-                                        UAFSRC.debug("exit, loopcnt=5, pcmWrite 1200\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("loopcnt 0, pcmWrite 240\n"),
+                                        kSourceLog.debug("stopping buffer thread\n"),
+                                        kSourceLog.debug("stop, close hw:1\n"),
+                                        kSourceLog.debug("exit, loopcnt=5, pcmWrite 1200\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
@@ -116,22 +116,24 @@ TEST_F(UafSrcPlaybackTest, ALoopThatFindsItsStopDueMakesNoPass) {
     source->stopDelayCnt = 3;
     runWorker();
     EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), fake_log::lines().back());
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, ProgressIsReportedEvery6000Passes) {
-    runPasses(6001 - LAST_PASSES);
-    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("loopcnt 0, pcmWrite 240\n"),
-                                        UAFSRC.debug("loopcnt 6000, pcmWrite 1440240\n"),
-                                        UAFSRC.debug("stopping buffer thread\n"),
-                                        UAFSRC.debug("stop, close hw:1\n"),
-                                        UAFSRC.debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
+    runPasses(6001 - kLastPasses);
+    EXPECT_THAT(ownLines(),
+                ElementsAre(kSourceLog.debug("loopcnt 0, pcmWrite 240\n"),
+                            kSourceLog.debug("loopcnt 6000, pcmWrite 1440240\n"),
+                            kSourceLog.debug("stopping buffer thread\n"),
+                            kSourceLog.debug("stop, close hw:1\n"),
+                            kSourceLog.debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
 }
 
 TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
     writeResults({0x60000000, 0x60000000, 0, 0, 0});
     runPasses(2);
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=5, pcmWrite -1073741824\n"), fake_log::lines().back());
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=5, pcmWrite -1073741824\n"),
+              fake_log::lines().back());
 }
 
 // ---- The kick start ----------------------------------------------------------------------------
@@ -147,13 +149,13 @@ TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
         const auto frame = static_cast<int16_t>(framesRead + 1);
         runPasses(1);
         EXPECT_EQ("need to kick start\n", ownLines().front().text);
-        EXPECT_EQ(fake_log::DEBUG, ownLines().front().priority);
-        EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("need to kick start\n")).Times(1));
+        EXPECT_EQ(fake_log::kDebug, ownLines().front().priority);
+        EXPECT_THAT(ownLines(), Contains(kSourceLog.debug("need to kick start\n")).Times(1));
         EXPECT_EQ(0, source->availChkCnt);
         Samples samples = played(index);
-        ASSERT_THAT(samples, SizeIs(5 * FRAME_SAMPLES));
-        EXPECT_THAT(Samples(samples.begin(), samples.begin() + FRAME_SAMPLES), Each(0));
-        EXPECT_EQ(frame, samples[FRAME_SAMPLES]);
+        ASSERT_THAT(samples, SizeIs(5 * kFrameSamples));
+        EXPECT_THAT(Samples(samples.begin(), samples.begin() + kFrameSamples), Each(0));
+        EXPECT_EQ(frame, samples[kFrameSamples]);
         start();
     }
 }
@@ -161,7 +163,7 @@ TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
 TEST_F(UafSrcPlaybackTest, APcmInAnyOtherStateIsNotKicked) {
     fake_alsa::setState(pcm(), SND_PCM_STATE_XRUN);
     runPasses(1);
-    EXPECT_THAT(ownLines(), Not(Contains(UAFSRC.debug("need to kick start\n"))));
+    EXPECT_THAT(ownLines(), Not(Contains(kSourceLog.debug("need to kick start\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AKickThatCannotBeWrittenStopsTheChannel) {
@@ -172,8 +174,9 @@ TEST_F(UafSrcPlaybackTest, AKickThatCannotBeWrittenStopsTheChannel) {
     EXPECT_EQ(4, fake_alsa::count("snd_pcm_writei"));
     EXPECT_THAT(
         ownLines(),
-        AllOf(Contains(UAFSRC.error("stopping, unexpected write error(No such device)\n")).Times(4),
-              Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
+        AllOf(Contains(kSourceLog.error("stopping, unexpected write error(No such device)\n"))
+                  .Times(4),
+              Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AKickThatEndsInAFailedRecoveryGoesOnToTheWait) {
@@ -181,8 +184,9 @@ TEST_F(UafSrcPlaybackTest, AKickThatEndsInAFailedRecoveryGoesOnToTheWait) {
     writeResults({-EPIPE});
     fake_alsa::answerAt("snd_pcm_prepare", 1, -ENODEV);
     runPasses(1);
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("ALSA xrun recovery failed (No such device)\n")));
-    EXPECT_EQ(1 + LAST_PASSES, fake_alsa::count("snd_pcm_wait"));
+    EXPECT_THAT(ownLines(),
+                Contains(kSourceLog.error("ALSA xrun recovery failed (No such device)\n")));
+    EXPECT_EQ(1 + kLastPasses, fake_alsa::count("snd_pcm_wait"));
 }
 
 // ---- The wait ----------------------------------------------------------------------------------
@@ -198,12 +202,12 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
     EXPECT_THAT(stalls, ElementsAre(0, 1, 2, 3, 0, 0, 0));
     EXPECT_EQ(4, count("read"));
     EXPECT_EQ(0, threads.sleptNs);
-    EXPECT_THAT(
-        ownLines(),
-        ElementsAre(UAFSRC.debug("timeout0, rc=0\n"), UAFSRC.debug("loopcnt 0, pcmWrite 0\n"),
-                    UAFSRC.error("clear timeout, pcmStallCnt=3\n"),
-                    UAFSRC.debug("stopping buffer thread\n"), UAFSRC.debug("stop, close hw:1\n"),
-                    UAFSRC.debug("exit, loopcnt=7, pcmWrite 960\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("timeout0, rc=0\n"),
+                                        kSourceLog.debug("loopcnt 0, pcmWrite 0\n"),
+                                        kSourceLog.error("clear timeout, pcmStallCnt=3\n"),
+                                        kSourceLog.debug("stopping buffer thread\n"),
+                                        kSourceLog.debug("stop, close hw:1\n"),
+                                        kSourceLog.debug("exit, loopcnt=7, pcmWrite 960\n")));
 }
 
 TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
@@ -211,8 +215,8 @@ TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
     runPasses(2);
     EXPECT_EQ(20000000, threads.sleptNs);
     EXPECT_EQ(3, count("read"));
-    EXPECT_THAT(ownLines(), IsSupersetOf({UAFSRC.debug("timeout0, rc=-19\n"),
-                                          UAFSRC.error("clear timeout, pcmStallCnt=2\n")}));
+    EXPECT_THAT(ownLines(), IsSupersetOf({kSourceLog.debug("timeout0, rc=-19\n"),
+                                          kSourceLog.error("clear timeout, pcmStallCnt=2\n")}));
 }
 
 TEST_F(UafSrcPlaybackTest, AnXrunOfTheWaitIsRecoveredWithoutAFrame) {
@@ -221,11 +225,11 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWaitIsRecoveredWithoutAFrame) {
         framesRead = 0;
         waitResults({code});
         runPasses(1);
-        EXPECT_EQ(LAST_PASSES, framesRead);
+        EXPECT_EQ(kLastPasses, framesRead);
         EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
-        EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err " +
-                                                  std::to_string(code))));
-        EXPECT_THAT(ownLines(), Contains(UAFSRC.debug("loopcnt 0, pcmWrite 0\n")));
+        EXPECT_EQ(1, fake_log::count(kAlsaLog.debug("xrun_recovery: playback xrun, err " +
+                                                    std::to_string(code))));
+        EXPECT_THAT(ownLines(), Contains(kSourceLog.debug("loopcnt 0, pcmWrite 0\n")));
         fake_alsa::hooks().writei = nullptr;
         start();
         fake_alsa::setState(pcm(), SND_PCM_STATE_RUNNING);
@@ -241,9 +245,9 @@ TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWaitStopsTheChannel) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     const std::vector<fake_log::Line> lines = ownLines();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(UAFSRC.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
-    EXPECT_EQ(UAFSRC.error("rc=-19\n"), lines[1]);
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
+    EXPECT_EQ(kSourceLog.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
+    EXPECT_EQ(kSourceLog.error("rc=-19\n"), lines[1]);
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
 }
 
 // ---- The frame ---------------------------------------------------------------------------------
@@ -254,8 +258,8 @@ TEST_F(UafSrcPlaybackTest, AFailedLockStopsTheChannel) {
     EXPECT_EQ(0, framesRead);
     EXPECT_EQ(0, count("unlock ssrs"));
     EXPECT_EQ(0, count("writei"));
-    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("mutex lock failed: 22\n")).Times(4),
-                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(kSourceLog.error("mutex lock failed: 22\n")).Times(4),
+                                  Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
 
@@ -264,8 +268,8 @@ TEST_F(UafSrcPlaybackTest, AFailedUnlockStopsTheChannel) {
     runWorker();
     EXPECT_EQ(0, count("writei"));
     EXPECT_EQ(4, count("unlock ssrs"));
-    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("mutex unlock failed: 1\n")).Times(4),
-                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(kSourceLog.error("mutex unlock failed: 1\n")).Times(4),
+                                  Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
@@ -281,14 +285,14 @@ TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested)
         expected.push_back(entry);
     }
     EXPECT_EQ(expected, journal);
-    EXPECT_THAT(ownLines(), AllOf(Contains(UAFSRC.error("SSRS_Read error: 1\n")).Times(4),
-                                  Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
+    EXPECT_THAT(ownLines(), AllOf(Contains(kSourceLog.error("SSRS_Read error: 1\n")).Times(4),
+                                  Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
 TEST_F(UafSrcPlaybackTest, AStarvedFrameBufferPlaysSilence) {
     fake_ssrs::hooks().SSRS_Read = nullptr;
     runPasses(2);
-    EXPECT_THAT(played(), AllOf(SizeIs(5 * FRAME_SAMPLES), Each(0)));
+    EXPECT_THAT(played(), AllOf(SizeIs(5 * kFrameSamples), Each(0)));
 }
 
 // One block of the app is played behind the silence that brings the buffer to 600 samples.
@@ -300,7 +304,7 @@ TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
             runWorker();
             return ssize_t{-1};
         }
-        for (int i = 0; i < BLOCK_SAMPLES; ++i) {
+        for (int i = 0; i < kBlockSamples; ++i) {
             samples[2 * i] = static_cast<int16_t>(i + 1);
             samples[2 * i + 1] = -1;
         }
@@ -308,17 +312,17 @@ TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
     };
     runBufferThread();
     const Samples samples = played();
-    ASSERT_THAT(samples, SizeIs(4 * FRAME_SAMPLES));
-    for (int i = 0; i < FRAME_SAMPLES; ++i) {
+    ASSERT_THAT(samples, SizeIs(4 * kFrameSamples));
+    for (int i = 0; i < kFrameSamples; ++i) {
         ASSERT_EQ(std::max(0, i - 119), samples[static_cast<size_t>(i)]);
     }
     // The second frame is taken below the range, from 239 samples: 121 to 359.
-    EXPECT_EQ(121, samples[FRAME_SAMPLES]);
-    EXPECT_EQ(359, samples[2 * FRAME_SAMPLES - 1]);
+    EXPECT_EQ(121, samples[kFrameSamples]);
+    EXPECT_EQ(359, samples[2 * kFrameSamples - 1]);
     // The third finds the last 121 samples, and nothing behind them.
-    EXPECT_EQ(360, samples[2 * FRAME_SAMPLES]);
-    EXPECT_EQ(0, samples[3 * FRAME_SAMPLES - 1]);
-    EXPECT_THAT(Samples(samples.end() - FRAME_SAMPLES, samples.end()), Each(0));
+    EXPECT_EQ(360, samples[2 * kFrameSamples]);
+    EXPECT_EQ(0, samples[3 * kFrameSamples - 1]);
+    EXPECT_THAT(Samples(samples.end() - kFrameSamples, samples.end()), Each(0));
 }
 
 // ---- The write ---------------------------------------------------------------------------------
@@ -326,8 +330,8 @@ TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
 TEST_F(UafSrcPlaybackTest, AShortWriteIsNotCompleted) {
     writeResults({100});
     runPasses(1);
-    EXPECT_EQ(1 + LAST_PASSES, count("writei"));
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=4, pcmWrite 820\n"), fake_log::lines().back());
+    EXPECT_EQ(1 + kLastPasses, count("writei"));
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=4, pcmWrite 820\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
@@ -339,17 +343,17 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
     EXPECT_EQ(0, source->availChkCnt);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     // A recovered write is a success: it ends the stall, counts and adds no frame.
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("clear timeout, pcmStallCnt=1\n")));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("clear timeout, pcmStallCnt=1\n")));
     EXPECT_EQ(4, framesRead);
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, ASuspendOfTheWriteIsRecoveredLikeAnXrun) {
     writeResults({-ESTRPIPE});
     runPasses(1);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
-    EXPECT_EQ(1, fake_log::count(UAFSND.debug("xrun_recovery: playback xrun, err -86")));
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=4, pcmWrite 720\n"), fake_log::lines().back());
+    EXPECT_EQ(1, fake_log::count(kAlsaLog.debug("xrun_recovery: playback xrun, err -86")));
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=4, pcmWrite 720\n"), fake_log::lines().back());
 }
 
 TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWriteStopsTheChannel) {
@@ -362,10 +366,10 @@ TEST_F(UafSrcPlaybackTest, AFailedRecoveryOfTheWriteStopsTheChannel) {
     EXPECT_EQ(4, count("writei"));
     const std::vector<fake_log::Line> lines = ownLines();
     ASSERT_GE(lines.size(), 3U);
-    EXPECT_EQ(UAFSRC.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
-    EXPECT_EQ(UAFSRC.error("clear timeout, pcmStallCnt=2\n"), lines[1]);
-    EXPECT_EQ(UAFSRC.error("rc=-19\n"), lines[2]);
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
+    EXPECT_EQ(kSourceLog.error("ALSA xrun recovery failed (No such device)\n"), lines[0]);
+    EXPECT_EQ(kSourceLog.error("clear timeout, pcmStallCnt=2\n"), lines[1]);
+    EXPECT_EQ(kSourceLog.error("rc=-19\n"), lines[2]);
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"), lines.back());
 }
 
 TEST_F(UafSrcPlaybackTest, AnyOtherWriteErrorStopsTheChannelWithOneLine) {
@@ -376,9 +380,9 @@ TEST_F(UafSrcPlaybackTest, AnyOtherWriteErrorStopsTheChannelWithOneLine) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     EXPECT_THAT(
         ownLines(),
-        AllOf(Contains(UAFSRC.error("stopping, unexpected write error(Input/output error)\n"))
+        AllOf(Contains(kSourceLog.error("stopping, unexpected write error(Input/output error)\n"))
                   .Times(4),
-              Contains(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n"))));
+              Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
     EXPECT_THAT(ownLines(), SizeIs(4 + 3));
 }
 
@@ -394,7 +398,7 @@ TEST_F(UafSrcPlaybackTest, AnOnWithinTheDebounceKeepsTheStream) {
         return 1;
     };
     runWorker();
-    EXPECT_EQ(UAFSRC.debug("exit, loopcnt=11, pcmWrite 2640\n"), fake_log::lines().back());
+    EXPECT_EQ(kSourceLog.debug("exit, loopcnt=11, pcmWrite 2640\n"), fake_log::lines().back());
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "stopDelayCnt = 3\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_close"));

@@ -12,7 +12,7 @@
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
 using ::testing::Each;
@@ -43,7 +43,7 @@ TEST_F(UafSrcTest, GoesOnWithoutTheFrameBuffersMutex) {
         return ++inits == 2 ? ENOMEM : 0;
     };
     const UafSrc fresh;
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.error("pthread_mutex_init failed\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.error("pthread_mutex_init failed\n")));
 }
 
 TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
@@ -55,7 +55,7 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
     EXPECT_EQ(1, fake_alsa::pcmsOpen());
     EXPECT_THAT(journal, ElementsAre("close 77"));
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFSRC.debug("destruct, closing /tmp/usbAudioFifoTx\n")));
+                ElementsAre(kSourceLog.debug("destruct, closing /tmp/usbAudioFifoTx\n")));
 }
 
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
@@ -72,7 +72,7 @@ TEST_F(UafSrcTest, DestructionNamesAnUnsetFifo) {
     openFifo();
     source->setDevName(nullptr, nullptr);
     source.reset();
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("destruct, closing (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.debug("destruct, closing (null)\n")));
 }
 
 // ---- Start -------------------------------------------------------------------------------------
@@ -84,9 +84,9 @@ TEST_F(UafSrcTest, AStartRunsItsStepsInOrder) {
                                      "depth 480-720", "create buffer", "snd_pcm_status_malloc()",
                                      "snd_pcm_open(hw:1, PLAYBACK, 0)", "message 2,1",
                                      "create worker", "unlock intf"));
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(base(3, "intfUpdate to 1, current state 3\n"),
-                            UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening hw:1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(base(3, "intfUpdate to 1, current state 3\n"),
+                                               kSourceLog.debug("init SSRS\n"),
+                                               kSourceLog.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSrcTest, AStartSetsThePcmUpAndPrimesItWithSilence) {
@@ -106,7 +106,7 @@ TEST_F(UafSrcTest, AStartSetsThePcmUpAndPrimesItWithSilence) {
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_hw_params_set_rate_near"),
                 ElementsAre("snd_pcm_hw_params_set_rate_near(pcm1, 48000, 0)"));
     EXPECT_EQ("snd_pcm_writei(pcm1, 240)", fake_alsa::calls().back());
-    EXPECT_THAT(fake_alsa::written(pcm), AllOf(SizeIs(FRAME_SAMPLES), Each(0)));
+    EXPECT_THAT(fake_alsa::written(pcm), AllOf(SizeIs(kFrameSamples), Each(0)));
 }
 
 TEST_F(UafSrcTest, AStartResetsTheCounters) {
@@ -144,16 +144,16 @@ TEST_F(UafSrcTest, AFailedStartReturnsTheStepsCode) {
 }
 
 TEST_F(UafSrcTest, AnUnsetPcmNameFailsTheOpenAtOnce) {
-    source->setDevName(FIFO, nullptr);
+    source->setDevName(kFifoPath, nullptr);
     EXPECT_EQ(-EINVAL, source->uafStart());
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
-    EXPECT_THAT(ownLines(),
-                ElementsAre(UAFSRC.debug("init SSRS\n"), UAFSRC.debug("start, opening (null)\n"),
-                            UAFSRC.error("error at uafStart@204: rc=-22\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("init SSRS\n"),
+                                        kSourceLog.debug("start, opening (null)\n"),
+                                        kSourceLog.error("error at uafStart@204: rc=-22\n")));
 }
 
 TEST_F(UafSrcTest, WithoutAFifoNameThereIsNoBufferThread) {
-    source->setDevName(nullptr, PCM);
+    source->setDevName(nullptr, kPcmName);
     EXPECT_EQ(0, source->uafStart());
     EXPECT_EQ(0, buffersCreated);
     EXPECT_NE(nullptr, source->pcmHandle);
@@ -162,8 +162,8 @@ TEST_F(UafSrcTest, WithoutAFifoNameThereIsNoBufferThread) {
 TEST_F(UafSrcTest, AStatusThatCannotBeAllocatedFailsTheStart) {
     fake_alsa::answerAt("snd_pcm_status_malloc", 1, -ENOMEM);
     EXPECT_EQ(-1, source->uafStart());
-    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("init SSRS\n"),
-                                        UAFSRC.error("failed snd_pcm_status_malloc\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("init SSRS\n"),
+                                        kSourceLog.error("failed snd_pcm_status_malloc\n")));
     EXPECT_EQ(1, buffersCreated);
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), IsEmpty());
     EXPECT_EQ(0, source->uafStart());
@@ -176,7 +176,7 @@ TEST_F(UafSrcTest, ABufferWithoutMemoryFailsTheStart) {
         source = nullptr;
         locks.watchNew({"intf", "ssrs"});
         source = std::make_unique<OpenSource>();
-        source->setDevName(FIFO, PCM);
+        source->setDevName(kFifoPath, kPcmName);
         forget();
         fake_new::failAfter(successes);
         EXPECT_EQ(-1, source->uafStart());
@@ -201,14 +201,15 @@ TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
         return size == contextSize ? nullptr : fake_sys::real::malloc(size);
     };
     EXPECT_EQ(0, source->intfUpdate(true));
-    EXPECT_THAT(
-        ownLines(),
-        ElementsAre(
-            UAFSRC.error("Can't allocate " + std::to_string(contextSize) +
-                         " bytes of memory for SSRS context structure.\n"),
-            UAFSRC.debug("init SSRS\n"), UAFSRC.error("SSRS_InitContext error: 1\n"),
-            UAFSRC.error("SSRS_SetFrameSize error: 1\n"), UAFSRC.error("SSRS_SetQBuff error: 1\n"),
-            UAFSRC.error("SSRS_SetQDepth error: 1\n"), UAFSRC.debug("start, opening hw:1\n")));
+    EXPECT_THAT(ownLines(),
+                ElementsAre(kSourceLog.error("Can't allocate " + std::to_string(contextSize) +
+                                             " bytes of memory for SSRS context structure.\n"),
+                            kSourceLog.debug("init SSRS\n"),
+                            kSourceLog.error("SSRS_InitContext error: 1\n"),
+                            kSourceLog.error("SSRS_SetFrameSize error: 1\n"),
+                            kSourceLog.error("SSRS_SetQBuff error: 1\n"),
+                            kSourceLog.error("SSRS_SetQDepth error: 1\n"),
+                            kSourceLog.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
@@ -220,12 +221,12 @@ TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
     fake_ssrs::hooks().SSRS_SetQBuff = [](SSRS_Ctx*, int16_t*, int32_t) { return 13; };
     fake_ssrs::hooks().SSRS_SetQDepth = [](SSRS_Ctx*, int32_t, int32_t) { return 14; };
     EXPECT_EQ(0, source->intfUpdate(true));
-    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("init SSRS\n"),
-                                        UAFSRC.error("SSRS_InitContext error: 11\n"),
-                                        UAFSRC.error("SSRS_SetFrameSize error: 12\n"),
-                                        UAFSRC.error("SSRS_SetQBuff error: 13\n"),
-                                        UAFSRC.error("SSRS_SetQDepth error: 14\n"),
-                                        UAFSRC.debug("start, opening hw:1\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("init SSRS\n"),
+                                        kSourceLog.error("SSRS_InitContext error: 11\n"),
+                                        kSourceLog.error("SSRS_SetFrameSize error: 12\n"),
+                                        kSourceLog.error("SSRS_SetQBuff error: 13\n"),
+                                        kSourceLog.error("SSRS_SetQDepth error: 14\n"),
+                                        kSourceLog.debug("start, opening hw:1\n")));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
@@ -247,8 +248,8 @@ TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
     EXPECT_EQ(0, source->uafStop());
     EXPECT_THAT(journal, ElementsAre("signal", "join"));
     EXPECT_THAT(fake_alsa::calls(), ElementsAre("snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("stopping buffer thread\n"),
-                                               UAFSRC.debug("stop, close hw:1\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.debug("stopping buffer thread\n"),
+                                               kSourceLog.debug("stop, close hw:1\n")));
     EXPECT_EQ(nullptr, source->pcmHandle);
     EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(1, fake_alsa::statusObjects());
@@ -262,8 +263,8 @@ TEST_F(UafSrcTest, AStopToleratesClearedNames) {
     start();
     source->setDevName(nullptr, nullptr);
     EXPECT_EQ(0, source->uafStop());
-    EXPECT_THAT(fake_log::lines(), ElementsAre(UAFSRC.debug("stopping buffer thread\n"),
-                                               UAFSRC.debug("stop, close (null)\n")));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(kSourceLog.debug("stopping buffer thread\n"),
+                                               kSourceLog.debug("stop, close (null)\n")));
 }
 
 TEST_F(UafSrcTest, AStopFreesTheFrameBuffer) {

@@ -12,7 +12,7 @@
 
 namespace {
 
-using fake_log::UAFSRC;
+using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -32,7 +32,7 @@ TEST_F(UafSrcThreadTest, TheBufferThreadRunsAtFifo58) {
 TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) {
     fake_sys::hooks().pthread_attr_setschedpolicy = [](pthread_attr_t*, int) { return EINVAL; };
     EXPECT_EQ(0, source->uafStart());
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("unable to setschedpolicy\n")));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("unable to setschedpolicy\n")));
     source->uafStop();
     fake_sys::hooks().pthread_attr_setschedpolicy = nullptr;
     fake_sys::hooks().pthread_attr_setschedparam = [](pthread_attr_t*, const sched_param*) {
@@ -40,7 +40,7 @@ TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) 
     };
     forget();
     EXPECT_EQ(0, source->uafStart());
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("unable to set thread priority\n")));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("unable to set thread priority\n")));
     EXPECT_EQ(2, buffersCreated);
 }
 
@@ -52,14 +52,14 @@ TEST_F(UafSrcThreadTest, WithoutItsBufferThreadTheChannelStartsAndStopsItself) {
     EXPECT_EQ(nullptr, source->pcmHandle);
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 1U)));
     EXPECT_THAT(ownLines(),
-                ElementsAre(UAFSRC.debug("init SSRS\n"),
-                            UAFSRC.error("pthread_create: <12:Cannot allocate memory>\n")));
+                ElementsAre(kSourceLog.debug("init SSRS\n"),
+                            kSourceLog.error("pthread_create: <12:Cannot allocate memory>\n")));
     forget();
     runWorker();
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     EXPECT_THAT(fake_alsa::calls(), IsEmpty());
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
-    EXPECT_THAT(ownLines(), ElementsAre(UAFSRC.debug("exit, loopcnt=0, pcmWrite 0\n")));
+    EXPECT_THAT(ownLines(), ElementsAre(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n")));
     createResult = 0;
     start();
     EXPECT_NE(nullptr, source->pcmHandle);
@@ -86,10 +86,11 @@ TEST_F(UafSrcThreadTest, AStartThatFindsThePcmOpenClosesAndStartsAfresh) {
                 ElementsAre("lock intf", "signal", "join", "init", "frame 240", "storage 960",
                             "depth 480-720", "create buffer", "snd_pcm_open(hw:1, PLAYBACK, 0)",
                             "message 2,1", "create worker", "unlock intf"));
-    EXPECT_THAT(ownLines(),
-                ElementsAre(UAFSRC.error("start, audio still open, trying to close\n"),
-                            UAFSRC.debug("stopping buffer thread\n"),
-                            UAFSRC.debug("stop, close hw:1\n"), UAFSRC.debug("init SSRS\n")));
+    EXPECT_THAT(
+        ownLines(),
+        ElementsAre(kSourceLog.error("start, audio still open, trying to close\n"),
+                    kSourceLog.debug("stopping buffer thread\n"),
+                    kSourceLog.debug("stop, close hw:1\n"), kSourceLog.debug("init SSRS\n")));
     EXPECT_THAT(fake_alsa::calls(), IsSupersetOf({"snd_pcm_drop(pcm0)", "snd_pcm_close(pcm0)"}));
     EXPECT_EQ(2, buffersCreated);
     EXPECT_EQ(1, fake_alsa::pcmsOpen());
@@ -119,7 +120,7 @@ TEST_F(UafSrcThreadTest, AStartBuildsNoFrameBufferUnderAThreadThatIsLeft) {
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_EQ(0, count("init"));
     runWorker();
-    EXPECT_THAT(ownLines(), Contains(UAFSRC.error("SSRS_Read error: 1\n")).Times(4));
+    EXPECT_THAT(ownLines(), Contains(kSourceLog.error("SSRS_Read error: 1\n")).Times(4));
     EXPECT_EQ(UAFCH_STOPPED, source->state);
     forget();
     EXPECT_EQ(0, source->intfUpdate(true));
@@ -169,8 +170,8 @@ TEST_F(UafSrcThreadTest, AStopBeforeTheThreadRanEndsItBeforeItsFirstPass) {
     runBufferThread();
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(),
-                ElementsAre(UAFSRC.debug("enter buffer loop\n"),
-                            UAFSRC.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
+                ElementsAre(kSourceLog.debug("enter buffer loop\n"),
+                            kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
 }
 
 TEST_F(UafSrcThreadTest, AThreadRunsAgainAfterAStopThatCameBeforeIt) {
@@ -182,7 +183,7 @@ TEST_F(UafSrcThreadTest, AThreadRunsAgainAfterAStopThatCameBeforeIt) {
     forget();
     runBufferThread();
     EXPECT_THAT(fake_log::lines(),
-                Contains(UAFSRC.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
+                Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 
 namespace {
 
-using fake_log::UAFSND;
+using fake_log::kAlsaLog;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -42,10 +42,10 @@ class XrunRecoveryTest : public fake_alsa::Test {
 
     // The log is these texts, at debug level, after the two lines that every recovery begins with.
     static void expectLog(const char* opening, const std::vector<std::string>& texts) {
-        std::vector<fake_log::Line> expected{UAFSND.debug("stream recovery from ..."),
-                                             UAFSND.debug(opening)};
+        std::vector<fake_log::Line> expected{kAlsaLog.debug("stream recovery from ..."),
+                                             kAlsaLog.debug(opening)};
         for (const std::string& text : texts) {
-            expected.push_back(UAFSND.debug(text));
+            expected.push_back(kAlsaLog.debug(text));
         }
         EXPECT_THAT(fake_log::lines(), ElementsAreArray(expected));
     }
@@ -53,7 +53,7 @@ class XrunRecoveryTest : public fake_alsa::Test {
     std::vector<unsigned> sleeps;
 };
 
-constexpr char CAPTURE_SUSPEND[] = "xrun_recovery: capture xrun, err -86";
+constexpr char kCaptureSuspend[] = "xrun_recovery: capture xrun, err -86";
 
 // ---- Xrun --------------------------------------------------------------------------------------
 
@@ -101,7 +101,7 @@ TEST_F(XrunRecoveryTest, PositivePrepareIsSuccess) {
 
 TEST_F(XrunRecoveryTest, ResumedAtOnce) {
     EXPECT_EQ(0, xrun_recovery(suspended(), -ESTRPIPE));
-    expectLog(CAPTURE_SUSPEND, {"suspend...", "ready \n"});
+    expectLog(kCaptureSuspend, {"suspend...", "ready \n"});
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_THAT(sleeps, IsEmpty());
@@ -123,7 +123,7 @@ TEST_F(XrunRecoveryTest, BusyResumeIsRetriedEverySecond) {
     fake_alsa::answerAt("snd_pcm_resume", 1, -EAGAIN);
     fake_alsa::answerAt("snd_pcm_resume", 2, -EAGAIN);
     EXPECT_EQ(0, xrun_recovery(suspended(), -ESTRPIPE));
-    expectLog(CAPTURE_SUSPEND, {"suspend...", "ready \n"});
+    expectLog(kCaptureSuspend, {"suspend...", "ready \n"});
     EXPECT_EQ(3, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_THAT(sleeps, ElementsAre(1, 1));
@@ -156,21 +156,21 @@ TEST_F(XrunRecoveryTest, SixBusyResumesAndSixSecondsLeadToPrepare) {
     }
     expected.push_back("snd_pcm_prepare(pcm0)");
     EXPECT_THAT(order, ElementsAreArray(expected));
-    expectLog(CAPTURE_SUSPEND, {"suspend...", "ready \n"});
+    expectLog(kCaptureSuspend, {"suspend...", "ready \n"});
 }
 
 TEST_F(XrunRecoveryTest, FailedPrepareAfterBusyResumesIsTheResult) {
     fake_alsa::answerAlways("snd_pcm_resume", -EAGAIN);
     fake_alsa::answerAlways("snd_pcm_prepare", -ENODEV);
     EXPECT_EQ(-ENODEV, xrun_recovery(suspended(), -ESTRPIPE));
-    expectLog(CAPTURE_SUSPEND,
+    expectLog(kCaptureSuspend,
               {"suspend...", "Can't recovery from suspend, prepare failed: No such device\n"});
 }
 
 TEST_F(XrunRecoveryTest, OtherResumeErrorIsPreparedWithoutSleeping) {
     fake_alsa::answerAlways("snd_pcm_resume", -EIO);
     EXPECT_EQ(0, xrun_recovery(suspended(), -ESTRPIPE));
-    expectLog(CAPTURE_SUSPEND, {"suspend...", "ready \n"});
+    expectLog(kCaptureSuspend, {"suspend...", "ready \n"});
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_THAT(sleeps, IsEmpty());

@@ -15,7 +15,7 @@ bool holds(const Pause& pause, Ns at) {
 }  // namespace
 
 Ns dueOf(const Scenario& scenario, int64_t frame) {
-    return scenario.phase + frame * kSecond / SAMPLE_RATE_HZ;
+    return scenario.phase + frame * kSecond / kSampleRateHz;
 }
 
 AppWrites::AppWrites(const Scenario& scenario) : scenario_(scenario), engine_(scenario.seed) {}

@@ -23,7 +23,7 @@ Measured measure(const Scenario& scenario, Ns time, const Look& look) {
             settled = path.counts();
             continue;
         }
-        depths.push_back(reading.depth * kSecond / SAMPLE_RATE_HZ);
+        depths.push_back(reading.depth * kSecond / kSampleRateHz);
         if (reading.latency >= 0) {
             latencies.push_back(reading.latency);
         }

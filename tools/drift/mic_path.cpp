@@ -10,13 +10,13 @@ namespace drift {
 namespace {
 
 constexpr int kPipeFrames = 1024;  // the least that a pipe holds: a page of stereo frames
-constexpr int kRingPeriods = SRC_RING_FRAMES / PERIOD_FRAMES;
-constexpr Ns kPeriod = int64_t{PERIOD_FRAMES} * kSecond / SAMPLE_RATE_HZ;
+constexpr int kRingPeriods = kSourceRingFrames / kPeriodFrames;
+constexpr Ns kPeriod = int64_t{kPeriodFrames} * kSecond / kSampleRateHz;
 constexpr Ns kUsbFrame = kMs;  // a sample moves with its USB frame, at that frame's end
 constexpr int64_t kMillion = 1000000;
 
 // What is written does not matter, only where it goes.
-constexpr int16_t kBlock[FIFO_BLOCK_FRAMES] = {};
+constexpr int16_t kBlock[kFifoBlockFrames] = {};
 
 }  // namespace
 
@@ -40,12 +40,12 @@ Reading MicPath::read() {
     const SSRS_Stats before = statistics();
     Reading reading{at,    depth(), buffer_.context()->qDepthLow, buffer_.context()->qDepthHigh, 0,
                     false, -1};
-    int16_t frame[PERIOD_FRAMES];
+    int16_t frame[kPeriodFrames];
     buffer_.read(frame);
     const SSRS_Stats after = statistics();
     reading.correction = static_cast<int>(after.stretchCnt - before.stretchCnt) -
                          static_cast<int>(after.compressCnt - before.compressCnt);
-    reading.starved = reading.depth < PERIOD_FRAMES - reading.correction;
+    reading.starved = reading.depth < kPeriodFrames - reading.correction;
     const int taken = reading.depth - depth();
     reading.latency = latencyOf(hostTime(reads_ + 1) + kUsbFrame, taken);
     consume(taken);
@@ -54,7 +54,7 @@ Reading MicPath::read() {
     counts_.underruns = after.underruns;
     if (reading.starved && counts_.written > 0) {
         counts_.emptyReads += reading.depth == 0 ? 1 : 0;
-        counts_.silent += PERIOD_FRAMES - reading.correction - reading.depth;
+        counts_.silent += kPeriodFrames - reading.correction - reading.depth;
     }
     ++reads_;
     return reading;
@@ -70,7 +70,7 @@ void MicPath::takeWrite(const AppWrite& write) {
         int page = std::min(left, kPipeFrames);
         left -= page;
         while (page > 0) {
-            const int fresh = std::min(page, FIFO_BLOCK_FRAMES);
+            const int fresh = std::min(page, kFifoBlockFrames);
             bufferPass(frame, fresh, write.at);
             frame += fresh;
             page -= fresh;
@@ -87,12 +87,12 @@ void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
     const bool fits = statistics().overruns == overruns;
     const bool enlarged = buffer_.context()->qBuffLen != storage;
     if (!enlarged) {
-        const int padding = depth() - before - (fits ? FIFO_BLOCK_FRAMES : 0);
+        const int padding = depth() - before - (fits ? kFifoBlockFrames : 0);
         follow(passes_ == 0 ? Source::kStart : Source::kSilence, 0, padding);
     }
     if (fits) {
         follow(Source::kApp, frame, fresh);
-        follow(Source::kStale, frame, FIFO_BLOCK_FRAMES - fresh);
+        follow(Source::kStale, frame, kFifoBlockFrames - fresh);
     } else {
         ++counts_.overruns;
         counts_.lost += fresh;
@@ -141,7 +141,7 @@ Ns MicPath::latencyOf(Ns playedAt, int64_t samples) const {
             break;
         }
         if (run.source == Source::kApp) {
-            return playedAt + before * kSecond / SAMPLE_RATE_HZ - dueOf(scenario_, run.frame);
+            return playedAt + before * kSecond / kSampleRateHz - dueOf(scenario_, run.frame);
         }
         before += run.count;
     }
