@@ -62,120 +62,121 @@ double fileKb(const std::string& path) {
 // One direction of one subject's run.
 class Stream {
   public:
-    Stream(board::Board* board, const board::Way& way, bool hasTrail) : board_(board), way_(way) {
+    Stream(board::Board* board, const board::Way& way, bool hasTrail) : board(board), way(way) {
         if (hasTrail) {
-            trail_ = std::make_unique<board::RampTrail>(board, way);
+            trail = std::make_unique<board::RampTrail>(board, way);
         } else if (isSpeaker()) {
-            player_ = std::make_unique<board::HostPlayer>(board::noise);
+            player = std::make_unique<board::HostPlayer>(board::noise);
         }
         board->host.command(std::string(way.name) + " on");
     }
 
     // When the subject's PCM first moved.
     Ns runningAt() const {
-        return isSpeaker() ? board_->host.frameTime("speaker", counter("speaker.start_frames"))
+        return isSpeaker() ? board->host.frameTime("speaker", counter("speaker.start_frames"))
                            : counter("mic.first_ns");
     }
     // How often the subject had to start its PCM so far.
-    int64_t starts() const { return counter(std::string(way_.pcm) + ".starts"); }
+    int64_t starts() const { return counter(std::string(way.pcm) + ".starts"); }
 
     void look() {
-        if (trail_) {
-            trail_->collect();
+        if (trail) {
+            trail->collect();
             return;
         }
         const board::Samples sound =
-            isSpeaker() ? board_->app->takeHeard().left : board_->host.takeRecording();
-        sounding_ += std::count_if(sound.begin(), sound.end(), [](int16_t s) { return s != 0; });
+            isSpeaker() ? board->app->takeHeard().left : board->host.takeRecording();
+        soundingFrames +=
+            std::count_if(sound.begin(), sound.end(), [](int16_t s) { return s != 0; });
     }
 
     // How many frames of sound have come through so far.
     int64_t sounding() {
-        if (!trail_) {
-            return sounding_;
+        if (!trail) {
+            return soundingFrames;
         }
         int64_t frames = 0;
-        for (const board::Passage& passage : trail_->passages()) {
+        for (const board::Passage& passage : trail->passages()) {
             frames += passage.frames;
         }
         return frames;
     }
     // And how many should in a second; where a mono stream is taken for a stereo one, half.
     int64_t expectedPerSecond() const {
-        return !trail_ && isSpeaker() ? board::kRate / 2 : board::kRate;
+        return !trail && isSpeaker() ? board::kRate / 2 : board::kRate;
     }
 
     Figure latencyMs(Ns from, Ns to) {
-        const board::Spread spread = trail_ ? trail_->latency(from, to) : board::Spread{};
+        const board::Spread spread = trail ? trail->latency(from, to) : board::Spread{};
         return spread.median > 0 ? Figure(static_cast<double>(spread.median) / kMs) : Figure();
     }
 
   private:
-    bool isSpeaker() const { return way_ == board::kSpeakerWay; }
-    int64_t counter(const std::string& key) const { return board_->host.counter(key); }
+    bool isSpeaker() const { return way == board::kSpeakerWay; }
+    int64_t counter(const std::string& key) const { return board->host.counter(key); }
 
-    board::Board* const board_;
-    const board::Way way_;
-    std::unique_ptr<board::RampTrail> trail_;
-    std::unique_ptr<board::HostPlayer> player_;
-    int64_t sounding_ = 0;
+    board::Board* const board;
+    const board::Way way;
+    std::unique_ptr<board::RampTrail> trail;
+    std::unique_ptr<board::HostPlayer> player;
+    int64_t soundingFrames = 0;
 };
 
 // One subject at work.
 class Session {
   public:
-    Session(const Subject& subject, const std::vector<board::Way>& ways) : board_("cost") {
+    Session(const Subject& subject, const std::vector<board::Way>& ways) : board("cost") {
         board::AppOptions options;
         options.equalChannels = true;  // some mix them
-        board_.micService = std::make_unique<board::MicService>();
-        board_.app = std::make_unique<board::App>(options);
-        board_.host.command(kHostClock);
+        board.micService = std::make_unique<board::MicService>();
+        board.app = std::make_unique<board::App>(options);
+        board.host.command(kHostClock);
         for (const board::Way& way : ways) {
-            streams_.push_back(std::make_unique<Stream>(&board_, way, subject.speaksToApp));
+            openStreams.push_back(std::make_unique<Stream>(&board, way, subject.speaksToApp));
         }
-        helpers_ = std::make_unique<Processes>("helpers", subject.helpers, true);
+        helpers = std::make_unique<Processes>("helpers", subject.helpers, true);
         // The daemon sees to its own scheduling.
-        measured_ =
+        measured =
             std::make_unique<Processes>(subject.name, subject.commands, subject.name != kDaemon);
     }
 
     void run(Ns time) {
         for (const Ns end = board::now() + time; board::now() < end;) {
             board::sleepFor(kLookEvery);
-            for (const auto& stream : streams_) {
+            for (const auto& stream : openStreams) {
                 stream->look();
             }
         }
-        if (!measured_->allRun() || !helpers_->allRun()) {
+        if (!measured->allRun() || !helpers->allRun()) {
             throw std::runtime_error("a program has ended");
         }
     }
 
     Usage usage() {
-        Usage usage = usageOf(measured_->pids());
-        for (const auto& stream : streams_) {
+        Usage usage = usageOf(measured->pids());
+        for (const auto& stream : openStreams) {
             usage.starts += stream->starts();
             usage.soundShare += static_cast<double>(stream->sounding()) /
                                 static_cast<double>(stream->expectedPerSecond()) /
-                                static_cast<double>(streams_.size());
+                                static_cast<double>(openStreams.size());
         }
-        usage.helpersCpu = usageOf(helpers_->pids()).cpu;
+        usage.helpersCpu = usageOf(helpers->pids()).cpu;
         return usage;
     }
     Ns startTime() const {
         Ns runningAt = 0;
-        for (const auto& stream : streams_) {
+        for (const auto& stream : openStreams) {
             runningAt = std::max(runningAt, stream->runningAt());
         }
-        return runningAt - measured_->startedAt();
+        return runningAt - measured->startedAt;
     }
-    const std::vector<std::unique_ptr<Stream>>& streams() const { return streams_; }
+    const std::vector<std::unique_ptr<Stream>>& streams() const { return openStreams; }
 
   private:
-    board::Board board_;
-    std::vector<std::unique_ptr<Stream>> streams_;
-    std::unique_ptr<Processes> helpers_;
-    std::unique_ptr<Processes> measured_;
+    board::Board board;
+    std::vector<std::unique_ptr<Stream>> openStreams;
+    std::unique_ptr<Processes> helpers;
+    std::unique_ptr<Processes> measured;
 };
 
 // What helpers say: more than they have time for.
@@ -189,38 +190,38 @@ void putVoice(Ns measured) {
 class Comparison {
   public:
     Comparison(const char* key, const char* title, std::vector<board::Way> ways, Ns measured)
-        : ways_(std::move(ways)),
-          measured_(measured),
-          table_(key, title,
-                 {{"instructions_per_s", "Mi/s", 3},
-                  {"to_uafd", "to uafd", 2},
-                  {"helpers_per_s", "app's side, Mi/s", 3},
-                  {"sound_percent", "sound, %", 1},
-                  {"latency_ms", "latency, ms", 2},
-                  {"start_ms", "start, ms", 1},
-                  {"private_kb", "private, kB", 0},
-                  {"program_kb", "program, kB", 1},
-                  {"threads", "threads", 0},
-                  {"sleeps_per_s", "wake-ups/s", 1},
-                  {"restarts", "restarts", 0}}) {}
+        : ways(std::move(ways)),
+          measured(measured),
+          table(key, title,
+                {{"instructions_per_s", "Mi/s", 3},
+                 {"to_uafd", "to uafd", 2},
+                 {"helpers_per_s", "app's side, Mi/s", 3},
+                 {"sound_percent", "sound, %", 1},
+                 {"latency_ms", "latency, ms", 2},
+                 {"start_ms", "start, ms", 1},
+                 {"private_kb", "private, kB", 0},
+                 {"program_kb", "program, kB", 1},
+                 {"threads", "threads", 0},
+                 {"sleeps_per_s", "wake-ups/s", 1},
+                 {"restarts", "restarts", 0}}) {}
 
     void measure(const Subject& subject);
-    void publish() const { table_.publish(); }
+    void publish() const { table.publish(); }
 
   private:
-    const std::vector<board::Way> ways_;
-    const Ns measured_;
-    Table table_;
-    double uafd_ = 0;  // its instructions, known first
+    const std::vector<board::Way> ways;
+    const Ns measured;
+    Table table;
+    double uafdPerSecond = 0;  // its instructions, known first
 };
 
 void Comparison::measure(const Subject& subject) {
-    Session session(subject, ways_);
+    Session session(subject, ways);
     session.run(kSettling);
     const Ns start = session.startTime();
     const Ns from = board::now();
     const Usage before = session.usage();
-    session.run(measured_);
+    session.run(measured);
     const Usage after = session.usage();
     const Ns to = board::now();
     const double seconds = static_cast<double>(to - from) / kSecond;
@@ -229,14 +230,14 @@ void Comparison::measure(const Subject& subject) {
         throw std::runtime_error(subject.name + " does not stream");
     }
     const double perSecond = static_cast<double>(after.cpu - before.cpu) / seconds / 1e6;
-    uafd_ = subject.name == kDaemon ? perSecond : uafd_;
-    table_.add(
+    uafdPerSecond = subject.name == kDaemon ? perSecond : uafdPerSecond;
+    table.add(
         subject.name,
-        {perSecond, perSecond / uafd_,
+        {perSecond, perSecond / uafdPerSecond,
          subject.helpers.empty()
              ? Figure()
              : Figure(static_cast<double>(after.helpersCpu - before.helpersCpu) / seconds / 1e6),
-         100 * sound, ways_.size() == 1 ? session.streams()[0]->latencyMs(from, to) : Figure(),
+         100 * sound, ways.size() == 1 ? session.streams()[0]->latencyMs(from, to) : Figure(),
          static_cast<double>(start) / kMs, static_cast<double>(after.privateKb),
          fileKb(subject.commands[0].words[0]), static_cast<double>(after.threads),
          static_cast<double>(after.sleeps - before.sleeps) / seconds,

@@ -36,17 +36,17 @@ struct Use {
 class Growth {
   public:
     Growth()
-        : table_("growth", "What it costs as it grows",
-                 {{"instructions_per_s", "Mi/s", 3},
-                  {"per_item", "ki each", 2},
-                  {"private_kb", "private, kB", 0}}) {}
+        : table("growth", "What it costs as it grows",
+                {{"instructions_per_s", "Mi/s", 3},
+                 {"per_item", "ki each", 2},
+                 {"private_kb", "private, kB", 0}}) {}
 
     void addMessages(int rate);
     void addEvents(int rate);
     void addPending();
     void addChunks(size_t bytes, Ns measured);
     void addUptime(Ns measured);
-    void publish() const { table_.publish(); }
+    void publish() const { table.publish(); }
 
   private:
     // Lets `act(i)` happen so often a second, then `isDone` come true, and adds what that took; of
@@ -54,7 +54,7 @@ class Growth {
     void measureItems(const board::Board& board, const std::string& name, int rate,
                       const std::function<void(int)>& act, const std::function<bool()>& isDone);
 
-    Table table_;
+    Table table;
 };
 
 Use useOf(const board::Board& board) {
@@ -89,8 +89,8 @@ void Growth::measureItems(const board::Board& board, const std::string& name, in
     const Ns time = board::now() - from;
     const double forItems = static_cast<double>(use.cpu - cpu) -
                             static_cast<double>(idleCpu) * static_cast<double>(time) / kBefore;
-    table_.add(name, {mega(use.cpu - cpu, time), forItems / items / 1000,
-                      static_cast<double>(use.privateKb)});
+    table.add(name, {mega(use.cpu - cpu, time), forItems / items / 1000,
+                     static_cast<double>(use.privateKb)});
 }
 
 void Growth::addMessages(int rate) {
@@ -140,9 +140,9 @@ void Growth::addPending() {
             board::sleepFor(10 * kMs);
         }
         const Use use = useOf(board);
-        table_.add("up to " + std::to_string(pending) + " messages pending",
-                   {Figure(), static_cast<double>(use.cpu - cpu) / kPendingStep / 1000,
-                    static_cast<double>(use.privateKb)});
+        table.add("up to " + std::to_string(pending) + " messages pending",
+                  {Figure(), static_cast<double>(use.cpu - cpu) / kPendingStep / 1000,
+                   static_cast<double>(use.privateKb)});
     }
 }
 
@@ -161,8 +161,8 @@ void Growth::addChunks(size_t bytes, Ns measured) {
         board.host.takeRecording();
     }
     const Use use = useOf(board);
-    table_.add("microphone, written " + std::to_string(bytes) + " bytes at a time",
-               {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
+    table.add("microphone, written " + std::to_string(bytes) + " bytes at a time",
+              {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
 }
 
 // Streaming in the first hour and in the twenty-fourth, and the quiet hours between.
@@ -184,8 +184,8 @@ void Growth::addUptime(Ns measured) {
             board.host.takeRecording();
         }
         const Use use = useOf(board);
-        table_.add(std::string("both directions, ") + hour,
-                   {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
+        table.add(std::string("both directions, ") + hour,
+                  {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
         const size_t mark = board.app->messages().size();
         board.host.command("speaker off");
         board.host.command("mic off");
@@ -203,8 +203,8 @@ void Growth::addUptime(Ns measured) {
         // Who uses the same libraries decides what is private.
         board.micService = std::make_unique<board::MicService>();
         board.app = std::make_unique<board::App>();
-        table_.add(std::string("idle, ") + hour,
-                   {perSecond, Figure(), static_cast<double>(useOf(board).privateKb)});
+        table.add(std::string("idle, ") + hour,
+                  {perSecond, Figure(), static_cast<double>(useOf(board).privateKb)});
     };
     stream("in the first hour");
     beQuiet("in the first hour", born + kHour);

@@ -48,7 +48,7 @@ void redirect(int descriptor, const std::string& path, int flags) {
 }  // namespace
 
 Processes::Processes(const std::string& name, const std::vector<Command>& commands, bool realtime)
-    : startedAt_(board::now()) {
+    : startedAt(board::now()) {
     std::string complaints = "/out/" + name + ".stderr";
     std::replace(complaints.begin() + 5, complaints.end(), ' ', '-');
     for (const Command& command : commands) {
@@ -56,19 +56,19 @@ Processes::Processes(const std::string& name, const std::vector<Command>& comman
         if (pid == 0) {
             become(command, complaints, realtime);
         }
-        pids_.push_back(pid);
+        processIds.push_back(pid);
     }
 }
 
 Processes::~Processes() {
-    for (const pid_t pid : pids_) {
+    for (const pid_t pid : processIds) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
 }
 
 bool Processes::allRun() const {
-    return std::all_of(pids_.begin(), pids_.end(), [](pid_t pid) {
+    return std::all_of(processIds.begin(), processIds.end(), [](pid_t pid) {
         siginfo_t ended{};
         return waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                ended.si_pid == 0;

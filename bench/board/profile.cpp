@@ -59,7 +59,8 @@ using Function = std::pair<std::string, std::string>;  // file and name
 // One thread's time, shared out.
 class ThreadProfile {
   public:
-    ThreadProfile(std::string name, pid_t tid) : name_(std::move(name)), tid_(tid) {}
+    ThreadProfile(std::string threadName, pid_t threadId)
+        : name(std::move(threadName)), tid(threadId) {}
 
     void add(const Symbols& symbols, const board::CallStack& stack) {
         Place place{"?", "?"};
@@ -76,19 +77,19 @@ class ThreadProfile {
                 place = {"kernel", "(no interrupts, then back to " + place.function + ")"};
             }
         }
-        Count& call = calls_[callOf(symbols, stack)];
+        Count& call = callCounts[callOf(symbols, stack)];
         ++(inKernel ? call.kernel : call.program);
-        ++functions_[{place.file, place.function}];
-        ++samples_;
+        ++functionSamples[{place.file, place.function}];
+        ++samples;
     }
 
-    const std::string& name() const { return name_; }
-    pid_t tid() const { return tid_; }
     // What a sample stands for, in instructions a second.
-    double weight() const { return perSecond / static_cast<double>(samples_); }
-    const std::map<std::string, Count>& calls() const { return calls_; }
-    const std::map<Function, int64_t>& functions() const { return functions_; }
+    double weight() const { return perSecond / static_cast<double>(samples); }
+    const std::map<std::string, Count>& calls() const { return callCounts; }
+    const std::map<Function, int64_t>& functions() const { return functionSamples; }
 
+    const std::string name;
+    const pid_t tid;
     double perSecond = 0;  // instructions, without the sampling
 
   private:
@@ -107,11 +108,9 @@ class ThreadProfile {
         return known == kKnownCalls.end() ? callee : known->second;
     }
 
-    const std::string name_;
-    const pid_t tid_;
-    int64_t samples_ = 0;
-    std::map<std::string, Count> calls_;
-    std::map<Function, int64_t> functions_;
+    int64_t samples = 0;
+    std::map<std::string, Count> callCounts;
+    std::map<Function, int64_t> functionSamples;
 };
 
 Ns cpuOfThread(pid_t pid, pid_t tid) {
@@ -141,9 +140,9 @@ void publishCalls(const std::vector<ThreadProfile>& threads) {
         const auto calls = sortedBy(thread.calls(), [](const Count& call) { return call.sum(); });
         for (const auto& [call, count] : calls) {
             if (kilo * static_cast<double>(count.sum()) >= 1) {
-                table.add(thread.name() + ": " + call, {kilo * static_cast<double>(count.program),
-                                                        kilo * static_cast<double>(count.kernel),
-                                                        kilo * static_cast<double>(count.sum())});
+                table.add(thread.name + ": " + call, {kilo * static_cast<double>(count.program),
+                                                      kilo * static_cast<double>(count.kernel),
+                                                      kilo * static_cast<double>(count.sum())});
             }
         }
     }
@@ -178,14 +177,14 @@ void measureProfile(const Options& options) {
         {"speaker", tids.sink}, {"microphone", tids.source}, {"microphone's FIFO", tids.buffer}};
     const double seconds = static_cast<double>(options.measured) / kSecond;
     for (ThreadProfile& thread : threads) {
-        thread.perSecond = -static_cast<double>(cpuOfThread(pid, thread.tid())) / seconds;
+        thread.perSecond = -static_cast<double>(cpuOfThread(pid, thread.tid)) / seconds;
     }
     streaming.run(options.measured, [] {});
     std::vector<board::PerfEvent> events;
     for (ThreadProfile& thread : threads) {
-        thread.perSecond += static_cast<double>(cpuOfThread(pid, thread.tid())) / seconds;
+        thread.perSecond += static_cast<double>(cpuOfThread(pid, thread.tid)) / seconds;
         events.push_back(
-            board::PerfEvent::cpuTime(nextPeriod(), board::PerfScope::thread(thread.tid())));
+            board::PerfEvent::cpuTime(nextPeriod(), board::PerfScope::thread(thread.tid)));
         events.back().record();
     }
     const Symbols symbols(pid);

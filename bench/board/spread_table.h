@@ -17,15 +17,15 @@ class SpreadTable {
   public:
     // In units of this many nanoseconds.
     SpreadTable(const char* key, const char* title, double unit, int decimals)
-        : unit_(unit),
-          table_(key, title,
-                 {{"count", "count", 0},
-                  {"p0", "smallest", decimals},
-                  {"p50", "50 %", decimals},
-                  {"p90", "90 %", decimals},
-                  {"p99", "99 %", decimals},
-                  {"p99_9", "99.9 %", decimals},
-                  {"max", "largest", decimals}}) {}
+        : unit(unit),
+          table(key, title,
+                {{"count", "count", 0},
+                 {"p0", "smallest", decimals},
+                 {"p50", "50 %", decimals},
+                 {"p90", "90 %", decimals},
+                 {"p99", "99 %", decimals},
+                 {"p99_9", "99.9 %", decimals},
+                 {"max", "largest", decimals}}) {}
 
     // Throws when there are none.
     void add(const std::string& name, std::vector<board::Ns> times) {
@@ -35,16 +35,16 @@ class SpreadTable {
         std::sort(times.begin(), times.end());
         std::vector<Figure> figures{static_cast<double>(times.size())};
         for (const double share : {0.0, 0.5, 0.9, 0.99, 0.999, 1.0}) {
-            figures.emplace_back(static_cast<double>(board::quantileOf(times, share)) / unit_);
+            figures.emplace_back(static_cast<double>(board::quantileOf(times, share)) / unit);
         }
-        table_.add(name, figures);
+        table.add(name, figures);
     }
 
-    void publish() const { table_.publish(); }
+    void publish() const { table.publish(); }
 
   private:
-    const double unit_;
-    Table table_;
+    const double unit;
+    Table table;
 };
 
 }  // namespace bench

@@ -34,13 +34,13 @@ class Processes {
     Processes(const Processes&) = delete;
     Processes& operator=(const Processes&) = delete;
 
-    const std::vector<pid_t>& pids() const { return pids_; }
+    const std::vector<pid_t>& pids() const { return processIds; }
     bool allRun() const;
-    board::Ns startedAt() const { return startedAt_; }
+
+    const board::Ns startedAt;
 
   private:
-    const board::Ns startedAt_;
-    std::vector<pid_t> pids_;
+    std::vector<pid_t> processIds;
 };
 
 // The daemon first, then what is as little as can be, then what users would take. Helpers that

@@ -21,7 +21,7 @@ const T* at(const std::string& file, uint64_t offset) {
 
 }  // namespace
 
-Symbols::Symbols(pid_t pid) : kernel_(readKernel()) {
+Symbols::Symbols(pid_t pid) : kernel(readKernel()) {
     std::istringstream maps(board::contents("/proc/" + std::to_string(pid) + "/maps"));
     std::map<std::string, uint64_t> bases;
     for (std::string line; std::getline(maps, line);) {
@@ -38,9 +38,9 @@ Symbols::Symbols(pid_t pid) : kernel_(readKernel()) {
         }
         // A file's first mapping is that of its beginning, which its symbols count from.
         const uint64_t base = bases.emplace(path, begin).first->second;
-        mappings_[begin] = {end, base, nameOf(path)};
-        if (path[0] == '/' && files_.count(nameOf(path)) == 0) {
-            File& file = files_[nameOf(path)];
+        mappings[begin] = {end, base, nameOf(path)};
+        if (path[0] == '/' && files.count(nameOf(path)) == 0) {
+            File& file = files[nameOf(path)];
             file.bytes = board::contents(path);
             file.functions = functionsIn(file.bytes);
         }
@@ -97,8 +97,8 @@ std::string Symbols::nameIn(const Functions& functions, uint64_t address) {
 }
 
 const Symbols::Mapping* Symbols::mappingOf(uint64_t address) const {
-    const auto after = mappings_.upper_bound(address);
-    const bool isMapped = after != mappings_.begin() && address < std::prev(after)->second.end;
+    const auto after = mappings.upper_bound(address);
+    const bool isMapped = after != mappings.begin() && address < std::prev(after)->second.end;
     return isMapped ? &std::prev(after)->second : nullptr;
 }
 
@@ -107,18 +107,18 @@ Place Symbols::inProgram(uint64_t address) const {
     if (mapping == nullptr) {
         return {"?", "?"};
     }
-    const auto file = files_.find(mapping->file);
+    const auto file = files.find(mapping->file);
     return {mapping->file,
-            file == files_.end() ? "?" : nameIn(file->second.functions, address - mapping->offset)};
+            file == files.end() ? "?" : nameIn(file->second.functions, address - mapping->offset)};
 }
 
 bool Symbols::followsSystemCall(uint64_t address) const {
     constexpr uint32_t supervisorCall = 0xd4000001;
     const Mapping* const mapping = mappingOf(address);
-    const auto file = mapping == nullptr ? files_.end() : files_.find(mapping->file);
+    const auto file = mapping == nullptr ? files.end() : files.find(mapping->file);
     uint32_t before = 0;
     // The text of a file is mapped where it is in the file.
-    if (file != files_.end() && address - mapping->offset <= file->second.bytes.size()) {
+    if (file != files.end() && address - mapping->offset <= file->second.bytes.size()) {
         memcpy(&before, file->second.bytes.data() + (address - mapping->offset) - sizeof before,
                sizeof before);
     }
@@ -126,7 +126,7 @@ bool Symbols::followsSystemCall(uint64_t address) const {
 }
 
 Place Symbols::inKernel(uint64_t address) const {
-    return {"kernel", nameIn(kernel_, address)};
+    return {"kernel", nameIn(kernel, address)};
 }
 
 }  // namespace bench

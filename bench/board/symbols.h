@@ -44,9 +44,9 @@ class Symbols {
     static Functions readKernel();
     static std::string nameIn(const Functions& functions, uint64_t address);
 
-    std::map<uint64_t, Mapping> mappings_;  // by their first address
-    std::map<std::string, File> files_;
-    Functions kernel_;
+    std::map<uint64_t, Mapping> mappings;  // by their first address
+    std::map<std::string, File> files;
+    Functions kernel;
 };
 
 }  // namespace bench

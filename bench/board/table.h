@@ -39,10 +39,10 @@ class Table {
     std::string json() const;
     std::string values() const;
 
-    const std::string key_;
-    const std::string title_;
-    const std::vector<Column> columns_;
-    std::vector<Row> rows_;
+    const std::string key;
+    const std::string title;
+    const std::vector<Column> columns;
+    std::vector<Row> rows;
 };
 
 }  // namespace bench

@@ -76,7 +76,7 @@ struct Row {
 
 class MainJob {
   public:
-    explicit MainJob(board::DaemonStarter starter) : board_(kLog, std::move(starter)) {}
+    explicit MainJob(board::DaemonStarter starter) : board(kLog, std::move(starter)) {}
     void run();
 
   private:
@@ -97,73 +97,73 @@ class MainJob {
     std::vector<Row> table() const;
     void requireCleanWays() const;
 
-    board::Board board_;
-    board::Timeline timeline_;
-    Samples hostSpeech_;
-    Samples appSpeech_;
-    Way speaker_;
-    Way mic_;
-    std::vector<board::ReceivedMessage> sent_;  // by the app
+    board::Board board;
+    board::Timeline timeline;
+    Samples hostSpeech;
+    Samples appSpeech;
+    Way speakerResult;
+    Way micResult;
+    std::vector<board::ReceivedMessage> sentMessages;  // by the app
 };
 
 void MainJob::comeUp() {
-    hostSpeech_ = board::readWav(std::string(kSounds) + "Front_Center.wav");
-    appSpeech_ = board::readWav(std::string(kSounds) + "Rear_Left.wav");
-    board::writeWav("/out/host_played.wav", hostSpeech_);
-    board::writeWav("/out/app_played.wav", appSpeech_);
-    timeline_.add(board::now(), "app", "opens its FIFOs and its socket");
+    hostSpeech = board::readWav(std::string(kSounds) + "Front_Center.wav");
+    appSpeech = board::readWav(std::string(kSounds) + "Rear_Left.wav");
+    board::writeWav("/out/host_played.wav", hostSpeech);
+    board::writeWav("/out/app_played.wav", appSpeech);
+    timeline.add(board::now(), "app", "opens its FIFOs and its socket");
     board::AppOptions quiet;
     quiet.speaks = false;
-    board_.start(true, quiet);
+    board.start(true, quiet);
     send({7, 0});
 }
 
 void MainJob::send(Message message) {
-    timeline_.add(board::now(), "app", "says: " + board::meaningOf(message));
-    require(board_.app->send(message) == 0, "the daemon does not take the app's messages");
-    sent_.push_back({board::now(), message});
+    timeline.add(board::now(), "app", "says: " + board::meaningOf(message));
+    require(board.app->send(message) == 0, "the daemon does not take the app's messages");
+    sentMessages.push_back({board::now(), message});
 }
 
 void MainJob::hostSpeaks() {
-    timeline_.add(board::now(), "host", "plays Front_Center.wav");
-    const auto frames = static_cast<int64_t>(hostSpeech_.size());
-    board_.app->takeHeard();
+    timeline.add(board::now(), "host", "plays Front_Center.wav");
+    const auto frames = static_cast<int64_t>(hostSpeech.size());
+    board.app->takeHeard();
     {
-        const HostPlayer player(board::speech(hostSpeech_, kLeadFrames));
+        const HostPlayer player(board::speech(hostSpeech, kLeadFrames));
         board::waitFor([&] { return player.queued() > kRate; });
-        board_.host.command("speaker on");
+        board.host.command("speaker on");
         board::sleepFor(durationOf(kLeadFrames + frames / 2));
         changeSettings();
         board::sleepFor(durationOf(frames / 2) + kTail);
-        board_.host.command("speaker off");
-        require(board_.hasThreads(board::kIdleThreads), "the speaker channel does not stop");
+        board.host.command("speaker off");
+        require(board.hasThreads(board::kIdleThreads), "the speaker channel does not stop");
     }
-    const board::Heard heard = board_.app->takeHeard();
+    const board::Heard heard = board.app->takeHeard();
     board::writeWav("/out/app_heard.wav", heard.left);
     require(heard.unequalFrames == 0, "the app's left and right channels differ");
-    require(board::findWhole(hostSpeech_, heard.left) >= 0,
+    require(board::findWhole(hostSpeech, heard.left) >= 0,
             "what the app recorded does not contain the speech that the host played");
     measureSpeaker(
-        heard, board_.host.counter("speaker.frames") - board_.host.counter("speaker.first_frames"));
-    board_.host.command("flush speaker");
+        heard, board.host.counter("speaker.frames") - board.host.counter("speaker.first_frames"));
+    board.host.command("flush speaker");
 }
 
 void MainJob::changeSettings() {
     const Ns since = board::now();
-    board_.host.command("volume speaker -1280");
-    board_.host.command("mute speaker 1");
-    board_.host.command("mute speaker 0");
-    board_.host.command("volume mic 512");
+    board.host.command("volume speaker -1280");
+    board.host.command("mute speaker 1");
+    board.host.command("mute speaker 0");
+    board.host.command("volume mic 512");
     send({3, static_cast<uint16_t>(-2560)});
     require(board::waitFor(
-                [&] { return board_.host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }),
+                [&] { return board.host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }),
             "the app's volume does not reach the driver");
     send({7, 0});
 }
 
 // Compares every frame that was heard with what was played.
 void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
-    const board::Voice played = board::speech(hostSpeech_, kLeadFrames);
+    const board::Voice played = board::speech(hostSpeech, kLeadFrames);
     const int64_t first = board::find(heard.left, 0, board::render(played, 0, kRate));
     require(first >= 0, "what the app heard first is not what the host played");
     int64_t exact = 0;
@@ -174,14 +174,14 @@ void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
     // After the host's stop come whole periods of silence, and an unfinished period is lost.
     constexpr int64_t period = 240;
     const int64_t wanted = (sent - first) / period * period;
-    speaker_.sent = sent;
-    speaker_.received = exact;
-    speaker_.heldBack = first;
-    speaker_.lostOrRepeated = std::abs(wanted - exact);
-    speaker_.xruns = board_.host.counter("capture.xruns");
-    speaker_.start = heard.blocks.front().at - board_.host.counter("speaker.on_ns");
+    speakerResult.sent = sent;
+    speakerResult.received = exact;
+    speakerResult.heldBack = first;
+    speakerResult.lostOrRepeated = std::abs(wanted - exact);
+    speakerResult.xruns = board.host.counter("capture.xruns");
+    speakerResult.start = heard.blocks.front().at - board.host.counter("speaker.on_ns");
     const Ns anchor =
-        board_.host.frameTime("speaker", board_.host.counter("speaker.first_frames") + first);
+        board.host.frameTime("speaker", board.host.counter("speaker.first_frames") + first);
     std::vector<Ns> latencies;
     for (const board::HeardBlock& block : heard.blocks) {
         const int64_t index = block.firstFrame - heard.blocks.front().firstFrame;
@@ -189,23 +189,23 @@ void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
             latencies.push_back(block.at - anchor - durationOf(index));
         }
     }
-    speaker_.latency = board::spreadOf(std::move(latencies));
+    speakerResult.latency = board::spreadOf(std::move(latencies));
 }
 
 void MainJob::appSpeaks() {
-    timeline_.add(board::now(), "app", "plays Rear_Left.wav");
-    const int64_t from = board_.app->nextFrame() + kSettleFrames;
-    MicStream mic(&board_, board::speech(appSpeech_, from));
+    timeline.add(board::now(), "app", "plays Rear_Left.wav");
+    const int64_t from = board.app->nextFrame() + kSettleFrames;
+    MicStream mic(&board, board::speech(appSpeech, from));
     mic.keepRecording();
-    board_.app->pauseSpeaking(false);
+    board.app->pauseSpeaking(false);
     const Ns end =
-        board::now() + durationOf(kSettleFrames + static_cast<int64_t>(appSpeech_.size()));
-    board_.host.command("mute mic 1");
-    board_.host.command("mute mic 0");
+        board::now() + durationOf(kSettleFrames + static_cast<int64_t>(appSpeech.size()));
+    board.host.command("mute mic 1");
+    board.host.command("mute mic 0");
     board::sleepUntil(end + kTail);
     mic.observe();
     board::writeWav("/out/host_heard.wav", mic.recorded());
-    require(board::findWhole(appSpeech_, mic.recorded()) >= 0,
+    require(board::findWhole(appSpeech, mic.recorded()) >= 0,
             "what the host recorded does not contain the speech that the app played");
     measureMic(mic);
     letClocksDrift(&mic);
@@ -216,11 +216,11 @@ void MainJob::appSpeaks() {
 // The app murmurs on.
 void MainJob::letClocksDrift(MicStream* mic) {
     for (const int ppm : kDriftPpm) {
-        board_.host.command("ppb " + std::to_string(ppm * 1000));
+        board.host.command("ppb " + std::to_string(ppm * 1000));
         board::sleepFor(kDriftTime);
         mic->observe();
     }
-    board_.host.command("ppb 0");
+    board.host.command("ppb 0");
     require(mic->trace().count(FrameKind::kUnexplained) == 0,
             "frames were lost or repeated from app to host while the clocks drifted");
     for (const board::MicLatency& latency : mic->latencies()) {
@@ -233,21 +233,21 @@ void MainJob::letClocksDrift(MicStream* mic) {
 // Every recorded frame is followed back to the samples that the app wrote.
 void MainJob::measureMic(const MicStream& mic) {
     const board::MicTrace& trace = mic.trace();
-    mic_.sent = mic.sentFrames();
-    mic_.received = static_cast<int64_t>(mic.recorded().size());
-    mic_.heldBack = trace.count(FrameKind::kSilent) * board::MicTrace::kFrame;
-    mic_.lostOrRepeated = trace.count(FrameKind::kUnexplained) * board::MicTrace::kFrame;
-    mic_.gained = trace.count(FrameKind::kStretched);
-    mic_.dropped = trace.count(FrameKind::kSqueezed);
-    mic_.xruns = board_.host.counter("playback.xruns");
-    mic_.start = mic.timeToSound();
+    micResult.sent = mic.sentFrames();
+    micResult.received = static_cast<int64_t>(mic.recorded().size());
+    micResult.heldBack = trace.count(FrameKind::kSilent) * board::MicTrace::kFrame;
+    micResult.lostOrRepeated = trace.count(FrameKind::kUnexplained) * board::MicTrace::kFrame;
+    micResult.gained = trace.count(FrameKind::kStretched);
+    micResult.dropped = trace.count(FrameKind::kSqueezed);
+    micResult.xruns = board.host.counter("playback.xruns");
+    micResult.start = mic.timeToSound();
     std::vector<Ns> latencies;
     for (const board::MicLatency& latency : mic.latencies()) {
         if (latency.recordedAt >= mic.settledAt()) {
             latencies.push_back(latency.latency);
         }
     }
-    mic_.latency = board::spreadOf(std::move(latencies));
+    micResult.latency = board::spreadOf(std::move(latencies));
 }
 
 // Latency and depth, frame by frame.
@@ -258,7 +258,7 @@ void MainJob::putLatencies(const MicStream& mic) const {
         gained += frame.gain;
         char line[80];
         snprintf(line, sizeof line, "%.3f,%.3f,%.3f,%lld\n",
-                 static_cast<double>(frame.at - timeline_.start()) / kSecond,
+                 static_cast<double>(frame.at - timeline.start) / kSecond,
                  static_cast<double>(frame.latency) / kMs,
                  static_cast<double>(frame.waiting) * 1000 / kRate, static_cast<long long>(gained));
         csv += line;
@@ -272,32 +272,32 @@ void MainJob::putMessages() const {
         for (const auto& [at, message] : messages) {
             char head[64];
             snprintf(head, sizeof head, "%.3f,%s,%u,0x%08X,",
-                     static_cast<double>(at - timeline_.start()) / kSecond, from, message.type,
+                     static_cast<double>(at - timeline.start) / kSecond, from, message.type,
                      message.data);
             csv += head + ('"' + board::meaningOf(message)) + "\"\n";
         }
     };
-    add("daemon", board_.app->messages());
-    add("app", sent_);
+    add("daemon", board.app->messages());
+    add("app", sentMessages);
     board::put("/out/messages.csv", csv);
 }
 
 void MainJob::pullAndPlug() {
-    timeline_.add(board::now(), "user", "pulls the cable");
-    board_.host.command("unplug");
+    timeline.add(board::now(), "user", "pulls the cable");
+    board.host.command("unplug");
     board::sleepFor(kSecond);
-    timeline_.add(board::now(), "user", "plugs the cable in");
-    board_.host.command("plug");
+    timeline.add(board::now(), "user", "plugs the cable in");
+    board.host.command("plug");
     board::sleepFor(kSecond / 2);
 }
 
 void MainJob::speakOnceMore() {
-    const std::string damage = board_.findDamage();
+    const std::string damage = board.findDamage();
     require(damage.empty(), "after the cable was plugged in again: " + damage);
 }
 
 void MainJob::checkMessages() {
-    const std::vector<Message> told = board_.app->messageValues();
+    const std::vector<Message> told = board.app->messageValues();
     const Message wanted[] = {{0, 1}, {1, 1}, {3, 0xFB00}, {5, 1}, {5, 0}, {4, 512}, {1, 0},
                               {2, 1}, {6, 1}, {6, 0},      {2, 0}, {0, 0}, {0, 1}};
     auto at = told.begin();
@@ -310,10 +310,10 @@ void MainJob::checkMessages() {
 }
 
 void MainJob::report() {
-    timeline_.addAllOf(&board_);
-    const std::string timeline = timeline_.text();
-    board::put("/out/timeline.txt", timeline);
-    fputs(timeline.c_str(), stdout);
+    timeline.addAllOf(&board);
+    const std::string lines = timeline.text();
+    board::put("/out/timeline.txt", lines);
+    fputs(lines.c_str(), stdout);
     putMessages();
     const std::vector<Row> rows = table();
     printf("\n%-40s %14s %14s\n", "", "host to app", "app to host");
@@ -337,32 +337,33 @@ std::vector<Row> MainJob::table() const {
     const auto time = [](const char* key, const char* title, Ns a, Ns b) {
         return Row{key, title, static_cast<double>(a) / kMs, static_cast<double>(b) / kMs, 2};
     };
-    const board::Spread& a = speaker_.latency;
-    const board::Spread& b = mic_.latency;
+    const board::Spread& a = speakerResult.latency;
+    const board::Spread& b = micResult.latency;
     return {
-        count("frames_sent", "frames sent", speaker_.sent, mic_.sent),
-        count("frames_received", "frames received", speaker_.received, mic_.received),
-        count("frames_held_back", "  before the sound, at the start", speaker_.heldBack,
-              mic_.heldBack),
-        count("frames_lost_or_repeated", "frames lost or repeated", speaker_.lostOrRepeated,
-              mic_.lostOrRepeated),
-        count("samples_gained", "samples gained by latency control", speaker_.gained, mic_.gained),
-        count("samples_dropped", "samples dropped by latency control", speaker_.dropped,
-              mic_.dropped),
-        count("xruns", "xruns", speaker_.xruns, mic_.xruns),
-        time("start_ms", "start to first sound, ms", speaker_.start, mic_.start),
+        count("frames_sent", "frames sent", speakerResult.sent, micResult.sent),
+        count("frames_received", "frames received", speakerResult.received, micResult.received),
+        count("frames_held_back", "  before the sound, at the start", speakerResult.heldBack,
+              micResult.heldBack),
+        count("frames_lost_or_repeated", "frames lost or repeated", speakerResult.lostOrRepeated,
+              micResult.lostOrRepeated),
+        count("samples_gained", "samples gained by latency control", speakerResult.gained,
+              micResult.gained),
+        count("samples_dropped", "samples dropped by latency control", speakerResult.dropped,
+              micResult.dropped),
+        count("xruns", "xruns", speakerResult.xruns, micResult.xruns),
+        time("start_ms", "start to first sound, ms", speakerResult.start, micResult.start),
         time("latency_min_ms", "latency, smallest, ms", a.smallest, b.smallest),
         time("latency_median_ms", "latency, median, ms", a.median, b.median),
         time("latency_max_ms", "latency, largest, ms", a.largest, b.largest),
         count("messages", "messages to the app, from the app",
-              static_cast<int64_t>(board_.app->messages().size()),
-              static_cast<int64_t>(sent_.size())),
+              static_cast<int64_t>(board.app->messages().size()),
+              static_cast<int64_t>(sentMessages.size())),
     };
 }
 
 void MainJob::requireCleanWays() const {
-    for (const Way* way : {&speaker_, &mic_}) {
-        const char* name = way == &speaker_ ? "from host to app" : "from app to host";
+    for (const Way* way : {&speakerResult, &micResult}) {
+        const char* name = way == &speakerResult ? "from host to app" : "from app to host";
         require(way->lostOrRepeated == 0,
                 std::to_string(way->lostOrRepeated) + " frames were lost or repeated " + name);
         require(way->xruns == 0, std::to_string(way->xruns) + " xruns " + name);

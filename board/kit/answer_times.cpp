@@ -41,51 +41,51 @@ AnswerTimes::Waits waitsFor(std::vector<Ns> ends, const std::vector<Ns>& answers
 }  // namespace
 
 AnswerTimes::AnswerTimes(const StreamingThreads& threads, Ns longest)
-    : toFifo_(recorded("syscalls/sys_exit_write", threads.sink, kWholePeriod)),
-      ioctlEnds_(recorded("syscalls/sys_exit_ioctl", threads.source, "")),
-      toPcm_(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)) {
+    : toFifo(recorded("syscalls/sys_exit_write", threads.sink, kWholePeriod)),
+      ioctlEnds(recorded("syscalls/sys_exit_ioctl", threads.source, "")),
+      toPcm(recorded("syscalls/sys_enter_ioctl", threads.source, kWriteFrames)) {
     const TraceId end = traceKernel("period_end", "usb_board:gadget_pcm_period dir=+0($arg1):u32");
     const auto periods = static_cast<size_t>(longest / kPeriod * 11 / 10);
-    for (std::vector<Ns>* times : {&toFifoAt_, &toPcmAt_, &speakerAt_, &micAt_}) {
+    for (std::vector<Ns>* times : {&toFifoAt, &toPcmAt, &speakerAt, &micAt}) {
         times->reserve(periods);
     }
-    ioctlEndAt_.reserve(kIoctlsInPeriod * periods);
+    ioctlEndAt.reserve(kIoctlsInPeriod * periods);
     for (int cpu = 0; cpu < processors(); ++cpu) {
-        periodEnds_.push_back(PerfEvent::traced(end, PerfScope::processor(cpu)));
-        periodEnds_.back().record();
+        periodEnds.push_back(PerfEvent::traced(end, PerfScope::processor(cpu)));
+        periodEnds.back().record();
     }
 }
 
 void AnswerTimes::look() {
-    append(&toFifoAt_, timesOf(toFifo_.take()));
-    append(&toPcmAt_, timesOf(toPcm_.take()));
-    append(&ioctlEndAt_, timesOf(ioctlEnds_.take()));
-    for (PerfEvent& event : periodEnds_) {
+    append(&toFifoAt, timesOf(toFifo.take()));
+    append(&toPcmAt, timesOf(toPcm.take()));
+    append(&ioctlEndAt, timesOf(ioctlEnds.take()));
+    for (PerfEvent& event : periodEnds) {
         for (const PerfSample& sample : event.take()) {
-            (sample.fields[1] == kSpeaker ? speakerAt_ : micAt_).push_back(sample.at);
+            (sample.fields[1] == kSpeaker ? speakerAt : micAt).push_back(sample.at);
         }
     }
 }
 
 AnswerTimes::Waits AnswerTimes::speaker() const {
-    return waitsFor(speakerAt_, toFifoAt_);
+    return waitsFor(speakerAt, toFifoAt);
 }
 
 AnswerTimes::Waits AnswerTimes::mic() const {
     std::vector<Ns> written;
-    for (const Ns begin : toPcmAt_) {
-        const auto end = std::upper_bound(ioctlEndAt_.begin(), ioctlEndAt_.end(), begin);
-        if (end != ioctlEndAt_.end()) {
+    for (const Ns begin : toPcmAt) {
+        const auto end = std::upper_bound(ioctlEndAt.begin(), ioctlEndAt.end(), begin);
+        if (end != ioctlEndAt.end()) {
             written.push_back(*end);
         }
     }
-    return waitsFor(micAt_, written);
+    return waitsFor(micAt, written);
 }
 
 int64_t AnswerTimes::endedTogether() const {
-    return std::count_if(speakerAt_.begin(), speakerAt_.end(), [this](Ns at) {
-        const auto near = std::lower_bound(micAt_.begin(), micAt_.end(), at - kMs / 2);
-        return near != micAt_.end() && *near < at + kMs / 2;
+    return std::count_if(speakerAt.begin(), speakerAt.end(), [this](Ns at) {
+        const auto near = std::lower_bound(micAt.begin(), micAt.end(), at - kMs / 2);
+        return near != micAt.end() && *near < at + kMs / 2;
     });
 }
 

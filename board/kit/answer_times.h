@@ -31,20 +31,20 @@ class AnswerTimes {
     Waits speaker() const;
     Waits mic() const;
     // When each period was in the FIFO.
-    const std::vector<Ns>& inFifoAt() const { return toFifoAt_; }
+    const std::vector<Ns>& inFifoAt() const { return toFifoAt; }
     // How many of the speaker's periods ended when one of the microphone's did.
     int64_t endedTogether() const;
 
   private:
-    PerfEvent toFifo_;
-    PerfEvent ioctlEnds_;  // from before the first write, which would else get the next one's end
-    PerfEvent toPcm_;
-    std::vector<PerfEvent> periodEnds_;  // on each processor
-    std::vector<Ns> toFifoAt_;
-    std::vector<Ns> toPcmAt_;
-    std::vector<Ns> ioctlEndAt_;
-    std::vector<Ns> speakerAt_;
-    std::vector<Ns> micAt_;
+    PerfEvent toFifo;
+    PerfEvent ioctlEnds;  // from before the first write, which would else get the next one's end
+    PerfEvent toPcm;
+    std::vector<PerfEvent> periodEnds;  // on each processor
+    std::vector<Ns> toFifoAt;
+    std::vector<Ns> toPcmAt;
+    std::vector<Ns> ioctlEndAt;
+    std::vector<Ns> speakerAt;
+    std::vector<Ns> micAt;
 };
 
 }  // namespace board

@@ -61,10 +61,10 @@ Ns delayOf(int64_t chunk, const AppOptions& options) {
 }  // namespace
 
 MessageSocket::MessageSocket()
-    : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    : descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
     const sockaddr_un address = addressOf(kSocketRx);
     unlink(kSocketRx);
-    if (!fd_.isOpen() || bind(fd_.get(), generic(address), sizeof address) != 0) {
+    if (!descriptor.isOpen() || bind(descriptor.get(), generic(address), sizeof address) != 0) {
         fail(std::string("binding ") + kSocketRx);
     }
 }
@@ -72,25 +72,26 @@ MessageSocket::MessageSocket()
 std::vector<Message> MessageSocket::take() {
     std::vector<Message> messages;
     Message message{};
-    while (recv(fd_.get(), &message, sizeof message, 0) == sizeof message) {
+    while (recv(descriptor.get(), &message, sizeof message, 0) == sizeof message) {
         messages.push_back(message);
     }
     return messages;
 }
 
-MessageSender::MessageSender() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    if (!fd_.isOpen()) {
+MessageSender::MessageSender() : descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    if (!descriptor.isOpen()) {
         fail("making a socket");
     }
 }
 
 int MessageSender::send(const void* bytes, size_t count) const {
     const sockaddr_un address = addressOf(kSocketTx);
-    return sendto(fd_.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno : 0;
+    return sendto(descriptor.get(), bytes, count, 0, generic(address), sizeof address) < 0 ? errno
+                                                                                           : 0;
 }
 
 Ns Heard::timeOf(int64_t index) const {
-    const int64_t frame = firstFrame_ + index;
+    const int64_t frame = firstFrame + index;
     const auto after = std::upper_bound(
         blocks.begin(), blocks.end(), frame,
         [](int64_t wanted, const HeardBlock& block) { return wanted < block.firstFrame; });
@@ -103,60 +104,58 @@ void App::makeFifos() {
 }
 
 App::App(AppOptions options)
-    : options_(options),
-      speakingPaused_(!options.speaks),
-      slowdownPercent_(options.slowdownPercent) {
+    : options(options), speakingPaused(!options.speaks), slowdownPercent(options.slowdownPercent) {
     signal(SIGPIPE, SIG_IGN);
     makeFifos();
     // Open for both, so that the stream's end shows as silence and not as an end of file.
-    rx_ = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
+    rx = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
     if (options.socket) {
-        socket_.emplace();
+        messageSocket.emplace();
     }
-    listener_ = std::thread([this] { listen(); });
-    talker_ = std::thread([this] { talk(); });
-    makeRealtime(&listener_);
-    makeRealtime(&talker_);
+    listener = std::thread([this] { listen(); });
+    talker = std::thread([this] { talk(); });
+    makeRealtime(&listener);
+    makeRealtime(&talker);
 }
 
 App::~App() {
-    stop_ = true;
-    listener_.join();
-    talker_.join();
+    stop = true;
+    listener.join();
+    talker.join();
 }
 
 void App::speak(Voice voice) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    voice_ = std::move(voice);
+    const std::lock_guard<std::mutex> lock(mutex);
+    currentVoice = std::move(voice);
 }
 
 Heard App::takeHeard() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    Heard taken = std::exchange(heard_, Heard{});
-    heard_.firstFrame_ = taken.firstFrame_ + static_cast<int64_t>(taken.left.size());
+    const std::lock_guard<std::mutex> lock(mutex);
+    Heard taken = std::exchange(heard, Heard{});
+    heard.firstFrame = taken.firstFrame + static_cast<int64_t>(taken.left.size());
     return taken;
 }
 
 std::vector<SentBlock> App::sentBlocks() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return sent_;
+    const std::lock_guard<std::mutex> lock(mutex);
+    return sent;
 }
 
 std::vector<SentBlock> App::takeSentBlocks() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(sent_, {});
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(sent, {});
 }
 
 std::vector<ReceivedMessage> App::messages() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return messages_;
+    const std::lock_guard<std::mutex> lock(mutex);
+    return received;
 }
 
 std::vector<Message> App::messageValues(size_t from) const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(mutex);
     std::vector<Message> values;
-    for (size_t i = from; i < messages_.size(); ++i) {
-        values.push_back(messages_[i].message);
+    for (size_t i = from; i < received.size(); ++i) {
+        values.push_back(received[i].message);
     }
     return values;
 }
@@ -166,9 +165,9 @@ bool App::waitForMessages(size_t count, Ns limit) const {
 }
 
 void App::listen() {
-    while (!stop_) {
-        pollfd sources[] = {{listeningPaused_ ? -1 : rx_.get(), POLLIN, 0},
-                            {socket_ ? socket_->fd() : -1, POLLIN, 0}};
+    while (!stop) {
+        pollfd sources[] = {{listeningPaused ? -1 : rx.get(), POLLIN, 0},
+                            {messageSocket ? messageSocket->fd() : -1, POLLIN, 0}};
         poll(sources, 2, kPollMs);
         if ((sources[0].revents & POLLIN) != 0) {
             readSound();
@@ -181,79 +180,79 @@ void App::listen() {
 
 void App::readSound() {
     int16_t frames[4096][2];
-    const Ns pause = listeningPause_;
-    const ssize_t got = read(rx_.get(), frames, pause > 0 ? kPeriodBytes : sizeof frames);
+    const Ns pause = listeningPause;
+    const ssize_t got = read(rx.get(), frames, pause > 0 ? kPeriodBytes : sizeof frames);
     const Ns at = now();
     sleepUntil(at + pause);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(mutex);
     if (got == 0) {
-        listeningPaused_ = true;  // no FIFO, so that reading it would not wait
+        listeningPaused = true;  // no FIFO, so that reading it would not wait
     }
     if (got >= kFrameBytes) {
-        heard_.blocks.push_back({at, heardFrames_});
+        heard.blocks.push_back({at, framesHeard});
     }
     const ssize_t count = std::max<ssize_t>(got, 0) / kFrameBytes;
     for (ssize_t i = 0; i < count; ++i) {
-        heard_.left.push_back(frames[i][0]);
-        heard_.unequalFrames += frames[i][0] != frames[i][1] ? 1 : 0;
+        heard.left.push_back(frames[i][0]);
+        heard.unequalFrames += frames[i][0] != frames[i][1] ? 1 : 0;
     }
-    heardFrames_ += count;
+    framesHeard += count;
 }
 
 void App::readMessages() {
-    for (const Message& message : socket_->take()) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        messages_.push_back({now(), message});
+    for (const Message& message : messageSocket->take()) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        received.push_back({now(), message});
     }
 }
 
 void App::talk() {
-    const auto chunkBytes = static_cast<int64_t>(options_.chunkBytes);
-    startAt_ = now();
+    const auto chunkBytes = static_cast<int64_t>(options.chunkBytes);
+    startAt = now();
     Ns behind = 0;
-    for (int64_t chunk = 0; !stop_; ++chunk) {
+    for (int64_t chunk = 0; !stop; ++chunk) {
         const int64_t byte = chunk * chunkBytes;
-        const Ns due = startAt_ + behind + byte / kBytesPerSecond * kSecond +
+        const Ns due = startAt + behind + byte / kBytesPerSecond * kSecond +
                        byte % kBytesPerSecond * kSecond / kBytesPerSecond;
-        behind += chunkBytes * kSecond / kBytesPerSecond * slowdownPercent_ / 100;
-        sleepUntil(due + delayOf(chunk, options_) + stall_.exchange(0));
+        behind += chunkBytes * kSecond / kBytesPerSecond * slowdownPercent / 100;
+        sleepUntil(due + delayOf(chunk, options) + stall.exchange(0));
         openTx();
-        if (!speakingPaused_) {
+        if (!speakingPaused) {
             writeChunk(byte);
         }
-        nextFrame_ = (byte + chunkBytes) / kFrameBytes;
+        frameToSpeak = (byte + chunkBytes) / kFrameBytes;
     }
 }
 
 // Fails until the daemon waits for the app.
 void App::openTx() {
-    if (!tx_.isOpen()) {
-        tx_ = Fd(open(kFifoTx, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!tx.isOpen()) {
+        tx = Fd(open(kFifoTx, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     }
 }
 
 void App::writeChunk(int64_t firstByte) {
     const int64_t firstFrame = firstByte / kFrameBytes;
     const auto skippedBytes = static_cast<size_t>(firstByte % kFrameBytes);
-    const size_t frames = (skippedBytes + options_.chunkBytes + kFrameBytes - 1) / kFrameBytes;
+    const size_t frames = (skippedBytes + options.chunkBytes + kFrameBytes - 1) / kFrameBytes;
     std::vector<int16_t> stereo(2 * frames);
     Voice voice;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        voice = voice_;
+        const std::lock_guard<std::mutex> lock(mutex);
+        voice = currentVoice;
     }
     for (size_t i = 0; i < frames; ++i) {
         const int16_t left = voice(firstFrame + static_cast<int64_t>(i));
         stereo[2 * i] = left;
-        stereo[2 * i + 1] = options_.equalChannels ? left : static_cast<int16_t>(~left);
+        stereo[2 * i + 1] = options.equalChannels ? left : static_cast<int16_t>(~left);
     }
     const auto* bytes = reinterpret_cast<const std::byte*>(stereo.data()) + skippedBytes;
-    const ssize_t written = write(tx_.get(), bytes, options_.chunkBytes);
-    if (written == static_cast<ssize_t>(options_.chunkBytes)) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        sent_.push_back({now(), firstFrame});
+    const ssize_t written = write(tx.get(), bytes, options.chunkBytes);
+    if (written == static_cast<ssize_t>(options.chunkBytes)) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        sent.push_back({now(), firstFrame});
     } else {
-        ++lostBlocks_;
+        ++blocksLost;
     }
 }
 

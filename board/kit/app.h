@@ -43,10 +43,10 @@ class MessageSocket {
     MessageSocket();
     // What came since the last call, oldest first.
     std::vector<Message> take();
-    int fd() const { return fd_.get(); }
+    int fd() const { return descriptor.get(); }
 
   private:
-    Fd fd_;
+    Fd descriptor;
 };
 
 // Sends to kSocketTx. Any thread.
@@ -58,7 +58,7 @@ class MessageSender {
     int send(Message message) const { return send(&message, sizeof message); }
 
   private:
-    Fd fd_;
+    Fd descriptor;
 };
 
 // What was read in one go.
@@ -76,7 +76,7 @@ struct Heard {
 
   private:
     friend class App;
-    int64_t firstFrame_ = 0;
+    int64_t firstFrame = 0;
 };
 
 // One block that the daemon's pipe took whole; block k of the voice holds its frames from
@@ -110,29 +110,29 @@ class App {
     // be equal, the right one carries the inverted sample, so that mixing or swapping shows.
     void speak(Voice voice);
     // The voice's frame that is spoken next.
-    int64_t nextFrame() const { return nextFrame_; }
+    int64_t nextFrame() const { return frameToSpeak; }
     // When the app's clock has the frame: it is written then, or late.
-    Ns timeOfFrame(int64_t frame) const { return startAt_ + frame * kSecond / kRate; }
+    Ns timeOfFrame(int64_t frame) const { return startAt + frame * kSecond / kRate; }
     // The next block comes so much late, and those that are due meanwhile right behind it.
-    void stallSpeaking(Ns time) { stall_ = time; }
+    void stallSpeaking(Ns time) { stall = time; }
     // Nothing is written any more, or it is again.
-    void pauseSpeaking(bool pause) { speakingPaused_ = pause; }
+    void pauseSpeaking(bool pause) { speakingPaused = pause; }
     // Takes `percent` longer from one write to the next; 0 is on time again.
-    void speakSlower(int percent) { slowdownPercent_ = percent; }
+    void speakSlower(int percent) { slowdownPercent = percent; }
     // Nothing is read any more, or it is again.
-    void pauseListening(bool pause) { listeningPaused_ = pause; }
+    void pauseListening(bool pause) { listeningPaused = pause; }
     // Reads one period of the daemon's (240 frames) at a time, and then nothing for `pause`; 0 is
     // at once again.
-    void listenSlowly(Ns pause) { listeningPause_ = pause; }
+    void listenSlowly(Ns pause) { listeningPause = pause; }
 
     // What came since the last call.
     Heard takeHeard();
-    int64_t heardFrames() const { return heardFrames_; }
+    int64_t heardFrames() const { return framesHeard; }
 
     std::vector<SentBlock> sentBlocks() const;
     // Those since the last call, which are forgotten.
     std::vector<SentBlock> takeSentBlocks();
-    int64_t lostBlocks() const { return lostBlocks_; }
+    int64_t lostBlocks() const { return blocksLost; }
 
     std::vector<ReceivedMessage> messages() const;
     // The messages' values from the `from`th on.
@@ -153,27 +153,27 @@ class App {
     void openTx();
     void writeChunk(int64_t firstByte);
 
-    const AppOptions options_;
-    Fd rx_;
-    Fd tx_;
-    std::optional<MessageSocket> socket_;
-    mutable std::mutex mutex_;  // guards what follows up to the atomics
-    Heard heard_;
-    Voice voice_ = silence;
-    std::vector<SentBlock> sent_;
-    std::vector<ReceivedMessage> messages_;
-    std::atomic<int64_t> heardFrames_{0};
-    std::atomic<int64_t> nextFrame_{0};
-    std::atomic<int64_t> lostBlocks_{0};
-    std::atomic<Ns> startAt_{0};  // of frame 0, by the talker
-    std::atomic<Ns> stall_{0};
-    std::atomic<bool> speakingPaused_{false};
-    std::atomic<bool> listeningPaused_{false};
-    std::atomic<int> slowdownPercent_{0};
-    std::atomic<Ns> listeningPause_{0};
-    std::atomic<bool> stop_{false};
-    std::thread listener_;
-    std::thread talker_;
+    const AppOptions options;
+    Fd rx;
+    Fd tx;
+    std::optional<MessageSocket> messageSocket;
+    mutable std::mutex mutex;  // guards what follows up to the atomics
+    Heard heard;
+    Voice currentVoice = silence;
+    std::vector<SentBlock> sent;
+    std::vector<ReceivedMessage> received;
+    std::atomic<int64_t> framesHeard{0};
+    std::atomic<int64_t> frameToSpeak{0};
+    std::atomic<int64_t> blocksLost{0};
+    std::atomic<Ns> startAt{0};  // of frame 0, by the talker
+    std::atomic<Ns> stall{0};
+    std::atomic<bool> speakingPaused{false};
+    std::atomic<bool> listeningPaused{false};
+    std::atomic<int> slowdownPercent{0};
+    std::atomic<Ns> listeningPause{0};
+    std::atomic<bool> stop{false};
+    std::thread listener;
+    std::thread talker;
 };
 
 }  // namespace board

@@ -26,10 +26,10 @@ struct AppProcess::Progress {
 };
 
 AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& prepare)
-    : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress(options.speaks)),
-      pid_(fork()) {
-    if (pid_ == 0) {
+    : progress(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
+                         MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress(options.speaks)),
+      pid(fork()) {
+    if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         live(options, prepare);
     }
@@ -37,53 +37,53 @@ AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& p
 
 AppProcess::~AppProcess() {
     kill();
-    munmap(progress_, sizeof(Progress));
+    munmap(progress, sizeof(Progress));
 }
 
 void AppProcess::kill() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
+    if (pid > 0) {
+        ::kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
     }
 }
 
 void AppProcess::freeze() {
-    if (!frozen_) {
-        ::kill(pid_, SIGSTOP);
-        waitpid(pid_, nullptr, WUNTRACED);
-        frozen_ = true;
+    if (!frozen) {
+        ::kill(pid, SIGSTOP);
+        waitpid(pid, nullptr, WUNTRACED);
+        frozen = true;
     }
 }
 
 void AppProcess::thaw() {
-    ::kill(pid_, SIGCONT);
-    frozen_ = false;
+    ::kill(pid, SIGCONT);
+    frozen = false;
 }
 
 void AppProcess::pauseSpeaking(bool pause) {
-    progress_->speakingPaused = pause;
+    progress->speakingPaused = pause;
 }
 
 void AppProcess::pauseListening(bool pause) {
-    progress_->listeningPaused = pause;
+    progress->listeningPaused = pause;
 }
 
 int64_t AppProcess::heardSound() const {
-    return progress_->heardSound;
+    return progress->heardSound;
 }
 
 int64_t AppProcess::heardJumps() const {
-    return progress_->heardJumps;
+    return progress->heardJumps;
 }
 
 int64_t AppProcess::messages() const {
-    return static_cast<int64_t>(progress_->messages);
+    return static_cast<int64_t>(progress->messages);
 }
 
 std::vector<Message> AppProcess::messageValues(size_t from) const {
-    const size_t count = progress_->messages;
-    return {progress_->values + std::min(from, count), progress_->values + count};
+    const size_t count = progress->messages;
+    return {progress->values + std::min(from, count), progress->values + count};
 }
 
 void AppProcess::live(AppOptions options, const std::function<void()>& prepare) noexcept {
@@ -94,20 +94,20 @@ void AppProcess::live(AppOptions options, const std::function<void()>& prepare) 
     app.speak(noise);
     int16_t last = 0;
     for (;;) {
-        app.pauseSpeaking(progress_->speakingPaused);
-        app.pauseListening(progress_->listeningPaused);
+        app.pauseSpeaking(progress->speakingPaused);
+        app.pauseListening(progress->listeningPaused);
         sleepFor(5 * kMs);
         const Samples heard = app.takeHeard().left;
-        progress_->heardSound +=
+        progress->heardSound +=
             std::count_if(heard.begin(), heard.end(), [](int16_t sample) { return sample != 0; });
         for (const int16_t sample : heard) {
-            progress_->heardJumps += sample == ramp(last + 1) ? 0 : 1;
+            progress->heardJumps += sample == ramp(last + 1) ? 0 : 1;
             last = sample;
         }
-        for (const Message& message : app.messageValues(progress_->messages)) {
-            if (progress_->messages < std::size(progress_->values)) {
-                progress_->values[progress_->messages] = message;
-                ++progress_->messages;
+        for (const Message& message : app.messageValues(progress->messages)) {
+            if (progress->messages < std::size(progress->values)) {
+                progress->values[progress->messages] = message;
+                ++progress->messages;
             }
         }
     }

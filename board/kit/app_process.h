@@ -41,9 +41,9 @@ class AppProcess {
     struct Progress;
     [[noreturn]] void live(AppOptions options, const std::function<void()>& prepare) noexcept;
 
-    Progress* const progress_;  // shared with the process
-    pid_t pid_ = -1;
-    bool frozen_ = false;
+    Progress* const progress;  // shared with the process
+    pid_t pid = -1;
+    bool frozen = false;
 };
 
 }  // namespace board

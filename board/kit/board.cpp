@@ -39,8 +39,8 @@ std::string names(const std::vector<std::string>& list) {
 
 }  // namespace
 
-MicService::MicService() : pid_(fork()) {
-    if (pid_ == 0) {
+MicService::MicService() : pid(fork()) {
+    if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         execl("/bin/mic_capture", "mic_capture", nullptr);
         _exit(127);
@@ -56,8 +56,8 @@ MicService::MicService() : pid_(fork()) {
 }
 
 MicService::~MicService() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
 }
 
 Board::Board(const std::string& name, DaemonStarter starter) : daemon(name, std::move(starter)) {
@@ -83,8 +83,8 @@ void Board::startDaemon(const std::function<void()>& prepare) {
         !(missingThreads > 0 || daemon.waitForLog("enter loop", mark)) || !settle()) {
         throw std::runtime_error("the daemon did not come up");
     }
-    descriptors_ = lastingDescriptors();
-    memory_ = memoryOf(daemon.pid());
+    descriptorsAtStart = lastingDescriptors();
+    memoryAtStart = memoryOf(daemon.pid());
 }
 
 // The driver's event of an opening comes before the process has the descriptor.
@@ -134,8 +134,9 @@ std::string Board::findIdleDamage() {
     if (!hasThreads(idleThreads())) {
         return std::to_string(threadCount(daemon.pid())) + " threads when idle";
     }
-    if (lastingDescriptors() != descriptors_) {
-        return "descriptors were" + names(descriptors_) + ", are" + names(lastingDescriptors());
+    if (lastingDescriptors() != descriptorsAtStart) {
+        return "descriptors were" + names(descriptorsAtStart) + ", are" +
+               names(lastingDescriptors());
     }
     return findBusyThread(kIdleCpuPerSecond);
 }
@@ -198,10 +199,10 @@ std::string Board::findBusyThread(Ns allowed) {
 
 std::string Board::findLostMemory() const {
     const MemoryView memory = memoryOf(daemon.pid());
-    if (memory.anonymousKb <= memory_.anonymousKb + kFirstUseKb) {
+    if (memory.anonymousKb <= memoryAtStart.anonymousKb + kFirstUseKb) {
         return "";
     }
-    return "memory was " + std::to_string(memory_.anonymousKb) + " kB after the start, is " +
+    return "memory was " + std::to_string(memoryAtStart.anonymousKb) + " kB after the start, is " +
            std::to_string(memory.anonymousKb) + " kB";
 }
 

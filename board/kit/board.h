@@ -27,7 +27,7 @@ class MicService {
     MicService& operator=(const MicService&) = delete;
 
   private:
-    pid_t pid_;
+    pid_t pid;
 };
 
 // Threads of the daemon.
@@ -73,8 +73,8 @@ class Board {
     std::string findLostMemory() const;
     std::vector<std::string> lastingDescriptors() const;
 
-    std::vector<std::string> descriptors_;  // after the start
-    MemoryView memory_{};                   // after the start
+    std::vector<std::string> descriptorsAtStart;  // after the start
+    MemoryView memoryAtStart{};                   // after the start
 };
 
 }  // namespace board

@@ -29,10 +29,10 @@ void ChannelWatch::see(Message message, bool mayRepeat) {
     if (message.type != kSpeaker && message.type != kMic) {
         return;
     }
-    std::optional<bool>& known = on_[message.type - 1];
+    std::optional<bool>& known = told[message.type - 1];
     const bool on = message.data != 0;
-    if (known == on && !mayRepeat && repetition_.empty()) {
-        repetition_ = "told again: " + meaningOf(message);
+    if (known == on && !mayRepeat && firstRepetition.empty()) {
+        firstRepetition = "told again: " + meaningOf(message);
     }
     known = on;
 }

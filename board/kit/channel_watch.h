@@ -17,18 +17,18 @@ class ChannelWatch {
     // {0, 1} with {1, on} and {2, on} right behind it.
     void see(const std::vector<Message>& messages);
     // Messages may have been lost: what comes next is not measured by what came before.
-    void forget() { on_[0] = on_[1] = std::nullopt; }
+    void forget() { told[0] = told[1] = std::nullopt; }
 
     // Told last of channel 1 or 2; a channel begins off.
-    bool isOn(uint32_t channel) const { return on_[channel - 1].value_or(false); }
+    bool isOn(uint32_t channel) const { return told[channel - 1].value_or(false); }
     // The first message that told what was known already, or nothing.
-    const std::string& repetition() const { return repetition_; }
+    const std::string& repetition() const { return firstRepetition; }
 
   private:
     void see(Message message, bool mayRepeat);
 
-    std::optional<bool> on_[2] = {false, false};
-    std::string repetition_;
+    std::optional<bool> told[2] = {false, false};
+    std::string firstRepetition;
 };
 
 }  // namespace board

@@ -95,11 +95,11 @@ std::string LogLine::brief() const {
 }
 
 Daemon::Daemon(const std::string& name, DaemonStarter starter)
-    : logPath_("/out/" + name + ".log"),
-      stdoutPath_("/out/" + name + ".stdout"),
-      starter_(std::move(starter)) {
-    put(logPath_, "");
-    put(stdoutPath_, "");
+    : logPath("/out/" + name + ".log"),
+      stdoutPath("/out/" + name + ".stdout"),
+      starter(std::move(starter)) {
+    put(logPath, "");
+    put(stdoutPath, "");
 }
 
 Daemon::~Daemon() {
@@ -107,14 +107,14 @@ Daemon::~Daemon() {
 }
 
 void Daemon::start(const std::function<void()>& prepare) {
-    if (starter_) {
-        pid_ = starter_(logPath_);
+    if (starter) {
+        processId = starter(logPath);
         return;
     }
-    const Fd log = Fd::open(logPath_, O_WRONLY | O_APPEND);
-    const Fd out = Fd::open(stdoutPath_, O_WRONLY | O_APPEND);
-    pid_ = fork();
-    if (pid_ == 0) {
+    const Fd log = Fd::open(logPath, O_WRONLY | O_APPEND);
+    const Fd out = Fd::open(stdoutPath, O_WRONLY | O_APPEND);
+    processId = fork();
+    if (processId == 0) {
         signal(SIGPIPE, SIG_DFL);
         dup2(out.get(), STDOUT_FILENO);
         dup2(log.get(), STDERR_FILENO);
@@ -127,54 +127,55 @@ void Daemon::start(const std::function<void()>& prepare) {
 }
 
 void Daemon::stop() {
-    if (pid_ > 0 && !starter_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+    if (processId > 0 && !starter) {
+        kill(processId, SIGKILL);
+        waitpid(processId, nullptr, 0);
     }
-    pid_ = -1;
+    processId = -1;
 }
 
 void Daemon::freeze() {
-    kill(pid_, SIGSTOP);
-    waitpid(pid_, nullptr, WUNTRACED);
+    kill(processId, SIGSTOP);
+    waitpid(processId, nullptr, WUNTRACED);
 }
 
 void Daemon::thaw() {
-    kill(pid_, SIGCONT);
+    kill(processId, SIGCONT);
 }
 
 bool Daemon::isRunning() {
-    return pid_ > 0 && (starter_ ? kill(pid_, 0) : waitpid(pid_, nullptr, WNOHANG)) == 0;
+    return processId > 0 &&
+           (starter ? kill(processId, 0) : waitpid(processId, nullptr, WNOHANG)) == 0;
 }
 
 int Daemon::waitForExit(Ns limit) {
     int status = 0;
-    if (!waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, limit)) {
+    if (!waitFor([&] { return waitpid(processId, &status, WNOHANG) == processId; }, limit)) {
         return -1;
     }
-    pid_ = -1;
+    processId = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 const std::vector<LogLine>& Daemon::log() {
-    std::ifstream file(logPath_);
-    file.seekg(logRead_);
+    std::ifstream file(logPath);
+    file.seekg(logRead);
     for (std::string line; std::getline(file, line) && !file.eof();) {
-        logRead_ += static_cast<std::streamoff>(line.size()) + 1;
+        logRead += static_cast<std::streamoff>(line.size()) + 1;
         LogLine parsed{};
         if (!parse(line, &parsed)) {
             parsed.text = line;
         }
-        lines_.push_back(std::move(parsed));
+        lines.push_back(std::move(parsed));
     }
-    return lines_;
+    return lines;
 }
 
 int Daemon::count(const std::string& text, size_t mark) {
     log();
     int found = 0;
-    for (size_t i = mark; i < lines_.size(); ++i) {
-        found += matches(lines_[i].text, text) ? 1 : 0;
+    for (size_t i = mark; i < lines.size(); ++i) {
+        found += matches(lines[i].text, text) ? 1 : 0;
     }
     return found;
 }

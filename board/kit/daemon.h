@@ -31,7 +31,6 @@ using DaemonStarter = std::function<pid_t(const std::string& logPath)>;
 
 class Daemon {
   public:
-    // Its log is /out/NAME.log, its standard output /out/NAME.stdout.
     explicit Daemon(const std::string& name, DaemonStarter starter = {});
     // Ends it when it still runs.
     ~Daemon();
@@ -49,9 +48,10 @@ class Daemon {
     bool isRunning();
     // When it has ended by itself: its exit status.
     int waitForExit(Ns limit = 5 * kSecond);
-    pid_t pid() const { return pid_; }
-    const std::string& logPath() const { return logPath_; }
-    const std::string& stdoutPath() const { return stdoutPath_; }
+    pid_t pid() const { return processId; }
+
+    const std::string logPath;     // /out/NAME.log
+    const std::string stdoutPath;  // /out/NAME.stdout
 
     // The log so far, of all starts, and its length, to be used as a mark.
     const std::vector<LogLine>& log();
@@ -64,12 +64,10 @@ class Daemon {
                     Ns limit = 5 * kSecond);
 
   private:
-    const std::string logPath_;
-    const std::string stdoutPath_;
-    const DaemonStarter starter_;
-    pid_t pid_ = -1;
-    std::streamoff logRead_ = 0;
-    std::vector<LogLine> lines_;
+    const DaemonStarter starter;
+    pid_t processId = -1;
+    std::streamoff logRead = 0;
+    std::vector<LogLine> lines;
 };
 
 // Whether a log text is what is wanted; in `wanted` '#' stands for any number, '*' for anything.

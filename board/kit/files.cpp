@@ -35,8 +35,8 @@ bool exists(const std::string& path) {
 }
 
 Fd::~Fd() {
-    if (fd_ >= 0) {
-        close(fd_);
+    if (descriptor >= 0) {
+        close(descriptor);
     }
 }
 

@@ -22,21 +22,21 @@ bool exists(const std::string& path);
 class Fd {
   public:
     Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    explicit Fd(int fd) : descriptor(fd) {}
+    Fd(Fd&& other) noexcept : descriptor(std::exchange(other.descriptor, -1)) {}
     Fd& operator=(Fd&& other) noexcept {
-        std::swap(fd_, other.fd_);
+        std::swap(descriptor, other.descriptor);
         return *this;
     }
     ~Fd();
     // Throws when the file does not open.
     static Fd open(const std::string& path, int flags, mode_t mode = 0644);
 
-    int get() const { return fd_; }
-    bool isOpen() const { return fd_ >= 0; }
+    int get() const { return descriptor; }
+    bool isOpen() const { return descriptor >= 0; }
 
   private:
-    int fd_ = -1;
+    int descriptor = -1;
 };
 
 }  // namespace board

@@ -55,15 +55,15 @@ void keepKernelBusy(size_t pages) {
 
 Hogs::Hogs() {
     for (int processor = 0; processor < processors(); ++processor) {
-        pids_.push_back(fork());
-        if (pids_.back() == 0) {
+        pids.push_back(fork());
+        if (pids.back() == 0) {
             hog(processor);
         }
     }
 }
 
 Hogs::~Hogs() {
-    for (const pid_t pid : pids_) {
+    for (const pid_t pid : pids) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
@@ -71,7 +71,7 @@ Hogs::~Hogs() {
 
 Ns Hogs::cpu() const {
     Ns sum = 0;
-    for (const pid_t pid : pids_) {
+    for (const pid_t pid : pids) {
         sum += cpuOf(pid);
     }
     return sum;

@@ -23,7 +23,7 @@ class Hogs {
     Ns cpu() const;
 
   private:
-    std::vector<pid_t> pids_;
+    std::vector<pid_t> pids;
 };
 
 // Processors that the board has.

@@ -15,12 +15,12 @@ constexpr double kPpbUnit = 1e9;
 }  // namespace
 
 Host::Host()
-    : control_(Fd::open("/dev/usb_host", O_WRONLY)),
-      log_(Fd::open("/dev/usb_host_log", O_RDONLY | O_NONBLOCK)),
-      mic_(Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK)) {}
+    : control(Fd::open("/dev/usb_host", O_WRONLY)),
+      log(Fd::open("/dev/usb_host_log", O_RDONLY | O_NONBLOCK)),
+      mic(Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK)) {}
 
 int Host::tryCommand(const std::string& text) {
-    const ssize_t written = write(control_.get(), text.data(), text.size());
+    const ssize_t written = write(control.get(), text.data(), text.size());
     return written < 0 ? errno : 0;
 }
 
@@ -69,18 +69,18 @@ int64_t Host::counter(const std::string& key) const {
 
 const std::vector<HostEvent>& Host::events() {
     char buffer[4096];
-    for (ssize_t got = 0; (got = read(log_.get(), buffer, sizeof buffer)) > 0;) {
-        partialLine_.append(buffer, static_cast<size_t>(got));
+    for (ssize_t got = 0; (got = read(log.get(), buffer, sizeof buffer)) > 0;) {
+        partialLine.append(buffer, static_cast<size_t>(got));
         size_t begin = 0;
-        for (size_t end = 0; (end = partialLine_.find('\n', begin)) != std::string::npos;
+        for (size_t end = 0; (end = partialLine.find('\n', begin)) != std::string::npos;
              begin = end + 1) {
-            const size_t space = partialLine_.find(' ', begin);
-            events_.push_back({std::stoll(partialLine_.substr(begin, space - begin)),
-                               partialLine_.substr(space + 1, end - space - 1)});
+            const size_t space = partialLine.find(' ', begin);
+            seenEvents.push_back({std::stoll(partialLine.substr(begin, space - begin)),
+                                  partialLine.substr(space + 1, end - space - 1)});
         }
-        partialLine_.erase(0, begin);
+        partialLine.erase(0, begin);
     }
-    return events_;
+    return seenEvents;
 }
 
 std::vector<HostEvent> Host::eventsSince(Ns since) {
@@ -113,7 +113,7 @@ Ns Host::frameTime(const std::string& direction, int64_t frame) const {
 Samples Host::takeRecording() {
     Samples recording;
     int16_t buffer[4800];
-    for (ssize_t got = 0; (got = read(mic_.get(), buffer, sizeof buffer)) > 0;) {
+    for (ssize_t got = 0; (got = read(mic.get(), buffer, sizeof buffer)) > 0;) {
         recording.insert(recording.end(), buffer,
                          buffer + static_cast<size_t>(got) / sizeof(int16_t));
     }

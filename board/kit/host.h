@@ -50,11 +50,11 @@ class Host {
     Samples takeRecording();
 
   private:
-    Fd control_;
-    Fd log_;
-    Fd mic_;
-    std::string partialLine_;
-    std::vector<HostEvent> events_;
+    Fd control;
+    Fd log;
+    Fd mic;
+    std::string partialLine;
+    std::vector<HostEvent> seenEvents;
 };
 
 }  // namespace board

@@ -18,20 +18,20 @@ constexpr Ns kPause = 250 * kMs;  // well below what the device's queue holds
 }  // namespace
 
 HostPlayer::HostPlayer(Voice voice, int64_t frames)
-    : voice_(std::move(voice)), frames_(frames), thread_([this] { run(); }) {}
+    : voice(std::move(voice)), frameLimit(frames), thread([this] { run(); }) {}
 
 HostPlayer::~HostPlayer() {
-    stop_ = true;
-    thread_.join();
+    stop = true;
+    thread.join();
 }
 
 void HostPlayer::run() {
     const Fd device = Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
     Samples block;  // the last one rendered, and how much of it is queued
     size_t done = 0;
-    while (!stop_ && queued_ < frames_) {
+    while (!stop && queuedFrames < frameLimit) {
         if (done == block.size()) {
-            block = render(voice_, queued_, std::min(kBlockFrames, frames_ - queued_));
+            block = render(voice, queuedFrames, std::min(kBlockFrames, frameLimit - queuedFrames));
             done = 0;
         }
         const ssize_t written =
@@ -39,7 +39,7 @@ void HostPlayer::run() {
         if (written > 0) {
             const size_t frames = static_cast<size_t>(written) / sizeof(int16_t);
             done += frames;
-            queued_ += static_cast<int64_t>(frames);
+            queuedFrames += static_cast<int64_t>(frames);
         } else {
             sleepFor(kPause);
         }

@@ -21,16 +21,16 @@ class HostPlayer {
     HostPlayer& operator=(const HostPlayer&) = delete;
 
     // Frames handed to the device so far.
-    int64_t queued() const { return queued_; }
+    int64_t queued() const { return queuedFrames; }
 
   private:
     void run();
 
-    const Voice voice_;
-    const int64_t frames_;
-    std::atomic<int64_t> queued_{0};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    const Voice voice;
+    const int64_t frameLimit;
+    std::atomic<int64_t> queuedFrames{0};
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 }  // namespace board

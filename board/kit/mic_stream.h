@@ -23,22 +23,22 @@ struct MicLatency {
 class MicStream {
   public:
     // Switches the stream on; the app's voice must not change from the first block sent on.
-    MicStream(Board* board, Voice voice);
+    MicStream(Board* board, Voice sentVoice);
 
     // Keeps what is recorded from the daemon's first sample on.
-    void keepRecording() { keeps_ = true; }
-    const Samples& recorded() const { return recorded_; }
+    void keepRecording() { keepsRecording = true; }
+    const Samples& recorded() const { return recording; }
     // Looks at what was recorded since the last call; at least once in 40 s, and before the host's
     // clock changes its offset.
     void observe();
     void off();
 
-    const MicTrace& trace() const { return trace_; }
-    const std::vector<MicFrame>& frames() const { return frames_; }
+    const MicTrace& trace() const { return micTrace; }
+    const std::vector<MicFrame>& frames() const { return micFrames; }
     // What the app has written into its FIFO.
     int64_t sentFrames() const;
     // Of every frame that carries the app's sound.
-    const std::vector<MicLatency>& latencies() const { return latencies_; }
+    const std::vector<MicLatency>& latencies() const { return frameLatencies; }
     // Recorded samples up to the last frame before which something had to be explained.
     int64_t settledAt() const;
     // Start of the stream to the first sample of the app's in the recording.
@@ -55,18 +55,18 @@ class MicStream {
     int16_t sent(int64_t index) const;
     void addLatency(const MicFrame& frame, const Anchor& anchor);
 
-    Board* const board_;
-    const Voice voice_;
-    MicTrace trace_;
-    std::vector<MicFrame> frames_;
-    std::vector<MicLatency> latencies_;
-    std::vector<SentBlock> blocks_;  // what the daemon was sent since the start
-    size_t blocksBefore_ = 0;
-    Ns onAt_ = 0;
-    bool begun_ = false;
-    bool keeps_ = false;
-    Samples recorded_;
-    Ns beginsAt_ = 0;  // when the daemon's first sample was recorded
+    Board* const board;
+    const Voice voice;
+    MicTrace micTrace;
+    std::vector<MicFrame> micFrames;
+    std::vector<MicLatency> frameLatencies;
+    std::vector<SentBlock> blocks;  // what the daemon was sent since the start
+    size_t blocksBefore = 0;
+    Ns onAt = 0;
+    bool begun = false;
+    bool keepsRecording = false;
+    Samples recording;
+    Ns beginsAt = 0;  // when the daemon's first sample was recorded
 };
 
 }  // namespace board

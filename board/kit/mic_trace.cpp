@@ -44,44 +44,44 @@ bool isSilent(const int16_t* frame) {
 
 }  // namespace
 
-MicTrace::MicTrace(Voice sent) : sent_(std::move(sent)) {}
+MicTrace::MicTrace(Voice sent) : sent(std::move(sent)) {}
 
 std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
-    pending_.insert(pending_.end(), recorded.begin(), recorded.end());
+    pending.insert(pending.end(), recorded.begin(), recorded.end());
     std::vector<MicFrame> frames;
     size_t at = 0;
-    for (; at + kFrame <= pending_.size(); at += kFrame) {
-        const int64_t sentAt = sentAt_;
-        const FrameKind kind = explain(pending_.data() + at);
-        ++counts_[static_cast<size_t>(kind)];
-        frames.push_back({recordedAt_, sentAt + skipped_, lead_, kind, skipped_});
-        recordedAt_ += kFrame;
+    for (; at + kFrame <= pending.size(); at += kFrame) {
+        const int64_t sentAt = nextSent;
+        const FrameKind kind = explain(pending.data() + at);
+        ++counts[static_cast<size_t>(kind)];
+        frames.push_back({recordedAt, sentAt + skipped, lead, kind, skipped});
+        recordedAt += kFrame;
     }
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
+    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(at));
     return frames;
 }
 
 FrameKind MicTrace::explain(const int16_t* frame) {
-    lead_ = 0;
-    skipped_ = 0;
+    lead = 0;
+    skipped = 0;
     FrameKind kind = FrameKind::kUnexplained;
-    if (!priming_ && follow(frame, 0, &kind)) {
+    if (!priming && follow(frame, 0, &kind)) {
         return kind;
     }
     if (isSilent(frame)) {
-        priming_ = true;
+        priming = true;
         return FrameKind::kSilent;
     }
-    if (priming_) {
+    if (priming) {
         for (int64_t zeros = 0; zeros <= kFrame; ++zeros) {
             if (follow(frame, zeros, &kind)) {
-                priming_ = false;
+                priming = false;
                 return kind;
             }
         }
     }
     if (isStarved(frame)) {
-        priming_ = true;
+        priming = true;
         return FrameKind::kStarved;
     }
     findAgain(frame, &kind);
@@ -90,14 +90,14 @@ FrameKind MicTrace::explain(const int16_t* frame) {
 
 bool MicTrace::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) {
     // Most candidates differ in the first sample that is not padding.
-    if (zeros < kFrame && frame[0] != (zeros > 0 ? 0 : sent_(sentAt_))) {
+    if (zeros < kFrame && frame[0] != (zeros > 0 ? 0 : sent(nextSent))) {
         return false;
     }
     for (const Shape& shape : kShapes) {
         const Samples wanted = expected(zeros, shape.consumed, shape.consumed);
         if (std::equal(wanted.begin(), wanted.end(), frame)) {
-            sentAt_ += std::max<int64_t>(0, shape.consumed - zeros);
-            lead_ = zeros;
+            nextSent += std::max<int64_t>(0, shape.consumed - zeros);
+            lead = zeros;
             *kind = shape.kind;
             return true;
         }
@@ -110,7 +110,7 @@ bool MicTrace::isStarved(const int16_t* frame) {
     for (int available = 1; available < kStretchedInput; ++available) {
         const Samples wanted = expected(0, kStretchedInput, available);
         if (std::equal(wanted.begin(), wanted.end(), frame)) {
-            sentAt_ += available;
+            nextSent += available;
             return true;
         }
     }
@@ -119,23 +119,23 @@ bool MicTrace::isStarved(const int16_t* frame) {
 
 // Samples were lost: looks for the place further on that this frame follows.
 bool MicTrace::findAgain(const int16_t* frame, FrameKind* kind) {
-    const int64_t before = sentAt_;
+    const int64_t before = nextSent;
     for (int64_t lost = 1; lost <= kLossMax; ++lost) {
-        sentAt_ = before + lost;
+        nextSent = before + lost;
         if (follow(frame, 0, kind)) {
-            skipped_ = lost;
-            priming_ = false;
+            skipped = lost;
+            priming = false;
             return true;
         }
     }
-    sentAt_ = before;
+    nextSent = before;
     return false;
 }
 
 Samples MicTrace::expected(int64_t zeros, int consumed, int available) const {
     Samples in(static_cast<size_t>(consumed));
     for (int64_t i = std::min<int64_t>(zeros, consumed); i < available; ++i) {
-        in[static_cast<size_t>(i)] = sent_(sentAt_ + i - zeros);
+        in[static_cast<size_t>(i)] = sent(nextSent + i - zeros);
     }
     return consumed == kFrame ? in : resample(in);
 }

@@ -33,10 +33,10 @@ class MicTrace {
     // More of the recording, which begins with a playback frame. Returns the frames completed.
     std::vector<MicFrame> add(const Samples& recorded);
 
-    int64_t frames() const { return recordedAt_ / kFrame; }
+    int64_t frames() const { return recordedAt / kFrame; }
     // Samples of what was sent that are behind the last frame.
-    int64_t consumed() const { return sentAt_; }
-    int64_t count(FrameKind kind) const { return counts_[static_cast<size_t>(kind)]; }
+    int64_t consumed() const { return nextSent; }
+    int64_t count(FrameKind kind) const { return counts[static_cast<size_t>(kind)]; }
     static constexpr int kFrame = 240;
 
   private:
@@ -44,17 +44,17 @@ class MicTrace {
     bool follow(const int16_t* frame, int64_t zeros, FrameKind* kind);
     bool isStarved(const int16_t* frame);
     bool findAgain(const int16_t* frame, FrameKind* kind);
-    // What the daemon makes of `consumed` samples from sentAt_ on, after `zeros` zeros.
+    // What the daemon makes of `consumed` samples from nextSent on, after `zeros` zeros.
     Samples expected(int64_t zeros, int consumed, int available) const;
 
-    const Voice sent_;
-    Samples pending_;
-    int64_t recordedAt_ = 0;
-    int64_t sentAt_ = 0;
-    int64_t lead_ = 0;     // of the frame explained last
-    int64_t skipped_ = 0;  // before the frame explained last
-    bool priming_ = true;  // silence may precede what comes next
-    int64_t counts_[6] = {};
+    const Voice sent;
+    Samples pending;
+    int64_t recordedAt = 0;
+    int64_t nextSent = 0;
+    int64_t lead = 0;     // of the frame explained last
+    int64_t skipped = 0;  // before the frame explained last
+    bool priming = true;  // silence may precede what comes next
+    int64_t counts[6] = {};
 };
 
 }  // namespace board

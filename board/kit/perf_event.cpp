@@ -129,7 +129,7 @@ PerfEvent PerfEvent::libraryCalls(const char* function, PerfScope scope) {
 
 PerfEvent PerfEvent::traced(TraceId id, PerfScope scope, const std::string& filter) {
     PerfEvent event(attributes(PERF_TYPE_TRACEPOINT, id), scope);
-    if (!filter.empty() && ioctl(event.fd_.get(), PERF_EVENT_IOC_SET_FILTER, filter.c_str()) != 0) {
+    if (!filter.empty() && ioctl(event.fd.get(), PERF_EVENT_IOC_SET_FILTER, filter.c_str()) != 0) {
         fail("filter " + filter);
     }
     return event;
@@ -143,35 +143,34 @@ PerfEvent PerfEvent::cpuTime(Ns period, PerfScope scope) {
 }
 
 PerfEvent::PerfEvent(const perf_event_attr& attr, PerfScope scope)
-    : fd_(static_cast<int>(
+    : fd(static_cast<int>(
           syscall(SYS_perf_event_open, &attr, scope.tid, scope.cpu, -1, PERF_FLAG_FD_CLOEXEC))) {
-    if (!fd_.isOpen()) {
+    if (!fd.isOpen()) {
         fail("perf_event_open");
     }
 }
 
 PerfEvent::PerfEvent(PerfEvent&& other) noexcept
-    : fd_(std::move(other.fd_)), ring_(std::exchange(other.ring_, nullptr)) {}
+    : fd(std::move(other.fd)), ring(std::exchange(other.ring, nullptr)) {}
 
 PerfEvent::~PerfEvent() {
-    if (ring_ != nullptr) {
-        munmap(ring_, kPageBytes + kRingBytes);
+    if (ring != nullptr) {
+        munmap(ring, kPageBytes + kRingBytes);
     }
 }
 
 int64_t PerfEvent::count() const {
     int64_t count = 0;
-    if (read(fd_.get(), &count, sizeof count) != sizeof count) {
+    if (read(fd.get(), &count, sizeof count) != sizeof count) {
         fail("reading a performance counter");
     }
     return count;
 }
 
 void PerfEvent::record() {
-    ring_ =
-        mmap(nullptr, kPageBytes + kRingBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), 0);
-    if (ring_ == MAP_FAILED) {
-        ring_ = nullptr;
+    ring = mmap(nullptr, kPageBytes + kRingBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (ring == MAP_FAILED) {
+        ring = nullptr;
         fail("mapping a performance event's ring");
     }
 }
@@ -179,8 +178,8 @@ void PerfEvent::record() {
 template <typename See>
 void PerfEvent::eachSample(See&& see) {
     std::vector<char> record;
-    const uint64_t head = __atomic_load_n(&header(ring_)->data_head, __ATOMIC_ACQUIRE);
-    uint64_t tail = header(ring_)->data_tail;
+    const uint64_t head = __atomic_load_n(&header(ring)->data_head, __ATOMIC_ACQUIRE);
+    uint64_t tail = header(ring)->data_tail;
     while (tail != head) {
         perf_event_header start{};
         copyOut(tail, &start, sizeof start);
@@ -194,7 +193,7 @@ void PerfEvent::eachSample(See&& see) {
         }
         tail += start.size;
     }
-    __atomic_store_n(&header(ring_)->data_tail, tail, __ATOMIC_RELEASE);
+    __atomic_store_n(&header(ring)->data_tail, tail, __ATOMIC_RELEASE);
 }
 
 std::vector<PerfSample> PerfEvent::take() {
@@ -239,14 +238,14 @@ std::vector<CallStack> PerfEvent::takeStacks() {
 
 void PerfEvent::setPeriod(Ns period) {
     auto value = static_cast<uint64_t>(period);
-    if (ioctl(fd_.get(), PERF_EVENT_IOC_PERIOD, &value) != 0) {
+    if (ioctl(fd.get(), PERF_EVENT_IOC_PERIOD, &value) != 0) {
         fail("setting a performance event's period");
     }
 }
 
 // The ring's end may lie within a record.
 void PerfEvent::copyOut(uint64_t from, void* to, size_t count) const {
-    const auto* const data = static_cast<const char*>(ring_) + kPageBytes;
+    const auto* const data = static_cast<const char*>(ring) + kPageBytes;
     const size_t at = from % kRingBytes;
     const size_t head = std::min(count, kRingBytes - at);
     memcpy(to, data + at, head);

@@ -80,8 +80,8 @@ class PerfEvent {
     void eachSample(See&& see);
     void copyOut(uint64_t from, void* to, size_t count) const;
 
-    Fd fd_;
-    void* ring_ = nullptr;
+    Fd fd;
+    void* ring = nullptr;
 };
 
 }  // namespace board

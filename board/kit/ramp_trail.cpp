@@ -93,11 +93,11 @@ void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
 
 }  // namespace
 
-RampTrail::RampTrail(Board* board, const Way& way) : board_(board), way_(way) {
+RampTrail::RampTrail(Board* board, const Way& way) : board(board), way(way) {
     board->host.command(std::string("flush ") + way.name);
     if (isSpeaker()) {
-        player_ = std::make_unique<HostPlayer>(ramp);
-        waitFor([this] { return player_->queued() > kRate; });
+        player = std::make_unique<HostPlayer>(ramp);
+        waitFor([this] { return player->queued() > kRate; });
         board->app->takeHeard();
     } else {
         board->app->speak(ramp);
@@ -114,41 +114,41 @@ void RampTrail::collect() {
 }
 
 void RampTrail::collectHeard() {
-    const Heard heard = board_->app->takeHeard();
-    const auto base = static_cast<int64_t>(heard_.size());
+    const Heard heard = board->app->takeHeard();
+    const auto base = static_cast<int64_t>(heardSamples.size());
     for (const HeardBlock& block : heard.blocks) {
-        heardPoints_.push_back({block.at, base + block.firstFrame - heard.blocks[0].firstFrame});
+        heardPoints.push_back({block.at, base + block.firstFrame - heard.blocks[0].firstFrame});
     }
-    heard_.insert(heard_.end(), heard.left.begin(), heard.left.end());
-    const auto values = board_->host.counters();
+    heardSamples.insert(heardSamples.end(), heard.left.begin(), heard.left.end());
+    const auto values = board->host.counters();
     if (values.at("speaker.first_ns") != 0) {
-        addUsbFrames(&sentPoints_, values.at("speaker.frames") - values.at("speaker.first_frames"),
+        addUsbFrames(&sentPoints, values.at("speaker.frames") - values.at("speaker.first_frames"),
                      values.at("speaker.last_ns"));
     }
 }
 
 void RampTrail::collectRecorded() {
-    const Samples recorded = board_->host.takeRecording();
-    heard_.insert(heard_.end(), recorded.begin(), recorded.end());
-    const auto values = board_->host.counters();
-    addUsbFrames(&heardPoints_, values.at("mic.frames") - values.at("mic.on_frames"),
+    const Samples recorded = board->host.takeRecording();
+    heardSamples.insert(heardSamples.end(), recorded.begin(), recorded.end());
+    const auto values = board->host.counters();
+    addUsbFrames(&heardPoints, values.at("mic.frames") - values.at("mic.on_frames"),
                  values.at("mic.last_ns"));
-    sentPoints_.clear();
-    for (const SentBlock& block : board_->app->sentBlocks()) {
-        sentPoints_.push_back({block.at, block.firstFrame});
+    sentPoints.clear();
+    for (const SentBlock& block : board->app->sentBlocks()) {
+        sentPoints.push_back({block.at, block.firstFrame});
     }
 }
 
 Ns RampTrail::sentAt(int64_t frame) const {
-    const Point& point = pointOf(sentPoints_, frame, &Point::frame);
+    const Point& point = pointOf(sentPoints, frame, &Point::frame);
     // The app's frames leave in blocks but are thought of as evenly spaced in time.
     return isSpeaker() ? point.at : point.at + framesTime(frame - point.frame);
 }
 
 int64_t RampTrail::frameSentBy(Ns at) const {
-    const Point* const begin = sentPoints_.data();
-    const Point& point = pointOf(sentPoints_, at, &Point::at);
-    return &point + 1 < begin + sentPoints_.size() ? (&point + 1)->frame : point.frame;
+    const Point* const begin = sentPoints.data();
+    const Point& point = pointOf(sentPoints, at, &Point::at);
+    return &point + 1 < begin + sentPoints.size() ? (&point + 1)->frame : point.frame;
 }
 
 // The frame that a value heard at this time means: one that continues the passage which ended with
@@ -163,27 +163,27 @@ int64_t RampTrail::frameNamed(int16_t value, Ns heardAt, int64_t previous) const
 }
 
 const std::vector<Passage>& RampTrail::passages() {
-    if (analysed_ == heard_.size()) {
-        return passages_;
+    if (analysed == heardSamples.size()) {
+        return foundPassages;
     }
-    analysed_ = heard_.size();
-    passages_.clear();
+    analysed = heardSamples.size();
+    foundPassages.clear();
     int64_t previous = -1;
-    for (const Run& run : runsOf(heard_, isSpeaker() ? 0 : 1, &strange_)) {
+    for (const Run& run : runsOf(heardSamples, isSpeaker() ? 0 : 1, &strangeSamples)) {
         const auto at = static_cast<int64_t>(run.at);
         const auto size = static_cast<int64_t>(run.size);
-        const Ns begin = pointOf(heardPoints_, at, &Point::frame).at;
-        const Ns end = pointOf(heardPoints_, at + size - 1, &Point::frame).at;
-        const int64_t first = frameNamed(heard_[run.at], begin, previous);
+        const Ns begin = pointOf(heardPoints, at, &Point::frame).at;
+        const Ns end = pointOf(heardPoints, at + size - 1, &Point::frame).at;
+        const int64_t first = frameNamed(heardSamples[run.at], begin, previous);
         previous = first + run.advance;
-        passages_.push_back({at, size, first, previous, begin, end});
+        foundPassages.push_back({at, size, first, previous, begin, end});
     }
-    return passages_;
+    return foundPassages;
 }
 
 int64_t RampTrail::strange() {
     passages();
-    return strange_;
+    return strangeSamples;
 }
 
 std::vector<Break> RampTrail::breaks() {
@@ -214,9 +214,9 @@ int64_t RampTrail::lost() {
 
 std::vector<Ns> RampTrail::latencies(const Passage& passage, Ns from, Ns to) const {
     std::vector<Ns> latencies;
-    auto point = std::lower_bound(heardPoints_.begin(), heardPoints_.end(), passage.at,
+    auto point = std::lower_bound(heardPoints.begin(), heardPoints.end(), passage.at,
                                   [](const Point& p, int64_t at) { return p.frame < at; });
-    for (; point != heardPoints_.end() && point->frame < passage.at + passage.frames; ++point) {
+    for (; point != heardPoints.end() && point->frame < passage.at + passage.frames; ++point) {
         if (point->at >= from && point->at < to) {
             const int64_t index = point->frame - passage.at;
             const int64_t frames = passage.last - passage.first + 1;

@@ -62,7 +62,7 @@ class RampTrail {
     int64_t strange();
 
   private:
-    bool isSpeaker() const { return way_ == kSpeakerWay; }
+    bool isSpeaker() const { return way == kSpeakerWay; }
     void collectHeard();
     void collectRecorded();
     Ns sentAt(int64_t frame) const;
@@ -70,15 +70,15 @@ class RampTrail {
     int64_t frameNamed(int16_t value, Ns heardAt, int64_t previous) const;
     std::vector<Ns> latencies(const Passage& passage, Ns from, Ns to) const;
 
-    Board* const board_;
-    const Way way_;
-    std::unique_ptr<HostPlayer> player_;  // of the speaker
-    Samples heard_;
-    std::vector<Point> heardPoints_;
-    std::vector<Point> sentPoints_;
-    size_t analysed_ = 0;  // samples, by what follows
-    std::vector<Passage> passages_;
-    int64_t strange_ = 0;
+    Board* const board;
+    const Way way;
+    std::unique_ptr<HostPlayer> player;  // of the speaker
+    Samples heardSamples;
+    std::vector<Point> heardPoints;
+    std::vector<Point> sentPoints;
+    size_t analysed = 0;  // samples, by what follows
+    std::vector<Passage> foundPassages;
+    int64_t strangeSamples = 0;
 };
 
 }  // namespace board

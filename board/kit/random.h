@@ -9,15 +9,15 @@ namespace board {
 
 class Random {
   public:
-    explicit Random(uint64_t seed) : engine_(seed) {}
+    explicit Random(uint64_t seed) : engine(seed) {}
     // 0 to `limit` - 1, each as likely as the other.
     int64_t below(int64_t limit) {
-        return static_cast<int64_t>(engine_() % static_cast<uint64_t>(limit));
+        return static_cast<int64_t>(engine() % static_cast<uint64_t>(limit));
     }
     bool flip() { return below(2) == 1; }
 
   private:
-    std::mt19937_64 engine_;
+    std::mt19937_64 engine;
 };
 
 }  // namespace board

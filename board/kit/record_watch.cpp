@@ -34,18 +34,18 @@ std::string Delay::text() const {
 }
 
 RecordWatch::RecordWatch(Host* host)
-    : host_(host),
-      seen_(host->events().size()),
-      playbackOpen_(host->counter("playback.opens") > host->counter("playback.closes")) {}
+    : host(host),
+      seenEvents(host->events().size()),
+      playbackOpen(host->counter("playback.opens") > host->counter("playback.closes")) {}
 
 void RecordWatch::look() {
-    const auto& events = host_->events();
-    for (; seen_ < events.size(); ++seen_) {
-        see(events[seen_]);
+    const auto& events = host->events();
+    for (; seenEvents < events.size(); ++seenEvents) {
+        see(events[seenEvents]);
     }
     noteWaiting(now());
-    if (micOff_) {
-        keepLonger(&micStop_, *micOff_, micOff_->since, now());
+    if (micOff) {
+        keepLonger(&longestMicStop, *micOff, micOff->since, now());
     }
 }
 
@@ -58,14 +58,14 @@ void RecordWatch::see(const HostEvent& event) {
     } else if (begins(event.text, kRead)) {
         seeRead(event);
     } else if (begins(event.text, "uac INIT_SYNC 0")) {
-        waiting_.clear();  // it dropped what was queued
+        waiting.clear();  // it dropped what was queued
     } else if (event.text == "playback open 0") {
-        playbackOpen_ = true;
+        playbackOpen = true;
     } else if (event.text == "playback close") {
-        playbackOpen_ = false;
-        if (micOff_) {
-            keepLonger(&micStop_, *micOff_, micOff_->since, event.at);
-            micOff_.reset();
+        playbackOpen = false;
+        if (micOff) {
+            keepLonger(&longestMicStop, *micOff, micOff->since, event.at);
+            micOff.reset();
         }
     }
 }
@@ -75,19 +75,19 @@ void RecordWatch::seeQueued(const HostEvent& event) {
     const long records =
         count == std::string::npos ? 1 : atol(event.text.c_str() + count + sizeof kCount - 1);
     const Delay queued{0, event.at, event.text.substr(sizeof kQueued - 1)};
-    waiting_.insert(waiting_.end(), static_cast<size_t>(records), queued);
+    waiting.insert(waiting.end(), static_cast<size_t>(records), queued);
 }
 
 void RecordWatch::seeRead(const HostEvent& event) {
     noteWaiting(event.at);
-    lastRead_ = event.at;
+    lastRead = event.at;
     const size_t record = event.text.find("type=");
     if (record == std::string::npos) {
         return;  // failed
     }
-    ++read_;
-    if (!waiting_.empty()) {  // else queued before the watch began
-        waiting_.pop_front();
+    ++recordsRead;
+    if (!waiting.empty()) {  // else queued before the watch began
+        waiting.pop_front();
     }
     seeWish({0, event.at, event.text.substr(record)});
 }
@@ -96,19 +96,19 @@ void RecordWatch::seeRead(const HostEvent& event) {
 void RecordWatch::seeWish(const Delay& record) {
     const bool isUnbind = begins(record.what, "type=1 ");
     const bool isOff = record.what == "type=3 data=0x00000000";
-    if (playbackOpen_ && (isUnbind || (isOff && !micOff_))) {
-        micOff_ = record;
+    if (playbackOpen && (isUnbind || (isOff && !micOff))) {
+        micOff = record;
     } else if (!isOff && begins(record.what, "type=3 ")) {
-        micOff_.reset();
+        micOff.reset();
     }
 }
 
 // The oldest waits until then.
 void RecordWatch::noteWaiting(Ns until) {
-    if (!waiting_.empty()) {
-        const Delay& oldest = waiting_.front();
-        keepLonger(&wait_, oldest, oldest.since, until);
-        keepLonger(&absence_, oldest, std::max(oldest.since, lastRead_), until);
+    if (!waiting.empty()) {
+        const Delay& oldest = waiting.front();
+        keepLonger(&longestWait, oldest, oldest.since, until);
+        keepLonger(&longestAbsence, oldest, std::max(oldest.since, lastRead), until);
     }
 }
 

@@ -29,19 +29,19 @@ class RecordWatch {
 
     // Queues a record that changes nothing: it is read when what came before has been handled to
     // its end. It is the microphone's mute, which the app is told of.
-    void probe() { host_->tryCommand("record 7 0"); }
+    void probe() { host->tryCommand("record 7 0"); }
     // Takes in what has happened; at least once in 16000 events of the driver, else it throws.
     void look();
 
     // The longest so far: that a record waited from its queueing to its reading,
-    const Delay& wait() const { return wait_; }
+    const Delay& wait() const { return longestWait; }
     // that one waited without the loop's reading another or failing to,
-    const Delay& absence() const { return absence_; }
+    const Delay& absence() const { return longestAbsence; }
     // that the playback stayed open after the reading of an off, or of an unbind behind it, the
     // card's removal making a pass longer; no on having come since.
-    const Delay& micStop() const { return micStop_; }
+    const Delay& micStop() const { return longestMicStop; }
     // Records read.
-    int64_t read() const { return read_; }
+    int64_t read() const { return recordsRead; }
 
   private:
     void see(const HostEvent& event);
@@ -50,16 +50,16 @@ class RecordWatch {
     void seeWish(const Delay& record);
     void noteWaiting(Ns until);
 
-    Host* const host_;
-    size_t seen_ = 0;  // events
-    std::deque<Delay> waiting_;
-    Ns lastRead_ = 0;
-    std::optional<Delay> micOff_;  // a stop that is to come
-    bool playbackOpen_ = false;
-    Delay wait_;
-    Delay absence_;
-    Delay micStop_;
-    int64_t read_ = 0;
+    Host* const host;
+    size_t seenEvents = 0;  // events
+    std::deque<Delay> waiting;
+    Ns lastRead = 0;
+    std::optional<Delay> micOff;  // a stop that is to come
+    bool playbackOpen = false;
+    Delay longestWait;
+    Delay longestAbsence;
+    Delay longestMicStop;
+    int64_t recordsRead = 0;
 };
 
 }  // namespace board

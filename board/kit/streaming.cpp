@@ -10,10 +10,10 @@ constexpr Ns kSettling = 3 * kSecond;
 
 }  // namespace
 
-Streaming::Streaming(Board* board) : board_(board), player_(ramp) {
-    board_->app->speak(ramp);
-    board_->host.command("speaker on");
-    board_->host.command("mic on");
+Streaming::Streaming(Board* board) : board(board), player(ramp) {
+    board->app->speak(ramp);
+    board->host.command("speaker on");
+    board->host.command("mic on");
     run(kSettling, [] {});
 }
 
@@ -24,12 +24,12 @@ StreamingThreads Streaming::threads() {
 }
 
 void Streaming::discardSound() {
-    board_->app->takeHeard();
-    board_->host.takeRecording();
+    board->app->takeHeard();
+    board->host.takeRecording();
 }
 
 pid_t Streaming::threadThatLogged(const std::string& text) {
-    for (const LogLine& line : board_->daemon.log()) {
+    for (const LogLine& line : board->daemon.log()) {
         if (matches(line.text, text)) {
             return line.tid;
         }

@@ -40,8 +40,8 @@ class Streaming {
     void discardSound();
     pid_t threadThatLogged(const std::string& text);
 
-    Board* const board_;
-    const HostPlayer player_;
+    Board* const board;
+    const HostPlayer player;
 };
 
 }  // namespace board

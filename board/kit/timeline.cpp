@@ -26,11 +26,11 @@ bool isTick(const LogLine& line) {
 }  // namespace
 
 void Timeline::add(Ns at, const std::string& who, const std::string& what) {
-    entries_.push_back({at, who, what});
+    entries.push_back({at, who, what});
 }
 
 void Timeline::addAllOf(Board* board) {
-    for (const HostEvent& event : board->host.eventsSince(start_)) {
+    for (const HostEvent& event : board->host.eventsSince(start)) {
         if (beginsWith(event.text, kHostPrefix)) {
             add(event.at, "host", event.text.substr(sizeof kHostPrefix - 1));
         } else if (!isRepetition(event)) {
@@ -40,7 +40,7 @@ void Timeline::addAllOf(Board* board) {
     // The log's stamps are cut to the millisecond: its lines stand at the end of theirs, so that
     // none comes before its cause.
     for (const LogLine& line : board->daemon.log()) {
-        if (line.at >= start_ && !isTick(line)) {
+        if (line.at >= start && !isTick(line)) {
             add(line.at + kMs, "daemon", line.brief());
         }
     }
@@ -50,14 +50,14 @@ void Timeline::addAllOf(Board* board) {
 }
 
 std::string Timeline::text() const {
-    std::vector<Entry> sorted = entries_;
+    std::vector<Entry> sorted = entries;
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const Entry& a, const Entry& b) { return a.at < b.at; });
     std::string text;
     for (const Entry& entry : sorted) {
         char head[48];
         snprintf(head, sizeof head, "%8.3f s  %-7s ",
-                 static_cast<double>(entry.at - start_) / kSecond, entry.who.c_str());
+                 static_cast<double>(entry.at - start) / kSecond, entry.who.c_str());
         text += head + entry.what + "\n";
     }
     return text;

@@ -12,8 +12,7 @@ namespace board {
 class Timeline {
   public:
     // Time 0 is now.
-    Timeline() : start_(now()) {}
-    Ns start() const { return start_; }
+    Timeline() : start(now()) {}
 
     void add(Ns at, const std::string& who, const std::string& what);
     // Everything from time 0 on that the board has noted: commands of the host, requests to the
@@ -22,6 +21,8 @@ class Timeline {
     // One line for each entry, "   1.234 s  who     what".
     std::string text() const;
 
+    const Ns start;
+
   private:
     struct Entry {
         Ns at;
@@ -29,8 +30,7 @@ class Timeline {
         std::string what;
     };
 
-    const Ns start_;
-    std::vector<Entry> entries_;
+    std::vector<Entry> entries;
 };
 
 // What a message to or from the app means.

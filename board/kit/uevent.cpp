@@ -15,7 +15,7 @@ std::string ueventText(const std::string& words) {
 }
 
 UeventSender::UeventSender()
-    : socket_(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT)) {}
+    : descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT)) {}
 
 void UeventSender::send(const std::string& text, unsigned groups) {
     sendTo(text, groups);
@@ -34,7 +34,7 @@ void UeventSender::sendTo(const std::string& bytes, unsigned groups) {
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     address.nl_groups = groups;
-    if (sendto(socket_.get(), bytes.data(), bytes.size(), 0,
+    if (sendto(descriptor.get(), bytes.data(), bytes.size(), 0,
                reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
         fail("sending a uevent");
     }

@@ -23,7 +23,7 @@ class UeventSender {
   private:
     void sendTo(const std::string& bytes, unsigned groups);
 
-    const Fd socket_;
+    const Fd descriptor;
 };
 
 }  // namespace board

@@ -17,7 +17,7 @@ class Companion {
         close();
         uafd_companion* opened = nullptr;
         const int error = uafd_companion_open_with(&options, &opened);
-        companion_.reset(opened);
+        handle.reset(opened);
         return error;
     }
     int open(unsigned parts = UAFD_ALL, const char* directory = nullptr) {
@@ -26,8 +26,8 @@ class Companion {
         options.directory = directory;
         return open(options);
     }
-    void close() { companion_.reset(); }
-    bool isOpen() const { return companion_ != nullptr; }
+    void close() { handle.reset(); }
+    bool isOpen() const { return handle != nullptr; }
 
     int wait() { return uafd_companion_wait(get()); }
     int waitFor(int timeoutMs) { return uafd_companion_wait_for(get(), timeoutMs); }
@@ -57,13 +57,13 @@ class Companion {
         return counts;
     }
     // For the C functions.
-    uafd_companion* get() const { return companion_.get(); }
+    uafd_companion* get() const { return handle.get(); }
 
   private:
     struct Closer {
         void operator()(uafd_companion* companion) const { uafd_companion_close(companion); }
     };
-    std::unique_ptr<uafd_companion, Closer> companion_;
+    std::unique_ptr<uafd_companion, Closer> handle;
 };
 
 }  // namespace uafd

@@ -212,18 +212,18 @@ std::string findObstacle() {
 }
 
 FoundFolder::FoundFolder()
-    : socket_(find(pathOf(kSocketRx))),
-      hasFifo_{find(pathOf(kFifoRx)).has_value(), find(pathOf(kFifoTx)).has_value()} {}
+    : daemonSocket(find(pathOf(kSocketRx))),
+      hasFifo{find(pathOf(kFifoRx)).has_value(), find(pathOf(kFifoTx)).has_value()} {}
 
 void FoundFolder::restore(bool hadDaemon) const {
     const std::string path = pathOf(kSocketRx);
-    if (!socket_) {
+    if (!daemonSocket) {
         unlink(path.c_str());
-    } else if (chown(path.c_str(), socket_->st_uid, socket_->st_gid) == 0) {
-        chmod(path.c_str(), socket_->st_mode & 07777U);
+    } else if (chown(path.c_str(), daemonSocket->st_uid, daemonSocket->st_gid) == 0) {
+        chmod(path.c_str(), daemonSocket->st_mode & 07777U);
     }
     for (size_t i = 0; i < 2; ++i) {
-        if (!hasFifo_[i] && !hadDaemon) {
+        if (!hasFifo[i] && !hadDaemon) {
             unlink(pathOf(kFifos[i]).c_str());
         }
     }

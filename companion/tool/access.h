@@ -28,6 +28,6 @@ class FoundFolder {
     void restore(bool hadDaemon) const;
 
   private:
-    std::optional<struct stat> socket_;
-    bool hasFifo_[2];
+    std::optional<struct stat> daemonSocket;
+    bool hasFifo[2];
 };

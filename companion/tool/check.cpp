@@ -23,34 +23,34 @@ constexpr long kClosedNs = 200000000;
 // What came until a condition held.
 class Watch final : public Handler {
   public:
-    explicit Watch(std::function<bool()> condition) : condition_(std::move(condition)) {}
+    explicit Watch(std::function<bool()> condition) : condition(std::move(condition)) {}
 
     void onSound(const int16_t* samples, int frames) override {
         for (int i = 0; i < frames; ++i) {
-            unequal_ += samples[2 * i] != samples[2 * i + 1] ? 1 : 0;
-            sounding_ += samples[2 * i] != 0 ? 1 : 0;
+            unequalFrames += samples[2 * i] != samples[2 * i + 1] ? 1 : 0;
+            soundingFrames += samples[2 * i] != 0 ? 1 : 0;
         }
-        frames_ += frames;
+        heardFrames += frames;
     }
-    void fillBlock(int16_t* /*samples*/) override { ++offered_; }
-    void onBlockTaken() override { ++taken_; }
-    bool isDone() override { return met_ = condition_(); }
+    void fillBlock(int16_t* /*samples*/) override { ++offeredBlocks; }
+    void onBlockTaken() override { ++takenBlocks; }
+    bool isDone() override { return conditionMet = condition(); }
 
-    bool met() const { return met_; }
-    int64_t frames() const { return frames_; }
-    int64_t unequal() const { return unequal_; }
-    int64_t sounding() const { return sounding_; }
-    int taken() const { return taken_; }
-    int refused() const { return offered_ - taken_; }
+    bool met() const { return conditionMet; }
+    int64_t frames() const { return heardFrames; }
+    int64_t unequal() const { return unequalFrames; }
+    int64_t sounding() const { return soundingFrames; }
+    int taken() const { return takenBlocks; }
+    int refused() const { return offeredBlocks - takenBlocks; }
 
   private:
-    const std::function<bool()> condition_;
-    bool met_ = false;
-    int64_t frames_ = 0;
-    int64_t unequal_ = 0;   // frames whose channels differ
-    int64_t sounding_ = 0;  // frames that are not silent
-    int offered_ = 0;       // blocks
-    int taken_ = 0;
+    const std::function<bool()> condition;
+    bool conditionMet = false;
+    int64_t heardFrames = 0;
+    int64_t unequalFrames = 0;   // frames whose channels differ
+    int64_t soundingFrames = 0;  // frames that are not silent
+    int offeredBlocks = 0;       // blocks
+    int takenBlocks = 0;
 };
 
 class Check final : public Command {
@@ -78,40 +78,40 @@ class Check final : public Command {
     std::string answersAfter(int sent);
     std::string waitForStream(uafd_event_type state, const char* hint);
 
-    Number<int> volume_{&options,
-                        "volume",
+    Number<int> volume{&options,
+                       "volume",
+                       "N",
+                       INT16_MIN,
+                       INT16_MAX,
+                       -2560,
+                       "the volume that it sets (default -2560)"};
+    Number<double> wait{&options,
+                        "wait",
                         "N",
-                        INT16_MIN,
-                        INT16_MAX,
-                        -2560,
-                        "the volume that it sets (default -2560)"};
-    Number<double> wait_{&options,
-                         "wait",
-                         "N",
-                         kLeastS,
-                         kDayS,
-                         10,
-                         "seconds to wait for what must come (default 10)"};
-    Session session_;
-    int passed_ = 0;
-    int failed_ = 0;
-    bool isHopeless_ = false;  // without a daemon's answer nothing else is tried
+                        kLeastS,
+                        kDayS,
+                        10,
+                        "seconds to wait for what must come (default 10)"};
+    Session session;
+    int passed = 0;
+    int failed = 0;
+    bool isHopeless = false;  // without a daemon's answer nothing else is tried
 };
 
 int Check::run(const std::string& /*argument*/) {
     const FoundFolder folder;
     // Before anything is made that one of them could not open.
     const std::string obstacle = findObstacle();
-    const bool isOpen = obstacle.empty() && session_.open(UAFD_ALL);
+    const bool isOpen = obstacle.empty() && session.open(UAFD_ALL);
     if (isOpen || !obstacle.empty()) {
         report("daemon and app may open each other's files", obstacle);
-        isHopeless_ = !isOpen;
+        isHopeless = !isOpen;
         runSteps();
     }
     if (obstacle.empty()) {
-        folder.restore(session_.isOn(UAFD_DAEMON_STATE));
+        folder.restore(session.isOn(UAFD_DAEMON_STATE));
     }
-    return isOpen && failed_ == 0 && !Session::wasInterrupted() ? kExitDone : kExitFailed;
+    return isOpen && failed == 0 && !Session::wasInterrupted() ? kExitDone : kExitFailed;
 }
 
 void Check::runSteps() {
@@ -132,7 +132,7 @@ void Check::runSteps() {
     };
     int untried = static_cast<int>(std::size(kSteps));
     for (const Step& step : kSteps) {
-        if (isHopeless_ || Session::wasInterrupted()) {
+        if (isHopeless || Session::wasInterrupted()) {
             break;
         }
         const std::string wrong = (this->*step.run)();
@@ -142,12 +142,12 @@ void Check::runSteps() {
         }
     }
     const std::string rest = untried > 0 ? ", " + std::to_string(untried) + " not tried" : "";
-    printf("%d passed, %d failed%s%s\n", passed_, failed_, rest.c_str(),
+    printf("%d passed, %d failed%s%s\n", passed, failed, rest.c_str(),
            Session::wasInterrupted() ? ", interrupted" : "");
 }
 
 void Check::report(const char* name, const std::string& wrong) {
-    (wrong.empty() ? passed_ : failed_) += 1;
+    (wrong.empty() ? passed : failed) += 1;
     printf("%s  %s%s%s\n", wrong.empty() ? "ok  " : "FAIL", name, wrong.empty() ? "" : ": ",
            wrong.c_str());
     fflush(stdout);
@@ -155,19 +155,19 @@ void Check::report(const char* name, const std::string& wrong) {
 
 bool Check::waitUntil(const std::function<bool()>& condition) {
     Watch watch(condition);
-    session_.run(&watch, *wait_);
+    session.run(&watch, *wait);
     return watch.met();
 }
 
 std::string Check::answersSyncUp() {
-    if (waitUntil([this] { return session_.isAnswered(); })) {
-        return session_.isOn(UAFD_USB_STATE) ? "" : "the host has not configured the board";
+    if (waitUntil([this] { return session.isAnswered(); })) {
+        return session.isOn(UAFD_USB_STATE) ? "" : "the host has not configured the board";
     }
-    if (session_.told(UAFD_USB_STATE)) {
+    if (session.told(UAFD_USB_STATE)) {
         return "the answer is not whole";
     }
-    isHopeless_ = true;
-    if (!session_.isOn(UAFD_DAEMON_STATE)) {
+    isHopeless = true;
+    if (!session.isOn(UAFD_DAEMON_STATE)) {
         return "no daemon runs, or it waits for FIFOs that it may not open";
     }
     std::string obstacle = findObstacle();  // the daemon may have shown its user only now
@@ -179,24 +179,24 @@ std::string Check::answersAfter(int sent) {
     if (sent != 0) {
         return uafd_companion_error_text(sent);
     }
-    session_.forgetStates();
-    session_.companion().sync();
-    return waitUntil([this] { return session_.told(UAFD_USB_STATE).has_value(); })
+    session.forgetStates();
+    session.companion.sync();
+    return waitUntil([this] { return session.told(UAFD_USB_STATE).has_value(); })
                ? ""
                : "no answer to a sync-up afterwards";
 }
 
 std::string Check::takesVolume() {
-    return answersAfter(session_.companion().setSpeakerVolume(static_cast<int16_t>(*volume_)));
+    return answersAfter(session.companion.setSpeakerVolume(static_cast<int16_t>(*volume)));
 }
 
 std::string Check::takesMute() {
-    const std::string wrong = answersAfter(session_.companion().setSpeakerMute(true));
-    return wrong.empty() ? answersAfter(session_.companion().setSpeakerMute(false)) : wrong;
+    const std::string wrong = answersAfter(session.companion.setSpeakerMute(true));
+    return wrong.empty() ? answersAfter(session.companion.setSpeakerMute(false)) : wrong;
 }
 
 std::string Check::waitForStream(uafd_event_type state, const char* hint) {
-    return waitUntil([this, state] { return session_.isOn(state); }) ? "" : hint;
+    return waitUntil([this, state] { return session.isOn(state); }) ? "" : hint;
 }
 
 std::string Check::startsSpeaker() {
@@ -209,13 +209,13 @@ std::string Check::startsMicrophone() {
 
 std::string Check::bringsSound() {
     Watch first([&first] { return first.frames() > 0; });
-    session_.run(&first, *wait_);
+    session.run(&first, *wait);
     if (!first.met()) {
         return "no frame came";
     }
     const int64_t begin = nowNs();
     Watch watch([] { return false; });
-    session_.run(&watch, kMeasuredS);
+    session.run(&watch, kMeasuredS);
     const double rate =
         static_cast<double>(watch.frames()) * 1e9 / static_cast<double>(nowNs() - begin);
     if (watch.unequal() > 0) {
@@ -231,26 +231,26 @@ std::string Check::bringsSound() {
 
 std::string Check::takesSound() {
     Watch first([&first] { return first.taken() > 0; });
-    session_.run(&first, *wait_);
+    session.run(&first, *wait);
     if (!first.met()) {
         return "no block is taken";
     }
     Watch watch([] { return false; });
-    session_.run(&watch, kMeasuredS);
+    session.run(&watch, kMeasuredS);
     return watch.refused() > kRefusedMax
                ? std::to_string(watch.refused()) + " blocks of a second are refused"
                : "";
 }
 
 std::string Check::goesOnAfterRestart() {
-    session_.close();
+    session.close();
     const timespec pause = {0, kClosedNs};
     nanosleep(&pause, nullptr);
-    if (!session_.open(UAFD_ALL)) {
+    if (!session.open(UAFD_ALL)) {
         return "they do not open";
     }
     Watch watch([&watch] { return watch.sounding() > 0 && watch.taken() >= kTakenBlocks; });
-    session_.run(&watch, *wait_);
+    session.run(&watch, *wait);
     if (watch.met()) {
         return "";
     }
@@ -258,15 +258,15 @@ std::string Check::goesOnAfterRestart() {
 }
 
 std::string Check::keepsItsStates() {
-    session_.forgetStates();
+    session.forgetStates();
     std::string wrong = answersAfter(0);
     if (!wrong.empty()) {
         return wrong;
     }
-    if (!waitUntil([this] { return session_.isAnswered(); })) {
+    if (!waitUntil([this] { return session.isAnswered(); })) {
         return "the answer is not whole";
     }
-    return session_.isOn(UAFD_SPEAKER_STATE) && session_.isOn(UAFD_MIC_STATE)
+    return session.isOn(UAFD_SPEAKER_STATE) && session.isOn(UAFD_MIC_STATE)
                ? ""
                : "a stream is off that was on";
 }

@@ -65,7 +65,7 @@ Option::Option(Option** list, const char* optionName, const char* valueName,
 }
 
 bool Text::read(const std::string& text) {
-    text_ = text;
+    given = text;
     return !text.empty();
 }
 

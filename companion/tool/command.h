@@ -50,12 +50,12 @@ class Flag final : public Option {
   public:
     Flag(Option** list, const char* name, const char* help) noexcept
         : Option(list, name, nullptr, help) {}
-    bool read(const std::string& /*text*/) override { return given_ = true; }
+    bool read(const std::string& /*text*/) override { return isGiven = true; }
     std::string range() const override { return "nothing"; }
-    explicit operator bool() const { return given_; }
+    explicit operator bool() const { return isGiven; }
 
   private:
-    bool given_ = false;
+    bool isGiven = false;
 };
 
 class Text final : public Option {
@@ -64,10 +64,10 @@ class Text final : public Option {
     bool read(const std::string& text) override;
     std::string range() const override { return "a name"; }
     // Null when it was not given.
-    const char* orNull() const { return text_.empty() ? nullptr : text_.c_str(); }
+    const char* orNull() const { return given.empty() ? nullptr : given.c_str(); }
 
   private:
-    std::string text_;
+    std::string given;
 };
 
 // As readNumber() takes it.
@@ -76,15 +76,15 @@ class Number final : public Option {
   public:
     Number(Option** list, const char* name, const char* value, T low, T high, T initial,
            const char* help) noexcept
-        : Option(list, name, value, help), low_(low), high_(high), number_(initial) {}
-    bool read(const std::string& text) override { return readNumber(text, low_, high_, &number_); }
-    std::string range() const override { return rangeOf(low_, high_); }
-    T operator*() const { return number_; }
+        : Option(list, name, value, help), low(low), high(high), current(initial) {}
+    bool read(const std::string& text) override { return readNumber(text, low, high, &current); }
+    std::string range() const override { return rangeOf(low, high); }
+    T operator*() const { return current; }
 
   private:
-    const T low_;
-    const T high_;
-    T number_;
+    const T low;
+    const T high;
+    T current;
 };
 
 class Command {

@@ -50,17 +50,17 @@ class Events final : public Command, private Handler {
     Events() noexcept : Command("events", "", "print what the daemon tells, with the time") {}
     int run(const std::string& /*argument*/) override {
         Session session;
-        return session.open(UAFD_EVENTS) && session.run(this, *seconds_) ? kExitDone : kExitFailed;
+        return session.open(UAFD_EVENTS) && session.run(this, *seconds) ? kExitDone : kExitFailed;
     }
 
   private:
     void onEvent(const uafd_event& event) override;
-    bool isDone() override { return *count_ > 0 && printed_ >= *count_; }
+    bool isDone() override { return *count > 0 && printed >= *count; }
 
-    Number<int> count_{&options, "count", "N", 1, 1000000, 0, "end after N events"};
-    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Flag json_{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
-    int printed_ = 0;
+    Number<int> count{&options, "count", "N", 1, 1000000, 0, "end after N events"};
+    Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
+    Flag json{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
+    int printed = 0;
 };
 
 void Events::onEvent(const uafd_event& event) {
@@ -69,7 +69,7 @@ void Events::onEvent(const uafd_event& event) {
     }
     const Words& words = kWords[event.type];
     const char* const value = words.values[event.value != 0 ? 1 : 0];
-    if (json_) {
+    if (json) {
         printf("{\"time\":\"");
         printTime(true);
         printf("Z\",\"event\":\"%s\",\"value\":%d}\n", words.name, event.value);
@@ -79,7 +79,7 @@ void Events::onEvent(const uafd_event& event) {
                          : printf(" %s %s\n", words.subject, value);
     }
     fflush(stdout);
-    ++printed_;
+    ++printed;
 }
 
 class Status final : public Command, private Handler {
@@ -90,22 +90,22 @@ class Status final : public Command, private Handler {
   private:
     // Asks; returns the daemon's own state in a word.
     const char* ask();
-    bool isDone() override { return session_.isAnswered(); }
+    bool isDone() override { return session.isAnswered(); }
     void print(const char* daemon) const;
 
-    Number<double> wait_{
+    Number<double> wait{
         &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for an answer (default 10)"};
-    Flag json_{&options, "json", "a JSON object; null is what is not known"};
-    Session session_;
-    bool hasOtherApp_ = false;  // which is told the states
+    Flag json{&options, "json", "a JSON object; null is what is not known"};
+    Session session;
+    bool hasOtherApp = false;  // which is told the states
 };
 
 int Status::run(const std::string& /*argument*/) {
     const FoundFolder folder;
-    int error = session_.tryOpen(UAFD_EVENTS);
-    hasOtherApp_ = error == -EBUSY;
-    if (hasOtherApp_) {
-        error = session_.tryOpen(0);
+    int error = session.tryOpen(UAFD_EVENTS);
+    hasOtherApp = error == -EBUSY;
+    if (hasOtherApp) {
+        error = session.tryOpen(0);
     }
     if (error != 0) {
         return failed("opening", uafd_companion_error_text(error));
@@ -115,16 +115,16 @@ int Status::run(const std::string& /*argument*/) {
     if (strcmp(daemon, kUnreachable) == 0) {
         failed(name, findObstacle());
     }
-    if (!hasOtherApp_) {
+    if (!hasOtherApp) {
         folder.restore(true);
     }
     return strcmp(daemon, kRunning) == 0 ? kExitDone : kExitFailed;
 }
 
 const char* Status::ask() {
-    switch (-session_.companion().sync()) {
+    switch (-session.companion.sync()) {
         case 0:
-            return hasOtherApp_ || (session_.run(this, *wait_) && isDone()) ? kRunning : "silent";
+            return hasOtherApp || (session.run(this, *wait) && isDone()) ? kRunning : "silent";
         case ECONNREFUSED:
             return "absent";
         case EACCES:
@@ -135,22 +135,22 @@ const char* Status::ask() {
 }
 
 void Status::print(const char* daemon) const {
-    if (json_) {
-        printf("{\"daemon\":\"%s\",\"other_app\":%s", daemon, hasOtherApp_ ? "true" : "false");
+    if (json) {
+        printf("{\"daemon\":\"%s\",\"other_app\":%s", daemon, hasOtherApp ? "true" : "false");
     } else {
         printf("%-12s%s%s\n", "daemon", daemon,
-               hasOtherApp_ ? ", another app is told the states" : "");
+               hasOtherApp ? ", another app is told the states" : "");
     }
     for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
         const Words& words = kWords[type];
-        const std::optional<int> told = session_.told(type);
-        if (json_) {
+        const std::optional<int> told = session.told(type);
+        if (json) {
             printf(",\"%s\":%s", words.name, told ? std::to_string(*told).c_str() : "null");
         } else {
             printf("%-12s%s\n", words.subject, told ? words.values[*told] : "unknown");
         }
     }
-    fputs(json_ ? "}\n" : "", stdout);
+    fputs(json ? "}\n" : "", stdout);
 }
 
 Events events;

@@ -22,17 +22,17 @@ constexpr int kHalfWaveFrames = 24;  // 1000 Hz
 class Bursts : public Handler {
   public:
     Bursts(int count, double waitSeconds)
-        : left_(count), waitTicks_(static_cast<int>(waitSeconds / kTickS)) {}
+        : left(count), waitTicks(static_cast<int>(waitSeconds / kTickS)) {}
 
     void onSound(const int16_t* samples, int frames) override {
         int peak = 0;
         for (int i = 0; i < frames; ++i) {
             peak = std::max(peak, std::abs(int{samples[2 * i]}));
         }
-        if (sentNs_ == 0) {
-            quietTicks_ = peak < kQuietPeak ? quietTicks_ : 0;
+        if (sentNs == 0) {
+            quietTicks = peak < kQuietPeak ? quietTicks : 0;
         } else if (peak >= kBurstPeak) {
-            returned(static_cast<double>(nowNs() - sentNs_) / 1e6);
+            returned(static_cast<double>(nowNs() - sentNs) / 1e6);
         }
     }
     void fillBlock(int16_t* samples) override {
@@ -43,47 +43,47 @@ class Bursts : public Handler {
     }
     void onBlockTaken() override {
         if (isDue()) {
-            sentNs_ = nowNs();
-            ticks_ = 0;
+            sentNs = nowNs();
+            ticks = 0;
         }
     }
     void onTick() override {
-        ++ticks_;
-        ++quietTicks_;
+        ++ticks;
+        ++quietTicks;
     }
-    bool isDone() override { return left_ == 0 || !reason().empty(); }
+    bool isDone() override { return left == 0 || !reason().empty(); }
 
     // Why it does not work; empty when it does.
     std::string reason() const {
-        if (ticks_ < waitTicks_ + kQuietTicks) {
+        if (ticks < waitTicks + kQuietTicks) {
             return "";
         }
-        if (sentNs_ != 0) {
+        if (sentNs != 0) {
             return "no burst came back: does the host play what it records?";
         }
         return isDue() ? "the daemon takes no sound: does the host record?"
                        : "the host plays something else: the bursts cannot be told from it";
     }
-    std::vector<double> takeTimesMs() { return std::move(timesMs_); }
+    std::vector<double> takeTimesMs() { return std::move(timesMs); }
 
   private:
-    bool isDue() const { return sentNs_ == 0 && quietTicks_ >= kQuietTicks; }
+    bool isDue() const { return sentNs == 0 && quietTicks >= kQuietTicks; }
     void returned(double ms) {
         printf("%7.2f ms\n", ms);
         fflush(stdout);
-        timesMs_.push_back(ms);
-        --left_;
-        sentNs_ = 0;
-        ticks_ = 0;
-        quietTicks_ = 0;
+        timesMs.push_back(ms);
+        --left;
+        sentNs = 0;
+        ticks = 0;
+        quietTicks = 0;
     }
 
-    int left_;
-    const int waitTicks_;
-    int64_t sentNs_ = 0;  // 0: none is on its way
-    int ticks_ = 0;       // since the burst, or since the one before returned
-    int quietTicks_ = 0;
-    std::vector<double> timesMs_;
+    int left;
+    const int waitTicks;
+    int64_t sentNs = 0;  // 0: none is on its way
+    int ticks = 0;       // since the burst, or since the one before returned
+    int quietTicks = 0;
+    std::vector<double> timesMs;
 };
 
 class Latency final : public Command {
@@ -94,14 +94,14 @@ class Latency final : public Command {
     int run(const std::string& argument) override;
 
   private:
-    Number<int> count_{&options, "count", "N", 1, 1000000, 10, "how many bursts (default 10)"};
-    Number<double> wait_{
+    Number<int> count{&options, "count", "N", 1, 1000000, 10, "how many bursts (default 10)"};
+    Number<double> wait{
         &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for each (default 10)"};
 };
 
 int Latency::run(const std::string& /*argument*/) {
     Session session;
-    Bursts bursts(*count_, *wait_);
+    Bursts bursts(*count, *wait);
     if (!session.open(UAFD_SOUND) || !session.run(&bursts) || Session::wasInterrupted()) {
         return kExitFailed;
     }

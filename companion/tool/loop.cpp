@@ -16,35 +16,35 @@ class Loop final : public Command, private Handler {
     Loop() noexcept : Command("loop", "", "give the host back what it plays") {}
     int run(const std::string& /*argument*/) override {
         Session session;
-        return session.open(UAFD_SOUND) && session.run(this, *seconds_) ? kExitDone : kExitFailed;
+        return session.open(UAFD_SOUND) && session.run(this, *seconds) ? kExitDone : kExitFailed;
     }
 
   private:
     void onSound(const int16_t* samples, int frames) override {
         for (int i = 0; i < frames; ++i) {
-            queue_.push_back(samples[2 * i]);
+            queue.push_back(samples[2 * i]);
         }
-        if (queue_.size() > kMostFrames) {
-            drop(queue_.size() - kStartFrames);
+        if (queue.size() > kMostFrames) {
+            drop(queue.size() - kStartFrames);
         }
     }
     // Silence until there is enough, and again when it runs dry.
     void fillBlock(int16_t* samples) override {
-        flows_ = queue_.size() >= (flows_ ? UAFD_BLOCK_FRAMES : kStartFrames);
-        for (size_t i = 0; flows_ && i < UAFD_BLOCK_FRAMES; ++i) {
-            samples[2 * i] = samples[2 * i + 1] = queue_[i];
+        flows = queue.size() >= (flows ? UAFD_BLOCK_FRAMES : kStartFrames);
+        for (size_t i = 0; flows && i < UAFD_BLOCK_FRAMES; ++i) {
+            samples[2 * i] = samples[2 * i + 1] = queue[i];
         }
     }
-    void onBlockTaken() override { drop(flows_ ? UAFD_BLOCK_FRAMES : 0); }
+    void onBlockTaken() override { drop(flows ? UAFD_BLOCK_FRAMES : 0); }
     bool isDone() override { return false; }
 
     void drop(size_t frames) {
-        queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(frames));
+        queue.erase(queue.begin(), queue.begin() + static_cast<std::ptrdiff_t>(frames));
     }
 
-    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    std::vector<int16_t> queue_;
-    bool flows_ = false;
+    Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
+    std::vector<int16_t> queue;
+    bool flows = false;
 };
 
 Loop loop;

@@ -37,26 +37,26 @@ class Meter final : public Command, private Handler {
     void onSound(const int16_t* samples, int frames) override {
         for (int i = 0; i < frames; ++i) {
             const double sample = samples[2 * i];
-            peak_ = std::max(peak_, std::abs(sample));
-            squares_ += sample * sample;
+            peak = std::max(peak, std::abs(sample));
+            squares += sample * sample;
         }
-        frames_ += frames;
+        heardFrames += frames;
     }
     void onTick() override { print(); }
     bool isDone() override { return false; }
     void print();
 
-    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Session session_;
-    const bool isTerminal_ = isatty(STDOUT_FILENO) != 0;
-    double peak_ = 0;
-    double squares_ = 0;
-    int64_t frames_ = 0;
+    Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
+    Session session;
+    const bool isTerminal = isatty(STDOUT_FILENO) != 0;
+    double peak = 0;
+    double squares = 0;
+    int64_t heardFrames = 0;
 };
 
 int Meter::run(const std::string& /*argument*/) {
-    const bool isRun = session_.open(UAFD_SPEAKER) && session_.run(this, *seconds_);
-    if (isTerminal_) {
+    const bool isRun = session.open(UAFD_SPEAKER) && session.run(this, *seconds);
+    if (isTerminal) {
         putchar('\n');
     }
     return isRun ? kExitDone : kExitFailed;
@@ -64,13 +64,13 @@ int Meter::run(const std::string& /*argument*/) {
 
 // On a terminal always in the same line.
 void Meter::print() {
-    const double rms = frames_ > 0 ? std::sqrt(squares_ / static_cast<double>(frames_)) : 0;
-    printf("%s speaker %s  peak %5.1f dB  rms %5.1f dB  |%s|%s", isTerminal_ ? "\r" : "",
-           session_.isOn(UAFD_SPEAKER_STATE) ? "on " : "off", levelOf(peak_), levelOf(rms),
-           barOf(levelOf(peak_)).c_str(), isTerminal_ ? "" : "\n");
+    const double rms = heardFrames > 0 ? std::sqrt(squares / static_cast<double>(heardFrames)) : 0;
+    printf("%s speaker %s  peak %5.1f dB  rms %5.1f dB  |%s|%s", isTerminal ? "\r" : "",
+           session.isOn(UAFD_SPEAKER_STATE) ? "on " : "off", levelOf(peak), levelOf(rms),
+           barOf(levelOf(peak)).c_str(), isTerminal ? "" : "\n");
     fflush(stdout);
-    peak_ = squares_ = 0;
-    frames_ = 0;
+    peak = squares = 0;
+    heardFrames = 0;
 }
 
 Meter meter;

@@ -17,61 +17,61 @@ class Play final : public Command, private Handler {
     int run(const std::string& file) override;
 
   private:
-    // The next block into left_, if it is there.
+    // The next block into left, if it is there.
     void load();
     void makeTone();
 
     void fillBlock(int16_t* samples) override;
     void onBlockTaken() override { load(); }
-    bool isDone() override { return isFile_ && !isLoaded_ && reader_.isAtEnd(); }
+    bool isDone() override { return isFile && !isLoaded && reader.isAtEnd(); }
 
-    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Flag raw_{&options, "raw", "the file has no header: stereo, 16 bits, 48000 Hz"};
-    Number<double> toneHz_{
+    Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
+    Flag raw{&options, "raw", "the file has no header: stereo, 16 bits, 48000 Hz"};
+    Number<double> toneHz{
         &options, "tone", "HZ", 1, 24000, 1000, "the tone without a file (default 1000)"};
-    Number<double> levelDb_{
+    Number<double> levelDb{
         &options, "level", "DB", -96, 0, -12, "the tone's level below full scale (default -12)"};
-    SoundReader reader_;
-    bool isFile_ = false;
-    int16_t left_[UAFD_BLOCK_FRAMES] = {};
-    bool isLoaded_ = false;
-    int64_t frame_ = 0;  // of the tone
+    SoundReader reader;
+    bool isFile = false;
+    int16_t left[UAFD_BLOCK_FRAMES] = {};
+    bool isLoaded = false;
+    int64_t frame = 0;  // of the tone
 };
 
 int Play::run(const std::string& file) {
-    isFile_ = !file.empty();
+    isFile = !file.empty();
     Session session;
-    if ((isFile_ && !reader_.open(file, static_cast<bool>(raw_))) || !session.open(UAFD_MIC)) {
+    if ((isFile && !reader.open(file, static_cast<bool>(raw))) || !session.open(UAFD_MIC)) {
         return kExitFailed;
     }
     load();
-    const bool isRun = session.run(this, *seconds_);
-    return isRun && reader_.isGood() ? kExitDone : kExitFailed;
+    const bool isRun = session.run(this, *seconds);
+    return isRun && reader.isGood() ? kExitDone : kExitFailed;
 }
 
 void Play::load() {
-    if (!isFile_) {
+    if (!isFile) {
         makeTone();
     }
-    isLoaded_ = !isFile_ || reader_.readBlock(left_);
+    isLoaded = !isFile || reader.readBlock(left);
 }
 
 void Play::makeTone() {
-    const double step = 2 * M_PI * *toneHz_ / UAFD_RATE;
-    const double amplitude = INT16_MAX * std::pow(10, *levelDb_ / 20);
-    std::generate(std::begin(left_), std::end(left_), [&] {
+    const double step = 2 * M_PI * *toneHz / UAFD_RATE;
+    const double amplitude = INT16_MAX * std::pow(10, *levelDb / 20);
+    std::generate(std::begin(left), std::end(left), [&] {
         return static_cast<int16_t>(
-            std::lround(amplitude * std::sin(step * static_cast<double>(frame_++))));
+            std::lround(amplitude * std::sin(step * static_cast<double>(frame++))));
     });
 }
 
 // Silence while a pipe brings less.
 void Play::fillBlock(int16_t* samples) {
-    if (!isLoaded_) {
+    if (!isLoaded) {
         load();
     }
-    for (size_t i = 0; isLoaded_ && i < UAFD_BLOCK_FRAMES; ++i) {
-        samples[2 * i] = samples[2 * i + 1] = left_[i];
+    for (size_t i = 0; isLoaded && i < UAFD_BLOCK_FRAMES; ++i) {
+        samples[2 * i] = samples[2 * i + 1] = left[i];
     }
 }
 

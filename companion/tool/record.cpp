@@ -15,28 +15,28 @@ class Record final : public Command, private Handler {
 
   private:
     void onSound(const int16_t* samples, int frames) override {
-        isWritten_ = file_.write(samples, frames);
-        frames_ += frames;
+        isWritten = output.write(samples, frames);
+        recordedFrames += frames;
     }
-    bool isDone() override { return !isWritten_; }
+    bool isDone() override { return !isWritten; }
 
-    Number<double> seconds_{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Flag raw_{&options, "raw", "no header: stereo, 16 bits, 48000 Hz"};
-    SoundWriter file_;
-    int64_t frames_ = 0;
-    bool isWritten_ = true;
+    Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
+    Flag raw{&options, "raw", "no header: stereo, 16 bits, 48000 Hz"};
+    SoundWriter output;
+    int64_t recordedFrames = 0;
+    bool isWritten = true;
 };
 
 // The file is touched last: not when another app has the speaker.
 int Record::run(const std::string& file) {
     Session session;
-    if (!session.open(UAFD_SPEAKER) || !file_.open(file, static_cast<bool>(raw_))) {
+    if (!session.open(UAFD_SPEAKER) || !output.open(file, static_cast<bool>(raw))) {
         return kExitFailed;
     }
-    session.run(this, *seconds_);
-    isWritten_ = file_.close() && isWritten_;
-    fprintf(stderr, "%.3f s recorded\n", static_cast<double>(frames_) / UAFD_RATE);
-    return isWritten_ ? kExitDone : kExitFailed;
+    session.run(this, *seconds);
+    isWritten = output.close() && isWritten;
+    fprintf(stderr, "%.3f s recorded\n", static_cast<double>(recordedFrames) / UAFD_RATE);
+    return isWritten ? kExitDone : kExitFailed;
 }
 
 Record record;

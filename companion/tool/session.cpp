@@ -76,10 +76,10 @@ int64_t nowNs() {
 }
 
 int Session::tryOpen(unsigned parts) {
-    parts_ = parts;
-    wasReached_ = false;
-    ticksWithoutDaemon_ = 0;
-    return companion_.open(optionsFor(parts));
+    openParts = parts;
+    wasReached = false;
+    ticksWithoutDaemon = 0;
+    return companion.open(optionsFor(parts));
 }
 
 bool Session::open(unsigned parts) {
@@ -96,7 +96,7 @@ bool Session::open(unsigned parts) {
 
 void Session::forgetStates() {
     for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
-        told_[type].reset();
+        lastTold[type].reset();
     }
 }
 
@@ -112,7 +112,7 @@ bool Session::run(Handler* handler, double seconds) {
     catchInterrupts();
     while ((ready >= 0 || ready == -EINTR) && !handler->isDone() && !wasInterrupted() &&
            nowNs() < end) {
-        ready = companion_.waitFor(msUntil(std::min(tick, end)));
+        ready = companion.waitFor(msUntil(std::min(tick, end)));
         step(handler, std::max(ready, 0));
         if (nowNs() >= tick) {
             tick = std::max(tick + kTickNs, nowNs());
@@ -141,15 +141,15 @@ void Session::step(Handler* handler, int ready) {
 
 void Session::takeSound(Handler* handler) {
     int16_t samples[UAFD_CHANNELS * kReadFrames];
-    const int frames = companion_.read(samples, kReadFrames);
+    const int frames = companion.read(samples, kReadFrames);
     if (frames > 0) {
         handler->onSound(samples, frames);
     }
 }
 
 void Session::takeEvents(Handler* handler) {
-    while (const auto event = companion_.nextEvent()) {
-        told_[event->type] = event->value;
+    while (const auto event = companion.nextEvent()) {
+        lastTold[event->type] = event->value;
         handler->onEvent(*event);
     }
 }
@@ -157,7 +157,7 @@ void Session::takeEvents(Handler* handler) {
 void Session::giveBlock(Handler* handler) {
     int16_t samples[UAFD_CHANNELS * UAFD_BLOCK_FRAMES] = {};
     handler->fillBlock(samples);
-    if (companion_.write(samples) == 0) {
+    if (companion.write(samples) == 0) {
         handler->onBlockTaken();
     }
 }
@@ -165,24 +165,24 @@ void Session::giveBlock(Handler* handler) {
 // In a session without events the daemon is known by a message that it takes, and not looked for
 // again.
 bool Session::findDaemon() {
-    if ((parts_ & UAFD_EVENTS) != 0) {
+    if ((openParts & UAFD_EVENTS) != 0) {
         return isOn(UAFD_DAEMON_STATE);
     }
-    return wasReached_ = wasReached_ || companion_.sync() == 0;
+    return wasReached = wasReached || companion.sync() == 0;
 }
 
 // A daemon that starts waits until both FIFOs have been opened: the one that this app has no use
 // for is opened for a moment.
 void Session::waitForDaemon() {
     if (findDaemon()) {
-        ticksWithoutDaemon_ = 0;
+        ticksWithoutDaemon = 0;
         return;
     }
-    const unsigned others = UAFD_SOUND & ~parts_;
-    if ((parts_ & UAFD_SOUND) != 0 && others != 0) {
+    const unsigned others = UAFD_SOUND & ~openParts;
+    if ((openParts & UAFD_SOUND) != 0 && others != 0) {
         uafd::Companion().open(optionsFor(others));
     }
-    if (++ticksWithoutDaemon_ == kPatientTicks) {
+    if (++ticksWithoutDaemon == kPatientTicks) {
         failed("waiting", uafd_companion_error_text(-ECONNREFUSED));
     }
 }

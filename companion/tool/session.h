@@ -34,16 +34,15 @@ class Session {
     bool open(unsigned parts);
     // These parts alone; returns the library's result.
     int tryOpen(unsigned parts);
-    void close() { companion_.close(); }
+    void close() { companion.close(); }
     // Until the handler is done, the time is over (0 has no end), or SIGINT, SIGTERM or SIGHUP
     // comes, which wasInterrupted() then tells. False, and told on standard error, when the library
     // fails.
     bool run(Handler* handler, double seconds = 0);
     static bool wasInterrupted();
 
-    uafd::Companion& companion() { return companion_; }
     // The last value told; none before.
-    std::optional<int> told(uafd_event_type type) const { return told_[type]; }
+    std::optional<int> told(uafd_event_type type) const { return lastTold[type]; }
     bool isOn(uafd_event_type type) const { return told(type) == 1; }
     // All states were told; of the streams', where no USB is configured, nothing is.
     bool isAnswered() const {
@@ -53,6 +52,8 @@ class Session {
     // As if none of them had been told.
     void forgetStates();
 
+    uafd::Companion companion;
+
   private:
     void step(Handler* handler, int ready);
     void takeSound(Handler* handler);
@@ -61,11 +62,10 @@ class Session {
     bool findDaemon();
     void waitForDaemon();
 
-    uafd::Companion companion_;
-    unsigned parts_ = 0;
-    std::optional<int> told_[UAFD_DAEMON_STATE + 1];
-    bool wasReached_ = false;  // by a message, in a session without events
-    int ticksWithoutDaemon_ = 0;
+    unsigned openParts = 0;
+    std::optional<int> lastTold[UAFD_DAEMON_STATE + 1];
+    bool wasReached = false;  // by a message, in a session without events
+    int ticksWithoutDaemon = 0;
 };
 
 // By CLOCK_MONOTONIC.

@@ -79,59 +79,59 @@ ssize_t readSome(int fd, void* bytes, size_t size) {
 // ---- Writing -----------------------------------------------------------------------------------
 
 bool SoundWriter::open(const std::string& path, bool raw) {
-    name_ = path == "-" ? "standard output" : path;
-    fd_ = path == "-" ? dup(STDOUT_FILENO)
-                      : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd_ < 0) {
-        return complain(name_, strerror(errno));
+    name = path == "-" ? "standard output" : path;
+    fd = path == "-" ? dup(STDOUT_FILENO)
+                     : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        return complain(name, strerror(errno));
     }
-    hasHeader_ = !raw;
-    isSeekable_ = path != "-" && lseek(fd_, 0, SEEK_CUR) == 0;
+    hasHeader = !raw;
+    isSeekable = path != "-" && lseek(fd, 0, SEEK_CUR) == 0;
     return raw || writeHeader();
 }
 
 bool SoundWriter::writeHeader() {
-    const uint64_t riffBytes = sizeof(Header) - sizeof(Chunk) + bytes_;
-    const bool isKnown = isSeekable_ && riffBytes < kNoLength;
+    const uint64_t riffBytes = sizeof(Header) - sizeof(Chunk) + bytes;
+    const bool isKnown = isSeekable && riffBytes < kNoLength;
     const Header header = {
         {{'R', 'I', 'F', 'F'}, isKnown ? static_cast<uint32_t>(riffBytes) : kNoLength},
         {'W', 'A', 'V', 'E'},
         {{'f', 'm', 't', ' '}, sizeof(Format)},
         {kPcm, UAFD_CHANNELS, UAFD_RATE, UAFD_RATE * kFrameBytes, kFrameBytes, 16},
-        {{'d', 'a', 't', 'a'}, isKnown ? static_cast<uint32_t>(bytes_) : kNoLength}};
-    const bool written = isSeekable_ && bytes_ > 0
-                             ? pwrite(fd_, &header, sizeof header, 0) == sizeof header
-                             : writeFully(fd_, &header, sizeof header);
-    return written || complain(name_, strerror(errno));
+        {{'d', 'a', 't', 'a'}, isKnown ? static_cast<uint32_t>(bytes) : kNoLength}};
+    const bool written = isSeekable && bytes > 0
+                             ? pwrite(fd, &header, sizeof header, 0) == sizeof header
+                             : writeFully(fd, &header, sizeof header);
+    return written || complain(name, strerror(errno));
 }
 
 bool SoundWriter::write(const int16_t* samples, int frames) {
     const size_t size = static_cast<size_t>(frames) * kFrameBytes;
-    if (!writeFully(fd_, samples, size)) {
-        return complain(name_, strerror(errno));
+    if (!writeFully(fd, samples, size)) {
+        return complain(name, strerror(errno));
     }
-    bytes_ += size;
-    return !hasHeader_ || !isSeekable_ || writeHeader();
+    bytes += size;
+    return !hasHeader || !isSeekable || writeHeader();
 }
 
 bool SoundWriter::close() {
-    const int fd = std::exchange(fd_, -1);
-    return fd < 0 || ::close(fd) == 0 || complain(name_, strerror(errno));
+    const int closing = std::exchange(fd, -1);
+    return closing < 0 || ::close(closing) == 0 || complain(name, strerror(errno));
 }
 
 // ---- Reading -----------------------------------------------------------------------------------
 
 SoundReader::~SoundReader() {
-    if (fd_ >= 0) {
-        close(fd_);
+    if (fd >= 0) {
+        close(fd);
     }
 }
 
 bool SoundReader::open(const std::string& path, bool raw) {
-    name_ = path == "-" ? "standard input" : path;
-    fd_ = path == "-" ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) {
-        return complain(name_, strerror(errno));
+    name = path == "-" ? "standard input" : path;
+    fd = path == "-" ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return complain(name, strerror(errno));
     }
     return raw || readHeader();
 }
@@ -142,7 +142,7 @@ bool SoundReader::readHeader() {
     char wave[4];
     if (!readFully(&chunk, sizeof chunk) || !readFully(wave, sizeof wave) ||
         !is(chunk.id, "RIFF") || !is(wave, "WAVE")) {
-        return complain(name_, "it is no WAV file");
+        return complain(name, "it is no WAV file");
     }
     bool isKnown = false;
     while (readFully(&chunk, sizeof chunk)) {
@@ -152,36 +152,36 @@ bool SoundReader::readHeader() {
                 return false;
             }
         } else if (is(chunk.id, "data") && isKnown) {
-            bytesLeft_ = chunk.size == kNoLength ? UINT64_MAX : chunk.size;
+            bytesLeft = chunk.size == kNoLength ? UINT64_MAX : chunk.size;
             return true;
         } else if (!skip(chunk.size)) {
             break;
         }
     }
-    return complain(name_, "it ends before its sound begins");
+    return complain(name, "it ends before its sound begins");
 }
 
 bool SoundReader::readFormat(uint32_t size) {
     unsigned char bytes[kExtensionOffset + sizeof(uint16_t)] = {};
     const size_t known = std::min<size_t>(size, sizeof bytes);
     if (!readFully(bytes, known) || !skip(size - static_cast<uint32_t>(known))) {
-        return complain(name_, "it ends before its sound begins");
+        return complain(name, "it ends before its sound begins");
     }
     Format format{};
     memcpy(&format, bytes, sizeof format);
     if (format.tag == kExtensible) {
         memcpy(&format.tag, bytes + kExtensionOffset, sizeof format.tag);
     }
-    isFloat_ = format.tag == kFloat;
-    sampleBytes_ = format.sampleBits / 8U;
-    frameBytes_ = format.frameBytes;
+    isFloat = format.tag == kFloat;
+    sampleBytes = format.sampleBits / 8U;
+    frameBytes = format.frameBytes;
     if (format.rate != UAFD_RATE) {
-        return complain(name_, "its rate is " + std::to_string(format.rate) + " Hz, not 48000 Hz");
+        return complain(name, "its rate is " + std::to_string(format.rate) + " Hz, not 48000 Hz");
     }
-    const bool isInteger = format.tag == kPcm && sampleBytes_ >= 2 && sampleBytes_ <= 4;
-    if ((!isInteger && !(isFloat_ && sampleBytes_ == sizeof(float))) ||
-        frameBytes_ != sampleBytes_ * format.channels || frameBytes_ == 0) {
-        return complain(name_, "its samples are neither of 16, 24 or 32 bits nor floating point");
+    const bool isInteger = format.tag == kPcm && sampleBytes >= 2 && sampleBytes <= 4;
+    if ((!isInteger && !(isFloat && sampleBytes == sizeof(float))) ||
+        frameBytes != sampleBytes * format.channels || frameBytes == 0) {
+        return complain(name, "its samples are neither of 16, 24 or 32 bits nor floating point");
     }
     return true;
 }
@@ -189,7 +189,7 @@ bool SoundReader::readFormat(uint32_t size) {
 bool SoundReader::readFully(void* bytes, size_t size) const {
     auto* to = static_cast<char*>(bytes);
     for (ssize_t got = 1; got > 0 && size > 0; size -= static_cast<size_t>(got)) {
-        got = std::max<ssize_t>(readSome(fd_, to, size), 0);
+        got = std::max<ssize_t>(readSome(fd, to, size), 0);
         to += got;
     }
     return size == 0;
@@ -210,39 +210,39 @@ bool SoundReader::skip(uint32_t size) const {
 
 // Reads until the buffer holds `size` bytes, or nothing more is there at present.
 void SoundReader::fill(size_t size) {
-    pollfd input = {fd_, POLLIN, 0};
-    while (buffer_.size() < size && bytesLeft_ > 0 && poll(&input, 1, 0) > 0) {
-        const size_t had = buffer_.size();
-        buffer_.resize(had + std::min<uint64_t>(size - had, bytesLeft_));
-        const ssize_t got = readSome(fd_, &buffer_[had], buffer_.size() - had);
-        buffer_.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-        bytesLeft_ = got > 0 ? bytesLeft_ - static_cast<uint64_t>(got) : 0;
-        isGood_ = got >= 0 || complain(name_, strerror(errno));
+    pollfd input = {fd, POLLIN, 0};
+    while (buffer.size() < size && bytesLeft > 0 && poll(&input, 1, 0) > 0) {
+        const size_t had = buffer.size();
+        buffer.resize(had + std::min<uint64_t>(size - had, bytesLeft));
+        const ssize_t got = readSome(fd, &buffer[had], buffer.size() - had);
+        buffer.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        bytesLeft = got > 0 ? bytesLeft - static_cast<uint64_t>(got) : 0;
+        good = got >= 0 || complain(name, strerror(errno));
     }
 }
 
 int16_t SoundReader::sampleOf(const unsigned char* frame) const {
-    if (isFloat_) {
+    if (isFloat) {
         float sample = 0;
         memcpy(&sample, frame, sizeof sample);
         const float scaled = sample * -float{INT16_MIN};
         return static_cast<int16_t>(std::lround(std::clamp(scaled, -32768.0F, 32767.0F)));
     }
     int16_t sample = 0;  // the upper 16 bits
-    memcpy(&sample, frame + sampleBytes_ - sizeof sample, sizeof sample);
+    memcpy(&sample, frame + sampleBytes - sizeof sample, sizeof sample);
     return sample;
 }
 
 bool SoundReader::readBlock(int16_t* left) {
-    fill(UAFD_BLOCK_FRAMES * frameBytes_);
-    const size_t frames = std::min<size_t>(buffer_.size() / frameBytes_, UAFD_BLOCK_FRAMES);
-    if (frames < UAFD_BLOCK_FRAMES && bytesLeft_ > 0) {
+    fill(UAFD_BLOCK_FRAMES * frameBytes);
+    const size_t frames = std::min<size_t>(buffer.size() / frameBytes, UAFD_BLOCK_FRAMES);
+    if (frames < UAFD_BLOCK_FRAMES && bytesLeft > 0) {
         return false;
     }
     std::fill_n(left, UAFD_BLOCK_FRAMES, int16_t{0});
     for (size_t i = 0; i < frames; ++i) {
-        left[i] = sampleOf(&buffer_[i * frameBytes_]);
+        left[i] = sampleOf(&buffer[i * frameBytes]);
     }
-    buffer_.clear();  // it never holds more than a block
+    buffer.clear();  // it never holds more than a block
     return frames > 0;
 }

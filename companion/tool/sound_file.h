@@ -23,11 +23,11 @@ class SoundWriter {
   private:
     bool writeHeader();
 
-    std::string name_;
-    int fd_ = -1;
-    bool hasHeader_ = false;   // WAV
-    bool isSeekable_ = false;  // the header can be written again
-    uint64_t bytes_ = 0;       // of sound
+    std::string name;
+    int fd = -1;
+    bool hasHeader = false;   // WAV
+    bool isSeekable = false;  // the header can be written again
+    uint64_t bytes = 0;       // of sound
 };
 
 // Reads the left channel.
@@ -41,8 +41,8 @@ class SoundReader {
     // come yet, or at the end. Never waits.
     bool readBlock(int16_t* left);
     // False when the end came by an error.
-    bool isGood() const { return isGood_; }
-    bool isAtEnd() const { return buffer_.size() < frameBytes_ && bytesLeft_ == 0; }
+    bool isGood() const { return good; }
+    bool isAtEnd() const { return buffer.size() < frameBytes && bytesLeft == 0; }
 
   private:
     bool readHeader();
@@ -52,12 +52,12 @@ class SoundReader {
     void fill(size_t size);
     int16_t sampleOf(const unsigned char* frame) const;
 
-    std::string name_;
-    int fd_ = -1;
-    bool isGood_ = true;
-    bool isFloat_ = false;
-    size_t frameBytes_ = 4;
-    size_t sampleBytes_ = 2;
-    uint64_t bytesLeft_ = UINT64_MAX;  // of sound, behind the buffer; 0 from the end of the file on
-    std::vector<unsigned char> buffer_;
+    std::string name;
+    int fd = -1;
+    bool good = true;
+    bool isFloat = false;
+    size_t frameBytes = 4;
+    size_t sampleBytes = 2;
+    uint64_t bytesLeft = UINT64_MAX;  // of sound, behind the buffer; 0 from the end of the file on
+    std::vector<unsigned char> buffer;
 };

@@ -39,14 +39,14 @@ bool NetlinkEvent::decode(char* buffer, int size, int format) {
         return false;
     }
     const size_t length = static_cast<size_t>(size);
-    mText.reset(new (std::nothrow) char[length + 1]);
-    if (mText == nullptr) {
+    message.reset(new (std::nothrow) char[length + 1]);
+    if (message == nullptr) {
         return false;
     }
-    memcpy(mText.get(), buffer, length);
-    mText[length] = '\0';
+    memcpy(message.get(), buffer, length);
+    message[length] = '\0';
 
-    const char* text = mText.get();
+    const char* text = message.get();
     const char* const end = text + length;
     if (strchr(text, '@') == nullptr) {
         return false;
@@ -58,18 +58,18 @@ bool NetlinkEvent::decode(char* buffer, int size, int format) {
 }
 
 void NetlinkEvent::takeField(const char* text) {
-    if (const char* const action = afterPrefix(text, "ACTION=")) {
-        mAction = actionFromName(action, mAction);
-    } else if (const char* const subsystem = afterPrefix(text, "SUBSYSTEM=")) {
-        mSubsystem = subsystem;
-    } else if (afterPrefix(text, "SEQNUM=") == nullptr && mParamCount < NL_PARAMS_MAX) {
-        mParams[mParamCount++] = text;
+    if (const char* const actionName = afterPrefix(text, "ACTION=")) {
+        action = actionFromName(actionName, action);
+    } else if (const char* const subsystemName = afterPrefix(text, "SUBSYSTEM=")) {
+        subsystem = subsystemName;
+    } else if (afterPrefix(text, "SEQNUM=") == nullptr && paramCount < NL_PARAMS_MAX) {
+        params[paramCount++] = text;
     }
 }
 
 const char* NetlinkEvent::findParam(const char* paramName) {
-    for (int i = 0; i < mParamCount; ++i) {
-        const char* const rest = afterPrefix(mParams[i], paramName);
+    for (int i = 0; i < paramCount; ++i) {
+        const char* const rest = afterPrefix(params[i], paramName);
         if (rest != nullptr && *rest == '=') {
             return rest + 1;
         }
@@ -78,8 +78,8 @@ const char* NetlinkEvent::findParam(const char* paramName) {
 }
 
 void NetlinkEvent::clear() {
-    mText.reset();
-    mAction = Action::kUnknown;
-    mSubsystem = nullptr;
-    mParamCount = 0;
+    message.reset();
+    action = Action::kUnknown;
+    subsystem = nullptr;
+    paramCount = 0;
 }

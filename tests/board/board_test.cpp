@@ -67,21 +67,21 @@ int64_t counter(const std::string& key) {
 // The board's microphone service, for as long as this lives.
 class MicCapture {
   public:
-    MicCapture() : pid_(fork()) {
-        if (pid_ == 0) {
+    MicCapture() : pid(fork()) {
+        if (pid == 0) {
             execl("/bin/mic_capture", "mic_capture", nullptr);
             _exit(127);
         }
     }
     ~MicCapture() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
     }
     MicCapture(const MicCapture&) = delete;
     MicCapture& operator=(const MicCapture&) = delete;
 
   private:
-    const pid_t pid_;
+    const pid_t pid;
 };
 
 constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";

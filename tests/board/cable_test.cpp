@@ -37,18 +37,18 @@ class Cable : public BoardCase {
     }
 
     void forget() {
-        mark_ = daemon.mark();
-        messages_ = app->messages().size();
+        logMark = daemon.mark();
+        messageMark = app->messages().size();
     }
     void after(const std::string& command) {
         forget();
         host.command(command);
         board::sleepFor(100 * kMs);
     }
-    int said(const std::string& text) { return daemon.count(text, mark_); }
+    int said(const std::string& text) { return daemon.count(text, logMark); }
     std::vector<Message> told() const {
         std::vector<Message> states;
-        for (const Message& message : app->messageValues(messages_)) {
+        for (const Message& message : app->messageValues(messageMark)) {
             if (message.type == 0) {
                 states.push_back(message);
             }
@@ -57,8 +57,8 @@ class Cable : public BoardCase {
     }
 
   private:
-    size_t mark_ = 0;
-    size_t messages_ = 0;
+    size_t logMark = 0;
+    size_t messageMark = 0;
 };
 
 TEST_F(Cable, TellsTheAppOfAConfiguredStart) {

@@ -25,10 +25,10 @@ class CompanionExamples : public BoardCase {
 
     ChildProcess& start(std::vector<std::string> words) {
         words[0].insert(0, "/tests/example_");
-        return example_.emplace(words);
+        return example.emplace(words);
     }
-    uafd::Companion other_;
-    std::optional<ChildProcess> example_;
+    uafd::Companion other;
+    std::optional<ChildProcess> example;
 };
 
 TEST_F(CompanionExamples, RecordsAndLetsTheDaemonStart) {
@@ -36,7 +36,7 @@ TEST_F(CompanionExamples, RecordsAndLetsTheDaemonStart) {
     start({"record", "/out/heard.raw"});
     startDaemon();
     host.command("speaker on");
-    EXPECT_EQ(example_->wait(), 0) << example_->errors();
+    EXPECT_EQ(example->wait(), 0) << example->errors();
     const std::string bytes = board::contents("/out/heard.raw");
     ASSERT_EQ(bytes.size(), 5U * kRate * 4);
     const auto* const samples = reinterpret_cast<const int16_t*>(bytes.data());
@@ -49,11 +49,11 @@ TEST_F(CompanionExamples, RecordsAndLetsTheDaemonStart) {
 }
 
 TEST_F(CompanionExamples, LetsTheHostRecordATone) {
-    ASSERT_EQ(other_.open(UAFD_SPEAKER), 0);
+    ASSERT_EQ(other.open(UAFD_SPEAKER), 0);
     start({"tone"});
     startDaemon();
     host.command("mic on");
-    EXPECT_EQ(example_->wait(), 0) << example_->errors();
+    EXPECT_EQ(example->wait(), 0) << example->errors();
     const board::Samples recorded = host.takeRecording();
     const size_t first = board::firstSound(recorded);
     ASSERT_GT(recorded.size() - first, 4U * kRate);
@@ -68,13 +68,13 @@ TEST_F(CompanionExamples, LetsTheHostRecordATone) {
 }
 
 TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
-    ASSERT_EQ(other_.open(UAFD_SOUND), 0);
+    ASSERT_EQ(other.open(UAFD_SOUND), 0);
     startDaemon();
     const board::Ns since = board::now();
     start({"volume", "-1280"});
     EXPECT_TRUE(
         board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -1280 0", since) == 1; }));
-    const auto told = [this] { return example_->output(); };
+    const auto told = [this] { return example->output(); };
     EXPECT_TRUE(board::waitFor([&] { return told().find("microphone 0\n") != std::string::npos; }));
     EXPECT_THAT(told(), StartsWith("daemon 1\nusb 1\nspeaker 0\nmicrophone 0\n"));
     host.command("volume speaker -512");
@@ -88,11 +88,11 @@ TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
 
 // Each says in a line what is wrong.
 TEST_F(CompanionExamples, SayThatAnotherAppIsThere) {
-    ASSERT_EQ(other_.open(), 0);
+    ASSERT_EQ(other.open(), 0);
     for (const char* name : {"record", "tone", "volume"}) {
         start({name});
-        EXPECT_EQ(example_->wait(), 1) << name;
-        EXPECT_EQ(example_->errors(), "an app has this part open already\n") << name;
+        EXPECT_EQ(example->wait(), 1) << name;
+        EXPECT_EQ(example->errors(), "an app has this part open already\n") << name;
     }
 }
 

@@ -43,93 +43,93 @@ int breaksIn(const board::Samples& ramp) {
 // An app on the library with a thread of its own: says noise, keeps what it hears and is told.
 class LibraryApp {
   public:
-    explicit LibraryApp(unsigned parts = UAFD_ALL) : parts_(parts) {
-        EXPECT_EQ(companion_.open(parts), 0);
-        thread_ = std::thread([this] { run(); });
+    explicit LibraryApp(unsigned parts = UAFD_ALL) : parts(parts) {
+        EXPECT_EQ(companion.open(parts), 0);
+        thread = std::thread([this] { run(); });
     }
     ~LibraryApp() {
-        stop_ = true;
-        companion_.wake();
-        thread_.join();
+        stop = true;
+        companion.wake();
+        thread.join();
     }
     // Writes nothing any more, or writes again.
-    void pauseSpeaking(bool pause) { paused_ = pause; }
+    void pauseSpeaking(bool pause) { paused = pause; }
 
-    uafd::Companion& companion() { return companion_; }
-    uafd_counts counts() const { return companion_.counts(); }
+    uafd_counts counts() const { return companion.counts(); }
     // Left samples; the right ones are the same.
     board::Samples takeHeard() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return std::exchange(heard_, {});
+        const std::lock_guard<std::mutex> lock(mutex);
+        return std::exchange(heard, {});
     }
     std::vector<Event> takeEvents() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return std::exchange(events_, {});
+        const std::lock_guard<std::mutex> lock(mutex);
+        return std::exchange(events, {});
     }
     // The last value of each event; 0 for a state that was not told.
     std::map<uafd_event_type, int> belief() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return belief_;
+        const std::lock_guard<std::mutex> lock(mutex);
+        return beliefs;
     }
     // When the last event came.
-    Ns toldAt() const { return toldAt_; }
+    Ns toldAt() const { return lastToldAt; }
+
+    uafd::Companion companion;
 
   private:
     void run() {
         int64_t frame = 0;
-        while (!stop_) {
-            const int ready = companion_.wait();
-            if (ready > 0 && (ready & UAFD_READY_BLOCK) != 0 && !paused_) {
+        while (!stop) {
+            const int ready = companion.wait();
+            if (ready > 0 && (ready & UAFD_READY_BLOCK) != 0 && !paused) {
                 int16_t said[2 * UAFD_BLOCK_FRAMES];
                 for (int i = 0; i < UAFD_BLOCK_FRAMES; ++i) {
                     said[2 * i] = board::noise(frame + i);
                     said[2 * i + 1] = static_cast<int16_t>(~said[2 * i]);
                 }
-                frame += companion_.write(said) == 0 ? UAFD_BLOCK_FRAMES : 0;
+                frame += companion.write(said) == 0 ? UAFD_BLOCK_FRAMES : 0;
             }
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if ((parts_ & UAFD_SPEAKER) != 0) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            if ((parts & UAFD_SPEAKER) != 0) {
                 hear();
             }
             takeTold();
         }
     }
     void takeTold() {
-        while (const auto event = companion_.nextEvent()) {
-            events_.emplace_back(event->type, event->value);
-            belief_[event->type] = event->value;
-            toldAt_ = board::now();
+        while (const auto event = companion.nextEvent()) {
+            events.emplace_back(event->type, event->value);
+            beliefs[event->type] = event->value;
+            lastToldAt = board::now();
         }
     }
     void hear() {
         int16_t samples[2 * 1024];
-        const int frames = companion_.read(samples, 1024);
+        const int frames = companion.read(samples, 1024);
         int unequal = 0;
         for (int i = 0; i < frames; ++i) {
             unequal += samples[2 * i] != samples[2 * i + 1] ? 1 : 0;
-            heard_.push_back(samples[2 * i]);
+            heard.push_back(samples[2 * i]);
         }
         EXPECT_EQ(unequal, 0) << "frames";
     }
 
-    const unsigned parts_;
-    uafd::Companion companion_;
-    std::mutex mutex_;
-    board::Samples heard_;
-    std::vector<Event> events_;
-    std::map<uafd_event_type, int> belief_{
+    const unsigned parts;
+    std::mutex mutex;
+    board::Samples heard;
+    std::vector<Event> events;
+    std::map<uafd_event_type, int> beliefs{
         {UAFD_USB_STATE, 0}, {UAFD_SPEAKER_STATE, 0}, {UAFD_MIC_STATE, 0}, {UAFD_DAEMON_STATE, 0}};
-    std::atomic<Ns> toldAt_{0};
-    std::atomic<bool> paused_{false};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::atomic<Ns> lastToldAt{0};
+    std::atomic<bool> paused{false};
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 class CompanionLibrary : public BoardCase {
   protected:
     void start() {
         micService = std::make_unique<board::MicService>();
-        library_.emplace();
+        library.emplace();
         startDaemon();
     }
     void bothOn() {
@@ -138,9 +138,9 @@ class CompanionLibrary : public BoardCase {
     }
     bool hears(int64_t frames) {
         int64_t sound = 0;
-        library_->takeHeard();
+        library->takeHeard();
         return board::waitFor([&] {
-            for (const int16_t sample : library_->takeHeard()) {
+            for (const int16_t sample : library->takeHeard()) {
                 sound += sample != 0 ? 1 : 0;
             }
             return sound >= frames;
@@ -151,7 +151,7 @@ class CompanionLibrary : public BoardCase {
         host.takeRecording();
         return board::waitFor([&] {
             board::sleepFor(200 * kMs);
-            const auto said = static_cast<int64_t>(library_->counts().blocks_taken) * kBlock;
+            const auto said = static_cast<int64_t>(library->counts().blocks_taken) * kBlock;
             const board::Samples recent =
                 board::render(board::noise, std::max<int64_t>(said - kRate, 0), kRate);
             const board::Samples recorded = host.takeRecording();
@@ -167,14 +167,14 @@ class CompanionLibrary : public BoardCase {
         host.command("speaker off");
         host.command("mic off");
         EXPECT_TRUE(hasThreads(board::kIdleThreads));
-        library_.reset();
+        library.reset();
         app = std::make_unique<board::App>();
         EXPECT_EQ(findDamage(), "");
     }
     std::vector<Event> events(size_t count) {
         std::vector<Event> all;
         board::waitFor([&] {
-            const std::vector<Event> more = library_->takeEvents();
+            const std::vector<Event> more = library->takeEvents();
             all.insert(all.end(), more.begin(), more.end());
             return all.size() >= count;
         });
@@ -183,25 +183,25 @@ class CompanionLibrary : public BoardCase {
 
     bool believes(int usb, int speaker, int mic) {
         return board::waitFor([&] {
-            auto belief = library_->belief();
+            auto belief = library->belief();
             return belief[UAFD_DAEMON_STATE] == 1 && belief[UAFD_USB_STATE] == usb &&
                    belief[UAFD_SPEAKER_STATE] == speaker && belief[UAFD_MIC_STATE] == mic;
         });
     }
 
-    std::optional<LibraryApp> library_;
+    std::optional<LibraryApp> library;
 };
 
 TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     start();
     const board::HostPlayer player(board::ramp);
     ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
-    const uafd_counts before = library_->counts();
+    const uafd_counts before = library->counts();
     bothOn();
     EXPECT_TRUE(isHeard());
     board::sleepFor(kSecond);
-    const uafd_counts after = library_->counts();
-    const board::Samples heard = library_->takeHeard();
+    const uafd_counts after = library->counts();
+    const board::Samples heard = library->takeHeard();
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate));
     EXPECT_EQ(breaksIn(heard), 0);
     EXPECT_GE(after.frames_read - before.frames_read, heard.size());
@@ -211,8 +211,8 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
 TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
     start();
     board::sleepFor(kSecond);
-    library_->takeEvents();  // of the start, among them the answer
-    ASSERT_EQ(library_->companion().sync(), 0);
+    library->takeEvents();  // of the start, among them the answer
+    ASSERT_EQ(library->companion.sync(), 0);
     EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 0},
                                        Event{UAFD_MIC_STATE, 0}));
     for (const char* command :
@@ -231,15 +231,15 @@ TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
     host.command("unplug");
     EXPECT_THAT(events(2), testing::UnorderedElementsAre(Event{UAFD_USB_STATE, 0},
                                                          Event{UAFD_SPEAKER_STATE, 0}));
-    EXPECT_EQ(library_->counts().datagrams_bad, 0U);
+    EXPECT_EQ(library->counts().datagrams_bad, 0U);
 }
 
 TEST_F(CompanionLibrary, SetsVolumeAndMute) {
     start();
     const Ns since = board::now();
-    EXPECT_EQ(library_->companion().setSpeakerVolume(-2560), 0);
-    EXPECT_EQ(library_->companion().setSpeakerMute(true), 0);
-    EXPECT_EQ(library_->companion().setSpeakerMute(false), 0);
+    EXPECT_EQ(library->companion.setSpeakerVolume(-2560), 0);
+    EXPECT_EQ(library->companion.setSpeakerMute(true), 0);
+    EXPECT_EQ(library->companion.setSpeakerMute(false), 0);
     EXPECT_TRUE(
         board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 0 0", since) == 1; }));
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
@@ -249,7 +249,7 @@ TEST_F(CompanionLibrary, SetsVolumeAndMute) {
 TEST_F(CompanionLibrary, LetsADaemonThatWaitsStart) {
     daemon.start();
     ASSERT_TRUE(daemon.waitForLog("/tmp/usbAudioFifoRx is not available yet*"));
-    library_.emplace();
+    library.emplace();
     EXPECT_TRUE(daemon.waitForLog("Fifos observed*"));
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
 }
@@ -259,12 +259,12 @@ TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     const board::HostPlayer player(board::noise);
     bothOn();
     ASSERT_TRUE(hears(kRate / 2));
-    library_->takeEvents();
+    library->takeEvents();
     daemon.stop();
-    EXPECT_EQ(library_->companion().sync(), -ECONNREFUSED);
+    EXPECT_EQ(library->companion.sync(), -ECONNREFUSED);
     EXPECT_THAT(events(4), ElementsAre(Event{UAFD_DAEMON_STATE, 0}, Event{UAFD_USB_STATE, 0},
                                        Event{UAFD_SPEAKER_STATE, 0}, Event{UAFD_MIC_STATE, 0}));
-    EXPECT_TRUE(board::waitFor([&] { return library_->counts().blocks_unread > 10; }));
+    EXPECT_TRUE(board::waitFor([&] { return library->counts().blocks_unread > 10; }));
     daemon.start();  // the host's streams are on
     ASSERT_TRUE(hasThreads(board::kStreamingThreads));
     EXPECT_TRUE(hears(kRate / 2));
@@ -275,19 +275,19 @@ TEST_F(CompanionLibrary, OutlivesTheDaemon) {
 // No block's time makes it look sooner.
 TEST_F(CompanionLibrary, TellsAnAppThatOnlyWaitsOfTheDaemonsEnd) {
     const LibraryApp sound(UAFD_SOUND);
-    library_.emplace(UAFD_EVENTS);
+    library.emplace(UAFD_EVENTS);
     startDaemon();
     ASSERT_TRUE(believes(1, 0, 0));
     const Ns ended = board::now();
     daemon.stop();
-    EXPECT_TRUE(board::waitFor([&] { return library_->belief()[UAFD_DAEMON_STATE] == 0; }));
-    const Ns told = library_->toldAt();
+    EXPECT_TRUE(board::waitFor([&] { return library->belief()[UAFD_DAEMON_STATE] == 0; }));
+    const Ns told = library->toldAt();
     EXPECT_LT(told - ended, 210 * kMs);
     const Ns started = board::now();
     daemon.start();
     EXPECT_TRUE(believes(1, 0, 0));
     printf("the daemon's end is told after %ld ms, its states %ld ms after its start\n",
-           (told - ended) / kMs, (library_->toldAt() - started) / kMs);
+           (told - ended) / kMs, (library->toldAt() - started) / kMs);
 }
 
 // More quickly than the library looks.
@@ -296,7 +296,7 @@ TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
     host.command("mic on");
     ASSERT_TRUE(believes(1, 0, 1));
     for (int i = 0; i < 5; ++i) {
-        library_->takeEvents();
+        library->takeEvents();
         daemon.stop();
         daemon.start();
         EXPECT_THAT(events(3), testing::Contains(Event{UAFD_DAEMON_STATE, 0})) << i;
@@ -321,23 +321,23 @@ TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
 
 // An app without events runs for a while, and then one that takes them.
 TEST_F(CompanionLibrary, LeavesNoEventsThatDelayTheNextApps) {
-    library_.emplace(UAFD_SOUND);
+    library.emplace(UAFD_SOUND);
     startDaemon();
     for (int i = 0; i < 6; ++i) {
         host.command("volume speaker -256");
         board::sleepFor(kSecond);
     }
-    library_.emplace();
+    library.emplace();
     const Ns opened = board::now();
     EXPECT_TRUE(believes(1, 0, 0));
-    const Ns told = library_->toldAt();
+    const Ns told = library->toldAt();
     EXPECT_LT(told - opened, 50 * kMs);
     host.command("volume speaker -512");
     const Ns changed = board::now();
-    EXPECT_TRUE(board::waitFor([&] { return library_->toldAt() >= changed; }, 10 * kSecond));
-    EXPECT_LT(library_->toldAt() - changed, 50 * kMs);
+    EXPECT_TRUE(board::waitFor([&] { return library->toldAt() >= changed; }, 10 * kSecond));
+    EXPECT_LT(library->toldAt() - changed, 50 * kMs);
     printf("the next app's states come after %ld us, its first event after %ld us\n",
-           (told - opened) / 1000, (library_->toldAt() - changed) / 1000);
+           (told - opened) / 1000, (library->toldAt() - changed) / 1000);
 }
 
 // Open and not fed: silence, and nothing twice; then on as before.
@@ -345,14 +345,14 @@ TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
     start();
     host.command("mic on");
     EXPECT_TRUE(isHeard());
-    library_->pauseSpeaking(true);
+    library->pauseSpeaking(true);
     board::sleepFor(100 * kMs);
     host.takeRecording();
     board::sleepFor(kSecond);
     const board::Samples recorded = host.takeRecording();
     EXPECT_GT(recorded.size(), static_cast<size_t>(kRate / 2));
     EXPECT_EQ(board::firstSound(recorded), recorded.size());
-    library_->pauseSpeaking(false);
+    library->pauseSpeaking(false);
     EXPECT_TRUE(isHeard());
     expectWhole();
 }
@@ -360,7 +360,7 @@ TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
 // The sound is one app's, the microphone another's.
 TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
     micService = std::make_unique<board::MicService>();
-    library_.emplace(UAFD_MIC | UAFD_EVENTS);
+    library.emplace(UAFD_MIC | UAFD_EVENTS);
     std::optional<LibraryApp> listener(UAFD_SPEAKER);
     startDaemon();
     const board::HostPlayer player(board::noise);
@@ -377,9 +377,9 @@ TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
     const board::HostPlayer player(board::noise);
     bothOn();
     ASSERT_TRUE(hears(kRate / 2));
-    library_.reset();
+    library.reset();
     board::sleepFor(100 * kMs);
-    library_.emplace();
+    library.emplace();
     EXPECT_THAT(events(4), ElementsAre(Event{UAFD_DAEMON_STATE, 1}, Event{UAFD_USB_STATE, 1},
                                        Event{UAFD_SPEAKER_STATE, 1}, Event{UAFD_MIC_STATE, 1}));
     EXPECT_TRUE(hears(kRate / 2));

@@ -31,7 +31,7 @@ class CompanionTool : public BoardCase {
   protected:
     ChildProcess& start(std::vector<std::string> words, const std::function<void()>& prepare = {}) {
         words.insert(words.begin(), kTool);
-        return tool_.emplace(words, prepare);
+        return tool.emplace(words, prepare);
     }
     // The tool is the app for whose FIFO ends the daemon waits.
     void startWithDaemon(const std::vector<std::string>& words) {
@@ -46,27 +46,27 @@ class CompanionTool : public BoardCase {
     }
     // What it printed when it has ended as it should.
     std::string outputAfter(int status) {
-        EXPECT_EQ(tool_->wait(), status) << tool_->errors();
-        return tool_->output();
+        EXPECT_EQ(tool->wait(), status) << tool->errors();
+        return tool->output();
     }
 
-    std::optional<ChildProcess> tool_;
+    std::optional<ChildProcess> tool;
 };
 
 // The host gives back what it records, as a cable would.
 class HostCable {
   public:
-    HostCable() : thread_([this] { run(); }) {}
+    HostCable() : thread([this] { run(); }) {}
     ~HostCable() {
-        stop_ = true;
-        thread_.join();
+        stop = true;
+        thread.join();
     }
 
   private:
     void run() {
         const board::Fd ear = board::Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK);
         const board::Fd mouth = board::Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
-        while (!stop_) {
+        while (!stop) {
             char sound[4800];
             const ssize_t got = read(ear.get(), sound, sizeof sound);
             if (got > 0) {
@@ -76,8 +76,8 @@ class HostCable {
         }
     }
 
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 constexpr char kAllPassed[] =
@@ -167,7 +167,7 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
 TEST_F(CompanionTool, RecordsForAsLongAsItIsAskedTo) {
     const Ns begin = board::now();
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "3"});
-    EXPECT_EQ(tool_->wait(), 0);
+    EXPECT_EQ(tool->wait(), 0);
     EXPECT_NEAR(static_cast<double>(board::now() - begin) / kSecond, 3, 0.5);
     EXPECT_EQ(board::readWav("/out/heard.wav").size(), 0U);
 }
@@ -196,18 +196,18 @@ constexpr uid_t kAppUser = 1000;
 class UsersFolder : public CompanionTool {
   protected:
     UsersFolder() {
-        chmod(folder_.path().c_str(), 01777);
-        daemonEnds_.bindSocket();
-        giveTo(daemonEnds_.path("UdsIpcTx"), kDaemonUser, kDaemonGroup, 0770);
+        chmod(folder.path().c_str(), 01777);
+        daemonEnds.bindSocket();
+        giveTo(daemonEnds.path("UdsIpcTx"), kDaemonUser, kDaemonGroup, 0770);
     }
     static void giveTo(const std::string& path, uid_t user, gid_t group, mode_t mode) {
         EXPECT_EQ(chown(path.c_str(), user, group), 0);
         EXPECT_EQ(chmod(path.c_str(), mode), 0);
     }
-    std::string path(const std::string& name) const { return daemonEnds_.path(name); }
+    std::string path(const std::string& name) const { return daemonEnds.path(name); }
     // Of a user who is in the daemon's group besides the own one, or not.
     void check(bool isInGroup, mode_t mask = 022) {
-        start({"check", "--wait", "0.5", "--directory", folder_.path()}, [isInGroup, mask] {
+        start({"check", "--wait", "0.5", "--directory", folder.path()}, [isInGroup, mask] {
             const gid_t groups[] = {kDaemonGroup};
             umask(mask);
             if (setgroups(isInGroup ? 1 : 0, groups) != 0 || setgid(kAppUser) != 0 ||
@@ -215,7 +215,7 @@ class UsersFolder : public CompanionTool {
                 _exit(126);
             }
         });
-        EXPECT_EQ(tool_->wait(), 1);
+        EXPECT_EQ(tool->wait(), 1);
     }
     std::string failure(const std::string& reason) const {
         return "FAIL  daemon and app may open each other's files: " + reason +
@@ -229,13 +229,13 @@ class UsersFolder : public CompanionTool {
         return text;
     }
 
-    TempDir folder_;
-    DaemonEnds daemonEnds_{folder_};
+    TempDir folder;
+    DaemonEnds daemonEnds{folder};
 };
 
 TEST_F(UsersFolder, IsNotForAnAppOfAnotherGroup) {
     check(false);
-    EXPECT_EQ(tool_->output(),
+    EXPECT_EQ(tool->output(),
               failure(path("FifoRx") + " would be made for 1000:1000, not for the daemon "
                                        "(500:501): run this in the daemon's group"));
     EXPECT_FALSE(board::exists(path("FifoRx")));
@@ -244,7 +244,7 @@ TEST_F(UsersFolder, IsNotForAnAppOfAnotherGroup) {
 
 TEST_F(UsersFolder, IsForAnAppOfTheGroupWhateverItsMask) {
     check(true, 077);
-    EXPECT_THAT(tool_->output(), HasSubstr("ok    daemon and app may open each other's files\n"));
+    EXPECT_THAT(tool->output(), HasSubstr("ok    daemon and app may open each other's files\n"));
     EXPECT_EQ(ownerOf(path("FifoRx")), "1000:501 660");
     EXPECT_FALSE(board::exists(path("UdsIpcRx")));
 }
@@ -253,13 +253,13 @@ TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheApp) {
     ASSERT_EQ(mkfifo(path("FifoTx").c_str(), 0660), 0);
     giveTo(path("FifoTx"), 0, kDaemonGroup, 0660);
     check(false);
-    EXPECT_EQ(tool_->output(), failure(path("FifoRx") + " would be made for 1000:1000, not for the "
-                                                        "daemon (500:501): run this in the "
-                                                        "daemon's group"));
+    EXPECT_EQ(tool->output(), failure(path("FifoRx") + " would be made for 1000:1000, not for the "
+                                                       "daemon (500:501): run this in the "
+                                                       "daemon's group"));
     ASSERT_EQ(mkfifo(path("FifoRx").c_str(), 0666), 0);
     giveTo(path("FifoRx"), 0, kDaemonGroup, 0666);
     check(false);
-    EXPECT_EQ(tool_->output(),
+    EXPECT_EQ(tool->output(),
               failure(path("FifoTx") +
                       " (0:501 0660) is not for this process (1000:1000): run it in the file's "
                       "group"));
@@ -270,7 +270,7 @@ TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheDaemon) {
     ASSERT_EQ(mkfifo(path("FifoRx").c_str(), 0644), 0);
     giveTo(path("FifoRx"), kAppUser, kAppUser, 0644);
     check(true);
-    EXPECT_EQ(tool_->output(),
+    EXPECT_EQ(tool->output(),
               failure(path("FifoRx") +
                       " (1000:1000 0644) is not for the daemon (500:501): remove it, or give it to "
                       "the daemon's group"));
@@ -280,27 +280,27 @@ TEST_F(UsersFolder, ShowsASocketThatAnotherUserLeft) {
     ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);
     giveTo(path("UdsIpcRx"), 0, kDaemonGroup, 0660);
     check(true);
-    EXPECT_EQ(tool_->output(), failure(path("UdsIpcRx") +
-                                       " (0:501 0660) was left by another user, who has to remove "
-                                       "it"));
+    EXPECT_EQ(tool->output(), failure(path("UdsIpcRx") +
+                                      " (0:501 0660) was left by another user, who has to remove "
+                                      "it"));
 }
 
 TEST_F(UsersFolder, MakesFilesForTheGroupThatIsNamed) {
     start({"record", "/out/heard.wav", "--seconds", "0.5", "--group", "777", "--directory",
-           folder_.path()});
+           folder.path()});
     outputAfter(0);
     EXPECT_EQ(ownerOf(path("FifoRx")), "0:777 660");
     EXPECT_EQ(ownerOf(path("UdsIpcRx")), "0:777 660");
 }
 
 TEST_F(UsersFolder, TellsTheStatusOfADaemonThatIsNotForTheApp) {
-    start({"status", "--directory", folder_.path()}, [] {
+    start({"status", "--directory", folder.path()}, [] {
         if (setgroups(0, nullptr) != 0 || setgid(kAppUser) != 0 || setuid(kAppUser) != 0) {
             _exit(126);
         }
     });
     EXPECT_THAT(outputAfter(1), HasSubstr("daemon      unreachable\n"));
-    EXPECT_EQ(tool_->errors(),
+    EXPECT_EQ(tool->errors(),
               "uafd-companion: status: " + path("FifoRx") +
                   " would be made for 1000:1000, not for the daemon (500:501): run this in the "
                   "daemon's group\n");
@@ -310,7 +310,7 @@ TEST_F(UsersFolder, TellsTheStatusOfADaemonThatIsNotForTheApp) {
 TEST_F(UsersFolder, GivesASocketBackToTheUserWhoLeftIt) {
     ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);
     giveTo(path("UdsIpcRx"), kAppUser, kDaemonGroup, 0640);
-    start({"check", "--wait", "0.5", "--directory", folder_.path()});
+    start({"check", "--wait", "0.5", "--directory", folder.path()});
     EXPECT_THAT(outputAfter(1), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
     EXPECT_EQ(ownerOf(path("UdsIpcRx")), "1000:501 640");
     EXPECT_EQ(ownerOf(path("FifoRx")), "0:501 660") << "in the daemon's group";

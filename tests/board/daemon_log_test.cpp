@@ -34,13 +34,13 @@ class DaemonLog : public BoardCase {
         const size_t lines =
             std::accumulate(wanted.begin(), wanted.end(), size_t{0},
                             [](size_t sum, const ThreadLog& log) { return sum + log.size(); });
-        board::waitFor([&] { return daemon.mark() >= mark_ + lines; });
+        board::waitFor([&] { return daemon.mark() >= logMark + lines; });
         board::sleepFor(100 * kMs);  // for a line too many
         std::map<int, ThreadLog> threads;
-        for (size_t i = mark_; i < daemon.log().size(); ++i) {
+        for (size_t i = logMark; i < daemon.log().size(); ++i) {
             threads[daemon.log()[i].tid].push_back(daemon.log()[i].brief());
         }
-        mark_ = daemon.mark();
+        logMark = daemon.mark();
         for (const ThreadLog& log : wanted) {
             const auto found =
                 std::find_if(threads.begin(), threads.end(),
@@ -61,7 +61,7 @@ class DaemonLog : public BoardCase {
     }
 
   private:
-    size_t mark_ = 0;
+    size_t logMark = 0;
 };
 
 constexpr char kFresh[] = "cardnum:-1 bindcnt=0 bindbad:0";

@@ -26,19 +26,19 @@ class Events : public BoardCase {
 
     // A raw record, without any change on the host's side.
     void deliver(uint32_t type, uint32_t data) {
-        mark_ = daemon.mark();
-        messages_ = app->messages().size();
+        logMark = daemon.mark();
+        messageMark = app->messages().size();
         host.command("record " + std::to_string(type) + " " + std::to_string(data));
         ASSERT_TRUE(settle());
         board::sleepFor(50 * kMs);
     }
 
-    int said(const std::string& text) { return daemon.count(text, mark_); }
-    std::vector<Message> told() const { return app->messageValues(messages_); }
+    int said(const std::string& text) { return daemon.count(text, logMark); }
+    std::vector<Message> told() const { return app->messageValues(messageMark); }
     // What the app sends, and what the driver was then asked.
     std::vector<std::string> requestsAfter(Message message) {
-        mark_ = daemon.mark();
-        messages_ = app->messages().size();
+        logMark = daemon.mark();
+        messageMark = app->messages().size();
         const board::Ns since = board::now();
         EXPECT_EQ(app->send(message), 0);
         board::sleepFor(50 * kMs);
@@ -50,8 +50,8 @@ class Events : public BoardCase {
     }
 
   private:
-    size_t mark_ = 0;
-    size_t messages_ = 0;
+    size_t logMark = 0;
+    size_t messageMark = 0;
 };
 
 // ---- Event records -----------------------------------------------------------------------------

@@ -24,10 +24,10 @@ class Faults : public BoardCase {
     // The app's part is played by a process that can die.
     void letAProcessBeTheApp() {
         app.reset();
-        victim_ = std::make_unique<AppProcess>();
+        victim = std::make_unique<AppProcess>();
         board::sleepFor(100 * kMs);
     }
-    void killTheApp() { victim_->kill(); }
+    void killTheApp() { victim->kill(); }
     void restartTheApp() { app = std::make_unique<App>(); }
 
     void bothOff() {
@@ -42,7 +42,7 @@ class Faults : public BoardCase {
         EXPECT_LT(board::cpuOf(daemon.pid()) - before, 200 * kMs);
     }
 
-    std::unique_ptr<AppProcess> victim_;
+    std::unique_ptr<AppProcess> victim;
 };
 
 // ---- The app dies ------------------------------------------------------------------------------
@@ -124,9 +124,9 @@ TEST_F(Faults, AFrozenAppCostsSoundAndNothingElse) {
     letAProcessBeTheApp();
     bothOn();
     board::sleepFor(300 * kMs);
-    victim_->freeze();
+    victim->freeze();
     expectNobodyBusy();
-    victim_->thaw();
+    victim->thaw();
     board::sleepFor(300 * kMs);
     killTheApp();
     restartTheApp();

@@ -22,13 +22,13 @@ class ModuleCase : public testing::Test {
     // What the module notes from the construction on.
     class Notes {
       public:
-        explicit Notes(ModuleCase& module) : host_(*module.host), taken_(host_.events().size()) {}
+        explicit Notes(ModuleCase& module) : host(*module.host), taken(host.events().size()) {}
 
         // Everything since the last call.
         std::vector<board::HostEvent> take() {
-            const std::vector<board::HostEvent>& all = host_.events();
-            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(taken_);
-            taken_ = all.size();
+            const std::vector<board::HostEvent>& all = host.events();
+            const auto begin = all.begin() + static_cast<std::ptrdiff_t>(taken);
+            taken = all.size();
             return {begin, all.end()};
         }
         // The same, without the times and without the host's own commands.
@@ -43,8 +43,8 @@ class ModuleCase : public testing::Test {
         }
 
       private:
-        board::Host& host_;
-        size_t taken_;
+        board::Host& host;
+        size_t taken;
     };
 
     // Empty while the module is unloaded.

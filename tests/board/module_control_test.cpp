@@ -49,27 +49,27 @@ class Control {
   public:
     explicit Control(int flags = O_RDONLY | O_NONBLOCK) {
         mknod(kNode, S_IFCHR | 0600, makedev(kUacUserMajor, kUacUserMinor));
-        fd_ = open(kNode, flags | O_CLOEXEC);
+        descriptor = open(kNode, flags | O_CLOEXEC);
     }
-    ~Control() { close(fd_); }
+    ~Control() { close(descriptor); }
     Control(const Control&) = delete;
     Control& operator=(const Control&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const { return descriptor; }
     // 0 or the errno.
     int request(unsigned long code, void* argument) const {
-        return ioctl(fd_, code, argument) == 0 ? 0 : errno;
+        return ioctl(descriptor, code, argument) == 0 ? 0 : errno;
     }
     std::vector<Record> records() const {
         std::vector<Record> all;
-        for (UacUserMsgT record; read(fd_, &record, sizeof record) == sizeof record;) {
+        for (UacUserMsgT record; read(descriptor, &record, sizeof record) == sizeof record;) {
             all.emplace_back(record.type, record.data);
         }
         return all;
     }
 
   private:
-    int fd_;
+    int descriptor;
 };
 
 class Module : public ModuleCase {
@@ -243,20 +243,20 @@ TEST_F(Module, SpoilsAReadThatAlreadyWaits) {
 // A listener for the kernel's uevents.
 class Uevents {
   public:
-    Uevents() : fd_(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
+    Uevents() : descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
         sockaddr_nl address{};
         address.nl_family = AF_NETLINK;
         address.nl_groups = 1;
-        bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
-    ~Uevents() { close(fd_); }
+    ~Uevents() { close(descriptor); }
     Uevents(const Uevents&) = delete;
     Uevents& operator=(const Uevents&) = delete;
 
     // The next event, its strings joined by spaces, without its number; empty when there is none.
     std::string next() {
         char buffer[4096];
-        const ssize_t len = recv(fd_, buffer, sizeof buffer, 0);
+        const ssize_t len = recv(descriptor, buffer, sizeof buffer, 0);
         std::string text(buffer, static_cast<size_t>(std::max<ssize_t>(len, 1)) - 1);
         std::replace(text.begin(), text.end(), '\0', ' ');
         return text.substr(0, text.find(" SEQNUM="));
@@ -273,7 +273,7 @@ class Uevents {
     }
 
   private:
-    const int fd_;
+    const int descriptor;
 };
 
 constexpr char kChange[] =

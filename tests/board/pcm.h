@@ -12,19 +12,19 @@
 class Pcm {
   public:
     explicit Pcm(snd_pcm_stream_t stream, const std::string& name = "hw:1")
-        : opened_(snd_pcm_open(&pcm_, name.c_str(), stream, 0)) {}
+        : openResult(snd_pcm_open(&pcm, name.c_str(), stream, 0)) {}
     ~Pcm() {
-        if (pcm_ != nullptr) {
-            snd_pcm_close(pcm_);
+        if (pcm != nullptr) {
+            snd_pcm_close(pcm);
         }
     }
     Pcm(const Pcm&) = delete;
     Pcm& operator=(const Pcm&) = delete;
 
-    snd_pcm_t* get() const { return pcm_; }
-    int opened() const { return opened_; }
-    int start() { return snd_pcm_start(pcm_); }
-    snd_pcm_state_t state() const { return snd_pcm_state(pcm_); }
+    snd_pcm_t* get() const { return pcm; }
+    int opened() const { return openResult; }
+    int start() { return snd_pcm_start(pcm); }
+    snd_pcm_state_t state() const { return snd_pcm_state(pcm); }
 
     // The steps of setting up, by the call that failed; "" when all went well.
     std::string setUp(snd_pcm_uframes_t buffer, snd_pcm_uframes_t period,
@@ -33,23 +33,23 @@ class Pcm {
         snd_pcm_hw_params_alloca(&hw);
         int dir = 0;
         const std::string failed =
-            step("any", snd_pcm_hw_params_any(pcm_, hw)) +
-            step("access", snd_pcm_hw_params_set_access(pcm_, hw, SND_PCM_ACCESS_RW_INTERLEAVED)) +
-            step("format", snd_pcm_hw_params_set_format(pcm_, hw, SND_PCM_FORMAT_S16_LE)) +
-            step("channels", snd_pcm_hw_params_set_channels(pcm_, hw, 1)) +
-            step("rate", snd_pcm_hw_params_set_rate_near(pcm_, hw, &rate, &dir)) +
-            step("buffer", snd_pcm_hw_params_set_buffer_size_near(pcm_, hw, &buffer)) +
-            step("period", snd_pcm_hw_params_set_period_size_near(pcm_, hw, &period, &dir)) +
-            step("install", snd_pcm_hw_params(pcm_, hw));
+            step("any", snd_pcm_hw_params_any(pcm, hw)) +
+            step("access", snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED)) +
+            step("format", snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE)) +
+            step("channels", snd_pcm_hw_params_set_channels(pcm, hw, 1)) +
+            step("rate", snd_pcm_hw_params_set_rate_near(pcm, hw, &rate, &dir)) +
+            step("buffer", snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer)) +
+            step("period", snd_pcm_hw_params_set_period_size_near(pcm, hw, &period, &dir)) +
+            step("install", snd_pcm_hw_params(pcm, hw));
         return failed.empty() ? setThresholds(period, stopThreshold) : failed;
     }
 
     // Frames read or written, or the negative error.
     snd_pcm_sframes_t read(std::vector<int16_t>& frames) {
-        return snd_pcm_readi(pcm_, frames.data(), frames.size());
+        return snd_pcm_readi(pcm, frames.data(), frames.size());
     }
     snd_pcm_sframes_t write(const std::vector<int16_t>& frames) {
-        return snd_pcm_writei(pcm_, frames.data(), frames.size());
+        return snd_pcm_writei(pcm, frames.data(), frames.size());
     }
 
     unsigned rate = 48000;  // as granted
@@ -58,23 +58,23 @@ class Pcm {
     std::string setThresholds(snd_pcm_uframes_t period, snd_pcm_uframes_t stopThreshold) {
         snd_pcm_sw_params_t* sw;
         snd_pcm_sw_params_alloca(&sw);
-        return step("current", snd_pcm_sw_params_current(pcm_, sw)) +
-               step("start", snd_pcm_sw_params_set_start_threshold(pcm_, sw, period)) +
-               step("stop", snd_pcm_sw_params_set_stop_threshold(pcm_, sw, stopThreshold)) +
-               step("avail", snd_pcm_sw_params_set_avail_min(pcm_, sw, period)) +
-               step("sw_params", snd_pcm_sw_params(pcm_, sw));
+        return step("current", snd_pcm_sw_params_current(pcm, sw)) +
+               step("start", snd_pcm_sw_params_set_start_threshold(pcm, sw, period)) +
+               step("stop", snd_pcm_sw_params_set_stop_threshold(pcm, sw, stopThreshold)) +
+               step("avail", snd_pcm_sw_params_set_avail_min(pcm, sw, period)) +
+               step("sw_params", snd_pcm_sw_params(pcm, sw));
     }
 
     // Only the first failure counts; what follows it fails in its wake.
     std::string step(const char* name, int result) {
-        if (result >= 0 || failed_) {
+        if (result >= 0 || hasFailed) {
             return "";
         }
-        failed_ = true;
+        hasFailed = true;
         return name + std::to_string(result);
     }
 
-    snd_pcm_t* pcm_ = nullptr;
-    const int opened_;
-    bool failed_ = false;
+    snd_pcm_t* pcm = nullptr;
+    const int openResult;
+    bool hasFailed = false;
 };

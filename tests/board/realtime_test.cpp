@@ -110,39 +110,39 @@ std::string nameOf(const PerfSample& call) {
 // What one thread does, from its making on.
 class Watch {
   public:
-    explicit Watch(pid_t tid) : calls_(enters(tid)) {
-        calls_.record();
+    explicit Watch(pid_t tid) : systemCalls(enters(tid)) {
+        systemCalls.record();
         for (const char* function : {"malloc", "calloc", "realloc", "free", "posix_memalign",
                                      "aligned_alloc", "memalign", "valloc", "strdup"}) {
-            events_.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
+            events.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
         }
         for (const char* function :
              {"pthread_mutex_lock", "pthread_mutex_trylock", "pthread_mutex_timedlock",
               "pthread_rwlock_rdlock", "pthread_rwlock_wrlock", "pthread_spin_lock",
               "pthread_cond_wait", "pthread_cond_timedwait", "sem_wait", "flockfile"}) {
-            events_.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
+            events.emplace(function, PerfEvent::libraryCalls(function, PerfScope::thread(tid)));
         }
-        events_.emplace("page fault", PerfEvent::pageFaults(PerfScope::thread(tid)));
+        events.emplace("page fault", PerfEvent::pageFaults(PerfScope::thread(tid)));
     }
 
     // From here on.
     void begin() {
-        calls_.take();
-        for (const auto& [what, event] : events_) {
-            before_[what] = event.count();
+        systemCalls.take();
+        for (const auto& [what, event] : events) {
+            before[what] = event.count();
         }
     }
     void look() {
-        for (const PerfSample& call : calls_.take()) {
-            ++done_[nameOf(call)];
+        for (const PerfSample& call : systemCalls.take()) {
+            ++doneSoFar[nameOf(call)];
         }
     }
     // How often it did what, with everything that was watched.
     std::map<std::string, int64_t> done() {
         look();
-        std::map<std::string, int64_t> all = done_;
-        for (const auto& [what, event] : events_) {
-            all[what] = event.count() - before_[what];
+        std::map<std::string, int64_t> all = doneSoFar;
+        for (const auto& [what, event] : events) {
+            all[what] = event.count() - before[what];
         }
         return all;
     }
@@ -152,10 +152,10 @@ class Watch {
         return PerfEvent::traced(board::traceId("raw_syscalls/sys_enter"), PerfScope::thread(tid));
     }
 
-    PerfEvent calls_;
-    std::map<std::string, PerfEvent> events_;
-    std::map<std::string, int64_t> before_;
-    std::map<std::string, int64_t> done_;
+    PerfEvent systemCalls;
+    std::map<std::string, PerfEvent> events;
+    std::map<std::string, int64_t> before;
+    std::map<std::string, int64_t> doneSoFar;
 };
 
 class Realtime : public BoardCase {

@@ -30,7 +30,7 @@ class Speaker : public BoardCase {
         const HostPlayer player(noise);
         board::waitFor([&] { return player.queued() > kRate; });
         const size_t messages = app->messages().size();
-        onAt_ = board::now();
+        onAt = board::now();
         host.command("speaker on");
         board::sleepFor(time);
         host.command("speaker off");
@@ -74,7 +74,7 @@ class Speaker : public BoardCase {
         return latencies;
     }
 
-    Ns onAt_ = 0;
+    Ns onAt = 0;
 };
 
 TEST_F(Speaker, ReachesTheAppBitForBitAfterTheHoldBack) {
@@ -83,7 +83,7 @@ TEST_F(Speaker, ReachesTheAppBitForBitAfterTheHoldBack) {
     const int64_t first = expectExact(heard);
     EXPECT_LT(first, 6 * kPeriod);
     const board::Spread latency = board::spreadOf(latencies(heard, first));
-    const Ns firstByte = heard.blocks.front().at - onAt_;
+    const Ns firstByte = heard.blocks.front().at - onAt;
     printf("speaker: start to first byte %.2f ms; latency %s\n",
            static_cast<double>(firstByte) / kMs, board::inMs(latency).c_str());
     RecordProperty("start_to_first_byte_us", static_cast<int>(firstByte / 1000));

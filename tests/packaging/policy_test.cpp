@@ -125,7 +125,7 @@ class Policy : public testing::Test {
         host.reset();
     }
 
-    const board::MicService micService_;
+    const board::MicService micService;
 };
 
 TEST_F(Policy, LabelsTheMount) {

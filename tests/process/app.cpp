@@ -49,23 +49,23 @@ void sleepBlock() {
 // One life, in its process.
 class App::Life {
   public:
-    Life(const Root& root, Seen& seen, uint32_t life) : root_(root), seen_(seen), random_(life) {
+    Life(const Root& root, Seen& seen, uint32_t life) : root(root), seen(seen), random(life) {
         signal(SIGPIPE, SIG_IGN);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-        const sockaddr_un own = addressOf(root_.path(kSocketRx));
+        messageSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        const sockaddr_un own = addressOf(root.path(kSocketRx));
         unlink(own.sun_path);
-        bind(socket_, reinterpret_cast<const sockaddr*>(&own), sizeof own);
-        seen_.listening = life;
+        bind(messageSocket, reinterpret_cast<const sockaddr*>(&own), sizeof own);
+        seen.listening = life;
     }
 
     [[noreturn]] void live() {
         for (;;) {
-            if (!seen_.paused) {
+            if (!seen.paused) {
                 hear();
                 say();
                 receive();
-                if (random_() % kMessageEvery == 0) {
+                if (random() % kMessageEvery == 0) {
                     ask();
                 }
             }
@@ -76,49 +76,49 @@ class App::Life {
   private:
     // For a while as fast as the daemon, for a while so slow that it starves it.
     void keepPace() {
-        if (random_() % kPaceBlocks == 0) {
-            slowness_ = 1 + static_cast<int>(random_() % 4);
+        if (random() % kPaceBlocks == 0) {
+            slowness = 1 + static_cast<int>(random() % 4);
         }
-        for (int left = seen_.slow ? kVerySlow : slowness_; left > 0; --left) {
+        for (int left = seen.slow ? kVerySlow : slowness; left > 0; --left) {
             sleepBlock();
         }
     }
 
     void hear() {
-        if (rx_ < 0) {
-            rx_ = open(root_.path(kFifoRx).c_str(), O_RDONLY | O_NONBLOCK);
+        if (rx < 0) {
+            rx = open(root.path(kFifoRx).c_str(), O_RDONLY | O_NONBLOCK);
         }
         std::array<int16_t, 2048> samples;
-        const ssize_t got = rx_ < 0 ? 0 : read(rx_, samples.data(), sizeof samples);
+        const ssize_t got = rx < 0 ? 0 : read(rx, samples.data(), sizeof samples);
         if (got <= 0) {
             return;
         }
-        seen_.heardBytes += static_cast<uint64_t>(got);
+        seen.heardBytes += static_cast<uint64_t>(got);
         for (size_t i = 0; i + 1 < static_cast<size_t>(got) / sizeof(int16_t); i += 2) {
-            seen_.tornFrames += samples[i] != samples[i + 1] ? 1 : 0;
+            seen.tornFrames += samples[i] != samples[i + 1] ? 1 : 0;
         }
     }
 
     void say() {
-        if (tx_ < 0) {
-            tx_ = open(root_.path(kFifoTx).c_str(), O_WRONLY | O_NONBLOCK);
+        if (tx < 0) {
+            tx = open(root.path(kFifoTx).c_str(), O_WRONLY | O_NONBLOCK);
         }
         std::array<int16_t, kBlockSamples> block;
-        block.fill(static_cast<int16_t>(random_()));
-        const ssize_t put = tx_ < 0 ? 0 : write(tx_, block.data(), sizeof block);
+        block.fill(static_cast<int16_t>(random()));
+        const ssize_t put = tx < 0 ? 0 : write(tx, block.data(), sizeof block);
         if (put > 0) {
-            seen_.saidBytes += static_cast<uint64_t>(put);
+            seen.saidBytes += static_cast<uint64_t>(put);
         } else if (put < 0 && errno == EPIPE) {
-            close(tx_);
-            tx_ = -1;
+            close(tx);
+            tx = -1;
         }
     }
 
     void receive() {
         uint32_t message[2];
-        while (recv(socket_, message, sizeof message, 0) == sizeof message) {
-            seen_.last[message[0] & 7] = message[1];
-            ++seen_.messages;
+        while (recv(messageSocket, message, sizeof message, 0) == sizeof message) {
+            seen.last[message[0] & 7] = message[1];
+            ++seen.messages;
         }
     }
 
@@ -126,64 +126,64 @@ class App::Life {
     void ask() {
         constexpr uint32_t types[] = {7, 7, 3, 5, 3, 5, 0, 4, 99};
         constexpr size_t sizes[] = {8, 8, 8, 8, 8, 8, 1, 4, 7, 12};
-        const uint32_t message[3] = {types[random_() % std::size(types)],
-                                     static_cast<uint32_t>(random_()), 0};
-        const sockaddr_un to = addressOf(root_.path(kSocketTx));
-        sendto(socket_, message, sizes[random_() % std::size(sizes)], 0,
+        const uint32_t message[3] = {types[random() % std::size(types)],
+                                     static_cast<uint32_t>(random()), 0};
+        const sockaddr_un to = addressOf(root.path(kSocketTx));
+        sendto(messageSocket, message, sizes[random() % std::size(sizes)], 0,
                reinterpret_cast<const sockaddr*>(&to), sizeof to);
     }
 
-    const Root& root_;
-    Seen& seen_;
-    std::minstd_rand random_;
-    int socket_ = -1;
-    int rx_ = -1;
-    int tx_ = -1;
-    int slowness_ = 1;
+    const Root& root;
+    Seen& seen;
+    std::minstd_rand random;
+    int messageSocket = -1;
+    int rx = -1;
+    int tx = -1;
+    int slowness = 1;
 };
 
 App::App(const Root& root)
-    : root_(root),
-      seen_(new (mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
-                      0)) Seen) {}
+    : root(root),
+      seen(new (mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                     0)) Seen) {}
 
 App::~App() {
     kill();
-    munmap(seen_, sizeof *seen_);
+    munmap(seen, sizeof *seen);
 }
 
 void App::start() {
     if (isRunning()) {
         return;
     }
-    ++lives_;
-    pid_ = fork();
-    if (pid_ == 0) {
-        Life(root_, *seen_, lives_).live();
+    ++lives;
+    pid = fork();
+    if (pid == 0) {
+        Life(root, *seen, lives).live();
     }
 }
 
 void App::kill() {
     if (isRunning()) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        ++deaths_;
+        ::kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+        ++deathCount;
     }
 }
 
 void App::waitUntilListening() const {
-    while (isRunning() && seen_->listening != lives_) {
+    while (isRunning() && seen->listening != lives) {
         sleepBlock();
     }
 }
 
 void App::pause(bool paused) {
-    seen_->paused = paused;
+    seen->paused = paused;
 }
 
 void App::slowDown() {
-    seen_->slow = true;
+    seen->slow = true;
 }
 
 }  // namespace process

@@ -23,8 +23,8 @@ class App {
 
     void start();
     void kill();
-    bool isRunning() const { return pid_ > 0; }
-    int deaths() const { return deaths_; }
+    bool isRunning() const { return pid > 0; }
+    int deaths() const { return deathCount; }
     // Until then the daemon's messages go to nobody, and are lost.
     void waitUntilListening() const;
     // A paused app holds everything open and touches nothing.
@@ -33,13 +33,13 @@ class App {
     void slowDown();
 
     // Of all its lives.
-    uint64_t heardBytes() const { return seen_->heardBytes; }
-    uint64_t saidBytes() const { return seen_->saidBytes; }
-    uint64_t messages() const { return seen_->messages; }
+    uint64_t heardBytes() const { return seen->heardBytes; }
+    uint64_t saidBytes() const { return seen->saidBytes; }
+    uint64_t messages() const { return seen->messages; }
     // The data of the newest message of that type, 0 to 7.
-    uint32_t lastOf(uint32_t type) const { return seen_->last[type & 7]; }
+    uint32_t lastOf(uint32_t type) const { return seen->last[type & 7]; }
     // Stereo frames whose samples differ, which the daemon never sends.
-    uint64_t tornFrames() const { return seen_->tornFrames; }
+    uint64_t tornFrames() const { return seen->tornFrames; }
 
   private:
     // Memory that the lives share with the test.
@@ -55,11 +55,11 @@ class App {
     };
     class Life;
 
-    const Root& root_;
-    Seen* seen_;
-    pid_t pid_ = -1;
-    uint32_t lives_ = 0;
-    int deaths_ = 0;
+    const Root& root;
+    Seen* seen;
+    pid_t pid = -1;
+    uint32_t lives = 0;
+    int deathCount = 0;
 };
 
 }  // namespace process

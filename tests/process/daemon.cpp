@@ -57,15 +57,15 @@ void setSanitizers(const std::string& report) {
 
 }  // namespace
 
-Daemon::Daemon(const Root& root) : root_(root) {
+Daemon::Daemon(const Root& root) : root(root) {
     int control[2], notes[2], uevents[2];
     openWire(control);
     openWire(notes);
     openWire(uevents);
-    control_ = control[0];
-    notes_ = notes[0];
-    uevents_ = uevents[0];
-    app_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    controlEnd = control[0];
+    notesEnd = notes[0];
+    ueventsEnd = uevents[0];
+    appSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     start(control, notes, uevents);
     close(control[1]);
     close(notes[1]);
@@ -73,32 +73,32 @@ Daemon::Daemon(const Root& root) : root_(root) {
 }
 
 void Daemon::start(const int control[2], const int notes[2], const int uevents[2]) {
-    pid_ = fork();
-    if (pid_ < 0) {
+    pid = fork();
+    if (pid < 0) {
         throw std::runtime_error(std::string("fork: ") + strerror(errno));
     }
-    running_ = true;
-    if (pid_ != 0) {
+    running = true;
+    if (pid != 0) {
         return;
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(control[1], kControlFd);
     dup2(notes[1], kNotesFd);
     dup2(uevents[1], kUeventFd);
-    const int log = ::open(root_.path("/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    const int log = ::open(root.path("/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     dup2(log, STDOUT_FILENO);
     dup2(log, STDERR_FILENO);
-    setSanitizers(root_.path("/report"));
-    execl(DAEMON_PROGRAM, DAEMON_PROGRAM, root_.path().c_str(), nullptr);
+    setSanitizers(root.path("/report"));
+    execl(DAEMON_PROGRAM, DAEMON_PROGRAM, root.path().c_str(), nullptr);
     _exit(EXIT_FAILURE);
 }
 
 Daemon::~Daemon() {
     if (isRunning()) {
-        kill(pid_, SIGKILL);
+        kill(pid, SIGKILL);
         waitForEnd(0);
     }
-    for (const int fd : {control_, notes_, uevents_, app_}) {
+    for (const int fd : {controlEnd, notesEnd, ueventsEnd, appSocket}) {
         close(fd);
     }
 }
@@ -120,30 +120,30 @@ bool Daemon::command(const std::string& text) {
 
 bool Daemon::send(char kind, const std::string& bytes) {
     const std::string packet = kind + bytes;
-    return ::send(control_, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0;
+    return ::send(controlEnd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0;
 }
 
 void Daemon::uevent(const std::string& text, UeventSender sender) {
     std::string packet(sizeof sender, '\0');
     memcpy(&packet[0], &sender, sizeof sender);
     packet += text;
-    ::send(uevents_, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    ::send(ueventsEnd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 void Daemon::datagram(const std::string& bytes) {
     sockaddr_un to{};
     to.sun_family = AF_UNIX;
-    root_.path(kSocketTx).copy(to.sun_path, sizeof to.sun_path - 1);
-    sendto(app_, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to),
-           sizeof to);
+    root.path(kSocketTx).copy(to.sun_path, sizeof to.sun_path - 1);
+    sendto(appSocket, bytes.data(), bytes.size(), MSG_DONTWAIT,
+           reinterpret_cast<const sockaddr*>(&to), sizeof to);
 }
 
 std::vector<std::string> Daemon::takeNotes() {
-    std::vector<std::string> taken = std::move(kept_);
-    kept_.clear();
+    std::vector<std::string> taken = std::move(kept);
+    kept.clear();
     std::array<char, kPacketBytes> packet;
     for (;;) {
-        const ssize_t got = recv(notes_, packet.data(), packet.size(), MSG_DONTWAIT);
+        const ssize_t got = recv(notesEnd, packet.data(), packet.size(), MSG_DONTWAIT);
         if (got <= 0) {
             return taken;
         }
@@ -152,7 +152,7 @@ std::vector<std::string> Daemon::takeNotes() {
 }
 
 bool Daemon::settle() {
-    const std::string word = "echo " + std::to_string(++echoes_);
+    const std::string word = "echo " + std::to_string(++echoes);
     if (!waitFor([&] { return command(word); })) {
         return false;
     }
@@ -162,8 +162,8 @@ bool Daemon::settle() {
         others.insert(others.end(), notes.begin(), notes.end());
         return !others.empty() && std::find(others.begin(), others.end(), word) != others.end();
     });
-    kept_ = std::move(others);
-    kept_.erase(std::remove(kept_.begin(), kept_.end(), word), kept_.end());
+    kept = std::move(others);
+    kept.erase(std::remove(kept.begin(), kept.end(), word), kept.end());
     return settled;
 }
 
@@ -173,7 +173,7 @@ bool Daemon::waitFor(const std::function<bool()>& condition) {
         if (!isRunning() || std::chrono::steady_clock::now() > never) {
             return false;
         }
-        pollfd ready{notes_, POLLIN, 0};
+        pollfd ready{notesEnd, POLLIN, 0};
         poll(&ready, 1, kPollMs);
     }
     return true;
@@ -181,12 +181,12 @@ bool Daemon::waitFor(const std::function<bool()>& condition) {
 
 bool Daemon::isRunning() {
     waitForEnd(WNOHANG);
-    return running_;
+    return running;
 }
 
 void Daemon::waitForEnd(int options) {
-    if (running_ && waitpid(pid_, &status_, options) == pid_) {
-        running_ = false;
+    if (running && waitpid(pid, &status, options) == pid) {
+        running = false;
     }
 }
 
@@ -197,7 +197,7 @@ int Daemon::end() {
 
 int Daemon::exitStatus() {
     waitFor([this] { return !isRunning(); });
-    return !running_ && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+    return !running && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int Daemon::descriptors() const {
@@ -209,7 +209,7 @@ int Daemon::threads() const {
 }
 
 std::string Daemon::procFolder() const {
-    return "/proc/" + std::to_string(pid_) + '/';
+    return "/proc/" + std::to_string(pid) + '/';
 }
 
 int Daemon::entriesOf(const std::string& folder) const {
@@ -219,7 +219,7 @@ int Daemon::entriesOf(const std::string& folder) const {
 }
 
 int Daemon::count(const std::string& text) const {
-    std::istringstream log(root_.contents("/log"));
+    std::istringstream log(root.contents("/log"));
     int lines = 0;
     for (std::string line; std::getline(log, line);) {
         lines += line.find(text) != std::string::npos ? 1 : 0;
@@ -229,17 +229,17 @@ int Daemon::count(const std::string& text) const {
 
 std::string Daemon::report() const {
     std::string reports;
-    for (const auto& file : std::filesystem::directory_iterator(root_.path())) {
+    for (const auto& file : std::filesystem::directory_iterator(root.path())) {
         const std::string name = file.path().filename().string();
         if (name.rfind("report", 0) == 0) {
-            reports += root_.contents("/" + name);
+            reports += root.contents("/" + name);
         }
     }
     return reports;
 }
 
 std::string Daemon::state() const {
-    std::istringstream log(root_.contents("/log"));
+    std::istringstream log(root.contents("/log"));
     std::deque<std::string> last;
     for (std::string line; std::getline(log, line);) {
         if (line.find("likely a timeout") == std::string::npos) {

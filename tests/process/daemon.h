@@ -65,16 +65,16 @@ class Daemon {
     std::string procFolder() const;
     int entriesOf(const std::string& folder) const;
 
-    const Root& root_;
-    pid_t pid_ = -1;
-    int status_ = 0;
-    bool running_ = false;
-    int control_ = -1;
-    int notes_ = -1;
-    int uevents_ = -1;
-    int app_ = -1;  // a datagram socket
-    std::vector<std::string> kept_;
-    unsigned echoes_ = 0;
+    const Root& root;
+    pid_t pid = -1;
+    int status = 0;
+    bool running = false;
+    int controlEnd = -1;
+    int notesEnd = -1;
+    int ueventsEnd = -1;
+    int appSocket = -1;  // a datagram socket
+    std::vector<std::string> kept;
+    unsigned echoes = 0;
 };
 
 }  // namespace process

@@ -20,8 +20,8 @@ class Root {
     // running; no FIFO.
     Root();
 
-    const std::string& path() const { return folder_.path(); }
-    std::string path(const std::string& name) const { return folder_.path() + name; }
+    const std::string& path() const { return folder.path(); }
+    std::string path(const std::string& name) const { return folder.path() + name; }
     std::string contents(const std::string& name) const;
 
     void makeFifos() const;
@@ -35,7 +35,7 @@ class Root {
   private:
     void put(const std::string& name, const std::string& text) const;
 
-    TempDir folder_;
+    TempDir folder;
 };
 
 }  // namespace process

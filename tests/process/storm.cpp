@@ -98,16 +98,16 @@ const Storm::Action Storm::kActions[] = {
     {6, "plug the card", &Storm::plugCard},
 };
 
-Storm::Storm(uint32_t seed) : random_(seed), daemon_(root_), app_(root_) {}
+Storm::Storm(uint32_t seed) : daemon(root), app(root), random(seed) {}
 
 bool Storm::begin() {
     // It waits for FIFOs that are not there yet.
-    if (!daemon_.waitFor([this] { return daemon_.count("is not available yet") > 0; })) {
+    if (!daemon.waitFor([this] { return daemon.count("is not available yet") > 0; })) {
         return false;
     }
-    root_.makeFifos();
-    app_.start();
-    return daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0) && daemon_.settle();
+    root.makeFifos();
+    app.start();
+    return daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0) && daemon.settle();
 }
 
 void Storm::act() {
@@ -121,7 +121,7 @@ void Storm::act() {
         drawn -= action->weight;
         ++action;
     }
-    ++done_[action->name];
+    ++doneCounts[action->name];
     (this->*action->act)();
 }
 
@@ -129,12 +129,12 @@ bool Storm::rage(int steps) {
     for (int step = 1; step <= steps; ++step) {
         act();
         letRun();
-        if (!daemon_.isRunning()) {
+        if (!daemon.isRunning()) {
             return false;
         }
         if (step % kStepsARound == 0) {
             // Whatever has become of the app: neither a stop nor an event waits for it.
-            if (!daemon_.settle()) {
+            if (!daemon.settle()) {
                 return false;
             }
         }
@@ -144,28 +144,28 @@ bool Storm::rage(int steps) {
 
 bool Storm::calmDown() {
     for (const Step& step : kSteps) {
-        daemon_.command(text("answer", std::string(step.function) + " 0 0"));
+        daemon.command(text("answer", std::string(step.function) + " 0 0"));
     }
     for (const Refused& refused : kCalls) {
-        daemon_.command(text("refuse", std::string(refused.call) + " 0 0"));
+        daemon.command(text("refuse", std::string(refused.call) + " 0 0"));
     }
-    daemon_.command("stall capture 0");
-    daemon_.command("stall playback 0");
-    daemon_.command("card 1");
-    root_.setUsbState("CONFIGURED");
+    daemon.command("stall capture 0");
+    daemon.command("stall playback 0");
+    daemon.command("card 1");
+    root.setUsbState("CONFIGURED");
     sendUsbState("CONFIGURED");
-    root_.makeFifos();
-    app_.kill();
+    root.makeFifos();
+    app.kill();
     wakeApp();
     restartApp();
-    app_.waitUntilListening();
-    if (!daemon_.settle()) {
+    app.waitUntilListening();
+    if (!daemon.settle()) {
         return false;
     }
-    daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0);
-    daemon_.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE, 0);
-    daemon_.record(F_UAC_VEXA_USER_EVT_MIC_ACTIVE, 0);
-    return daemon_.settle();
+    daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
+    daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE, 0);
+    daemon.record(F_UAC_VEXA_USER_EVT_MIC_ACTIVE, 0);
+    return daemon.settle();
 }
 
 // The storm's pace: some steps come at once, others while the daemon is busy with the last.
@@ -178,50 +178,50 @@ void Storm::letRun() {
 }
 
 void Storm::answerNotes() {
-    for (const std::string& note : daemon_.takeNotes()) {
+    for (const std::string& note : daemon.takeNotes()) {
         if (note.rfind("system ", 0) == 0) {
             // The platform restarts the controller.
-            ++restarts_;
-            root_.setUsbState("CONFIGURED");
-            daemon_.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
-            daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0);
+            ++restarts;
+            root.setUsbState("CONFIGURED");
+            daemon.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
+            daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
             sendUsbState("CONFIGURED");
         }
     }
 }
 
 void Storm::sendUsbState(const std::string& word) {
-    daemon_.uevent(ueventOf("change", "android_usb", "USB_STATE=" + word));
+    daemon.uevent(ueventOf("change", "android_usb", "USB_STATE=" + word));
 }
 
 // ---- The gadget driver and the host ------------------------------------------------------------
 
 void Storm::bindAgain() {
     for (uint32_t left = 1 + upTo(6); left > 0; --left) {
-        daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0);
+        daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
     }
 }
 
 void Storm::unbindAndBind() {
-    daemon_.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
+    daemon.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
     letRun();
-    daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0);
+    daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
 }
 
 void Storm::switchOne() {
-    daemon_.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE + upTo(2), upTo(2));
+    daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE + upTo(2), upTo(2));
 }
 
 void Storm::switchBoth() {
     const uint32_t on = upTo(2);
-    daemon_.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE, on);
-    daemon_.record(F_UAC_VEXA_USER_EVT_MIC_ACTIVE, on);
+    daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE, on);
+    daemon.record(F_UAC_VEXA_USER_EVT_MIC_ACTIVE, on);
 }
 
 void Storm::switchManyTimes() {
     const uint32_t type = F_UAC_VEXA_USER_EVT_SPK_ACTIVE + upTo(2);
     for (uint32_t left = 2 + upTo(6); left > 0; --left) {
-        daemon_.record(type, left % 2);
+        daemon.record(type, left % 2);
         if (upTo(2) == 0) {
             letRun();
         }
@@ -234,40 +234,40 @@ void Storm::volumesAndMutes() {
 
 void Storm::sendVolumes(uint32_t count) {
     for (uint32_t left = count; left > 0; --left) {
-        daemon_.record(F_UAC_VEXA_USER_EVT_SPK_VOLUME + upTo(4), draw());
+        daemon.record(F_UAC_VEXA_USER_EVT_SPK_VOLUME + upTo(4), draw());
     }
 }
 
 void Storm::invalidRecord() {
-    daemon_.record(8 + upTo(1000), draw());
+    daemon.record(8 + upTo(1000), draw());
 }
 
 // Shorter than a record; the rest of the one before stays.
 void Storm::oddRecord() {
-    daemon_.rawRecord(std::string(upTo(8), static_cast<char>(upTo(8))));
+    daemon.rawRecord(std::string(upTo(8), static_cast<char>(upTo(8))));
 }
 
 // ---- The app -----------------------------------------------------------------------------------
 
 void Storm::killApp() {
-    app_.kill();
+    app.kill();
 }
 
 void Storm::restartApp() {
-    root_.makeFifos();
-    app_.start();
+    root.makeFifos();
+    app.start();
 }
 
 void Storm::replaceFifos() {
-    app_.kill();
-    root_.removeFifo(kFifoRx);
-    root_.removeFifo(kFifoTx);
+    app.kill();
+    root.removeFifo(kFifoRx);
+    root.removeFifo(kFifoTx);
     letRun();
     restartApp();
 }
 
 void Storm::pauseApp() {
-    app_.pause(true);
+    app.pause(true);
 }
 
 // With more messages than the daemon keeps and the app's socket takes.
@@ -277,18 +277,18 @@ void Storm::floodSilentApp() {
 }
 
 void Storm::wakeApp() {
-    app_.pause(false);
+    app.pause(false);
 }
 
 void Storm::syncUps() {
     for (uint32_t left = 1 + upTo(120); left > 0; --left) {
-        daemon_.datagram(std::string("\7\0\0\0\0\0\0\0", 8));
+        daemon.datagram(std::string("\7\0\0\0\0\0\0\0", 8));
     }
 }
 
 void Storm::oddDatagrams() {
     for (uint32_t left = 1 + upTo(8); left > 0; --left) {
-        daemon_.datagram(std::string(1 + upTo(20), static_cast<char>(upTo(9))));
+        daemon.datagram(std::string(1 + upTo(20), static_cast<char>(upTo(9))));
     }
 }
 
@@ -302,65 +302,65 @@ void Storm::usbStates() {
 }
 
 void Storm::oddUevents() {
-    daemon_.uevent(ueventOf("change", "android_usb", "OTHER=1"));
-    daemon_.uevent(ueventOf("add", "android_usb", "USB_STATE=CONFIGURED"));
-    daemon_.uevent(ueventOf("change", "platform", "USB_STATE=CONFIGURED"));
-    daemon_.uevent(ueventOf("change", "android_usb", "USB_STATE=CONFIGURED"), {1, 1});
-    daemon_.uevent("");
-    daemon_.uevent(std::string(1 + upTo(3000), static_cast<char>('0' + upTo(60))));
+    daemon.uevent(ueventOf("change", "android_usb", "OTHER=1"));
+    daemon.uevent(ueventOf("add", "android_usb", "USB_STATE=CONFIGURED"));
+    daemon.uevent(ueventOf("change", "platform", "USB_STATE=CONFIGURED"));
+    daemon.uevent(ueventOf("change", "android_usb", "USB_STATE=CONFIGURED"), {1, 1});
+    daemon.uevent("");
+    daemon.uevent(std::string(1 + upTo(3000), static_cast<char>('0' + upTo(60))));
 }
 
 // Lasts until the daemon asks the platform for a restart.
 void Storm::cableFault() {
-    root_.setUsbState("DISCONNECTED");
-    const int before = restarts_;
-    daemon_.waitFor([&] {
+    root.setUsbState("DISCONNECTED");
+    const int before = restarts;
+    daemon.waitFor([&] {
         answerNotes();
-        return restarts_ > before;
+        return restarts > before;
     });
 }
 
 void Storm::switchOwnCapture() {
-    root_.setOwnCapture(upTo(2) == 0);
+    root.setOwnCapture(upTo(2) == 0);
 }
 
 // ---- Faults ------------------------------------------------------------------------------------
 
 void Storm::failStep() {
     const Step& step = kSteps[upTo(std::size(kSteps))];
-    daemon_.command(text("answer", std::string(step.function) + ' ' + std::to_string(step.code) +
-                                       ' ' + std::to_string(1 + upTo(3))));
+    daemon.command(text("answer", std::string(step.function) + ' ' + std::to_string(step.code) +
+                                      ' ' + std::to_string(1 + upTo(3))));
     switchBoth();
 }
 
 void Storm::refuseCall() {
     const Refused& refused = kCalls[upTo(std::size(kCalls))];
-    daemon_.command(text("refuse", std::string(refused.call) + ' ' + std::to_string(refused.error) +
-                                       ' ' + std::to_string(1 + upTo(2))));
+    daemon.command(text("refuse", std::string(refused.call) + ' ' + std::to_string(refused.error) +
+                                      ' ' + std::to_string(1 + upTo(2))));
     switchBoth();
 }
 
 void Storm::stopPcm() {
-    daemon_.command(text(upTo(3) == 0 ? "suspend" : "xrun", eitherStream()));
+    daemon.command(text(upTo(3) == 0 ? "suspend" : "xrun", eitherStream()));
 }
 
 void Storm::stallStream() {
-    daemon_.command(text("stall", std::string(eitherStream()) + (upTo(2) == 0 ? " 0" : " 1")));
+    daemon.command(text("stall", std::string(eitherStream()) + (upTo(2) == 0 ? " 0" : " 1")));
 }
 
 void Storm::lag() {
-    daemon_.command(text("lag", eitherStream()));
+    daemon.command(text("lag", eitherStream()));
 }
 
 void Storm::pullCard() {
-    daemon_.command("card 0");
+    daemon.command("card 0");
     letRun();
-    daemon_.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
+    daemon.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
 }
 
 void Storm::plugCard() {
-    daemon_.command("card 1");
-    daemon_.record(F_UAC_VEXA_USER_EVT_BIND, 0);
+    daemon.command("card 1");
+    daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
 }
 
 }  // namespace process

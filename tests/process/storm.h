@@ -26,11 +26,12 @@ class Storm {
     // off.
     bool calmDown();
 
-    const Root& root() const { return root_; }
-    Daemon& daemon() { return daemon_; }
-    App& app() { return app_; }
     // What was done, by name.
-    const std::map<std::string, int>& done() const { return done_; }
+    const std::map<std::string, int>& done() const { return doneCounts; }
+
+    Root root;
+    Daemon daemon;
+    App app;
 
   private:
     struct Action {
@@ -40,7 +41,7 @@ class Storm {
     };
     static const Action kActions[];
 
-    uint32_t draw() { return static_cast<uint32_t>(random_()); }
+    uint32_t draw() { return static_cast<uint32_t>(random()); }
     uint32_t upTo(uint32_t limit) { return draw() % limit; }
     const char* eitherStream() { return upTo(2) == 0 ? "capture" : "playback"; }
     void act();
@@ -77,12 +78,9 @@ class Storm {
     void pullCard();
     void plugCard();
 
-    std::minstd_rand random_;
-    Root root_;
-    Daemon daemon_;
-    App app_;
-    std::map<std::string, int> done_;
-    int restarts_ = 0;  // of the controller, that the daemon asked for
+    std::minstd_rand random;
+    std::map<std::string, int> doneCounts;
+    int restarts = 0;  // of the controller, that the daemon asked for
 };
 
 }  // namespace process

@@ -43,12 +43,12 @@ class StormTest : public testing::Test {
 
     void SetUp() override {
         std::cout << "seed " << seed << std::endl;
-        ASSERT_TRUE(storm.begin()) << whatHappened(storm.daemon());
+        ASSERT_TRUE(storm.begin()) << whatHappened(storm.daemon);
     }
 
     // Both streams run and the app hears, speaks and is told so.
     void expectToServe() {
-        App& app = storm.app();
+        App& app = storm.app;
         ASSERT_TRUE(storm.calmDown()) << whatHappened(daemon);
         ASSERT_TRUE(daemon.waitFor([&] { return app.lastOf(1) == 0 && app.lastOf(2) == 0; }))
             << whatHappened(daemon);
@@ -75,7 +75,7 @@ class StormTest : public testing::Test {
 
     const uint32_t seed;
     Storm storm;
-    Daemon& daemon = storm.daemon();
+    Daemon& daemon = storm.daemon;
 };
 
 TEST_F(StormTest, LeavesNoReport) {
@@ -96,7 +96,7 @@ TEST_F(StormTest, LeavesNoReport) {
     for (const auto& [what, times] : storm.done()) {
         record("did " + what, times, some);
     }
-    record("deaths of the app", storm.app().deaths(), steps / 40);
+    record("deaths of the app", storm.app.deaths(), steps / 40);
     record("streams opened", daemon.count("start, opening"), steps / 20);
     record("streams stopped", daemon.count("UAF channel stopped"), steps / 20);
     record("stops cancelled", daemon.count("stopDelayCnt ="), some);
@@ -106,7 +106,7 @@ TEST_F(StormTest, LeavesNoReport) {
     record("starts that failed", daemon.count("failed to start audio"), some);
     record("cable restarts", daemon.count("Issue: setprop"), some);
     record("queue overwrites", daemon.count("overwriting msg"), some);
-    record("messages to the app", static_cast<int>(storm.app().messages()), some);
+    record("messages to the app", static_cast<int>(storm.app.messages()), some);
     record("requests of the app", daemon.count("got speaker volume"), some);
 }
 
@@ -119,7 +119,7 @@ TEST_F(StormTest, EmptyDatagramLeavesNoReport) {
 }
 
 TEST_F(StormTest, AppThatStarvesTheFrameBufferLeavesNoReport) {
-    storm.app().slowDown();
+    storm.app.slowDown();
     expectToServe();
     EXPECT_TRUE(daemon.waitFor([this] { return daemon.count("increased ssrs queue depth") == 1; }))
         << whatHappened(daemon);

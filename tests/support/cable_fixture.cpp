@@ -103,14 +103,14 @@ void Fixture::fakeSocket() {
     };
 }
 
-void Fixture::run(CableMon& monitor, std::vector<Receive> answers) {
+void Fixture::run(CableMon& monitored, std::vector<Receive> answers) {
     size_t next = 0;
     fake_sys::hooks().recvmsg = [&](int fd, msghdr* header, int flags) {
         if (next == answers.size())
             pthread_exit(nullptr);
         return answer(answers[next++], fd, *header, flags);
     };
-    ASSERT_TRUE(monitor.start());
+    ASSERT_TRUE(monitored.start());
     pthread_join(thread, nullptr);
     EXPECT_EQ(answers.size(), next);
 }

@@ -22,14 +22,14 @@ class ChildProcess {
     // `prepare` runs in the new process just before the program.
     explicit ChildProcess(std::vector<std::string> command,
                           const std::function<void()>& prepare = {})
-        : pid_(fork()) {
-        if (pid_ == 0) {
+        : pid(fork()) {
+        if (pid == 0) {
             run(std::move(command), prepare);
         }
     }
     // Ends it when it still runs.
     ~ChildProcess() {
-        if (pid_ > 0) {
+        if (pid > 0) {
             send(SIGKILL);
             wait();
         }
@@ -37,11 +37,11 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    void send(int signal) const { kill(pid_, signal); }
+    void send(int signal) const { kill(pid, signal); }
     // Its exit status when it has ended, 128 and the signal when that ended it.
     int wait() {
         int status = 0;
-        waitpid(std::exchange(pid_, -1), &status, 0);
+        waitpid(std::exchange(pid, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     // What it has printed so far.
@@ -66,14 +66,14 @@ class ChildProcess {
         _exit(127);
     }
     void redirect(int fd, const std::string& name) const {
-        dup2(open((files_.path() + "/" + name).c_str(), O_WRONLY | O_CREAT, 0600), fd);
+        dup2(open((files.path() + "/" + name).c_str(), O_WRONLY | O_CREAT, 0600), fd);
     }
     std::string contents(const std::string& name) const {
         std::stringstream text;
-        text << std::ifstream(files_.path() + "/" + name).rdbuf();
+        text << std::ifstream(files.path() + "/" + name).rdbuf();
         return text.str();
     }
 
-    const TempDir files_;
-    pid_t pid_;
+    const TempDir files;
+    pid_t pid;
 };

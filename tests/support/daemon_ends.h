@@ -24,33 +24,34 @@ class DaemonEnds {
   public:
     using Message = std::pair<uint32_t, uint32_t>;  // type, data
 
-    explicit DaemonEnds(const TempDir& folder) : folder_(folder.path()) {}
+    explicit DaemonEnds(const TempDir& folder) : folder(folder.path()) {}
     ~DaemonEnds() { end(); }
     DaemonEnds(const DaemonEnds&) = delete;
     DaemonEnds& operator=(const DaemonEnds&) = delete;
 
-    std::string path(const std::string& name) const { return folder_ + "/usbAudio" + name; }
+    std::string path(const std::string& name) const { return folder + "/usbAudio" + name; }
 
     // As a process's end; what is bound stays in the file system.
     void end() {
-        for (int* fd : {&speaker_, &mic_, &socket_}) {
+        for (int* fd : {&speaker, &mic, &daemonSocket}) {
             if (*fd >= 0) {
                 close(std::exchange(*fd, -1));
             }
         }
     }
     void bindSocket() {
-        socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        daemonSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
         const sockaddr_un address = addressOf("UdsIpcTx");
         unlink(address.sun_path);
-        ASSERT_EQ(0, bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+        ASSERT_EQ(0,
+                  bind(daemonSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address));
     }
     // Without O_NONBLOCK, in the daemon's order; true when neither had to wait for ever.
     bool openFifos() { return finishOpening(beginOpening()); }
     std::future<void> beginOpening() {
         return std::async(std::launch::async, [this] {
-            speaker_ = open(path("FifoRx").c_str(), O_WRONLY);
-            mic_ = open(path("FifoTx").c_str(), O_RDONLY);
+            speaker = open(path("FifoRx").c_str(), O_WRONLY);
+            mic = open(path("FifoTx").c_str(), O_RDONLY);
         });
     }
     bool finishOpening(std::future<void> opening) const {
@@ -60,11 +61,11 @@ class DaemonEnds {
                 rescue(path(name), opening);
             }
         }
-        return opened && speaker_ >= 0 && mic_ >= 0;
+        return opened && speaker >= 0 && mic >= 0;
     }
 
     void play(const void* bytes, size_t size) {
-        ASSERT_EQ(static_cast<ssize_t>(size), write(speaker_, bytes, size));
+        ASSERT_EQ(static_cast<ssize_t>(size), write(speaker, bytes, size));
     }
     void play(const std::vector<int16_t>& samples) {
         play(samples.data(), samples.size() * sizeof samples[0]);
@@ -72,13 +73,13 @@ class DaemonEnds {
     // What one read of the microphone's FIFO gives, which must have something.
     std::vector<int16_t> record() {
         std::vector<int16_t> samples(960);
-        const ssize_t got = read(mic_, samples.data(), samples.size() * sizeof samples[0]);
+        const ssize_t got = read(mic, samples.data(), samples.size() * sizeof samples[0]);
         samples.resize(got < 0 ? 0 : static_cast<size_t>(got) / sizeof samples[0]);
         return samples;
     }
 
-    int speakerFd() const { return speaker_; }
-    int micFd() const { return mic_; }
+    int speakerFd() const { return speaker; }
+    int micFd() const { return mic; }
 
     // To the app; 0 or an errno.
     int sendBytes(const void* bytes, size_t size) {
@@ -98,7 +99,7 @@ class DaemonEnds {
     std::vector<Message> messages() {
         std::vector<Message> received;
         uint32_t words[4];
-        while (recv(socket_, words, sizeof words, 0) == 2 * sizeof words[0]) {
+        while (recv(daemonSocket, words, sizeof words, 0) == 2 * sizeof words[0]) {
             received.emplace_back(words[0], words[1]);
         }
         return received;
@@ -117,8 +118,8 @@ class DaemonEnds {
         close(fd);
     }
 
-    const std::string folder_;
-    int speaker_ = -1;
-    int mic_ = -1;
-    int socket_ = -1;
+    const std::string folder;
+    int speaker = -1;
+    int mic = -1;
+    int daemonSocket = -1;
 };

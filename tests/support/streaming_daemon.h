@@ -29,19 +29,19 @@ struct StreamingOptions {
 class StreamingDaemon {
   public:
     StreamingDaemon(const TempDir& folder, StreamingOptions options)
-        : options_(std::move(options)), ends_(folder) {
-        ends_.bindSocket();
-        thread_ = std::thread([this] { run(); });
+        : options(std::move(options)), ends(folder) {
+        ends.bindSocket();
+        thread = std::thread([this] { run(); });
     }
     ~StreamingDaemon() {
-        stop_ = true;
-        thread_.join();
+        stop = true;
+        thread.join();
     }
     // Of the app's, all that have come.
     std::vector<DaemonEnds::Message> messages() {
         answer();  // what the thread has not come to
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return messages_;
+        const std::lock_guard<std::mutex> lock(mutex);
+        return received;
     }
     StreamingDaemon(const StreamingDaemon&) = delete;
     StreamingDaemon& operator=(const StreamingDaemon&) = delete;
@@ -52,65 +52,64 @@ class StreamingDaemon {
     static constexpr size_t kPeriodSamples = 480;
 
     void run() {
-        for (Clock::time_point due = Clock::now(); !stop_; due += kPeriod) {
+        for (Clock::time_point due = Clock::now(); !stop; due += kPeriod) {
             answer();
-            if (options_.records) {
+            if (options.records) {
                 record();
             }
-            if (options_.plays) {
+            if (options.plays) {
                 play();
             }
             std::this_thread::sleep_until(due + kPeriod);
         }
-        close(speaker_);
-        close(mic_);
+        close(speaker);
+        close(mic);
     }
     void answer() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        for (const DaemonEnds::Message& message : ends_.messages()) {
-            messages_.push_back(message);
-            for (const DaemonEnds::Message& part : options_.answer) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const DaemonEnds::Message& message : ends.messages()) {
+            received.push_back(message);
+            for (const DaemonEnds::Message& part : options.answer) {
                 if (message.first == 7) {
-                    ends_.send(part.first, part.second);
+                    ends.send(part.first, part.second);
                 }
             }
         }
     }
     void record() {
-        if (mic_ < 0) {
-            mic_ = open(ends_.path("FifoTx").c_str(), O_RDONLY | O_NONBLOCK);
+        if (mic < 0) {
+            mic = open(ends.path("FifoTx").c_str(), O_RDONLY | O_NONBLOCK);
         }
         std::vector<int16_t> block(2 * kPeriodSamples);
-        const ssize_t got = read(mic_, block.data(), block.size() * sizeof block[0]);
-        if (got > 0 && options_.echoes) {
-            echo_.insert(echo_.end(), block.begin(), block.end());
+        const ssize_t got = read(mic, block.data(), block.size() * sizeof block[0]);
+        if (got > 0 && options.echoes) {
+            echo.insert(echo.end(), block.begin(), block.end());
         }
     }
     // Fails while there is no app.
     void play() {
-        if (speaker_ < 0) {
-            speaker_ = open(ends_.path("FifoRx").c_str(), O_WRONLY | O_NONBLOCK);
+        if (speaker < 0) {
+            speaker = open(ends.path("FifoRx").c_str(), O_WRONLY | O_NONBLOCK);
         }
         std::vector<int16_t> period(kPeriodSamples);
         for (size_t i = 0; i < kPeriodSamples; ++i) {
-            period[i] = i % 2 == 0 ? options_.left : options_.right;
+            period[i] = i % 2 == 0 ? options.left : options.right;
         }
-        const size_t echoed = std::min(echo_.size(), kPeriodSamples);
-        std::copy_n(echo_.begin(), echoed, period.begin());
-        echo_.erase(echo_.begin(), echo_.begin() + static_cast<std::ptrdiff_t>(echoed));
-        if (write(speaker_, period.data(), period.size() * sizeof period[0]) < 0 &&
-            errno == EPIPE) {
-            close(std::exchange(speaker_, -1));
+        const size_t echoed = std::min(echo.size(), kPeriodSamples);
+        std::copy_n(echo.begin(), echoed, period.begin());
+        echo.erase(echo.begin(), echo.begin() + static_cast<std::ptrdiff_t>(echoed));
+        if (write(speaker, period.data(), period.size() * sizeof period[0]) < 0 && errno == EPIPE) {
+            close(std::exchange(speaker, -1));
         }
     }
 
-    const StreamingOptions options_;
-    DaemonEnds ends_;
-    mutable std::mutex mutex_;
-    std::vector<DaemonEnds::Message> messages_;
-    std::vector<int16_t> echo_;
-    int speaker_ = -1;
-    int mic_ = -1;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    const StreamingOptions options;
+    DaemonEnds ends;
+    mutable std::mutex mutex;
+    std::vector<DaemonEnds::Message> received;
+    std::vector<int16_t> echo;
+    int speaker = -1;
+    int mic = -1;
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };

@@ -7,8 +7,8 @@
 
 class Unprivileged {
   public:
-    Unprivileged() : user_(geteuid()) { become(user_ == 0 ? 65534 : user_); }
-    ~Unprivileged() { become(user_); }
+    Unprivileged() : formerUser(geteuid()) { become(formerUser == 0 ? 65534 : formerUser); }
+    ~Unprivileged() { become(formerUser); }
     Unprivileged(const Unprivileged&) = delete;
     Unprivileged& operator=(const Unprivileged&) = delete;
 
@@ -19,5 +19,5 @@ class Unprivileged {
         }
     }
 
-    const uid_t user_;
+    const uid_t formerUser;
 };

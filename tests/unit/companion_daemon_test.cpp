@@ -41,13 +41,13 @@ class CompanionDaemonTest : public CompanionTest {
     // What the events of the opening and later leave behind in an app that keeps the last of each.
     std::map<uafd_event_type, int> believe() {
         for (const Event& event : takeEvents()) {
-            believed_[event.first] = event.second;
+            believed[event.first] = event.second;
         }
-        return believed_;
+        return believed;
     }
 
   private:
-    std::map<uafd_event_type, int> believed_;
+    std::map<uafd_event_type, int> believed;
 };
 
 TEST_F(CompanionDaemonTest, IsToldAtTheOpeningAndAskedForItsStates) {
@@ -191,18 +191,18 @@ TEST_F(CompanionDaemonTest, IsTheSameWhenItsSocketGetsOtherRights) {
 class Waiter {
   public:
     explicit Waiter(uafd::Companion* companion)
-        : thread_([this, companion] {
-              tid_ = gettid();
-              found_ = companion->waitFor(20000);
+        : thread([this, companion] {
+              tid = gettid();
+              result = companion->waitFor(20000);
           }) {}
     ~Waiter() {
-        if (thread_.joinable()) {
-            thread_.join();
+        if (thread.joinable()) {
+            thread.join();
         }
     }
     bool fallsAsleep() const {
         for (int i = 0; i < 5000; ++i) {
-            if (tid_ != 0 && isAsleep(tid_)) {
+            if (tid != 0 && isAsleep(tid)) {
                 return true;
             }
             usleep(1000);
@@ -210,14 +210,14 @@ class Waiter {
         return false;
     }
     int found() {
-        thread_.join();
-        return found_;
+        thread.join();
+        return result;
     }
 
   private:
-    std::atomic<int> tid_{0};
-    std::atomic<int> found_{-1};
-    std::thread thread_;
+    std::atomic<int> tid{0};
+    std::atomic<int> result{-1};
+    std::thread thread;
 };
 
 TEST_F(CompanionDaemonTest, EndsAWaitWithItsEndAndItsBeginning) {

@@ -28,11 +28,11 @@ class CompanionFilesTest : public CompanionTest {
   protected:
     void SetUp() override {
         CompanionTest::SetUp();
-        umask_ = umask(022);
+        savedUmask = umask(022);
         options.directory = folder.path().c_str();
     }
     void TearDown() override {
-        umask(umask_);
+        umask(savedUmask);
         CompanionTest::TearDown();
     }
     struct stat statOf(const std::string& name) const {
@@ -60,7 +60,7 @@ class CompanionFilesTest : public CompanionTest {
     uafd::Companion second;
 
   private:
-    mode_t umask_ = 0;
+    mode_t savedUmask = 0;
 };
 
 // ---- Modes and groups --------------------------------------------------------------------------

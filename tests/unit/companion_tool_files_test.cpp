@@ -170,28 +170,27 @@ TEST_F(Recording, WithoutAHeaderIsWhatTheHostPlays) {
 // A pipe to the tool's standard input.
 class Feed {
   public:
-    Feed() { EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0); }
+    Feed() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
     ~Feed() {
         end();
-        close(ends_[0]);
+        close(ends[0]);
     }
     Feed(const Feed&) = delete;
     Feed& operator=(const Feed&) = delete;
 
     // In the tool, before it begins.
-    void connect() const { dup2(ends_[0], STDIN_FILENO); }
+    void connect() const { dup2(ends[0], STDIN_FILENO); }
     void write(const std::string& bytes) const {
-        ASSERT_EQ(::write(ends_[1], bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
     void end() {
-        if (ends_[1] >= 0) {
-            close(std::exchange(ends_[1], -1));
+        if (ends[1] >= 0) {
+            close(std::exchange(ends[1], -1));
         }
     }
 
   private:
-    int ends_[2] = {-1, -1};
+    int ends[2] = {-1, -1};
 };
 
 class Playing : public ToolTest {

@@ -21,7 +21,7 @@ class CompanionWaitTest : public CompanionTest {
         CompanionTest::SetUp();
         fake_sys::hooks().clock_gettime = [this](clockid_t clock, timespec* time) {
             EXPECT_EQ(CLOCK_MONOTONIC, clock);
-            *time = {nowMs_ / 1000, nowMs_ % 1000 * 1000000};
+            *time = {nowMs / 1000, nowMs % 1000 * 1000000};
             return 0;
         };
         openBoth();
@@ -38,11 +38,11 @@ class CompanionWaitTest : public CompanionTest {
     }
     // At a time at which something is ready, so that it does not wait.
     int waitAt(int64_t ms) {
-        nowMs_ = ms;
+        nowMs = ms;
         return companion.wait();
     }
 
-    int64_t nowMs_ = 1000;
+    int64_t nowMs = 1000;
 };
 
 TEST_F(CompanionWaitTest, TellsSoundAndEvents) {

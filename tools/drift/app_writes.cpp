@@ -18,27 +18,27 @@ Ns dueOf(const Scenario& scenario, int64_t frame) {
     return scenario.phase + frame * kSecond / kSampleRateHz;
 }
 
-AppWrites::AppWrites(const Scenario& scenario) : scenario_(scenario), engine_(scenario.seed) {}
+AppWrites::AppWrites(const Scenario& scenario) : scenario(scenario), engine(scenario.seed) {}
 
 AppWrite AppWrites::next() {
     for (;;) {
-        const int64_t frame = block_++ * scenario_.blockFrames;
-        const auto lateness = static_cast<uint64_t>(scenario_.jitter) + 1;
-        const Ns at = dueOf(scenario_, frame) + static_cast<Ns>(engine_() % lateness);
+        const int64_t frame = block++ * scenario.blockFrames;
+        const auto lateness = static_cast<uint64_t>(scenario.jitter) + 1;
+        const Ns at = dueOf(scenario, frame) + static_cast<Ns>(engine() % lateness);
         if (!isDropped(at)) {
-            lastAt_ = std::max(lastAt_, delayed(at));
-            return {lastAt_, frame};
+            lastAt = std::max(lastAt, delayed(at));
+            return {lastAt, frame};
         }
     }
 }
 
 bool AppWrites::isDropped(Ns at) const {
-    return std::any_of(scenario_.pauses.begin(), scenario_.pauses.end(),
+    return std::any_of(scenario.pauses.begin(), scenario.pauses.end(),
                        [at](const Pause& pause) { return pause.dropped && holds(pause, at); });
 }
 
 Ns AppWrites::delayed(Ns at) const {
-    for (const Pause& pause : scenario_.pauses) {
+    for (const Pause& pause : scenario.pauses) {
         at = !pause.dropped && holds(pause, at) ? pause.at + pause.length : at;
     }
     return at;

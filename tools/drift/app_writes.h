@@ -28,10 +28,10 @@ class AppWrites {
     bool isDropped(Ns at) const;
     Ns delayed(Ns at) const;
 
-    const Scenario scenario_;
-    std::mt19937_64 engine_;
-    int64_t block_ = 0;
-    Ns lastAt_ = 0;
+    const Scenario scenario;
+    std::mt19937_64 engine;
+    int64_t block = 0;
+    Ns lastAt = 0;
 };
 
 }  // namespace drift

@@ -21,10 +21,10 @@ constexpr int16_t kBlock[kFifoBlockFrames] = {};
 }  // namespace
 
 MicPath::MicPath(const Scenario& scenario)
-    : scenario_(scenario), writes_(scenario), nextWrite_(writes_.next()) {
-    const bool hasStorage = buffer_.allocateStorage();
-    buffer_.build();
-    if (!hasStorage || buffer_.context() == nullptr) {
+    : scenario(scenario), writes(scenario), nextWrite(writes.next()) {
+    const bool hasStorage = buffer.allocateStorage();
+    buffer.build();
+    if (!hasStorage || buffer.context() == nullptr) {
         throw std::bad_alloc();
     }
 }
@@ -32,39 +32,39 @@ MicPath::MicPath(const Scenario& scenario)
 // The daemon fills the ring before it starts: with a silent period, and then with frames.
 Reading MicPath::read() {
     const int64_t ahead = kRingPeriods - 1;
-    const Ns at = hostTime(std::max<int64_t>(reads_ + 1 - ahead, 0));
-    while (nextWrite_.at <= at) {
-        takeWrite(nextWrite_);
-        nextWrite_ = writes_.next();
+    const Ns at = hostTime(std::max<int64_t>(reads + 1 - ahead, 0));
+    while (nextWrite.at <= at) {
+        takeWrite(nextWrite);
+        nextWrite = writes.next();
     }
     const SSRS_Stats before = statistics();
-    Reading reading{at,    depth(), buffer_.context()->qDepthLow, buffer_.context()->qDepthHigh, 0,
+    Reading reading{at,    depth(), buffer.context()->qDepthLow, buffer.context()->qDepthHigh, 0,
                     false, -1};
     int16_t frame[kPeriodFrames];
-    buffer_.read(frame);
+    buffer.read(frame);
     const SSRS_Stats after = statistics();
     reading.correction = static_cast<int>(after.stretchCnt - before.stretchCnt) -
                          static_cast<int>(after.compressCnt - before.compressCnt);
     reading.starved = reading.depth < kPeriodFrames - reading.correction;
     const int taken = reading.depth - depth();
-    reading.latency = latencyOf(hostTime(reads_ + 1) + kUsbFrame, taken);
+    reading.latency = latencyOf(hostTime(reads + 1) + kUsbFrame, taken);
     consume(taken);
-    counts_.stretches = after.stretchCnt;
-    counts_.squeezes = after.compressCnt;
-    counts_.underruns = after.underruns;
-    if (reading.starved && counts_.written > 0) {
-        counts_.emptyReads += reading.depth == 0 ? 1 : 0;
-        counts_.silent += kPeriodFrames - reading.correction - reading.depth;
+    counted.stretches = after.stretchCnt;
+    counted.squeezes = after.compressCnt;
+    counted.underruns = after.underruns;
+    if (reading.starved && counted.written > 0) {
+        counted.emptyReads += reading.depth == 0 ? 1 : 0;
+        counted.silent += kPeriodFrames - reading.correction - reading.depth;
     }
-    ++reads_;
+    ++reads;
     return reading;
 }
 
 // One pass of the buffer thread takes a block or, at the end of a write or of the pipe's page,
 // less.
 void MicPath::takeWrite(const AppWrite& write) {
-    counts_.written += scenario_.blockFrames;
-    int left = scenario_.blockFrames;
+    counted.written += scenario.blockFrames;
+    int left = scenario.blockFrames;
     int64_t frame = write.firstFrame;
     while (left > 0) {
         int page = std::min(left, kPipeFrames);
@@ -82,66 +82,66 @@ void MicPath::takeWrite(const AppWrite& write) {
 void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
     const int before = depth();
     const uint32_t overruns = statistics().overruns;
-    const int storage = buffer_.context()->qBuffLen;
-    buffer_.write(kBlock, passes_);
+    const int storage = buffer.context()->qBuffLen;
+    buffer.write(kBlock, passes);
     const bool fits = statistics().overruns == overruns;
-    const bool enlarged = buffer_.context()->qBuffLen != storage;
+    const bool enlarged = buffer.context()->qBuffLen != storage;
     if (!enlarged) {
         const int padding = depth() - before - (fits ? kFifoBlockFrames : 0);
-        follow(passes_ == 0 ? Source::kStart : Source::kSilence, 0, padding);
+        follow(passes == 0 ? Source::kStart : Source::kSilence, 0, padding);
     }
     if (fits) {
         follow(Source::kApp, frame, fresh);
         follow(Source::kStale, frame, kFifoBlockFrames - fresh);
     } else {
-        ++counts_.overruns;
-        counts_.lost += fresh;
+        ++counted.overruns;
+        counted.lost += fresh;
     }
     if (enlarged) {
         discardQueued(at);
     }
-    ++passes_;
+    ++passes;
 }
 
 // What enlarging the frame buffer costs.
 void MicPath::discardQueued(Ns at) {
-    counts_.lost += queued();
-    counts_.enlargedAt = at;
-    runs_.clear();
+    counted.lost += queued();
+    counted.enlargedAt = at;
+    runs.clear();
 }
 
 void MicPath::follow(Source source, int64_t frame, int64_t count) {
     if (count > 0) {
-        runs_.push_back({source, frame, count});
+        runs.push_back({source, frame, count});
     }
 }
 
 int MicPath::depth() const {
     uint32_t bytes = 0;
-    QUEUE_GetDepth(buffer_.context()->queue, &bytes);
+    QUEUE_GetDepth(buffer.context()->queue, &bytes);
     return static_cast<int>(bytes / sizeof(int16_t));
 }
 
 SSRS_Stats MicPath::statistics() const {
     SSRS_Stats stats{};
-    SSRS_StatsGet(buffer_.context(), &stats);
+    SSRS_StatsGet(buffer.context(), &stats);
     return stats;
 }
 
 Ns MicPath::hostTime(int64_t periods) const {
-    return periods * kPeriod * kMillion / (kMillion + scenario_.ppm);
+    return periods * kPeriod * kMillion / (kMillion + scenario.ppm);
 }
 
 // Of the first of the app's samples among the `samples` that come next, the first of which is
 // played at `playedAt`.
 Ns MicPath::latencyOf(Ns playedAt, int64_t samples) const {
     int64_t before = 0;
-    for (const Run& run : runs_) {
+    for (const Run& run : runs) {
         if (before >= samples) {
             break;
         }
         if (run.source == Source::kApp) {
-            return playedAt + before * kSecond / kSampleRateHz - dueOf(scenario_, run.frame);
+            return playedAt + before * kSecond / kSampleRateHz - dueOf(scenario, run.frame);
         }
         before += run.count;
     }
@@ -150,23 +150,23 @@ Ns MicPath::latencyOf(Ns playedAt, int64_t samples) const {
 
 void MicPath::consume(int64_t samples) {
     while (samples > 0) {
-        Run& run = runs_.front();
+        Run& run = runs.front();
         const int64_t count = std::min(samples, run.count);
-        played_ += run.source == Source::kApp ? count : 0;
-        counts_.silent += run.source == Source::kSilence ? count : 0;
-        counts_.stale += run.source == Source::kStale ? count : 0;
+        playedSamples += run.source == Source::kApp ? count : 0;
+        counted.silent += run.source == Source::kSilence ? count : 0;
+        counted.stale += run.source == Source::kStale ? count : 0;
         samples -= count;
         run.frame += count;
         run.count -= count;
         if (run.count == 0) {
-            runs_.pop_front();
+            runs.pop_front();
         }
     }
 }
 
 int64_t MicPath::queued() const {
     int64_t samples = 0;
-    for (const Run& run : runs_) {
+    for (const Run& run : runs) {
         samples += run.source == Source::kApp ? run.count : 0;
     }
     return samples;

@@ -48,10 +48,10 @@ class MicPath {
     // Goes on to the worker's next read.
     Reading read();
 
-    const Counts& counts() const { return counts_; }
+    const Counts& counts() const { return counted; }
     // The app's samples that are in the frame buffer, and those that have left it for the host.
     int64_t queued() const;
-    int64_t played() const { return played_; }
+    int64_t played() const { return playedSamples; }
 
   private:
     enum class Source { kApp, kStart, kSilence, kStale };
@@ -72,15 +72,15 @@ class MicPath {
     Ns latencyOf(Ns playedAt, int64_t samples) const;
     void consume(int64_t samples);
 
-    const Scenario scenario_;
-    AppWrites writes_;
-    AppWrite nextWrite_;
-    FrameBuffer buffer_;
-    std::deque<Run> runs_;  // what the frame buffer holds
-    Counts counts_;
-    int64_t reads_ = 0;
-    int64_t played_ = 0;
-    unsigned passes_ = 0;
+    const Scenario scenario;
+    AppWrites writes;
+    AppWrite nextWrite;
+    FrameBuffer buffer;
+    std::deque<Run> runs;  // what the frame buffer holds
+    Counts counted;
+    int64_t reads = 0;
+    int64_t playedSamples = 0;
+    unsigned passes = 0;
 };
 
 }  // namespace drift

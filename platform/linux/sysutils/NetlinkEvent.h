@@ -40,16 +40,16 @@ class NetlinkEvent {
     const char* findParam(const char* paramName);
 
     // Null when the event named none.
-    const char* getSubsystem() { return mSubsystem; }
-    Action getAction() { return mAction; }
+    const char* getSubsystem() { return subsystem; }
+    Action getAction() { return action; }
 
   private:
     void clear();
     void takeField(const char* text);
 
-    std::unique_ptr<char[]> mText;  // the message, terminated; the pointers below lead into it
-    Action mAction = Action::kUnknown;
-    const char* mSubsystem = nullptr;
-    const char* mParams[NL_PARAMS_MAX] = {};  // "KEY=VALUE", in the order of arrival
-    int mParamCount = 0;
+    std::unique_ptr<char[]> message;  // terminated; the pointers below lead into it
+    Action action = Action::kUnknown;
+    const char* subsystem = nullptr;
+    const char* params[NL_PARAMS_MAX] = {};  // "KEY=VALUE", in the order of arrival
+    int paramCount = 0;
 };

@@ -29,7 +29,7 @@ constexpr char kOverwriting[] = "queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x
 class AppSocket : public Scenario {
   protected:
     void SetUp() override {
-        socket_.emplace();
+        socket.emplace();
         start(true, silent());
         ASSERT_EQ(receive(5).size(), 5U);  // configured, two volumes, two mutes
     }
@@ -42,10 +42,10 @@ class AppSocket : public Scenario {
 
     // The path goes with it, or stays as after a death.
     void removeSocket() {
-        socket_.reset();
+        socket.reset();
         unlink(kSocketRx);
     }
-    void leaveSocketStale() { socket_.reset(); }
+    void leaveSocketStale() { socket.reset(); }
 
     // The host changes its volume to each of these, which is a message each.
     void changeVolume(int from, int to) {
@@ -66,7 +66,7 @@ class AppSocket : public Scenario {
     Messages receive(size_t count, Ns limit = 6 * kSecond) {
         Messages received;
         const auto take = [&] {
-            const Messages more = socket_->take();
+            const Messages more = socket->take();
             received.insert(received.end(), more.begin(), more.end());
             return received.size() >= count;
         };
@@ -76,7 +76,7 @@ class AppSocket : public Scenario {
         return received;
     }
 
-    std::optional<board::MessageSocket> socket_;
+    std::optional<board::MessageSocket> socket;
 };
 
 // ---- Absent ------------------------------------------------------------------------------------
@@ -100,7 +100,7 @@ TEST_P(AbsentSocket, DelaysMessagesAndAtLastDropsThem) {
     const Ns cpu = board::cpuOf(daemon.pid());
     board::sleepUntil(since + seconds * kSecond);
     EXPECT_LT(board::cpuOf(daemon.pid()) - cpu, (seconds + 1) * 5 * kMs);
-    socket_.emplace();
+    socket.emplace();
     EXPECT_EQ(receive(static_cast<size_t>(3 - lost)), volumes(1 + lost, 3));
     EXPECT_EQ(daemon.count("sendMsg failed: error: <#:#>; bytes: #; attempts: <#:#>; "
                            "data: <0x#:0x#>"),
@@ -128,7 +128,7 @@ TEST_P(PendingMessages, KeepTheirOrderAndOnlyTheNewestGivesWay) {
     board::sleepFor(100 * kMs);
     changeVolume(2, last);
     EXPECT_EQ(daemon.count(kOverwriting), tooMany);
-    socket_.emplace();
+    socket.emplace();
     Messages expected = volumes(1, kPendingMax);
     expected.push_back({kSpeakerVolume, static_cast<uint32_t>(last)});
     EXPECT_EQ(receive(expected.size()), expected);
@@ -146,7 +146,7 @@ TEST_F(AppSocket, WithAHundredPendingGetsTheLastMessageOfASyncUpAlone) {
     changeVolume(2, 1 + kPendingMax);
     app->send({7, 0});
     EXPECT_TRUE(daemon.waitForLog(kOverwriting, 0, 3));
-    socket_.emplace();
+    socket.emplace();
     Messages expected = volumes(1, kPendingMax);
     expected.push_back({kMic, 0});
     EXPECT_EQ(receive(expected.size()), expected);
@@ -164,7 +164,7 @@ TEST_F(AppSocket, ThatIsStaleLosesEachMessageAtOnce) {
     EXPECT_EQ(daemon.count("sendMsg failed: error: <-1:111>; bytes: 0; attempts: <1:0>; "
                            "data: <0x00000003:0x#>"),
               3);
-    socket_.emplace();
+    socket.emplace();
     changeVolume(4, 5);
     EXPECT_EQ(receive(2), volumes(4, 5));
     EXPECT_EQ(findDamage(), "");
@@ -174,17 +174,17 @@ class FullSocket : public AppSocket {
   protected:
     void SetUp() override {
         AppSocket::SetUp();
-        inSocket_ = 1 + std::stoi(board::contents("/proc/sys/net/unix/max_dgram_qlen"));
+        inSocket = 1 + std::stoi(board::contents("/proc/sys/net/unix/max_dgram_qlen"));
     }
 
-    int inSocket_ = 0;
+    int inSocket = 0;
 };
 
 TEST_F(FullSocket, HoldsUpNothingButTheMessages) {
-    const int kept = inSocket_ + 1 + kPendingMax;
-    changeVolume(1, inSocket_ + 1);
+    const int kept = inSocket + 1 + kPendingMax;
+    changeVolume(1, inSocket + 1);
     board::sleepFor(100 * kMs);
-    changeVolume(inSocket_ + 2, kept);
+    changeVolume(inSocket + 2, kept);
     EXPECT_EQ(daemon.count(kOverwriting), 0);
     changeVolume(kept + 1, kept + 2);
     EXPECT_EQ(daemon.count(kOverwriting), 2);
@@ -204,14 +204,14 @@ TEST_F(FullSocket, HoldsUpNothingButTheMessages) {
 }
 
 TEST_F(FullSocket, OfAnAppThatDiesLetsTheSenderGo) {
-    changeVolume(1, inSocket_ + 5);
+    changeVolume(1, inSocket + 5);
     board::sleepFor(100 * kMs);
     leaveSocketStale();
     EXPECT_TRUE(
         daemon.waitForLog("sendMsg failed: error: <-1:#>; bytes: 0; attempts: <1:0>; "
                           "data: <0x00000003:0x#>",
                           0, 5));
-    socket_.emplace();
+    socket.emplace();
     changeVolume(1, 2);
     EXPECT_EQ(receive(2), volumes(1, 2));
     EXPECT_EQ(findDamage(), "");
@@ -314,7 +314,7 @@ TEST_F(SyncUp, InEveryStateOfBothChannelsTellsIt) {
             app->send({7, 0});
             const Messages expected = reply(speaker != kStopped, mic != kStopped);
             ASSERT_TRUE(board::waitFor([&] {
-                const Messages more = socket_->take();
+                const Messages more = socket->take();
                 return !more.empty() && Messages(more.begin(), more.begin() + 3) == expected;
             }));
             EXPECT_LT(board::now() - off, 15 * kMs) << "too late for a stopping channel";

@@ -30,33 +30,33 @@ class StoppedApp : public Scenario {
     void SetUp() override {
         start();
         app.reset();
-        process_ = std::make_unique<board::AppProcess>();
-        player_ = std::make_unique<HostPlayer>(board::noise);
+        process = std::make_unique<board::AppProcess>();
+        player = std::make_unique<HostPlayer>(board::noise);
         bothOn();
         ASSERT_TRUE(soundFlows());
     }
 
     bool soundFlows() {
-        const int64_t heard = process_->heardSound();
-        return board::waitFor([&] { return process_->heardSound() > heard + kRate / 10; }) &&
+        const int64_t heard = process->heardSound();
+        return board::waitFor([&] { return process->heardSound() > heard + kRate / 10; }) &&
                hostHears();
     }
     void restoreApp() {
-        process_.reset();
-        player_.reset();
+        process.reset();
+        player.reset();
         app = std::make_unique<App>();
     }
 
-    std::unique_ptr<board::AppProcess> process_;
-    std::unique_ptr<HostPlayer> player_;
+    std::unique_ptr<board::AppProcess> process;
+    std::unique_ptr<HostPlayer> player;
 };
 
 TEST_F(StoppedApp, HearsAndIsHeardAgainWhenItGoesOn) {
     for (const Ns time : {20 * kMs, 60 * kMs, 500 * kMs, 10 * kSecond}) {
         SCOPED_TRACE(time / kMs);
-        process_->freeze();
+        process->freeze();
         board::sleepFor(time);
-        process_->thaw();
+        process->thaw();
         EXPECT_TRUE(soundFlows());
     }
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (#)"), 0);
@@ -67,14 +67,14 @@ TEST_F(StoppedApp, HearsAndIsHeardAgainWhenItGoesOn) {
 // The messages wait, in its socket and for it.
 TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
     constexpr int volumes = 50;
-    const int64_t messages = process_->messages();
-    process_->freeze();
+    const int64_t messages = process->messages();
+    process->freeze();
     for (int i = 0; i < volumes; ++i) {
         host.command("volume speaker " + std::to_string(i));
     }
     EXPECT_TRUE(settle());
-    process_->thaw();
-    EXPECT_TRUE(board::waitFor([&] { return process_->messages() == messages + volumes; }));
+    process->thaw();
+    EXPECT_TRUE(board::waitFor([&] { return process->messages() == messages + volumes; }));
     EXPECT_TRUE(soundFlows());
     restoreApp();
     EXPECT_EQ(findDamage(), "");
@@ -82,12 +82,12 @@ TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
 
 // The speaker's channel waits in its FIFO; what the host wanted of it is done when it comes out.
 TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
-    process_->freeze();
+    process->freeze();
     board::sleepFor(200 * kMs);
     bothOff();
     expectNobodyBusy();
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 1);
-    process_->thaw();
+    process->thaw();
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 2);
     bothOn();
@@ -97,21 +97,21 @@ TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
 }
 
 TEST_F(StoppedApp, MissesAnOffAndAnOnOfTheHosts) {
-    process_->freeze();
+    process->freeze();
     board::sleepFor(200 * kMs);
     bothOff();
     board::sleepFor(200 * kMs);
     host.command("speaker on");
     host.command("mic on");
     expectNobodyBusy();
-    process_->thaw();
+    process->thaw();
     EXPECT_TRUE(soundFlows());
     restoreApp();
     EXPECT_EQ(findDamage(), "");
 }
 
 TEST_F(StoppedApp, IsKilled) {
-    process_->freeze();
+    process->freeze();
     board::sleepFor(200 * kMs);
     restoreApp();
     EXPECT_EQ(findDamage(), "");
@@ -123,16 +123,16 @@ class Pace : public Scenario {
   protected:
     void SetUp() override {
         start();
-        xrunsBefore_ = allXruns();
+        xrunsBefore = allXruns();
     }
-    int64_t xruns() const { return allXruns() - xrunsBefore_; }
+    int64_t xruns() const { return allXruns() - xrunsBefore; }
 
   private:
     int64_t allXruns() const {
         return host.counter("capture.xruns") + host.counter("playback.xruns");
     }
 
-    int64_t xrunsBefore_ = 0;
+    int64_t xrunsBefore = 0;
 };
 
 // Whole periods of the host's sound, and from one to the next nothing or whole periods missing.

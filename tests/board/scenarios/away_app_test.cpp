@@ -35,23 +35,23 @@ class AwayApp : public Scenario {
     void SetUp() override {
         start();
         app.reset();
-        messages_.emplace();
-        player_.emplace(board::ramp);
-        watch_.emplace(&host);
+        messageSocket.emplace();
+        player.emplace(board::ramp);
+        watch.emplace(&host);
     }
 
     void startApp(bool speaks = true) {
         AppOptions options;
         options.socket = false;
         options.speaks = speaks;
-        process_ = std::make_unique<AppProcess>(options);
+        process = std::make_unique<AppProcess>(options);
     }
 
     // As soon as it is there; else false.
     bool isTold(Message wanted, Ns limit) {
         return board::waitFor(
             [&] {
-                const std::vector<Message> messages = messages_->take();
+                const std::vector<Message> messages = messageSocket->take();
                 return std::find(messages.begin(), messages.end(), wanted) != messages.end();
             },
             limit);
@@ -59,18 +59,18 @@ class AwayApp : public Scenario {
     // What the host does, and what the app is told in time.
     void expectTold(const char* command, Message wanted, Ns limit) {
         SCOPED_TRACE(command);
-        messages_->take();
+        messageSocket->take();
         host.command(command);
-        watch_->probe();
+        watch->probe();
         EXPECT_TRUE(isTold(wanted, limit));
         expectPrompt();
     }
     // All that came was read in time.
     void expectPrompt() {
         board::sleepFor(kHandled);
-        watch_->look();
-        EXPECT_LE(watch_->wait().time, kHandled) << watch_->wait().text();
-        EXPECT_LE(watch_->micStop().time, kStopped) << watch_->micStop().text();
+        watch->look();
+        EXPECT_LE(watch->wait().time, kHandled) << watch->wait().text();
+        EXPECT_LE(watch->micStop().time, kStopped) << watch->micStop().text();
     }
 
     // Everything that the host can want meanwhile.
@@ -96,11 +96,11 @@ class AwayApp : public Scenario {
         ASSERT_TRUE(hasThreads(board::kStreamingThreads));
         ASSERT_TRUE(hostHears());
         board::sleepFor(kSecond);
-        const int64_t jumps = process_->heardJumps();
-        const int64_t heard = process_->heardSound();
+        const int64_t jumps = process->heardJumps();
+        const int64_t heard = process->heardSound();
         expectEachFrameIsTheApps(kSecond);
-        EXPECT_EQ(process_->heardJumps(), jumps);
-        EXPECT_GE(process_->heardSound(), heard + board::kRate * 9 / 10);
+        EXPECT_EQ(process->heardJumps(), jumps);
+        EXPECT_GE(process->heardSound(), heard + board::kRate * 9 / 10);
         expectPrompt();
     }
     void expectEachFrameIsTheApps(Ns time) {
@@ -122,17 +122,17 @@ class AwayApp : public Scenario {
     // For the proof that the daemon is whole.
     void restoreApp() {
         printf("longest wait of a record %s, longest stop of the microphone %s\n",
-               watch_->wait().text().c_str(), watch_->micStop().text().c_str());
-        process_.reset();
-        player_.reset();
-        messages_.reset();
+               watch->wait().text().c_str(), watch->micStop().text().c_str());
+        process.reset();
+        player.reset();
+        messageSocket.reset();
         app = std::make_unique<App>();
     }
 
-    std::optional<board::MessageSocket> messages_;
-    std::optional<board::HostPlayer> player_;
-    std::optional<board::RecordWatch> watch_;
-    std::unique_ptr<AppProcess> process_;
+    std::optional<board::MessageSocket> messageSocket;
+    std::optional<board::HostPlayer> player;
+    std::optional<board::RecordWatch> watch;
+    std::unique_ptr<AppProcess> process;
 };
 
 // It opens the microphone's FIFO, as any app does that only records, and writes nothing.
@@ -141,7 +141,7 @@ TEST_F(AwayApp, OnlyRecords) {
     bothOn();
     ASSERT_TRUE(daemon.waitForLog(std::string(board::kFifoTx) + " opened buffer size #"));
     hostGoesOn();
-    process_->pauseSpeaking(false);
+    process->pauseSpeaking(false);
     expectBothStream();
     restoreApp();
     EXPECT_EQ(findDamage(), "");
@@ -151,7 +151,7 @@ TEST_F(AwayApp, IsKilled) {
     startApp();
     bothOn();
     ASSERT_TRUE(hostHears());
-    process_->kill();
+    process->kill();
     hostGoesOn();
     startApp();
     expectBothStream();
@@ -163,9 +163,9 @@ TEST_F(AwayApp, IsStopped) {
     startApp();
     bothOn();
     ASSERT_TRUE(hostHears());
-    process_->freeze();
+    process->freeze();
     hostGoesOn();
-    process_->thaw();
+    process->thaw();
     expectBothStream();
     restoreApp();
     EXPECT_EQ(findDamage(), "");

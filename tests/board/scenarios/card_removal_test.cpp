@@ -76,11 +76,11 @@ class CardRemoval : public BoardCase {
         enter(kSpeakerWay, speaker);
         enter(kMicWay, mic);
         // Somewhere in the passes that a stop waits for.
-        board::sleepFor(++cells_ * 3 % 14 * kMs);
+        board::sleepFor(++cells * 3 % 14 * kMs);
     }
 
     void removeAndAdd(Return how) {
-        const int other = index_ == 1 ? 3 : 1;
+        const int other = cardIndex == 1 ? 3 : 1;
         if (how == Return::kElsewhere) {
             host.command("unbind");
         } else {
@@ -88,8 +88,8 @@ class CardRemoval : public BoardCase {
         }
         board::sleepFor(20 * kMs);
         host.command("fault clear");
-        index_ = how == Return::kUntold ? index_ : other;
-        const std::string index = std::to_string(index_);
+        cardIndex = how == Return::kUntold ? cardIndex : other;
+        const std::string index = std::to_string(cardIndex);
         host.command((how == Return::kElsewhere ? "bind " : "card add ") + index);
         if (how == Return::kTold) {
             host.command("bind");
@@ -131,8 +131,8 @@ class CardRemoval : public BoardCase {
     }
 
   private:
-    int index_ = 1;
-    int cells_ = 0;
+    int cardIndex = 1;
+    int cells = 0;
 };
 
 class CardRemovalWithSpeaker : public CardRemoval, public testing::WithParamInterface<State> {};

@@ -29,35 +29,35 @@ constexpr size_t kMiB = 1 << 20;
 // A process of the test's that ends with it, or when this does.
 class Child {
   public:
-    explicit Child(const std::function<void()>& life) : pid_(fork()) {
-        if (pid_ == 0) {
+    explicit Child(const std::function<void()>& life) : pid(fork()) {
+        if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             life();
             _exit(0);
         }
     }
     ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
         }
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    void freeze() const { kill(pid_, SIGSTOP); }
-    void thaw() const { kill(pid_, SIGCONT); }
+    void freeze() const { kill(pid, SIGSTOP); }
+    void thaw() const { kill(pid, SIGCONT); }
     // The signal that ended it, or 0.
     int waitForEnd() {
         int status = 0;
         const bool ended =
-            board::waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 60 * kSecond);
-        pid_ = ended ? -1 : pid_;
+            board::waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60 * kSecond);
+        pid = ended ? -1 : pid;
         return ended && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     }
 
   private:
-    pid_t pid_;
+    pid_t pid;
 };
 
 class Environment : public Scenario {
@@ -149,18 +149,18 @@ class LogReader : public Environment {
 
     // Into the file in which a test looks for the daemon's log.
     void read() {
-        reader_ = std::make_unique<Child>([this] {
-            const std::string command = std::string("exec cat ") + kPipe + " >>" + daemon.logPath();
+        reader = std::make_unique<Child>([this] {
+            const std::string command = std::string("exec cat ") + kPipe + " >>" + daemon.logPath;
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         });
     }
 
-    std::unique_ptr<Child> reader_;
+    std::unique_ptr<Child> reader;
 };
 
 TEST_F(LogReader, MayGoAndComeBack) {
     bothOn();
-    reader_.reset();
+    reader.reset();
     EXPECT_EQ(findDamage(), "");
     EXPECT_TRUE(answersTheApp());
     expectNobodyBusy();
@@ -173,7 +173,7 @@ TEST_F(LogReader, MayGoAndComeBack) {
 
 // The pipe fills, and lines are lost; nobody waits.
 TEST_F(LogReader, MayStandStill) {
-    reader_->freeze();
+    reader->freeze();
     const size_t messages = app->messages().size();
     constexpr int changes = 2000;  // more lines than a pipe holds
     for (int i = 0; i < changes; ++i) {
@@ -183,7 +183,7 @@ TEST_F(LogReader, MayStandStill) {
     EXPECT_TRUE(app->waitForMessages(messages + changes));
     EXPECT_EQ(findDamage(), "");
     const size_t mark = daemon.mark();
-    reader_->thaw();
+    reader->thaw();
     board::sleepFor(100 * kMs);
     EXPECT_GT(daemon.mark(), mark);
     EXPECT_EQ(findDamage(), "");
@@ -293,12 +293,12 @@ class Streaming : public NoMoreMemory {
     void SetUp() override {
         start();
         host.command("flush speaker");
-        player_ = std::make_unique<board::HostPlayer>(board::noise);
-        ASSERT_TRUE(board::waitFor([this] { return player_->queued() > kRate; }));
+        player = std::make_unique<board::HostPlayer>(board::noise);
+        ASSERT_TRUE(board::waitFor([this] { return player->queued() > kRate; }));
         app->speak(board::noise);
         bothOn();
         ASSERT_TRUE(hostHears());
-        xrunsBefore_ = xruns();
+        xrunsBefore = xruns();
     }
 
     // Everything since the start was heard, without a frame missing, and the host is heard still.
@@ -311,15 +311,15 @@ class Streaming : public NoMoreMemory {
         for (size_t i = 0; i < heard.size(); ++i) {
             ASSERT_EQ(heard[i], board::noise(first + static_cast<int64_t>(i))) << i;
         }
-        EXPECT_EQ(xruns(), xrunsBefore_);
+        EXPECT_EQ(xruns(), xrunsBefore);
     }
 
-    std::unique_ptr<board::HostPlayer> player_;
+    std::unique_ptr<board::HostPlayer> player;
 
   private:
     int64_t xruns() const { return host.counter("capture.xruns") + host.counter("playback.xruns"); }
 
-    int64_t xrunsBefore_ = 0;
+    int64_t xrunsBefore = 0;
 };
 
 TEST_F(Streaming, GoesOnWithoutMoreMemory) {

@@ -30,8 +30,8 @@ class RecordCase : public BoardCase {
     }
     // From here on counts what is said and told.
     void look() {
-        mark_ = daemon.mark();
-        messages_ = app->messages().size();
+        logMark = daemon.mark();
+        messageMark = app->messages().size();
     }
     // Has one record handled, and looks from its coming on.
     void handle(uint32_t type, uint32_t data) {
@@ -40,8 +40,8 @@ class RecordCase : public BoardCase {
         ASSERT_TRUE(settle());
     }
 
-    int said(const std::string& text) { return daemon.count(text, mark_); }
-    std::vector<board::Message> told() const { return app->messageValues(messages_); }
+    int said(const std::string& text) { return daemon.count(text, logMark); }
+    std::vector<board::Message> told() const { return app->messageValues(messageMark); }
     // The app is told exactly this, in this order.
     void expectTold(const std::vector<board::Message>& wanted) {
         board::waitFor([&] { return told().size() >= wanted.size(); }, board::kSecond);
@@ -58,6 +58,6 @@ class RecordCase : public BoardCase {
     }
 
   private:
-    size_t mark_ = 0;
-    size_t messages_ = 0;
+    size_t logMark = 0;
+    size_t messageMark = 0;
 };

@@ -68,29 +68,29 @@ class StandardStreams : public Scenario {
 TEST_F(StandardStreams, StayWhatTheyAreWhenAllAreOpen) {
     start();
     const std::vector<std::string> streams = standardStreams();
-    EXPECT_EQ(streams[1], daemon.stdoutPath());
-    EXPECT_EQ(streams[2], daemon.logPath());
+    EXPECT_EQ(streams[1], daemon.stdoutPath);
+    EXPECT_EQ(streams[2], daemon.logPath);
     expectOnlyTheHostIsHeard();
     EXPECT_EQ(findDamage(), "");
 }
 
 TEST_F(StandardStreams, AClosedInputIsOccupied) {
     startWithout({STDIN_FILENO});
-    EXPECT_THAT(standardStreams(), ElementsAre("/dev/null", daemon.stdoutPath(), daemon.logPath()));
+    EXPECT_THAT(standardStreams(), ElementsAre("/dev/null", daemon.stdoutPath, daemon.logPath));
     expectOnlyTheHostIsHeard();
 }
 
 TEST_F(StandardStreams, AClosedOutputIsOccupied) {
     startWithout({STDOUT_FILENO});
     EXPECT_EQ(standardStreams()[1], "/dev/null");
-    EXPECT_EQ(standardStreams()[2], daemon.logPath());
+    EXPECT_EQ(standardStreams()[2], daemon.logPath);
     expectOnlyTheHostIsHeard();
 }
 
 // The first FIFO would be what the log is written to.
 TEST_F(StandardStreams, AClosedErrorIsOccupiedAndTheAppHearsNoLog) {
     startWithout({STDERR_FILENO});
-    EXPECT_EQ(standardStreams()[1], daemon.stdoutPath());
+    EXPECT_EQ(standardStreams()[1], daemon.stdoutPath);
     EXPECT_EQ(standardStreams()[2], "/dev/null");
     expectOnlyTheHostIsHeard();
     EXPECT_THAT(daemon.log(), IsEmpty());
@@ -110,7 +110,7 @@ TEST_F(StandardStreams, TheCardSearchsLinesReachAFileAtOnce) {
     startDaemon([] { prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE); });
     EXPECT_EQ(chmod(control, 0600), 0);
     EXPECT_EQ(daemon.count("UAC Vexa is enabled, using hw:1"), 1);
-    EXPECT_EQ(board::contents(daemon.stdoutPath()), "control open (0): Permission denied\n");
+    EXPECT_EQ(board::contents(daemon.stdoutPath), "control open (0): Permission denied\n");
     EXPECT_EQ(findDamage(), "");
 }
 

@@ -90,48 +90,48 @@ class StartStop : public RecordCase {
     // Up to six switches of the two streams, at once or up to 30 ms one after the other: the stop
     // waits for four passes, of 5 ms while data moves and of 10 ms when it does not.
     void playSequence() {
-        for (int64_t switches = 1 + random_.below(6); switches > 0; --switches) {
-            const bool mic = random_.flip();
-            wanted_[mic] = random_.flip();
+        for (int64_t switches = 1 + random.below(6); switches > 0; --switches) {
+            const bool mic = random.flip();
+            wanted[mic] = random.flip();
             switchStream(mic);
-            if (random_.flip()) {
-                board::sleepFor(random_.below(30000) * kMs / 1000);
+            if (random.flip()) {
+                board::sleepFor(random.below(30000) * kMs / 1000);
             }
         }
     }
     void switchStream(bool mic) {
-        host.command(std::string(mic ? "mic" : "speaker") + (wanted_[mic] ? " on" : " off"));
+        host.command(std::string(mic ? "mic" : "speaker") + (wanted[mic] ? " on" : " off"));
     }
 
     // The daemon's last word on both channels is the host's.
     bool isAsWanted() {
-        const std::vector<board::Message> told = app->messageValues(seen_);
-        watch_.see(told);
-        seen_ += told.size();
-        return watch_.isOn(kSpeaker) == wanted_[false] && watch_.isOn(kMic) == wanted_[true] &&
+        const std::vector<board::Message> told = app->messageValues(seen);
+        watch.see(told);
+        seen += told.size();
+        return watch.isOn(kSpeaker) == wanted[false] && watch.isOn(kMic) == wanted[true] &&
                board::threadCount(daemon.pid()) ==
-                   board::kIdleThreads + (wanted_[false] ? 1U : 0U) + (wanted_[true] ? 2U : 0U);
+                   board::kIdleThreads + (wanted[false] ? 1U : 0U) + (wanted[true] ? 2U : 0U);
     }
     void becomeAsWanted() {
         if (!board::waitFor([this] { return isAsWanted(); }, 500 * kMs) &&
             daemon.count("ALERT! This should be impossible and can cause inconsistencies in this "
-                         "channel's state.") > alerts_) {
+                         "channel's state.") > alerts) {
             // An on event met a stop that could not be cancelled any more. The next one starts it.
-            ++alerts_;
+            ++alerts;
             switchStream(false);
             switchStream(true);
         }
         ASSERT_TRUE(board::waitFor([this] { return isAsWanted(); }));
-        ASSERT_EQ(watch_.repetition(), "");
+        ASSERT_EQ(watch.repetition(), "");
     }
 
-    bool wanted_[2] = {false, false};  // speaker, mic
-    int alerts_ = 0;
+    bool wanted[2] = {false, false};  // speaker, mic
+    int alerts = 0;
 
   private:
-    board::Random random_{kSeed};
-    board::ChannelWatch watch_;
-    size_t seen_ = 0;
+    board::Random random{kSeed};
+    board::ChannelWatch watch;
+    size_t seen = 0;
 };
 
 TEST_F(StartStop, AThousandRandomSequencesEndAsTheHostWants) {
@@ -145,14 +145,14 @@ TEST_F(StartStop, AThousandRandomSequencesEndAsTheHostWants) {
         }
         if (i % kSequencesAProof == 0) {
             ASSERT_EQ(findDamage(), "");
-            wanted_[false] = wanted_[true] = false;
+            wanted[false] = wanted[true] = false;
         }
     }
     const auto counters = host.counters();
     printf("%lld speaker starts, %lld mic starts, %d cancelled stops, %d met too late\n",
            static_cast<long long>(counters.at("capture.opens")),
            static_cast<long long>(counters.at("playback.opens")), daemon.count("stopDelayCnt = #"),
-           alerts_);
+           alerts);
     EXPECT_EQ(counters.at("capture.opens"), counters.at("capture.closes"));
     EXPECT_EQ(counters.at("playback.opens"), counters.at("playback.closes"));
     EXPECT_GT(counters.at("capture.opens") + counters.at("playback.opens"), kSequences / 2);

@@ -30,17 +30,17 @@ class Uevents : public Scenario {
     void SetUp() override {
         start();
         ASSERT_TRUE(app->waitForMessages(5));
-        messages_ = app->messages().size();
-        mark_ = daemon.mark();
+        messageMark = app->messages().size();
+        logMark = daemon.mark();
     }
 
-    std::vector<Message> told() { return app->messageValues(messages_); }
-    int said(const std::string& text) { return daemon.count(text, mark_); }
+    std::vector<Message> told() { return app->messageValues(messageMark); }
+    int said(const std::string& text) { return daemon.count(text, logMark); }
     // Lines of the monitor but its ticks.
     int linesSaid() {
         daemon.log();
         int lines = 0;
-        for (size_t i = mark_; i < daemon.log().size(); ++i) {
+        for (size_t i = logMark; i < daemon.log().size(); ++i) {
             lines += board::matches(daemon.log()[i].text,
                                     "recvmsg error: <-1:11:Resource temporarily unavailable> - "
                                     "likely a timeout for RK-based SoC")
@@ -56,16 +56,16 @@ class Uevents : public Scenario {
         host.command("usb_state DISCONNECTED");
         host.command("usb_state CONFIGURED");
         host.command("cable 1");
-        ASSERT_TRUE(app->waitForMessages(messages_ + before + 2));
-        EXPECT_THAT(app->messageValues(messages_ + before),
+        ASSERT_TRUE(app->waitForMessages(messageMark + before + 2));
+        EXPECT_THAT(app->messageValues(messageMark + before),
                     ElementsAre(Message{0, 0}, Message{0, 1}));
     }
 
-    board::UeventSender sender_;
+    board::UeventSender sender;
 
   private:
-    size_t messages_ = 0;
-    size_t mark_ = 0;
+    size_t messageMark = 0;
+    size_t logMark = 0;
 };
 
 // What a process sends to a group that the daemon listens to is seen and refused; the daemon does
@@ -74,7 +74,7 @@ TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
     int refused = 0;
     for (unsigned group = 1; group != 0; group <<= 1) {
         SCOPED_TRACE(group);
-        sender_.send(ueventText(kGadgetGone), group);
+        sender.send(ueventText(kGadgetGone), group);
         board::sleepFor(20 * kMs);
         refused += group <= 8 ? 1 : 0;
         EXPECT_EQ(said(kStranger), refused);
@@ -88,10 +88,10 @@ TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
 // Of 2304 bytes a uevent fits, and is then refused for what it is.
 TEST_F(Uevents, ThatAreTooLongAreDroppedAsTruncated) {
     constexpr size_t longest = 2304;
-    sender_.send(std::string(longest, 'x'), kKernelGroup);
+    sender.send(std::string(longest, 'x'), kKernelGroup);
     ASSERT_TRUE(daemon.waitForLog(kStranger));
     for (const size_t size : {longest + 1, size_t{4000}, size_t{100000}}) {
-        sender_.send(std::string(size, 'x'), kKernelGroup);
+        sender.send(std::string(size, 'x'), kKernelGroup);
     }
     board::sleepFor(100 * kMs);
     EXPECT_EQ(said("recvmsg truncate: <2304:11:Resource temporarily unavailable>, buf size is "
@@ -105,14 +105,14 @@ TEST_F(Uevents, ThatAreTooLongAreDroppedAsTruncated) {
 }
 
 TEST_F(Uevents, OfNoSubsystemAreNobodys) {
-    sender_.sendAsKernel(
+    sender.sendAsKernel(
         ueventText("change@/devices/virtual/android_usb/android0 ACTION=change "
                    "DEVPATH=/devices/virtual/android_usb/android0 USB_STATE=DISCONNECTED"));
     board::sleepFor(100 * kMs);
     EXPECT_EQ(linesSaid(), 0);
     EXPECT_THAT(told(), IsEmpty());
     // With the subsystem the same text is the gadget's, which shows that the one before was heard.
-    sender_.sendAsKernel(ueventText(kGadgetGone));
+    sender.sendAsKernel(ueventText(kGadgetGone));
     ASSERT_TRUE(daemon.waitForLog("subsystem: android_usb, action: 3, usbstate=DISCONNECTED"));
     EXPECT_THAT(told(), ElementsAre(Message{0, 0}));
     host.command("usb_state CONFIGURED");
@@ -121,7 +121,7 @@ TEST_F(Uevents, OfNoSubsystemAreNobodys) {
 
 TEST_F(Uevents, ThatAreNoneAreReportedAndDropped) {
     for (const char* text : {"libudev", "", "change ACTION=change SUBSYSTEM=android_usb"}) {
-        sender_.sendAsKernel(ueventText(text));
+        sender.sendAsKernel(ueventText(text));
     }
     EXPECT_TRUE(daemon.waitForLog("decoding netlinmk msg failed", 0, 3));
     EXPECT_EQ(linesSaid(), 3);
@@ -144,9 +144,9 @@ class Flood : public Uevents, public testing::WithParamInterface<bool> {
             "DEVPATH=/devices/virtual/thermal/thermal_zone0 SUBSYSTEM=thermal");
         for (int i = 0; i < kUevents; ++i) {
             if (isKernels()) {
-                sender_.sendAsKernel(text);
+                sender.sendAsKernel(text);
             } else {
-                sender_.send(text, kKernelGroup);
+                sender.send(text, kKernelGroup);
             }
         }
     }

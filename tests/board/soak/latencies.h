@@ -17,9 +17,9 @@ class Latencies {
     void add(Ns latency);
     void clear();
 
-    int64_t count() const { return count_; }
-    Ns smallest() const { return smallest_; }
-    Ns largest() const { return largest_; }
+    int64_t count() const { return total; }
+    Ns smallest() const { return smallestSeen; }
+    Ns largest() const { return largestSeen; }
     // The middle of the bin in which the `share` of all of them is reached.
     Ns quantile(double share) const;
     // "BIN:COUNT" of each that holds any; bin b begins at b times kBin.
@@ -27,10 +27,10 @@ class Latencies {
 
   private:
     static constexpr size_t kBins = 4000;  // 200 ms, and what lies beyond in the outermost ones
-    std::vector<int64_t> bins_ = std::vector<int64_t>(kBins);
-    int64_t count_ = 0;
-    Ns smallest_ = 0;
-    Ns largest_ = 0;
+    std::vector<int64_t> bins = std::vector<int64_t>(kBins);
+    int64_t total = 0;
+    Ns smallestSeen = 0;
+    Ns largestSeen = 0;
 };
 
 }  // namespace board

@@ -13,49 +13,49 @@ constexpr int64_t kBlockFrames = 480;
 
 MicWay::MicWay(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame)
     : Way(window),
-      timeOfFrame_(std::move(timeOfFrame)),
-      streamAt_(recordingBegin),
-      traceBegin_(recordingBegin) {
+      timeOfFrame(std::move(timeOfFrame)),
+      streamAt(recordingBegin),
+      traceBegin(recordingBegin) {
     restart(recordingBegin);
 }
 
 void MicWay::restart(int64_t begin) {
-    consumedBefore_ += trace_ ? trace_->consumed() : 0;
-    traceBegin_ = begin;
-    trace_ = std::make_unique<MicTrace>(
-        [this](int64_t sample) { return tone().at(voiceFrameOf(consumedBefore_ + sample)); });
+    consumedBefore += trace ? trace->consumed() : 0;
+    traceBegin = begin;
+    trace = std::make_unique<MicTrace>(
+        [this](int64_t sample) { return tone().at(voiceFrameOf(consumedBefore + sample)); });
 }
 
 void MicWay::addSent(const std::vector<SentBlock>& blocks) {
     for (const SentBlock& block : blocks) {
-        if (runs_.empty() || voiceFrameOf(sentSamples_) != block.firstFrame) {
-            runs_.push_back({sentSamples_, block.firstFrame});
+        if (runs.empty() || voiceFrameOf(sentSamples) != block.firstFrame) {
+            runs.push_back({sentSamples, block.firstFrame});
         }
-        sentSamples_ += kBlockFrames;
+        sentSamples += kBlockFrames;
     }
 }
 
 int64_t MicWay::voiceFrameOf(int64_t sample) const {
-    auto run = runs_.rbegin();
-    while (run != runs_.rend() && run->sample > sample) {
+    auto run = runs.rbegin();
+    while (run != runs.rend() && run->sample > sample) {
         ++run;
     }
-    return run == runs_.rend() ? 0 : run->voiceFrame + sample - run->sample;
+    return run == runs.rend() ? 0 : run->voiceFrame + sample - run->sample;
 }
 
 void MicWay::add(Samples recorded, const StreamClock& clock) {
     const auto size = static_cast<int64_t>(recorded.size());
-    counts().clicks += clicks_.add(recorded.data(), size);
-    const int64_t left = std::clamp<int64_t>(traceBegin_ - streamAt_, 0, size);
-    streamAt_ += size;
+    counts().clicks += clicks.add(recorded.data(), size);
+    const int64_t left = std::clamp<int64_t>(traceBegin - streamAt, 0, size);
+    streamAt += size;
     recorded.erase(recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(left));
-    for (const MicFrame& frame : trace_->add(recorded)) {
+    for (const MicFrame& frame : trace->add(recorded)) {
         addFrame(frame, clock);
     }
 }
 
 void MicWay::addFrame(const MicFrame& frame, const StreamClock& clock) {
-    const Ns at = clock.timeOf(traceBegin_ + frame.recordedAt + frame.lead);
+    const Ns at = clock.timeOf(traceBegin + frame.recordedAt + frame.lead);
     const bool again = frame.kind == FrameKind::kUnexplained && frame.skipped > 0;
     const bool inPlace = frame.kind == FrameKind::kCopied || frame.kind == FrameKind::kStretched ||
                          frame.kind == FrameKind::kSqueezed;
@@ -64,10 +64,10 @@ void MicWay::addFrame(const MicFrame& frame, const StreamClock& clock) {
         countSkipped(frame.skipped);
         counts().frames += MicTrace::kFrame - frame.lead;
         counts().silent += frame.lead;
-        note(at, at - timeOfFrame_(voiceFrameOf(consumedBefore_ + frame.sentAt)));
+        note(at, at - timeOfFrame(voiceFrameOf(consumedBefore + frame.sentAt)));
     } else if (frame.kind == FrameKind::kUnexplained) {
         counts().unexplained += MicTrace::kFrame;
-        unexplained_ += MicTrace::kFrame;
+        unexplained += MicTrace::kFrame;
     } else {
         ++counts().underruns;
         counts().silent += frame.kind == FrameKind::kSilent ? MicTrace::kFrame : 0;
@@ -79,8 +79,8 @@ void MicWay::addFrame(const MicFrame& frame, const StreamClock& clock) {
 
 // A frame in which the sound jumps is itself not explained; what it consumed is not lost.
 void MicWay::countSkipped(int64_t samples) {
-    const int64_t missing = samples - unexplained_;
-    unexplained_ = 0;
+    const int64_t missing = samples - unexplained;
+    unexplained = 0;
     if (missing > Tone::kPlaces / 2 || missing < 0) {
         counts().repeated += missing < 0 ? -missing : Tone::kPlaces - missing;
         return;

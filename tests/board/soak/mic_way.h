@@ -39,15 +39,15 @@ class MicWay : public Way {
     void addFrame(const MicFrame& frame, const StreamClock& clock);
     void countSkipped(int64_t samples);
 
-    const std::function<Ns(int64_t)> timeOfFrame_;
-    std::vector<Run> runs_;
-    int64_t sentSamples_ = 0;
-    int64_t streamAt_;            // the frame of the host's stream that is recorded next
-    int64_t traceBegin_;          // the frame with which the trace begins
-    int64_t consumedBefore_ = 0;  // samples, when the trace began
-    std::unique_ptr<MicTrace> trace_;
-    int64_t unexplained_ = 0;  // samples, since the last frame that was explained
-    ClickCounter clicks_;
+    const std::function<Ns(int64_t)> timeOfFrame;
+    std::vector<Run> runs;
+    int64_t sentSamples = 0;
+    int64_t streamAt;            // the frame of the host's stream that is recorded next
+    int64_t traceBegin;          // the frame with which the trace begins
+    int64_t consumedBefore = 0;  // samples, when the trace began
+    std::unique_ptr<MicTrace> trace;
+    int64_t unexplained = 0;  // samples, since the last frame that was explained
+    ClickCounter clicks;
 };
 
 }  // namespace board

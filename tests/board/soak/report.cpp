@@ -65,17 +65,17 @@ class Problems {
   public:
     void add(bool wrong, const std::string& sentence) {
         if (wrong) {
-            list_.push_back(sentence);
+            list.push_back(sentence);
         }
     }
     // One that must be 0.
     void addCount(const std::string& way, int64_t count, const std::string& what) {
         add(count != 0, way + ": " + std::to_string(count) + " " + what);
     }
-    std::vector<std::string> take() { return std::move(list_); }
+    std::vector<std::string> take() { return std::move(list); }
 
   private:
-    std::vector<std::string> list_;
+    std::vector<std::string> list;
 };
 
 void judgeWay(Problems* problems, const std::string& name, const Way& way) {
@@ -93,21 +93,21 @@ void judgeWay(Problems* problems, const std::string& name, const Way& way) {
 }  // namespace
 
 std::string reportOf(const Soak& soak) {
-    const SoakPlan& plan = soak.plan();
+    const SoakPlan& plan = soak.plan;
     std::ostringstream out;
     out << "ppm " << plan.ppm << "\njitter_ms " << plan.jitterMs << "\nminutes " << plan.minutes
         << "\nseed " << plan.seed << '\n';
-    addWay(out, "speaker", soak.speaker(), soak.begin());
-    addWay(out, "mic", soak.mic(), soak.begin());
-    out << "xruns " << soak.xruns() << "\ngain_error " << soak.gainError() << '\n';
-    out << "strained.seconds " << soak.strainedSeconds() << '\n';
+    addWay(out, "speaker", soak.speaker(), soak.result().begin);
+    addWay(out, "mic", soak.mic(), soak.result().begin);
+    out << "xruns " << soak.result().xruns << "\ngain_error " << soak.result().gainError << '\n';
+    out << "strained.seconds " << soak.result().strainedSeconds << '\n';
     addCounts(out, "strained", soak.mic().countsOf(State::kStrained));
-    addHoldings(out, "first", soak.first());
-    addHoldings(out, "last", soak.last());
-    for (size_t i = 0; i < soak.hours().size(); ++i) {
-        addHour(out, i + 1, soak.hours()[i]);
+    addHoldings(out, "first", soak.result().first);
+    addHoldings(out, "last", soak.result().last);
+    for (size_t i = 0; i < soak.result().hours.size(); ++i) {
+        addHour(out, i + 1, soak.result().hours[i]);
     }
-    for (const Outcome& outcome : soak.outcomes()) {
+    for (const Outcome& outcome : soak.result().outcomes) {
         out << "disturbance " << nameOf(outcome.disturbance.kind) << ' ' << outcome.atSecond << ' '
             << outcome.disturbance.length / kUs << ' ' << outcome.speakerBack / kUs << ' '
             << outcome.micBack / kUs << (outcome.unsettled ? " unsettled" : "") << '\n';
@@ -124,21 +124,24 @@ std::vector<std::string> problemsOf(const Soak& soak) {
     judgeWay(&problems, "mic", soak.mic());
     const int64_t micFrames =
         soak.mic().countsOf(State::kCalm).frames + soak.mic().countsOf(State::kStrained).frames;
-    const int64_t framesMin = soak.plan().minutes * 60L * kRate / 2;
+    const int64_t framesMin = soak.plan.minutes * 60L * kRate / 2;
     problems.add(std::min(soak.speaker().countsOf(State::kCalm).frames, micFrames) < framesMin,
                  "too little was streamed");
-    problems.addCount("both", soak.xruns(), "xruns");
-    problems.add(soak.gainError() > kGainErrorMax,
-                 "mic: latency control missed " + std::to_string(soak.gainError()) + " samples");
-    problems.add(soak.last().descriptors != soak.first().descriptors, "descriptors came or went");
-    problems.add(soak.last().memory.privateKb > soak.first().memory.privateKb + kGrowthMaxKb,
-                 "the daemon's memory has grown");
-    for (const Outcome& outcome : soak.outcomes()) {
+    problems.addCount("both", soak.result().xruns, "xruns");
+    problems.add(
+        soak.result().gainError > kGainErrorMax,
+        "mic: latency control missed " + std::to_string(soak.result().gainError) + " samples");
+    problems.add(soak.result().last.descriptors != soak.result().first.descriptors,
+                 "descriptors came or went");
+    problems.add(
+        soak.result().last.memory.privateKb > soak.result().first.memory.privateKb + kGrowthMaxKb,
+        "the daemon's memory has grown");
+    for (const Outcome& outcome : soak.result().outcomes) {
         problems.add(outcome.speakerBack >= kSpeakerBackMax ||
                          (outcome.micBack >= kMicBackMax && !outcome.unsettled),
                      std::string("no way back after ") + nameOf(outcome.disturbance.kind));
     }
-    problems.add(!soak.damage().empty(), "damage: " + soak.damage());
+    problems.add(!soak.result().damage.empty(), "damage: " + soak.result().damage);
     return problems.take();
 }
 

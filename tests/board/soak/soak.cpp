@@ -29,25 +29,25 @@ int16_t spoken(int64_t frame) {
 
 void Soak::comeUp() {
     AppOptions options;
-    options.jitter = plan_.jitterMs * kMs;
-    options.jitterSeed = plan_.seed;
+    options.jitter = plan.jitterMs * kMs;
+    options.jitterSeed = plan.seed;
     options.speaks = false;
-    board_.start(true, options);
-    board_.micService.reset();  // its millisecond ticks would cost time for nothing
-    board_.host.command("ppb " + std::to_string(plan_.ppm * 1000));
-    board_.app->speak(spoken);
-    player_ = std::make_unique<HostPlayer>(spoken);
-    waitFor([this] { return player_->queued() > kRate; });
-    board_.app->takeHeard();
-    board_.host.command("speaker on");
-    board_.app->pauseSpeaking(false);
-    board_.host.command("mic on");
-    begin_ = now();
-    const auto values = board_.host.counters();
-    speaker_ = std::make_unique<SpeakerWay>(kSpeakerWindow, values.at("speaker.on_frames"));
-    mic_ = std::make_unique<MicWay>(kMicWindow, values.at("mic.on_frames"), [this](int64_t frame) {
-        return board_.app->timeOfFrame(frame);
-    });
+    board.start(true, options);
+    board.micService.reset();  // its millisecond ticks would cost time for nothing
+    board.host.command("ppb " + std::to_string(plan.ppm * 1000));
+    board.app->speak(spoken);
+    player = std::make_unique<HostPlayer>(spoken);
+    waitFor([this] { return player->queued() > kRate; });
+    board.app->takeHeard();
+    board.host.command("speaker on");
+    board.app->pauseSpeaking(false);
+    board.host.command("mic on");
+    found.begin = now();
+    const auto values = board.host.counters();
+    speakerTally = std::make_unique<SpeakerWay>(kSpeakerWindow, values.at("speaker.on_frames"));
+    micTally =
+        std::make_unique<MicWay>(kMicWindow, values.at("mic.on_frames"),
+                                 [this](int64_t frame) { return board.app->timeOfFrame(frame); });
     anchor();
     settle();
 }
@@ -61,137 +61,139 @@ void Soak::settle() {
 // Writes that come too late for the buffer as it is at first starve it, until they do so often
 // enough that the daemon buffers twice as much.
 bool Soak::isStrained() {
-    return plan_.jitterMs > kJitterHeldMs &&
-           board_.daemon.count("increased ssrs queue depth", logMark_) == 0;
+    return plan.jitterMs > kJitterHeldMs &&
+           board.daemon.count("increased ssrs queue depth", logMark) == 0;
 }
 
 // Until the daemon buffers more and the latency keeps to its window.
 void Soak::bearStrain(Ns until) {
-    if (plan_.jitterMs <= kJitterHeldMs) {
+    if (plan.jitterMs <= kJitterHeldMs) {
         return;
     }
-    mic_->setState(State::kStrained);
-    for (; now() < until && isStrained(); ++strainedSeconds_) {
+    micTally->setState(State::kStrained);
+    for (; now() < until && isStrained(); ++found.strainedSeconds) {
         sleepUntil(std::min(until, now() + kSecond));
         look();
     }
-    mic_->setState(State::kDisturbed);
-    mic_->setWindow(kMicWindowEnlarged);
+    micTally->setState(State::kDisturbed);
+    micTally->setWindow(kMicWindowEnlarged);
     sleepUntil(std::min(until, now() + kSettling));
     look();
 }
 
 // The recording tells whether latency control made up for the clocks' difference, and for no more.
 void Soak::stayCalm(Ns until) {
-    speaker_->setState(State::kCalm);
+    speakerTally->setState(State::kCalm);
     bearStrain(until);
-    mic_->setState(State::kCalm);
-    const Counts before = mic_->countsOf(State::kCalm);
+    micTally->setState(State::kCalm);
+    const Counts before = micTally->countsOf(State::kCalm);
     while (now() < until) {
         sleepUntil(std::min(until, now() + kLook));
         look();
         noteHour();
     }
-    const Counts& after = mic_->countsOf(State::kCalm);
+    const Counts& after = micTally->countsOf(State::kCalm);
     const auto frames = static_cast<double>(after.frames - before.frames);
     const auto gained = static_cast<double>(after.gained - before.gained);
-    const double drift = frames - frames / (1 + plan_.ppm * 1e-6);
-    gainError_ = std::max(gainError_, std::abs(gained - drift));
-    speaker_->setState(State::kDisturbed);
-    mic_->setState(State::kDisturbed);
+    const double drift = frames - frames / (1 + plan.ppm * 1e-6);
+    found.gainError = std::max(found.gainError, std::abs(gained - drift));
+    speakerTally->setState(State::kDisturbed);
+    micTally->setState(State::kDisturbed);
 }
 
 void Soak::disturbOnce() {
-    const auto number = static_cast<int64_t>(outcomes_.size());
-    const Disturbance disturbance = disturbanceOf(plan_.seed, number + plan_.seed);
-    const int64_t atSecond = (now() - begin_) / kSecond;
-    const int64_t opens = board_.host.counter("playback.opens");
-    const size_t mark = board_.daemon.mark();
-    disturb(&board_, disturbance);
+    const auto number = static_cast<int64_t>(found.outcomes.size());
+    const Disturbance disturbance = disturbanceOf(plan.seed, number + plan.seed);
+    const int64_t atSecond = (now() - found.begin) / kSecond;
+    const int64_t opens = board.host.counter("playback.opens");
+    const size_t mark = board.daemon.mark();
+    disturb(&board, disturbance);
     const Ns end = now();
     look();
     anchor();
     sleepUntil(end + kRecovery);
-    const bool anew = board_.host.counter("playback.opens") != opens;
+    const bool anew = board.host.counter("playback.opens") != opens;
     if (anew) {
-        logMark_ = mark;
+        logMark = mark;
         settle();
     } else {
         look();
     }
     const bool unsettled = anew || isStrained();
     // Latency control takes longer for some ways.
-    while (!unsettled && now() < end + kRecoveryMax && mic_->lastWrongAt() > now() - kRecovered) {
+    while (!unsettled && now() < end + kRecoveryMax &&
+           micTally->lastWrongAt() > now() - kRecovered) {
         sleepFor(kRecovered);
         look();
     }
-    outcomes_.push_back({disturbance, atSecond, std::max<Ns>(speaker_->lastWrongAt() - end, 0),
-                         std::max<Ns>(mic_->lastWrongAt() - end, 0), unsettled});
+    found.outcomes.push_back({disturbance, atSecond,
+                              std::max<Ns>(speakerTally->lastWrongAt() - end, 0),
+                              std::max<Ns>(micTally->lastWrongAt() - end, 0), unsettled});
 }
 
 // Both streams move again.
 void Soak::anchor() {
     sleepFor(2 * kMs);
-    speakerClock_ = StreamClock(board_.host, "speaker");
-    micClock_ = StreamClock(board_.host, "mic");
+    speakerClock = StreamClock(board.host, "speaker");
+    micClock = StreamClock(board.host, "mic");
 }
 
 void Soak::look() {
-    const auto values = board_.host.counters();
-    if (values.at("playback.starts") != playbackStarts_) {
-        playbackStarts_ = values.at("playback.starts");
-        mic_->restart(values.at("mic.start_frames"));
+    const auto values = board.host.counters();
+    if (values.at("playback.starts") != playbackStarts) {
+        playbackStarts = values.at("playback.starts");
+        micTally->restart(values.at("mic.start_frames"));
     }
-    const Samples recorded = board_.host.takeRecording();
-    mic_->addSent(board_.app->takeSentBlocks());
-    mic_->add(recorded, micClock_);
-    const int64_t lostBlocks = board_.app->lostBlocks();
-    mic_->counts().lost += (lostBlocks - lostBlocks_) * kBlockFrames;
-    lostBlocks_ = lostBlocks;
-    speaker_->add(board_.app->takeHeard(), speakerClock_);
+    const Samples recorded = board.host.takeRecording();
+    micTally->addSent(board.app->takeSentBlocks());
+    micTally->add(recorded, micClock);
+    const int64_t lostBlocks = board.app->lostBlocks();
+    micTally->counts().lost += (lostBlocks - lostBlocksBefore) * kBlockFrames;
+    lostBlocksBefore = lostBlocks;
+    speakerTally->add(board.app->takeHeard(), speakerClock);
 }
 
 // Once an hour, and for who looks on.
 void Soak::noteHour() {
-    if (now() < begin_ + static_cast<Ns>(hours_.size() + 1) * kHour) {
+    if (now() < found.begin + static_cast<Ns>(found.hours.size() + 1) * kHour) {
         return;
     }
-    const Counts& speaker = speaker_->countsOf(State::kCalm);
-    const Counts& mic = mic_->countsOf(State::kCalm);
-    hours_.push_back(
-        {speaker.frames, mic.frames, speaker.wrong() + mic.wrong(), outcomes_.size(), holdings()});
-    printf("hour %zu: %lld wrong, %lld kB\n", hours_.size(),
-           static_cast<long long>(hours_.back().wrong),
-           static_cast<long long>(hours_.back().holdings.memory.privateKb));
+    const Counts& speaker = speakerTally->countsOf(State::kCalm);
+    const Counts& mic = micTally->countsOf(State::kCalm);
+    found.hours.push_back({speaker.frames, mic.frames, speaker.wrong() + mic.wrong(),
+                           found.outcomes.size(), holdings()});
+    printf("hour %zu: %lld wrong, %lld kB\n", found.hours.size(),
+           static_cast<long long>(found.hours.back().wrong),
+           static_cast<long long>(found.hours.back().holdings.memory.privateKb));
     fflush(stdout);
 }
 
 Holdings Soak::holdings() const {
-    return {memoryOf(board_.daemon.pid()),
-            static_cast<int64_t>(descriptorsOf(board_.daemon.pid()).size())};
+    return {memoryOf(board.daemon.pid()),
+            static_cast<int64_t>(descriptorsOf(board.daemon.pid()).size())};
 }
 
 void Soak::finish() {
-    last_ = holdings();
-    const auto values = board_.host.counters();
-    xruns_ = values.at("playback.xruns") + values.at("capture.xruns");
-    for (const Outcome& outcome : outcomes_) {
-        xruns_ -= outcome.disturbance.kind == DisturbanceKind::kMicXrun ||
-                          outcome.disturbance.kind == DisturbanceKind::kSpeakerXrun
-                      ? 1
-                      : 0;
+    found.last = holdings();
+    const auto values = board.host.counters();
+    found.xruns = values.at("playback.xruns") + values.at("capture.xruns");
+    for (const Outcome& outcome : found.outcomes) {
+        found.xruns -= outcome.disturbance.kind == DisturbanceKind::kMicXrun ||
+                               outcome.disturbance.kind == DisturbanceKind::kSpeakerXrun
+                           ? 1
+                           : 0;
     }
-    player_.reset();
-    damage_ = board_.findDamage();
+    player.reset();
+    found.damage = board.findDamage();
 }
 
 void Soak::run() {
     comeUp();
-    const Ns end = begin_ + plan_.minutes * kMinute;
+    const Ns end = found.begin + plan.minutes * kMinute;
     stayCalm(now() + kLook);
-    first_ = holdings();
+    found.first = holdings();
     while (now() < end) {
-        stayCalm(plan_.calmSeconds > 0 ? std::min(end, now() + plan_.calmSeconds * kSecond) : end);
+        stayCalm(plan.calmSeconds > 0 ? std::min(end, now() + plan.calmSeconds * kSecond) : end);
         if (now() < end) {
             disturbOnce();
         }

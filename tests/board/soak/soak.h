@@ -51,31 +51,32 @@ struct Hour {
     Holdings holdings;
 };
 
+// What was found of both directions; each of them has a tally of its own.
+struct SoakResult {
+    Ns begin = 0;
+    std::vector<Outcome> outcomes;
+    Holdings first;           // with both directions streaming, at the first look
+    Holdings last;            // and at the last one
+    std::vector<Hour> hours;  // that are full
+    int64_t xruns = 0;        // that were not injected
+    int strainedSeconds = 0;  // how long the app's jitter was more than the daemon's buffer held
+    // The most, in samples, that latency control gained more or less in a calm stretch than the
+    // clocks differ.
+    double gainError = 0;
+    std::string damage;  // what is wrong with the daemon at the end, or nothing
+};
+
 class Soak {
   public:
-    explicit Soak(const SoakPlan& plan) : plan_(plan) {}
+    explicit Soak(const SoakPlan& plan) : plan(plan) {}
     // Throws when the board does not come up; what else is wrong is in the result.
     void run();
 
-    const SoakPlan& plan() const { return plan_; }
-    Ns begin() const { return begin_; }
-    const SpeakerWay& speaker() const { return *speaker_; }
-    const MicWay& mic() const { return *mic_; }
-    const std::vector<Outcome>& outcomes() const { return outcomes_; }
-    // With both directions streaming, at the first and at the last look.
-    const Holdings& first() const { return first_; }
-    const Holdings& last() const { return last_; }
-    // The hours that are full.
-    const std::vector<Hour>& hours() const { return hours_; }
-    // Xruns that were not injected.
-    int64_t xruns() const { return xruns_; }
-    // How long the app's jitter was more than the daemon's buffer held.
-    int strainedSeconds() const { return strainedSeconds_; }
-    // The most, in samples, that latency control gained more or less in a calm stretch than the
-    // clocks differ.
-    double gainError() const { return gainError_; }
-    // What is wrong with the daemon at the end, or nothing.
-    const std::string& damage() const { return damage_; }
+    const SpeakerWay& speaker() const { return *speakerTally; }
+    const MicWay& mic() const { return *micTally; }
+    const SoakResult& result() const { return found; }
+
+    const SoakPlan plan;
 
   private:
     void comeUp();
@@ -90,25 +91,16 @@ class Soak {
     Holdings holdings() const;
     void finish();
 
-    const SoakPlan plan_;
-    Board board_{"soak"};
-    std::unique_ptr<HostPlayer> player_;
-    std::unique_ptr<SpeakerWay> speaker_;
-    std::unique_ptr<MicWay> mic_;
-    StreamClock speakerClock_;
-    StreamClock micClock_;
-    Ns begin_ = 0;
-    size_t logMark_ = 0;  // of the daemon's log, when the stream last began
-    int64_t playbackStarts_ = 0;
-    int64_t lostBlocks_ = 0;
-    std::vector<Outcome> outcomes_;
-    Holdings first_;
-    Holdings last_;
-    std::vector<Hour> hours_;
-    int64_t xruns_ = 0;
-    int strainedSeconds_ = 0;
-    double gainError_ = 0;
-    std::string damage_;
+    Board board{"soak"};
+    std::unique_ptr<HostPlayer> player;
+    std::unique_ptr<SpeakerWay> speakerTally;
+    std::unique_ptr<MicWay> micTally;
+    StreamClock speakerClock;
+    StreamClock micClock;
+    size_t logMark = 0;  // of the daemon's log, when the stream last began
+    int64_t playbackStarts = 0;
+    int64_t lostBlocksBefore = 0;
+    SoakResult found;
 };
 
 }  // namespace board

@@ -7,7 +7,7 @@ namespace board {
 
 void SpeakerWay::add(const Heard& heard, const StreamClock& clock) {
     const auto size = static_cast<int64_t>(heard.left.size());
-    counts().clicks += clicks_.add(heard.left.data(), size);
+    counts().clicks += clicks.add(heard.left.data(), size);
     counts().unexplained += heard.unequalFrames;
     for (size_t i = 0; i < heard.blocks.size(); ++i) {
         const HeardBlock& block = heard.blocks[i];
@@ -15,9 +15,9 @@ void SpeakerWay::add(const Heard& heard, const StreamClock& clock) {
         const int64_t end = i + 1 < heard.blocks.size()
                                 ? heard.blocks[i + 1].firstFrame - heard.blocks.front().firstFrame
                                 : size;
-        const int64_t first = next_;
+        const int64_t first = next;
         if (follow(heard.left.data() + begin, end - begin)) {
-            note(block.at, block.at - clock.timeOf(queueBegin_ + first));
+            note(block.at, block.at - clock.timeOf(queueBegin + first));
         } else {
             noteWrong(block.at);
         }
@@ -27,11 +27,11 @@ void SpeakerWay::add(const Heard& heard, const StreamClock& clock) {
 bool SpeakerWay::follow(const int16_t* samples, int64_t count) {
     bool inPlace = true;
     for (int64_t i = 0; i < count;) {
-        const int16_t* wanted = tone().from(next_);
+        const int16_t* wanted = tone().from(next);
         const int64_t length = std::min(count - i, Tone::kStretch);
         const int64_t same = std::mismatch(wanted, wanted + length, samples + i).first - wanted;
         counts().frames += same;
-        next_ += same;
+        next += same;
         i += same;
         if (same < length) {
             inPlace = false;
@@ -50,13 +50,13 @@ int64_t SpeakerWay::findAgain(const int16_t* samples, int64_t count) {
         return zeros;
     }
     int64_t frames = 0;
-    if (!tone().displacement(next_, samples, count, &frames)) {
+    if (!tone().displacement(next, samples, count, &frames)) {
         ++counts().unexplained;
         return 1;
     }
     counts().lost += std::max<int64_t>(frames, 0);
     counts().repeated += std::max<int64_t>(-frames, 0);
-    next_ += frames;
+    next += frames;
     return 0;
 }
 

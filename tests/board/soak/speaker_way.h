@@ -14,7 +14,7 @@ namespace board {
 class SpeakerWay : public Way {
   public:
     // The host's queue begins with frame `queueBegin` of its stream.
-    SpeakerWay(Window window, int64_t queueBegin) : Way(window), queueBegin_(queueBegin) {}
+    SpeakerWay(Window window, int64_t queueBegin) : Way(window), queueBegin(queueBegin) {}
 
     void add(const Heard& heard, const StreamClock& clock);
 
@@ -24,9 +24,9 @@ class SpeakerWay : public Way {
     // Deals with samples that are not what comes next; returns how many of them are dealt with.
     int64_t findAgain(const int16_t* samples, int64_t count);
 
-    const int64_t queueBegin_;
-    int64_t next_ = 0;  // the frame that is to be heard next, counted from the host's first
-    ClickCounter clicks_;
+    const int64_t queueBegin;
+    int64_t next = 0;  // the frame that is to be heard next, counted from the host's first
+    ClickCounter clicks;
 };
 
 }  // namespace board

@@ -25,10 +25,10 @@ int ownBend() {
 
 }  // namespace
 
-Tone::Tone() : table_(static_cast<size_t>(kPlaces + kStretch)) {
-    for (size_t i = 0; i < table_.size(); ++i) {
+Tone::Tone() : table(static_cast<size_t>(kPlaces + kStretch)) {
+    for (size_t i = 0; i < table.size(); ++i) {
         const auto turns = static_cast<double>(static_cast<int64_t>(i) * kTurns % kPlaces);
-        table_[i] = static_cast<int16_t>(
+        table[i] = static_cast<int16_t>(
             std::lround(kAmplitude * std::sin(2 * M_PI * turns / static_cast<double>(kPlaces))));
     }
 }
@@ -39,13 +39,13 @@ bool Tone::displacement(int64_t frame, const int16_t* samples, int64_t count,
         return false;
     }
     const auto probe = static_cast<size_t>(std::min(count, kProbeMax));
-    const auto places = table_.begin() + static_cast<std::ptrdiff_t>(kPlaces + kProbeMax);
-    const auto found = std::search(table_.begin(), places, samples, samples + probe);
+    const auto places = table.begin() + static_cast<std::ptrdiff_t>(kPlaces + kProbeMax);
+    const auto found = std::search(table.begin(), places, samples, samples + probe);
     if (found == places) {
         return false;
     }
     const auto forwards =
-        static_cast<int64_t>(static_cast<uint64_t>((found - table_.begin()) - frame) % kPlaces);
+        static_cast<int64_t>(static_cast<uint64_t>((found - table.begin()) - frame) % kPlaces);
     *frames = forwards < kPlaces / 2 ? forwards : forwards - kPlaces;
     return true;
 }
@@ -58,14 +58,14 @@ const Tone& tone() {
 int64_t ClickCounter::add(const int16_t* samples, int64_t count) {
     static const int limit = ownBend() + kBendSlack;
     int64_t clicks = 0;
-    for (int64_t i = 0; i < count; ++i, ++at_) {
+    for (int64_t i = 0; i < count; ++i, ++at) {
         const int sample = samples[i];
-        if (std::abs(sample - 2 * last_ + beforeLast_) > limit) {
-            clicks += at_ - lastBendAt_ > kClickFrames ? 1 : 0;
-            lastBendAt_ = at_;
+        if (std::abs(sample - 2 * last + beforeLast) > limit) {
+            clicks += at - lastBendAt > kClickFrames ? 1 : 0;
+            lastBendAt = at;
         }
-        beforeLast_ = last_;
-        last_ = sample;
+        beforeLast = last;
+        last = sample;
     }
     return clicks;
 }

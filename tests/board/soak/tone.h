@@ -22,14 +22,14 @@ class Tone {
 
     int16_t at(int64_t frame) const { return *from(frame); }
     const int16_t* from(int64_t frame) const {
-        return table_.data() + static_cast<uint64_t>(frame) % kPlaces;
+        return table.data() + static_cast<uint64_t>(frame) % kPlaces;
     }
     // How many frames from `frame` on it is to where `count` samples sound like these, forwards or
     // backwards, whichever is less; false when nowhere, or when the samples are too few to tell.
     bool displacement(int64_t frame, const int16_t* samples, int64_t count, int64_t* frames) const;
 
   private:
-    Samples table_;
+    Samples table;
 };
 
 // The only one there need be.
@@ -43,10 +43,10 @@ class ClickCounter {
     int64_t add(const int16_t* samples, int64_t count);
 
   private:
-    int last_ = 0;
-    int beforeLast_ = 0;
-    int64_t at_ = 0;
-    int64_t lastBendAt_ = INT64_MIN / 2;
+    int last = 0;
+    int beforeLast = 0;
+    int64_t at = 0;
+    int64_t lastBendAt = INT64_MIN / 2;
 };
 
 }  // namespace board

@@ -17,44 +17,44 @@ int64_t floorDivide(int64_t a, int64_t b) {
 
 StreamClock::StreamClock(const Host& host, const std::string& direction) {
     const auto values = host.counters();
-    frames_ = values.at(direction + ".frames");
-    lastAt_ = values.at(direction + ".last_ns");
-    usbFrameNs_ = kMs / (1 + static_cast<double>(values.at("ppb")) / 1e9);
+    frames = values.at(direction + ".frames");
+    lastAt = values.at(direction + ".last_ns");
+    usbFrameNs = kMs / (1 + static_cast<double>(values.at("ppb")) / 1e9);
 }
 
 Ns StreamClock::timeOf(int64_t frame) const {
-    const int64_t usbFrames = floorDivide(frame - frames_, kFramesPerUsbFrame) + 1;
-    return lastAt_ + static_cast<Ns>(static_cast<double>(usbFrames) * usbFrameNs_);
+    const int64_t usbFrames = floorDivide(frame - frames, kFramesPerUsbFrame) + 1;
+    return lastAt + static_cast<Ns>(static_cast<double>(usbFrames) * usbFrameNs);
 }
 
 void Way::setState(State state) {
-    state_ = state;
-    lastWrongAt_ = 0;
+    currentState = state;
+    latestWrongAt = 0;
 }
 
 void Way::note(Ns at, Ns latency) {
-    if (!window_.holds(latency)) {
+    if (!latencyWindow.holds(latency)) {
         noteWrong(at);
     }
-    if (state_ == State::kDisturbed) {
+    if (currentState == State::kDisturbed) {
         return;
     }
-    outside_ += state_ == State::kStrained || window_.holds(latency) ? 0 : 1;
-    all_.add(latency);
-    if (at >= minuteEnd_) {
-        if (minute_.count() > 0) {
-            minutes_.push_back(minute_.quantile(0.5));
+    outsideWindow += currentState == State::kStrained || latencyWindow.holds(latency) ? 0 : 1;
+    all.add(latency);
+    if (at >= minuteEnd) {
+        if (minute.count() > 0) {
+            minuteMedians.push_back(minute.quantile(0.5));
         }
-        minute_.clear();
-        minuteEnd_ = at + kMinute;
+        minute.clear();
+        minuteEnd = at + kMinute;
     }
-    minute_.add(latency);
+    minute.add(latency);
 }
 
 void Way::noteWrong(Ns at) {
-    lastWrongAt_ = std::max(lastWrongAt_, at);
-    if (state_ == State::kCalm && wrongWhenCalm_.size() < kWrongMax) {
-        wrongWhenCalm_.push_back(at);
+    latestWrongAt = std::max(latestWrongAt, at);
+    if (currentState == State::kCalm && calmWrongs.size() < kWrongMax) {
+        calmWrongs.push_back(at);
     }
 }
 

@@ -54,20 +54,20 @@ class StreamClock {
     Ns timeOf(int64_t frame) const;
 
   private:
-    int64_t frames_ = 0;
-    Ns lastAt_ = 0;
-    double usbFrameNs_ = 0;
+    int64_t frames = 0;
+    Ns lastAt = 0;
+    double usbFrameNs = 0;
 };
 
 // The count of one direction.
 class Way {
   public:
-    explicit Way(Window window) : window_(window) {}
+    explicit Way(Window window) : latencyWindow(window) {}
 
-    void setWindow(Window window) { window_ = window; }
+    void setWindow(Window window) { latencyWindow = window; }
     void setState(State state);
-    Counts& counts() { return counts_[static_cast<size_t>(state_)]; }
-    const Counts& countsOf(State state) const { return counts_[static_cast<size_t>(state)]; }
+    Counts& counts() { return countsByState[static_cast<size_t>(currentState)]; }
+    const Counts& countsOf(State state) const { return countsByState[static_cast<size_t>(state)]; }
 
     // Sound that was at `at` in its place, so late.
     void note(Ns at, Ns latency);
@@ -75,26 +75,26 @@ class Way {
     void noteWrong(Ns at);
 
     // When it was, of the calm sound; the first few.
-    const std::vector<Ns>& wrongWhenCalm() const { return wrongWhenCalm_; }
+    const std::vector<Ns>& wrongWhenCalm() const { return calmWrongs; }
     // When the sound was last wrong or outside of the window, since the state changed.
-    Ns lastWrongAt() const { return lastWrongAt_; }
+    Ns lastWrongAt() const { return latestWrongAt; }
     // Of the sound that was not disturbed, the whole and the median of each minute; and how many
     // were outside of the window though it was calm.
-    const Latencies& latencies() const { return all_; }
-    const std::vector<Ns>& minutes() const { return minutes_; }
-    int64_t outside() const { return outside_; }
+    const Latencies& latencies() const { return all; }
+    const std::vector<Ns>& minutes() const { return minuteMedians; }
+    int64_t outside() const { return outsideWindow; }
 
   private:
-    Window window_;
-    State state_ = State::kDisturbed;
-    Counts counts_[kStates];
-    Ns lastWrongAt_ = 0;
-    std::vector<Ns> wrongWhenCalm_;
-    Latencies all_;
-    Latencies minute_;
-    Ns minuteEnd_ = 0;
-    std::vector<Ns> minutes_;
-    int64_t outside_ = 0;
+    Window latencyWindow;
+    State currentState = State::kDisturbed;
+    Counts countsByState[kStates];
+    Ns latestWrongAt = 0;
+    std::vector<Ns> calmWrongs;
+    Latencies all;
+    Latencies minute;
+    Ns minuteEnd = 0;
+    std::vector<Ns> minuteMedians;
+    int64_t outsideWindow = 0;
 };
 
 }  // namespace board

@@ -28,7 +28,7 @@ constexpr size_t kPendingMessages = 128;  // in the daemon and in a socket, and 
 }  // namespace
 
 Walk::Walk(uint64_t seed, Scope scope)
-    : random(seed), board("random_walk"), scope_(scope), records_(&board.host) {
+    : random(seed), board("random_walk"), scope(scope), recordWatch(&board.host) {
     board.start();
     board.app.reset();
     startApp({});
@@ -40,7 +40,7 @@ void Walk::host(const std::string& command) {
 }
 
 void Walk::note(const std::string& what) {
-    did_ += (did_.empty() ? "" : ", ") + what;
+    did += (did.empty() ? "" : ", ") + what;
 }
 
 std::string Walk::direction() {
@@ -53,25 +53,25 @@ std::string Walk::pcm() {
 
 void Walk::startApp(board::AppOptions options) {
     app = std::make_unique<board::AppProcess>(options);
-    watch_.forget();
-    seenMessages_ = 0;
+    watch.forget();
+    seenMessages = 0;
 }
 
 void Walk::endApp() {
     app.reset();
-    watch_.forget();
+    watch.forget();
 }
 
 std::string Walk::step() {
-    did_.clear();
-    const Action& action = chooseAction(random, scope_);
+    did.clear();
+    const Action& action = chooseAction(random, scope);
     printf("%s", action.name);
     fflush(stdout);
     action.run(*this);
-    if (scope_ == Scope::kApp) {
-        records_.probe();
+    if (scope == Scope::kApp) {
+        recordWatch.probe();
     }
-    printf("%s%s\n", did_.empty() ? "" : ": ", did_.c_str());
+    printf("%s%s\n", did.empty() ? "" : ": ", did.c_str());
     fflush(stdout);
     const board::Ns since = board::now();
     const board::Ns cpu = board::cpuOf(board.daemon.pid());
@@ -124,13 +124,13 @@ std::string Walk::findCrowd() {
 
 std::string Walk::findUnknownLine() {
     const auto& lines = board.daemon.log();
-    for (; seenLines_ < lines.size(); ++seenLines_) {
-        if (!isKnown(lines[seenLines_])) {
-            return "the log says: " + lines[seenLines_].brief();
+    for (; seenLines < lines.size(); ++seenLines) {
+        if (!isKnown(lines[seenLines])) {
+            return "the log says: " + lines[seenLines].brief();
         }
-        if (board::matches(lines[seenLines_].text, "queueMsg: overwriting*") ||
-            board::matches(lines[seenLines_].text, "sendMsg failed*")) {
-            messagesAroundLoss_ = kPendingMessages;
+        if (board::matches(lines[seenLines].text, "queueMsg: overwriting*") ||
+            board::matches(lines[seenLines].text, "sendMsg failed*")) {
+            messagesAroundLoss = kPendingMessages;
         }
     }
     return "";
@@ -139,30 +139,30 @@ std::string Walk::findUnknownLine() {
 std::string Walk::findRepetition() {
     std::vector<Message> messages;
     if (app) {
-        messages = app->messageValues(seenMessages_);
+        messages = app->messageValues(seenMessages);
     } else if (board.app) {
-        messages = board.app->messageValues(seenMessages_);
+        messages = board.app->messageValues(seenMessages);
     }
-    seenMessages_ += messages.size();
-    if (messagesAroundLoss_ > 0) {
-        const size_t unjudged = std::min(messages.size(), messagesAroundLoss_);
-        messagesAroundLoss_ -= unjudged;
+    seenMessages += messages.size();
+    if (messagesAroundLoss > 0) {
+        const size_t unjudged = std::min(messages.size(), messagesAroundLoss);
+        messagesAroundLoss -= unjudged;
         messages.erase(messages.begin(), messages.begin() + static_cast<std::ptrdiff_t>(unjudged));
-        watch_.forget();
+        watch.forget();
     }
-    watch_.see(messages);
-    return watch_.repetition();
+    watch.see(messages);
+    return watch.repetition();
 }
 
 // Where records come in hundreds or reads fail, the later ones wait for what is done of the others.
 std::string Walk::findDelay() {
-    records_.look();
-    const board::Delay& delay = scope_ == Scope::kApp ? records_.wait() : records_.absence();
+    recordWatch.look();
+    const board::Delay& delay = scope == Scope::kApp ? recordWatch.wait() : recordWatch.absence();
     if (delay.time > kHandled) {
         return "a record waited for " + delay.text();
     }
-    if (scope_ == Scope::kApp && records_.micStop().time > kMicStopped) {
-        return "the microphone stopped after " + records_.micStop().text();
+    if (scope == Scope::kApp && recordWatch.micStop().time > kMicStopped) {
+        return "the microphone stopped after " + recordWatch.micStop().text();
     }
     return "";
 }
@@ -224,7 +224,7 @@ std::string Walk::makeSound() {
         }
     }
     board.app = std::make_unique<board::App>();
-    seenMessages_ = 0;
+    seenMessages = 0;
     if (!board.settle(kPatience)) {
         return "event records are not handled";
     }

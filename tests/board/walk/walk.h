@@ -30,7 +30,7 @@ class Walk {
     // Makes the surroundings sound again and proves the daemon whole. Returns what is wrong, or
     // nothing.
     std::string prove();
-    const board::RecordWatch& records() const { return records_; }
+    const board::RecordWatch& records() const { return recordWatch; }
 
     // ---- What the actions do things with -------------------------------------------------------
 
@@ -59,14 +59,14 @@ class Walk {
     std::string makeSound();
     bool syncUp();
 
-    const Scope scope_;
-    board::RecordWatch records_;
-    board::ChannelWatch watch_;
-    size_t seenMessages_ = 0;
+    const Scope scope;
+    board::RecordWatch recordWatch;
+    board::ChannelWatch watch;
+    size_t seenMessages = 0;
     // A message was lost: where among so many next ones is not told, since they wait in the queue.
-    size_t messagesAroundLoss_ = 0;
-    size_t seenLines_ = 0;
-    std::string did_;  // what the step does, for who reads a failure
+    size_t messagesAroundLoss = 0;
+    size_t seenLines = 0;
+    std::string did;  // what the step does, for who reads a failure
 };
 
 // One of the things that happen, how often beside the others, and in which walks: kAll is not in
