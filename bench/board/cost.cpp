@@ -62,13 +62,14 @@ double fileKb(const std::string& path) {
 // One direction of one subject's run.
 class Stream {
   public:
-    Stream(board::Board* board, const board::Way& way, bool hasTrail) : board(board), way(way) {
+    Stream(board::Board* board, const board::Direction& direction, bool hasTrail)
+        : board(board), direction(direction) {
         if (hasTrail) {
-            trail = std::make_unique<board::RampTrail>(board, way);
+            trail = std::make_unique<board::RampTrail>(board, direction);
         } else if (isSpeaker()) {
             player = std::make_unique<board::HostPlayer>(board::noise);
         }
-        board->host.command(std::string(way.name) + " on");
+        board->host.command(std::string(direction.name) + " on");
     }
 
     // When the subject's PCM first moved.
@@ -77,7 +78,7 @@ class Stream {
                            : counter("mic.first_ns");
     }
     // How often the subject had to start its PCM so far.
-    int64_t starts() const { return counter(std::string(way.pcm) + ".starts"); }
+    int64_t starts() const { return counter(std::string(direction.pcm) + ".starts"); }
 
     void look() {
         if (trail) {
@@ -112,11 +113,11 @@ class Stream {
     }
 
   private:
-    bool isSpeaker() const { return way == board::kSpeakerWay; }
+    bool isSpeaker() const { return direction == board::kSpeakerDirection; }
     int64_t counter(const std::string& key) const { return board->host.counter(key); }
 
     board::Board* const board;
-    const board::Way way;
+    const board::Direction direction;
     std::unique_ptr<board::RampTrail> trail;
     std::unique_ptr<board::HostPlayer> player;
     int64_t soundingFrames = 0;
@@ -125,14 +126,15 @@ class Stream {
 // One subject at work.
 class Session {
   public:
-    Session(const Subject& subject, const std::vector<board::Way>& ways) : board("cost") {
+    Session(const Subject& subject, const std::vector<board::Direction>& directions)
+        : board("cost") {
         board::AppOptions options;
         options.equalChannels = true;  // some mix them
         board.micService = std::make_unique<board::MicService>();
         board.app = std::make_unique<board::App>(options);
         board.host.command(kHostClock);
-        for (const board::Way& way : ways) {
-            openStreams.push_back(std::make_unique<Stream>(&board, way, subject.speaksToApp));
+        for (const board::Direction& direction : directions) {
+            openStreams.push_back(std::make_unique<Stream>(&board, direction, subject.speaksToApp));
         }
         helpers = std::make_unique<Processes>("helpers", subject.helpers, true);
         // The daemon sees to its own scheduling.
@@ -189,8 +191,9 @@ void putVoice(Ns measured) {
 
 class Comparison {
   public:
-    Comparison(const char* key, const char* title, std::vector<board::Way> ways, Ns measured)
-        : ways(std::move(ways)),
+    Comparison(const char* key, const char* title, std::vector<board::Direction> directions,
+               Ns measured)
+        : directions(std::move(directions)),
           measured(measured),
           table(key, title,
                 {{"instructions_per_s", "Mi/s", 3},
@@ -209,14 +212,14 @@ class Comparison {
     void publish() const { table.publish(); }
 
   private:
-    const std::vector<board::Way> ways;
+    const std::vector<board::Direction> directions;
     const Ns measured;
     Table table;
     double uafdPerSecond = 0;  // its instructions, known first
 };
 
 void Comparison::measure(const Subject& subject) {
-    Session session(subject, ways);
+    Session session(subject, directions);
     session.run(kSettling);
     const Ns start = session.startTime();
     const Ns from = board::now();
@@ -237,7 +240,7 @@ void Comparison::measure(const Subject& subject) {
          subject.helpers.empty()
              ? Figure()
              : Figure(static_cast<double>(after.helpersCpu - before.helpersCpu) / seconds / 1e6),
-         100 * sound, ways.size() == 1 ? session.streams()[0]->latencyMs(from, to) : Figure(),
+         100 * sound, directions.size() == 1 ? session.streams()[0]->latencyMs(from, to) : Figure(),
          static_cast<double>(start) / kMs, static_cast<double>(after.privateKb),
          fileKb(subject.commands[0].words[0]), static_cast<double>(after.threads),
          static_cast<double>(after.sleeps - before.sleeps) / seconds,
@@ -245,10 +248,10 @@ void Comparison::measure(const Subject& subject) {
     fprintf(stderr, "%-40s %8.3f Mi/s\n", subject.name.c_str(), perSecond);
 }
 
-void compare(const char* key, const char* title, const std::vector<board::Way>& ways,
+void compare(const char* key, const char* title, const std::vector<board::Direction>& directions,
              const std::vector<Subject>& subjects, const Options& options) {
     putVoice(options.measured);
-    Comparison comparison(key, title, ways, options.measured);
+    Comparison comparison(key, title, directions, options.measured);
     for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {
         comparison.measure(subjects[i]);
     }
@@ -258,18 +261,18 @@ void compare(const char* key, const char* title, const std::vector<board::Way>& 
 }  // namespace
 
 void measureSpeaker(const Options& options) {
-    compare("speaker", "Speaker: the host's sound into the app's FIFO", {board::kSpeakerWay},
+    compare("speaker", "Speaker: the host's sound into the app's FIFO", {board::kSpeakerDirection},
             speakerSubjects(), options);
 }
 
 void measureMicrophone(const Options& options) {
-    compare("microphone", "Microphone: the app's FIFO into the host's recording", {board::kMicWay},
-            micSubjects(), options);
+    compare("microphone", "Microphone: the app's FIFO into the host's recording",
+            {board::kMicDirection}, micSubjects(), options);
 }
 
 void measureBoth(const Options& options) {
-    compare("both", "Both directions at once", {board::kSpeakerWay, board::kMicWay}, bothSubjects(),
-            options);
+    compare("both", "Both directions at once", {board::kSpeakerDirection, board::kMicDirection},
+            bothSubjects(), options);
 }
 
 }  // namespace bench

@@ -53,7 +53,7 @@ Ns durationOf(int64_t frames) {
 }
 
 // What is measured of one direction.
-struct Way {
+struct DirectionResult {
     int64_t sent = 0;
     int64_t received = 0;
     int64_t heldBack = 0;        // frames before the first that was received
@@ -95,14 +95,14 @@ class MainJob {
     void send(Message message);
     void report();
     std::vector<Row> table() const;
-    void requireCleanWays() const;
+    void requireCleanDirections() const;
 
     board::Board board;
     board::Timeline timeline;
     Samples hostSpeech;
     Samples appSpeech;
-    Way speakerResult;
-    Way micResult;
+    DirectionResult speakerResult;
+    DirectionResult micResult;
     std::vector<board::ReceivedMessage> sentMessages;  // by the app
 };
 
@@ -361,12 +361,12 @@ std::vector<Row> MainJob::table() const {
     };
 }
 
-void MainJob::requireCleanWays() const {
-    for (const Way* way : {&speakerResult, &micResult}) {
-        const char* name = way == &speakerResult ? "from host to app" : "from app to host";
-        require(way->lostOrRepeated == 0,
-                std::to_string(way->lostOrRepeated) + " frames were lost or repeated " + name);
-        require(way->xruns == 0, std::to_string(way->xruns) + " xruns " + name);
+void MainJob::requireCleanDirections() const {
+    for (const DirectionResult* result : {&speakerResult, &micResult}) {
+        const char* name = result == &speakerResult ? "from host to app" : "from app to host";
+        require(result->lostOrRepeated == 0,
+                std::to_string(result->lostOrRepeated) + " frames were lost or repeated " + name);
+        require(result->xruns == 0, std::to_string(result->xruns) + " xruns " + name);
     }
 }
 
@@ -378,7 +378,7 @@ void MainJob::run() {
     speakOnceMore();
     report();
     checkMessages();
-    requireCleanWays();
+    requireCleanDirections();
 }
 
 }  // namespace

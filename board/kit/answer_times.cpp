@@ -8,7 +8,7 @@
 namespace board {
 namespace {
 
-enum Direction : uint64_t { kSpeaker, kMic };  // as in the driver
+enum DriverDirection : uint64_t { kSpeaker, kMic };  // as in the driver
 
 constexpr Ns kPeriod = 5 * kMs;
 constexpr size_t kIoctlsInPeriod = 5;                 // of the microphone's thread

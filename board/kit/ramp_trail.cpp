@@ -93,8 +93,9 @@ void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
 
 }  // namespace
 
-RampTrail::RampTrail(Board* board, const Way& way) : board(board), way(way) {
-    board->host.command(std::string("flush ") + way.name);
+RampTrail::RampTrail(Board* board, const Direction& direction)
+    : board(board), direction(direction) {
+    board->host.command(std::string("flush ") + direction.name);
     if (isSpeaker()) {
         player = std::make_unique<HostPlayer>(ramp);
         waitFor([this] { return player->queued() > kRate; });

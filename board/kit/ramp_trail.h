@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "board/kit/board.h"
+#include "board/kit/direction.h"
 #include "board/kit/host_player.h"
 #include "board/kit/statistics.h"
-#include "board/kit/way.h"
 
 namespace board {
 
@@ -43,7 +43,7 @@ struct Point {
 class RampTrail {
   public:
     // The ramp is sent from now on; the host's stream is to be switched on next.
-    RampTrail(Board* board, const Way& way);
+    RampTrail(Board* board, const Direction& direction);
 
     // Takes what was heard since the last call; at least once in 40 s, before the host's stream
     // goes off, and before it stalls.
@@ -62,7 +62,7 @@ class RampTrail {
     int64_t strange();
 
   private:
-    bool isSpeaker() const { return way == kSpeakerWay; }
+    bool isSpeaker() const { return direction == kSpeakerDirection; }
     void collectHeard();
     void collectRecorded();
     Ns sentAt(int64_t frame) const;
@@ -71,7 +71,7 @@ class RampTrail {
     std::vector<Ns> latencies(const Passage& passage, Ns from, Ns to) const;
 
     Board* const board;
-    const Way way;
+    const Direction direction;
     std::unique_ptr<HostPlayer> player;  // of the speaker
     Samples heardSamples;
     std::vector<Point> heardPoints;

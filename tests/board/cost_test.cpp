@@ -90,8 +90,8 @@ class Cost : public BoardCase {
         constexpr int64_t apart = 2 * 48;
         const auto is = [&] {
             const auto values = host.counters();
-            const auto moved = [&](const std::string& way) {
-                return values.at(way + ".frames") - values.at(way + ".start_frames");
+            const auto moved = [&](const std::string& direction) {
+                return values.at(direction + ".frames") - values.at(direction + ".start_frames");
             };
             return (moved("speaker") - moved("mic") + 100 * periodFrames) % periodFrames;
         };

@@ -7,17 +7,17 @@
 
 #include <gtest/gtest.h>
 
+#include "board/kit/direction.h"
 #include "board/kit/host_player.h"
-#include "board/kit/way.h"
 #include "tests/board/board_case.h"
 
 namespace {
 
-using board::kMicWay;
+using board::Direction;
+using board::kMicDirection;
 using board::kMs;
-using board::kSpeakerWay;
+using board::kSpeakerDirection;
 using board::Ns;
-using board::Way;
 
 enum class State { kStopped, kRunning, kStopping, kSuspended };
 constexpr State kStates[] = {State::kStopped, State::kRunning, State::kStopping, State::kSuspended};
@@ -46,35 +46,37 @@ class CardRemoval : public BoardCase {
         app->speak(board::noise);
     }
 
-    void command(const Way& way, const std::string& text) {
-        host.command(std::string(way.name) + " " + text);
+    void command(const Direction& direction, const std::string& text) {
+        host.command(std::string(direction.name) + " " + text);
     }
 
-    // All but the last step into the state, and the last one, which several ways take at once.
-    void prepare(const Way& way, State state) {
+    // All but the last step into the state, and the last one, which several directions take at
+    // once.
+    void prepare(const Direction& direction, State state) {
         if (state != State::kStopped) {
             const Ns before = board::now();
-            command(way, "on");
-            ASSERT_TRUE(board::waitFor(
-                [&] { return host.countEvents(std::string(way.pcm) + " start 0", before) > 0; }));
+            command(direction, "on");
+            ASSERT_TRUE(board::waitFor([&] {
+                return host.countEvents(std::string(direction.pcm) + " start 0", before) > 0;
+            }));
         }
         if (state == State::kSuspended) {
-            host.command(std::string("fault ") + way.pcm + ".resume 11 times=0");
+            host.command(std::string("fault ") + direction.pcm + ".resume 11 times=0");
         }
     }
-    void enter(const Way& way, State state) {
+    void enter(const Direction& direction, State state) {
         if (state == State::kStopping) {
-            host.command("record " + std::to_string(way.record) + " 0");
+            host.command("record " + std::to_string(direction.record) + " 0");
         } else if (state == State::kSuspended) {
-            host.command(std::string("suspend ") + way.name);
+            host.command(std::string("suspend ") + direction.name);
         }
     }
     void enterBoth(State speaker, State mic) {
-        prepare(kSpeakerWay, speaker);
-        prepare(kMicWay, mic);
+        prepare(kSpeakerDirection, speaker);
+        prepare(kMicDirection, mic);
         board::sleepFor(50 * kMs);
-        enter(kSpeakerWay, speaker);
-        enter(kMicWay, mic);
+        enter(kSpeakerDirection, speaker);
+        enter(kMicDirection, mic);
         // Somewhere in the passes that a stop waits for.
         board::sleepFor(++cells * 3 % 14 * kMs);
     }
@@ -97,11 +99,11 @@ class CardRemoval : public BoardCase {
     }
 
     void bothOff() {
-        command(kSpeakerWay, "off");
-        command(kMicWay, "off");
+        command(kSpeakerDirection, "off");
+        command(kMicDirection, "off");
         EXPECT_TRUE(hasThreads(board::kIdleThreads));
     }
-    // Both ways carry sound.
+    // Both directions carry sound.
     void expectSound() {
         ASSERT_TRUE(settle());
         host.command("flush speaker");
@@ -109,8 +111,8 @@ class CardRemoval : public BoardCase {
         ASSERT_TRUE(board::waitFor([&] { return player.queued() == board::kRate / 2; }));
         app->takeHeard();
         host.takeRecording();
-        command(kSpeakerWay, "on");
-        command(kMicWay, "on");
+        command(kSpeakerDirection, "on");
+        command(kMicDirection, "on");
         const auto sounds = [](const board::Samples& samples) {
             return board::firstSound(samples) < samples.size();
         };
@@ -119,15 +121,15 @@ class CardRemoval : public BoardCase {
         bothOff();
     }
     // The app is told on and off in turn, and last off.
-    void expectTold(const Way& way, size_t messagesBefore) {
+    void expectTold(const Direction& direction, size_t messagesBefore) {
         uint32_t on = 0;
         for (const board::Message& message : app->messageValues(messagesBefore)) {
-            if (message.type == way.channel) {
-                EXPECT_EQ(message.data, 1 - on) << way.name;
+            if (message.type == direction.channel) {
+                EXPECT_EQ(message.data, 1 - on) << direction.name;
                 on = message.data;
             }
         }
-        EXPECT_EQ(on, 0U) << way.name;
+        EXPECT_EQ(on, 0U) << direction.name;
     }
 
   private:
@@ -145,8 +147,8 @@ TEST_P(CardRemovalWithSpeaker, AndMicrophoneInEachState) {
             ASSERT_NO_FATAL_FAILURE(enterBoth(GetParam(), mic));
             removeAndAdd(how);
             bothOff();
-            expectTold(kSpeakerWay, messages);
-            expectTold(kMicWay, messages);
+            expectTold(kSpeakerDirection, messages);
+            expectTold(kMicDirection, messages);
             ASSERT_NO_FATAL_FAILURE(expectSound());
         }
     }
@@ -160,16 +162,16 @@ INSTANTIATE_TEST_SUITE_P(State, CardRemovalWithSpeaker, testing::ValuesIn(kState
 // The card goes in the middle of a start, which then fails; the other channel is in each state.
 TEST_F(CardRemoval, WhileAChannelStarts) {
     for (const bool speaker : {true, false}) {
-        const Way way = speaker ? kSpeakerWay : kMicWay;
-        const Way other = speaker ? kMicWay : kSpeakerWay;
+        const Direction direction = speaker ? kSpeakerDirection : kMicDirection;
+        const Direction other = speaker ? kMicDirection : kSpeakerDirection;
         for (const State state : kStates) {
-            SCOPED_TRACE(std::string(way.name) + " " + nameOf(state));
+            SCOPED_TRACE(std::string(direction.name) + " " + nameOf(state));
             const size_t mark = daemon.mark();
             prepare(other, state);
             board::sleepFor(50 * kMs);
             enter(other, state);
-            host.command(std::string("fault ") + way.pcm + ".unplug 1");
-            command(way, "on");
+            host.command(std::string("fault ") + direction.pcm + ".unplug 1");
+            command(direction, "on");
             EXPECT_TRUE(daemon.waitForLog("failed to start audio", mark));
             EXPECT_EQ(daemon.count("error at setHwParams@152: rc=-19", mark), 1);
             EXPECT_EQ(daemon.count(speaker ? "error at uafStart@92: rc=-19"
@@ -178,7 +180,7 @@ TEST_F(CardRemoval, WhileAChannelStarts) {
                       1);
             host.command("fault clear");
             host.command("card add");
-            command(way, "off");
+            command(direction, "off");
             command(other, "off");
             // A microphone that failed to start keeps its buffer thread until the next start.
             ASSERT_TRUE(hasThreads(board::kIdleThreads + (speaker ? 0 : 1)));

@@ -21,15 +21,15 @@ class FailedRecovery : public StreamCase {
         return pass(1) + pass(2) + pass(2) + pass(2);
     }
     static Lines transferFails(int state) {
-        return failure(way(),
+        return failure(direction(),
                        either("stopping, unexpected read error",
                               "stopping, unexpected write error(Input/output error)"),
                        state);
     }
     static Lines restartFails(int state) {
-        return isSpeaker()
-                   ? failure(way(), "stopping, ALSA failed to start: Input/output error", state)
-                   : kickStart(way()) + transferFails(state);
+        return isSpeaker() ? failure(direction(),
+                                     "stopping, ALSA failed to start: Input/output error", state)
+                           : kickStart(direction()) + transferFails(state);
     }
 
     // The stream runs, then the faults strike: the channel stops, with this in its log.
@@ -48,23 +48,25 @@ class FailedRecovery : public StreamCase {
 
 TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
     switchOn();
-    expectStop("one prepare fails", {"prepare 5", "xrun"},
-               xrunMet(way()) + failedPrepare(way(), "underrun", 1) + recovery(way()));
-    expectStop("one prepare fails after a transfer", {"prepare 5", "transfer 32"},
-               xrunMet(way()) + failedPrepare(way(), "underrun", 1) + recovery(way()));
+    expectStop(
+        "one prepare fails", {"prepare 5", "xrun"},
+        xrunMet(direction()) + failedPrepare(direction(), "underrun", 1) + recovery(direction()));
+    expectStop(
+        "one prepare fails after a transfer", {"prepare 5", "transfer 32"},
+        xrunMet(direction()) + failedPrepare(direction(), "underrun", 1) + recovery(direction()));
     expectStop("every prepare fails", {"prepare 5 times=0", "xrun"}, everyPass([](int state) {
-                   return xrunMet(way()) + failedPrepare(way(), "underrun", state);
+                   return xrunMet(direction()) + failedPrepare(direction(), "underrun", state);
                }));
     // A playback ring that never plays is full after three writes; the driver then keeps each of
     // them waiting for a tenth of a second.
-    const Lines full = kickStart(way()) + Lines{"D UAFSRC: timeout0, rc=0"};
+    const Lines full = kickStart(direction()) + Lines{"D UAFSRC: timeout0, rc=0"};
     expectStop("every start fails", {"start 5 times=0", "xrun"},
-               recovery(way()) + either(Lines{}, full) + everyPass(restartFails));
+               recovery(direction()) + either(Lines{}, full) + everyPass(restartFails));
     expectStop("one transfer fails", {"ack 5"}, transferFails(1));
     expectStop("every transfer fails", {"ack 5 times=0"}, everyPass(transferFails));
     EXPECT_EQ(findDamage(), "");
 }
 
-INSTANTIATE_BOTH_WAYS(FailedRecovery);
+INSTANTIATE_BOTH_DIRECTIONS(FailedRecovery);
 
 }  // namespace

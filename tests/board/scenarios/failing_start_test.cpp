@@ -70,14 +70,14 @@ class FailingStart : public StreamCase {
         return errors;
     }
     static std::string says(const std::string& what) {
-        return std::string("E ") + way().tag + ": " + what;
+        return std::string("E ") + direction().tag + ": " + what;
     }
 
     // The host starts the stream in vain: the failing step is reported, after what led to it. Then
     // the fault is over and it starts again.
     void expectFailure(const Lines& cause, const Step& step) {
         const Moment before = mark();
-        host.command(std::string(way().name) + " on");
+        host.command(std::string(direction().name) + " on");
         ASSERT_TRUE(daemon.waitForLog("failed to start audio", before.log));
         const int number = either(step.speaker, step.mic);
         const Lines report{says("error at uafStart@" + std::to_string(number) + ": rc=-5"),
@@ -135,7 +135,7 @@ TEST_P(FailingStart, ManyTimesInARow) {
     const Moment before = mark();
     arm("hw_params 5 times=" + std::to_string(failures));
     for (int i = 1; i <= failures; ++i) {
-        host.command(std::string(way().name) + " on");
+        host.command(std::string(direction().name) + " on");
         ASSERT_TRUE(daemon.waitForLog("failed to start audio", before.log, i));
     }
     EXPECT_EQ(said("start, audio still open, trying to close", before), failures - 1);
@@ -149,7 +149,7 @@ TEST_P(FailingStart, ManyTimesInARow) {
 TEST_P(FailingStart, IsNoneAtAnotherRate) {
     const Moment before = mark();
     arm("other_rate 44100");
-    board::RampTrail trail(this, way());
+    board::RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSecond);
     trail.collect();
@@ -160,12 +160,12 @@ TEST_P(FailingStart, IsNoneAtAnotherRate) {
                      std::string("hw_params 0 rate=44100 channels=1 period=240 buffer=") +
                          either("2400", "720"),
                      "prepare 0", "start 0"}));
-    EXPECT_EQ(told(before), (std::vector<Message>{{way().channel, 1}}));
+    EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 1}}));
     EXPECT_TRUE(trail.breaks().empty());
     EXPECT_GT(trail.passages().back().frames, kSecond / kMs * 48 * 9 / 10);
     EXPECT_EQ(findDamage(), "");
 }
 
-INSTANTIATE_BOTH_WAYS(FailingStart);
+INSTANTIATE_BOTH_DIRECTIONS(FailingStart);
 
 }  // namespace

@@ -52,8 +52,8 @@ class FrequentXruns : public BoardCase {
 
 TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     start();
-    RampTrail heard(this, board::kSpeakerWay);
-    RampTrail recorded(this, board::kMicWay);
+    RampTrail heard(this, board::kSpeakerDirection);
+    RampTrail recorded(this, board::kMicDirection);
     host.command("speaker on");
     host.command("mic on");
     board::sleepFor(kSettling);

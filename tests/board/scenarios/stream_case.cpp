@@ -27,44 +27,44 @@ bool isRepetition(const LogLine& line) {
 
 void StreamCase::switchOn() {
     const Moment before = mark();
-    host.command(std::string(way().name) + " on");
+    host.command(std::string(direction().name) + " on");
     waitForStarts(1, before);
-    if (!waitForChannel(way().channel, true, before.messages)) {
-        throw std::runtime_error(std::string(way().name) + " does not start");
+    if (!waitForChannel(direction().channel, true, before.messages)) {
+        throw std::runtime_error(std::string(direction().name) + " does not start");
     }
 }
 
 void StreamCase::switchOff() {
     const size_t messages = app->messages().size();
-    host.command(std::string(way().name) + " off");
-    if (!waitForChannel(way().channel, false, messages)) {
-        throw std::runtime_error(std::string(way().name) + " does not stop");
+    host.command(std::string(direction().name) + " off");
+    if (!waitForChannel(direction().channel, false, messages)) {
+        throw std::runtime_error(std::string(direction().name) + " does not stop");
     }
 }
 
 void StreamCase::command(const std::string& verb, const std::string& rest) {
-    host.command(verb + " " + way().name + (rest.empty() ? "" : " " + rest));
+    host.command(verb + " " + direction().name + (rest.empty() ? "" : " " + rest));
 }
 
 void StreamCase::arm(const std::string& fault) {
-    host.command(std::string("fault ") + way().pcm + "." + fault);
+    host.command(std::string("fault ") + direction().pcm + "." + fault);
 }
 
 void StreamCase::deliver(bool on) {
-    host.command("record " + std::to_string(way().record) + (on ? " 1" : " 0"));
+    host.command("record " + std::to_string(direction().record) + (on ? " 1" : " 0"));
 }
 
 void StreamCase::waitForStarts(int times, const Moment& since) {
-    const std::string start = std::string(way().pcm) + " start 0";
+    const std::string start = std::string(direction().pcm) + " start 0";
     if (!board::waitFor([&] { return host.countEvents(start, since.at) >= times; })) {
-        throw std::runtime_error(std::string(way().pcm) + " is not started");
+        throw std::runtime_error(std::string(direction().pcm) + " is not started");
     }
 }
 
 // The first end of a period at or after this many frames; the PCM's last start began the first
 // period.
 int64_t StreamCase::nextPeriodAt(int64_t frames) {
-    const std::string start = std::string(way().pcm) + " start 0";
+    const std::string start = std::string(direction().pcm) + " start 0";
     const std::vector<board::HostEvent>& events = host.events();
     const auto last = std::find_if(events.rbegin(), events.rend(),
                                    [&](const auto& event) { return event.text == start; });
@@ -74,7 +74,7 @@ int64_t StreamCase::nextPeriodAt(int64_t frames) {
 
 int64_t StreamCase::waitForEarlyInPeriod() {
     const int64_t begin = nextPeriodAt(movedBy(board::now()) + kPeriod);
-    board::sleepUntil(host.frameTime(way().name, begin + kUsbFrame));
+    board::sleepUntil(host.frameTime(direction().name, begin + kUsbFrame));
     return begin;
 }
 
@@ -103,7 +103,7 @@ void StreamCase::expectLog(const Moment& since, const Lines& wanted) {
 }
 
 std::vector<std::string> StreamCase::requests(const Moment& since) {
-    const std::string prefix = std::string(way().pcm) + " ";
+    const std::string prefix = std::string(direction().pcm) + " ";
     std::vector<std::string> requests;
     for (const board::HostEvent& event : host.eventsSince(since.at)) {
         if (beginsWith(event.text, prefix)) {
@@ -120,28 +120,28 @@ std::vector<board::Message> StreamCase::told(const Moment& since) const {
 // Of the host's stream: audio frames that had moved by a time.
 int64_t StreamCase::movedBy(Ns at) const {
     const auto values = host.counters();
-    const std::string name = way().name;
+    const std::string name = direction().name;
     return values.at(name + ".on_frames") + (at - values.at(name + ".on_ns")) / kMs * kUsbFrame;
 }
 
 void StreamCase::expectStopped(const Moment& since, const Lines& log, Ns limit) {
-    EXPECT_TRUE(waitForChannel(way().channel, false, since.messages, limit));
+    EXPECT_TRUE(waitForChannel(direction().channel, false, since.messages, limit));
     ASSERT_TRUE(hasThreads(board::kIdleThreads));
-    expectLog(since, log + stream_log::stop(way()));
-    EXPECT_EQ(told(since), (std::vector<board::Message>{{way().channel, 0}}));
+    expectLog(since, log + stream_log::stop(direction()));
+    EXPECT_EQ(told(since), (std::vector<board::Message>{{direction().channel, 0}}));
 }
 
 void StreamCase::expectStartable() {
     constexpr int64_t enough = 5760;  // 120 ms
     const Moment before = mark();
-    board::RampTrail trail(this, way());
+    board::RampTrail trail(this, direction());
     deliver(true);
     waitForStarts(1, before);
     board::sleepFor(200 * kMs);
     trail.collect();
     ASSERT_FALSE(trail.passages().empty());
     EXPECT_GT(trail.passages().back().frames, enough);
-    EXPECT_EQ(told(before), (std::vector<board::Message>{{way().channel, 1}}));
+    EXPECT_EQ(told(before), (std::vector<board::Message>{{direction().channel, 1}}));
 }
 
 void StreamCase::expectHealthy(board::RampTrail* trail, Ns from) {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixture of scenarios about one way of sound, run for each of the two: the way's own host
-// stream, driver, log and messages, and what is to be seen of them since a moment.
+// The fixture of scenarios about one direction of sound, run for each of the two: the direction's
+// own host stream, driver, log and messages, and what is to be seen of them since a moment.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "board/kit/direction.h"
 #include "board/kit/ramp_trail.h"
-#include "board/kit/way.h"
 #include "tests/board/board_case.h"
 #include "tests/board/scenarios/stream_log.h"
 
@@ -22,11 +22,11 @@ struct Moment {
     size_t messages;
 };
 
-class StreamCase : public BoardCase, public testing::WithParamInterface<board::Way> {
+class StreamCase : public BoardCase, public testing::WithParamInterface<board::Direction> {
   protected:
-    static board::Way way() { return GetParam(); }
-    static bool isSpeaker() { return way() == board::kSpeakerWay; }
-    // What differs between the ways.
+    static board::Direction direction() { return GetParam(); }
+    static bool isSpeaker() { return direction() == board::kSpeakerDirection; }
+    // What differs between the directions.
     template <typename T>
     static T either(T speakers, T mics) {
         return isSpeaker() ? speakers : mics;
@@ -39,13 +39,14 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::W
     void switchOff();
     // The record that the host has switched its stream, which stays as it is.
     void deliver(bool on);
-    // A command about the way: "xrun" becomes "xrun speaker".
+    // A command about the direction: "xrun" becomes "xrun speaker".
     void command(const std::string& verb, const std::string& rest = "");
-    // Arms a fault of the way's PCM.
+    // Arms a fault of the direction's PCM.
     void arm(const std::string& fault);
     // An xrun or a suspend in a USB frame of a period, 1 to 5, some periods on.
     void injureInPeriod(const std::string& injury, int usbFrame);
-    // Waits for the second of a period's five USB frames; returns the way's frames at its begin.
+    // Waits for the second of a period's five USB frames; returns the direction's frames at its
+    // begin.
     int64_t waitForEarlyInPeriod();
     // Waits until the driver has started the PCM so often since the moment.
     void waitForStarts(int times, const Moment& since);
@@ -54,7 +55,7 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::W
     // The whole log since the moment, apart from what it says again and again.
     void expectLog(const Moment& since, const Lines& wanted);
     int said(const std::string& text, const Moment& since) { return daemon.count(text, since.log); }
-    // Everything that the driver did for the way.
+    // Everything that the driver did for the direction.
     std::vector<std::string> requests(const Moment& since);
     // What the app was told.
     std::vector<board::Message> told(const Moment& since) const;
@@ -71,6 +72,7 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::W
     int64_t nextPeriodAt(int64_t frames);
 };
 
-#define INSTANTIATE_BOTH_WAYS(Suite)                                                          \
-    INSTANTIATE_TEST_SUITE_P(Way, Suite, testing::Values(board::kSpeakerWay, board::kMicWay), \
+#define INSTANTIATE_BOTH_DIRECTIONS(Suite)                                                    \
+    INSTANTIATE_TEST_SUITE_P(Direction, Suite,                                                \
+                             testing::Values(board::kSpeakerDirection, board::kMicDirection), \
                              [](const auto& info) { return std::string(info.param.name); })

@@ -3,13 +3,13 @@
 
 namespace {
 
-bool isSpeaker(const board::Way& way) {
-    return way == board::kSpeakerWay;
+bool isSpeaker(const board::Direction& direction) {
+    return direction == board::kSpeakerDirection;
 }
 
-Lines met(const board::Way& way, const char* error, const char* what) {
+Lines met(const board::Direction& direction, const char* error, const char* what) {
     return {"D UAFSND: stream recovery from ...",
-            std::string("D UAFSND: xrun_recovery: ") + way.pcm + " xrun, err " + error,
+            std::string("D UAFSND: xrun_recovery: ") + direction.pcm + " xrun, err " + error,
             std::string("D UAFSND: ") + what};
 }
 
@@ -25,44 +25,44 @@ Lines times(int count, const Lines& lines) {
 
 namespace stream_log {
 
-Lines xrunMet(const board::Way& way) {
-    return met(way, "-32", isSpeaker(way) ? "overrun..." : "underrun...");
+Lines xrunMet(const board::Direction& direction) {
+    return met(direction, "-32", isSpeaker(direction) ? "overrun..." : "underrun...");
 }
 
-Lines suspendMet(const board::Way& way) {
-    return met(way, "-86", "suspend...");
+Lines suspendMet(const board::Direction& direction) {
+    return met(direction, "-86", "suspend...");
 }
 
 Lines ready() {
     return {"D UAFSND: ready "};
 }
 
-Lines kickStart(const board::Way& way) {
-    return isSpeaker(way) ? Lines{} : Lines{"D UAFSRC: need to kick start"};
+Lines kickStart(const board::Direction& direction) {
+    return isSpeaker(direction) ? Lines{} : Lines{"D UAFSRC: need to kick start"};
 }
 
-Lines recovery(const board::Way& way) {
-    return xrunMet(way) + ready() + kickStart(way);
+Lines recovery(const board::Direction& direction) {
+    return xrunMet(direction) + ready() + kickStart(direction);
 }
 
-Lines failedPrepare(const board::Way& way, const std::string& cause, int state) {
-    const std::string error = std::string("E ") + way.tag + ": ";
+Lines failedPrepare(const board::Direction& direction, const std::string& cause, int state) {
+    const std::string error = std::string("E ") + direction.tag + ": ";
     return Lines{"D UAFSND: Can't recovery from " + cause + ", prepare failed: Input/output error",
                  error + "ALSA xrun recovery failed (Input/output error)", error + "rc=-5"} +
            stopRequest(state);
 }
 
-Lines failure(const board::Way& way, const std::string& what, int state) {
-    return Lines{std::string("E ") + way.tag + ": " + what} + stopRequest(state);
+Lines failure(const board::Direction& direction, const std::string& what, int state) {
+    return Lines{std::string("E ") + direction.tag + ": " + what} + stopRequest(state);
 }
 
 Lines stopRequest(int state) {
     return {"D UAFCH: intfUpdate to 0, current state " + std::to_string(state)};
 }
 
-Lines stop(const board::Way& way) {
+Lines stop(const board::Direction& direction) {
     const std::string stopped = "D UAFCH: UAF channel stopped. Current state is (2)";
-    if (isSpeaker(way)) {
+    if (isSpeaker(direction)) {
         return {"D UAFSNK: stop, closing hw:#", "D UAFSNK: stop, closing /tmp/usbAudioFifoRx",
                 stopped, "D UAFSNK: exit, loopcnt=#, pcmRead #, fifoWrite #"};
     }

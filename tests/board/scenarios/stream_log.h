@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the daemon's log says of a way's stream; '#' stands for any number.
+// What the daemon's log says of a direction's stream; '#' stands for any number.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "board/kit/way.h"
+#include "board/kit/direction.h"
 
 using Lines = std::vector<std::string>;
 
@@ -20,21 +20,21 @@ namespace stream_log {
 
 // The beginning of a recovery, the end of one that succeeds, and the playback's new start after a
 // prepare.
-Lines xrunMet(const board::Way& way);
-Lines suspendMet(const board::Way& way);
+Lines xrunMet(const board::Direction& direction);
+Lines suspendMet(const board::Direction& direction);
 Lines ready();
-Lines kickStart(const board::Way& way);
+Lines kickStart(const board::Direction& direction);
 // An xrun from end to end.
-Lines recovery(const board::Way& way);
+Lines recovery(const board::Direction& direction);
 
 // A prepare that fails with EIO after an "underrun", as every xrun is called here, or a "suspend",
 // up to the channel's own stop request.
-Lines failedPrepare(const board::Way& way, const std::string& cause, int state);
-// An error that the way's channel reports, and its stop request in this state.
-Lines failure(const board::Way& way, const std::string& what, int state);
+Lines failedPrepare(const board::Direction& direction, const std::string& cause, int state);
+// An error that the direction's channel reports, and its stop request in this state.
+Lines failure(const board::Direction& direction, const std::string& what, int state);
 
 Lines stopRequest(int state);
 // A stop, from its fourth pass on.
-Lines stop(const board::Way& way);
+Lines stop(const board::Direction& direction);
 
 }  // namespace stream_log

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The gadget driver suspends a stream: the daemon asks it to resume, once a second while it is not
-// ready, and after six seconds prepares it afresh. The other way's sound does not notice.
+// ready, and after six seconds prepares it afresh. The other direction's sound does not notice.
 #include "tests/board/scenarios/stream_case.h"
 
 namespace {
@@ -40,7 +40,7 @@ class Suspend : public StreamCase {
     std::vector<Ns> timesOf(const std::string& request, const Moment& since) {
         std::vector<Ns> times;
         for (const board::HostEvent& event : host.eventsSince(since.at)) {
-            if (event.text == std::string(way().pcm) + " " + request) {
+            if (event.text == std::string(direction().pcm) + " " + request) {
                 times.push_back(event.at);
             }
         }
@@ -49,7 +49,7 @@ class Suspend : public StreamCase {
 };
 
 TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     for (const Refusal& row : kRefusals) {
@@ -64,8 +64,8 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
         const Ns healthyAfter = row.refusals == 6 ? either(kHealing, 3 * kSecond) : kHealing;
         board::sleepFor(healthyAfter + kLook);
         trail.collect();
-        expectLog(before,
-                  suspendMet(way()) + ready() + (row.prepared ? kickStart(way()) : Lines{}));
+        expectLog(before, suspendMet(direction()) + ready() +
+                              (row.prepared ? kickStart(direction()) : Lines{}));
         EXPECT_EQ(requests(before),
                   Lines{"suspend"} + times(row.refusals, {row.answer}) +
                       (row.prepared ? Lines{"prepare 0", "start 0"} : Lines{"resume 0"}));
@@ -80,14 +80,14 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
 // What was copied before the transfer failed does not count: a read's period is heard twice, a
 // write's is lost.
 TEST_P(Suspend, InATransferCostsAPeriod) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = mark();
     arm("transfer 86");
     board::sleepFor(kHealing + kLook);
     trail.collect();
-    expectLog(before, suspendMet(way()) + ready());
+    expectLog(before, suspendMet(direction()) + ready());
     EXPECT_EQ(requests(before), (Lines{"suspend", "resume 0"}));
     const std::vector<board::Break> losses = trail.losses();
     ASSERT_EQ(losses.size(), 1U);
@@ -105,19 +105,19 @@ TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
     arm("prepare 5");
     command("suspend");
     const Lines restart =
-        kickStart(way()) +
-        failure(way(),
+        kickStart(direction()) +
+        failure(direction(),
                 either("stopping, ALSA failed to start: File descriptor in bad state",
                        "stopping, unexpected write error(File descriptor in bad state)"),
                 2);
-    expectStopped(before,
-                  suspendMet(way()) + failedPrepare(way(), "suspend", 1) + times(3, restart));
+    expectStopped(before, suspendMet(direction()) + failedPrepare(direction(), "suspend", 1) +
+                              times(3, restart));
     expectStartable();
     EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Suspend, LeavesTheOtherWayAlone) {
-    const board::Way other = isSpeaker() ? board::kMicWay : board::kSpeakerWay;
+    const board::Direction other = isSpeaker() ? board::kMicDirection : board::kSpeakerDirection;
     RampTrail trail(this, other);
     host.command(std::string(other.name) + " on");
     switchOn();
@@ -143,14 +143,14 @@ TEST_P(Suspend, OutlastsTheHostsStop) {
     command("suspend");
     board::sleepFor(kSecond / 2);
     deliver(false);
-    expectStopped(before, suspendMet(way()) + stopRequest(1) + ready(), 4 * kSecond);
+    expectStopped(before, suspendMet(direction()) + stopRequest(1) + ready(), 4 * kSecond);
     EXPECT_GE(board::now(), before.at + 3 * kSecond);
     expectStartable();
     EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = mark();
@@ -162,7 +162,7 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
     board::sleepFor(3 * kSecond + kHealing);
     trail.collect();
     expectLog(before,
-              suspendMet(way()) + stopRequest(1) +
+              suspendMet(direction()) + stopRequest(1) +
                   Lines{"D UAFCH: intfUpdate to 1, current state 2", "D UAFCH: stopDelayCnt = #"} +
                   ready());
     EXPECT_TRUE(told(before).empty());
@@ -170,6 +170,6 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
     EXPECT_EQ(findDamage(), "");
 }
 
-INSTANTIATE_BOTH_WAYS(Suspend);
+INSTANTIATE_BOTH_DIRECTIONS(Suspend);
 
 }  // namespace

@@ -55,7 +55,7 @@ class Xrun : public StreamCase {
 
 // Each period lasts five USB frames; the xrun strikes in each of them.
 TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     std::vector<Moment> moments;
@@ -63,7 +63,7 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
         moments.push_back(mark());
         injureInPeriod("xrun", i);
         board::sleepFor(kHealing + kLook);
-        expectLog(moments.back(), recovery(way()));
+        expectLog(moments.back(), recovery(direction()));
         EXPECT_EQ(requests(moments.back()), kRestart);
         EXPECT_TRUE(told(moments.back()).empty());
         trail.collect();
@@ -86,13 +86,13 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
 }
 
 TEST_P(Xrun, TenTimesInARow) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = strike(10);
     board::sleepFor(kHealing + kLook);
     trail.collect();
-    expectLog(before, times(10, recovery(way())));
+    expectLog(before, times(10, recovery(direction())));
     EXPECT_EQ(requests(before), times(10, kRestart));
     EXPECT_TRUE(told(before).empty());
     EXPECT_LE(trail.lost(), 10 * either(kUsbFrame, kRing));
@@ -102,7 +102,7 @@ TEST_P(Xrun, TenTimesInARow) {
 
 // A read has taken its period by then; a write's period goes with what the driver held.
 TEST_P(Xrun, InATransfer) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     for (const int count : {1, 10}) {
@@ -110,7 +110,7 @@ TEST_P(Xrun, InATransfer) {
         arm("transfer 32 times=" + std::to_string(count));
         board::sleepFor(kHealing + kLook);
         trail.collect();
-        expectLog(before, times(count, recovery(way())));
+        expectLog(before, times(count, recovery(direction())));
         EXPECT_EQ(requests(before), times(count, kRestart));
         EXPECT_TRUE(told(before).empty());
         expectHealthy(&trail, before.at + kHealing);
@@ -125,25 +125,27 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
     const Moment before = mark();
     for (int ms = 1; ms <= milliseconds; ++ms) {
         SCOPED_TRACE(ms);
-        RampTrail trail(this, way());
+        RampTrail trail(this, direction());
         const Moment start = mark();
-        const int64_t at = host.counter(std::string(way().name) + ".frames") + ms * kUsbFrame;
+        const int64_t at = host.counter(std::string(direction().name) + ".frames") + ms * kUsbFrame;
         command("xrun", "at=" + std::to_string(at));
         switchOn();
         board::sleepFor(200 * kMs);
         trail.collect();
-        EXPECT_EQ(overruns(start), host.countEvents(std::string(way().pcm) + " xrun", start.at));
+        EXPECT_EQ(overruns(start),
+                  host.countEvents(std::string(direction().pcm) + " xrun", start.at));
         ASSERT_FALSE(trail.passages().empty());
         EXPECT_GT(trail.passages().back().frames, 120 * kUsbFrame);
         switchOff();
-        EXPECT_EQ(told(start), (std::vector<Message>{{way().channel, 1}, {way().channel, 0}}));
+        EXPECT_EQ(told(start),
+                  (std::vector<Message>{{direction().channel, 1}, {direction().channel, 0}}));
     }
     EXPECT_GE(overruns(before), milliseconds - 1);
     EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Xrun, WhileTheAppPauses) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(300 * kMs);
     const Moment before = mark();
@@ -157,7 +159,7 @@ TEST_P(Xrun, WhileTheAppPauses) {
     const Ns goesOn = board::now();
     board::sleepFor(kHealing + kLook);
     trail.collect();
-    expectLog(before, recovery(way()));
+    expectLog(before, recovery(direction()));
     EXPECT_EQ(requests(before), kRestart);
     expectHealthy(&trail, goesOn + kHealing);
     EXPECT_EQ(findDamage(), "");
@@ -179,24 +181,24 @@ TEST_P(Xrun, WhileTheAppIsAway) {
 }
 
 TEST_P(Xrun, WhileTheHostStalls) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     trail.collect();
     const Moment before = mark();
-    host.command(std::string("stall ") + way().name + " 1");
+    host.command(std::string("stall ") + direction().name + " 1");
     board::sleepFor(100 * kMs);
     command("xrun");
     board::sleepFor(100 * kMs);
-    host.command(std::string("stall ") + way().name + " 0");
+    host.command(std::string("stall ") + direction().name + " 0");
     const Ns goesOn = board::now();
     board::sleepFor(kHealing + kLook);
     trail.collect();
-    const Lines stall{std::string("D ") + way().tag + ": timeout0, rc=0"};
+    const Lines stall{std::string("D ") + direction().tag + ": timeout0, rc=0"};
     const Lines end{either("D UAFSNK: ", "E UAFSRC: ") +
                     std::string("clear timeout, pcmStallCnt=#")};
     // The microphone's fills up the driver's ring once more, and then stalls again.
-    expectLog(before, stall + recovery(way()) + either(Lines{}, end + stall) + end);
+    expectLog(before, stall + recovery(direction()) + either(Lines{}, end + stall) + end);
     EXPECT_EQ(requests(before), kRestart);
     expectHealthy(&trail, goesOn + kHealing);
     EXPECT_EQ(findDamage(), "");
@@ -214,15 +216,16 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
         const Moment before = mark();
         deliver(false);
         command("xrun", "at=" + std::to_string(period + pass * kPeriod + 4 * kUsbFrame));
-        ASSERT_TRUE(waitForChannel(way().channel, false, before.messages));
+        ASSERT_TRUE(waitForChannel(direction().channel, false, before.messages));
         ASSERT_TRUE(hasThreads(board::kIdleThreads));
         const bool restarts = pass < lastPass;
-        expectLog(before, stopRequest(1) + (restarts ? recovery(way()) : xrunMet(way()) + ready()) +
-                              stop(way()));
+        expectLog(before, stopRequest(1) +
+                              (restarts ? recovery(direction()) : xrunMet(direction()) + ready()) +
+                              stop(direction()));
         EXPECT_EQ(requests(before),
                   (restarts ? kRestart + Lines{"stop"} : kPrepare) + Lines{"close"});
-        EXPECT_EQ(told(before), (std::vector<Message>{{way().channel, 0}}));
-        host.command(std::string(way().name) + " off");
+        EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 0}}));
+        host.command(std::string(direction().name) + " off");
     }
     EXPECT_EQ(findDamage(), "");
 }
@@ -230,24 +233,25 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
 // A read needs a running stream, and its channel stops. A write that fails to start the stream has
 // written all the same, and the next one starts it.
 TEST_P(Xrun, WhoseFirstRestartFails) {
-    RampTrail trail(this, way());
+    RampTrail trail(this, direction());
     switchOn();
     board::sleepFor(300 * kMs);
     const Moment before = mark();
     arm("start 5");
     command("xrun");
     if (isSpeaker()) {
-        expectStopped(before, recovery(way()) + stream_log::failure(way(), kRestartFailed, 1));
+        expectStopped(before,
+                      recovery(direction()) + stream_log::failure(direction(), kRestartFailed, 1));
         expectStartable();
     } else {
         board::sleepFor(kHealing + kLook);
         trail.collect();
-        expectLog(before, recovery(way()));
+        expectLog(before, recovery(direction()));
         expectHealthy(&trail, before.at + kHealing);
     }
     EXPECT_EQ(findDamage(), "");
 }
 
-INSTANTIATE_BOTH_WAYS(Xrun);
+INSTANTIATE_BOTH_DIRECTIONS(Xrun);
 
 }  // namespace

@@ -25,21 +25,21 @@ void addCounts(std::ostream& out, const std::string& name, const Counts& counts)
         << name << ".gained " << counts.gained << '\n';
 }
 
-void addWay(std::ostream& out, const std::string& name, const Way& way, Ns begin) {
-    const Latencies& latencies = way.latencies();
-    addCounts(out, name, way.countsOf(State::kCalm));
-    out << name << ".outside " << way.outside() << '\n'
-        << name << ".lost_when_disturbed " << way.countsOf(State::kDisturbed).lost << '\n'
+void addTally(std::ostream& out, const std::string& name, const Tally& tally, Ns begin) {
+    const Latencies& latencies = tally.latencies();
+    addCounts(out, name, tally.countsOf(State::kCalm));
+    out << name << ".outside " << tally.outside() << '\n'
+        << name << ".lost_when_disturbed " << tally.countsOf(State::kDisturbed).lost << '\n'
         << name << ".latency_us " << latencies.smallest() / kUs << ' '
         << latencies.quantile(0.5) / kUs << ' ' << latencies.quantile(0.999) / kUs << ' '
         << latencies.largest() / kUs << '\n'
         << name << ".latency_bins" << latencies.text() << '\n'
         << name << ".minutes_us";
-    for (const Ns minute : way.minutes()) {
+    for (const Ns minute : tally.minutes()) {
         out << ' ' << minute / kUs;
     }
     out << '\n';
-    for (const Ns at : way.wrongWhenCalm()) {
+    for (const Ns at : tally.wrongWhenCalm()) {
         out << name << ".wrong_at_ms " << (at - begin) / kMs << '\n';
     }
 }
@@ -69,8 +69,8 @@ class Problems {
         }
     }
     // One that must be 0.
-    void addCount(const std::string& way, int64_t count, const std::string& what) {
-        add(count != 0, way + ": " + std::to_string(count) + " " + what);
+    void addCount(const std::string& direction, int64_t count, const std::string& what) {
+        add(count != 0, direction + ": " + std::to_string(count) + " " + what);
     }
     std::vector<std::string> take() { return std::move(list); }
 
@@ -78,8 +78,8 @@ class Problems {
     std::vector<std::string> list;
 };
 
-void judgeWay(Problems* problems, const std::string& name, const Way& way) {
-    const Counts& counts = way.countsOf(State::kCalm);
+void judge(Problems* problems, const std::string& name, const Tally& tally) {
+    const Counts& counts = tally.countsOf(State::kCalm);
     problems->addCount(name, counts.lost, "frames lost");
     problems->addCount(name, counts.repeated, "frames repeated");
     problems->addCount(name, counts.unexplained, "frames of nothing that was sent");
@@ -87,7 +87,7 @@ void judgeWay(Problems* problems, const std::string& name, const Way& way) {
     problems->addCount(name, counts.clicks, "clicks");
     problems->addCount(name, counts.underruns, "underruns");
     problems->addCount(name, counts.overruns, "overruns");
-    problems->addCount(name, way.outside(), "latencies outside of the window");
+    problems->addCount(name, tally.outside(), "latencies outside of the window");
 }
 
 }  // namespace
@@ -97,8 +97,8 @@ std::string reportOf(const Soak& soak) {
     std::ostringstream out;
     out << "ppm " << plan.ppm << "\njitter_ms " << plan.jitterMs << "\nminutes " << plan.minutes
         << "\nseed " << plan.seed << '\n';
-    addWay(out, "speaker", soak.speaker(), soak.result().begin);
-    addWay(out, "mic", soak.mic(), soak.result().begin);
+    addTally(out, "speaker", soak.speaker(), soak.result().begin);
+    addTally(out, "mic", soak.mic(), soak.result().begin);
     out << "xruns " << soak.result().xruns << "\ngain_error " << soak.result().gainError << '\n';
     out << "strained.seconds " << soak.result().strainedSeconds << '\n';
     addCounts(out, "strained", soak.mic().countsOf(State::kStrained));
@@ -120,8 +120,8 @@ std::string reportOf(const Soak& soak) {
 
 std::vector<std::string> problemsOf(const Soak& soak) {
     Problems problems;
-    judgeWay(&problems, "speaker", soak.speaker());
-    judgeWay(&problems, "mic", soak.mic());
+    judge(&problems, "speaker", soak.speaker());
+    judge(&problems, "mic", soak.mic());
     const int64_t micFrames =
         soak.mic().countsOf(State::kCalm).frames + soak.mic().countsOf(State::kStrained).frames;
     const int64_t framesMin = soak.plan.minutes * 60L * kRate / 2;

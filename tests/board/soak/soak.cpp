@@ -44,10 +44,10 @@ void Soak::comeUp() {
     board.host.command("mic on");
     found.begin = now();
     const auto values = board.host.counters();
-    speakerTally = std::make_unique<SpeakerWay>(kSpeakerWindow, values.at("speaker.on_frames"));
+    speakerTally = std::make_unique<SpeakerTally>(kSpeakerWindow, values.at("speaker.on_frames"));
     micTally =
-        std::make_unique<MicWay>(kMicWindow, values.at("mic.on_frames"),
-                                 [this](int64_t frame) { return board.app->timeOfFrame(frame); });
+        std::make_unique<MicTally>(kMicWindow, values.at("mic.on_frames"),
+                                   [this](int64_t frame) { return board.app->timeOfFrame(frame); });
     anchor();
     settle();
 }
@@ -120,7 +120,7 @@ void Soak::disturbOnce() {
         look();
     }
     const bool unsettled = anew || isStrained();
-    // Latency control takes longer for some ways.
+    // Latency control takes longer for some disturbances.
     while (!unsettled && now() < end + kRecoveryMax &&
            micTally->lastWrongAt() > now() - kRecovered) {
         sleepFor(kRecovered);

@@ -13,8 +13,8 @@
 #include "board/kit/host_player.h"
 #include "board/kit/process_view.h"
 #include "tests/board/soak/disturbance.h"
-#include "tests/board/soak/mic_way.h"
-#include "tests/board/soak/speaker_way.h"
+#include "tests/board/soak/mic_tally.h"
+#include "tests/board/soak/speaker_tally.h"
 
 namespace board {
 
@@ -72,8 +72,8 @@ class Soak {
     // Throws when the board does not come up; what else is wrong is in the result.
     void run();
 
-    const SpeakerWay& speaker() const { return *speakerTally; }
-    const MicWay& mic() const { return *micTally; }
+    const SpeakerTally& speaker() const { return *speakerTally; }
+    const MicTally& mic() const { return *micTally; }
     const SoakResult& result() const { return found; }
 
     const SoakPlan plan;
@@ -93,8 +93,8 @@ class Soak {
 
     Board board{"soak"};
     std::unique_ptr<HostPlayer> player;
-    std::unique_ptr<SpeakerWay> speakerTally;
-    std::unique_ptr<MicWay> micTally;
+    std::unique_ptr<SpeakerTally> speakerTally;
+    std::unique_ptr<MicTally> micTally;
     StreamClock speakerClock;
     StreamClock micClock;
     size_t logMark = 0;  // of the daemon's log, when the stream last began

@@ -10,16 +10,16 @@
 
 #include "board/kit/app.h"
 #include "board/kit/mic_trace.h"
+#include "tests/board/soak/tally.h"
 #include "tests/board/soak/tone.h"
-#include "tests/board/soak/way.h"
 
 namespace board {
 
-class MicWay : public Way {
+class MicTally : public Tally {
   public:
     // The recording begins with frame `recordingBegin` of the host's stream. The app has spoken the
     // tone from its first block on; `timeOfFrame` tells when the app's clock reached a frame of it.
-    MicWay(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame);
+    MicTally(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame);
 
     // The daemon's playback begins again with frame `begin` of the host's stream: its frames are
     // counted from there, and what was recorded before and not yet looked at is left out.

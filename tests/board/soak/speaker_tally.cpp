@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/board/soak/speaker_way.h"
+#include "tests/board/soak/speaker_tally.h"
 
 #include <algorithm>
 
 namespace board {
 
-void SpeakerWay::add(const Heard& heard, const StreamClock& clock) {
+void SpeakerTally::add(const Heard& heard, const StreamClock& clock) {
     const auto size = static_cast<int64_t>(heard.left.size());
     counts().clicks += clicks.add(heard.left.data(), size);
     counts().unexplained += heard.unequalFrames;
@@ -24,7 +24,7 @@ void SpeakerWay::add(const Heard& heard, const StreamClock& clock) {
     }
 }
 
-bool SpeakerWay::follow(const int16_t* samples, int64_t count) {
+bool SpeakerTally::follow(const int16_t* samples, int64_t count) {
     bool inPlace = true;
     for (int64_t i = 0; i < count;) {
         const int16_t* wanted = tone().from(next);
@@ -41,7 +41,7 @@ bool SpeakerWay::follow(const int16_t* samples, int64_t count) {
     return inPlace;
 }
 
-int64_t SpeakerWay::findAgain(const int16_t* samples, int64_t count) {
+int64_t SpeakerTally::findAgain(const int16_t* samples, int64_t count) {
     // The tone has no two zeros in a row.
     const int64_t zeros =
         std::find_if(samples, samples + count, [](int16_t s) { return s != 0; }) - samples;

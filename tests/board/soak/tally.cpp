@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/board/soak/way.h"
+#include "tests/board/soak/tally.h"
 
 #include <algorithm>
 
@@ -27,12 +27,12 @@ Ns StreamClock::timeOf(int64_t frame) const {
     return lastAt + static_cast<Ns>(static_cast<double>(usbFrames) * usbFrameNs);
 }
 
-void Way::setState(State state) {
+void Tally::setState(State state) {
     currentState = state;
     latestWrongAt = 0;
 }
 
-void Way::note(Ns at, Ns latency) {
+void Tally::note(Ns at, Ns latency) {
     if (!latencyWindow.holds(latency)) {
         noteWrong(at);
     }
@@ -51,7 +51,7 @@ void Way::note(Ns at, Ns latency) {
     minute.add(latency);
 }
 
-void Way::noteWrong(Ns at) {
+void Tally::noteWrong(Ns at) {
     latestWrongAt = std::max(latestWrongAt, at);
     if (currentState == State::kCalm && calmWrongs.size() < kWrongMax) {
         calmWrongs.push_back(at);

@@ -6,15 +6,15 @@
 #include <cstdint>
 
 #include "board/kit/app.h"
+#include "tests/board/soak/tally.h"
 #include "tests/board/soak/tone.h"
-#include "tests/board/soak/way.h"
 
 namespace board {
 
-class SpeakerWay : public Way {
+class SpeakerTally : public Tally {
   public:
     // The host's queue begins with frame `queueBegin` of its stream.
-    SpeakerWay(Window window, int64_t queueBegin) : Way(window), queueBegin(queueBegin) {}
+    SpeakerTally(Window window, int64_t queueBegin) : Tally(window), queueBegin(queueBegin) {}
 
     void add(const Heard& heard, const StreamClock& clock);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two ways of sound through the daemon, as each side names them.
+// The two directions of sound through the daemon, as each side names them.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace board {
 
-struct Way {
+struct Direction {
     const char* name;  // the host's stream, in its commands and counters
     const char* pcm;   // the gadget card's, in the driver's events and fault points
     const char* tag;   // of the daemon's channel, in its log
@@ -15,15 +15,15 @@ struct Way {
     uint32_t record;   // the control device's record of the host switching it
 };
 
-constexpr Way kSpeakerWay{"speaker", "capture", "UAFSNK", 1, 2};
-constexpr Way kMicWay{"mic", "playback", "UAFSRC", 2, 3};
+constexpr Direction kSpeakerDirection{"speaker", "capture", "UAFSNK", 1, 2};
+constexpr Direction kMicDirection{"mic", "playback", "UAFSRC", 2, 3};
 
-inline bool operator==(const Way& a, const Way& b) {
+inline bool operator==(const Direction& a, const Direction& b) {
     return a.channel == b.channel;
 }
 
-inline void PrintTo(const Way& way, std::ostream* out) {
-    *out << way.name;
+inline void PrintTo(const Direction& direction, std::ostream* out) {
+    *out << direction.name;
 }
 
 }  // namespace board

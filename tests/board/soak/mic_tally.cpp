@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/board/soak/mic_way.h"
+#include "tests/board/soak/mic_tally.h"
 
 #include <algorithm>
 #include <utility>
@@ -11,22 +11,22 @@ constexpr int64_t kBlockFrames = 480;
 
 }  // namespace
 
-MicWay::MicWay(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame)
-    : Way(window),
+MicTally::MicTally(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame)
+    : Tally(window),
       timeOfFrame(std::move(timeOfFrame)),
       streamAt(recordingBegin),
       traceBegin(recordingBegin) {
     restart(recordingBegin);
 }
 
-void MicWay::restart(int64_t begin) {
+void MicTally::restart(int64_t begin) {
     consumedBefore += trace ? trace->consumed() : 0;
     traceBegin = begin;
     trace = std::make_unique<MicTrace>(
         [this](int64_t sample) { return tone().at(voiceFrameOf(consumedBefore + sample)); });
 }
 
-void MicWay::addSent(const std::vector<SentBlock>& blocks) {
+void MicTally::addSent(const std::vector<SentBlock>& blocks) {
     for (const SentBlock& block : blocks) {
         if (runs.empty() || voiceFrameOf(sentSamples) != block.firstFrame) {
             runs.push_back({sentSamples, block.firstFrame});
@@ -35,7 +35,7 @@ void MicWay::addSent(const std::vector<SentBlock>& blocks) {
     }
 }
 
-int64_t MicWay::voiceFrameOf(int64_t sample) const {
+int64_t MicTally::voiceFrameOf(int64_t sample) const {
     auto run = runs.rbegin();
     while (run != runs.rend() && run->sample > sample) {
         ++run;
@@ -43,7 +43,7 @@ int64_t MicWay::voiceFrameOf(int64_t sample) const {
     return run == runs.rend() ? 0 : run->voiceFrame + sample - run->sample;
 }
 
-void MicWay::add(Samples recorded, const StreamClock& clock) {
+void MicTally::add(Samples recorded, const StreamClock& clock) {
     const auto size = static_cast<int64_t>(recorded.size());
     counts().clicks += clicks.add(recorded.data(), size);
     const int64_t left = std::clamp<int64_t>(traceBegin - streamAt, 0, size);
@@ -54,7 +54,7 @@ void MicWay::add(Samples recorded, const StreamClock& clock) {
     }
 }
 
-void MicWay::addFrame(const MicFrame& frame, const StreamClock& clock) {
+void MicTally::addFrame(const MicFrame& frame, const StreamClock& clock) {
     const Ns at = clock.timeOf(traceBegin + frame.recordedAt + frame.lead);
     const bool again = frame.kind == FrameKind::kUnexplained && frame.skipped > 0;
     const bool inPlace = frame.kind == FrameKind::kCopied || frame.kind == FrameKind::kStretched ||
@@ -78,7 +78,7 @@ void MicWay::addFrame(const MicFrame& frame, const StreamClock& clock) {
 }
 
 // A frame in which the sound jumps is itself not explained; what it consumed is not lost.
-void MicWay::countSkipped(int64_t samples) {
+void MicTally::countSkipped(int64_t samples) {
     const int64_t missing = samples - unexplained;
     unexplained = 0;
     if (missing > Tone::kPlaces / 2 || missing < 0) {

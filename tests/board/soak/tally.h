@@ -60,9 +60,9 @@ class StreamClock {
 };
 
 // The count of one direction.
-class Way {
+class Tally {
   public:
-    explicit Way(Window window) : latencyWindow(window) {}
+    explicit Tally(Window window) : latencyWindow(window) {}
 
     void setWindow(Window window) { latencyWindow = window; }
     void setState(State state);
