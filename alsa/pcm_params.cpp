@@ -5,6 +5,8 @@
 #include "alsa/step_error.h"
 #include "platform/log.h"
 
+namespace uafd {
+
 int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t periodSize,
                 unsigned channels, unsigned rate) {
     snd_pcm_hw_params_t* params;
@@ -79,3 +81,5 @@ int setSwParams(snd_pcm_t* pcm, snd_pcm_uframes_t startThreshold, snd_pcm_uframe
     err = snd_pcm_sw_params(pcm, params);
     return err < 0 ? logStepError(kLogTag, "setSwParams", 89, "err", err) : 0;
 }
+
+}  // namespace uafd

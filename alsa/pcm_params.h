@@ -9,6 +9,8 @@
 
 #include <alsa/asoundlib.h>
 
+namespace uafd {
+
 // Interleaved signed 16-bit little-endian samples, `channels` to a frame, at `rate` Hz or whatever
 // the device grants near it (an inexact rate is only logged, at debug level). `bufferSize` and
 // `periodSize` are frames, each granted near the wish; 0 leaves the choice to the driver.
@@ -21,3 +23,5 @@ int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t 
 // Returns 0, or the negative code of the call that failed.
 int setSwParams(snd_pcm_t* pcm, snd_pcm_uframes_t startThreshold, snd_pcm_uframes_t stopThreshold,
                 snd_pcm_uframes_t availMin);
+
+}  // namespace uafd

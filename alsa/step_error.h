@@ -5,6 +5,8 @@
 
 #include "platform/log.h"
 
+namespace uafd {
+
 // Logs "error at FUNCTION@STEP: RESULT=CODE" at error level. `step` is a fixed number that names
 // the step in field logs and never follows the source's lines; `result` is the name of the variable
 // that held the code, which differs between functions and which log readers search for.
@@ -14,3 +16,5 @@ inline int logStepError(const char* tag, const char* function, int step, const c
     LOGE_AS(tag, "error at %s@%d: %s=%d\n", function, step, result, code);
     return code;
 }
+
+}  // namespace uafd

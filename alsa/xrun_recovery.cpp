@@ -7,6 +7,7 @@
 #include "alsa/log_tag.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr unsigned kResumePauseS = 1;
@@ -74,3 +75,5 @@ int xrun_recovery(snd_pcm_t* pcm, int err) {
             return err;
     }
 }
+
+}  // namespace uafd

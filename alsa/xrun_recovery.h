@@ -6,6 +6,8 @@
 
 #include <alsa/asoundlib.h>
 
+namespace uafd {
+
 // `err` is the negative code of the failed call: -EPIPE (an overrun or underrun) or -ESTRPIPE (a
 // suspend). A suspended device is asked to resume, once a second while it answers -EAGAIN, for at
 // most six seconds, during which the calling thread is blocked: it has nothing else to do
@@ -16,3 +18,5 @@
 // neither of the two. Logs every step, failures included, at debug level under the tag "UAFSND":
 // what a failure means is for the caller to say.
 int xrun_recovery(snd_pcm_t* pcm, int err);
+
+}  // namespace uafd

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+namespace uafd {
 namespace {
 
 // Frames that a conversion takes out of the buffer before it puts their result there: in place, the
@@ -45,3 +46,5 @@ void toStereo(int16_t* samples, int frames) {
         samples[2 * i] = samples[i];
     }
 }
+
+}  // namespace uafd

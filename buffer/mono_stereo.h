@@ -6,9 +6,13 @@
 
 #include <cstdint>
 
+namespace uafd {
+
 // Keeps the left sample of each frame, without mixing. What follows the `frames` mono samples is
 // left as it was.
 void toMono(int16_t* samples, int frames);
 
 // Doubles each of `frames` mono samples.
 void toStereo(int16_t* samples, int frames);
+
+}  // namespace uafd

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+namespace uafd {
 namespace {
 
 constexpr double kStepOne = 65536.0;       // 1.0 in 16.16 fixed point
@@ -80,3 +81,5 @@ void resample(const int16_t* in, int32_t count, uint32_t step, int16_t* out, int
         resampleAnywhere(in, step, out + 1, interior);
     }
 }
+
+}  // namespace uafd

@@ -46,9 +46,9 @@ void addWrapping(int32_t& counter, int32_t n) {
 
 void SSRSSetFrameSize(SSRS_Ctx* ctx, int32_t n) {
     ctx->frameSize = n;
-    ctx->stepNominal = resampleStep(n, n);
-    ctx->stepCompress = resampleStep(n + 1, n);
-    ctx->stepStretch = resampleStep(n - 1, n);
+    ctx->stepNominal = uafd::resampleStep(n, n);
+    ctx->stepCompress = uafd::resampleStep(n + 1, n);
+    ctx->stepStretch = uafd::resampleStep(n - 1, n);
 }
 
 void SSRSInit(SSRS_Ctx* ctx) {
@@ -163,7 +163,7 @@ int32_t SSRSRead(SSRS_Ctx* ctx, int16_t* out) {
         QUEUE_DequeueToBuff(ctx->queue, taken, queueBytes(take.count)) != QUEUE_OK) {
         memset(out, 0, bytesOf(ctx->frameSize));
     } else if (taken != out) {
-        resample(taken, take.count, take.step, out, ctx->frameSize);
+        uafd::resample(taken, take.count, take.step, out, ctx->frameSize);
     }
     if (ctx->testTone != 0) {
         overlayTestTone(out, ctx->frameSize);

@@ -11,6 +11,7 @@
 #include "cable/usb_state.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr char kPlugged = '1';
@@ -72,3 +73,5 @@ void CableMon::classify(const char* usbLine, const char* plugLine) {
         plugNoAckCnt = plugLine[0] == kPlugged ? plugNoAckCnt + 1 : 0;
     }
 }
+
+}  // namespace uafd

@@ -19,6 +19,7 @@
 #include "ipc/uaf_ipc.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr uint32_t kKernelPid = 0;
@@ -220,3 +221,5 @@ void CableMon::handleUsbState(const char* state) {
         stateCb(stateCbCtx, usbConfigured);
     }
 }
+
+}  // namespace uafd

@@ -12,6 +12,8 @@
 
 class NetlinkEvent;
 
+namespace uafd {
+
 constexpr char kCableUsbStatePath[] = "/sys/devices/virtual/android_usb/android0/state";
 constexpr char kCablePlugStatePath[] =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
@@ -69,3 +71,5 @@ class CableMon {
     bool usbConfigured = false;  // what the app was told last
     int32_t plugNoAckCnt = 0;    // checks in a row: plugged, but the gadget is "DISCONNECTED"
 };
+
+}  // namespace uafd

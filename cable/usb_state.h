@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstring>
 
+namespace uafd {
+
 constexpr char kUsbStateConfigured[] = "CONFIGURED";
 constexpr char kUsbStateDisconnected[] = "DISCONNECTED";
 
@@ -16,3 +18,5 @@ template <size_t N>
 bool beginsWith(const char* text, const char (&word)[N]) {
     return strncmp(text, word, N - 1) == 0;
 }
+
+}  // namespace uafd

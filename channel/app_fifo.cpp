@@ -11,6 +11,7 @@
 #include "channel/dev_name.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 // Nothing in the daemon asks for urgent data. A stray one does no harm even without the handler:
@@ -131,3 +132,5 @@ void AppFifo::allowWaits() {
     letOut = false;
     ended.store(false, std::memory_order_relaxed);
 }
+
+}  // namespace uafd

@@ -14,6 +14,8 @@
 
 #include <sys/types.h>
 
+namespace uafd {
+
 class AppFifo {
   public:
     // Installs the signal's handler, for the process and for good.
@@ -82,3 +84,5 @@ class AppFifo {
     pthread_t looker{};
     unsigned looks = 0;  // begun so far; wraps
 };
+
+}  // namespace uafd

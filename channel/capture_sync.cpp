@@ -9,6 +9,7 @@
 #include "channel/log_tags.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr const char* kLogTag = kSinkLogTag;
@@ -147,3 +148,5 @@ int synchStartup(int frames, SynchStartupState* state) {
     LOGD("synch startup ok");
     return 0;
 }
+
+}  // namespace uafd

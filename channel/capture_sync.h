@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+namespace uafd {
+
 enum SynchState : int32_t {
     SYNCH_NOT_STARTED = 0,  // nothing done yet
     SYNCH_WAITING = 1,      // start time known, waiting for the right phase
@@ -32,3 +34,5 @@ int64_t micCaptureTimestamp();
 // Decides on the period just read, `frames` frames or 0 after a timeout: 0 = write it, 1 = drop it,
 // -1 = synchronisation failed just now (logged), write it and all that follow.
 int synchStartup(int frames, SynchStartupState* state);
+
+}  // namespace uafd

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace uafd {
+
 DevName::~DevName() {
     freeAll(owned);
     freeAll(replaced);
@@ -69,3 +71,5 @@ void DevName::freeAll(Copy* copies) {
         copies = next;
     }
 }
+
+}  // namespace uafd

@@ -6,6 +6,8 @@
 
 #include <atomic>
 
+namespace uafd {
+
 class DevName {
   public:
     DevName() = default;
@@ -40,3 +42,5 @@ class DevName {
     Copy* owned = nullptr;                      // behind `current`
     Copy* replaced = nullptr;                   // of different texts
 };
+
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "channel/stream_shape.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr const char* kLogTag = kSourceLogTag;
@@ -143,3 +144,5 @@ FrameBuffer::Result FrameBuffer::read(int16_t* frame) {
     }
     return Result(rc == 0);
 }
+
+}  // namespace uafd

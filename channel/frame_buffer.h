@@ -14,6 +14,8 @@
 
 #include "buffer/ssrs.h"
 
+namespace uafd {
+
 constexpr int kFifoBlockFrames = 480;  // what the buffer thread writes at a time: 10 ms
 
 // What the frame buffer holds, samples: its storage and the depth range that it keeps.
@@ -99,3 +101,5 @@ class FrameBuffer {
     uint32_t seenUnderruns = 0;  // at the last check
     bool enlargeTried = false;   // it is enlarged once at most, until it is built again
 };
+
+}  // namespace uafd

@@ -6,6 +6,7 @@
 
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
@@ -43,3 +44,5 @@ int createRtThread(pthread_t* threadId, void* (*entry)(void*), void* argument, c
     errno = savedErrno;
     return rc;
 }
+
+}  // namespace uafd

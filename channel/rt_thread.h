@@ -5,6 +5,8 @@
 
 #include <pthread.h>
 
+namespace uafd {
+
 constexpr int kRtPriority = 58;  // of every audio thread, policy SCHED_FIFO
 
 // Creates a thread that runs `entry` with `argument` at SCHED_FIFO, priority kRtPriority; when one
@@ -13,3 +15,5 @@ constexpr int kRtPriority = 58;  // of every audio thread, policy SCHED_FIFO
 // "unable to set thread priority\n". Returns 0 or pthread_create's code, with errno as that left
 // it.
 int createRtThread(pthread_t* threadId, void* (*entry)(void*), void* argument, const char* tag);
+
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "ipc/uaf_ipc.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr char kLogTag[] = "UAFCH";
@@ -280,3 +281,5 @@ int UafCh::missedWait(int waitResult, const char* tag) {
     }
     return 0;
 }
+
+}  // namespace uafd

@@ -17,6 +17,8 @@
 #include "channel/dev_name.h"
 #include "channel/stream_shape.h"
 
+namespace uafd {
+
 constexpr int kWaitTimeoutMs = 10;     // of one snd_pcm_wait, so that isRunning is polled
 constexpr unsigned kLogPasses = 6000;  // between two progress lines
 
@@ -130,3 +132,5 @@ class UafCh {
 
     std::atomic<int> nameReaders{0};  // threads that may hold a loaded name
 };
+
+}  // namespace uafd

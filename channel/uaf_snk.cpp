@@ -13,6 +13,7 @@
 #include "ipc/usb_audio_msg.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr const char* kLogTag = kSinkLogTag;
@@ -259,3 +260,5 @@ int UafSnk::fifoWrite() {
 void UafSnk::clearPeriod() {
     memset(pcmBuf.get(), 0, kPeriodBytes);
 }
+
+}  // namespace uafd

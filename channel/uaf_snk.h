@@ -10,6 +10,8 @@
 #include "channel/capture_sync.h"
 #include "channel/uaf_ch.h"
 
+namespace uafd {
+
 class UafSnk : public UafCh {
   public:
     UafSnk();
@@ -23,9 +25,9 @@ class UafSnk : public UafCh {
     int uafStop() override;
 
     // The start synchronisation, as channel/capture_sync.h tells.
-    static int64_t micCaptureTimestamp() { return ::micCaptureTimestamp(); }
+    static int64_t micCaptureTimestamp() { return uafd::micCaptureTimestamp(); }
     static int synchStartup(int frames, SynchStartupState* state) {
-        return ::synchStartup(frames, state);
+        return uafd::synchStartup(frames, state);
     }
 
   private:
@@ -41,3 +43,5 @@ class UafSnk : public UafCh {
     // 240 x 2. Allocated by the first start.
     std::unique_ptr<int16_t[]> pcmBuf;
 };
+
+}  // namespace uafd

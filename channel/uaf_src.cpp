@@ -14,6 +14,7 @@
 #include "ipc/usb_audio_msg.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr const char* kLogTag = kSourceLogTag;
@@ -327,3 +328,5 @@ int UafSrc::sndWrite(const int16_t* buf) {
     LOGE("stopping, unexpected write error(%s)\n", snd_strerror(rc));
     return -1;
 }
+
+}  // namespace uafd

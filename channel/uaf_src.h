@@ -15,6 +15,8 @@
 #include "channel/frame_buffer.h"
 #include "channel/uaf_ch.h"
 
+namespace uafd {
+
 constexpr int kSourceRingFrames = 720;  // of the gadget card's playback stream, 15 ms
 
 class UafSrc : public UafCh {
@@ -67,3 +69,5 @@ class UafSrc : public UafCh {
     std::unique_ptr<int16_t[]> silenceBuf;  // a silent period
     FrameBuffer frameBuffer;                // between the two threads
 };
+
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "ipc/app_paths.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr char kDriverName[] = "Vexa_Gadget";
@@ -79,3 +80,5 @@ int uafBind(UafSrc* src, UafSnk* snk) {
     LOGD("UAC Vexa is enabled, using %s\n", pcmName);
     return card;
 }
+
+}  // namespace uafd

@@ -3,6 +3,8 @@
 // Event loop only.
 #pragma once
 
+namespace uafd {
+
 class UafSnk;
 class UafSrc;
 
@@ -14,3 +16,5 @@ int drvCodecCardSearch(const char* driverName, int card);
 // Names the gadget card's PCM and their FIFO to both channels. Returns the card's index, or -1,
 // with an error line (tag "UAFIFO") and the names as they were, when the card is not there.
 int uafBind(UafSrc* src, UafSnk* snk);
+
+}  // namespace uafd

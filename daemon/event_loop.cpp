@@ -10,6 +10,7 @@
 #include "ipc/usb_audio_msg.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr useconds_t kFailedReadPauseUs = 10000;
@@ -121,3 +122,5 @@ bool EventLoop::missesItsBind(uint32_t active) {
     bindbad += missed ? 1 : 0;
     return missed;
 }
+
+}  // namespace uafd

@@ -5,6 +5,8 @@
 
 #include "daemon/uac_user.h"
 
+namespace uafd {
+
 class UafSnk;
 class UafSrc;
 
@@ -35,3 +37,5 @@ class EventLoop {
     int bindcnt = 0;
     int bindbad = 0;  // activations while unbound, each of which tried to bind
 };
+
+}  // namespace uafd

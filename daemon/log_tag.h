@@ -2,4 +2,8 @@
 // The log tag of this folder's files.
 #pragma once
 
+namespace uafd {
+
 constexpr char kLogTag[] = "UAFIFO";
+
+}  // namespace uafd

@@ -12,6 +12,8 @@
 #include "ipc/uaf_ipc.h"
 #include "platform/log.h"
 
+using namespace uafd;
+
 // Never returns once the event loop has started; a start-up failure ends the process with status
 // 255.
 int main() {

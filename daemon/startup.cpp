@@ -13,6 +13,7 @@
 #include "ipc/app_paths.h"
 #include "platform/log.h"
 
+namespace uafd {
 namespace {
 
 constexpr char kNullDevicePath[] = "/dev/null";
@@ -86,3 +87,5 @@ void requestInitialState(int controlFd) {
         LOGD("failed F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC, rc=%d, error=%d\n", rc, savedErrno);
     }
 }
+
+}  // namespace uafd

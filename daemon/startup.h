@@ -4,6 +4,8 @@
 // under the tag "UAFIFO".
 #pragma once
 
+namespace uafd {
+
 // Opens /dev/null in the place of each standard stream that the daemon was started without. The
 // first files that it opens would take these numbers: the app would get log lines as sound, and a
 // FIFO with the number 0 counts as closed. Before anything else opens a file; logs nothing.
@@ -21,3 +23,5 @@ int openGadgetControl();
 // Asks the driver to report its current state as ordinary event records. A failure is only logged,
 // at debug level: the daemon then learns the state from the next events.
 void requestInitialState(int controlFd);
+
+}  // namespace uafd

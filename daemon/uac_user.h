@@ -8,6 +8,8 @@
 
 #include <sys/ioctl.h>
 
+namespace uafd {
+
 // Device node, created by the daemon itself with permissions 0770 less the umask.
 constexpr char kUacUserPath[] = "/dev/uac_user";
 constexpr unsigned kUacUserMajor = 122;
@@ -42,3 +44,5 @@ constexpr unsigned long F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE = _IOW(0xF5, 2, 
 // No argument (a null pointer), although the encoding declares a 4-byte read. The driver answers
 // with ordinary event records that describe the current state.
 constexpr unsigned long F_UAC_VEXA_USER_IOCTL_USER_INIT_SYNC = _IOR(0xF5, 3, uint32_t);
+
+}  // namespace uafd

@@ -4,6 +4,8 @@
 // to RX, reads and receives from TX.
 #pragma once
 
+namespace uafd {
+
 // Interleaved stereo, signed 16-bit, 48 kHz.
 constexpr char kFifoRxPath[] = "/tmp/usbAudioFifoRx";  // the sink writes it
 constexpr char kFifoTxPath[] = "/tmp/usbAudioFifoTx";  // the source reads it
@@ -11,3 +13,5 @@ constexpr char kFifoTxPath[] = "/tmp/usbAudioFifoTx";  // the source reads it
 // One UsbAudioMsgT a datagram.
 constexpr char kIpcRxPath[] = "/tmp/usbAudioUdsIpcRx";  // the app's socket
 constexpr char kIpcTxPath[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's socket
+
+}  // namespace uafd

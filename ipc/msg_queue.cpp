@@ -6,6 +6,8 @@
 #include "ipc/log_tag.h"
 #include "platform/log.h"
 
+namespace uafd {
+
 void MsgQueue::queueMsg(const UsbAudioMsgT& msg) {
     cacheState(msg);
     if (!lock()) {
@@ -155,3 +157,5 @@ UafIpcQueueEntry* MsgQueue::takeOldest() {
     msgQueueLen--;
     return entry;
 }
+
+}  // namespace uafd

@@ -10,6 +10,8 @@
 
 #include "ipc/usb_audio_msg.h"
 
+namespace uafd {
+
 constexpr uint32_t kIpcQueueMax = 100;  // pending messages kept for an absent app
 
 // One pending message.
@@ -65,3 +67,5 @@ class MsgQueue {
     std::atomic<uint32_t> lastSpkState{0};
     std::atomic<uint32_t> lastMicState{0};
 };
+
+}  // namespace uafd

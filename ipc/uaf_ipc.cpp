@@ -14,6 +14,8 @@
 #include "ipc/log_tag.h"
 #include "platform/log.h"
 
+namespace uafd {
+
 const UsbAudioMsgT UafIpc::UafIpcConnectedMsg = {USB_AUDIO_MSG_USB_STATE, 1};
 const UsbAudioMsgT UafIpc::UafIpcDisconnectedMsg = {USB_AUDIO_MSG_USB_STATE, 0};
 
@@ -215,3 +217,5 @@ void UafIpc::handleMsg(int gadgetFd, UsbAudioMsgT& msg) {
             break;
     }
 }
+
+}  // namespace uafd

@@ -15,6 +15,8 @@
 #include "ipc/msg_queue.h"
 #include "ipc/usb_audio_msg.h"
 
+namespace uafd {
+
 constexpr int kIpcSendRetriesMax = 20;   // per message, then it is dropped
 constexpr long kIpcSendRetryPauseS = 5;  // while the app's socket does not exist
 
@@ -75,3 +77,5 @@ class UafIpc {
     };
     static Admission admission;
 };
+
+}  // namespace uafd

@@ -9,6 +9,8 @@
 #include "ipc/uaf_ipc.h"
 #include "platform/log.h"
 
+namespace uafd {
+
 MsgQueue UafIpc::msgQueue;
 
 namespace {
@@ -64,3 +66,5 @@ void UafIpc::sendMsg(const UsbAudioMsgT& msg) {
         }
     }
 }
+
+}  // namespace uafd

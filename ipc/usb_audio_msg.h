@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace uafd {
+
 struct UsbAudioMsgT {
     uint32_t type;  // UsbAudioMsgType
     uint32_t data;  // value, encoded per type
@@ -23,3 +25,5 @@ enum UsbAudioMsgType : uint32_t {
     USB_AUDIO_MSG_MIC_MUTE = 6,    // to the app: 0 = unmuted, 1 = muted
     USB_AUDIO_MSG_INIT_SYNC = 7,   // from the app: asks for the current state; data ignored
 };
+
+}  // namespace uafd

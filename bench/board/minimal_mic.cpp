@@ -104,8 +104,8 @@ int main(int argc, char** argv) {
     const char* const how = argc > 1 ? argv[1] : "";
     snd_pcm_t* pcm = nullptr;
     if (snd_pcm_open(&pcm, "hw:1", SND_PCM_STREAM_PLAYBACK, 0) < 0 ||
-        setHwParams(pcm, 720, kPeriodFrames, 1, 48000) < 0 ||
-        setSwParams(pcm, 240, 1440, 240) < 0) {
+        uafd::setHwParams(pcm, 720, kPeriodFrames, 1, 48000) < 0 ||
+        uafd::setSwParams(pcm, 240, 1440, 240) < 0) {
         return 1;
     }
     if (strcmp(how, "--two-threads") == 0) {

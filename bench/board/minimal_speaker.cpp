@@ -38,8 +38,8 @@ int main(int argc, char** argv) {
     const bool asks = argc > 1 && strcmp(argv[1], "--ask") == 0;
     snd_pcm_t* pcm = nullptr;
     if (snd_pcm_open(&pcm, "hw:1", SND_PCM_STREAM_CAPTURE, 0) < 0 ||
-        setHwParams(pcm, 2400, kPeriodFrames, 1, 48000) < 0 ||
-        setSwParams(pcm, 240, 4800, 240) < 0 || snd_pcm_start(pcm) < 0) {
+        uafd::setHwParams(pcm, 2400, kPeriodFrames, 1, 48000) < 0 ||
+        uafd::setSwParams(pcm, 240, 4800, 240) < 0 || snd_pcm_start(pcm) < 0) {
         return 1;
     }
     while ((!asks || isReady(pcm)) && movePeriod(pcm)) {

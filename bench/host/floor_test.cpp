@@ -66,7 +66,8 @@ TEST(FloorTest, CorrectedFramesAreCorrected) {
         const std::vector<int16_t> noise = harshNoise(kFrame + 1);
         const int32_t count = bench::takenBy(correction);
         Frame frame{};
-        resample(noise.data(), count, resampleStep(count, kFrame), frame.data(), kFrame);
+        uafd::resample(noise.data(), count, uafd::resampleStep(count, kFrame), frame.data(),
+                       kFrame);
         EXPECT_EQ(frame, framesOf(bench::kOurs, correction).front()) << bench::nameOf(correction);
     }
 }

@@ -11,6 +11,7 @@
 
 #include "companion/tool/command.h"
 
+namespace uafd {
 namespace {
 
 constexpr char kFifoRx[] = "usbAudioFifoRx";
@@ -228,3 +229,5 @@ void FoundFolder::restore(bool hadDaemon) const {
         }
     }
 }
+
+}  // namespace uafd

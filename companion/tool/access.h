@@ -9,6 +9,8 @@
 
 #include <sys/stat.h>
 
+namespace uafd {
+
 // How these parts are to be opened: in --directory; what is made gets the group of --group, or else
 // the one of the daemon's files, where this process may give it. Its texts last to the next call.
 uafd_options optionsFor(unsigned parts);
@@ -31,3 +33,5 @@ class FoundFolder {
     std::optional<struct stat> daemonSocket;
     bool hasFifo[2];
 };
+
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
+namespace uafd {
 namespace {
 
 constexpr double kMeasuredS = 1;
@@ -274,3 +275,4 @@ std::string Check::keepsItsStates() {
 Check check;
 
 }  // namespace
+}  // namespace uafd

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+namespace uafd {
 namespace {
 
 Command* firstCommand = nullptr;
@@ -91,3 +92,5 @@ Command* Command::find(const std::string& name) {
     }
     return command;
 }
+
+}  // namespace uafd

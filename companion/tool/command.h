@@ -6,6 +6,8 @@
 
 #include <string>
 
+namespace uafd {
+
 // Exit statuses.
 constexpr int kExitDone = 0;
 constexpr int kExitFailed = 1;  // with the reason on standard error
@@ -119,3 +121,5 @@ extern Text directoryOption;  // where the FIFOs and sockets are
 extern Text groupOption;      // of what is made there
 extern Flag helpOption;
 extern Flag versionOption;
+
+}  // namespace uafd

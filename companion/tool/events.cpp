@@ -11,6 +11,7 @@
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
+namespace uafd {
 namespace {
 
 // Of each event: its name in JSON, its subject, and what the values 0 and 1 are called; null when
@@ -157,3 +158,4 @@ Events events;
 Status status;
 
 }  // namespace
+}  // namespace uafd

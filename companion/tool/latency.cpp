@@ -8,6 +8,7 @@
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
+namespace uafd {
 namespace {
 
 constexpr int kQuietTicks = 3;  // before a burst
@@ -118,3 +119,4 @@ int Latency::run(const std::string& /*argument*/) {
 Latency latency;
 
 }  // namespace
+}  // namespace uafd

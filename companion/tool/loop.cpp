@@ -5,6 +5,7 @@
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
+namespace uafd {
 namespace {
 
 // Host and app have clocks of their own: what is queued wanders.
@@ -50,3 +51,4 @@ class Loop final : public Command, private Handler {
 Loop loop;
 
 }  // namespace
+}  // namespace uafd

@@ -10,6 +10,7 @@
 
 #include "companion/tool/command.h"
 
+namespace uafd {
 namespace {
 
 char kName[] = "uafd-companion";  // not constant: stands among the arguments
@@ -156,6 +157,9 @@ int runCommand(int count, char** words) {
 }
 
 }  // namespace
+}  // namespace uafd
+
+using namespace uafd;
 
 int main(int argc, char** argv) {
     std::vector<std::string> texts(argv, argv + argc);

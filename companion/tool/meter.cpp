@@ -9,6 +9,7 @@
 #include "companion/tool/command.h"
 #include "companion/tool/session.h"
 
+namespace uafd {
 namespace {
 
 constexpr int kBarWidth = 48;
@@ -76,3 +77,4 @@ void Meter::print() {
 Meter meter;
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "companion/tool/session.h"
 #include "companion/tool/sound_file.h"
 
+namespace uafd {
 namespace {
 
 // Goes on only with what the daemon has taken, so that the host hears all of it from the beginning.
@@ -78,3 +79,4 @@ void Play::fillBlock(int16_t* samples) {
 Play play;
 
 }  // namespace
+}  // namespace uafd

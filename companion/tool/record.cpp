@@ -6,6 +6,7 @@
 #include "companion/tool/session.h"
 #include "companion/tool/sound_file.h"
 
+namespace uafd {
 namespace {
 
 class Record final : public Command, private Handler {
@@ -42,3 +43,4 @@ int Record::run(const std::string& file) {
 Record record;
 
 }  // namespace
+}  // namespace uafd

@@ -10,6 +10,7 @@
 #include "companion/tool/access.h"
 #include "companion/tool/command.h"
 
+namespace uafd {
 namespace {
 
 constexpr int kReadFrames = 4096;
@@ -186,3 +187,5 @@ void Session::waitForDaemon() {
         failed("waiting", uafd_companion_error_text(-ECONNREFUSED));
     }
 }
+
+}  // namespace uafd

@@ -7,6 +7,8 @@
 #include <optional>
 #include <uafd_companion.hpp>
 
+namespace uafd {
+
 constexpr double kLeastS = 0.01;
 constexpr double kDayS = 86400;
 constexpr char kSecondsHelp[] = "end after N seconds (default: at an interrupt)";
@@ -70,3 +72,5 @@ class Session {
 
 // By CLOCK_MONOTONIC.
 int64_t nowNs();
+
+}  // namespace uafd

@@ -5,6 +5,7 @@
 #include "companion/tool/access.h"
 #include "companion/tool/command.h"
 
+namespace uafd {
 namespace {
 
 // `send` is called with the companion and gives the library's result.
@@ -50,3 +51,4 @@ Volume volume;
 Mute mute;
 
 }  // namespace
+}  // namespace uafd

@@ -13,6 +13,7 @@
 
 #include "companion/tool/command.h"
 
+namespace uafd {
 namespace {
 
 constexpr uint32_t kNoLength = UINT32_MAX;  // what others write, too, where they cannot know it
@@ -246,3 +247,5 @@ bool SoundReader::readBlock(int16_t* left) {
     buffer.clear();  // it never holds more than a block
     return frames > 0;
 }
+
+}  // namespace uafd

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace uafd {
+
 // Writes stereo. What was in the file is gone.
 class SoundWriter {
   public:
@@ -61,3 +63,5 @@ class SoundReader {
     uint64_t bytesLeft = UINT64_MAX;  // of sound, behind the buffer; 0 from the end of the file on
     std::vector<unsigned char> buffer;
 };
+
+}  // namespace uafd

@@ -10,6 +10,8 @@
 
 #include "board/kit/board.h"
 
+namespace uafd {
+
 class BoardCase : public testing::Test, public board::Board {
   protected:
     BoardCase() : Board(caseName()) {}
@@ -28,3 +30,5 @@ class BoardCase : public testing::Test, public board::Board {
         ASSERT_TRUE(hasThreads(board::kStreamingThreads));
     }
 };
+
+}  // namespace uafd

@@ -16,6 +16,7 @@
 #include <sys/utsname.h>
 #include <sys/wait.h>
 
+namespace uafd {
 namespace {
 
 using testing::HasSubstr;
@@ -189,3 +190,4 @@ TEST(MicCapture, ShowsARunningStreamWithARealTimeStampThatMoves) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -7,6 +7,7 @@
 
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -196,3 +197,4 @@ TEST_F(Cable, RunsNoCommandThatIsHiddenInTheProperty) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -14,6 +14,7 @@
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 
+namespace uafd {
 namespace {
 
 using board::kRate;
@@ -97,3 +98,4 @@ TEST_F(CompanionExamples, SayThatAnotherAppIsThere) {
 }
 
 }  // namespace
+}  // namespace uafd

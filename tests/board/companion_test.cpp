@@ -20,6 +20,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -419,3 +420,4 @@ TEST_F(CompanionLibrary, RunsTheExample) {
 }
 
 }  // namespace
+}  // namespace uafd

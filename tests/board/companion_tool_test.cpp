@@ -18,6 +18,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_ends.h"
 
+namespace uafd {
 namespace {
 
 using board::kRate;
@@ -317,3 +318,4 @@ TEST_F(UsersFolder, GivesASocketBackToTheUserWhoLeftIt) {
 }
 
 }  // namespace
+}  // namespace uafd

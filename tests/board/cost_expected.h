@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+namespace uafd {
+
 struct ExpectedCost {
     const char* what;
     int64_t instructions;  // for a second
@@ -18,3 +20,5 @@ constexpr ExpectedCost kIdleCost{"idle", 66900};
 
 // What runs beside the daemon's own code. With anything else the figures are only about right.
 constexpr char kCostMeasuredWith[] = "Linux 6.1.0-56-arm64, glibc 2.36, GCC 12.2.0";
+
+}  // namespace uafd

@@ -16,6 +16,7 @@
 #include "tests/board/board_case.h"
 #include "tests/board/cost_expected.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -156,3 +157,4 @@ TEST_F(Cost, OfDoingNothing) {
 }
 
 }  // namespace
+}  // namespace uafd

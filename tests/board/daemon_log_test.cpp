@@ -7,6 +7,7 @@
 
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -234,3 +235,4 @@ TEST_F(DaemonLog, ShowsATickASecondOnTheBoardWithTheCableFault) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -6,6 +6,7 @@
 
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -289,3 +290,4 @@ INSTANTIATE_TEST_SUITE_P(Both, Channel, testing::Values(kSpeaker, kMic), [](cons
 });
 
 }  // namespace
+}  // namespace uafd

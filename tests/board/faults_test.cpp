@@ -7,6 +7,7 @@
 #include "board/kit/app_process.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::App;
@@ -262,3 +263,4 @@ TEST_F(Faults, TheGadgetIsReboundInMidStreamAtOnce) {
 }
 
 }  // namespace
+}  // namespace uafd

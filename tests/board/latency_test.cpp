@@ -15,6 +15,7 @@
 #include "board/kit/streaming.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -91,3 +92,4 @@ TEST_F(Latency, AmongBusyProcesses) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "board/kit/statistics.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::FrameKind;
@@ -172,3 +173,4 @@ TEST_F(Microphone, IsSilentWhileTheAppIsAndThenGoesOn) {
 }
 
 }  // namespace
+}  // namespace uafd

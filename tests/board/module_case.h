@@ -11,6 +11,8 @@
 
 #include "board/kit/host.h"
 
+namespace uafd {
+
 class ModuleCase : public testing::Test {
   protected:
     void SetUp() override { host->reset(); }
@@ -50,3 +52,5 @@ class ModuleCase : public testing::Test {
     // Empty while the module is unloaded.
     std::optional<board::Host> host{std::in_place};
 };
+
+}  // namespace uafd

@@ -25,6 +25,7 @@
 #include "daemon/uac_user.h"
 #include "tests/board/module_case.h"
 
+namespace uafd {
 namespace {
 
 using board::contents;
@@ -406,3 +407,4 @@ TEST_F(Module, CanBeUnloadedAndLoadedUnboundAndUnplugged) {
 }
 
 }  // namespace
+}  // namespace uafd

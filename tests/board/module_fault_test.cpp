@@ -16,6 +16,7 @@
 #include "tests/board/module_case.h"
 #include "tests/board/pcm.h"
 
+namespace uafd {
 namespace {
 
 using board::contents;
@@ -287,3 +288,4 @@ TEST_F(Card, SurvivesAStormOfUnplugging) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -16,6 +16,7 @@
 #include "tests/board/module_case.h"
 #include "tests/board/pcm.h"
 
+namespace uafd {
 namespace {
 
 using board::contents;
@@ -335,3 +336,4 @@ TEST_F(Sound, ComesFromABoardWithAMicrophoneThatMovesEveryMillisecond) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -9,6 +9,8 @@
 
 #include <alsa/asoundlib.h>
 
+namespace uafd {
+
 class Pcm {
   public:
     explicit Pcm(snd_pcm_stream_t stream, const std::string& name = "hw:1")
@@ -78,3 +80,5 @@ class Pcm {
     const int openResult;
     bool hasFailed = false;
 };
+
+}  // namespace uafd

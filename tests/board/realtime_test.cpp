@@ -19,6 +19,7 @@
 #include "board/kit/streaming.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -248,3 +249,4 @@ TEST_F(Realtime, StreamingThreadsDoNothingThatMayTakeLong) {
 }
 
 }  // namespace
+}  // namespace uafd

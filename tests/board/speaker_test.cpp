@@ -8,6 +8,7 @@
 #include "board/kit/statistics.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::Heard;
@@ -159,3 +160,4 @@ TEST_F(Speaker, FillsAStalledStreamWithSilence) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -17,6 +17,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/ipc_service.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 48;
 
 namespace {
@@ -316,3 +318,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ServiceRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

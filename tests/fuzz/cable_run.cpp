@@ -7,7 +7,7 @@
 
 #include "cable/cable_mon.h"
 
-namespace fuzz {
+namespace uafd::fuzz {
 
 using fake_log::kCableLog;
 
@@ -104,4 +104,4 @@ std::vector<IpcService::Message> CableRun::takeMessages() {
     return taken;
 }
 
-}  // namespace fuzz
+}  // namespace uafd::fuzz

@@ -16,7 +16,7 @@
 #include "tests/support/fake_threads.h"
 #include "tests/support/ipc_service.h"
 
-namespace fuzz {
+namespace uafd::fuzz {
 
 // The line of a failed receive, which on the board with the watched controller is a tick.
 fake_log::Line cableReceiveError(bool watched, int error);
@@ -52,4 +52,4 @@ class CableRun {
     FakeThreads threads;
 };
 
-}  // namespace fuzz
+}  // namespace uafd::fuzz

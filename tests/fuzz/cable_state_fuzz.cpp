@@ -9,6 +9,8 @@
 
 #include "tests/fuzz/cable_run.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 32;
 
 namespace {
@@ -160,3 +162,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     StateRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

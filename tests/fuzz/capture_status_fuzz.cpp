@@ -14,6 +14,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_files.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 48;
 
 namespace {
@@ -256,3 +258,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CaptureRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

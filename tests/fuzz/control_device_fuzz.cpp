@@ -18,6 +18,8 @@
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_threads.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 24;
 
 namespace {
@@ -303,3 +305,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     DeviceRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

@@ -9,7 +9,7 @@
 
 #include "tests/fuzz/fuzz.h"
 
-namespace fuzz {
+namespace uafd::fuzz {
 
 Faked::Faked() {
     testing::GTEST_FLAG(break_on_failure) = true;  // what a fake complains of ends the run
@@ -48,4 +48,4 @@ void requireLines(const Lines& expected, const Lines& actual) {
     require(actual.size() == expected.size(), "the log holds every line");
 }
 
-}  // namespace fuzz
+}  // namespace uafd::fuzz

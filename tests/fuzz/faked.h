@@ -12,7 +12,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 
-namespace fuzz {
+namespace uafd::fuzz {
 
 using Lines = std::vector<fake_log::Line>;
 
@@ -49,4 +49,4 @@ class EndlessLoop {
     jmp_buf beginning = {};
 };
 
-}  // namespace fuzz
+}  // namespace uafd::fuzz

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+namespace uafd {
 namespace fuzz {
 
 void require(bool condition, const char* what) {
@@ -80,3 +81,5 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     signal(SIGTRAP, [](int) { abort(); });
     return 0;
 }
+
+}  // namespace uafd

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-namespace fuzz {
+namespace uafd::fuzz {
 
 // The longest input, in bytes; each target defines it with its input's format in mind.
 extern const int kMaxInputBytes;
@@ -36,4 +36,4 @@ class Input {
     const uint8_t* end;
 };
 
-}  // namespace fuzz
+}  // namespace uafd::fuzz

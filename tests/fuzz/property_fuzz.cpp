@@ -11,6 +11,8 @@
 
 #include "tests/fuzz/cable_run.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 40;
 
 namespace {
@@ -173,3 +175,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PropertyRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

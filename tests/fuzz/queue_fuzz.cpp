@@ -10,6 +10,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/queue_model.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 48;
 
 namespace {
@@ -143,3 +145,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     return 0;
 }
+
+}  // namespace uafd

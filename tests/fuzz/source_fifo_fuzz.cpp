@@ -17,6 +17,8 @@
 #include "tests/support/fake_ssrs.h"
 #include "tests/support/fake_threads.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 20;
 
 namespace {
@@ -204,3 +206,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SourceRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

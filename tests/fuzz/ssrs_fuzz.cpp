@@ -12,6 +12,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/ssrs_model.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 48;
 
 namespace {
@@ -171,3 +173,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     return 0;
 }
+
+}  // namespace uafd

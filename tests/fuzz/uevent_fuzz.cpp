@@ -13,6 +13,8 @@
 
 #include "tests/fuzz/cable_run.h"
 
+namespace uafd {
+
 const int fuzz::kMaxInputBytes = 64;
 
 namespace {
@@ -196,3 +198,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     UeventRun(input).run();
     return 0;
 }
+
+}  // namespace uafd

@@ -10,6 +10,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/streaming_daemon.h"
 
+namespace uafd {
 namespace {
 
 using testing::ElementsAre;
@@ -73,3 +74,4 @@ TEST_F(JavaTest, SaysWhatIsWrong) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -21,6 +21,7 @@
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_ssrs.h"
 
+namespace uafd {
 namespace {
 
 using ::testing::ElementsAreArray;
@@ -125,3 +126,4 @@ INSTANTIATE_TEST_SUITE_P(Traces, ReplayTest, ::testing::ValuesIn(traces()),
                          [](const auto& suite) { return "Number" + suite.param; });
 
 }  // namespace
+}  // namespace uafd

@@ -13,6 +13,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_ssrs.h"
 
+namespace uafd {
 namespace {
 
 constexpr int kFifoFd = 1000;  // and the channel's number
@@ -249,3 +250,5 @@ std::string ReplayedDaemon::view(int channel) {
                                 std::to_string(stage.threads("buffer " + std::to_string(channel)));
     return (channel == 0 ? viewOf(source) : viewOf(sink)) + threads;
 }
+
+}  // namespace uafd

@@ -15,6 +15,8 @@
 #include "daemon/event_loop.h"
 #include "tests/model/stage.h"
 
+namespace uafd {
+
 template <typename Channel>
 class OpenChannel : public Channel {
   public:
@@ -61,3 +63,5 @@ class ReplayedDaemon {
     OpenChannel<UafSnk> sink;
     EventLoop loop{source, sink};
 };
+
+}  // namespace uafd

@@ -7,6 +7,7 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 // Only ends a test that has failed: a thread that never comes to its next call.
@@ -144,3 +145,5 @@ void Stage::close() {
     }
     players.clear();
 }
+
+}  // namespace uafd

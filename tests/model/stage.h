@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace uafd {
+
 class Stage {
   public:
     // Ends a thread of the stage from within a call, when the script is over.
@@ -67,3 +69,5 @@ class Stage {
     std::vector<std::string> effects;
     bool isOver = false;
 };
+
+}  // namespace uafd

@@ -16,6 +16,7 @@
 #include "board/kit/service.h"
 #include "tests/support/child_process.h"
 
+namespace uafd {
 namespace {
 
 using board::contents;
@@ -205,3 +206,4 @@ TEST(Package, GoesWhenItIsPurged) {
 }
 
 }  // namespace
+}  // namespace uafd

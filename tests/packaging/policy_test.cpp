@@ -26,6 +26,7 @@
 #include "board/kit/service.h"
 #include "tests/support/child_process.h"
 
+namespace uafd {
 namespace {
 
 using testing::HasSubstr;
@@ -158,3 +159,4 @@ TEST_F(Policy, IsAskedForBoth) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -22,7 +22,7 @@
 
 #include "tests/process/wires.h"
 
-namespace process {
+namespace uafd::process {
 
 namespace {
 
@@ -186,4 +186,4 @@ void App::slowDown() {
     seen->slow = true;
 }
 
-}  // namespace process
+}  // namespace uafd::process

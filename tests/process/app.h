@@ -10,7 +10,7 @@
 
 #include "tests/process/root.h"
 
-namespace process {
+namespace uafd::process {
 
 class App {
   public:
@@ -62,4 +62,4 @@ class App {
     int deathCount = 0;
 };
 
-}  // namespace process
+}  // namespace uafd::process

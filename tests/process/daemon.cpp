@@ -24,7 +24,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-namespace process {
+namespace uafd::process {
 
 namespace {
 
@@ -259,4 +259,4 @@ std::string Daemon::state() const {
     return text;
 }
 
-}  // namespace process
+}  // namespace uafd::process

@@ -13,7 +13,7 @@
 #include "tests/process/root.h"
 #include "tests/process/wires.h"
 
-namespace process {
+namespace uafd::process {
 
 class Daemon {
   public:
@@ -77,4 +77,4 @@ class Daemon {
     unsigned echoes = 0;
 };
 
-}  // namespace process
+}  // namespace uafd::process

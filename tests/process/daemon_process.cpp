@@ -30,6 +30,7 @@
 
 int uafdMain();
 
+namespace uafd {
 namespace {
 
 volatile int plantedNumber = 31;
@@ -128,6 +129,9 @@ void obey(const std::string& command) {
 }
 
 }  // namespace
+}  // namespace uafd
+
+using namespace uafd;
 
 int main(int count, char** arguments) {
     if (count != 2) {

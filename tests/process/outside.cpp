@@ -22,6 +22,8 @@
 #include "tests/support/fake_pcm.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 extern "C" int __real___android_log_print(int priority, const char* tag, const char* format, ...);
 
 namespace {
@@ -411,3 +413,4 @@ void setCardThere(bool there) {
 }
 
 }  // namespace outside
+}  // namespace uafd

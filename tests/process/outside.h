@@ -11,7 +11,7 @@
 #include <functional>
 #include <string>
 
-namespace outside {
+namespace uafd::outside {
 
 // Before the daemon's main. Commands that come with the control device's records go to `obey`.
 void install(const std::string& root, std::function<void(const std::string&)> obey);
@@ -36,4 +36,4 @@ void stall(Stream stream, bool stalled);
 // Without it, what is open ends, and nothing opens.
 void setCardThere(bool there);
 
-}  // namespace outside
+}  // namespace uafd::outside

@@ -10,7 +10,7 @@
 
 #include "cable/cable_mon.h"
 
-namespace process {
+namespace uafd::process {
 
 Root::Root() {
     std::filesystem::create_directories(path("/tmp"));
@@ -58,4 +58,4 @@ void Root::put(const std::string& name, const std::string& text) const {
     std::ofstream(file, std::ios::binary) << text;
 }
 
-}  // namespace process
+}  // namespace uafd::process

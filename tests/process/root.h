@@ -7,7 +7,7 @@
 
 #include "tests/support/temp_dir.h"
 
-namespace process {
+namespace uafd::process {
 
 constexpr char kFifoRx[] = "/tmp/usbAudioFifoRx";
 constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";
@@ -38,4 +38,4 @@ class Root {
     TempDir folder;
 };
 
-}  // namespace process
+}  // namespace uafd::process

@@ -7,7 +7,7 @@
 
 #include "daemon/uac_user.h"
 
-namespace process {
+namespace uafd::process {
 
 namespace {
 
@@ -363,4 +363,4 @@ void Storm::plugCard() {
     daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
 }
 
-}  // namespace process
+}  // namespace uafd::process

@@ -12,7 +12,7 @@
 #include "tests/process/daemon.h"
 #include "tests/process/root.h"
 
-namespace process {
+namespace uafd::process {
 
 class Storm {
   public:
@@ -83,4 +83,4 @@ class Storm {
     int restarts = 0;  // of the controller, that the daemon asked for
 };
 
-}  // namespace process
+}  // namespace uafd::process

@@ -14,6 +14,8 @@
 
 #include "daemon/uac_user.h"
 
+namespace uafd {
+
 using process::App;
 using process::Daemon;
 using process::Storm;
@@ -166,3 +168,4 @@ INSTANTIATE_TEST_SUITE_P(Storm, PlantedTest, testing::ValuesIn(kPlanted),
                          [](const auto& info) { return std::string(info.param.defect); });
 
 }  // namespace
+}  // namespace uafd

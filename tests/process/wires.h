@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace process {
+namespace uafd::process {
 
 // To the daemon, a packet each: kRecord and what one read of the gadget control device gives, or
 // kCommand and a text that daemon_process.cpp obeys, on the daemon's main thread, between two
@@ -29,4 +29,4 @@ struct UeventSender {
 // How much faster than in real time the daemon's sleeps end and its sound cards play.
 constexpr int kSpeed = 100;
 
-}  // namespace process
+}  // namespace uafd::process

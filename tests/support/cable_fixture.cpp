@@ -10,7 +10,7 @@
 #include <linux/netlink.h>
 #include <sys/time.h>
 
-namespace cable {
+namespace uafd::cable {
 
 Receive uevent(std::initializer_list<std::string> strings) {
     std::string bytes;
@@ -160,4 +160,4 @@ Lines Fixture::linesInLoop() {
     return lines;
 }
 
-}  // namespace cable
+}  // namespace uafd::cable

@@ -19,7 +19,7 @@
 #include "tests/support/ipc_service.h"
 #include "tests/support/temp_dir.h"
 
-namespace cable {
+namespace uafd::cable {
 
 using fake_log::kCableLog;
 using Lines = std::vector<fake_log::Line>;
@@ -86,4 +86,4 @@ class Fixture : public fake_sys::Test {
     static ssize_t answer(const Receive& receive, int fd, msghdr& header, int flags);
 };
 
-}  // namespace cable
+}  // namespace uafd::cable

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/channel_bench.h"
 
-namespace channel_bench {
+namespace uafd::channel_bench {
 
 void Test::SetUp() {
     fake_alsa::Test::SetUp();
@@ -48,4 +48,4 @@ void Test::forget() {
     };
 }
 
-}  // namespace channel_bench
+}  // namespace uafd::channel_bench

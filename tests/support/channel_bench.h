@@ -15,7 +15,7 @@
 #include "tests/support/fake_threads.h"
 #include "tests/support/test_channel.h"
 
-namespace channel_bench {
+namespace uafd::channel_bench {
 
 constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
 constexpr char kPcmName[] = "hw:1";
@@ -41,4 +41,4 @@ class Test : public fake_alsa::Test {
     FakeThreads threads{journal};
 };
 
-}  // namespace channel_bench
+}  // namespace uafd::channel_bench

@@ -23,6 +23,8 @@
 #include "tests/support/temp_dir.h"
 #include "tests/support/thread_state.h"
 
+namespace uafd {
+
 constexpr char kPcmName[] = "hw:1";
 constexpr uint32_t kSinkMessage = 1;
 constexpr uint32_t kSourceMessage = 2;
@@ -145,3 +147,5 @@ class ChannelLifecycleTest : public fake_alsa::Test {
     std::function<void()> atWait = [] {};
     std::atomic<int16_t> lastPlayed{0};
 };
+
+}  // namespace uafd

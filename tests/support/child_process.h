@@ -17,6 +17,8 @@
 
 #include "tests/support/temp_dir.h"
 
+namespace uafd {
+
 class ChildProcess {
   public:
     // `prepare` runs in the new process just before the program.
@@ -77,3 +79,5 @@ class ChildProcess {
     const TempDir files;
     pid_t pid;
 };
+
+}  // namespace uafd

@@ -10,6 +10,8 @@
 #include "tests/support/daemon_ends.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 class CompanionTest : public fake_sys::Test {
   protected:
     using Event = std::pair<uafd_event_type, int>;
@@ -45,3 +47,5 @@ class CompanionTest : public fake_sys::Test {
     DaemonEnds daemon{folder};
     uafd::Companion companion;
 };
+
+}  // namespace uafd

@@ -4,6 +4,8 @@
 #include <numeric>
 #include <unistd.h>
 
+namespace uafd {
+
 ChildProcess& ToolTest::start(std::vector<std::string> words,
                               const std::function<void()>& prepare) {
     words.insert(words.begin(), TOOL_PROGRAM);
@@ -68,3 +70,5 @@ Samples ToolTest::recordUntil(const std::function<bool(const Samples&)>& conditi
     }
     return left;
 }
+
+}  // namespace uafd

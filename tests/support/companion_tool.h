@@ -15,6 +15,8 @@
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_ends.h"
 
+namespace uafd {
+
 using Samples = std::vector<int16_t>;
 
 class ToolTest : public testing::Test {
@@ -42,3 +44,5 @@ class ToolTest : public testing::Test {
     DaemonEnds daemon{folder};
     std::optional<ChildProcess> tool;
 };
+
+}  // namespace uafd

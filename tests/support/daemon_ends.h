@@ -20,6 +20,8 @@
 
 #include "tests/support/temp_dir.h"
 
+namespace uafd {
+
 class DaemonEnds {
   public:
     using Message = std::pair<uint32_t, uint32_t>;  // type, data
@@ -123,3 +125,5 @@ class DaemonEnds {
     int mic = -1;
     int daemonSocket = -1;
 };
+
+}  // namespace uafd

@@ -6,6 +6,8 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 void FakeFifo::install(size_t blockBytes) {
     fake_sys::Hooks& hooks = fake_sys::hooks();
     hooks.open = [this](const char* path, int flags) {
@@ -35,3 +37,5 @@ void FakeFifo::install(size_t blockBytes) {
         return command == F_GETPIPE_SZ ? kGrantedPipeBytes : -1;
     };
 }
+
+}  // namespace uafd

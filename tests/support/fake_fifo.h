@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+namespace uafd {
+
 class FakeFifo {
   public:
     static constexpr int kFd = 77;
@@ -29,3 +31,5 @@ class FakeFifo {
   private:
     std::vector<std::string>& journal;
 };
+
+}  // namespace uafd

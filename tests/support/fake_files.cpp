@@ -9,6 +9,7 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 struct Reader {
@@ -56,3 +57,5 @@ void FakeFiles::install() {
         return fopencookie(reader, mode, {readSome, nullptr, nullptr, closeReader});
     };
 }
+
+}  // namespace uafd

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace uafd {
+
 class FakeFiles {
   public:
     // Takes over the fopen hook; *this must outlive the calls.
@@ -32,3 +34,5 @@ class FakeFiles {
     };
     std::map<std::string, File> files;
 };
+
+}  // namespace uafd

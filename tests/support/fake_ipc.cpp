@@ -6,6 +6,7 @@
 #include "ipc/uaf_ipc.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 using Guard = std::lock_guard<fake_sys::Mutex>;
@@ -46,3 +47,5 @@ void UafIpc::queueMsg(const UsbAudioMsgT& msg) {
     const Guard guard(queuedMutex);
     queued().push_back(message);
 }
+
+}  // namespace uafd

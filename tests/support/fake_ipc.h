@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace fake_ipc {
+namespace uafd::fake_ipc {
 
 using Message = std::pair<uint32_t, uint32_t>;  // type, data
 
@@ -23,4 +23,4 @@ void clear();
 // the threads that queue start.
 std::function<void(const Message&)>& onMessage();
 
-}  // namespace fake_ipc
+}  // namespace uafd::fake_ipc

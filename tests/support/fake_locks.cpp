@@ -7,6 +7,8 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 void FakeLocks::install() {
     fake_sys::Hooks& hooks = fake_sys::hooks();
     hooks.pthread_mutex_init = [this](pthread_mutex_t* mutex, const pthread_mutexattr_t* given) {
@@ -88,3 +90,5 @@ int FakeLocks::unlock(pthread_mutex_t* mutex) {
     held.erase(mutex);
     return note("unlock", *name);
 }
+
+}  // namespace uafd

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace uafd {
+
 class FakeLocks {
   public:
     explicit FakeLocks(std::vector<std::string>& journal) : journal(journal) {}
@@ -65,3 +67,5 @@ class FakeLocks {
     std::map<std::string, std::function<void()>> actions;
     std::set<const void*> held;
 };
+
+}  // namespace uafd

@@ -3,6 +3,8 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 void FakeThreads::install() {
     fake_sys::Hooks& hooks = fake_sys::hooks();
     hooks.pthread_create = [this](auto... arguments) { return create(arguments...); };
@@ -46,3 +48,5 @@ int FakeThreads::create(pthread_t* id, const pthread_attr_t* attributes, void* (
     }
     return result;
 }
+
+}  // namespace uafd

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace uafd {
+
 class FakeThreads {
   public:
     struct Thread {
@@ -55,3 +57,5 @@ class FakeThreads {
     std::vector<std::string> ownJournal;  // where the test has none
     std::vector<std::string>& journal;
 };
+
+}  // namespace uafd

@@ -12,6 +12,8 @@
 #include <thread>
 #include <unistd.h>
 
+namespace uafd {
+
 // One end; `transfer` moves some bytes and returns what read or write gave.
 class FifoApp {
   public:
@@ -77,3 +79,5 @@ class AppReader : public FifoApp {
               return read(fd, bytes.data(), bytes.size());
           }) {}
 };
+
+}  // namespace uafd

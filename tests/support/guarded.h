@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+namespace uafd {
+
 template <typename T>
 class Guarded {
   public:
@@ -35,3 +37,5 @@ class Guarded {
 
     std::vector<T> memory;
 };
+
+}  // namespace uafd

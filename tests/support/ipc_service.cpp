@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+namespace uafd {
 namespace {
 
 // The queue lies open to whoever derives from the service.
@@ -105,3 +106,4 @@ std::string bytesOf(uint32_t type, uint32_t data) {
 }
 
 }  // namespace ipc_service
+}  // namespace uafd

@@ -12,6 +12,8 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 class IpcService {
   public:
     using Message = std::pair<uint32_t, uint32_t>;  // type, data
@@ -61,3 +63,4 @@ std::vector<fake_log::Line> linesBetween(const fake_log::Line& first, const fake
 std::string bytesOf(uint32_t type, uint32_t data);
 
 }  // namespace ipc_service
+}  // namespace uafd

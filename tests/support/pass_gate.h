@@ -6,6 +6,8 @@
 #include <condition_variable>
 #include <mutex>
 
+namespace uafd {
+
 class PassGate {
   public:
     // Worker: in each pass.
@@ -51,3 +53,5 @@ class PassGate {
     int permits = 0;
     bool isOpen = false;
 };
+
+}  // namespace uafd

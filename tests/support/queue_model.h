@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <vector>
 
+namespace uafd {
+
 class QueueModel {
   public:
     // Codes as the queue returns them; a null pointer is `false`.
@@ -75,3 +77,5 @@ class QueueModel {
         return n < 0 || n > size() ? 4 : 0;
     }
 };
+
+}  // namespace uafd

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/sink_bench.h"
 
-namespace sink_bench {
+namespace uafd::sink_bench {
 
 Period Test::stereoFrom(uint64_t frame) {
     Period period;
@@ -75,4 +75,4 @@ void Test::runUntilStopped() {
     ASSERT_LT(pass, 1000) << "the channel did not stop itself";
 }
 
-}  // namespace sink_bench
+}  // namespace uafd::sink_bench

@@ -21,7 +21,7 @@
 #include "tests/support/fake_new.h"
 #include "tests/support/fake_threads.h"
 
-namespace sink_bench {
+namespace uafd::sink_bench {
 
 constexpr int64_t kNsPerMs = 1000000;
 constexpr size_t kPeriodSamples = 480;  // of one period in the FIFO: 240 frames, stereo
@@ -62,4 +62,4 @@ class Test : public fake_alsa::Test {
     void onAlsaCall(const std::string& call);
 };
 
-}  // namespace sink_bench
+}  // namespace uafd::sink_bench

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 
-namespace source_bench {
+namespace uafd::source_bench {
 
 using fake_log::kSourceLog;
 
@@ -138,4 +138,4 @@ void Test::failStartAt(const std::string& function, int step) {
     EXPECT_EQ(std::vector<fake_ipc::Message>{}, fake_ipc::messages());
 }
 
-}  // namespace source_bench
+}  // namespace uafd::source_bench

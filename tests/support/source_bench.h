@@ -21,7 +21,7 @@
 #include "tests/support/fake_ssrs.h"
 #include "tests/support/fake_threads.h"
 
-namespace source_bench {
+namespace uafd::source_bench {
 
 constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
 constexpr char kPcmName[] = "hw:1";
@@ -92,4 +92,4 @@ class Test : public fake_alsa::Test {
     FakeThreads::Thread bufferThread{};
 };
 
-}  // namespace source_bench
+}  // namespace uafd::source_bench

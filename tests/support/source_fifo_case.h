@@ -11,6 +11,8 @@
 #include "channel/uaf_src.h"
 #include "tests/support/source_bench.h"
 
+namespace uafd {
+
 class SourceFifoCase : public source_bench::Test {
   protected:
     void SetUp() override {
@@ -63,3 +65,5 @@ class SourceFifoCase : public source_bench::Test {
     int32_t writeResult = 0;
     SSRS_Stats stats{};
 };
+
+}  // namespace uafd

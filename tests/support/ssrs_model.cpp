@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
+namespace uafd {
+
 int SsrsModel::setFrameSize(int n) {
     if (n < 1 || n > 960) {
         return 3;
@@ -151,3 +153,5 @@ SsrsModel::Samples SsrsModel::overlaid(Samples frame) const {
     }
     return frame;
 }
+
+}  // namespace uafd

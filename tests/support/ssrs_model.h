@@ -11,6 +11,8 @@
 
 #include "buffer/ssrs.h"
 
+namespace uafd {
+
 class SsrsModel {
   public:
     using Samples = std::vector<int16_t>;
@@ -48,3 +50,5 @@ class SsrsModel {
 
     bool attached = false;
 };
+
+}  // namespace uafd

@@ -17,6 +17,8 @@
 
 #include "tests/support/daemon_ends.h"
 
+namespace uafd {
+
 struct StreamingOptions {
     std::vector<DaemonEnds::Message> answer = {{0, 1}, {1, 1}, {2, 1}};  // to a sync-up
     int16_t left = 1000;                                                 // of what is played
@@ -113,3 +115,5 @@ class StreamingDaemon {
     std::atomic<bool> stop{false};
     std::thread thread;
 };
+
+}  // namespace uafd

@@ -7,6 +7,8 @@
 #include <fstream>
 #include <string>
 
+namespace uafd {
+
 class TempDir {
   public:
     TempDir() {
@@ -29,3 +31,5 @@ class TempDir {
   private:
     std::string directory;
 };
+
+}  // namespace uafd

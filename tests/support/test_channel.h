@@ -9,6 +9,8 @@
 
 #include "channel/uaf_ch.h"
 
+namespace uafd {
+
 class TestChannel : public UafCh {
   public:
     static constexpr int kMsgType = 7;
@@ -59,3 +61,5 @@ class TestChannel : public UafCh {
   private:
     std::vector<std::string>& journal;
 };
+
+}  // namespace uafd

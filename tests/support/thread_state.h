@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+namespace uafd {
+
 // Whether the thread sleeps in the kernel.
 inline bool isAsleep(pid_t tid) {
     std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
@@ -15,3 +17,5 @@ inline bool isAsleep(pid_t tid) {
     const size_t name = line.rfind(')');
     return name != std::string::npos && line.compare(name + 1, 2, " S") == 0;
 }
+
+}  // namespace uafd

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
+namespace uafd {
+
 class Unprivileged {
   public:
     Unprivileged() : formerUser(geteuid()) { become(formerUser == 0 ? 65534 : formerUser); }
@@ -21,3 +23,5 @@ class Unprivileged {
 
     const uid_t formerUser;
 };
+
+}  // namespace uafd

@@ -18,6 +18,8 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
+
 class WildApp {
   public:
     // `direction` is the flag of the app's end, O_WRONLY or O_RDONLY. The acts follow from the
@@ -187,3 +189,5 @@ class WildApp {
     std::atomic<bool> done{false};
     std::thread thread;
 };
+
+}  // namespace uafd

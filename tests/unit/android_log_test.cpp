@@ -17,6 +17,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+namespace uafd {
+
 extern "C" {
 int __real_poll(pollfd* fds, nfds_t count, int timeoutMs);
 ssize_t __real_write(int fd, const void* data, size_t size);
@@ -308,3 +310,4 @@ TEST_F(AndroidLogTest, NoOtherThreadTakesTheRoomThatPollFound) {
 }
 
 }  // namespace
+}  // namespace uafd

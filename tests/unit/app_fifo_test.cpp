@@ -22,6 +22,7 @@
 #include "tests/support/temp_dir.h"
 #include "tests/support/thread_state.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kTestLog;
@@ -438,3 +439,4 @@ INSTANTIATE_TEST_SUITE_P(EachEnd, AppFifoWaitTest, testing::Values(O_RDONLY, O_W
                          });
 
 }  // namespace
+}  // namespace uafd

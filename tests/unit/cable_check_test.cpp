@@ -10,6 +10,7 @@
 
 #include "tests/support/cable_fixture.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kCableLog;
@@ -183,3 +184,4 @@ TEST_F(CableCheckTest, ConfigurationThatAShellWouldActUponIsLoggedButNotIssued) 
 }
 
 }  // namespace
+}  // namespace uafd

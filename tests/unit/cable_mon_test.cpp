@@ -15,6 +15,7 @@
 
 #include "tests/support/cable_fixture.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kCableLog;
@@ -299,3 +300,4 @@ TEST_F(CableMonTest, OtherBoardsLogReceiveErrorsAndNeverCheck) {
 }
 
 }  // namespace
+}  // namespace uafd

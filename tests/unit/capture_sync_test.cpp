@@ -14,6 +14,7 @@
 #include "tests/support/fake_files.h"
 #include "tests/support/fake_log.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSinkLog;
@@ -404,3 +405,4 @@ TEST_F(SynchStartupTest, UnknownStateFails) {
 }
 
 }  // namespace
+}  // namespace uafd

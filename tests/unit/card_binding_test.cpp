@@ -16,6 +16,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_threads.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kDaemonLog;
@@ -207,3 +208,4 @@ TEST_F(UafBindTest, NoCardAtAllLeavesTheChannelsWithoutNames) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "tests/support/channel_lifecycle.h"
 #include "tests/support/fifo_app.h"
 
+namespace uafd {
 namespace {
 
 using ::testing::ElementsAre;
@@ -137,3 +138,4 @@ INSTANTIATE_TEST_SUITE_P(AnApp, ChannelIdleAppTest,
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
+}  // namespace uafd

@@ -13,6 +13,7 @@
 #include "tests/support/fifo_app.h"
 #include "tests/support/pass_gate.h"
 
+namespace uafd {
 namespace {
 
 using ::testing::ElementsAre;
@@ -331,3 +332,4 @@ TEST_F(ChannelLifecycleTest, ACardThatIsPulledLeavesChannelsThatWorkAgain) {
 }
 
 }  // namespace
+}  // namespace uafd

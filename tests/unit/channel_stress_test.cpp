@@ -18,6 +18,7 @@
 #include "tests/support/channel_lifecycle.h"
 #include "tests/support/wild_app.h"
 
+namespace uafd {
 namespace {
 
 constexpr unsigned kEvents = 10000;
@@ -217,3 +218,4 @@ TEST_F(ChannelStressTest, ChannelsThatWentThroughEverythingStreamAgain) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -15,6 +15,7 @@
 #include "tests/support/thread_state.h"
 #include "tests/support/unprivileged.h"
 
+namespace uafd {
 namespace {
 
 using testing::ElementsAre;
@@ -310,3 +311,4 @@ TEST_F(CompanionDaemonTest, IsLookedForByAWaitBesideAThreadThatTakesEvents) {
 }
 
 }  // namespace
+}  // namespace uafd

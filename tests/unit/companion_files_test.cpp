@@ -18,6 +18,7 @@
 #include "tests/support/companion_test.h"
 #include "tests/support/unprivileged.h"
 
+namespace uafd {
 namespace {
 
 using testing::IsEmpty;
@@ -349,3 +350,4 @@ TEST_F(CompanionFilesTest, AreTakenFromAnAppThatDiedWhileItOpened) {
 }
 
 }  // namespace
+}  // namespace uafd

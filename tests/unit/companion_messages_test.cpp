@@ -7,6 +7,7 @@
 
 #include "tests/support/companion_test.h"
 
+namespace uafd {
 namespace {
 
 using testing::ElementsAre;
@@ -138,3 +139,4 @@ TEST_F(CompanionMessagesTest, LosesNothingOfADaemonThatStartsAnew) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -12,6 +12,7 @@
 
 #include "tests/support/companion_test.h"
 
+namespace uafd {
 namespace {
 
 std::vector<int16_t> samplesFrom(int first, size_t count) {
@@ -208,3 +209,4 @@ TEST_F(CompanionSoundTest, ServesAThreadForEachWayAndOneForMessages) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -19,6 +19,7 @@
 
 #include "tests/support/thread_state.h"
 
+namespace uafd {
 namespace {
 
 using testing::Contains;
@@ -212,3 +213,4 @@ TEST_F(CompanionOpenTest, HandsBackWhatTheSystemRefuses) {
 }
 
 }  // namespace
+}  // namespace uafd

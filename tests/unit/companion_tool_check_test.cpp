@@ -13,6 +13,7 @@
 #include "tests/support/companion_tool.h"
 #include "tests/support/streaming_daemon.h"
 
+namespace uafd {
 namespace {
 
 using testing::Contains;
@@ -123,3 +124,4 @@ TEST_F(ToolTest, FindsAFaultyDaemonOut) {
 }
 
 }  // namespace
+}  // namespace uafd

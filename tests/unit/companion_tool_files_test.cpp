@@ -17,6 +17,7 @@
 
 #include "tests/support/companion_tool.h"
 
+namespace uafd {
 namespace {
 
 using testing::HasSubstr;
@@ -333,3 +334,4 @@ TEST_F(Playing, EndsInTimeWithAHostThatDoesNotRecord) {
 }
 
 }  // namespace
+}  // namespace uafd

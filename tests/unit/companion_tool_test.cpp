@@ -16,6 +16,7 @@
 
 #include "tests/support/streaming_daemon.h"
 
+namespace uafd {
 namespace {
 
 using testing::Each;
@@ -287,3 +288,4 @@ TEST_F(ToolTest, SaysWhyItCannotMeasure) {
 }
 
 }  // namespace
+}  // namespace uafd

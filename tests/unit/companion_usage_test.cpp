@@ -9,6 +9,7 @@
 
 #include "tests/support/companion_tool.h"
 
+namespace uafd {
 namespace {
 
 using testing::ElementsAre;
@@ -173,3 +174,4 @@ TEST_F(ToolTest, TellsItsVersion) {
 }
 
 }  // namespace
+}  // namespace uafd

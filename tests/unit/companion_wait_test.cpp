@@ -13,6 +13,7 @@
 #include "tests/support/companion_test.h"
 #include "tests/support/thread_state.h"
 
+namespace uafd {
 namespace {
 
 class CompanionWaitTest : public CompanionTest {
@@ -177,3 +178,4 @@ TEST_F(CompanionWaitTest, IsEndedByASignalHandlersWake) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -11,6 +11,7 @@
 
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 class DevNameTest : public fake_sys::Test {
@@ -148,3 +149,4 @@ TEST_F(DevNameTest, ReaderSeesWholeTextsWhileTheyAreReplaced) {
 }
 
 }  // namespace
+}  // namespace uafd

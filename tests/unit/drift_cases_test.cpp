@@ -7,6 +7,7 @@
 
 #include "tools/drift/cases.h"
 
+namespace uafd {
 namespace {
 
 TEST(DriftCases, StandInTheirPageAsTheyAreSimulated) {
@@ -17,3 +18,4 @@ TEST(DriftCases, StandInTheirPageAsTheyAreSimulated) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -18,6 +18,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_threads.h"
 
+namespace uafd {
 namespace {
 
 using fake_ipc::Message;
@@ -446,3 +447,4 @@ TEST_F(EventLoopRunTest, ARecordHandledAgainCountsAgain) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -9,6 +9,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+namespace uafd {
 namespace {
 
 using fake_alsa::capturedSample;
@@ -261,3 +262,4 @@ TEST_F(FakeAlsaTest, ErrorTextsAreTheSystemsOwn) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -17,6 +17,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_threads.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kChannelLog;
@@ -89,3 +90,4 @@ TEST_F(FakeSysTest, LogKeepsLevelTagAndExactText) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -19,6 +19,7 @@
 #include "tests/support/fake_ssrs.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSourceLog;
@@ -160,3 +161,4 @@ TEST_F(FrameBufferTest, StorageWithoutMemoryIsTriedAgain) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -20,6 +20,7 @@
 
 int uafdMain();
 
+namespace uafd {
 namespace {
 
 using fake_log::kDaemonLog;
@@ -210,3 +211,5 @@ bool CableMon::start() {
     events.emplace_back("CableMon::start");
     return cableStarts;
 }
+
+}  // namespace uafd

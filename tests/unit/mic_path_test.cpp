@@ -9,6 +9,7 @@
 
 #include "tools/drift/measure.h"
 
+namespace uafd {
 namespace {
 
 using drift::Counts;
@@ -213,3 +214,4 @@ TEST(MicPath, TakesAWriteOfTwoBlocksWholeAndOneBeyondThePipesPageNot) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace uafd {
 namespace {
 
 using ::testing::ElementsAre;
@@ -47,3 +48,4 @@ TEST(MonoStereoTest, EveryLengthConvertsEachFrameAndNothingElse) {
 }
 
 }  // namespace
+}  // namespace uafd

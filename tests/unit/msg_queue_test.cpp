@@ -20,6 +20,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kIpcLog;
@@ -304,3 +305,4 @@ TEST_F(MsgQueueTest, ReplyNeverRevivesAStateThatWasReplacedMeanwhile) {
 }
 
 }  // namespace
+}  // namespace uafd

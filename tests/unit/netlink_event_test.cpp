@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <sysutils/NetlinkEvent.h>
 
+namespace uafd {
 namespace {
 
 using Action = NetlinkEvent::Action;
@@ -187,3 +188,4 @@ TEST(NetlinkEventTest, EveryPrefixOfAnEventIsSafe) {
 }
 
 }  // namespace
+}  // namespace uafd

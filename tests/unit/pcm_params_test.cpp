@@ -9,6 +9,7 @@
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_log.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kAlsaLog;
@@ -231,3 +232,4 @@ TEST_F(PcmParamsTest, FailureLeavesThePcmOpen) {
 }
 
 }  // namespace
+}  // namespace uafd

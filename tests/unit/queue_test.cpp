@@ -15,6 +15,7 @@
 #include "tests/support/guarded.h"
 #include "tests/support/queue_model.h"
 
+namespace uafd {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -366,3 +367,4 @@ TEST(QueueModelTest, RandomUseEqualsThePlainModel) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -13,6 +13,7 @@
 
 #include "tests/support/guarded.h"
 
+namespace uafd {
 namespace {
 
 using Samples = std::vector<int16_t>;
@@ -169,3 +170,4 @@ TEST(ResampleTest, HalvesAreRoundedUp) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -11,6 +11,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kTestLog;
@@ -153,3 +154,4 @@ TEST_F(RtThreadTest, RunsTheEntryOnTheNewThread) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -15,6 +15,8 @@
 #include "buffer/ssrs.h"
 #include "tests/support/guarded.h"
 
+namespace uafd {
+
 using Samples = std::vector<int16_t>;
 
 inline Samples ramp(int32_t n, int32_t from = 1000) {
@@ -99,3 +101,5 @@ class SsrsFixture : public testing::Test {
     std::unique_ptr<void, void (*)(void*)> memory{malloc(SSRS_GetContextSize()), free};
     SSRS_Ctx* ctx = static_cast<SSRS_Ctx*>(memory.get());
 };
+
+}  // namespace uafd

@@ -14,6 +14,7 @@
 #include "buffer/ssrs.h"
 #include "tests/support/guarded.h"
 
+namespace uafd {
 namespace {
 
 using Samples = SsrsModel::Samples;
@@ -170,3 +171,4 @@ TEST(SsrsModelTest, RandomUseEqualsThePlainModel) {
 }
 
 }  // namespace
+}  // namespace uafd

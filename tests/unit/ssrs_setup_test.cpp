@@ -16,6 +16,8 @@
 #include "tests/unit/buffer_from_c.h"
 #include "tests/unit/ssrs_fixture.h"
 
+namespace uafd {
+
 // Present in programs under the thread sanitizer only.
 extern "C" {
 __attribute__((weak)) void AnnotateIgnoreWritesBegin(const char* file, int line);
@@ -259,3 +261,4 @@ TEST_F(SsrsSetupTest, RangeEmptiesTheQueueRequestsPrimingAndRestartsTheAverage) 
 }
 
 }  // namespace
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "tests/support/guarded.h"
 #include "tests/unit/ssrs_fixture.h"
 
+namespace uafd {
 namespace {
 
 using SsrsTest = SsrsFixture;
@@ -428,3 +429,4 @@ TEST_F(SsrsTest, CountersSurviveNewStorageAndRange) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -15,6 +15,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kDaemonLog;
@@ -273,3 +274,4 @@ TEST(UacUserTest, RequestsAndEventsHaveTheDriversCodes) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -14,6 +14,7 @@
 #include "tests/support/fake_sys.h"
 #include "tests/support/temp_dir.h"
 
+namespace uafd {
 namespace {
 
 const std::string kProperties = "/run/properties/";
@@ -122,3 +123,4 @@ TEST_F(SystemPropertiesTest, FailedReadEndsTheValue) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "channel/uaf_ch.h"
 #include "tests/support/channel_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kChannelLog;
@@ -215,3 +216,4 @@ TEST_F(UafChStopTest, ARequestedStopNeedsTheNames) {
 }
 
 }  // namespace
+}  // namespace uafd

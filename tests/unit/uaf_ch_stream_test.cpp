@@ -10,6 +10,7 @@
 #include "channel/uaf_ch.h"
 #include "tests/support/channel_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kAlsaLog;
@@ -182,3 +183,4 @@ TEST_F(UafChStreamTest, RecoveryAloneReportsOneLine) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -9,6 +9,7 @@
 
 #include "tests/support/channel_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kChannelLog;
@@ -358,3 +359,4 @@ TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -17,6 +17,7 @@
 #include "tests/support/fake_sys.h"
 #include "tests/support/ipc_service.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kIpcLog;
@@ -307,3 +308,4 @@ TEST_F(UafIpcRxTest, EmptyDatagramBehindAStaleEagainDoesNotEndTheThread) {
 }
 
 }  // namespace
+}  // namespace uafd

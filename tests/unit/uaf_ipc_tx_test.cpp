@@ -20,6 +20,7 @@
 #include "tests/support/fake_sys.h"
 #include "tests/support/ipc_service.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kIpcLog;
@@ -329,3 +330,4 @@ TEST_F(UafIpcTxTest, ManyProducersAndTheRealTransmitThread) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -12,6 +12,7 @@
 
 #include "tests/support/sink_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_alsa::capturedSample;
@@ -184,3 +185,4 @@ TEST_F(UafSnkFifoTest, WorkerCapturesNothingWhileItWaitsForTheApp) {
 }
 
 }  // namespace
+}  // namespace uafd

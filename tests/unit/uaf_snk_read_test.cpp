@@ -8,6 +8,7 @@
 
 #include "tests/support/sink_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSinkLog;
@@ -359,3 +360,4 @@ TEST_F(UafSnkReadTest, BacklogCheckThatFailsDropsNothing) {
 }
 
 }  // namespace
+}  // namespace uafd

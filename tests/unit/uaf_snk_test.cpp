@@ -10,6 +10,7 @@
 
 #include "tests/support/sink_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSinkLog;
@@ -367,3 +368,4 @@ TEST_F(UafSnkSynchTest, EveryStartSynchronisesAfresh) {
 }
 
 }  // namespace
+}  // namespace uafd

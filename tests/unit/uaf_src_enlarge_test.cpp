@@ -6,6 +6,7 @@
 
 #include "tests/support/source_fifo_case.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSourceLog;
@@ -171,3 +172,4 @@ TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -7,6 +7,7 @@
 
 #include "tests/support/source_fifo_case.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSourceLog;
@@ -333,3 +334,4 @@ TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
 }
 
 }  // namespace
+}  // namespace uafd

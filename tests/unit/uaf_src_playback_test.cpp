@@ -8,6 +8,7 @@
 #include "channel/uaf_src.h"
 #include "tests/support/source_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kAlsaLog;
@@ -405,3 +406,4 @@ TEST_F(UafSrcPlaybackTest, AnOnWithinTheDebounceKeepsTheStream) {
 }
 
 }  // namespace
+}  // namespace uafd

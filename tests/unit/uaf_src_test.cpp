@@ -10,6 +10,7 @@
 
 #include "tests/support/source_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSourceLog;
@@ -285,3 +286,4 @@ TEST_F(UafSrcTest, AStopFreesTheFrameBuffer) {
 }
 
 }  // namespace
+}  // namespace uafd

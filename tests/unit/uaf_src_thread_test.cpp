@@ -10,6 +10,7 @@
 #include "channel/uaf_src.h"
 #include "tests/support/source_bench.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kSourceLog;
@@ -187,3 +188,4 @@ TEST_F(UafSrcThreadTest, AThreadRunsAgainAfterAStopThatCameBeforeIt) {
 }
 
 }  // namespace
+}  // namespace uafd

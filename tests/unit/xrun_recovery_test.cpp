@@ -10,6 +10,7 @@
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_log.h"
 
+namespace uafd {
 namespace {
 
 using fake_log::kAlsaLog;
@@ -194,3 +195,4 @@ TEST_F(XrunRecoveryTest, OtherCodeIsReturnedWithoutTouchingThePcm) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -15,7 +15,7 @@ bool holds(const Pause& pause, Ns at) {
 }  // namespace
 
 Ns dueOf(const Scenario& scenario, int64_t frame) {
-    return scenario.phase + frame * kSecond / kSampleRateHz;
+    return scenario.phase + frame * kSecond / uafd::kSampleRateHz;
 }
 
 AppWrites::AppWrites(const Scenario& scenario) : scenario(scenario), engine(scenario.seed) {}

@@ -106,7 +106,7 @@ Options optionsOf(int argc, char** argv) {
 }
 
 double msOf(int64_t samples) {
-    return static_cast<double>(samples) * 1000 / kSampleRateHz;
+    return static_cast<double>(samples) * 1000 / uafd::kSampleRateHz;
 }
 
 double inMs(Ns time) {

@@ -23,7 +23,7 @@ Measured measure(const Scenario& scenario, Ns time, const Look& look) {
             settled = path.counts();
             continue;
         }
-        depths.push_back(reading.depth * kSecond / kSampleRateHz);
+        depths.push_back(reading.depth * kSecond / uafd::kSampleRateHz);
         if (reading.latency >= 0) {
             latencies.push_back(reading.latency);
         }

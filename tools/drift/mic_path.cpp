@@ -10,13 +10,13 @@ namespace drift {
 namespace {
 
 constexpr int kPipeFrames = 1024;  // the least that a pipe holds: a page of stereo frames
-constexpr int kRingPeriods = kSourceRingFrames / kPeriodFrames;
-constexpr Ns kPeriod = int64_t{kPeriodFrames} * kSecond / kSampleRateHz;
+constexpr int kRingPeriods = uafd::kSourceRingFrames / uafd::kPeriodFrames;
+constexpr Ns kPeriod = int64_t{uafd::kPeriodFrames} * kSecond / uafd::kSampleRateHz;
 constexpr Ns kUsbFrame = kMs;  // a sample moves with its USB frame, at that frame's end
 constexpr int64_t kMillion = 1000000;
 
 // What is written does not matter, only where it goes.
-constexpr int16_t kBlock[kFifoBlockFrames] = {};
+constexpr int16_t kBlock[uafd::kFifoBlockFrames] = {};
 
 }  // namespace
 
@@ -40,12 +40,12 @@ Reading MicPath::read() {
     const SSRS_Stats before = statistics();
     Reading reading{at,    depth(), buffer.context()->qDepthLow, buffer.context()->qDepthHigh, 0,
                     false, -1};
-    int16_t frame[kPeriodFrames];
+    int16_t frame[uafd::kPeriodFrames];
     buffer.read(frame);
     const SSRS_Stats after = statistics();
     reading.correction = static_cast<int>(after.stretchCnt - before.stretchCnt) -
                          static_cast<int>(after.compressCnt - before.compressCnt);
-    reading.starved = reading.depth < kPeriodFrames - reading.correction;
+    reading.starved = reading.depth < uafd::kPeriodFrames - reading.correction;
     const int taken = reading.depth - depth();
     reading.latency = latencyOf(hostTime(reads + 1) + kUsbFrame, taken);
     consume(taken);
@@ -54,7 +54,7 @@ Reading MicPath::read() {
     counted.underruns = after.underruns;
     if (reading.starved && counted.written > 0) {
         counted.emptyReads += reading.depth == 0 ? 1 : 0;
-        counted.silent += kPeriodFrames - reading.correction - reading.depth;
+        counted.silent += uafd::kPeriodFrames - reading.correction - reading.depth;
     }
     ++reads;
     return reading;
@@ -70,7 +70,7 @@ void MicPath::takeWrite(const AppWrite& write) {
         int page = std::min(left, kPipeFrames);
         left -= page;
         while (page > 0) {
-            const int fresh = std::min(page, kFifoBlockFrames);
+            const int fresh = std::min(page, uafd::kFifoBlockFrames);
             bufferPass(frame, fresh, write.at);
             frame += fresh;
             page -= fresh;
@@ -87,12 +87,12 @@ void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
     const bool fits = statistics().overruns == overruns;
     const bool enlarged = buffer.context()->qBuffLen != storage;
     if (!enlarged) {
-        const int padding = depth() - before - (fits ? kFifoBlockFrames : 0);
+        const int padding = depth() - before - (fits ? uafd::kFifoBlockFrames : 0);
         follow(passes == 0 ? Source::kStart : Source::kSilence, 0, padding);
     }
     if (fits) {
         follow(Source::kApp, frame, fresh);
-        follow(Source::kStale, frame, kFifoBlockFrames - fresh);
+        follow(Source::kStale, frame, uafd::kFifoBlockFrames - fresh);
     } else {
         ++counted.overruns;
         counted.lost += fresh;
@@ -141,7 +141,7 @@ Ns MicPath::latencyOf(Ns playedAt, int64_t samples) const {
             break;
         }
         if (run.source == Source::kApp) {
-            return playedAt + before * kSecond / kSampleRateHz - dueOf(scenario, run.frame);
+            return playedAt + before * kSecond / uafd::kSampleRateHz - dueOf(scenario, run.frame);
         }
         before += run.count;
     }

@@ -75,7 +75,7 @@ class MicPath {
     const Scenario scenario;
     AppWrites writes;
     AppWrite nextWrite;
-    FrameBuffer buffer;
+    uafd::FrameBuffer buffer;
     std::deque<Run> runs;  // what the frame buffer holds
     Counts counted;
     int64_t reads = 0;

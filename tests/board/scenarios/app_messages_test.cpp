@@ -11,6 +11,7 @@
 #include "board/kit/files.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -358,3 +359,4 @@ TEST_F(SyncUp, DuringStartsAndStopsNeverLeavesTheAppWithAnOldState) {
 }
 
 }  // namespace
+}  // namespace uafd

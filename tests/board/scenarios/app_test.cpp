@@ -9,6 +9,7 @@
 #include "board/kit/mic_stream.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::App;
@@ -314,3 +315,4 @@ INSTANTIATE_TEST_SUITE_P(Of, ChunkSize, testing::Values(1, 3, 959, 960, 961, 191
                          [](const auto& info) { return std::to_string(info.param) + "Bytes"; });
 
 }  // namespace
+}  // namespace uafd

@@ -15,6 +15,7 @@
 #include "board/kit/record_watch.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::App;
@@ -172,3 +173,4 @@ TEST_F(AwayApp, IsStopped) {
 }
 
 }  // namespace
+}  // namespace uafd

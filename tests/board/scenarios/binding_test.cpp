@@ -3,6 +3,7 @@
 // to stop.
 #include "tests/board/scenarios/record_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -127,3 +128,4 @@ TEST_F(Binding, ChangesInABurstEndAsTheLastRecordSays) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -5,6 +5,7 @@
 
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -113,3 +114,4 @@ TEST_F(CableFault, WithoutRecoveryRestartsAgainAndAgainAndWearsNothingOut) {
 }
 
 }  // namespace
+}  // namespace uafd

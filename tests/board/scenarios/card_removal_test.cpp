@@ -11,6 +11,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::Direction;
@@ -209,3 +210,4 @@ TEST_F(CardRemoval, WhileTheAppIsAway) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/scenarios/record_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -290,3 +291,4 @@ TEST_F(ControlDeviceAtStart, FailsTheFirstReads) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -16,6 +16,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -380,3 +381,4 @@ TEST_F(Streaming, GoesOnWhileAnotherProcessTakesAllMemory) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -3,6 +3,7 @@
 // itself after three more passes, tells the app, and starts at the host's next word.
 #include "tests/board/scenarios/stream_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -70,3 +71,4 @@ TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
 INSTANTIATE_BOTH_DIRECTIONS(FailedRecovery);
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 
 #include <alsa/asoundlib.h>
 
+namespace uafd {
 namespace {
 
 constexpr char kOrder[] = "/tmp/failing_alsa";
@@ -69,3 +70,5 @@ int snd_pcm_sw_params(snd_pcm_t* pcm, snd_pcm_sw_params_t* params) {
 }
 
 }  // extern "C"
+
+}  // namespace uafd

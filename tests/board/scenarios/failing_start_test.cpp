@@ -7,6 +7,7 @@
 #include "board/kit/files.h"
 #include "tests/board/scenarios/stream_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -169,3 +170,4 @@ TEST_P(FailingStart, IsNoneAtAnotherRate) {
 INSTANTIATE_BOTH_DIRECTIONS(FailingStart);
 
 }  // namespace
+}  // namespace uafd

@@ -9,6 +9,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::App;
@@ -112,3 +113,4 @@ INSTANTIATE_TEST_SUITE_P(Each, FifoName, testing::Values(board::kFifoRx, board::
                          });
 
 }  // namespace
+}  // namespace uafd

@@ -12,6 +12,7 @@
 #include "board/kit/ramp_trail.h"
 #include "tests/board/board_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -83,6 +84,9 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
 }
 
 }  // namespace
+}  // namespace uafd
+
+using namespace uafd;
 
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);

@@ -8,6 +8,8 @@
 
 #include "tests/board/board_case.h"
 
+namespace uafd {
+
 class RecordCase : public BoardCase {
   protected:
     enum Type : uint32_t {
@@ -61,3 +63,5 @@ class RecordCase : public BoardCase {
     size_t logMark = 0;
     size_t messageMark = 0;
 };
+
+}  // namespace uafd

@@ -6,6 +6,8 @@
 
 #include "tests/board/board_case.h"
 
+namespace uafd {
+
 class Scenario : public BoardCase {
   protected:
     static constexpr uint32_t kSpeaker = 1;  // the channels, as messages name them
@@ -44,3 +46,5 @@ class Scenario : public BoardCase {
             limit);
     }
 };
+
+}  // namespace uafd

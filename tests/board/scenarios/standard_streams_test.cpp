@@ -13,6 +13,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using testing::ElementsAre;
@@ -115,3 +116,4 @@ TEST_F(StandardStreams, TheCardSearchsLinesReachAFileAtOnce) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -9,6 +9,7 @@
 #include "board/kit/random.h"
 #include "tests/board/scenarios/record_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -159,3 +160,4 @@ TEST_F(StartStop, AThousandRandomSequencesEndAsTheHostWants) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -155,3 +156,5 @@ void StreamCase::expectHealthy(board::RampTrail* trail, Ns from) {
             << gap.lost << " frames lost";
     }
 }
+
+}  // namespace uafd

@@ -11,6 +11,8 @@
 #include "tests/board/board_case.h"
 #include "tests/board/scenarios/stream_log.h"
 
+namespace uafd {
+
 // A stream is healthy again within a second of a fault; that is then looked at for a while.
 constexpr board::Ns kHealing = board::kSecond;
 constexpr board::Ns kLook = 200 * board::kMs;
@@ -76,3 +78,5 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
     INSTANTIATE_TEST_SUITE_P(Direction, Suite,                                                \
                              testing::Values(board::kSpeakerDirection, board::kMicDirection), \
                              [](const auto& info) { return std::string(info.param.name); })
+
+}  // namespace uafd

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/board/scenarios/stream_log.h"
 
+namespace uafd {
 namespace {
 
 bool isSpeaker(const board::Direction& direction) {
@@ -71,3 +72,4 @@ Lines stop(const board::Direction& direction) {
 }
 
 }  // namespace stream_log
+}  // namespace uafd

@@ -7,6 +7,8 @@
 
 #include "board/kit/direction.h"
 
+namespace uafd {
+
 using Lines = std::vector<std::string>;
 
 inline Lines operator+(Lines head, const Lines& tail) {
@@ -38,3 +40,4 @@ Lines stopRequest(int state);
 Lines stop(const board::Direction& direction);
 
 }  // namespace stream_log
+}  // namespace uafd

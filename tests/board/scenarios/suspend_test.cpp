@@ -3,6 +3,7 @@
 // ready, and after six seconds prepares it afresh. The other direction's sound does not notice.
 #include "tests/board/scenarios/stream_case.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -173,3 +174,4 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
 INSTANTIATE_BOTH_DIRECTIONS(Suspend);
 
 }  // namespace
+}  // namespace uafd

@@ -8,6 +8,7 @@
 #include "board/kit/host_player.h"
 #include "tests/board/scenarios/scenario.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -201,3 +202,4 @@ INSTANTIATE_TEST_SUITE_P(Of, Flood, testing::Bool(), [](const auto& info) {
 });
 
 }  // namespace
+}  // namespace uafd

@@ -5,6 +5,7 @@
 
 #include "tests/board/scenarios/stream_case.h"
 
+namespace uafd {
 namespace {
 
 using board::Break;
@@ -255,3 +256,4 @@ TEST_P(Xrun, WhoseFirstRestartFails) {
 INSTANTIATE_BOTH_DIRECTIONS(Xrun);
 
 }  // namespace
+}  // namespace uafd

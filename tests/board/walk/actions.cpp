@@ -11,6 +11,7 @@
 #include "board/kit/uevent.h"
 #include "tests/board/walk/walk.h"
 
+namespace uafd {
 namespace {
 
 using board::App;
@@ -277,3 +278,5 @@ const Action& chooseAction(board::Random& random, Scope scope) {
     }
     return *action;
 }
+
+}  // namespace uafd

@@ -9,6 +9,7 @@
 
 #include "tests/board/walk/walk.h"
 
+namespace uafd {
 namespace {
 
 constexpr long kStepsAProof = 25;
@@ -67,6 +68,9 @@ int walk(long seed, long steps, Scope scope) {
 }
 
 }  // namespace
+}  // namespace uafd
+
+using namespace uafd;
 
 int main(int argc, char** argv) {
     try {

@@ -10,6 +10,7 @@
 
 #include "board/kit/known_log.h"
 
+namespace uafd {
 namespace {
 
 using board::kMs;
@@ -242,3 +243,5 @@ std::string Walk::makeSound() {
     board.host.command("mic off");
     return board.hasThreads(board::kIdleThreads, kPatience) ? "" : "a stream does not stop";
 }
+
+}  // namespace uafd

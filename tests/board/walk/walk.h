@@ -13,6 +13,8 @@
 #include "board/kit/random.h"
 #include "board/kit/record_watch.h"
 
+namespace uafd {
+
 // What a walk is over.
 enum class Scope {
     kAll,  // everything
@@ -79,3 +81,5 @@ struct Action {
 };
 
 const Action& chooseAction(board::Random& random, Scope scope);
+
+}  // namespace uafd
