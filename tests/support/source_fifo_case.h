@@ -22,9 +22,9 @@ class SourceFifoCase : public source_bench::Test {
             blocks.emplace_back(data, data + n);
             return writeResult;
         };
-        fake_ssrs::hooks().SSRS_StatsGet = [this](const SSRS_Ctx*, SSRS_Stats* stats) {
+        fake_ssrs::hooks().SSRS_StatsGet = [this](const SSRS_Ctx*, SSRS_Stats* copy) {
             journal.push_back("stats");
-            *stats = this->stats;
+            *copy = stats;
             return 0;
         };
         start();

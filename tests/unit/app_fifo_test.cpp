@@ -185,10 +185,10 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
             std::this_thread::yield();
             return 0;
         };
-        fake_sys::hooks().open = [this](const char* opened, int flags) {
+        fake_sys::hooks().open = [this](const char* file, int flags) {
             beforeOpen();
             userTid = gettid();
-            return fake_sys::real::open(opened, flags);
+            return fake_sys::real::open(file, flags);
         };
     }
     void TearDown() override {

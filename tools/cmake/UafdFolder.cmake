@@ -14,6 +14,9 @@ find_package(Threads REQUIRED)
 add_library(uafd_options INTERFACE)
 target_include_directories(uafd_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(uafd_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+# Members have no mark, so nothing else in their class's functions may have their name. Clang alone: GCC also
+# refuses a constructor's parameter that is named as the member that it sets.
+target_compile_options(uafd_options INTERFACE $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wshadow>)
 target_link_libraries(uafd_options INTERFACE Threads::Threads)
 
 # uafd_folder(NAME [OBJECT] SOURCES file... [USES folder...])
