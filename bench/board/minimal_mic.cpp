@@ -20,7 +20,7 @@ constexpr int kWaitMs = 10;
 
 int16_t stereo[kBlockFrames][2];
 int16_t mono[kBlockFrames];
-const int16_t silence[kPeriodFrames] = {};
+const int16_t kSilence[kPeriodFrames] = {};
 
 bool readBlock() {
     // An app's blocks are whole.
@@ -43,7 +43,7 @@ bool writePeriod(snd_pcm_t* pcm, const int16_t* period) {
 
 // The block that arrives every 10 ms always finds its room: 5 ms are ahead of it.
 void runOneThread(snd_pcm_t* pcm, bool asks) {
-    if (!readBlock() || !writePeriod(pcm, silence)) {
+    if (!readBlock() || !writePeriod(pcm, kSilence)) {
         return;
     }
     do {
@@ -79,15 +79,15 @@ void* readBlocks(void*) {
 void takePeriod(int16_t* period) {
     pthread_mutex_lock(&ring.mutex);
     const bool isThere = ring.read != ring.written;
-    memcpy(period, isThere ? ring.periods[ring.written++ % Ring::kPeriods] : silence,
-           sizeof silence);
+    memcpy(period, isThere ? ring.periods[ring.written++ % Ring::kPeriods] : kSilence,
+           sizeof kSilence);
     pthread_mutex_unlock(&ring.mutex);
 }
 
 void runTwoThreads(snd_pcm_t* pcm) {
     int16_t period[kPeriodFrames];
     pthread_t reader;
-    if (pthread_create(&reader, nullptr, readBlocks, nullptr) != 0 || !writePeriod(pcm, silence)) {
+    if (pthread_create(&reader, nullptr, readBlocks, nullptr) != 0 || !writePeriod(pcm, kSilence)) {
         return;
     }
     while (isReady(pcm)) {

@@ -56,13 +56,13 @@ TEST(FloorTest, HandWrittenSimdGivesTheSameFrames) {
 }
 
 TEST(FloorTest, PlainFramesAreTheBareCopies) {
-    EXPECT_EQ(framesOf(bench::kBareCopies, Correction::plain),
-              framesOf(bench::kOurs, Correction::plain));
+    EXPECT_EQ(framesOf(bench::kBareCopies, Correction::kPlain),
+              framesOf(bench::kOurs, Correction::kPlain));
 }
 
 // A frame that is not corrected would be the copy of what it takes.
 TEST(FloorTest, CorrectedFramesAreCorrected) {
-    for (const Correction correction : {Correction::stretched, Correction::squeezed}) {
+    for (const Correction correction : {Correction::kStretched, Correction::kSqueezed}) {
         const std::vector<int16_t> noise = harshNoise(kFrame + 1);
         const int32_t count = bench::takenBy(correction);
         Frame frame{};

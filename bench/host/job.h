@@ -15,13 +15,13 @@ constexpr int32_t kStorage = 960;  // samples that a buffer holds at most
 constexpr int32_t kRate = 48000;   // samples a second
 
 enum class Correction {
-    plain,      // a frame is the 240 samples that it takes
-    stretched,  // a frame is made of 239 samples
-    squeezed    // a frame is made of 241 samples
+    kPlain,      // a frame is the 240 samples that it takes
+    kStretched,  // a frame is made of 239 samples
+    kSqueezed    // a frame is made of 241 samples
 };
 
-inline constexpr std::array kCorrections = {Correction::plain, Correction::stretched,
-                                            Correction::squeezed};
+inline constexpr std::array kCorrections = {Correction::kPlain, Correction::kStretched,
+                                            Correction::kSqueezed};
 
 inline const char* nameOf(Correction correction) {
     constexpr const char* names[] = {"plain", "stretched", "squeezed"};

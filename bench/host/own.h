@@ -21,8 +21,8 @@ class OwnFrameBuffer {
         SSRS_InitContext(&ctx);
         SSRS_SetFrameSize(&ctx, kFrame);
         SSRS_SetQBuff(&ctx, storage, kStorage);
-        const int32_t low = correction == Correction::stretched ? kStorage : 0;
-        const int32_t high = correction == Correction::squeezed ? 0 : kStorage;
+        const int32_t low = correction == Correction::kStretched ? kStorage : 0;
+        const int32_t high = correction == Correction::kSqueezed ? 0 : kStorage;
         SSRS_SetQDepth(&ctx, low, high);
         ctx.primePending = 0;  // no silence first: a whole storage of it would be in range
     }

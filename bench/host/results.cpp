@@ -103,9 +103,9 @@ std::string goalsOf(const Results& results, double Cost::*figure, const char* ti
         return named(results.queues, name).costs.at(kQueue).*figure;
     };
     std::string text = std::string(title) + '\n';
-    text += goal("plain frame to bare copies", of(kOurs, Correction::plain),
-                 of(kBareCopies, Correction::plain), 2);
-    for (const Correction correction : {Correction::stretched, Correction::squeezed}) {
+    text += goal("plain frame to bare copies", of(kOurs, Correction::kPlain),
+                 of(kBareCopies, Correction::kPlain), 2);
+    for (const Correction correction : {Correction::kStretched, Correction::kSqueezed}) {
         const std::string what = std::string(nameOf(correction)) + " frame to hand-written SIMD";
         text += goal((what + " (portable C++)").c_str(), of(kOurs, correction),
                      of(kSimd, correction), 4);
@@ -117,7 +117,7 @@ std::string goalsOf(const Results& results, double Cost::*figure, const char* ti
 }
 
 bool counted(const Results& results) {
-    return results.frames.front().costs.at(nameOf(Correction::plain)).instructions > 0;
+    return results.frames.front().costs.at(nameOf(Correction::kPlain)).instructions > 0;
 }
 
 std::string costsJson(const Result& result) {

@@ -64,14 +64,14 @@ std::string Timeline::text() const {
 }
 
 std::string meaningOf(Message message) {
-    static const char* const names[] = {"USB configured",  "speaker on",        "microphone on",
-                                        "speaker volume",  "microphone volume", "speaker mute",
-                                        "microphone mute", "sync-up, please"};
-    const bool known = message.type < sizeof names / sizeof names[0];
+    static const char* const kNames[] = {"USB configured",  "speaker on",        "microphone on",
+                                         "speaker volume",  "microphone volume", "speaker mute",
+                                         "microphone mute", "sync-up, please"};
+    const bool known = message.type < sizeof kNames / sizeof kNames[0];
     const bool isVolume = message.type == 3 || message.type == 4;
     const int value =
         isVolume ? static_cast<int16_t>(message.data & 0xFFFF) : static_cast<int>(message.data);
-    return (known ? std::string(names[message.type]) : "type " + std::to_string(message.type)) +
+    return (known ? std::string(kNames[message.type]) : "type " + std::to_string(message.type)) +
            " = " + std::to_string(value);
 }
 

@@ -90,22 +90,22 @@ std::vector<Conduct> conducts(const board::StreamingThreads& threads) {
 }
 
 std::string nameOf(const PerfSample& call) {
-    static const std::map<uint64_t, const char*> names{
+    static const std::map<uint64_t, const char*> kNames{
         {SYS_ppoll, "ppoll"},   {SYS_read, "read"},
         {SYS_getpid, "getpid"}, {SYS_gettid, "gettid"},
         {SYS_futex, "futex"},   {SYS_rt_sigprocmask, "rt_sigprocmask"},
         {SYS_mmap, "mmap"},     {SYS_rt_sigpending, "rt_sigpending"},
         {SYS_brk, "brk"},       {SYS_clock_nanosleep, "clock_nanosleep"}};
-    static const std::map<uint64_t, const char*> requests{
+    static const std::map<uint64_t, const char*> kRequests{
         {kReadFrames, kFromPcm}, {kWriteFrames, kToPcm}, {kSyncPointer, kSync}};
     const auto [number, first, second] = call.fields;
     if (number == SYS_write) {
         return first == STDERR_FILENO ? "write to the log" : "write";
     }
-    if (number == SYS_ioctl && requests.count(second) != 0) {
-        return requests.at(second);
+    if (number == SYS_ioctl && kRequests.count(second) != 0) {
+        return kRequests.at(second);
     }
-    return names.count(number) != 0 ? names.at(number) : "system call " + std::to_string(number);
+    return kNames.count(number) != 0 ? kNames.at(number) : "system call " + std::to_string(number);
 }
 
 // What one thread does, from its making on.

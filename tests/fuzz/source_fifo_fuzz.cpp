@@ -33,7 +33,7 @@ constexpr size_t kBlockFrames = 480;
 
 // Bytes of which no two pieces are the same.
 const uint8_t* noise() {
-    static const std::vector<uint8_t> bytes = [] {
+    static const std::vector<uint8_t> kBytes = [] {
         std::vector<uint8_t> made(16 * 256 + 4096 * 8 + kBlockBytes);
         uint32_t state = 1;
         std::generate(made.begin(), made.end(), [&state] {
@@ -42,7 +42,7 @@ const uint8_t* noise() {
         });
         return made;
     }();
-    return bytes.data();
+    return kBytes.data();
 }
 
 class SourceRun {

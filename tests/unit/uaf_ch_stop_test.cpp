@@ -140,10 +140,10 @@ TEST_F(UafChStopTest, AWorkerIsJoinedOnceOnly) {
 
 TEST_F(UafChStopTest, TheDestructorStopsAndJoinsNothing) {
     {
-        TestChannel short_lived(journal);
-        short_lived.setDevName(kFifoPath, kPcmName);
-        short_lived.state = UAFCH_RUNNING;
-        short_lived.joinPending = true;
+        TestChannel shortLived(journal);
+        shortLived.setDevName(kFifoPath, kPcmName);
+        shortLived.state = UAFCH_RUNNING;
+        shortLived.joinPending = true;
     }
     EXPECT_THAT(journal, IsEmpty());
     EXPECT_THAT(fake_log::lines(), IsEmpty());

@@ -24,8 +24,8 @@ enum class State { kStopped, kRunning, kStopping, kSuspended };
 constexpr State kStates[] = {State::kStopped, State::kRunning, State::kStopping, State::kSuspended};
 
 const char* nameOf(State state) {
-    static const char* const names[] = {"stopped", "running", "stopping", "suspended"};
-    return names[static_cast<size_t>(state)];
+    static const char* const kNames[] = {"stopped", "running", "stopping", "suspended"};
+    return kNames[static_cast<size_t>(state)];
 }
 
 // How the card goes and comes.

@@ -51,16 +51,16 @@ bool Tone::displacement(int64_t frame, const int16_t* samples, int64_t count,
 }
 
 const Tone& tone() {
-    static const Tone only;
-    return only;
+    static const Tone kOnly;
+    return kOnly;
 }
 
 int64_t ClickCounter::add(const int16_t* samples, int64_t count) {
-    static const int limit = ownBend() + kBendSlack;
+    static const int kLimit = ownBend() + kBendSlack;
     int64_t clicks = 0;
     for (int64_t i = 0; i < count; ++i, ++at) {
         const int sample = samples[i];
-        if (std::abs(sample - 2 * last + beforeLast) > limit) {
+        if (std::abs(sample - 2 * last + beforeLast) > kLimit) {
             clicks += at - lastBendAt > kClickFrames ? 1 : 0;
             lastBendAt = at;
         }
