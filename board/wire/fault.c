@@ -70,8 +70,6 @@ static void go_silent(bool silent, u64 uframe)
 	wire_link_idle(uframe);
 	if (!silent)
 		wire_kick(ALL_ADDRESSES, uframe);
-	else
-		wire_arm();
 }
 
 /**

@@ -140,11 +140,15 @@ void wire_link_disturb(u64 uframe)
 void wire_link_idle(u64 uframe)
 {
 	bool idle = wire.port & ENABLED && (wire.silent || wire.port & SUSPENDED);
+	bool was_idle = wire.idle_since != NEVER;
 
-	if (idle && wire.idle_since == NEVER)
-		wire.idle_since = uframe;
-	if (idle || wire.idle_since == NEVER)
+	if (idle == was_idle)
 		return;
+	if (idle) {
+		wire.idle_since = uframe;
+		wire_arm();
+		return;
+	}
 	wire.idle_since = NEVER;
 	if (!wire.suspended)
 		return;

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// A gadget of one of the kernel's own functions, made through configfs: what a board without our
+// driver has. What fails throws. One thread.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace board {
+
+constexpr char kUdc[] = "ff300000.usb";
+
+class KernelGadget {
+  public:
+    // `function` is a name of the kernel's: "uac1", "uac2", "SourceSink"; uac1 and uac2 are mono at
+    // 48 kHz, 16 bit each way unless `attributes` say otherwise. Not bound yet.
+    explicit KernelGadget(const std::string& function,
+                          const std::map<std::string, std::string>& attributes = {});
+    // Unbinds it and takes it apart.
+    ~KernelGadget();
+    KernelGadget(const KernelGadget&) = delete;
+    KernelGadget& operator=(const KernelGadget&) = delete;
+
+    void bind();
+    void unbind();
+    // What the kernel's controller says of the link: "not attached", "configured" and so on.
+    static std::string state();
+
+  private:
+    void makeFunction(const std::map<std::string, std::string>& attributes) const;
+
+    const std::string functionFolder;  // its folder's path
+};
+
+}  // namespace board

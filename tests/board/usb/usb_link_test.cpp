@@ -1,0 +1,275 @@
+// SPDX-License-Identifier: Apache-2.0
+// The USB wire: what becomes of streams when the cable is pulled, the bus reset or suspended, when
+// the host stops polling or the gadget goes, each in its microframe; and that sound flows
+// afterwards.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "board/kit/clock.h"
+#include "board/kit/sound.h"
+#include "tests/board/usb/sound_gaps.h"
+#include "tests/board/usb/usb_case.h"
+
+namespace {
+
+using board::KernelGadget;
+using board::kMs;
+using board::kUframesPerMs;
+using board::noise;
+using board::PcmPlayer;
+using board::PcmRecorder;
+using board::put;
+using board::sleepFor;
+using board::UsbDevice;
+using board::UsbHost;
+using board::waitFor;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr int64_t kInterval = 8;         // microframes from an isochronous packet to the next
+constexpr int64_t kSuspendUframes = 24;  // of an idle bus
+constexpr int64_t kEnoughFrames = 4800;
+
+class Link : public UsbCase {
+  protected:
+    // Both streams flow when it returns.
+    void stream() {
+        ASSERT_TRUE(UsbHost::waitForCard());
+        app = std::make_unique<PcmRecorder>(gadgetPcm);
+        appMic = std::make_unique<PcmPlayer>(gadgetPcm, noise);
+        hostSpeaker = std::make_unique<PcmPlayer>(board::kHostPcm, noise);
+        hostMic = std::make_unique<PcmRecorder>(board::kHostPcm);
+        ASSERT_TRUE(flows());
+    }
+    // More sound arrives at both ends.
+    bool flows() {
+        const int64_t heard = app->frames() + kEnoughFrames;
+        const int64_t recorded = hostMic->frames() + kEnoughFrames;
+        return waitFor([&] { return app->frames() > heard && hostMic->frames() > recorded; },
+                       board::kSecond);
+    }
+    void stopStreams() {
+        for (board::PcmStream* pcm : std::initializer_list<board::PcmStream*>{
+                 hostSpeaker.get(), hostMic.get(), app.get(), appMic.get()}) {
+            pcm->stop();
+        }
+    }
+    // Whatever happened, host and gadget can stream afresh, and every frame arrives.
+    void expectSoundAfresh() {
+        stopStreams();
+        stream();
+        EXPECT_TRUE(flows());
+        stopStreams();
+        expectNoGaps();
+    }
+    void expectNoGaps() {
+        EXPECT_THAT(findGaps(app->recording(), noise), IsEmpty());
+        EXPECT_THAT(findGaps(hostMic->recording(), noise), IsEmpty());
+    }
+    bool waitForState(const std::string& state) {
+        return waitFor([&] { return KernelGadget::state() == state; });
+    }
+    // Packets that failed, and packets that came after their microframe.
+    int64_t wrongPackets() {
+        return wire.counter(speaker + ".errors") + wire.counter(mic + ".errors") +
+               wire.counter(speaker + ".late") + wire.counter(mic + ".late");
+    }
+    // The newest isochronous packet before `at` was in the slot before it.
+    void expectPacketsUntil(int64_t at) {
+        for (const std::string& end : {speaker, mic}) {
+            const int64_t last = wire.counter(end + ".last");
+            EXPECT_EQ(last, (at - 1) / kInterval * kInterval) << end;
+        }
+    }
+
+    std::unique_ptr<PcmRecorder> app;
+    std::unique_ptr<PcmPlayer> appMic;
+    std::unique_ptr<PcmPlayer> hostSpeaker;
+    std::unique_ptr<PcmRecorder> hostMic;
+};
+
+TEST_F(Link, BreaksWhenTheCableIsPulled) {
+    enumerate();
+    stream();
+    const int64_t at = wire.uframeIn(20);
+    wire.unplug(at);
+    ASSERT_TRUE(UsbHost::waitForCard(false));
+    EXPECT_THAT(wire.uframesOf("detach", at - 1), ElementsAre(at));
+    EXPECT_TRUE(waitForState("not attached"));
+    EXPECT_TRUE(waitFor([&] { return hostSpeaker->isOver() && hostMic->isOver(); }));
+    // The gadget's card stays, its streams stall.
+    EXPECT_FALSE(app->isOver());
+    EXPECT_FALSE(appMic->isOver());
+    EXPECT_FALSE(UsbHost::hasDevice());
+    wire.plug();
+    ASSERT_TRUE(UsbHost::waitForCard());
+    expectSoundAfresh();
+}
+
+TEST_F(Link, IsMadeAfreshAfterADisturbance) {
+    enumerate();
+    stream();
+    const int64_t at = wire.uframeIn(20);
+    wire.reset(at);
+    ASSERT_TRUE(waitFor([&] { return hostSpeaker->isOver() && hostMic->isOver(); }));
+    ASSERT_TRUE(UsbHost::waitForCard());
+    // The disturbance, and the two of an enumeration; the device was there all the time.
+    const std::vector<int64_t> resets = wire.uframesOf("reset", at - 1);
+    ASSERT_EQ(resets.size(), 3U);
+    EXPECT_EQ(resets[0], at);
+    EXPECT_THAT(wire.uframesOf("detach", at - 1), IsEmpty());
+    expectSoundAfresh();
+}
+
+TEST_F(Link, IsMadeAfreshAfterAResetByTheHost) {
+    enumerate();
+    stream();
+    const int64_t since = wire.uframe();
+    EXPECT_EQ(UsbDevice().reset(), 0);
+    ASSERT_TRUE(waitFor([&] { return hostSpeaker->isOver() && hostMic->isOver(); }));
+    ASSERT_TRUE(UsbHost::waitForCard());
+    EXPECT_THAT(wire.uframesOf("reset", since), testing::SizeIs(2));
+    expectSoundAfresh();
+}
+
+TEST_F(Link, SleepsWithASilentHostAndGoesOnWithoutALoss) {
+    enumerate();
+    stream();
+    const int64_t wrong = wrongPackets();
+    const int64_t at = wire.uframeIn(20);
+    const int64_t again = at + 100 * kUframesPerMs;
+    wire.suspend(at);
+    wire.resume(again);
+    ASSERT_TRUE(waitForState("suspended"));
+    expectPacketsUntil(at);
+    ASSERT_TRUE(waitForState("configured"));
+    EXPECT_THAT(wire.uframesOf("silent", at), ElementsAre(at));
+    EXPECT_THAT(wire.uframesOf("suspend", at), ElementsAre(at + kSuspendUframes));
+    EXPECT_THAT(wire.uframesOf("resume", at), ElementsAre(again));
+    EXPECT_TRUE(flows());
+    stopStreams();
+    expectNoGaps();
+    EXPECT_EQ(wrongPackets(), wrong);
+}
+
+TEST_F(Link, DoesNotSleepInAShortSilence) {
+    enumerate();
+    stream();
+    const int64_t at = wire.uframeIn(20);
+    wire.suspend(at);
+    wire.resume(at + kSuspendUframes);
+    ASSERT_TRUE(waitFor([&] { return wire.uframe() > at + 2 * kSuspendUframes; }));
+    EXPECT_THAT(wire.uframesOf("heard", at), ElementsAre(at + kSuspendUframes));
+    EXPECT_THAT(wire.uframesOf("suspend", at), IsEmpty());
+    EXPECT_TRUE(flows());
+    stopStreams();
+    expectNoGaps();
+}
+
+TEST_F(Link, WaitsWhileTheHostDoesNotPollAnEndpoint) {
+    enumerate();
+    stream();
+    const int64_t wrong = wrongPackets();
+    const int64_t at = wire.uframeIn(20);
+    const int64_t again = at + 200 * kUframesPerMs;
+    wire.poll(speaker, false, at);
+    wire.poll(speaker, true, again);
+    ASSERT_TRUE(waitFor([&] { return wire.uframe() > again - 10 * kUframesPerMs; }));
+    EXPECT_EQ(wire.counter(speaker + ".last"), at - kInterval);
+    EXPECT_GE(wire.counter(mic + ".last"), again - 10 * kUframesPerMs);
+    EXPECT_EQ(KernelGadget::state(), "configured");
+    EXPECT_TRUE(flows());
+    stopStreams();
+    expectNoGaps();
+    EXPECT_EQ(wrongPackets(), wrong);
+}
+
+TEST_F(Link, IsSuspendedByAHostThatDoesNotUseIt) {
+    enumerate();
+    const int64_t since = wire.uframe();
+    UsbHost::allowSuspend(true);
+    ASSERT_TRUE(waitForState("suspended"));
+    EXPECT_THAT(wire.uframesOf("suspend", since), testing::SizeIs(1));
+    // A program's stream wakes it.
+    stream();
+    EXPECT_EQ(KernelGadget::state(), "configured");
+    EXPECT_THAT(wire.uframesOf("resume", since), testing::SizeIs(1));
+    EXPECT_THAT(wire.uframesOf("reset", since), IsEmpty());
+    stopStreams();
+    expectNoGaps();
+    ASSERT_TRUE(waitForState("suspended"));
+    // So does its owner, and the cable goes from a suspended device.
+    UsbHost::allowSuspend(false);
+    ASSERT_TRUE(waitForState("configured"));
+    UsbHost::allowSuspend(true);
+    ASSERT_TRUE(waitForState("suspended"));
+    wire.unplug();
+    ASSERT_TRUE(UsbHost::waitForCard(false));
+    EXPECT_TRUE(waitForState("not attached"));
+    wire.plug();
+    ASSERT_TRUE(UsbHost::waitForCard());
+    expectSoundAfresh();
+}
+
+TEST_F(Link, GoesWithTheGadget) {
+    enumerate();
+    stream();
+    gadget->unbind();
+    ASSERT_TRUE(UsbHost::waitForCard(false));
+    EXPECT_TRUE(waitFor([&] { return app->isOver() && appMic->isOver() && hostMic->isOver(); }));
+    stopStreams();
+    gadget->bind();
+    ASSERT_TRUE(UsbHost::waitForCard());
+    expectSoundAfresh();
+}
+
+TEST_F(Link, GoesAndComesWithTheGadgetsConnection) {
+    enumerate();
+    for (int i = 0; i < 2; ++i) {
+        stream();
+        put(std::string("/sys/class/udc/") + board::kUdc + "/soft_connect", "disconnect");
+        ASSERT_TRUE(UsbHost::waitForCard(false));
+        EXPECT_TRUE(waitFor([&] { return hostSpeaker->isOver(); }));
+        stopStreams();
+        put(std::string("/sys/class/udc/") + board::kUdc + "/soft_connect", "connect");
+        ASSERT_TRUE(UsbHost::waitForCard());
+    }
+    expectSoundAfresh();
+}
+
+// From the first reset to the last control transfer: 400 ms, and a control transfer a microframe at
+// the end.
+TEST_F(Link, BreaksAtAnyPointOfAnEnumeration) {
+    gadget = std::make_unique<KernelGadget>("uac2");
+    gadgetPcm = "hw:UAC2Gadget";
+    gadget->bind();
+    ASSERT_TRUE(UsbHost::waitForCard());
+    const int64_t attached = wire.uframesOf("attach").back();
+    const std::vector<int64_t> requests = wire.uframesOf("control", attached);
+    std::vector<int64_t> delays = {1, 500, 1000, 1600, 2200};
+    for (size_t i = 0; i < requests.size(); i += 9) {
+        delays.push_back(requests[i] - attached);
+    }
+    for (const int64_t delay : delays) {
+        wire.unplug();
+        ASSERT_TRUE(UsbHost::waitForCard(false));
+        const int64_t at = wire.uframeIn(1);
+        wire.plug(at);
+        wire.unplug(at + delay);
+        ASSERT_TRUE(waitFor([&] { return wire.uframe() > at + delay; }));
+        EXPECT_THAT(wire.uframesOf("attach", at), ElementsAre(at));
+        EXPECT_THAT(wire.uframesOf("detach", at), ElementsAre(at + delay));
+    }
+    wire.plug();
+    ASSERT_TRUE(UsbHost::waitForCard(true, 5 * board::kSecond));
+    stream();
+    expectSoundAfresh();
+}
+
+}  // namespace

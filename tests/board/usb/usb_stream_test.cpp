@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// The USB wire: enumeration at both speeds, sound bit for bit under every offset of the host's
+// clock, and a clock that is exact.
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "board/kit/clock.h"
+#include "board/kit/sound.h"
+#include "tests/board/usb/usb_case.h"
+
+namespace {
+
+using board::kMs;
+using board::kSecond;
+using board::noise;
+using board::now;
+using board::Ns;
+using board::PcmPlayer;
+using board::PcmRecorder;
+using board::Samples;
+using board::sleepFor;
+using board::UsbHost;
+using board::waitFor;
+
+constexpr int64_t kHeardFrames = 9600;          // of each direction, at least
+constexpr Ns kLateNs = 60 * board::kMs / 1000;  // of a packet, on one processor
+
+// "" when the recording is silence and then `voice` from its first frame on, of which there is
+// enough.
+std::string compare(const Samples& recording, const board::Voice& voice) {
+    const size_t begin = board::firstSound(recording);
+    const auto frames = static_cast<int64_t>(recording.size() - begin);
+    if (frames < kHeardFrames) {
+        return "only " + std::to_string(frames) + " frames";
+    }
+    for (int64_t i = 0; i < frames; ++i) {
+        if (recording[begin + static_cast<size_t>(i)] != voice(i)) {
+            return "frame " + std::to_string(i) + " of " + std::to_string(frames) + " is wrong";
+        }
+    }
+    return "";
+}
+
+class Enumeration : public UsbCase {
+  protected:
+    // What the two ends see when the kernel's gadget is bound, which refuses `stalls` requests.
+    void expectEnumeration(const std::string& function, bool fullSpeed, int64_t stalls = 0) {
+        const int64_t errors = wire.counterOrZero("ep0.errors");
+        const Ns start = now();
+        const int64_t since = wire.uframe();
+        enumerate(function, fullSpeed);
+        EXPECT_LT(now() - start, 600 * kMs);
+        EXPECT_EQ(UsbHost::attribute("speed"), fullSpeed ? "12" : "480");
+        EXPECT_EQ(wire.counter("high_speed"), fullSpeed ? 0 : 1);
+        EXPECT_EQ(board::KernelGadget::state(), "configured");
+        // A host resets a device, reads eight bytes, resets it again.
+        EXPECT_EQ(wire.uframesOf("attach", since).size(), 1U);
+        EXPECT_EQ(wire.uframesOf("reset", since).size(), 2U);
+        EXPECT_EQ(wire.uframesOf(fullSpeed ? "enable full" : "enable high", since).size(), 2U);
+        EXPECT_EQ(wire.uframesOf("control 00 09 value=0001 index=0000 length=0: 0", since).size(),
+                  1U);
+        EXPECT_EQ(wire.counterOrZero("ep0.errors") - errors, stalls);
+        gadget.reset();
+        EXPECT_TRUE(UsbHost::waitForCard(false));
+        EXPECT_EQ(wire.uframesOf("detach", since).size(), 1U);
+        EXPECT_EQ(wire.counter("attached"), 0);
+    }
+};
+
+TEST_F(Enumeration, WorksAtHighSpeed) {
+    expectEnumeration("uac2", false);
+}
+
+TEST_F(Enumeration, WorksAtFullSpeed) {
+    expectEnumeration("uac2", true);
+}
+
+// It does not let the host set the resolution of its volumes, ten tries for each.
+TEST_F(Enumeration, WorksWithTheOtherFunction) {
+    expectEnumeration("uac1", false, 20);
+}
+
+TEST_F(Enumeration, WaitsForTheCable) {
+    wire.unplug();
+    gadget = std::make_unique<board::KernelGadget>("uac2");
+    gadget->bind();
+    EXPECT_FALSE(UsbHost::waitForCard(true, 500 * kMs));
+    EXPECT_EQ(board::KernelGadget::state(), "not attached");
+    wire.plug();
+    EXPECT_TRUE(UsbHost::waitForCard());
+}
+
+class Stream : public UsbCase, public testing::WithParamInterface<bool> {
+  protected:
+    // The microframe and the time of the newest packet are those of the clock's formula.
+    void expectOnTime(const std::string& endpoint) {
+        const auto counters = wire.counters();
+        const Ns exact = wire.uframeTime(counters.at(endpoint + ".last"));
+        EXPECT_EQ(counters.at(endpoint + ".last_ns"), exact);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(, Stream, testing::Bool(),
+                         [](const auto& info) { return info.param ? "FullSpeed" : "HighSpeed"; });
+
+TEST_P(Stream, IsExactAtEveryOffset) {
+    enumerate("uac2", GetParam());
+    const board::Voice voice = [](int64_t frame) { return noise(frame); };
+    for (const int64_t ppb : {0, 100000, -100000, 1000000, -1000000}) {
+        wire.setPpb(ppb);
+        const auto before = wire.counters();
+        PcmRecorder app(gadgetPcm);
+        PcmPlayer appMic(gadgetPcm, voice);
+        PcmPlayer hostSpeaker(board::kHostPcm, voice);
+        PcmRecorder hostMic(board::kHostPcm);
+        ASSERT_TRUE(waitFor([&] {
+            return app.frames() > 2 * kHeardFrames && hostMic.frames() > 2 * kHeardFrames;
+        })) << ppb;
+        expectOnTime(speaker);
+        expectOnTime(mic);
+        hostSpeaker.stop();
+        hostMic.stop();
+        EXPECT_EQ(compare(app.recording(), voice), "") << ppb;
+        EXPECT_EQ(compare(hostMic.recording(), voice), "") << ppb;
+        for (const std::string& end : {speaker, mic}) {
+            const auto grown = [&](const char* what) {
+                const std::string key = end + what;
+                const auto old = before.find(key);
+                return wire.counter(key) - (old == before.end() ? 0 : old->second);
+            };
+            EXPECT_EQ(grown(".lost") + grown(".errors") + grown(".restarts") + grown(".late"), 0)
+                << ppb << end;
+            EXPECT_GT(grown(".packets"), 2 * kHeardFrames / 48) << ppb << end;
+        }
+        app.stop();
+        appMic.stop();
+    }
+    EXPECT_LT(wire.counter("late_ns_max"), kLateNs);
+}
+
+class WireClock : public UsbCase {};
+
+TEST_F(WireClock, FollowsItsFormulaAtEveryOffset) {
+    for (const int64_t ppb :
+         {0, 1, -1, 333, 20000, -100000, 1000000, -1000000, 99999999, -100000000}) {
+        wire.setPpb(ppb);
+        sleepFor(12 * kSecond);
+        const auto counters = wire.counters();
+        EXPECT_EQ(counters.at("uframe_ns"), wire.uframeTime(counters.at("uframe"))) << ppb;
+        EXPECT_LE(counters.at("uframe_ns"), counters.at("now_ns")) << ppb;
+        EXPECT_GT(wire.uframeTime(counters.at("uframe") + 1), counters.at("now_ns")) << ppb;
+        // What has passed is 12 s and a little, by the host's clock.
+        const int64_t passed = counters.at("uframe") - counters.at("ppb_uframe");
+        EXPECT_NEAR(static_cast<double>(passed), 96000 * (1 + static_cast<double>(ppb) / 1e9), 8)
+            << ppb;
+    }
+}
+
+TEST_F(WireClock, ChangesInItsMicroframe) {
+    wire.setPpb(1000000);
+    const int64_t at = wire.uframeIn(100);
+    const Ns exact = wire.uframeTime(at);
+    wire.setPpb(-1000000, at);
+    EXPECT_EQ(wire.counter("planned"), 1);
+    ASSERT_TRUE(waitFor([&] { return wire.counter("ppb") == -1000000; }));
+    EXPECT_EQ(wire.counter("ppb_uframe"), at);
+    EXPECT_EQ(wire.counter("ppb_ns"), exact);
+    EXPECT_GE(now(), exact);
+    EXPECT_LT(now() - exact, 2 * kMs);
+}
+
+}  // namespace
