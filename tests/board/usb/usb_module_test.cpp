@@ -3,28 +3,21 @@
 // nothing behind.
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <fcntl.h>
 #include <memory>
-#include <optional>
-#include <sstream>
 #include <string>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
 #include "board/kit/clock.h"
-#include "board/kit/files.h"
 #include "board/kit/sound.h"
 #include "board/kit/usb/kernel_gadget.h"
 #include "board/kit/usb/pcm_stream.h"
 #include "board/kit/usb/usb_host.h"
 #include "board/kit/usb/wire.h"
+#include "tests/board/usb/wire_module.h"
 
 namespace {
 
-using board::exists;
 using board::KernelGadget;
 using board::noise;
 using board::PcmPlayer;
@@ -35,19 +28,6 @@ using board::Wire;
 
 constexpr char kGadgetPcm[] = "hw:UAC2Gadget";
 constexpr int64_t kEnoughFrames = 4800;
-constexpr int kCycles = 40;  // of loading and unloading
-constexpr int kUses = 1000;  // of an endpoint
-constexpr int64_t kKeptBytes =
-    16 << 10;  // of either kind, in all of them: the smallest piece is 128
-
-// 0, or the errno that refused it.
-int unload() {
-    return syscall(SYS_delete_module, "usb_wire", O_NONBLOCK) == 0 ? 0 : errno;
-}
-
-void load() {
-    ASSERT_EQ(system("modprobe usb_wire"), 0);
-}
 
 // Sound from end to end.
 struct Streams {
@@ -71,15 +51,6 @@ class Module : public testing::Test {
         gadget = std::make_unique<KernelGadget>("uac2");
         gadget->bind();
         ASSERT_TRUE(UsbHost::waitForCard());
-    }
-    // Takes the module out from under whatever there is, and puts it back.
-    void reload() {
-        ASSERT_EQ(unload(), 0);
-        EXPECT_FALSE(exists("/proc/usb_wire"));
-        EXPECT_FALSE(exists("/dev/usb_wire"));
-        EXPECT_FALSE(exists(std::string("/sys/class/udc/") + board::kUdc));
-        EXPECT_FALSE(UsbHost::hasCard());
-        load();
     }
     void expectSound() {
         gadget.reset();
@@ -150,60 +121,6 @@ TEST_P(StreamingModule, Goes) {
     streams.app.stop();
     streams.appMic.stop();
     expectSound();
-}
-
-// What the kernel holds for itself.
-struct KernelMemory {
-    int64_t slabBytes;
-    int64_t vmallocBytes;
-};
-
-KernelMemory kernelMemory() {
-    KernelMemory memory{};
-    std::istringstream lines(board::contents("/proc/meminfo"));
-    std::string key;
-    for (int64_t kilobytes = 0; lines >> key; lines.ignore(80, '\n')) {
-        lines >> kilobytes;
-        if (key == "SUnreclaim:") {
-            memory.slabBytes = kilobytes * 1024;
-        } else if (key == "VmallocUsed:") {
-            memory.vmallocBytes = kilobytes * 1024;
-        }
-    }
-    return memory;
-}
-
-void expectNothingKept(const KernelMemory& before) {
-    const KernelMemory after = kernelMemory();
-    EXPECT_LT(after.slabBytes - before.slabBytes, kKeptBytes);
-    EXPECT_LT(after.vmallocBytes - before.vmallocBytes, kKeptBytes);
-}
-
-TEST_F(Module, LeavesNothingBehind) {
-    reload();
-    const KernelMemory before = kernelMemory();
-    for (int i = 0; i < kCycles; ++i) {
-        reload();
-    }
-    expectNothingKept(before);
-}
-
-TEST_F(Module, LeavesNothingOfAnEndpointBehind) {
-    gadget = std::make_unique<KernelGadget>("SourceSink");
-    gadget->bind();
-    ASSERT_TRUE(waitFor([] { return UsbHost::attribute("bConfigurationValue") == "1"; }));
-    board::UsbDevice device;
-    std::string data(512, '\0');
-    const auto use = [&](int times) {
-        for (int i = 0; i < times; ++i) {
-            device.claim(0);
-            ASSERT_EQ(device.bulk(0x81, &data), 512);
-        }
-    };
-    use(kCycles);
-    const KernelMemory before = kernelMemory();
-    use(kUses);
-    expectNothingKept(before);
 }
 
 }  // namespace
