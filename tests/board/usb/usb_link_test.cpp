@@ -101,6 +101,10 @@ TEST_F(Link, BreaksWhenTheCableIsPulled) {
     wire.unplug(at);
     ASSERT_TRUE(UsbHost::waitForCard(false));
     EXPECT_THAT(wire.uframesOf("detach", at - 1), ElementsAre(at));
+    // The gadget is told at once.
+    for (const std::string& end : {speaker, mic}) {
+        EXPECT_THAT(wire.uframesOf(end + " disable", at - 1), ElementsAre(at)) << end;
+    }
     EXPECT_TRUE(waitForState("not attached"));
     EXPECT_TRUE(waitFor([&] { return hostSpeaker->isOver() && hostMic->isOver(); }));
     // The gadget's card stays, its streams stall.
@@ -188,6 +192,16 @@ TEST_F(Link, WaitsWhileTheHostDoesNotPollAnEndpoint) {
     stopStreams();
     expectNoGaps();
     EXPECT_EQ(wrongPackets(), wrong);
+}
+
+TEST_F(Link, GivesBackWhatTheHostDoesNotPoll) {
+    enumerate();
+    stream();
+    wire.poll(speaker, false);
+    wire.poll(mic, false);
+    stopStreams();
+    wire.poll("all", true);
+    expectSoundAfresh();
 }
 
 TEST_F(Link, IsSuspendedByAHostThatDoesNotUseIt) {
