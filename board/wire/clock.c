@@ -41,7 +41,7 @@ static void move_base(u64 uframe)
 	clock->base = uframe;
 }
 
-/* Start the host's clock: microframe 0 begins now. */
+/* Starts the host's clock: microframe 0 begins now. */
 void wire_clock_init(void)
 {
 	wire.clock.base_ns = ktime_get_ns();

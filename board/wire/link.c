@@ -22,7 +22,7 @@ bool wire_link_up(void)
 	return state == (CONNECTED | ENABLED) && wire.driver && wire.callbacks;
 }
 
-/* End every request of the gadget's; drops the lock. */
+/* Ends every request of the gadget's; drops the lock. */
 void wire_flush_endpoints(void)
 {
 	struct wire_request *request;
@@ -74,10 +74,11 @@ static void detach(u64 uframe, bool tell)
 }
 
 /**
- * wire_link_update() - connect or disconnect as port, cable and gadget have it; under the lock,
- *   which it drops
+ * wire_link_update() - connect or disconnect as port, cable and gadget have it
  * @uframe: the microframe in which it happens
  * @tell: tell the gadget driver of a disconnect; not when the gadget itself wants it
+ *
+ * Under the lock, which it drops.
  */
 void wire_link_update(u64 uframe, bool tell)
 {
@@ -96,8 +97,10 @@ void wire_link_update(u64 uframe, bool tell)
 }
 
 /**
- * wire_link_reset() - a bus reset begins; under the lock, which it drops
+ * wire_link_reset() - a bus reset begins
  * @uframe: the microframe in which it does
+ *
+ * Under the lock, which it drops.
  */
 void wire_link_reset(u64 uframe)
 {
@@ -117,11 +120,11 @@ void wire_link_reset(u64 uframe)
 }
 
 /**
- * wire_link_disturb() - a disturbance that the device takes for a reset, for which the hub shuts
- *   the port
+ * wire_link_disturb() - a disturbance that the device takes for a reset
  * @uframe: the microframe in which it happens
  *
- * Under the lock, which it drops. The host finds the port disabled and enumerates the device again.
+ * The hub shuts the port for it, the host finds it so and enumerates the device again. Under the
+ * lock, which it drops.
  */
 void wire_link_disturb(u64 uframe)
 {
@@ -133,9 +136,10 @@ void wire_link_disturb(u64 uframe)
 }
 
 /**
- * wire_link_idle() - look whether the bus has become idle or has ceased to be; under the lock,
- *   which it drops
+ * wire_link_idle() - look whether the bus has become idle or has ceased to be
  * @uframe: the present microframe
+ *
+ * Under the lock, which it drops.
  */
 void wire_link_idle(u64 uframe)
 {
@@ -159,10 +163,7 @@ void wire_link_idle(u64 uframe)
 		tell_driver(wire.driver->resume);
 }
 
-/*
- * The microframe in which the device takes the idle bus for a suspend, or
- *   NEVER
- */
+/* The microframe in which the device takes the idle bus for a suspend, or NEVER. */
 u64 wire_link_suspend_due(void)
 {
 	if (wire.idle_since == NEVER || wire.suspended)
@@ -181,7 +182,7 @@ void wire_link_suspend(void)
 		tell_driver(wire.driver->suspend);
 }
 
-/* Have usbcore look at the root port when there is news; not under the lock. */
+/* Has usbcore look at the root port when there is news; not under the lock. */
 void wire_tell_hub(void)
 {
 	unsigned long flags;

@@ -84,7 +84,7 @@ static struct due next_due(void)
 	return due;
 }
 
-/* Set the timer to what is due next; under the lock. */
+/* Sets the timer to what is due next; under the lock. */
 void wire_arm(void)
 {
 	struct due due;
@@ -121,8 +121,8 @@ void wire_kick(unsigned int address, u64 uframe)
 }
 
 /*
- * Have an action done at its microframe; under the lock
- * Return: 0, or -ENOSPC when too many are planned already.
+ * Has an action done at its microframe; under the lock. Returns 0, or -ENOSPC when too many are
+ * planned already.
  */
 int wire_plan(const struct wire_action *action)
 {

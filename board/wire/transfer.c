@@ -18,10 +18,7 @@ struct wire_ep *wire_ep_at(unsigned int address)
 	return ep == EP0 || ep->desc ? ep : NULL;
 }
 
-/*
- * Our address for a descriptor's
- * Return: ADDRESSES when there is no such endpoint.
- */
+/* Our address for a descriptor's; ADDRESSES when there is no such endpoint. */
 unsigned int wire_address(u8 descriptor_address)
 {
 	unsigned int number = descriptor_address & USB_ENDPOINT_NUMBER_MASK;
@@ -36,7 +33,7 @@ struct wire_request *wire_first_request(struct wire_ep *ep)
 	return list_first_entry_or_null(&ep->requests, struct wire_request, link);
 }
 
-/* Complete a request of the gadget; drops the lock. */
+/* Completes a request of the gadget's; drops the lock. */
 void wire_give_request(struct wire_ep *ep, struct wire_request *request, int status)
 {
 	list_del_init(&request->link);
@@ -47,10 +44,8 @@ void wire_give_request(struct wire_ep *ep, struct wire_request *request, int sta
 }
 
 /*
- * Give an URB back to the host; drops the lock, and its pipe may be gone
- *   afterwards
- *
- * For the timer alone. When the URB was unlinked, usbcore puts the unlinker's status in place of
+ * Gives an URB back to the host, for the timer alone. Drops the lock, and the pipe may be gone
+ * afterwards. When the URB was unlinked, usbcore puts the unlinker's status in place of
  * this one.
  */
 void wire_give_urb(struct urb *urb, int status)
@@ -69,9 +64,8 @@ void wire_give_urb(struct urb *urb, int status)
 }
 
 /*
- * Whether a packet that went wrong is sent once more
- *
- * A packet that is not acknowledged is, like one whose answer does not come or is spoilt; the
+ * Whether a packet that went wrong is sent once more: one that is not acknowledged, or whose
+ * answer does not come or is spoilt. The
  * gadget's controller discards what it has seen already.
  */
 bool wire_try_again(struct wire_pipe *pipe, enum wire_fault fault)

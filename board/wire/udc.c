@@ -115,7 +115,6 @@ int wire_udc_add(struct device *parent)
 	struct usb_gadget *gadget = &wire.gadget;
 	int number, err;
 
-	wire.idle_since = NEVER;
 	usb_initialize_gadget(parent, gadget, udc_release);
 	gadget->name = KBUILD_MODNAME;
 	gadget->ops = &udc_ops;
@@ -135,7 +134,7 @@ int wire_udc_add(struct device *parent)
 	return err;
 }
 
-/* Unbind the gadget driver and wait until nobody holds the device controller. */
+/* Unbinds the gadget driver and waits until nobody holds the device controller. */
 void wire_udc_remove(void)
 {
 	usb_del_gadget(&wire.gadget);

@@ -168,10 +168,7 @@ static const struct usb_ep_ops ep_ops = {
 	.set_wedge = ep_set_wedge,
 };
 
-/*
- * Make an endpoint, and offer it to the gadget unless it is one of the two
- *   numbered 0
- */
+/* Makes an endpoint, and offers it to the gadget unless it is one of the two numbered 0. */
 void wire_ep_init(struct wire_ep *ep, int number, bool in)
 {
 	struct usb_ep *usb_ep = &ep->ep;

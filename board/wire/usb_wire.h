@@ -6,10 +6,10 @@
  * wire, every pipe and every endpoint; the event log has a lock of its own, taken last. usbcore's
  * lists of URBs are changed under it (usbcore takes its own locks inside).
  *
- * No callback runs under it: a completion of the gadget's (give_request), one of the host's
- * (give_urb) and the gadget driver's own callbacks are called with the lock dropped and interrupts
- * still off. Who calls a function that says "drops the lock" must look at everything again
- * afterwards.
+ * No callback runs under it: a completion of the gadget's (wire_give_request), one of the host's
+ * (wire_give_urb) and the gadget driver's own callbacks are called with the lock dropped and
+ * interrupts still off. Who calls a function that says "drops the lock" must look at everything
+ * again afterwards.
  *
  * An URB is given back in the timer and nowhere else, and the timer never runs twice at the same
  * time: the timer may drop the lock while it serves an URB, the URB stays. Its pipe goes, with the

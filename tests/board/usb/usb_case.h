@@ -14,23 +14,39 @@
 #include "board/kit/usb/usb_host.h"
 #include "board/kit/usb/wire.h"
 
+// A gadget's function, and where its sound is.
+struct SoundFunction {
+    const char* name;     // in configfs
+    const char* pcm;      // the gadget's card
+    const char* speaker;  // the endpoints, in the wire's words
+    const char* mic;
+};
+
+constexpr SoundFunction kUac2{"uac2", "hw:UAC2Gadget", "ep1out", "ep3in"};
+constexpr SoundFunction kUac1{"uac1", "hw:UAC1Gadget", "ep1out", "ep2in"};
+
 class UsbCase : public testing::Test {
   protected:
     UsbCase() { wire.restore(); }
 
     // The gadget is bound and the host has its card.
-    void enumerate(const std::string& function = "uac2", bool fullSpeed = false) {
+    void enumerate(const SoundFunction& function = kUac2, bool fullSpeed = false) {
         wire.setFullSpeed(fullSpeed);
-        gadget = std::make_unique<board::KernelGadget>(function);
-        gadgetPcm = function == "uac1" ? "hw:UAC1Gadget" : "hw:UAC2Gadget";
+        makeGadget(function);
         gadget->bind();
         ASSERT_TRUE(board::UsbHost::waitForCard());
     }
-    // The name of the endpoint of the host's speaker or microphone, in the wire's words.
-    std::string speaker = "ep1out";
-    std::string mic = "ep3in";
+    // Not bound yet.
+    void makeGadget(const SoundFunction& function = kUac2) {
+        gadget = std::make_unique<board::KernelGadget>(function.name);
+        gadgetPcm = function.pcm;
+        speaker = function.speaker;
+        mic = function.mic;
+    }
 
     board::Wire wire;
     std::unique_ptr<board::KernelGadget> gadget;
     std::string gadgetPcm;
+    std::string speaker;
+    std::string mic;
 };

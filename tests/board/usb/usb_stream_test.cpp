@@ -51,7 +51,7 @@ std::string compare(const Samples& recording, const board::Voice& voice) {
 class Enumeration : public UsbCase {
   protected:
     // What the two ends see when the kernel's gadget is bound, which refuses `stalls` requests.
-    void expectEnumeration(const std::string& function, bool fullSpeed, int64_t stalls = 0) {
+    void expectEnumeration(const SoundFunction& function, bool fullSpeed, int64_t stalls = 0) {
         const int64_t errors = wire.counterOrZero("ep0.errors");
         const Ns start = now();
         const int64_t since = wire.uframe();
@@ -75,21 +75,21 @@ class Enumeration : public UsbCase {
 };
 
 TEST_F(Enumeration, WorksAtHighSpeed) {
-    expectEnumeration("uac2", false);
+    expectEnumeration(kUac2, false);
 }
 
 TEST_F(Enumeration, WorksAtFullSpeed) {
-    expectEnumeration("uac2", true);
+    expectEnumeration(kUac2, true);
 }
 
 // It does not let the host set the resolution of its volumes, ten tries for each.
 TEST_F(Enumeration, WorksWithTheOtherFunction) {
-    expectEnumeration("uac1", false, 20);
+    expectEnumeration(kUac1, false, 20);
 }
 
 TEST_F(Enumeration, WaitsForTheCable) {
     wire.unplug();
-    gadget = std::make_unique<board::KernelGadget>("uac2");
+    makeGadget();
     gadget->bind();
     EXPECT_FALSE(UsbHost::waitForCard(true, 500 * kMs));
     EXPECT_EQ(board::KernelGadget::state(), "not attached");
@@ -117,7 +117,7 @@ INSTANTIATE_TEST_SUITE_P(, Stream, testing::Bool(),
                          [](const auto& info) { return info.param ? "FullSpeed" : "HighSpeed"; });
 
 TEST_P(Stream, IsExactAtEveryOffset) {
-    enumerate("uac2", GetParam());
+    enumerate(kUac2, GetParam());
     const board::Voice voice = [](int64_t frame) { return noise(frame); };
     for (const int64_t ppb : {0, 100000, -100000, 1000000, -1000000}) {
         wire.setPpb(ppb);
