@@ -6,9 +6,13 @@
 #include <linux/platform_device.h>
 #include "usb_board.h"
 
-const char *const usb_dir_names[USB_DIRS] = { "speaker", "mic" };
-const char *const pcm_dir_names[USB_DIRS] = { "capture", "playback" };
+const char *const usb_dir_names[VEXA_DIRS] = { "speaker", "mic" };
+const char *const pcm_dir_names[VEXA_DIRS] = { "capture", "playback" };
 struct device *board_device;
+
+static bool gadget = true;
+module_param(gadget, bool, 0444);
+MODULE_PARM_DESC(gadget, "there is a gadget with a host; without one, another driver may take its place");
 
 static bool bound = true;
 module_param(bound, bool, 0444);
@@ -44,22 +48,32 @@ static int function_init(void)
 	return gadget_function_init(bound, plugged);
 }
 
-/* The board's own card comes before the gadget's, so that it is card 0. */
+/*
+ * The board's own card comes before the gadget's, so that it is card 0. What follows it is the gadget and
+ * its host.
+ */
 static const struct part {
 	int (*init)(void);
 	void (*exit)(void);
 } parts[] = {
 	{ event_log_init, event_log_exit },
 	{ platform_init, platform_exit },
-	{ android_usb_init, android_usb_exit },
+	{ cable_init, cable_exit },
 	{ board_card_init, board_card_exit },
-	{ uac_user_init, uac_user_exit },
+#define BOARD_PARTS	4
+	{ vexa_android0_init, vexa_android0_exit },
+	{ uac_user_init, vexa_control_exit },
 	{ host_clock_init, host_clock_exit },
 	{ function_init, gadget_card_exit },
 	{ host_audio_init, host_audio_exit },
 	{ host_command_init, host_command_exit },
 	{ counters_init, counters_exit },
 };
+
+static size_t part_count(void)
+{
+	return gadget ? ARRAY_SIZE(parts) : BOARD_PARTS;
+}
 
 static void take_down(size_t count)
 {
@@ -72,19 +86,21 @@ static int __init usb_board_init(void)
 	size_t i;
 	int err;
 
-	for (i = 0; i < ARRAY_SIZE(parts); i++) {
+	for (i = 0; i < part_count(); i++) {
 		err = parts[i].init();
 		if (err) {
 			take_down(i);
 			return err;
 		}
 	}
+	if (!gadget)
+		cable_set(plugged);
 	return 0;
 }
 
 static void __exit usb_board_exit(void)
 {
-	take_down(ARRAY_SIZE(parts));
+	take_down(part_count());
 }
 
 module_init(usb_board_init);

@@ -29,7 +29,7 @@ static const char *const pcm_points[] = {
 static const char *const other_points[] = {
 	"read", "read_short", "init_sync", "set_volume", "set_mute", "enumerate",
 };
-static_assert(ARRAY_SIZE(pcm_points) * USB_DIRS == FAULT_READ);
+static_assert(ARRAY_SIZE(pcm_points) * VEXA_DIRS == FAULT_READ);
 static_assert(ARRAY_SIZE(other_points) == FAULT_POINTS - FAULT_READ);
 
 static void point_name(enum fault_point point, char *name, size_t size)
@@ -37,8 +37,8 @@ static void point_name(enum fault_point point, char *name, size_t size)
 	if (point >= FAULT_READ)
 		strscpy(name, other_points[point - FAULT_READ], size);
 	else
-		scnprintf(name, size, "%s.%s", pcm_dir_names[point % USB_DIRS],
-			  pcm_points[point / USB_DIRS]);
+		scnprintf(name, size, "%s.%s", pcm_dir_names[point % VEXA_DIRS],
+			  pcm_points[point / VEXA_DIRS]);
 }
 
 static int find_point(const char *wanted)

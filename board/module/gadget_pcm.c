@@ -1,172 +1,147 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * The gadget card's PCM: its operations, as the sound core calls them for the daemon.
+ * The gadget card's PCM, gadget/pcm.c, with a log of its operations, their faults and their counters.
  */
 #include <linux/preempt.h>
 #include <linux/seq_file.h>
+#include <linux/slab.h>
 #include <sound/core.h>
 #include <sound/pcm.h>
 #include "usb_board.h"
-
-#define GADGET_BUFFER_BYTES	(128 * 1024)
-#define GADGET_PERIODS_MAX	1024
-
-static const struct snd_pcm_hardware gadget_hardware = {
-	.info = SNDRV_PCM_INFO_MMAP | SNDRV_PCM_INFO_MMAP_VALID | SNDRV_PCM_INFO_INTERLEAVED |
-		SNDRV_PCM_INFO_BLOCK_TRANSFER | SNDRV_PCM_INFO_BATCH | SNDRV_PCM_INFO_RESUME,
-	.formats = SNDRV_PCM_FMTBIT_S16_LE,
-	.rates = SNDRV_PCM_RATE_48000,
-	.rate_min = USB_BOARD_RATE,
-	.rate_max = USB_BOARD_RATE,
-	.channels_min = 1,
-	.channels_max = 1,
-	.buffer_bytes_max = GADGET_BUFFER_BYTES,
-	.period_bytes_min = USB_FRAME_SAMPLES * sizeof(s16),
-	.period_bytes_max = GADGET_BUFFER_BYTES / 2,
-	.periods_min = 2,
-	.periods_max = GADGET_PERIODS_MAX,
-};
 
 static const char *const count_names[PCM_COUNTS] = {
 	"opens", "closes", "starts", "stops", "xruns", "suspends", "resumes", "periods",
 };
 
-static atomic64_t counts[USB_DIRS][PCM_COUNTS];
+static atomic64_t counts[VEXA_DIRS][PCM_COUNTS];
 
-void gadget_pcm_count(enum usb_dir dir, enum pcm_count what)
+void gadget_pcm_count(enum vexa_dir dir, enum pcm_count what)
 {
 	atomic64_inc(&counts[dir][what]);
 }
 
-static struct gadget_stream *stream_of(struct snd_pcm_substream *substream)
+static struct gadget_handle *handle_of(struct snd_pcm_substream *substream)
 {
-	struct gadget_stream *streams = snd_pcm_substream_chip(substream);
+	return substream->runtime->private_data;
+}
 
-	return &streams[substream->stream == SNDRV_PCM_STREAM_CAPTURE ? SPEAKER : MIC];
+static void free_handle(struct snd_pcm_runtime *runtime)
+{
+	kfree(runtime->private_data);
+}
+
+static int open_handle(struct snd_pcm_substream *substream, enum vexa_dir dir)
+{
+	struct gadget_handle *handle = kzalloc(sizeof(*handle), GFP_KERNEL);
+	int err;
+
+	if (!handle)
+		return -ENOMEM;
+	handle->dir = dir;
+	substream->runtime->private_data = handle;
+	substream->runtime->private_free = free_handle;
+	err = vexa_pcm_ops.open(substream);
+	return err ? err : gadget_pcm_limit_choices(substream);
 }
 
 static int gadget_open(struct snd_pcm_substream *substream)
 {
-	struct gadget_stream *stream = stream_of(substream);
-	int err = fault_result(FAULT_OPEN + stream->dir);
+	enum vexa_dir dir = vexa_stream_of(substream)->dir;
+	int err = fault_result(FAULT_OPEN + dir);
 
-	if (!err) {
-		substream->runtime->hw = gadget_hardware;
-		stream->substream = substream;
-		err = gadget_pcm_limit_choices(stream);
-	}
-	if (!err) {
-		stream->stop_reason = NULL;
-		gadget_pcm_count(stream->dir, PCM_OPENS);
-	}
-	event_log("%s open %d", pcm_dir_names[stream->dir], err);
+	if (!err)
+		err = open_handle(substream, dir);
+	if (!err)
+		gadget_pcm_count(dir, PCM_OPENS);
+	event_log("%s open %d", pcm_dir_names[dir], err);
 	return err;
-}
-
-/* Pinned streams are only used with interrupts off, so this is a matter of microseconds. */
-static void wait_for_pins(struct gadget_stream *stream)
-{
-	while (atomic_read_acquire(&stream->pins))
-		cpu_relax();
-}
-
-static int gadget_sync_stop(struct snd_pcm_substream *substream)
-{
-	wait_for_pins(stream_of(substream));
-	return 0;
 }
 
 static int gadget_close(struct snd_pcm_substream *substream)
 {
-	struct gadget_stream *stream = stream_of(substream);
+	enum vexa_dir dir = handle_of(substream)->dir;
+	int err = vexa_pcm_ops.close(substream);
 
-	host_stream_detach(stream);
-	wait_for_pins(stream);
-	stream->substream = NULL;
-	gadget_pcm_count(stream->dir, PCM_CLOSES);
-	event_log("%s close", pcm_dir_names[stream->dir]);
-	return 0;
+	gadget_pcm_count(dir, PCM_CLOSES);
+	event_log("%s close", pcm_dir_names[dir]);
+	return err;
 }
 
 static int gadget_hw_params(struct snd_pcm_substream *substream, struct snd_pcm_hw_params *params)
 {
-	struct gadget_stream *stream = stream_of(substream);
-	int err = fault_result(FAULT_HW_PARAMS + stream->dir);
+	enum vexa_dir dir = handle_of(substream)->dir;
+	int err = fault_result(FAULT_HW_PARAMS + dir);
 
 	event_log("%s hw_params %d rate=%u channels=%u period=%u buffer=%u",
-		  pcm_dir_names[stream->dir], err, params_rate(params), params_channels(params),
+		  pcm_dir_names[dir], err, params_rate(params), params_channels(params),
 		  params_period_size(params), params_buffer_size(params));
 	return err;
 }
 
 static int gadget_prepare(struct snd_pcm_substream *substream)
 {
-	struct gadget_stream *stream = stream_of(substream);
-	int err = fault_result(FAULT_PREPARE + stream->dir);
+	enum vexa_dir dir = handle_of(substream)->dir;
+	int err = fault_result(FAULT_PREPARE + dir);
 	int ignored;
 
-	if (!err) {
-		stream->position = 0;
-		stream->into_period = 0;
-		stream->moved = 0;
-	}
-	event_log("%s prepare %d", pcm_dir_names[stream->dir], err);
-	if (!err && fault_take(FAULT_UNPLUG + stream->dir, &ignored))
+	if (!err)
+		err = vexa_pcm_ops.prepare(substream);
+	event_log("%s prepare %d", pcm_dir_names[dir], err);
+	if (!err && fault_take(FAULT_UNPLUG + dir, &ignored))
 		gadget_card_remove_now();
 	return err;
 }
 
-static int start(struct gadget_stream *stream, enum fault_point fault, enum pcm_count what,
-		 const char *name)
+static int start(struct snd_pcm_substream *substream, int command)
 {
-	int err = fault_result(fault + stream->dir);
+	bool resume = command == SNDRV_PCM_TRIGGER_RESUME;
+	enum vexa_dir dir = handle_of(substream)->dir;
+	int err = fault_result((resume ? FAULT_RESUME : FAULT_START) + dir);
 
 	if (!err) {
-		host_stream_attach(stream);
-		gadget_pcm_count(stream->dir, what);
+		host_stream_trigger(substream, command);
+		gadget_pcm_count(dir, resume ? PCM_RESUMES : PCM_STARTS);
 	}
-	event_log("%s %s %d", pcm_dir_names[stream->dir], name, err);
+	event_log("%s %s %d", pcm_dir_names[dir], resume ? "resume" : "start", err);
 	return err;
 }
 
 /* The sound core gives no reason for a stop, but stops for an xrun at exactly this limit. */
-static bool looks_like_xrun(struct snd_pcm_runtime *runtime, enum usb_dir dir)
+static bool looks_like_xrun(struct snd_pcm_runtime *runtime, enum vexa_dir dir)
 {
-	snd_pcm_uframes_t avail = dir == SPEAKER ? snd_pcm_capture_avail(runtime) :
-						   snd_pcm_playback_avail(runtime);
+	snd_pcm_uframes_t avail = dir == VEXA_SPEAKER ? snd_pcm_capture_avail(runtime) :
+							snd_pcm_playback_avail(runtime);
 
 	return avail >= runtime->stop_threshold;
 }
 
-static void stop(struct gadget_stream *stream)
+static void stop(struct snd_pcm_substream *substream, int command)
 {
-	const char *reason = stream->stop_reason;
+	struct gadget_handle *handle = handle_of(substream);
+	const char *reason = handle->stop_reason;
 
-	stream->stop_reason = NULL;
-	if (!host_stream_detach(stream))	/* undoes a start that failed */
+	handle->stop_reason = NULL;
+	if (!host_stream_trigger(substream, command))	/* undoes a start that failed */
 		return;
 	if (!reason)
-		reason = looks_like_xrun(stream->substream->runtime, stream->dir) ? "xrun" : "stop";
+		reason = looks_like_xrun(substream->runtime, handle->dir) ? "xrun" : "stop";
 	if (!strcmp(reason, "xrun"))
-		gadget_pcm_count(stream->dir, PCM_XRUNS);
+		gadget_pcm_count(handle->dir, PCM_XRUNS);
 	if (!strcmp(reason, "suspend"))
-		gadget_pcm_count(stream->dir, PCM_SUSPENDS);
-	gadget_pcm_count(stream->dir, PCM_STOPS);
-	event_log("%s %s", pcm_dir_names[stream->dir], reason);
+		gadget_pcm_count(handle->dir, PCM_SUSPENDS);
+	gadget_pcm_count(handle->dir, PCM_STOPS);
+	event_log("%s %s", pcm_dir_names[handle->dir], reason);
 }
 
 static int gadget_trigger(struct snd_pcm_substream *substream, int command)
 {
-	struct gadget_stream *stream = stream_of(substream);
-
 	switch (command) {
 	case SNDRV_PCM_TRIGGER_START:
-		return start(stream, FAULT_START, PCM_STARTS, "start");
 	case SNDRV_PCM_TRIGGER_RESUME:
-		return start(stream, FAULT_RESUME, PCM_RESUMES, "resume");
+		return start(substream, command);
 	case SNDRV_PCM_TRIGGER_STOP:
 	case SNDRV_PCM_TRIGGER_SUSPEND:
-		stop(stream);
+		stop(substream, command);
 		return 0;
 	default:
 		return -EINVAL;
@@ -177,39 +152,43 @@ static int gadget_trigger(struct snd_pcm_substream *substream, int command)
  * The core's own entry suspends both directions of a PCM at once; this is what it does to each.
  * The caller holds the stream lock.
  */
-static void suspend(struct gadget_stream *stream)
+static void suspend(struct snd_pcm_substream *substream)
 {
-	struct snd_pcm_runtime *runtime = stream->substream->runtime;
+	struct snd_pcm_runtime *runtime = substream->runtime;
 
-	stream->stop_reason = "suspend";
+	handle_of(substream)->stop_reason = "suspend";
 	runtime->suspended_state = runtime->state;
-	snd_pcm_stop(stream->substream, SNDRV_PCM_STATE_SUSPENDED);
+	snd_pcm_stop(substream, SNDRV_PCM_STATE_SUSPENDED);
 }
 
 static snd_pcm_uframes_t gadget_pointer(struct snd_pcm_substream *substream)
 {
-	struct gadget_stream *stream = stream_of(substream);
+	struct gadget_handle *handle = handle_of(substream);
 	int error;
 
 	/* Outside the host's clock it is a read or a write of the program that asks. */
-	if (!in_hardirq() && fault_take(FAULT_TRANSFER + stream->dir, &error)) {
+	if (!in_hardirq() && fault_take(FAULT_TRANSFER + handle->dir, &error)) {
 		if (error == EPIPE) {
-			stream->stop_reason = "xrun";
+			handle->stop_reason = "xrun";
 			return SNDRV_PCM_POS_XRUN;
 		}
-		suspend(stream);
+		suspend(substream);
 	}
-	/* Pairs with the release in the clock: frames before this position are in the ring. */
-	return smp_load_acquire(&stream->position);
+	return vexa_pcm_ops.pointer(substream);
 }
 
 /* After a read or write of the program has copied, before the sound core counts it. */
 static int gadget_ack(struct snd_pcm_substream *substream)
 {
-	return fault_result(FAULT_ACK + stream_of(substream)->dir);
+	return fault_result(FAULT_ACK + handle_of(substream)->dir);
 }
 
-static const struct snd_pcm_ops gadget_ops = {
+static int gadget_sync_stop(struct snd_pcm_substream *substream)
+{
+	return vexa_pcm_ops.sync_stop(substream);
+}
+
+const struct snd_pcm_ops gadget_pcm_ops = {
 	.open = gadget_open,
 	.close = gadget_close,
 	.hw_params = gadget_hw_params,
@@ -220,56 +199,42 @@ static const struct snd_pcm_ops gadget_ops = {
 	.ack = gadget_ack,
 };
 
-void gadget_pcm_xrun(struct gadget_stream *stream)
+void gadget_pcm_xrun(struct vexa_stream *stream)
 {
+	struct snd_pcm_substream *substream = stream->substream;
 	unsigned long flags;
 
-	snd_pcm_stream_lock_irqsave(stream->substream, flags);
-	if (snd_pcm_running(stream->substream)) {
-		stream->stop_reason = "xrun";
-		snd_pcm_stop(stream->substream, SNDRV_PCM_STATE_XRUN);
+	snd_pcm_stream_lock_irqsave(substream, flags);
+	if (snd_pcm_running(substream)) {
+		handle_of(substream)->stop_reason = "xrun";
+		snd_pcm_stop(substream, SNDRV_PCM_STATE_XRUN);
 	}
-	snd_pcm_stream_unlock_irqrestore(stream->substream, flags);
+	snd_pcm_stream_unlock_irqrestore(substream, flags);
 }
 
-void gadget_pcm_suspend(struct gadget_stream *stream)
+void gadget_pcm_suspend(struct vexa_stream *stream)
 {
+	struct snd_pcm_substream *substream = stream->substream;
 	unsigned long flags;
 
-	snd_pcm_stream_lock_irqsave(stream->substream, flags);
-	if (snd_pcm_running(stream->substream))
-		suspend(stream);
-	snd_pcm_stream_unlock_irqrestore(stream->substream, flags);
+	snd_pcm_stream_lock_irqsave(substream, flags);
+	if (snd_pcm_running(substream))
+		suspend(substream);
+	snd_pcm_stream_unlock_irqrestore(substream, flags);
 }
 
-void gadget_pcm_period(struct gadget_stream *stream)
+void gadget_pcm_period(struct vexa_stream *stream)
 {
 	gadget_pcm_count(stream->dir, PCM_PERIODS);
 	snd_pcm_period_elapsed(stream->substream);
 }
 
-int gadget_pcm_new(struct snd_card *card, struct gadget_stream *streams)
-{
-	struct snd_pcm *pcm;
-	int err = snd_pcm_new(card, "Gadget", 0, 1, 1, &pcm);
-
-	if (err)
-		return err;
-	streams[SPEAKER].dir = SPEAKER;
-	streams[MIC].dir = MIC;
-	pcm->private_data = streams;
-	strscpy(pcm->name, "Gadget", sizeof(pcm->name));
-	snd_pcm_set_ops(pcm, SNDRV_PCM_STREAM_CAPTURE, &gadget_ops);
-	snd_pcm_set_ops(pcm, SNDRV_PCM_STREAM_PLAYBACK, &gadget_ops);
-	return snd_pcm_set_managed_buffer_all(pcm, SNDRV_DMA_TYPE_VMALLOC, NULL, 0, 0);
-}
-
 void gadget_pcm_show(struct seq_file *seq)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	int what;
 
-	for (dir = SPEAKER; dir < USB_DIRS; dir++)
+	for (dir = VEXA_SPEAKER; dir < VEXA_DIRS; dir++)
 		for (what = 0; what < PCM_COUNTS; what++)
 			seq_printf(seq, "%s.%s %lld\n", pcm_dir_names[dir], count_names[what],
 				   atomic64_read(&counts[dir][what]));

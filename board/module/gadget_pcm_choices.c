@@ -29,26 +29,28 @@ static int refuse_all(struct snd_pcm_hw_params *params, struct snd_pcm_hw_rule *
 	return *error;
 }
 
-static int arm_choice(struct gadget_stream *stream, enum fault_point point, int parameter)
+static int arm_choice(struct snd_pcm_runtime *runtime, int point, int parameter)
 {
-	int *error = &stream->choice_fault[point];
+	struct gadget_handle *handle = runtime->private_data;
+	int *error = &handle->choice_fault[point];
 
-	*error = fault_result(point + stream->dir);
+	*error = fault_result(point + handle->dir);
 	if (!*error)
 		return 0;
-	return snd_pcm_hw_rule_add(stream->substream->runtime, 0, parameter,
+	return snd_pcm_hw_rule_add(runtime, 0, parameter,
 				   point == FAULT_CONFIG ? refuse_all : refuse, error, parameter, -1);
 }
 
-static void offer_choice(struct gadget_stream *stream)
+static void offer_choice(struct snd_pcm_runtime *runtime)
 {
-	struct snd_pcm_hardware *hw = &stream->substream->runtime->hw;
+	const struct gadget_handle *handle = runtime->private_data;
+	struct snd_pcm_hardware *hw = &runtime->hw;
 
-	if (stream->choice_fault[FAULT_FORMAT])
+	if (handle->choice_fault[FAULT_FORMAT])
 		hw->formats |= SNDRV_PCM_FMTBIT_S16_BE;
-	if (stream->choice_fault[FAULT_CHANNELS])
+	if (handle->choice_fault[FAULT_CHANNELS])
 		hw->channels_max = 2;
-	if (stream->choice_fault[FAULT_RATE]) {
+	if (handle->choice_fault[FAULT_RATE]) {
 		/* On both sides: alsa-lib takes the only rate left on one side without asking. */
 		hw->rates |= SNDRV_PCM_RATE_44100 | SNDRV_PCM_RATE_96000;
 		hw->rate_min = 44100;
@@ -56,7 +58,7 @@ static void offer_choice(struct gadget_stream *stream)
 	}
 }
 
-int gadget_pcm_limit_choices(struct gadget_stream *stream)
+int gadget_pcm_limit_choices(struct snd_pcm_substream *substream)
 {
 	static const struct {
 		enum fault_point point;
@@ -70,20 +72,19 @@ int gadget_pcm_limit_choices(struct gadget_stream *stream)
 		{ FAULT_BUFFER, SNDRV_PCM_HW_PARAM_BUFFER_SIZE },
 		{ FAULT_PERIOD, SNDRV_PCM_HW_PARAM_PERIOD_SIZE },
 	};
-	struct snd_pcm_runtime *runtime = stream->substream->runtime;
+	struct snd_pcm_runtime *runtime = substream->runtime;
 	int i, rate, err;
 
 	for (i = 0; i < ARRAY_SIZE(choices); i++) {
-		err = arm_choice(stream, choices[i].point, choices[i].parameter);
+		err = arm_choice(runtime, choices[i].point, choices[i].parameter);
 		if (err < 0)
 			return err;
 	}
-	offer_choice(stream);
-	if (fault_take(FAULT_OTHER_RATE + stream->dir, &rate)) {
+	offer_choice(runtime);
+	if (fault_take(FAULT_OTHER_RATE + vexa_stream_of(substream)->dir, &rate)) {
 		runtime->hw.rates = SNDRV_PCM_RATE_CONTINUOUS;
 		runtime->hw.rate_min = rate;
 		runtime->hw.rate_max = rate;
 	}
-	err = snd_pcm_hw_constraint_integer(runtime, SNDRV_PCM_HW_PARAM_PERIODS);
-	return min(err, 0);
+	return 0;
 }

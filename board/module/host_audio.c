@@ -9,8 +9,8 @@
 #include "usb_board.h"
 
 /* Programs are woken for this much at least, so that they do not follow every USB frame. */
-#define PLAY_ROOM_BYTES		(100 * USB_FRAME_SAMPLES * sizeof(s16))
-#define RECORDED_BYTES		(10 * USB_FRAME_SAMPLES * sizeof(s16))
+#define PLAY_ROOM_BYTES		(100 * VEXA_PACKET_FRAMES * sizeof(s16))
+#define RECORDED_BYTES		(10 * VEXA_PACKET_FRAMES * sizeof(s16))
 
 static bool has_room(struct host_stream *host)
 {
@@ -25,13 +25,13 @@ static bool has_recorded(struct host_stream *host)
 
 bool host_audio_ready(struct host_stream *host)
 {
-	return host == host_stream(SPEAKER) ? has_room(host) : has_recorded(host);
+	return host == host_stream(VEXA_SPEAKER) ? has_room(host) : has_recorded(host);
 }
 
 static ssize_t speaker_write(struct file *file, const char __user *buffer, size_t count,
 			     loff_t *offset)
 {
-	struct host_stream *host = host_stream(SPEAKER);
+	struct host_stream *host = host_stream(VEXA_SPEAKER);
 	unsigned int done = 0;
 	int err;
 
@@ -56,7 +56,7 @@ static ssize_t speaker_write(struct file *file, const char __user *buffer, size_
 
 static __poll_t speaker_poll(struct file *file, poll_table *table)
 {
-	struct host_stream *host = host_stream(SPEAKER);
+	struct host_stream *host = host_stream(VEXA_SPEAKER);
 
 	poll_wait(file, &host->wait, table);
 	return has_room(host) ? EPOLLOUT | EPOLLWRNORM : 0;
@@ -64,7 +64,7 @@ static __poll_t speaker_poll(struct file *file, poll_table *table)
 
 static ssize_t mic_read(struct file *file, char __user *buffer, size_t count, loff_t *offset)
 {
-	struct host_stream *host = host_stream(MIC);
+	struct host_stream *host = host_stream(VEXA_MIC);
 	unsigned int done = 0;
 	int err;
 
@@ -89,7 +89,7 @@ static ssize_t mic_read(struct file *file, char __user *buffer, size_t count, lo
 
 static __poll_t mic_poll(struct file *file, poll_table *table)
 {
-	struct host_stream *host = host_stream(MIC);
+	struct host_stream *host = host_stream(VEXA_MIC);
 
 	poll_wait(file, &host->wait, table);
 	return has_recorded(host) ? EPOLLIN | EPOLLRDNORM : 0;
@@ -112,25 +112,25 @@ static const struct file_operations mic_fops = {
 	.llseek = no_llseek,
 };
 
-static struct miscdevice devices[USB_DIRS] = {
+static struct miscdevice devices[VEXA_DIRS] = {
 	{ .minor = MISC_DYNAMIC_MINOR, .name = "usb_host_speaker", .fops = &speaker_fops },
 	{ .minor = MISC_DYNAMIC_MINOR, .name = "usb_host_mic", .fops = &mic_fops },
 };
 
 int host_audio_init(void)
 {
-	int err = misc_register(&devices[SPEAKER]);
+	int err = misc_register(&devices[VEXA_SPEAKER]);
 
 	if (err)
 		return err;
-	err = misc_register(&devices[MIC]);
+	err = misc_register(&devices[VEXA_MIC]);
 	if (err)
-		misc_deregister(&devices[SPEAKER]);
+		misc_deregister(&devices[VEXA_SPEAKER]);
 	return err;
 }
 
 void host_audio_exit(void)
 {
-	misc_deregister(&devices[MIC]);
-	misc_deregister(&devices[SPEAKER]);
+	misc_deregister(&devices[VEXA_MIC]);
+	misc_deregister(&devices[VEXA_SPEAKER]);
 }

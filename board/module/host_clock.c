@@ -5,7 +5,6 @@
  */
 #include <linux/hrtimer.h>
 #include <linux/math64.h>
-#include <linux/preempt.h>
 #include <linux/seq_file.h>
 #include <linux/spinlock.h>
 #include <linux/timekeeping.h>
@@ -16,14 +15,14 @@
 #define SPEAKER_QUEUE_BYTES	(512 * 1024)
 #define MIC_QUEUE_BYTES		(4 * 1024 * 1024)
 
-/* What a USB frame leaves to be done without the lock, on a pinned stream. */
+/* What a USB frame leaves to be done without the lock. */
 struct errand {
-	struct gadget_stream *stream;
+	struct vexa_stream *stream;	/* the PCM that ran, pinned, or NULL */
 	enum injury injury;
 	bool period;
 };
 
-static struct host_stream streams[USB_DIRS];
+static struct host_stream streams[VEXA_DIRS];
 static DEFINE_SPINLOCK(host_lock);
 static struct hrtimer timer;
 static bool ticking;	/* the timer is or will be queued */
@@ -31,7 +30,7 @@ static int offset_ppb;
 static u64 next_ns;	/* when the next USB frame is due */
 static u64 next_rest;	/* and what it lacks, in parts per (10^9 + offset) of a nanosecond */
 
-struct host_stream *host_stream(enum usb_dir dir)
+struct host_stream *host_stream(enum vexa_dir dir)
 {
 	return &streams[dir];
 }
@@ -50,13 +49,6 @@ static void advance_clock(void)
 	}
 }
 
-/* The caller holds host_lock; the pin keeps the stream open until run_errand. */
-static void pin(struct errand *errand, struct gadget_stream *stream)
-{
-	errand->stream = stream;
-	atomic_inc(&stream->pins);
-}
-
 static void run_errand(const struct errand *errand)
 {
 	if (!errand->stream)
@@ -67,21 +59,22 @@ static void run_errand(const struct errand *errand)
 		gadget_pcm_xrun(errand->stream);
 	else if (errand->injury == INJURY_SUSPEND)
 		gadget_pcm_suspend(errand->stream);
-	atomic_dec_return_release(&errand->stream->pins);
+	vexa_put_running(errand->stream);
 }
 
 /* Leaves in the errand what is to be done about the PCM afterwards. */
-static void move_frame(struct host_stream *host, struct errand *errand)
+static void move_frame(enum vexa_dir dir, struct errand *errand)
 {
+	struct host_stream *host = &streams[dir];
+
 	if (!host->on || host->stalled)
 		return;
-	errand->period = usb_frame(host, next_ns);
+	errand->stream = vexa_get_running(dir);
+	errand->period = usb_frame(host, errand->stream, next_ns);
 	if (host->injury && host->frames >= host->injury_at) {
 		errand->injury = host->injury;
 		host->injury = INJURY_NONE;
 	}
-	if (host->running && (errand->period || errand->injury))
-		pin(errand, host->running);
 }
 
 static void wake_host(struct host_stream *host)
@@ -93,14 +86,14 @@ static void wake_host(struct host_stream *host)
 /* Moves the USB frame that is due, if one is; false: the clock has nothing left to do. */
 static bool tick(struct errand *errands, bool *moved)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 
 	spin_lock(&host_lock);
-	ticking = streams[SPEAKER].on || streams[MIC].on;
+	ticking = streams[VEXA_SPEAKER].on || streams[VEXA_MIC].on;
 	*moved = ticking && ktime_get_ns() >= next_ns;
 	if (*moved) {
-		for (dir = SPEAKER; dir < USB_DIRS; dir++)
-			move_frame(&streams[dir], &errands[dir]);
+		for (dir = VEXA_SPEAKER; dir < VEXA_DIRS; dir++)
+			move_frame(dir, &errands[dir]);
 		advance_clock();
 	} else if (ticking) {
 		hrtimer_set_expires(&timer, ns_to_ktime(next_ns));
@@ -114,14 +107,14 @@ static enum hrtimer_restart host_tick(struct hrtimer *unused)
 	bool moved;
 
 	for (;;) {
-		struct errand errands[USB_DIRS] = {};
-		enum usb_dir dir;
+		struct errand errands[VEXA_DIRS] = {};
+		enum vexa_dir dir;
 
 		if (!tick(errands, &moved))
 			return HRTIMER_NORESTART;
 		if (!moved)
 			return HRTIMER_RESTART;
-		for (dir = SPEAKER; dir < USB_DIRS; dir++) {
+		for (dir = VEXA_SPEAKER; dir < VEXA_DIRS; dir++) {
 			run_errand(&errands[dir]);
 			wake_host(&streams[dir]);
 		}
@@ -140,7 +133,7 @@ static void start_clock(void)
 	hrtimer_start(&timer, ns_to_ktime(next_ns), HRTIMER_MODE_ABS);
 }
 
-void host_stream_switch(enum usb_dir dir, bool on)
+void host_stream_switch(enum vexa_dir dir, bool on)
 {
 	struct host_stream *host = &streams[dir];
 
@@ -157,54 +150,38 @@ void host_stream_switch(enum usb_dir dir, bool on)
 	wake_up_interruptible(&host->wait);
 }
 
-void host_stream_stall(enum usb_dir dir, bool stalled)
+void host_stream_stall(enum vexa_dir dir, bool stalled)
 {
 	spin_lock_irq(&host_lock);
 	streams[dir].stalled = stalled;
 	spin_unlock_irq(&host_lock);
 }
 
-void host_stream_attach(struct gadget_stream *stream)
+bool host_stream_trigger(struct snd_pcm_substream *substream, int command)
 {
-	unsigned long flags;
-
-	spin_lock_irqsave(&host_lock, flags);
-	streams[stream->dir].running = stream;
-	streams[stream->dir].start_frames = streams[stream->dir].frames;
-	spin_unlock_irqrestore(&host_lock, flags);
-}
-
-bool host_stream_detach(struct gadget_stream *stream)
-{
+	struct vexa_stream *stream = vexa_stream_of(substream);
 	struct host_stream *host = &streams[stream->dir];
 	unsigned long flags;
 	bool ran;
 
 	spin_lock_irqsave(&host_lock, flags);
-	ran = host->running == stream;
-	if (ran)
-		host->running = NULL;
+	ran = vexa_stream_runs(stream);
+	vexa_pcm_ops.trigger(substream, command);
+	if (vexa_stream_runs(stream))
+		host->start_frames = host->frames;
 	spin_unlock_irqrestore(&host_lock, flags);
 	return ran;
 }
 
-int host_stream_injure(enum usb_dir dir, enum injury injury)
+int host_stream_injure(enum vexa_dir dir, enum injury injury)
 {
-	struct errand errand = { .injury = injury };
-	unsigned long flags;
+	struct errand errand = { .stream = vexa_get_running(dir), .injury = injury };
 
-	/* A close spins until the pin is gone: nothing may come between. */
-	local_irq_save(flags);
-	spin_lock(&host_lock);
-	if (streams[dir].running)
-		pin(&errand, streams[dir].running);
-	spin_unlock(&host_lock);
 	run_errand(&errand);
-	local_irq_restore(flags);
 	return errand.stream ? 0 : -ENXIO;
 }
 
-void host_stream_injure_at(enum usb_dir dir, enum injury injury, u64 frames)
+void host_stream_injure_at(enum vexa_dir dir, enum injury injury, u64 frames)
 {
 	spin_lock_irq(&host_lock);
 	streams[dir].injury = injury;
@@ -212,7 +189,7 @@ void host_stream_injure_at(enum usb_dir dir, enum injury injury, u64 frames)
 	spin_unlock_irq(&host_lock);
 }
 
-void host_stream_flush(enum usb_dir dir)
+void host_stream_flush(enum vexa_dir dir)
 {
 	mutex_lock(&streams[dir].user_end);
 	spin_lock_irq(&host_lock);
@@ -230,7 +207,7 @@ void host_clock_offset(int ppb)
 	spin_unlock_irq(&host_lock);
 }
 
-static void show_stream(struct seq_file *seq, enum usb_dir dir)
+static void show_stream(struct seq_file *seq, enum vexa_dir dir)
 {
 	const char *name = usb_dir_names[dir];
 	struct host_stream host;
@@ -246,19 +223,19 @@ static void show_stream(struct seq_file *seq, enum usb_dir dir)
 	seq_printf(seq, "%s.start_frames %llu\n", name, host.start_frames);
 	seq_printf(seq, "%s.queued %u\n", name, kfifo_len(&host.queue) / (u32)sizeof(s16));
 	seq_printf(seq, "%s.silent %llu\n%s.dry %llu\n", name, host.silent, name, host.dry_spells);
-	seq_printf(seq, "%s.%s %llu\n", name, dir == SPEAKER ? "lost" : "dropped", host.lost);
-	if (dir == MIC)
+	seq_printf(seq, "%s.%s %llu\n", name, dir == VEXA_SPEAKER ? "lost" : "dropped", host.lost);
+	if (dir == VEXA_MIC)
 		seq_printf(seq, "%s.stale %llu\n", name, host.stale);
 }
 
 void host_clock_show(struct seq_file *seq)
 {
 	seq_printf(seq, "now_ns %llu\nppb %d\n", ktime_get_ns(), READ_ONCE(offset_ppb));
-	show_stream(seq, SPEAKER);
-	show_stream(seq, MIC);
+	show_stream(seq, VEXA_SPEAKER);
+	show_stream(seq, VEXA_MIC);
 }
 
-static int stream_init(enum usb_dir dir, unsigned int bytes)
+static int stream_init(enum vexa_dir dir, unsigned int bytes)
 {
 	void *buffer = vmalloc(bytes);
 
@@ -269,16 +246,16 @@ static int stream_init(enum usb_dir dir, unsigned int bytes)
 
 static void free_queues(void)
 {
-	vfree(streams[SPEAKER].queue.kfifo.data);
-	vfree(streams[MIC].queue.kfifo.data);
+	vfree(streams[VEXA_SPEAKER].queue.kfifo.data);
+	vfree(streams[VEXA_MIC].queue.kfifo.data);
 }
 
 int host_clock_init(void)
 {
-	int err = stream_init(SPEAKER, SPEAKER_QUEUE_BYTES);
+	int err = stream_init(VEXA_SPEAKER, SPEAKER_QUEUE_BYTES);
 
 	if (!err)
-		err = stream_init(MIC, MIC_QUEUE_BYTES);
+		err = stream_init(VEXA_MIC, MIC_QUEUE_BYTES);
 	if (err)
 		free_queues();
 	hrtimer_init(&timer, CLOCK_MONOTONIC, HRTIMER_MODE_ABS);
@@ -288,8 +265,8 @@ int host_clock_init(void)
 
 void host_clock_exit(void)
 {
-	host_stream_switch(SPEAKER, false);
-	host_stream_switch(MIC, false);
+	host_stream_switch(VEXA_SPEAKER, false);
+	host_stream_switch(VEXA_MIC, false);
 	hrtimer_cancel(&timer);
 	free_queues();
 }

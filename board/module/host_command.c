@@ -19,15 +19,15 @@ struct command {
 	int (*run)(int argc, char **argv);
 };
 
-static int parse_dir(const char *text, enum usb_dir *dir)
+static int parse_dir(const char *text, enum vexa_dir *dir)
 {
-	int found = match_string(usb_dir_names, USB_DIRS, text);
+	int found = match_string(usb_dir_names, VEXA_DIRS, text);
 
 	*dir = found;
 	return min(found, 0);
 }
 
-static int parse_dir_number(char **argv, enum usb_dir *dir, int *number)
+static int parse_dir_number(char **argv, enum vexa_dir *dir, int *number)
 {
 	int err = parse_dir(argv[1], dir);
 
@@ -70,7 +70,7 @@ static int run_card(int argc, char **argv)
 
 static int run_stream(int argc, char **argv)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	bool on = !strcmp(argv[1], "on");
 	int err = parse_dir(argv[0], &dir);
 
@@ -82,24 +82,22 @@ static int run_stream(int argc, char **argv)
 
 static int run_volume(int argc, char **argv)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	int volume;
 
 	if (parse_dir_number(argv, &dir, &volume) || volume != (s16)volume)
 		return -EINVAL;
-	gadget_store_volume(dir, volume);
-	return uac_record(UAC_VOLUME + dir, (u16)volume, 1);
+	return vexa_set_volume(dir, volume);
 }
 
 static int run_mute(int argc, char **argv)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	int mute;
 
 	if (parse_dir_number(argv, &dir, &mute) || mute != (bool)mute)
 		return -EINVAL;
-	gadget_store_mute(dir, mute);
-	return uac_record(UAC_MUTE + dir, mute, 1);
+	return vexa_set_mute(dir, mute);
 }
 
 static int run_record(int argc, char **argv)
@@ -110,7 +108,7 @@ static int run_record(int argc, char **argv)
 		return -EINVAL;
 	if (argc > 3 && kstrtouint(argv[3], 0, &count))
 		return -EINVAL;
-	return uac_record(type, data, count);
+	return vexa_record(type, data, count);
 }
 
 static int run_ppb(int argc, char **argv)
@@ -125,7 +123,7 @@ static int run_ppb(int argc, char **argv)
 
 static int run_flush(int argc, char **argv)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	int err = parse_dir(argv[1], &dir);
 
 	if (!err)
@@ -135,7 +133,7 @@ static int run_flush(int argc, char **argv)
 
 static int run_stall(int argc, char **argv)
 {
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	int stalled;
 
 	if (parse_dir_number(argv, &dir, &stalled) || stalled != (bool)stalled)
@@ -147,7 +145,7 @@ static int run_stall(int argc, char **argv)
 static int run_injury(int argc, char **argv)
 {
 	enum injury injury = !strcmp(argv[0], "xrun") ? INJURY_XRUN : INJURY_SUSPEND;
-	enum usb_dir dir;
+	enum vexa_dir dir;
 	u64 at;
 
 	if (parse_dir(argv[1], &dir))
@@ -178,7 +176,7 @@ static int run_cable(int argc, char **argv)
 
 	if (kstrtobool(argv[1], &plugged))
 		return -EINVAL;
-	android_usb_cable(plugged);
+	cable_set(plugged);
 	return 0;
 }
 
