@@ -5,12 +5,13 @@
  *
  * "Speaker" is what the host plays, captured on the card; "mic" what it records, played on the card.
  *
- * Locks, outermost first. Only the first two may be held by a caller:
- *   PCM stream lock	the sound core's; held around trigger and pointer
- *   port lock		pcm.c: which PCM runs; any context
+ * Locks. A caller may hold locks of its own; none of these is held while one is called, except for the
+ * state lock around vexa_watcher.queued.
+ *   PCM stream lock	the sound core's; held around trigger and pointer, taken by vexa_packet
+ *   port lock		pcm.c: which PCM runs; inside the PCM stream lock; any context
  *   state lock		state.c: the state and the queue of records; any context
  *   android0 lock	android0.c: the word; process context
- * Adding and removing the card, and changing between bound and unbound, is for one caller at a time.
+ * Adding and removing the card is for one caller at a time.
  */
 #ifndef VEXA_H
 #define VEXA_H
