@@ -15,15 +15,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "daemon/uac_user.h"
+#include "tests/board/control.h"
 #include "tests/board/module_case.h"
+#include "tests/board/uevents.h"
 
 namespace uafd {
 namespace {
@@ -36,42 +34,10 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr size_t kQueueRecords = 16384;
-constexpr char kNode[] = "/tmp/uac_user_test";
 constexpr char kStatePath[] = "/sys/devices/virtual/android_usb/android0/state";
 constexpr char kCablePath[] =
     "/sys/devices/platform/ff2c0000.syscon/ff2c0000.syscon:usb2-phy@100/extcon/extcon0/cable.0/"
     "state";
-
-// Type and data of a record.
-using Record = std::pair<uint32_t, uint32_t>;
-
-// An opening of the gadget control device, through a node of the tests' own.
-class Control {
-  public:
-    explicit Control(int flags = O_RDONLY | O_NONBLOCK) {
-        mknod(kNode, S_IFCHR | 0600, makedev(kUacUserMajor, kUacUserMinor));
-        descriptor = open(kNode, flags | O_CLOEXEC);
-    }
-    ~Control() { close(descriptor); }
-    Control(const Control&) = delete;
-    Control& operator=(const Control&) = delete;
-
-    int fd() const { return descriptor; }
-    // 0 or the errno.
-    int request(unsigned long code, void* argument) const {
-        return ioctl(descriptor, code, argument) == 0 ? 0 : errno;
-    }
-    std::vector<Record> records() const {
-        std::vector<Record> all;
-        for (UacUserMsgT record; read(descriptor, &record, sizeof record) == sizeof record;) {
-            all.emplace_back(record.type, record.data);
-        }
-        return all;
-    }
-
-  private:
-    int descriptor;
-};
 
 class Module : public ModuleCase {
   protected:
@@ -240,42 +206,6 @@ TEST_F(Module, SpoilsAReadThatAlreadyWaits) {
     EXPECT_EQ(errno, ENODEV);
     other.join();
 }
-
-// A listener for the kernel's uevents.
-class Uevents {
-  public:
-    Uevents() : descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = 1;
-        bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    }
-    ~Uevents() { close(descriptor); }
-    Uevents(const Uevents&) = delete;
-    Uevents& operator=(const Uevents&) = delete;
-
-    // The next event, its strings joined by spaces, without its number; empty when there is none.
-    std::string next() {
-        char buffer[4096];
-        const ssize_t len = recv(descriptor, buffer, sizeof buffer, 0);
-        std::string text(buffer, static_cast<size_t>(std::max<ssize_t>(len, 1)) - 1);
-        std::replace(text.begin(), text.end(), '\0', ' ');
-        return text.substr(0, text.find(" SEQNUM="));
-    }
-    std::vector<std::string> ofSubsystem(const std::string& subsystem) {
-        std::vector<std::string> all;
-        for (std::string event = next(); !event.empty(); event = next()) {
-            if (event.find("SUBSYSTEM=" + subsystem + " ") != std::string::npos ||
-                event.find("SUBSYSTEM=" + subsystem) + 10 + subsystem.size() == event.size()) {
-                all.push_back(event);
-            }
-        }
-        return all;
-    }
-
-  private:
-    const int descriptor;
-};
 
 constexpr char kChange[] =
     "change@/devices/virtual/android_usb/android0 ACTION=change "

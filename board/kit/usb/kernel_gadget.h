@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A gadget of one of the kernel's own functions, made through configfs: what a board without our
-// driver has. What fails throws. One thread.
+// A gadget made through configfs, of our driver's function or of one of the kernel's own, which is
+// what a board without our driver has. What fails throws. One thread.
 #pragma once
 
 #include <map>
@@ -12,8 +12,9 @@ constexpr char kUdc[] = "ff300000.usb";
 
 class KernelGadget {
   public:
-    // `function` is a name of the kernel's: "uac1", "uac2", "SourceSink"; uac1 and uac2 are mono at
-    // 48 kHz, 16 bit each way unless `attributes` say otherwise. Not bound yet.
+    // `function` is "vexa", our driver's, or a name of the kernel's: "uac1", "uac2", "SourceSink";
+    // uac1 and uac2 are mono at 48 kHz, 16 bit each way unless `attributes` say otherwise. Not
+    // bound yet.
     explicit KernelGadget(const std::string& function,
                           const std::map<std::string, std::string>& attributes = {});
     // Unbinds it and takes it apart.
