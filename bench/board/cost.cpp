@@ -13,7 +13,7 @@
 #include "bench/board/table.h"
 #include "board/kit/board.h"
 #include "board/kit/host_player.h"
-#include "board/kit/ramp_trail.h"
+#include "board/kit/ramp_check.h"
 
 namespace bench {
 namespace {
@@ -65,7 +65,7 @@ class Stream {
     Stream(board::Board* board, const board::Direction& direction, bool hasTrail)
         : board(board), direction(direction) {
         if (hasTrail) {
-            trail = std::make_unique<board::RampTrail>(board, direction);
+            rampCheck = std::make_unique<board::RampCheck>(board, direction);
         } else if (isSpeaker()) {
             player = std::make_unique<board::HostPlayer>(board::noise);
         }
@@ -81,8 +81,8 @@ class Stream {
     int64_t starts() const { return counter(std::string(direction.pcm) + ".starts"); }
 
     void look() {
-        if (trail) {
-            trail->collect();
+        if (rampCheck) {
+            rampCheck->collect();
             return;
         }
         const board::Samples sound =
@@ -93,22 +93,22 @@ class Stream {
 
     // How many frames of sound have come through so far.
     int64_t sounding() {
-        if (!trail) {
+        if (!rampCheck) {
             return soundingFrames;
         }
         int64_t frames = 0;
-        for (const board::Passage& passage : trail->passages()) {
-            frames += passage.frames;
+        for (const board::Section& section : rampCheck->sections()) {
+            frames += section.frames;
         }
         return frames;
     }
     // And how many should in a second; where a mono stream is taken for a stereo one, half.
     int64_t expectedPerSecond() const {
-        return !trail && isSpeaker() ? board::kRate / 2 : board::kRate;
+        return !rampCheck && isSpeaker() ? board::kRate / 2 : board::kRate;
     }
 
     Figure latencyMs(Ns from, Ns to) {
-        const board::Spread spread = trail ? trail->latency(from, to) : board::Spread{};
+        const board::Spread spread = rampCheck ? rampCheck->latency(from, to) : board::Spread{};
         return spread.median > 0 ? Figure(static_cast<double>(spread.median) / kMs) : Figure();
     }
 
@@ -118,7 +118,7 @@ class Stream {
 
     board::Board* const board;
     const board::Direction direction;
-    std::unique_ptr<board::RampTrail> trail;
+    std::unique_ptr<board::RampCheck> rampCheck;
     std::unique_ptr<board::HostPlayer> player;
     int64_t soundingFrames = 0;
 };

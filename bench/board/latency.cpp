@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/board/buffer_times.h"
 #include "bench/board/spread_table.h"
-#include "bench/board/ways.h"
 #include "board/kit/answer_times.h"
 #include "board/kit/host_player.h"
 #include "board/kit/streaming.h"
@@ -168,7 +168,7 @@ void measureLatency(const Options& options) {
         measureMessages(&board, &table);
     }
     table.publish();
-    measureWays(options);
+    measureBufferTimes(options);
 }
 
 }  // namespace bench

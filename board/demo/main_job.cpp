@@ -221,7 +221,7 @@ void MainJob::letClocksDrift(MicStream* mic) {
         mic->observe();
     }
     board.host.command("ppb 0");
-    require(mic->trace().count(FrameKind::kUnexplained) == 0,
+    require(mic->explained().count(FrameKind::kUnexplained) == 0,
             "frames were lost or repeated from app to host while the clocks drifted");
     for (const board::MicLatency& latency : mic->latencies()) {
         require(
@@ -232,13 +232,14 @@ void MainJob::letClocksDrift(MicStream* mic) {
 
 // Every recorded frame is followed back to the samples that the app wrote.
 void MainJob::measureMic(const MicStream& mic) {
-    const board::MicTrace& trace = mic.trace();
+    const board::MicRecording& explained = mic.explained();
     micResult.sent = mic.sentFrames();
     micResult.received = static_cast<int64_t>(mic.recorded().size());
-    micResult.heldBack = trace.count(FrameKind::kSilent) * board::MicTrace::kFrame;
-    micResult.lostOrRepeated = trace.count(FrameKind::kUnexplained) * board::MicTrace::kFrame;
-    micResult.gained = trace.count(FrameKind::kStretched);
-    micResult.dropped = trace.count(FrameKind::kSqueezed);
+    micResult.heldBack = explained.count(FrameKind::kSilent) * board::MicRecording::kFrame;
+    micResult.lostOrRepeated =
+        explained.count(FrameKind::kUnexplained) * board::MicRecording::kFrame;
+    micResult.gained = explained.count(FrameKind::kStretched);
+    micResult.dropped = explained.count(FrameKind::kSqueezed);
     micResult.xruns = board.host.counter("playback.xruns");
     micResult.start = mic.timeToSound();
     std::vector<Ns> latencies;

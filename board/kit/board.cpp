@@ -13,7 +13,7 @@
 #include <sys/wait.h>
 
 #include "board/kit/host_player.h"
-#include "board/kit/mic_trace.h"
+#include "board/kit/mic_recording.h"
 
 namespace board {
 namespace {

@@ -18,7 +18,9 @@ constexpr double kNsPerFrame = static_cast<double>(kSecond) / kRate;
 }  // namespace
 
 MicStream::MicStream(Board* board, Voice sentVoice)
-    : board(board), voice(std::move(sentVoice)), micTrace([this](int64_t i) { return sent(i); }) {
+    : board(board),
+      voice(std::move(sentVoice)),
+      explainedRecording([this](int64_t i) { return sent(i); }) {
     board->app->speak(voice);
     board->host.command("flush mic");
     sleepFor(30 * kMs);  // blocks of the voice before are past
@@ -49,7 +51,7 @@ void MicStream::observe() {
     const double hostRate = 1 + static_cast<double>(values.at("ppb")) / 1e9;
     const Anchor anchor{values.at("mic.frames") - kUsbFrameFrames - values.at("mic.first_frames"),
                         values.at("mic.last_ns"), kNsPerFrame / hostRate};
-    for (const MicFrame& frame : micTrace.add(recorded)) {
+    for (const MicFrame& frame : explainedRecording.add(recorded)) {
         micFrames.push_back(frame);
         addLatency(frame, anchor);
     }
@@ -97,7 +99,7 @@ void MicStream::addLatency(const MicFrame& frame, const Anchor& anchor) {
 int64_t MicStream::settledAt() const {
     for (size_t i = micFrames.size(); i > 0; --i) {
         if (micFrames[i - 1].kind != FrameKind::kCopied) {
-            return micFrames[i - 1].recordedAt + MicTrace::kFrame;
+            return micFrames[i - 1].recordedAt + MicRecording::kFrame;
         }
     }
     return 0;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "board/kit/board.h"
-#include "board/kit/mic_trace.h"
+#include "board/kit/mic_recording.h"
 
 namespace board {
 
@@ -33,7 +33,7 @@ class MicStream {
     void observe();
     void off();
 
-    const MicTrace& trace() const { return micTrace; }
+    const MicRecording& explained() const { return explainedRecording; }
     const std::vector<MicFrame>& frames() const { return micFrames; }
     // What the app has written into its FIFO.
     int64_t sentFrames() const;
@@ -57,7 +57,7 @@ class MicStream {
 
     Board* const board;
     const Voice voice;
-    MicTrace micTrace;
+    MicRecording explainedRecording;
     std::vector<MicFrame> micFrames;
     std::vector<MicLatency> frameLatencies;
     std::vector<SentBlock> blocks;  // what the daemon was sent since the start

@@ -16,8 +16,8 @@ using board::kMs;
 using board::kRate;
 using board::kSecond;
 using board::MicFrame;
+using board::MicRecording;
 using board::MicStream;
-using board::MicTrace;
 using board::Ns;
 
 class Microphone : public BoardCase {
@@ -33,11 +33,11 @@ class Microphone : public BoardCase {
 
     // Everything is explained, and from the third second on it is a copy.
     static void expectExact(const MicStream& mic) {
-        const MicTrace& trace = mic.trace();
-        EXPECT_EQ(trace.count(FrameKind::kUnexplained), 0);
-        EXPECT_LE(trace.count(FrameKind::kStarved), 1);
+        const MicRecording& explained = mic.explained();
+        EXPECT_EQ(explained.count(FrameKind::kUnexplained), 0);
+        EXPECT_LE(explained.count(FrameKind::kStarved), 1);
         EXPECT_LT(mic.settledAt(), 3 * kRate);
-        EXPECT_GT(trace.count(FrameKind::kCopied), 16 * kRate / MicTrace::kFrame);
+        EXPECT_GT(explained.count(FrameKind::kCopied), 16 * kRate / MicRecording::kFrame);
     }
 
     void report(const char* start, const MicStream& mic) {
@@ -53,8 +53,8 @@ class Microphone : public BoardCase {
             "stretched and %ld squeezed; latency then %s\n",
             start, static_cast<double>(mic.timeToSound()) / kMs,
             static_cast<double>(mic.settledAt()) / kRate,
-            static_cast<long>(mic.trace().count(FrameKind::kStretched)),
-            static_cast<long>(mic.trace().count(FrameKind::kSqueezed)),
+            static_cast<long>(mic.explained().count(FrameKind::kStretched)),
+            static_cast<long>(mic.explained().count(FrameKind::kSqueezed)),
             board::inMs(latency).c_str());
         RecordProperty("start_to_first_sample_us", static_cast<int>(mic.timeToSound() / 1000));
         RecordProperty("latency_us", static_cast<int>(latency.median / 1000));
@@ -74,8 +74,8 @@ TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
     stream(&mic, 20 * kSecond);
     expectExact(mic);
     report("from an empty FIFO", mic);
-    EXPECT_GT(mic.trace().count(FrameKind::kStretched), 0);
-    EXPECT_EQ(mic.trace().count(FrameKind::kSqueezed), 0);
+    EXPECT_GT(mic.explained().count(FrameKind::kStretched), 0);
+    EXPECT_EQ(mic.explained().count(FrameKind::kSqueezed), 0);
     EXPECT_EQ(host.counter("playback.xruns"), 0);
     EXPECT_EQ(host.counter("mic.stale"), 0);
     EXPECT_EQ(findDamage(), "");
@@ -116,8 +116,8 @@ TEST_F(Microphone, CarriesTheLeftChannelAlone) {
     // Right is the inverse of left; silence on the left is a right channel at -1.
     MicStream mic(this, board::silence);
     stream(&mic, 2 * kSecond);
-    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
-    EXPECT_GT(mic.trace().frames(), kRate / MicTrace::kFrame);
+    EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
+    EXPECT_GT(mic.explained().frames(), kRate / MicRecording::kFrame);
 }
 
 // The app's writes may come late; the latency control keeps what arrives, and has settled when it
@@ -132,8 +132,8 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     board::sleepFor(100 * kMs);
     MicStream mic(this, board::noise);
     stream(&mic, 6 * kSecond);
-    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
-    EXPECT_EQ(mic.trace().count(FrameKind::kStarved), 0);
+    EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
+    EXPECT_EQ(mic.explained().count(FrameKind::kStarved), 0);
     int64_t frames = 0;
     int64_t touched = 0;
     int64_t gained = 0;
@@ -144,7 +144,7 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
             gained += frame.gain();
         }
     }
-    EXPECT_GT(frames, 3 * kRate / MicTrace::kFrame);
+    EXPECT_GT(frames, 3 * kRate / MicRecording::kFrame);
     EXPECT_LT(touched, frames / 10);
     EXPECT_NEAR(static_cast<double>(gained), 0, 5);
     EXPECT_EQ(findDamage(), "");

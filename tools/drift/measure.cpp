@@ -9,18 +9,18 @@
 namespace drift {
 
 Measured measure(const Scenario& scenario, Ns time, const Look& look) {
-    MicPath path(scenario);
+    MicSimulation simulation(scenario);
     std::vector<Ns> depths;
     std::vector<Ns> latencies;
     Counts settled;
     Reading reading{};
     while (reading.at < time) {
-        reading = path.read();
+        reading = simulation.read();
         if (look) {
-            look(reading, path.counts());
+            look(reading, simulation.counts());
         }
         if (reading.at < kSettling) {
-            settled = path.counts();
+            settled = simulation.counts();
             continue;
         }
         depths.push_back(reading.depth * kSecond / uafd::kSampleRateHz);
@@ -28,7 +28,7 @@ Measured measure(const Scenario& scenario, Ns time, const Look& look) {
             latencies.push_back(reading.latency);
         }
     }
-    const Counts& counts = path.counts();
+    const Counts& counts = simulation.counts();
     const double seconds = static_cast<double>(time - kSettling) / kSecond;
     Measured measured;
     measured.depth = board::spreadOf(std::move(depths));

@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "board/kit/statistics.h"
-#include "tools/drift/mic_path.h"
+#include "tools/drift/mic_simulation.h"
 #include "tools/drift/scenario.h"
 
 namespace drift {

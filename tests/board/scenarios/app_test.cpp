@@ -210,18 +210,18 @@ TEST_F(Pace, ASlowWriterIsHeardInPieces) {
     MicStream mic(this, board::noise);
     board::sleepFor(kSecond);
     mic.observe();
-    EXPECT_EQ(mic.trace().count(FrameKind::kStarved), 0);
+    EXPECT_EQ(mic.explained().count(FrameKind::kStarved), 0);
     app->speakSlower(3);
     board::sleepFor(5 * kSecond);
     mic.observe();
-    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
-    EXPECT_GE(mic.trace().count(FrameKind::kStarved), 5);
+    EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
+    EXPECT_GE(mic.explained().count(FrameKind::kStarved), 5);
     EXPECT_EQ(daemon.count("increased ssrs queue depth"), 0);
     EXPECT_GE(daemon.count("buffer loopcnt #, Depth #, Underruns #, Overruns 0"), 3);
     app->speakSlower(0);
     board::sleepFor(3 * kSecond);
     mic.off();
-    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), 0);
+    EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -238,7 +238,7 @@ TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
     board::sleepFor(3 * kSecond);
     mic.off();
     // What was queued when the buffer was enlarged is discarded, within a frame.
-    EXPECT_LE(mic.trace().count(FrameKind::kUnexplained), 2);
+    EXPECT_LE(mic.explained().count(FrameKind::kUnexplained), 2);
     EXPECT_EQ(findDamage(), "");
     EXPECT_EQ(daemon.count("increased ssrs queue depth"), 1);
 }
@@ -252,11 +252,11 @@ TEST_F(Pace, AFastWriterLosesWholeBlocks) {
     app->speakSlower(0);
     board::sleepFor(kSecond);
     mic.observe();
-    EXPECT_GT(mic.trace().count(FrameKind::kUnexplained), 10);
-    const int64_t lost = mic.trace().count(FrameKind::kUnexplained);
+    EXPECT_GT(mic.explained().count(FrameKind::kUnexplained), 10);
+    const int64_t lost = mic.explained().count(FrameKind::kUnexplained);
     board::sleepFor(2 * kSecond);
     mic.off();
-    EXPECT_EQ(mic.trace().count(FrameKind::kUnexplained), lost);
+    EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), lost);
     EXPECT_EQ(xruns(), 0);
     EXPECT_EQ(findDamage(), "");
 }
@@ -266,7 +266,7 @@ TEST_F(Pace, AFastWriterLosesWholeBlocks) {
 class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
   protected:
     static constexpr Ns kEnough = kSecond / 10;
-    static constexpr int64_t kFrame = board::MicTrace::kFrame;
+    static constexpr int64_t kFrame = board::MicRecording::kFrame;
 
     // Whether what the host records from now on is the app's noise, frame by frame.
     bool isNoise() {
@@ -277,9 +277,9 @@ class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
         const int64_t first = values.at("mic.frames") - values.at("mic.queued") -
                               values.at("mic.start_frames") - static_cast<int64_t>(recorded.size());
         recorded.erase(recorded.begin(), recorded.begin() + (kFrame - first % kFrame) % kFrame);
-        board::MicTrace trace(board::noise);
-        trace.add(recorded);
-        return trace.count(FrameKind::kUnexplained) == 1;  // the first one, to be looked for
+        board::MicRecording explained(board::noise);
+        explained.add(recorded);
+        return explained.count(FrameKind::kUnexplained) == 1;  // the first one, to be looked for
     }
 };
 

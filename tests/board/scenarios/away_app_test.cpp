@@ -11,7 +11,7 @@
 
 #include "board/kit/app_process.h"
 #include "board/kit/host_player.h"
-#include "board/kit/mic_trace.h"
+#include "board/kit/mic_recording.h"
 #include "board/kit/record_watch.h"
 #include "tests/board/scenarios/scenario.h"
 
@@ -109,16 +109,16 @@ class AwayApp : public Scenario {
         const auto values = host.counters();
         const int64_t into =
             (values.at("mic.frames") - values.at("mic.queued") - values.at("mic.start_frames")) %
-            board::MicTrace::kFrame;
+            board::MicRecording::kFrame;
         board::sleepFor(time);
         board::Samples recorded = host.takeRecording();
-        recorded.erase(recorded.begin(), recorded.begin() + (board::MicTrace::kFrame - into));
-        board::MicTrace trace(board::noise);
-        trace.add(recorded);
-        EXPECT_EQ(trace.count(FrameKind::kUnexplained), 1);  // the first one, to be looked for
-        EXPECT_EQ(trace.count(FrameKind::kStarved), 0);
-        EXPECT_EQ(trace.count(FrameKind::kSilent), 0);
-        EXPECT_GT(trace.frames(), time / (5 * kMs) * 9 / 10);
+        recorded.erase(recorded.begin(), recorded.begin() + (board::MicRecording::kFrame - into));
+        board::MicRecording explained(board::noise);
+        explained.add(recorded);
+        EXPECT_EQ(explained.count(FrameKind::kUnexplained), 1);  // the first one, to be looked for
+        EXPECT_EQ(explained.count(FrameKind::kStarved), 0);
+        EXPECT_EQ(explained.count(FrameKind::kSilent), 0);
+        EXPECT_GT(explained.frames(), time / (5 * kMs) * 9 / 10);
     }
     // For the proof that the daemon is whole.
     void restoreApp() {

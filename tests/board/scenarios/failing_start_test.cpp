@@ -150,10 +150,10 @@ TEST_P(FailingStart, ManyTimesInARow) {
 TEST_P(FailingStart, IsNoneAtAnotherRate) {
     const Moment before = mark();
     arm("other_rate 44100");
-    board::RampTrail trail(this, direction());
+    board::RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSecond);
-    trail.collect();
+    sound.collect();
     EXPECT_EQ(said("warnning: rate is not accurate, want 48000 Hz, got 44100 Hz", before), 1);
     EXPECT_TRUE(errorsSince(before).empty());
     EXPECT_EQ(requests(before),
@@ -162,8 +162,8 @@ TEST_P(FailingStart, IsNoneAtAnotherRate) {
                          either("2400", "720"),
                      "prepare 0", "start 0"}));
     EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 1}}));
-    EXPECT_TRUE(trail.breaks().empty());
-    EXPECT_GT(trail.passages().back().frames, kSecond / kMs * 48 * 9 / 10);
+    EXPECT_TRUE(sound.breaks().empty());
+    EXPECT_GT(sound.sections().back().frames, kSecond / kMs * 48 * 9 / 10);
     EXPECT_EQ(findDamage(), "");
 }
 

@@ -9,7 +9,7 @@
 
 #include <gmock/gmock.h>
 
-#include "board/kit/ramp_trail.h"
+#include "board/kit/ramp_check.h"
 #include "tests/board/board_case.h"
 
 namespace uafd {
@@ -18,7 +18,7 @@ namespace {
 using board::kMs;
 using board::kSecond;
 using board::Ns;
-using board::RampTrail;
+using board::RampCheck;
 
 constexpr Ns kSettling = 1500 * kMs;
 constexpr Ns kEvery = 500 * kMs;
@@ -33,28 +33,28 @@ class FrequentXruns : public BoardCase {
   protected:
     // Every break stands within `reach` of an xrun, no loss is larger than what the driver held,
     // and latency never leaves its bounds.
-    void check(const char* name, RampTrail* trail, const std::vector<Ns>& xruns, int64_t held,
+    void check(const char* name, RampCheck* sound, const std::vector<Ns>& xruns, int64_t held,
                Ns latencyMax) {
         constexpr Ns reach = 100 * kMs;
-        for (const board::Break& gap : trail->breaks()) {
+        for (const board::Break& gap : sound->breaks()) {
             const auto after = std::upper_bound(xruns.begin(), xruns.end(), gap.at + kPeriodTime);
             ASSERT_NE(after, xruns.begin()) << "a break before the first xrun";
             EXPECT_LT(gap.at - *(after - 1), reach) << name;
             EXPECT_LE(gap.lost, held) << name;
         }
-        const board::Spread latency = trail->latency(xruns.front(), board::now());
+        const board::Spread latency = sound->latency(xruns.front(), board::now());
         printf("%s: %zu xruns, %ld frames lost in %zu places, latency %s\n", name, xruns.size(),
-               static_cast<long>(trail->lost()), trail->losses().size(),
+               static_cast<long>(sound->lost()), sound->losses().size(),
                board::inMs(latency).c_str());
         EXPECT_LE(latency.largest, latencyMax) << name;
-        EXPECT_LE(trail->losses().size(), xruns.size()) << name;
+        EXPECT_LE(sound->losses().size(), xruns.size()) << name;
     }
 };
 
 TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     start();
-    RampTrail heard(this, board::kSpeakerDirection);
-    RampTrail recorded(this, board::kMicDirection);
+    RampCheck heard(this, board::kSpeakerDirection);
+    RampCheck recorded(this, board::kMicDirection);
     host.command("speaker on");
     host.command("mic on");
     board::sleepFor(kSettling);

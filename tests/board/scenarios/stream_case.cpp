@@ -135,22 +135,22 @@ void StreamCase::expectStopped(const Moment& since, const Lines& log, Ns limit) 
 void StreamCase::expectStartable() {
     constexpr int64_t enough = 5760;  // 120 ms
     const Moment before = mark();
-    board::RampTrail trail(this, direction());
+    board::RampCheck sound(this, direction());
     deliver(true);
     waitForStarts(1, before);
     board::sleepFor(200 * kMs);
-    trail.collect();
-    ASSERT_FALSE(trail.passages().empty());
-    EXPECT_GT(trail.passages().back().frames, enough);
+    sound.collect();
+    ASSERT_FALSE(sound.sections().empty());
+    EXPECT_GT(sound.sections().back().frames, enough);
     EXPECT_EQ(told(before), (std::vector<board::Message>{{direction().channel, 1}}));
 }
 
-void StreamCase::expectHealthy(board::RampTrail* trail, Ns from) {
+void StreamCase::expectHealthy(board::RampCheck* sound, Ns from) {
     const Ns to = from + kLook;
-    const board::Spread latency = trail->latency(from, to);
+    const board::Spread latency = sound->latency(from, to);
     EXPECT_GE(latency.smallest, either(4 * kMs, 11 * kMs)) << board::inMs(latency);
     EXPECT_LE(latency.largest, either(9 * kMs, 21 * kMs)) << board::inMs(latency);
-    for (const board::Break& gap : trail->breaks()) {
+    for (const board::Break& gap : sound->breaks()) {
         EXPECT_TRUE(gap.at < from || gap.at >= to)
             << "after " << (gap.at - from) / kMs << " ms " << gap.silent << " samples silent, "
             << gap.lost << " frames lost";

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "board/kit/direction.h"
-#include "board/kit/ramp_trail.h"
+#include "board/kit/ramp_check.h"
 #include "tests/board/board_case.h"
 #include "tests/board/scenarios/stream_log.h"
 
@@ -67,7 +67,7 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
     // A record of the host starts the stopped channel: sound comes.
     void expectStartable();
     // A look from a moment on: no break, and the latency of a healthy stream.
-    static void expectHealthy(board::RampTrail* trail, board::Ns from);
+    static void expectHealthy(board::RampCheck* sound, board::Ns from);
 
   private:
     int64_t movedBy(board::Ns at) const;

@@ -9,7 +9,7 @@ namespace {
 using board::kMs;
 using board::kSecond;
 using board::Ns;
-using board::RampTrail;
+using board::RampCheck;
 using stream_log::failedPrepare;
 using stream_log::failure;
 using stream_log::kickStart;
@@ -50,7 +50,7 @@ class Suspend : public StreamCase {
 };
 
 TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     for (const Refusal& row : kRefusals) {
@@ -64,7 +64,7 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
         // The microphone's buffer filled up meanwhile, and is worn off by a sample a frame at most.
         const Ns healthyAfter = row.refusals == 6 ? either(kHealing, 3 * kSecond) : kHealing;
         board::sleepFor(healthyAfter + kLook);
-        trail.collect();
+        sound.collect();
         expectLog(before, suspendMet(direction()) + ready() +
                               (row.prepared ? kickStart(direction()) : Lines{}));
         EXPECT_EQ(requests(before),
@@ -73,7 +73,7 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
         EXPECT_TRUE(told(before).empty());
         const Ns took = timesOf(last, before).front() - timesOf("suspend", before).front();
         EXPECT_NEAR(static_cast<double>(took), static_cast<double>(row.seconds * kSecond), kMs);
-        expectHealthy(&trail, again + healthyAfter);
+        expectHealthy(&sound, again + healthyAfter);
     }
     EXPECT_EQ(findDamage(), "");
 }
@@ -81,20 +81,20 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
 // What was copied before the transfer failed does not count: a read's period is heard twice, a
 // write's is lost.
 TEST_P(Suspend, InATransferCostsAPeriod) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = mark();
     arm("transfer 86");
     board::sleepFor(kHealing + kLook);
-    trail.collect();
+    sound.collect();
     expectLog(before, suspendMet(direction()) + ready());
     EXPECT_EQ(requests(before), (Lines{"suspend", "resume 0"}));
-    const std::vector<board::Break> losses = trail.losses();
+    const std::vector<board::Break> losses = sound.losses();
     ASSERT_EQ(losses.size(), 1U);
     EXPECT_EQ(losses[0].silent, 0);
     EXPECT_NEAR(static_cast<double>(losses[0].lost), static_cast<double>(either(-240, 240)), 1);
-    expectHealthy(&trail, before.at + kHealing);
+    expectHealthy(&sound, before.at + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -119,7 +119,7 @@ TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
 
 TEST_P(Suspend, LeavesTheOtherWayAlone) {
     const board::Direction other = isSpeaker() ? board::kMicDirection : board::kSpeakerDirection;
-    RampTrail trail(this, other);
+    RampCheck sound(this, other);
     host.command(std::string(other.name) + " on");
     switchOn();
     board::sleepFor(kSettling);
@@ -127,11 +127,11 @@ TEST_P(Suspend, LeavesTheOtherWayAlone) {
     arm("resume 11 times=3");
     command("suspend");
     board::sleepFor(4 * kSecond);
-    trail.collect();
-    for (const board::Break& gap : trail.breaks()) {
+    sound.collect();
+    for (const board::Break& gap : sound.breaks()) {
         EXPECT_LT(gap.at, from);
     }
-    EXPECT_GE(trail.passages().back().end, from + 4 * kSecond - 20 * kMs);
+    EXPECT_GE(sound.sections().back().end, from + 4 * kSecond - 20 * kMs);
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -151,7 +151,7 @@ TEST_P(Suspend, OutlastsTheHostsStop) {
 }
 
 TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = mark();
@@ -161,13 +161,13 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
     deliver(false);
     deliver(true);
     board::sleepFor(3 * kSecond + kHealing);
-    trail.collect();
+    sound.collect();
     expectLog(before,
               suspendMet(direction()) + stopRequest(1) +
                   Lines{"D UAFCH: intfUpdate to 1, current state 2", "D UAFCH: stopDelayCnt = #"} +
                   ready());
     EXPECT_TRUE(told(before).empty());
-    expectHealthy(&trail, before.at + 3 * kSecond + kHealing);
+    expectHealthy(&sound, before.at + 3 * kSecond + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 

@@ -12,7 +12,7 @@ using board::Break;
 using board::kMs;
 using board::Message;
 using board::Ns;
-using board::RampTrail;
+using board::RampCheck;
 using stream_log::ready;
 using stream_log::recovery;
 using stream_log::stop;
@@ -56,7 +56,7 @@ class Xrun : public StreamCase {
 
 // Each period lasts five USB frames; the xrun strikes in each of them.
 TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     std::vector<Moment> moments;
@@ -67,12 +67,12 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
         expectLog(moments.back(), recovery(direction()));
         EXPECT_EQ(requests(moments.back()), kRestart);
         EXPECT_TRUE(told(moments.back()).empty());
-        trail.collect();
+        sound.collect();
     }
     for (const Moment& moment : moments) {
-        expectHealthy(&trail, moment.at + kHealing);
+        expectHealthy(&sound, moment.at + kHealing);
     }
-    const std::vector<Break> breaks = trail.losses();
+    const std::vector<Break> breaks = sound.losses();
     ASSERT_EQ(breaks.size(), moments.size());
     for (int64_t i = 1; i <= kUsbFramesInPeriod; ++i) {
         const Break& gap = breaks[static_cast<size_t>(i - 1)];
@@ -87,36 +87,36 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
 }
 
 TEST_P(Xrun, TenTimesInARow) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     const Moment before = strike(10);
     board::sleepFor(kHealing + kLook);
-    trail.collect();
+    sound.collect();
     expectLog(before, times(10, recovery(direction())));
     EXPECT_EQ(requests(before), times(10, kRestart));
     EXPECT_TRUE(told(before).empty());
-    EXPECT_LE(trail.lost(), 10 * either(kUsbFrame, kRing));
-    expectHealthy(&trail, before.at + kHealing);
+    EXPECT_LE(sound.lost(), 10 * either(kUsbFrame, kRing));
+    expectHealthy(&sound, before.at + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 
 // A read has taken its period by then; a write's period goes with what the driver held.
 TEST_P(Xrun, InATransfer) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
     for (const int count : {1, 10}) {
         const Moment before = mark();
         arm("transfer 32 times=" + std::to_string(count));
         board::sleepFor(kHealing + kLook);
-        trail.collect();
+        sound.collect();
         expectLog(before, times(count, recovery(direction())));
         EXPECT_EQ(requests(before), times(count, kRestart));
         EXPECT_TRUE(told(before).empty());
-        expectHealthy(&trail, before.at + kHealing);
+        expectHealthy(&sound, before.at + kHealing);
     }
-    EXPECT_LE(trail.lost(), either(int64_t{0}, 11 * kRing));
+    EXPECT_LE(sound.lost(), either(int64_t{0}, 11 * kRing));
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -126,17 +126,17 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
     const Moment before = mark();
     for (int ms = 1; ms <= milliseconds; ++ms) {
         SCOPED_TRACE(ms);
-        RampTrail trail(this, direction());
+        RampCheck sound(this, direction());
         const Moment start = mark();
         const int64_t at = host.counter(std::string(direction().name) + ".frames") + ms * kUsbFrame;
         command("xrun", "at=" + std::to_string(at));
         switchOn();
         board::sleepFor(200 * kMs);
-        trail.collect();
+        sound.collect();
         EXPECT_EQ(overruns(start),
                   host.countEvents(std::string(direction().pcm) + " xrun", start.at));
-        ASSERT_FALSE(trail.passages().empty());
-        EXPECT_GT(trail.passages().back().frames, 120 * kUsbFrame);
+        ASSERT_FALSE(sound.sections().empty());
+        EXPECT_GT(sound.sections().back().frames, 120 * kUsbFrame);
         switchOff();
         EXPECT_EQ(told(start),
                   (std::vector<Message>{{direction().channel, 1}, {direction().channel, 0}}));
@@ -146,7 +146,7 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
 }
 
 TEST_P(Xrun, WhileTheAppPauses) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(300 * kMs);
     const Moment before = mark();
@@ -159,10 +159,10 @@ TEST_P(Xrun, WhileTheAppPauses) {
     app->pauseSpeaking(false);
     const Ns goesOn = board::now();
     board::sleepFor(kHealing + kLook);
-    trail.collect();
+    sound.collect();
     expectLog(before, recovery(direction()));
     EXPECT_EQ(requests(before), kRestart);
-    expectHealthy(&trail, goesOn + kHealing);
+    expectHealthy(&sound, goesOn + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -182,10 +182,10 @@ TEST_P(Xrun, WhileTheAppIsAway) {
 }
 
 TEST_P(Xrun, WhileTheHostStalls) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(kSettling);
-    trail.collect();
+    sound.collect();
     const Moment before = mark();
     host.command(std::string("stall ") + direction().name + " 1");
     board::sleepFor(100 * kMs);
@@ -194,14 +194,14 @@ TEST_P(Xrun, WhileTheHostStalls) {
     host.command(std::string("stall ") + direction().name + " 0");
     const Ns goesOn = board::now();
     board::sleepFor(kHealing + kLook);
-    trail.collect();
+    sound.collect();
     const Lines stall{std::string("D ") + direction().tag + ": timeout0, rc=0"};
     const Lines end{either("D UAFSNK: ", "E UAFSRC: ") +
                     std::string("clear timeout, pcmStallCnt=#")};
     // The microphone's fills up the driver's ring once more, and then stalls again.
     expectLog(before, stall + recovery(direction()) + either(Lines{}, end + stall) + end);
     EXPECT_EQ(requests(before), kRestart);
-    expectHealthy(&trail, goesOn + kHealing);
+    expectHealthy(&sound, goesOn + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 
@@ -234,7 +234,7 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
 // A read needs a running stream, and its channel stops. A write that fails to start the stream has
 // written all the same, and the next one starts it.
 TEST_P(Xrun, WhoseFirstRestartFails) {
-    RampTrail trail(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
     board::sleepFor(300 * kMs);
     const Moment before = mark();
@@ -246,9 +246,9 @@ TEST_P(Xrun, WhoseFirstRestartFails) {
         expectStartable();
     } else {
         board::sleepFor(kHealing + kLook);
-        trail.collect();
+        sound.collect();
         expectLog(before, recovery(direction()));
-        expectHealthy(&trail, before.at + kHealing);
+        expectHealthy(&sound, before.at + kHealing);
     }
     EXPECT_EQ(findDamage(), "");
 }

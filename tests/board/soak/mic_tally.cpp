@@ -15,14 +15,14 @@ MicTally::MicTally(Window window, int64_t recordingBegin, std::function<Ns(int64
     : Tally(window),
       timeOfFrame(std::move(timeOfFrame)),
       streamAt(recordingBegin),
-      traceBegin(recordingBegin) {
+      recordingBegin(recordingBegin) {
     restart(recordingBegin);
 }
 
 void MicTally::restart(int64_t begin) {
-    consumedBefore += trace ? trace->consumed() : 0;
-    traceBegin = begin;
-    trace = std::make_unique<MicTrace>(
+    consumedBefore += recording ? recording->consumed() : 0;
+    recordingBegin = begin;
+    recording = std::make_unique<MicRecording>(
         [this](int64_t sample) { return tone().at(voiceFrameOf(consumedBefore + sample)); });
 }
 
@@ -46,31 +46,31 @@ int64_t MicTally::voiceFrameOf(int64_t sample) const {
 void MicTally::add(Samples recorded, const StreamClock& clock) {
     const auto size = static_cast<int64_t>(recorded.size());
     counts().clicks += clicks.add(recorded.data(), size);
-    const int64_t left = std::clamp<int64_t>(traceBegin - streamAt, 0, size);
+    const int64_t left = std::clamp<int64_t>(recordingBegin - streamAt, 0, size);
     streamAt += size;
     recorded.erase(recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(left));
-    for (const MicFrame& frame : trace->add(recorded)) {
+    for (const MicFrame& frame : recording->add(recorded)) {
         addFrame(frame, clock);
     }
 }
 
 void MicTally::addFrame(const MicFrame& frame, const StreamClock& clock) {
-    const Ns at = clock.timeOf(traceBegin + frame.recordedAt + frame.lead);
+    const Ns at = clock.timeOf(recordingBegin + frame.recordedAt + frame.lead);
     const bool again = frame.kind == FrameKind::kUnexplained && frame.skipped > 0;
     const bool inPlace = frame.kind == FrameKind::kCopied || frame.kind == FrameKind::kStretched ||
                          frame.kind == FrameKind::kSqueezed;
     counts().gained += frame.gain();
     if (inPlace || again) {
         countSkipped(frame.skipped);
-        counts().frames += MicTrace::kFrame - frame.lead;
+        counts().frames += MicRecording::kFrame - frame.lead;
         counts().silent += frame.lead;
         note(at, at - timeOfFrame(voiceFrameOf(consumedBefore + frame.sentAt)));
     } else if (frame.kind == FrameKind::kUnexplained) {
-        counts().unexplained += MicTrace::kFrame;
-        unexplained += MicTrace::kFrame;
+        counts().unexplained += MicRecording::kFrame;
+        unexplained += MicRecording::kFrame;
     } else {
         ++counts().underruns;
-        counts().silent += frame.kind == FrameKind::kSilent ? MicTrace::kFrame : 0;
+        counts().silent += frame.kind == FrameKind::kSilent ? MicRecording::kFrame : 0;
     }
     if (!inPlace || frame.lead > 0) {
         noteWrong(at);

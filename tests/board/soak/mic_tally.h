@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "board/kit/app.h"
-#include "board/kit/mic_trace.h"
+#include "board/kit/mic_recording.h"
 #include "tests/board/soak/tally.h"
 #include "tests/board/soak/tone.h"
 
@@ -43,9 +43,9 @@ class MicTally : public Tally {
     std::vector<Run> runs;
     int64_t sentSamples = 0;
     int64_t streamAt;            // the frame of the host's stream that is recorded next
-    int64_t traceBegin;          // the frame with which the trace begins
-    int64_t consumedBefore = 0;  // samples, when the trace began
-    std::unique_ptr<MicTrace> trace;
+    int64_t recordingBegin;      // the frame with which the recording begins
+    int64_t consumedBefore = 0;  // samples, when the recording began
+    std::unique_ptr<MicRecording> recording;
     int64_t unexplained = 0;  // samples, since the last frame that was explained
     ClickCounter clicks;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/drift/mic_path.h"
+#include "tools/drift/mic_simulation.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -17,7 +17,7 @@ using drift::kMs;
 using drift::kSecond;
 using drift::measure;
 using drift::Measured;
-using drift::MicPath;
+using drift::MicSimulation;
 using drift::Ns;
 using drift::Reading;
 using drift::Scenario;
@@ -52,7 +52,7 @@ void expectWhole(const Counts& counts) {
     EXPECT_EQ(counts.enlargedAt, -1);
 }
 
-TEST(MicPath, DrawsOutTheFirst120FramesAndNoneAfterThemWhenTheClocksAreEqual) {
+TEST(MicSimulation, DrawsOutTheFirst120FramesAndNoneAfterThemWhenTheClocksAreEqual) {
     Ns lastCorrection = 0;
     const Measured measured =
         measure(withPpm(0), 60 * kSecond, [&](const Reading& reading, const Counts&) {
@@ -66,20 +66,20 @@ TEST(MicPath, DrawsOutTheFirst120FramesAndNoneAfterThemWhenTheClocksAreEqual) {
     expectWhole(measured.counts);
 }
 
-TEST(MicPath, BringsTheFirstSoundAfterTheStartupSilence) {
-    MicPath path(withPpm(0));
-    EXPECT_EQ(path.read().latency, -1);
-    EXPECT_EQ(path.read().latency, -1);
-    const Reading first = path.read();
+TEST(MicSimulation, BringsTheFirstSoundAfterTheStartupSilence) {
+    MicSimulation simulation(withPpm(0));
+    EXPECT_EQ(simulation.read().latency, -1);
+    EXPECT_EQ(simulation.read().latency, -1);
+    const Reading first = simulation.read();
     EXPECT_EQ(first.at, 5 * kMs);
     EXPECT_EQ(first.depth, 600);
     // 2.5 ms of the silence that primed the buffer, the ring's 10 ms, and the USB frame, less what
     // the app wrote ahead of its clock.
     EXPECT_EQ(first.latency, 16 * kMs);
-    EXPECT_EQ(path.counts().silent, 0);
+    EXPECT_EQ(simulation.counts().silent, 0);
 }
 
-TEST(MicPath, MakesUpForTheClocksDifferenceAndForNoMore) {
+TEST(MicSimulation, MakesUpForTheClocksDifferenceAndForNoMore) {
     for (const int ppm : {1000, -1000, 500, -500, 50, -50}) {
         const Measured measured = measure(withPpm(ppm), 203 * kSecond);
         const double drift = 48000e-6 * ppm;
@@ -90,7 +90,7 @@ TEST(MicPath, MakesUpForTheClocksDifferenceAndForNoMore) {
 }
 
 // What docs/soak.md has measured on the board, ms.
-TEST(MicPath, HasTheLatencyOfTheBoard) {
+TEST(MicSimulation, HasTheLatencyOfTheBoard) {
     const struct {
         int ppm;
         Ns jitter;
@@ -108,7 +108,7 @@ TEST(MicPath, HasTheLatencyOfTheBoard) {
     }
 }
 
-TEST(MicPath, HoldsAJitterOf3MsOnceSettled) {
+TEST(MicSimulation, HoldsAJitterOf3MsOnceSettled) {
     for (const int ppm : {0, 50, -50, 1000, -1000}) {
         for (const Scenario& scenario : inEveryPhase(withPpm(ppm, 3 * kMs))) {
             int starved = 0;
@@ -123,7 +123,7 @@ TEST(MicPath, HoldsAJitterOf3MsOnceSettled) {
     }
 }
 
-TEST(MicPath, StarvesUnderAJitterOf8MsUntilTheBufferIsEnlarged) {
+TEST(MicSimulation, StarvesUnderAJitterOf8MsUntilTheBufferIsEnlarged) {
     for (const Scenario& scenario : inEveryPhase(withPpm(500, 8 * kMs))) {
         int64_t starvedBefore = 0;
         int64_t starvedAfter = 0;
@@ -145,7 +145,7 @@ TEST(MicPath, StarvesUnderAJitterOf8MsUntilTheBufferIsEnlarged) {
     }
 }
 
-TEST(MicPath, LosesNothingButWhatItCounts) {
+TEST(MicSimulation, LosesNothingButWhatItCounts) {
     std::vector<Scenario> scenarios = inEveryPhase(withPpm(-300, 15 * kMs));
     for (const int block : {100, 240, 480, 700, 960, 1024, 1920, 4800}) {
         Scenario scenario = withPpm(200, 2 * kMs);
@@ -154,17 +154,17 @@ TEST(MicPath, LosesNothingButWhatItCounts) {
         scenarios.push_back(scenario);
     }
     for (const Scenario& scenario : scenarios) {
-        MicPath path(scenario);
-        while (path.read().at < 8 * kSecond) {
-            const Counts& counts = path.counts();
-            ASSERT_EQ(counts.written, path.played() + path.queued() + counts.lost)
+        MicSimulation simulation(scenario);
+        while (simulation.read().at < 8 * kSecond) {
+            const Counts& counts = simulation.counts();
+            ASSERT_EQ(counts.written, simulation.played() + simulation.queued() + counts.lost)
                 << scenario.blockFrames;
         }
-        EXPECT_GT(path.counts().lost, 0);
+        EXPECT_GT(simulation.counts().lost, 0);
     }
 }
 
-TEST(MicPath, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
+TEST(MicSimulation, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
     Scenario scenario = withPpm(0);
     scenario.pauses = {{10 * kSecond, 50 * kMs, false}};
     Ns silentFrom = -1;
@@ -182,7 +182,7 @@ TEST(MicPath, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
     EXPECT_EQ(measured.latency.median, 37 * kMs / 2);
 }
 
-TEST(MicPath, LeavesAGapAsSilence) {
+TEST(MicSimulation, LeavesAGapAsSilence) {
     Scenario scenario = withPpm(0);
     scenario.pauses = {{10 * kSecond, 100 * kMs, true}};
     const Counts counts = measure(scenario, 20 * kSecond).counts;
@@ -194,18 +194,18 @@ TEST(MicPath, LeavesAGapAsSilence) {
     EXPECT_EQ(counts.silent, 10 * kBlock - 120 - 2);
 }
 
-TEST(MicPath, TakesHalfABlockForAWholeOne) {
+TEST(MicSimulation, TakesHalfABlockForAWholeOne) {
     Scenario scenario = withPpm(0);
     scenario.blockFrames = 240;
-    MicPath path(scenario);
-    while (path.read().at < 10 * kSecond) {
+    MicSimulation simulation(scenario);
+    while (simulation.read().at < 10 * kSecond) {
     }
-    const Counts& counts = path.counts();
-    EXPECT_NEAR(static_cast<double>(counts.stale), static_cast<double>(path.played()), 480);
+    const Counts& counts = simulation.counts();
+    EXPECT_NEAR(static_cast<double>(counts.stale), static_cast<double>(simulation.played()), 480);
     EXPECT_NEAR(static_cast<double>(counts.lost), static_cast<double>(counts.written) / 2, 4800);
 }
 
-TEST(MicPath, TakesAWriteOfTwoBlocksWholeAndOneBeyondThePipesPageNot) {
+TEST(MicSimulation, TakesAWriteOfTwoBlocksWholeAndOneBeyondThePipesPageNot) {
     Scenario scenario = withPpm(0);
     scenario.blockFrames = 960;
     EXPECT_EQ(measure(scenario, 10 * kSecond).counts.stale, 0);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/ways.h"
+#include "bench/board/buffer_times.h"
 
 #include <algorithm>
 #include <vector>
@@ -95,7 +95,7 @@ void addMicrophone(Ns measured, SpreadTable* table) {
     std::vector<Ns> before;
     std::vector<Ns> all;
     for (const board::MicLatency& latency : stream.latencies()) {
-        const auto write = static_cast<size_t>(latency.recordedAt / board::MicTrace::kFrame);
+        const auto write = static_cast<size_t>(latency.recordedAt / board::MicRecording::kFrame);
         const Ns recordedAt =
             anchor +
             static_cast<Ns>(static_cast<double>(latency.recordedAt * kSecond / kRate) / kHostRate);
@@ -113,8 +113,8 @@ void addMicrophone(Ns measured, SpreadTable* table) {
 
 }  // namespace
 
-void measureWays(const Options& options) {
-    SpreadTable table("ways", "Where a sound's time goes, in milliseconds", kMs, 3);
+void measureBufferTimes(const Options& options) {
+    SpreadTable table("buffer_times", "Where a sound's time goes, in milliseconds", kMs, 3);
     addSpeaker(options.measured, &table);
     addMicrophone(options.measured, &table);
     table.publish();

@@ -14,7 +14,7 @@ namespace board {
 enum class FrameKind { kSilent, kCopied, kStretched, kSqueezed, kStarved, kUnexplained };
 
 struct MicFrame {
-    int64_t recordedAt;  // its first sample, counted from where the trace began
+    int64_t recordedAt;  // its first sample, counted from the beginning of the recording
     int64_t sentAt;      // the first sample of it that was consumed
     int64_t lead;        // silent samples before that one
     FrameKind kind;
@@ -25,10 +25,10 @@ struct MicFrame {
     }
 };
 
-class MicTrace {
+class MicRecording {
   public:
     // `sent` gives the samples that went into the daemon, in order.
-    explicit MicTrace(Voice sent);
+    explicit MicRecording(Voice sent);
 
     // More of the recording, which begins with a playback frame. Returns the frames completed.
     std::vector<MicFrame> add(const Samples& recorded);

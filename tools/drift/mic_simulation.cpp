@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/drift/mic_path.h"
+#include "tools/drift/mic_simulation.h"
 
 #include <algorithm>
 #include <new>
@@ -20,7 +20,7 @@ constexpr int16_t kBlock[uafd::kFifoBlockFrames] = {};
 
 }  // namespace
 
-MicPath::MicPath(const Scenario& scenario)
+MicSimulation::MicSimulation(const Scenario& scenario)
     : scenario(scenario), writes(scenario), nextWrite(writes.next()) {
     const bool hasStorage = buffer.allocateStorage();
     buffer.build();
@@ -30,7 +30,7 @@ MicPath::MicPath(const Scenario& scenario)
 }
 
 // The daemon fills the ring before it starts: with a silent period, and then with frames.
-Reading MicPath::read() {
+Reading MicSimulation::read() {
     const int64_t ahead = kRingPeriods - 1;
     const Ns at = hostTime(std::max<int64_t>(reads + 1 - ahead, 0));
     while (nextWrite.at <= at) {
@@ -62,7 +62,7 @@ Reading MicPath::read() {
 
 // One pass of the buffer thread takes a block or, at the end of a write or of the pipe's page,
 // less.
-void MicPath::takeWrite(const AppWrite& write) {
+void MicSimulation::takeWrite(const AppWrite& write) {
     counted.written += scenario.blockFrames;
     int left = scenario.blockFrames;
     int64_t frame = write.firstFrame;
@@ -79,7 +79,7 @@ void MicPath::takeWrite(const AppWrite& write) {
 }
 
 // What a read leaves of the block is taken again as it is.
-void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
+void MicSimulation::bufferPass(int64_t frame, int fresh, Ns at) {
     const int before = depth();
     const uint32_t overruns = statistics().overruns;
     const int storage = buffer.context()->qBuffLen;
@@ -104,70 +104,70 @@ void MicPath::bufferPass(int64_t frame, int fresh, Ns at) {
 }
 
 // What enlarging the frame buffer costs.
-void MicPath::discardQueued(Ns at) {
+void MicSimulation::discardQueued(Ns at) {
     counted.lost += queued();
     counted.enlargedAt = at;
-    runs.clear();
+    spans.clear();
 }
 
-void MicPath::follow(Source source, int64_t frame, int64_t count) {
+void MicSimulation::follow(Source source, int64_t frame, int64_t count) {
     if (count > 0) {
-        runs.push_back({source, frame, count});
+        spans.push_back({source, frame, count});
     }
 }
 
-int MicPath::depth() const {
+int MicSimulation::depth() const {
     uint32_t bytes = 0;
     QUEUE_GetDepth(buffer.context()->queue, &bytes);
     return static_cast<int>(bytes / sizeof(int16_t));
 }
 
-SSRS_Stats MicPath::statistics() const {
+SSRS_Stats MicSimulation::statistics() const {
     SSRS_Stats stats{};
     SSRS_StatsGet(buffer.context(), &stats);
     return stats;
 }
 
-Ns MicPath::hostTime(int64_t periods) const {
+Ns MicSimulation::hostTime(int64_t periods) const {
     return periods * kPeriod * kMillion / (kMillion + scenario.ppm);
 }
 
 // Of the first of the app's samples among the `samples` that come next, the first of which is
 // played at `playedAt`.
-Ns MicPath::latencyOf(Ns playedAt, int64_t samples) const {
+Ns MicSimulation::latencyOf(Ns playedAt, int64_t samples) const {
     int64_t before = 0;
-    for (const Run& run : runs) {
+    for (const Span& span : spans) {
         if (before >= samples) {
             break;
         }
-        if (run.source == Source::kApp) {
-            return playedAt + before * kSecond / uafd::kSampleRateHz - dueOf(scenario, run.frame);
+        if (span.source == Source::kApp) {
+            return playedAt + before * kSecond / uafd::kSampleRateHz - dueOf(scenario, span.frame);
         }
-        before += run.count;
+        before += span.count;
     }
     return -1;
 }
 
-void MicPath::consume(int64_t samples) {
+void MicSimulation::consume(int64_t samples) {
     while (samples > 0) {
-        Run& run = runs.front();
-        const int64_t count = std::min(samples, run.count);
-        playedSamples += run.source == Source::kApp ? count : 0;
-        counted.silent += run.source == Source::kSilence ? count : 0;
-        counted.stale += run.source == Source::kStale ? count : 0;
+        Span& span = spans.front();
+        const int64_t count = std::min(samples, span.count);
+        playedSamples += span.source == Source::kApp ? count : 0;
+        counted.silent += span.source == Source::kSilence ? count : 0;
+        counted.stale += span.source == Source::kStale ? count : 0;
         samples -= count;
-        run.frame += count;
-        run.count -= count;
-        if (run.count == 0) {
-            runs.pop_front();
+        span.frame += count;
+        span.count -= count;
+        if (span.count == 0) {
+            spans.pop_front();
         }
     }
 }
 
-int64_t MicPath::queued() const {
+int64_t MicSimulation::queued() const {
     int64_t samples = 0;
-    for (const Run& run : runs) {
-        samples += run.source == Source::kApp ? run.count : 0;
+    for (const Span& span : spans) {
+        samples += span.source == Source::kApp ? span.count : 0;
     }
     return samples;
 }

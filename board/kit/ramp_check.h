@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A ramp sent one way, and what became of it: passages of unbroken sound, what is missing or comes
+// A ramp sent one way, and what became of it: sections of unbroken sound, what is missing or comes
 // again between them, and the latency of each moment. Latency control's drawing out and pressing
 // breaks nothing.
 //
@@ -18,7 +18,7 @@
 namespace board {
 
 // Unbroken sound.
-struct Passage {
+struct Section {
     int64_t at;      // its first sample, counted in what was heard
     int64_t frames;  // samples heard
     int64_t first;   // frames of the ramp: the first
@@ -27,9 +27,9 @@ struct Passage {
     Ns end;          // and the last
 };
 
-// What lies between two passages.
+// What lies between two sections.
 struct Break {
-    Ns at;           // when the passage before ended
+    Ns at;           // when the section before ended
     int64_t silent;  // samples of silence
     int64_t lost;    // frames of the ramp that are missing; negative: that come again
 };
@@ -40,16 +40,16 @@ struct Point {
     int64_t frame;
 };
 
-class RampTrail {
+class RampCheck {
   public:
     // The ramp is sent from now on; the host's stream is to be switched on next.
-    RampTrail(Board* board, const Direction& direction);
+    RampCheck(Board* board, const Direction& direction);
 
     // Takes what was heard since the last call; at least once in 40 s, before the host's stream
     // goes off, and before it stalls.
     void collect();
     // Of what was collected.
-    const std::vector<Passage>& passages();
+    const std::vector<Section>& sections();
     std::vector<Break> breaks();
     // Those in which sound is missing or comes again. A microphone's buffer that runs dry loses
     // none, but fades within a sample into the silence.
@@ -68,7 +68,7 @@ class RampTrail {
     Ns sentAt(int64_t frame) const;
     int64_t frameSentBy(Ns at) const;
     int64_t frameNamed(int16_t value, Ns heardAt, int64_t previous) const;
-    std::vector<Ns> latencies(const Passage& passage, Ns from, Ns to) const;
+    std::vector<Ns> latencies(const Section& section, Ns from, Ns to) const;
 
     Board* const board;
     const Direction direction;
@@ -77,7 +77,7 @@ class RampTrail {
     std::vector<Point> heardPoints;
     std::vector<Point> sentPoints;
     size_t analysed = 0;  // samples, by what follows
-    std::vector<Passage> foundPassages;
+    std::vector<Section> foundSections;
     int64_t strangeSamples = 0;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/kit/ramp_trail.h"
+#include "board/kit/ramp_check.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,9 +8,9 @@ namespace board {
 namespace {
 
 constexpr int64_t kUsbFrame = 48;  // audio frames in a millisecond of the host
-constexpr int64_t kAround = 4800;  // how far off a passage continues the one before
+constexpr int64_t kAround = 4800;  // how far off a section continues the one before
 constexpr int64_t kNames = 65536;  // frames that the ramp's values tell apart
-constexpr size_t kShortest = 4;    // samples of a passage; what is shorter is strange
+constexpr size_t kShortest = 4;    // samples of a section; what is shorter is strange
 
 // A stretch of samples that follow the ramp, in the ramp's values.
 struct Run {
@@ -93,7 +93,7 @@ void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
 
 }  // namespace
 
-RampTrail::RampTrail(Board* board, const Direction& direction)
+RampCheck::RampCheck(Board* board, const Direction& direction)
     : board(board), direction(direction) {
     board->host.command(std::string("flush ") + direction.name);
     if (isSpeaker()) {
@@ -106,7 +106,7 @@ RampTrail::RampTrail(Board* board, const Direction& direction)
     }
 }
 
-void RampTrail::collect() {
+void RampCheck::collect() {
     if (isSpeaker()) {
         collectHeard();
     } else {
@@ -114,7 +114,7 @@ void RampTrail::collect() {
     }
 }
 
-void RampTrail::collectHeard() {
+void RampCheck::collectHeard() {
     const Heard heard = board->app->takeHeard();
     const auto base = static_cast<int64_t>(heardSamples.size());
     for (const HeardBlock& block : heard.blocks) {
@@ -128,7 +128,7 @@ void RampTrail::collectHeard() {
     }
 }
 
-void RampTrail::collectRecorded() {
+void RampCheck::collectRecorded() {
     const Samples recorded = board->host.takeRecording();
     heardSamples.insert(heardSamples.end(), recorded.begin(), recorded.end());
     const auto values = board->host.counters();
@@ -140,21 +140,21 @@ void RampTrail::collectRecorded() {
     }
 }
 
-Ns RampTrail::sentAt(int64_t frame) const {
+Ns RampCheck::sentAt(int64_t frame) const {
     const Point& point = pointOf(sentPoints, frame, &Point::frame);
     // The app's frames leave in blocks but are thought of as evenly spaced in time.
     return isSpeaker() ? point.at : point.at + framesTime(frame - point.frame);
 }
 
-int64_t RampTrail::frameSentBy(Ns at) const {
+int64_t RampCheck::frameSentBy(Ns at) const {
     const Point* const begin = sentPoints.data();
     const Point& point = pointOf(sentPoints, at, &Point::at);
     return &point + 1 < begin + sentPoints.size() ? (&point + 1)->frame : point.frame;
 }
 
-// The frame that a value heard at this time means: one that continues the passage which ended with
+// The frame that a value heard at this time means: one that continues the section which ended with
 // `previous`, else the latest that was sent by then.
-int64_t RampTrail::frameNamed(int16_t value, Ns heardAt, int64_t previous) const {
+int64_t RampCheck::frameNamed(int16_t value, Ns heardAt, int64_t previous) const {
     const int64_t skipped = static_cast<int16_t>(value - ramp(previous));
     if (previous >= 0 && std::abs(skipped) <= kAround) {
         return previous + skipped;
@@ -163,12 +163,12 @@ int64_t RampTrail::frameNamed(int16_t value, Ns heardAt, int64_t previous) const
     return latest - static_cast<uint16_t>(ramp(latest) - value) % kNames;
 }
 
-const std::vector<Passage>& RampTrail::passages() {
+const std::vector<Section>& RampCheck::sections() {
     if (analysed == heardSamples.size()) {
-        return foundPassages;
+        return foundSections;
     }
     analysed = heardSamples.size();
-    foundPassages.clear();
+    foundSections.clear();
     int64_t previous = -1;
     for (const Run& run : runsOf(heardSamples, isSpeaker() ? 0 : 1, &strangeSamples)) {
         const auto at = static_cast<int64_t>(run.at);
@@ -177,35 +177,35 @@ const std::vector<Passage>& RampTrail::passages() {
         const Ns end = pointOf(heardPoints, at + size - 1, &Point::frame).at;
         const int64_t first = frameNamed(heardSamples[run.at], begin, previous);
         previous = first + run.advance;
-        foundPassages.push_back({at, size, first, previous, begin, end});
+        foundSections.push_back({at, size, first, previous, begin, end});
     }
-    return foundPassages;
+    return foundSections;
 }
 
-int64_t RampTrail::strange() {
-    passages();
+int64_t RampCheck::strange() {
+    sections();
     return strangeSamples;
 }
 
-std::vector<Break> RampTrail::breaks() {
+std::vector<Break> RampCheck::breaks() {
     std::vector<Break> breaks;
-    const std::vector<Passage>& all = passages();
+    const std::vector<Section>& all = sections();
     for (size_t i = 1; i < all.size(); ++i) {
-        const Passage& before = all[i - 1];
+        const Section& before = all[i - 1];
         const int64_t silent = all[i].at - before.at - before.frames;
         breaks.push_back({before.end, silent, all[i].first - before.last - 1});
     }
     return breaks;
 }
 
-std::vector<Break> RampTrail::losses() {
+std::vector<Break> RampCheck::losses() {
     std::vector<Break> losses = breaks();
     const auto isWhole = [](const Break& gap) { return gap.lost == 0 || gap.lost == 1; };
     losses.erase(std::remove_if(losses.begin(), losses.end(), isWhole), losses.end());
     return losses;
 }
 
-int64_t RampTrail::lost() {
+int64_t RampCheck::lost() {
     int64_t lost = 0;
     for (const Break& gap : losses()) {
         lost += gap.lost;
@@ -213,26 +213,26 @@ int64_t RampTrail::lost() {
     return lost;
 }
 
-std::vector<Ns> RampTrail::latencies(const Passage& passage, Ns from, Ns to) const {
+std::vector<Ns> RampCheck::latencies(const Section& section, Ns from, Ns to) const {
     std::vector<Ns> latencies;
-    auto point = std::lower_bound(heardPoints.begin(), heardPoints.end(), passage.at,
+    auto point = std::lower_bound(heardPoints.begin(), heardPoints.end(), section.at,
                                   [](const Point& p, int64_t at) { return p.frame < at; });
-    for (; point != heardPoints.end() && point->frame < passage.at + passage.frames; ++point) {
+    for (; point != heardPoints.end() && point->frame < section.at + section.frames; ++point) {
         if (point->at >= from && point->at < to) {
-            const int64_t index = point->frame - passage.at;
-            const int64_t frames = passage.last - passage.first + 1;
+            const int64_t index = point->frame - section.at;
+            const int64_t frames = section.last - section.first + 1;
             latencies.push_back(point->at -
-                                sentAt(passage.first + index * frames / passage.frames));
+                                sentAt(section.first + index * frames / section.frames));
         }
     }
     return latencies;
 }
 
-Spread RampTrail::latency(Ns from, Ns to) {
+Spread RampCheck::latency(Ns from, Ns to) {
     std::vector<Ns> all;
-    for (const Passage& passage : passages()) {
-        if (passage.end >= from && passage.begin < to) {
-            const std::vector<Ns> some = latencies(passage, from, to);
+    for (const Section& section : sections()) {
+        if (section.end >= from && section.begin < to) {
+            const std::vector<Ns> some = latencies(section, from, to);
             all.insert(all.end(), some.begin(), some.end());
         }
     }

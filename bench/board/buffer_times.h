@@ -6,7 +6,7 @@
 
 namespace bench {
 
-// Publishes the table ways: the speaker's among both directions, the microphone's alone.
-void measureWays(const Options& options);
+// Publishes the table buffer_times: the speaker's among both directions, the microphone's alone.
+void measureBufferTimes(const Options& options);
 
 }  // namespace bench

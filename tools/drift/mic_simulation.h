@@ -39,11 +39,11 @@ struct Counts {
     Ns enlargedAt = -1;      // when the frame buffer was enlarged
 };
 
-class MicPath {
+class MicSimulation {
   public:
-    explicit MicPath(const Scenario& scenario);
-    MicPath(const MicPath&) = delete;
-    MicPath& operator=(const MicPath&) = delete;
+    explicit MicSimulation(const Scenario& scenario);
+    MicSimulation(const MicSimulation&) = delete;
+    MicSimulation& operator=(const MicSimulation&) = delete;
 
     // Goes on to the worker's next read.
     Reading read();
@@ -56,7 +56,7 @@ class MicPath {
   private:
     enum class Source { kApp, kStart, kSilence, kStale };
     // Samples that follow each other in the frame buffer.
-    struct Run {
+    struct Span {
         Source source;
         int64_t frame;  // the first one, of the app's
         int64_t count;
@@ -76,7 +76,7 @@ class MicPath {
     AppWrites writes;
     AppWrite nextWrite;
     uafd::FrameBuffer buffer;
-    std::deque<Run> runs;  // what the frame buffer holds
+    std::deque<Span> spans;  // what the frame buffer holds
     Counts counted;
     int64_t reads = 0;
     int64_t playedSamples = 0;

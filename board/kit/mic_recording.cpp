@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/kit/mic_trace.h"
+#include "board/kit/mic_recording.h"
 
 #include <algorithm>
 #include <utility>
@@ -7,10 +7,10 @@
 namespace board {
 namespace {
 
-constexpr int kFrame = MicTrace::kFrame;
+constexpr int kFrame = MicRecording::kFrame;
 constexpr int kStretchedInput = kFrame - 1;
 constexpr int kSqueezedInput = kFrame + 1;
-constexpr int64_t kLossMax = 2 * kRate;  // how far a trace that was lost is looked for
+constexpr int64_t kLossMax = 2 * kRate;  // how far ahead a lost place is looked for
 
 struct Shape {
     int consumed;
@@ -44,9 +44,9 @@ bool isSilent(const int16_t* frame) {
 
 }  // namespace
 
-MicTrace::MicTrace(Voice sent) : sent(std::move(sent)) {}
+MicRecording::MicRecording(Voice sent) : sent(std::move(sent)) {}
 
-std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
+std::vector<MicFrame> MicRecording::add(const Samples& recorded) {
     pending.insert(pending.end(), recorded.begin(), recorded.end());
     std::vector<MicFrame> frames;
     size_t at = 0;
@@ -61,7 +61,7 @@ std::vector<MicFrame> MicTrace::add(const Samples& recorded) {
     return frames;
 }
 
-FrameKind MicTrace::explain(const int16_t* frame) {
+FrameKind MicRecording::explain(const int16_t* frame) {
     lead = 0;
     skipped = 0;
     FrameKind kind = FrameKind::kUnexplained;
@@ -88,7 +88,7 @@ FrameKind MicTrace::explain(const int16_t* frame) {
     return FrameKind::kUnexplained;
 }
 
-bool MicTrace::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) {
+bool MicRecording::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) {
     // Most candidates differ in the first sample that is not padding.
     if (zeros < kFrame && frame[0] != (zeros > 0 ? 0 : sent(nextSent))) {
         return false;
@@ -106,7 +106,7 @@ bool MicTrace::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) {
 }
 
 // The daemon found some samples, fewer than it needed, and silence made up for the rest.
-bool MicTrace::isStarved(const int16_t* frame) {
+bool MicRecording::isStarved(const int16_t* frame) {
     for (int available = 1; available < kStretchedInput; ++available) {
         const Samples wanted = expected(0, kStretchedInput, available);
         if (std::equal(wanted.begin(), wanted.end(), frame)) {
@@ -118,7 +118,7 @@ bool MicTrace::isStarved(const int16_t* frame) {
 }
 
 // Samples were lost: looks for the place further on that this frame follows.
-bool MicTrace::findAgain(const int16_t* frame, FrameKind* kind) {
+bool MicRecording::findAgain(const int16_t* frame, FrameKind* kind) {
     const int64_t before = nextSent;
     for (int64_t lost = 1; lost <= kLossMax; ++lost) {
         nextSent = before + lost;
@@ -132,7 +132,7 @@ bool MicTrace::findAgain(const int16_t* frame, FrameKind* kind) {
     return false;
 }
 
-Samples MicTrace::expected(int64_t zeros, int consumed, int available) const {
+Samples MicRecording::expected(int64_t zeros, int consumed, int available) const {
     Samples in(static_cast<size_t>(consumed));
     for (int64_t i = std::min<int64_t>(zeros, consumed); i < available; ++i) {
         in[static_cast<size_t>(i)] = sent(nextSent + i - zeros);
