@@ -28,18 +28,18 @@ int setHwParams(snd_pcm_t* pcm, snd_pcm_uframes_t bufferSize, snd_pcm_uframes_t 
         return logStepError(kLogTag, "setHwParams", 126, "rc", rc);
     }
     unsigned grantedRate = rate;
-    // Shared on purpose: what the rate call leaves in it goes to the period call.
+    // Shared on purpose: the period call gets the value that the rate call has left in it.
     int direction = 0;
     rc = snd_pcm_hw_params_set_rate_near(pcm, params, &grantedRate, &direction);
     if (rc < 0) {
         return logStepError(kLogTag, "setHwParams", 132, "rc", rc);
     }
     if (grantedRate != rate) {
-        // However far off, the stream goes on with it; log readers know the misspelt word.
+        // The stream uses this rate, however wrong it is. Log readers know the misspelt word.
         LOGD("warnning: rate is not accurate, want %d Hz, got %d Hz\n", static_cast<int>(rate),
              static_cast<int>(grantedRate));
     }
-    // The buffer first, so that the period is fitted into the buffer that was granted.
+    // The buffer comes first, so that the period fits the buffer that was granted.
     if (bufferSize != 0) {
         snd_pcm_uframes_t grantedBuffer = bufferSize;
         rc = snd_pcm_hw_params_set_buffer_size_near(pcm, params, &grantedBuffer);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The one form in which a failed set-up step of a PCM is reported. The channels and the ALSA
-// helpers both use it, each under its own log tag.
+// Reports a failed set-up step of a PCM. The channels and the ALSA helpers both use it, each with
+// its own log tag.
 #pragma once
 
 #include "platform/log.h"

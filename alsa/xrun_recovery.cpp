@@ -30,7 +30,7 @@ int resume(snd_pcm_t* pcm) {
     return rc;
 }
 
-// `cause` stands in the failure's text.
+// `cause` is part of the log line after a failure.
 int prepare(snd_pcm_t* pcm, const char* cause) {
     const int rc = snd_pcm_prepare(pcm);
     if (rc < 0) {

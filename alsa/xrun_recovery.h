@@ -15,8 +15,8 @@ namespace uafd {
 //
 // Returns 0 when the PCM may be used again (a capture PCM must then be started again by its user),
 // the negative code of a failed prepare, or `err` itself, without touching the PCM, when it is
-// neither of the two. Logs every step, failures included, at debug level under the tag "UAFSND":
-// what a failure means is for the caller to say.
+// neither of the two. Logs every step, failures included, at debug level under the tag "UAFSND";
+// the caller logs what a failure means.
 int xrun_recovery(snd_pcm_t* pcm, int err);
 
 }  // namespace uafd

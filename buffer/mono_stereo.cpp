@@ -6,8 +6,9 @@
 namespace uafd {
 namespace {
 
-// Frames that a conversion takes out of the buffer before it puts their result there: in place, the
-// compiler could not use the processor's vectors, which do such a block in a few instructions.
+// A conversion copies this many frames out of the buffer before it writes their result there.
+// Directly in place, the compiler could not use the processor's vectors, which convert such a block
+// in a few instructions.
 constexpr int kBlockFrames = 16;
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Between one channel and two, in place. Pure; any thread. Samples are signed 16-bit, the frames of
-// stereo interleaved, left sample first; `samples` has room for frames x 2 of them, and frames is
+// Converts between mono and stereo, in place. Pure; any thread. Samples are signed 16-bit, stereo
+// frames interleaved, left sample first; `samples` has room for frames x 2 samples, and frames is
 // not negative.
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace uafd {
 
-// Keeps the left sample of each frame, without mixing. What follows the `frames` mono samples is
-// left as it was.
+// Keeps the left sample of each frame, without mixing. The memory after the `frames` mono samples
+// is left unchanged.
 void toMono(int16_t* samples, int frames);
 
 // Doubles each of `frames` mono samples.

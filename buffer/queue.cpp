@@ -7,8 +7,8 @@
 
 namespace {
 
-// Where the storage parts a block of `bytes` at `position`, and where the next block then starts. A
-// block that ends exactly at the end of the storage is followed by one at its start.
+// How the end of the storage splits a block of `bytes` at `position`, and where the next block
+// starts. After a block that ends exactly at the end of the storage the next is at its start.
 struct Split {
     Split(const QUEUE_Ctx* ctx, uint8_t* position, size_t bytes) {
         const auto room = static_cast<size_t>(ctx->bufEnd - position);

@@ -37,15 +37,15 @@ inline void resampleLanes(const int16_t* __restrict in, uint16_t increment, int1
     }
 }
 
-// At least kLanes outputs. What is left over at the end is made together with some of its
-// neighbours that are there already, which is less work than sample by sample.
+// At least kLanes outputs. The last vector overlaps the one before, which is less work than
+// computing the remaining samples one by one.
 void resampleContiguous(const int16_t* in, uint32_t step, int16_t* out, int32_t n) {
     const auto increment = static_cast<uint16_t>(step);
     resampleLanes(in, increment, out, 0, n / kLanes * kLanes);
     resampleLanes(in, increment, out, n - kLanes, kLanes);
 }
 
-// Output i lies at position (i + 1) * step, wherever that is.
+// Output i lies at any position (i + 1) * step.
 void resampleAnywhere(const int16_t* in, uint32_t step, int16_t* out, int32_t n) {
     uint32_t position = step;
     for (int32_t i = 0; i < n; ++i) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stays clear of signed overflow everywhere: depths, lengths and counters come from the caller and
-// from long runs, and the widths of the record are fixed.
+// Avoids signed overflow everywhere: depths and lengths come from the caller, counters grow for
+// months, and the widths of the context's fields are fixed.
 #include "buffer/ssrs.h"
 
 #include <algorithm>
@@ -128,8 +128,8 @@ void requestPrime(SSRS_Ctx* ctx) {
     }
 }
 
-// An empty queue is no read and takes its stretch back, even one that was not counted (fixed rate,
-// or a range that starts at 0): readers of the statistics know the counter as it falls then.
+// A read of an empty queue is not counted, and takes one off stretchCnt, even when no stretch was
+// counted (fixed rate, or a range that starts at 0). Readers of the statistics expect that.
 void countRead(SSRS_Ctx* ctx, int32_t depth, int32_t count) {
     if (depth == 0) {
         addWrapping(ctx->stretchCnt, -1);
@@ -157,8 +157,8 @@ int32_t SSRSRead(SSRS_Ctx* ctx, int16_t* out) {
     const Take take = chooseTake(ctx, depth);
     countRead(ctx, depth, take.count);
     int16_t* const taken = take.count == ctx->frameSize ? out : ctx->frameWork;
-    // The queue refuses more than its storage holds, and a stretched frame of 1 takes nothing:
-    // silence then, never what an earlier frame left behind.
+    // The queue refuses more than its storage holds, and a stretched frame of one sample takes
+    // nothing. The frame is then silence, never the remains of an earlier one.
     if (take.count == 0 ||
         QUEUE_DequeueToBuff(ctx->queue, taken, queueBytes(take.count)) != QUEUE_OK) {
         memset(out, 0, bytesOf(ctx->frameSize));

@@ -14,8 +14,8 @@
 namespace uafd {
 namespace {
 
-// Nothing in the daemon asks for urgent data. A stray one does no harm even without the handler:
-// by default this signal is ignored.
+// SIGURG is otherwise sent only for urgent data, which the daemon never requests. A stray one is
+// harmless even without the handler: by default the signal is ignored.
 constexpr int kLetOutSignal = SIGURG;
 
 // A signal that comes just before the wait begins is lost, so it is sent again after this long.
@@ -29,7 +29,7 @@ AppFifo::AppFifo() {
     struct sigaction action {};
     action.sa_handler = doNothing;
     sigemptyset(&action.sa_mask);
-    // No SA_RESTART: it would go on with the wait. The call cannot fail with these arguments.
+    // No SA_RESTART, which would continue the wait. The call cannot fail with these arguments.
     sigaction(kLetOutSignal, &action, nullptr);
 }
 
@@ -74,7 +74,7 @@ void AppFifo::endLook() {
     pthread_mutex_unlock(&mutex);
 }
 
-// After a call that failed: whether a signal ended it and it is to be made again.
+// After a failed call: whether a signal interrupted it and it must be repeated.
 bool AppFifo::wasInterrupted() {
     if (errno != EINTR) {
         return false;
@@ -121,7 +121,7 @@ void AppFifo::endWaits(pthread_t user, const std::atomic<int32_t>& userRunning) 
     const auto isOut = [&] { return userRunning.load(std::memory_order_acquire) == 0; };
     ended.store(true, std::memory_order_release);
     while (!isOut() && pthread_kill(user, kLetOutSignal) == 0) {
-        sched_yield();  // the user has this thread's priority: on one processor it goes now
+        sched_yield();  // the user has this thread's priority: with one processor it runs now
         if (!isOut()) {
             nanosleep(&kSignalInterval, nullptr);
         }

@@ -15,8 +15,8 @@ namespace {
 constexpr const char* kLogTag = kSinkLogTag;
 constexpr int64_t kNsPerSecond = 1000000000;
 
-// The board's own sound card. Where its id holds one of these two words the microphone is PCM 0, on
-// every other board PCM 1.
+// The board's own sound card. If its id contains one of these two words, the microphone is PCM 0,
+// otherwise PCM 1.
 constexpr char kTarvine[] = "tarvine";
 constexpr char kRt5640[] = "rockchiprt5640c";
 constexpr char kCardIdPath[] = "/proc/asound/card0/id";
@@ -29,7 +29,7 @@ using Line = char[80];
 int64_t micTstampNs = -1;
 int32_t synchTriesLeft = 0;
 
-// Seconds and nanoseconds as one count; wraps on numbers that no clock shows.
+// Seconds and nanoseconds in nanoseconds; wraps for numbers that no clock shows.
 int64_t nanoseconds(int64_t seconds, int64_t fraction) {
     return static_cast<int64_t>(static_cast<uint64_t>(seconds) * kNsPerSecond +
                                 static_cast<uint64_t>(fraction));
@@ -50,8 +50,8 @@ FILE* openStatusFile() {
     if (idFile == nullptr) {
         const int savedErrno = errno;
         logOpenFailure(kCardIdPath, savedErrno);
-        // Names the default status file although none was opened: an unknown card is reported by
-        // this pair of lines, which log readers look for together.
+        // Names the default status file although it was not opened: log readers expect this second
+        // line when the card is unknown.
         logOpenFailure(kStatusPathPcm1, savedErrno);
         return nullptr;
     }

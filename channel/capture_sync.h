@@ -17,12 +17,12 @@ enum SynchState : int32_t {
     SYNCH_FINISHED = 2,     // write; reached by success and by failure
 };
 
-// One per run of the sink's loop.
+// One for each execution of the sink's loop.
 struct SynchStartupState {
     int32_t state = SYNCH_NOT_STARTED;  // SynchState
 };
 
-constexpr int32_t kSynchTries = 600;  // periods that may be held back or missing before it gives up
+constexpr int32_t kSynchTries = 600;  // periods held back or missing, after which it gives up
 constexpr int64_t kSynchGridNs = 10000000;
 constexpr int64_t kSynchHoldFromNs = 3500000;     // phases from here ...
 constexpr uint64_t kSynchHoldLengthNs = 5000000;  // ... for this long are held back

@@ -35,9 +35,9 @@ void DevName::freeReplaced() {
     replaced = nullptr;
 }
 
-// A replaced copy of this text, out of the list, or null. A reader that still holds it sees no
-// difference, and names that come and go under a living thread take no more memory than their
-// texts.
+// Removes the replaced copy with this text from the list and returns it, or null. A reader that
+// still holds it sees no difference. So names that change repeatedly while a thread lives need one
+// copy for each different text and no more.
 DevName::Copy* DevName::takeBack(const char* text) {
     for (Copy** link = &replaced; *link != nullptr; link = &(*link)->next) {
         Copy* const copy = *link;

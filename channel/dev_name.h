@@ -18,15 +18,14 @@ class DevName {
     // The name, or null when unset. Any thread; load once per use.
     const char* load() const { return current.load(std::memory_order_acquire); }
 
-    // Event loop only. `set` keeps a copy of `text`; a null text, or a copy for which there is no
-    // memory, is an unset name. The copy that it replaces is kept aside, and taken back when its
-    // text is set again.
+    // Event loop only. Keeps a copy of `text`; the name is unset when the text is null or memory
+    // runs out. The replaced copy is kept, and used again when its text is set again.
     void set(const char* text);
 
     // Event loop only, when no thread of the channel can hold a replaced copy.
     void freeReplaced();
 
-    // What a log line shows for a name.
+    // The name as a log line shows it.
     static const char* printable(const char* name) { return name != nullptr ? name : "(null)"; }
 
   private:
@@ -39,8 +38,8 @@ class DevName {
     static void freeAll(Copy* copies);
 
     std::atomic<const char*> current{nullptr};  // release/acquire: the text is complete when seen
-    Copy* owned = nullptr;                      // behind `current`
-    Copy* replaced = nullptr;                   // of different texts
+    Copy* owned = nullptr;                      // the copy that holds `current`
+    Copy* replaced = nullptr;                   // no two with the same text
 };
 
 }  // namespace uafd

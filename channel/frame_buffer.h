@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The source channel's frame buffer: what its buffer thread and its worker share. It absorbs the
-// app's jitter and the difference between the app's and the host's clocks, by holding 10 to 15 ms
-// of sound, and 20 to 30 ms for an app that starves it again and again. The arithmetic is SSRS's
-// (buffer/ssrs.h); here are its memory, its sizes and its lock.
+// app's jitter and the difference between the app's and the host's clocks by holding 10 to 15 ms
+// of sound, or 20 to 30 ms when the app starves it repeatedly. SSRS (buffer/ssrs.h) does the
+// arithmetic; this class has its memory, sizes and lock.
 //
 // Samples are mono, signed 16-bit, 48 kHz. Nothing is allocated between build() and release().
 // Logs under the source's tag, "UAFSRC".
@@ -18,7 +18,7 @@ namespace uafd {
 
 constexpr int kFifoBlockFrames = 480;  // what the buffer thread writes at a time: 10 ms
 
-// What the frame buffer holds, samples: its storage and the depth range that it keeps.
+// Sizes of the frame buffer in samples: its storage and its target range.
 struct FrameBufferSize {
     int storage;
     int depthLow;
@@ -32,8 +32,8 @@ constexpr uint32_t kEnlargeUnderruns = 11;  // underruns between two checks that
 
 class FrameBuffer {
   public:
-    // What a write or a read gave. When SSRS itself has failed it holds the frame buffer's lock
-    // until it is destroyed, so that the other thread does not come upon the failed frame buffer
+    // The result of a write or a read. When SSRS has failed, the result holds the frame buffer's
+    // lock until it is destroyed, so that the other thread cannot use the failed frame buffer
     // before the stop of the channel is requested.
     class Result {
       public:
@@ -68,21 +68,21 @@ class FrameBuffer {
 
     // ---- The buffer thread ---------------------------------------------------------------------
 
-    // Appends kFifoBlockFrames samples. A block for which there is no room is dropped, which is no
-    // failure. `writes` counts the successful ones that this thread has made before; it paces the
-    // check that enlarges the frame buffer. Logs a failed lock or SSRS call (error), and what the
-    // check finds and does (debug).
+    // Appends kFifoBlockFrames samples. A block that does not fit is dropped, which is no failure.
+    // `writes` is the number of successful writes that this thread has made before; it determines
+    // when the frame buffer is checked and perhaps enlarged. Logs a failed lock or SSRS call
+    // (error), and the result of the check (debug).
     Result write(const int16_t* block, unsigned writes);
 
     // ---- The worker ----------------------------------------------------------------------------
 
-    // The next kPeriodFrames samples: always all of them, silence where the app has starved the
+    // Takes the next kPeriodFrames samples, filled up with silence when the app has starved the
     // frame buffer. Logs a failed lock or SSRS call (error).
     Result read(int16_t* frame);
 
     // ---- A program that uses it on one thread --------------------------------------------------
 
-    // The state of SSRS; null without one.
+    // The state of SSRS; null when nothing is built.
     const SSRS_Ctx* context() const { return ssrsCtx; }
 
   private:
@@ -91,15 +91,15 @@ class FrameBuffer {
     void checkUnderruns(unsigned writes);
     void enlarge();
 
-    // Held around SSRS calls only, and by a Result. The stop request that is made under a Result
-    // takes intfMutex: that may be taken under this lock, and never the other way round.
+    // Held only during SSRS calls and by a Result. A stop request while a Result holds it takes
+    // intfMutex, so intfMutex may be taken under this lock, but never the other way round.
     pthread_mutex_t ssrsMutex;
     std::unique_ptr<int16_t[]> ssrsQBuff;  // the storage
     SSRS_Ctx* ssrsCtx = nullptr;           // raw memory; null when released
 
-    // The buffer thread's, under the lock.
+    // Used by the buffer thread, under the lock.
     uint32_t seenUnderruns = 0;  // at the last check
-    bool enlargeTried = false;   // it is enlarged once at most, until it is built again
+    bool enlargeTried = false;   // enlarged at most once after each build
 };
 
 }  // namespace uafd

@@ -23,8 +23,8 @@ void setRtScheduling(pthread_attr_t* attributes, const char* tag) {
         LOGE_AS(tag, "unable to set thread priority\n");
         return;
     }
-    // Without this the creator's policy and priority are inherited and the two above are ignored.
-    // Not before: SCHED_FIFO without a priority would keep the thread from being created.
+    // Without this call the creator's policy and priority are inherited and those above ignored. It
+    // comes last, because SCHED_FIFO without a priority would make the creation fail.
     pthread_attr_setinheritsched(attributes, PTHREAD_EXPLICIT_SCHED);
 }
 

@@ -23,18 +23,18 @@ void sleepMs(long ms) {
     nanosleep(&pause, nullptr);
 }
 
-// Holds intfMutex to the end of a scope. Best effort: what could not be locked is done without the
-// lock, after its user has logged why, and is not unlocked.
+// Holds intfMutex until the end of a scope. Best effort: when the lock fails, its user logs that
+// and goes on without the lock, which is then not unlocked.
 class IntfLock {
   public:
     // Waits for the lock.
     explicit IntfLock(pthread_mutex_t& mutex) : IntfLock(mutex, pthread_mutex_lock(&mutex)) {}
-    // Takes over what an attempt at the lock gave, if it gave it.
+    // Takes over the lock if the attempt to lock it, which returned `lockResult`, succeeded.
     IntfLock(pthread_mutex_t& mutex, int lockResult) : mutex(mutex), failure(lockResult) {}
     ~IntfLock() {
         const int rc = failure == 0 ? pthread_mutex_unlock(&mutex) : 0;
         if (rc != 0) {
-            // The stop's text, also where nothing was stopped: log readers know this one.
+            // Log readers know this text; it is used even when nothing was stopped.
             LOGE("intfMutex unlock failed after stopping the UAFCH: %d\n", rc);
         }
     }
@@ -110,7 +110,7 @@ bool UafCh::beginUpdate(bool on) const {
     return true;
 }
 
-// No request is refused because of the lock.
+// Carries out the request even when the lock has failed.
 int UafCh::update(bool on, int lockError) {
     if (lockError != 0) {
         LOGE("intfMutex lock failed, but best effort at this point: %d\n", lockError);
@@ -141,7 +141,7 @@ int UafCh::switchOn() {
         case UAFCH_RUNNING:
             return 0;
         case UAFCH_STOPPING:
-            // The state first: the worker may make passes meanwhile, and must not count them.
+            // The state comes first: the worker must not count its passes until then.
             state.store(UAFCH_RUNNING, std::memory_order_release);
             LOGD("stopDelayCnt = %d\n",
                  static_cast<int>(stopDelayCnt.exchange(0, std::memory_order_relaxed)));
@@ -171,8 +171,8 @@ int UafCh::start() {
     holdDevNames();
     if (createRtThread(&threadId, ChThread, this, kLogTag) != 0) {
         releaseDevNames();
-        // The stream stays open and the app stays told that it is on; the next on request finds the
-        // stream open and starts it afresh.
+        // The stream stays open, and for the app it is on; the next on request finds the stream
+        // open and starts it again.
         LOGE("pthread_create failed");
         state.store(UAFCH_STOPPED, std::memory_order_release);
         return -1;
@@ -186,8 +186,8 @@ void* UafCh::ChThread(void* channel) {
 }
 
 bool UafCh::isRunning() {
-    // Without the lock, which would cost every pass: an on request may cancel the stop between the
-    // count and the lock, and the channel then stops all the same.
+    // Without the lock, which would cost time in every pass. So an on request may come between the
+    // count and the lock, and the channel then stops nevertheless.
     if (state.load(std::memory_order_acquire) != UAFCH_STOPPING) {
         return true;
     }
@@ -195,7 +195,7 @@ bool UafCh::isRunning() {
         return true;
     }
     if (stop() != UAFCH_STOPPING) {
-        // An on request slipped in before the lock: stopped it stays until the next one.
+        // An on request came just before the lock; the channel is off until the next one.
         LOGE(
             "ALERT! This should be impossible and can cause inconsistencies in "
             "this channel's state.");
@@ -203,7 +203,7 @@ bool UafCh::isRunning() {
     return false;
 }
 
-// Returns the state that it has found.
+// Returns the state before the stop.
 int UafCh::stop() {
     const IntfLock lock(intfMutex);
     if (lock.error() != 0) {
@@ -220,7 +220,7 @@ int UafCh::stop() {
     return stoppedFrom;
 }
 
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): a request to one channel
 int UafCh::setVolume(int16_t volume, uint32_t type) {
     // The value is the low half alone; receivers ignore the upper one.
     const UsbAudioMsgT msg{type, static_cast<uint16_t>(volume)};
@@ -229,7 +229,7 @@ int UafCh::setVolume(int16_t volume, uint32_t type) {
     return 0;
 }
 
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): asked of one channel
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): a request to one channel
 int UafCh::setMute(bool mute, uint32_t type) {
     const UsbAudioMsgT msg{type, mute ? 1U : 0U};
     LOGD("setMute mute=%d, sending: type=0x%08X, data=0x%08X\n", mute ? 1 : 0, msg.type, msg.data);
@@ -274,7 +274,7 @@ int UafCh::missedWait(int waitResult, const char* tag) {
         LOGD_AS(tag, "timeout0, rc=%d\n", waitResult);
     }
     if (pcmStallCnt < INT_MAX) {
-        ++pcmStallCnt;  // 248 days of a host that keeps its stream silent fill it
+        ++pcmStallCnt;  // reaches the maximum after 248 days of silence
     }
     if (waitResult < 0) {
         pauseForTimeout();  // a removed card fails every wait at once

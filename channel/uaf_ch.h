@@ -76,29 +76,30 @@ class UafCh {
     static void adjCh(int16_t* buf, int inCh, int outCh, int frames);
 
   protected:
-    // intfUpdate(false) for a thread that a stop joins while it holds intfMutex: never waits for
-    // the lock, and gives up with 0 once the stop has ended the FIFO's waits. An off is without
-    // effect in every state in which that can happen.
+    // intfUpdate(false) for the thread that a stop joins while the stop holds intfMutex. It never
+    // waits for the lock, and gives up with 0 once the stop has ended the FIFO's waits: in every
+    // state in which that can happen an off has no effect.
     int requestStop();
 
-    // Brackets the life of every thread that reads the names: while one lives, no copy is freed.
+    // Called at the beginning and the end of every thread that reads the names: while one exists,
+    // no copy is freed.
     void holdDevNames() { nameReaders.fetch_add(1, std::memory_order_relaxed); }
     void releaseDevNames() { nameReaders.fetch_sub(1, std::memory_order_release); }
 
-    // Takes as long as a wait that times out, for what fails at once and would otherwise let a
-    // real-time thread spin.
+    // Sleeps as long as a wait that times out. Call it after something that fails at once, so that
+    // a real-time thread does not spin.
     static void pauseForTimeout();
 
     // xrun_recovery of the PCM, with its result. Logs under `tag`, error level:
     // "ALSA xrun recovery failed (%s)\n".
     int recoverPcm(int err, const char* tag);
 
-    // For a pass in which snd_pcm_wait has not returned 1, but `waitResult`. After an xrun or a
-    // suspend the PCM is recovered; anything else is a stall. Stalls are counted in pcmStallCnt, up
+    // Handles a pass in which snd_pcm_wait returned `waitResult` instead of 1. After an xrun or a
+    // suspend it recovers the PCM; anything else is a stall. Stalls are counted in pcmStallCnt, up
     // to INT_MAX, and never stop the channel, whatever their code and however long they last: the
-    // other side has merely stopped. Returns what the pass is to return: the recovery's result, or
-    // 0 for a stall. Logs under `tag`: "rc=%d\n" (error) after a failed recovery, and on the first
-    // stall of a run "timeout0, rc=%d\n" (debug).
+    // host has merely stopped. Returns the result of the pass: the recovery's, or 0 for a stall.
+    // Logs under `tag`: "rc=%d\n" (error) after a failed recovery, and on the first stall of a run
+    // "timeout0, rc=%d\n" (debug).
     int missedWait(int waitResult, const char* tag);
 
     bool joinPending = false;               // a finished worker waits to be joined; intfMutex
@@ -106,9 +107,8 @@ class UafCh {
     snd_pcm_t* pcmHandle = nullptr;         // null when closed
     DevName pcmName;                        // ALSA device name
     DevName fifoName;                       // path of the channel's FIFO
-    AppFifo fifo;                           // used by the thread that moves sound through it
-    // Not read by anything: allocated by uafStart, which fails without it, and kept until
-    // destruction.
+    AppFifo fifo;                           // the FIFO, used by the thread that moves its sound
+    // Never read. uafStart allocates it, fails when it cannot, and keeps it until destruction.
     snd_pcm_status_t* pcmStatus = nullptr;
     int pcmStallCnt = 0;   // consecutive waits that found the PCM not ready
     int availChkCnt = 0;   // ready periods since the sink's backlog check

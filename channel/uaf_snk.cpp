@@ -28,8 +28,8 @@ constexpr snd_pcm_uframes_t kStartThresholdFrames = kPeriodFrames;
 constexpr snd_pcm_uframes_t kStopThresholdFrames = 4800;
 constexpr snd_pcm_uframes_t kAvailMinFrames = kPeriodFrames;
 
-// The backlog check: what may wait, and the values of availChkCnt that pace the check in ready
-// periods.
+// The backlog check: how much may wait, and the values of availChkCnt, in ready periods, that
+// decide when to check.
 constexpr snd_pcm_sframes_t kBacklogFrames = 3 * kPeriodFrames;
 constexpr int kCheckDue = 99;  // the check runs from here on
 constexpr int kCheckNextPeriod = 100;
@@ -203,7 +203,7 @@ bool UafSnk::restartIfStopped() {
     return true;
 }
 
-// Throws whole periods away until no more than three wait. False when a read stopped the channel.
+// Drops whole periods until no more than three wait. False when a read stopped the channel.
 bool UafSnk::dropBacklog() {
     availChkCnt = 0;
     const snd_pcm_sframes_t avail = snd_pcm_avail_update(pcmHandle);
@@ -217,7 +217,7 @@ bool UafSnk::dropBacklog() {
             return false;
         }
         if (rc < 0) {
-            break;  // a failed recovery: the read of the kept period reports it
+            break;  // recovery failed, which the next read will report
         }
     }
     availChkCnt = kCheckAfterDrop;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sink channel: the USB host's speaker audio on its way to the companion app. The worker
-// captures mono periods of 5 ms from the gadget card, doubles each sample to stereo and writes them
-// into the app's FIFO. All of it runs on the worker thread; no lock is taken here.
+// The sink channel: moves the USB host's speaker audio to the companion app. The worker captures
+// mono periods of 5 ms from the gadget card, doubles each sample to stereo and writes them into the
+// app's FIFO. All of it runs on the worker thread; no lock is taken here.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace uafd {
 class UafSnk : public UafCh {
   public:
     UafSnk();
-    // Closes neither the PCM nor the FIFO: that is uafStop's.
+    // Closes neither the PCM nor the FIFO; uafStop does.
     ~UafSnk() override;
 
     void uafLoop() override;
@@ -24,7 +24,7 @@ class UafSnk : public UafCh {
     int uafStart() override;
     int uafStop() override;
 
-    // The start synchronisation, as channel/capture_sync.h tells.
+    // The start synchronisation, see channel/capture_sync.h.
     static int64_t micCaptureTimestamp() { return uafd::micCaptureTimestamp(); }
     static int synchStartup(int frames, SynchStartupState* state) {
         return uafd::synchStartup(frames, state);

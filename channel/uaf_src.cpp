@@ -21,8 +21,8 @@ constexpr const char* kLogTag = kSourceLogTag;
 
 constexpr size_t kFifoBlockBytes = kFifoBlockFrames * kFifoChannels * sizeof(int16_t);
 
-// Buffer sizes, samples. A period is what pcmBuf and silenceBuf are used for; SSRS's test tone
-// writes up to 15 samples behind a frame.
+// Buffer sizes, samples. pcmBuf and silenceBuf hold a period of 240; SSRS's test tone writes up to
+// 15 samples beyond a frame.
 constexpr size_t kFifoBufSamples = kFifoBlockFrames * kFifoChannels;
 constexpr size_t kPcmBufSamples = 960;
 constexpr size_t kSilenceBufSamples = 720;
@@ -59,7 +59,7 @@ int UafSrc::uafStart() {
     if (!allocateBuffers()) {
         return -1;
     }
-    // A PCM left open by a start that failed is cleaned up below, together with its buffer thread;
+    // If a failed start has left the PCM open, it is closed below, together with its buffer thread;
     // until then no thread is started.
     const bool stillOpen = pcmHandle != nullptr;
     if (!stillOpen) {
@@ -101,14 +101,14 @@ bool UafSrc::allocateBuffers() {
     return fifoBuf && pcmBuf && silenceBuf && frameBufferHasStorage;
 }
 
-// Leaves the frame buffer alone while a buffer thread that a failed start left may be using it.
+// Does nothing while the buffer thread of a failed start may be using the frame buffer.
 void UafSrc::buildFrameBuffer() {
     if (!bufferThreadJoinable) {
         frameBuffer.build();
     }
 }
 
-// Goes on with a thread that a failed start left. False when none could be created.
+// Keeps the thread of a failed start. False when none could be created.
 bool UafSrc::startBufferThread() {
     if (bufferThreadJoinable || fifoName.load() == nullptr) {
         return true;
@@ -195,8 +195,8 @@ void UafSrc::bufferLoop() {
          static_cast<int>(run.fifoBytes));
 }
 
-// One block from the FIFO into the frame buffer. False when the stop has let this thread out of the
-// FIFO, and after any failure, for which a stop has then been requested.
+// Moves one block from the FIFO into the frame buffer. False when the stop has ended the wait, and
+// after any failure, for which a stop has then been requested.
 bool UafSrc::bufferPass(BufferRun& run) {
     const int bytes = fifoRead();
     if (bytes < 0) {
@@ -209,13 +209,13 @@ bool UafSrc::bufferPass(BufferRun& run) {
     adjCh(fifoBuf.get(), kFifoChannels, kPcmChannels, kFifoBlockFrames);
     const FrameBuffer::Result written = frameBuffer.write(fifoBuf.get(), run.loopcnt);
     if (!written.ok()) {
-        requestStop();  // under the lock, where `written` holds it
+        requestStop();  // under the frame buffer's lock if `written` holds it
     }
     return written.ok();
 }
 
-// A failed pass is retried at once, but lets others run. When the channel is stopped, because a
-// start failed after it had created this thread, nobody ends the thread and it must not spin.
+// A failed pass is repeated at once, but lets other threads run. When the channel is stopped,
+// because a start failed after creating this thread, nobody ends the thread, so it must not spin.
 void UafSrc::endFailedBufferPass() {
     if (state.load(std::memory_order_relaxed) == UAFCH_STOPPED) {
         pauseForTimeout();
@@ -233,7 +233,7 @@ int UafSrc::fifoRead() {
         return -1;
     }
     if (!fifo.isPipe()) {
-        pauseForTimeout();  // what is in the FIFO's place may never make a read wait
+        pauseForTimeout();  // what is in the FIFO's place may be a file whose reads never wait
     }
     const int rc = static_cast<int>(fifo.read(fifoBuf.get(), kFifoBlockBytes));
     if (rc > 0 || fifo.wasLetOut()) {
@@ -286,7 +286,7 @@ int UafSrc::pcmWrite() {
         return stopIfFailed(missedWait(ready, kLogTag));
     }
     const FrameBuffer::Result taken = frameBuffer.read(pcmBuf.get());
-    // A failure's stop is requested under the lock, where `taken` holds it.
+    // After a failure the stop is requested under the frame buffer's lock if `taken` holds it.
     return stopIfFailed(taken.ok() ? playFrame() : -1);
 }
 

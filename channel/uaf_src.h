@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source channel: the companion app's microphone audio on its way to the USB host. A buffer
+// The source channel: moves the companion app's microphone audio to the USB host. A buffer
 // thread reads the app's FIFO in 10 ms blocks, keeps the left channel and writes it into the frame
 // buffer; the worker takes 5 ms frames out of it and plays them into the gadget card.
 //
@@ -26,13 +26,13 @@ class UafSrc : public UafCh {
     ~UafSrc() override;
 
     void uafLoop() override;
-    // 0, also when the buffer thread could not be created (the channel then stops itself); -1
+    // 0, even when the buffer thread could not be created (the channel then stops itself); -1
     // without memory; otherwise the negative ALSA code of the step that failed. A failure leaves
-    // the PCM and the buffer thread as they are: the next start goes on with the thread and closes
-    // the PCM.
+    // the PCM and the buffer thread as they are: the next start keeps the thread and closes the
+    // PCM.
     int uafStart() override;
-    // Ends the buffer thread, whatever the app does with the FIFO that it waits in, and joins it.
-    // The FIFO stays open for the next start.
+    // Ends the buffer thread, even while that waits for the app at the FIFO, and joins it. The FIFO
+    // stays open for the next start.
     int uafStop() override;
 
   private:

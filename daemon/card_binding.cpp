@@ -17,14 +17,13 @@ namespace {
 
 constexpr char kDriverName[] = "Vexa_Gadget";
 
-// After each printed line: where standard output is a file or a pipe, stdio would keep the line
-// until it has a page of them, which may be never.
+// Called after each printed line: when standard output is a file or a pipe, stdio would otherwise
+// keep lines until a page is full, which may be never.
 void flushPrinted() {
     fflush(stdout);
 }
 
-// Fills `info` with what the card says of itself. False, reported on standard output, when it does
-// not.
+// Fills `info` with the card's description. False, and reported on standard output, on failure.
 bool queryCard(int card, snd_ctl_card_info_t* info) {
     char name[32];
     snprintf(name, sizeof name, "hw:%d", card);

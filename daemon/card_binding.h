@@ -9,12 +9,12 @@ class UafSnk;
 class UafSrc;
 
 // The lowest index after `card` (-1: of all) of a sound card whose driver name begins with
-// `driverName`, or -1 when there is none. A card that cannot be opened or asked is reported on
-// standard output at once, where this search alone writes, and skipped.
+// `driverName`, or -1 when there is none. A card that cannot be opened or queried is skipped and
+// reported at once on standard output, which nothing else in the daemon uses.
 int drvCodecCardSearch(const char* driverName, int card);
 
-// Names the gadget card's PCM and their FIFO to both channels. Returns the card's index, or -1,
-// with an error line (tag "UAFIFO") and the names as they were, when the card is not there.
+// Gives each channel the names of the gadget card's PCM and of its FIFO. Returns the card's index.
+// When there is no card, returns -1, logs an error (tag "UAFIFO") and leaves the names as they are.
 int uafBind(UafSrc* src, UafSnk* snk);
 
 }  // namespace uafd

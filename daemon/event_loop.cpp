@@ -28,11 +28,11 @@ int16_t volumeOf(uint32_t data) {
 void EventLoop::run(int controlFd) {
     UacUserMsgT record{kInvalidEvent, 0};
     for (;;) {
-        // What the read returns is logged, and no record is refused because of it. A short read
-        // leaves the rest of the record as it was, and after one that brings nothing the record
-        // before is handled once more: an event states what is so, not what changed. Handling it
-        // again tells the app of a volume or mute again, starts a stream that has failed since, and
-        // counts: each bind in bindcnt, each activation that finds no card in bindbad.
+        // The read's result is logged, and the record is handled whatever it is. A short read
+        // leaves the rest of the record as it was, and after a read that gives nothing the previous
+        // record is handled once more. That is harmless, because an event states what is, not what
+        // changed. Handled again, it sends a volume or mute to the app again, starts a stream that
+        // has failed since, and counts a bind in bindcnt, an activation without a card in bindbad.
         const ssize_t size = read(controlFd, &record, sizeof record);
         handle(record, static_cast<int>(size));
         if (size <= 0) {
@@ -77,8 +77,7 @@ void EventLoop::handle(const UacUserMsgT& record, int size) {
     }
 }
 
-// Also when already bound: the card is searched again, and the channels are given their names
-// again.
+// Even when already bound, this searches the card and sets the channels' names again.
 void EventLoop::bind() {
     cardnum = uafBind(&src, &snk);
     if (cardnum != -1) {
@@ -115,8 +114,8 @@ void EventLoop::activateMic(uint32_t active) {
     src.intfUpdate(active != 0);
 }
 
-// A stream may be switched on before its bind event, or after one that came too early for the card.
-// Counts it.
+// Whether a stream is switched on while no card is bound: before its bind event, or after one that
+// came too early for the card. Counts these activations.
 bool EventLoop::missesItsBind(uint32_t active) {
     const bool missed = cardnum == -1 && active != 0;
     bindbad += missed ? 1 : 0;

@@ -14,8 +14,8 @@ class EventLoop {
   public:
     EventLoop(UafSrc& src, UafSnk& snk) : src(src), snk(snk) {}
 
-    // Reads records from the gadget control device and handles each, forever. A read that fails or
-    // gives nothing handles the record before again, and then waits 10 ms.
+    // Reads records from the gadget control device and handles each, forever. After a read that
+    // fails or gives nothing, it handles the previous record again and then waits 10 ms.
     [[noreturn]] void run(int controlFd);
 
     // Logs and handles one record; `size` is what the read that should have filled it returned.
@@ -31,9 +31,9 @@ class EventLoop {
     UafSrc& src;       // the host's microphone
     UafSnk& snk;       // the host's speaker
     int cardnum = -1;  // index of the bound gadget card, -1 = unbound
-    // Bind events that found the card, less unbind events while bound. A card bound by an
-    // activation is not counted, but its unbinding is, so the count may go below zero: field logs
-    // are read with that rule.
+    // Bind events that found the card, minus unbind events while bound. A card that an activation
+    // has bound is not counted, but its unbinding is, so the count may go below zero. The log shows
+    // it, and its readers know that rule.
     int bindcnt = 0;
     int bindbad = 0;  // activations while unbound, each of which tried to bind
 };

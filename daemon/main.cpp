@@ -30,7 +30,7 @@ int main() {
         return -1;
     }
     if (!ipc.start()) {
-        // Fatal, but at debug level: the service has reported its error itself.
+        // Debug level although it is fatal: the service has already logged the error.
         LOGD("failed to initialized IPC ... exiting\n");
         return -1;
     }

@@ -50,8 +50,8 @@ bool createNode() {
 void occupyStandardStreams() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) < 0) {
-            // Takes this number, the lowest that is free. Where there is no /dev/null, the daemon
-            // starts with what it was given.
+            // Gets this number, the lowest free one. Without a /dev/null the daemon starts with
+            // the stream closed.
             open(kNullDevicePath, O_RDWR);
         }
     }

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// What happens before the event loop: seeing to the standard streams, waiting for the companion
+// What happens before the event loop: opening missing standard streams, waiting for the companion
 // app, opening the gadget control device, asking the driver for its state. Main thread only; logs
 // under the tag "UAFIFO".
 #pragma once
 
 namespace uafd {
 
-// Opens /dev/null in the place of each standard stream that the daemon was started without. The
-// first files that it opens would take these numbers: the app would get log lines as sound, and a
-// FIFO with the number 0 counts as closed. Before anything else opens a file; logs nothing.
+// Opens /dev/null in the place of each standard stream that was closed when the daemon was started.
+// Otherwise the first files that it opens would get these numbers: the app would get log lines as
+// sound, and a FIFO with descriptor 0 counts as closed. Call it before anything opens a file. Logs
+// nothing.
 void occupyStandardStreams();
 
 // Returns once the companion app holds the other end of both FIFOs: each is opened, which blocks
