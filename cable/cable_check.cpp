@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The check for a plugged cable that the gadget does not notice, and its remedy.
+// The check for a plugged cable that the gadget has not noticed, and the controller's restart.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,8 +20,8 @@ constexpr size_t kCommandBytes = 128;
 constexpr char kShellSafe[] =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_,.:+-";
 
-// Setting the property to the value that it has makes the platform apply the configuration again,
-// which restarts the controller.
+// Setting the property to its present value makes the platform apply the configuration again, which
+// restarts the controller.
 void restartController() {
     char value[PROP_VALUE_MAX] = {};
     __system_property_get(kCableConfigProperty, value);
@@ -65,7 +65,7 @@ void CableMon::validateConnectionState() {
     }
 }
 
-// Other states leave the count alone: the gadget is on its way to one of the two.
+// Other states do not change the count: the gadget will soon reach one of these two.
 void CableMon::classify(const char* usbLine, const char* plugLine) {
     if (beginsWith(usbLine, kUsbStateConfigured)) {
         plugNoAckCnt = 0;

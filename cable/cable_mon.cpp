@@ -50,7 +50,7 @@ bool readInitialState(FILE* file) {
     return beginsWith(line, kUsbStateConfigured);
 }
 
-// Only a configured gadget is reported: the app takes "disconnected" for granted.
+// Only a configured gadget is reported: the app assumes "disconnected" until told otherwise.
 bool reportInitialState() {
     FILE* const file = fopen(kCableUsbStatePath, "r");
     if (file == nullptr) {
@@ -92,7 +92,7 @@ bool CableMon::openSocket() {
         return false;
     }
     if (isRkSoc) {
-        // Without the timeout there are only fewer checks.
+        // If this fails there are only fewer checks.
         const timeval timeout = {kCableCheckPeriodS, 0};
         setsockopt(nlSock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     }
@@ -175,7 +175,7 @@ void CableMon::receiveEvent() {
     }
 }
 
-// With a timeout set, every error is a tick of the check.
+// When a timeout is set, every error leads to one check.
 void CableMon::handleReceiveError(int result, int savedErrno) {
     if (isRkSoc) {
         LOGD("recvmsg error: <%d:%d:%s> - likely a timeout for RK-based SoC\n", result, savedErrno,
@@ -206,7 +206,7 @@ void CableMon::handleEvent(NetlinkEvent& event) {
     handleUsbState(state);
 }
 
-// The app hears of edges only; any other state ("CONNECTED") is one on the way.
+// The app is told only of changes between the two; other states ("CONNECTED") are intermediate.
 void CableMon::handleUsbState(const char* state) {
     if (strcmp(state, kUsbStateDisconnected) == 0) {
         if (usbConfigured) {

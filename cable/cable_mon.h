@@ -33,13 +33,13 @@ class CableMon {
     // Stops nothing: the monitor lasts as long as the process.
     virtual ~CableMon();
 
-    // Opens the uevent socket and starts the thread; logs the step that failed. The daemon runs on
-    // without the monitor then.
+    // Opens the uevent socket and starts the thread. False, with the failed step logged, when that
+    // fails; the daemon then runs without the monitor.
     bool start();
 
   protected:
-    // A listener of every USB state change, for a subclass to set before start(); its result is
-    // ignored. Called by the monitor thread.
+    // Called by the monitor thread at every USB state change. A subclass sets it before start();
+    // its result is ignored.
     int (*stateCb)(void* context, bool configured) = nullptr;
     void* stateCbCtx = nullptr;
 
@@ -51,12 +51,12 @@ class CableMon {
     void closeSocket();
 
     void loop();
-    // One message: received, checked and handled.
+    // Receives, checks and handles one message.
     void receiveEvent();
     void handleReceiveError(int result, int savedErrno);
     void handleEvent(NetlinkEvent& event);
     void handleUsbState(const char* state);
-    // After each failed receive: counts the checks that find the fault, and restarts the
+    // Called after each failed receive: counts the checks that find the fault, and restarts the
     // controller.
     void validateConnectionState();
     void classify(const char* usbLine, const char* plugLine);
@@ -67,7 +67,7 @@ class CableMon {
     int nlSock;  // -1: none
     bool isRkSoc = false;
 
-    // The monitor thread's own.
+    // Used by the monitor thread only.
     bool usbConfigured = false;  // what the app was told last
     int32_t plugNoAckCnt = 0;    // checks in a row: plugged, but the gadget is "DISCONNECTED"
 };

@@ -17,8 +17,8 @@ void MsgQueue::queueMsg(const UsbAudioMsgT& msg) {
     unlock();
 }
 
-// One hold for the whole reply, read from the cache and not written to it: a state that another
-// thread queues meanwhile stands behind the reply, and the reply cannot revive the one before.
+// Holds the lock for the whole reply and only reads the cache: a state that another thread queues
+// meanwhile comes after the reply, and the reply cannot restore an older state.
 void MsgQueue::queueSyncReply() {
     if (!lock()) {
         return;
@@ -113,7 +113,7 @@ bool MsgQueue::append(const UsbAudioMsgT& msg) {
     return true;
 }
 
-// By position, not by type: the older messages stay as they are.
+// Replaces the newest message whatever its type; the older messages stay as they are.
 bool MsgQueue::overwriteNewest(const UsbAudioMsgT& msg) {
     if (first == nullptr) {
         LOGE("queueMsg: last entry is NULL\n");
@@ -126,7 +126,7 @@ bool MsgQueue::overwriteNewest(const UsbAudioMsgT& msg) {
     return true;
 }
 
-// Returns with the lock held, or with false and without it.
+// Returns true with the lock held, or false without it.
 bool MsgQueue::waitForMsg() {
     while (msgQueueLen == 0) {
         int rc = pthread_cond_wait(&queueCond, &queueMutex);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The messages that wait for the app: a bounded list with its lock, and the states last queued,
-// from which a sync-up is answered. Any thread queues; one thread takes and sends.
+// The messages that wait for the app: a bounded list with its lock, and the last states queued,
+// with which a sync-up is answered. Any thread queues; one thread takes and sends.
 #pragma once
 
 #include <atomic>
@@ -24,8 +24,9 @@ static_assert(offsetof(UafIpcQueueEntry, next) == 0, "MsgQueue::tail is also the
 
 class MsgQueue {
   public:
-    // Appends a copy; with kIpcQueueMax messages pending the newest of them gives way. A state
-    // message also updates the state that a sync-up reply gives. A loss is logged, not reported.
+    // Appends a copy; when kIpcQueueMax messages are pending it replaces the newest of them. A
+    // state message also updates the state in sync-up replies. A lost message is logged, not
+    // reported.
     void queueMsg(const UsbAudioMsgT& msg);
 
     // Queues the answer to a sync-up: all three states when the USB host has configured the
@@ -33,27 +34,27 @@ class MsgQueue {
     void queueSyncReply();
 
     // The sending thread only: waits for a message, takes the oldest, sends it with no lock held
-    // and frees it. False, with a line in the log: the lock or the condition fails, and the thread
-    // is to end.
+    // and frees it. False, and logged, when the lock or the condition fails; the thread must then
+    // end.
     bool sendOldest(void (*send)(const UsbAudioMsgT& msg));
 
-    // Drops the list as a start finds it. Frees nothing and leaves the count: the daemon starts
-    // before anything is queued.
+    // Empties the list at a start. Frees nothing and leaves the count: the daemon starts before
+    // anything is queued.
     void resetList();
 
   private:
     void cacheState(const UsbAudioMsgT& msg);
     bool lock();
     void unlock();
-    // These five: with queueMutex held.
+    // The next five are called with queueMutex held.
     void appendOrOverwrite(const UsbAudioMsgT& msg);
     bool append(const UsbAudioMsgT& msg);
     bool overwriteNewest(const UsbAudioMsgT& msg);
     UafIpcQueueEntry* takeOldest();
     bool waitForMsg();
 
-    // Guards the list and its length. A leaf: nothing is locked, sent or waited for (but
-    // queueCond) while it is held.
+    // Guards the list and its length. An innermost lock: while it is held nothing is locked or
+    // sent, and nothing but queueCond is waited for.
     pthread_mutex_t queueMutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t queueCond =
         PTHREAD_COND_INITIALIZER;       // broadcast after each append or overwrite
@@ -61,8 +62,8 @@ class MsgQueue {
     UafIpcQueueEntry** tail = &first;   // the newest node's next, or first
     uint32_t msgQueueLen = 0;
 
-    // The last state 0 or 1 that was queued of each kind. Relaxed: producers store before they take
-    // queueMutex and a reply reads while it holds it, so the lock gives the order that counts.
+    // The last state, 0 or 1, that was queued of each kind. Relaxed: producers store before they
+    // take queueMutex and a reply reads while it holds it, so the lock provides the order.
     std::atomic<uint32_t> lastUsbState{0};
     std::atomic<uint32_t> lastSpkState{0};
     std::atomic<uint32_t> lastMicState{0};

@@ -38,8 +38,7 @@ bool removeStalePath(const char* path) {
     }
     const int savedErrno = errno;
     if (savedErrno == ENOENT) {
-        // An error line although nothing is wrong: whoever watches the log of a first start
-        // expects it.
+        // An error line although nothing is wrong: log readers expect it at a first start.
         LOGE("unlink failed err %d, path does not exist ... ignoring", savedErrno);
         return true;
     }
@@ -86,7 +85,7 @@ bool UafIpc::openSockets() {
     rxSock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (rxSock < 0) {
         const int savedErrno = errno;
-        // Without a line end, which tells it from the sending socket's line.
+        // Without a line end, unlike the sending socket's line: that distinguishes the two.
         LOGE("socket failed: <%d:%d>", rxSock, savedErrno);
         return false;
     }
@@ -144,7 +143,7 @@ void UafIpc::closeSockets() {
     }
 }
 
-// Waits until the start that creates this thread is through.
+// Waits until the start that creates this thread has finished.
 bool UafIpc::Admission::admits(pthread_t newThread) {
     pthread_mutex_lock(&startMutex);
     const bool admitted = any && pthread_equal(thread, newThread) != 0;
@@ -180,15 +179,15 @@ bool UafIpc::receiveMsg(int gadgetFd) const {
     const ssize_t size = recvfrom(rxSock, &msg, sizeof msg, 0, nullptr, nullptr);
     const int savedErrno = errno;
     if (size <= 0) {
-        // An empty datagram comes here too, with the errno of some earlier call: it ends the
-        // thread like an error does.
+        // An empty datagram comes here too, with the errno of an earlier call; it ends the thread
+        // like an error.
         if (savedErrno == EAGAIN) {
             return true;
         }
         LOGE("receive error: <%d:%d>\n", static_cast<int>(size), savedErrno);
         return false;
     }
-    // A longer datagram arrives as its first eight bytes, and counts.
+    // Of a longer datagram the first eight bytes arrive and count.
     if (size != static_cast<ssize_t>(sizeof msg)) {
         LOGE("unexpected msg size: %d\n", static_cast<int>(size));
     } else {

@@ -2,8 +2,8 @@
 // The app IPC service: one datagram per message between the daemon and the companion app. A receive
 // thread turns the app's requests into gadget requests and sync-up replies; a transmit thread
 // drains a bounded queue towards the app and waits for the app's socket while it is missing. main
-// owns the one instance and calls start() once. queueMsg() is for any thread, without the instance:
-// the queue and the sending socket are the process's.
+// owns the one instance and calls start() once. Any thread calls queueMsg(), which needs no
+// instance: the queue and the sending socket are static.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ class UafIpc {
     // Stops no thread, closes no socket, frees no message: the threads last as long as the process.
     virtual ~UafIpc();
 
-    // Opens both sockets and starts both threads; logs the step that failed. After false nothing of
-    // the instance is in use and it may be destroyed.
+    // Opens both sockets and starts both threads. False, with the failed step logged, when that
+    // fails: the instance is then not in use and may be destroyed.
     bool start();
 
     // Any thread: queues a copy for the app, see MsgQueue::queueMsg.
@@ -65,8 +65,8 @@ class UafIpc {
     static int txSock;  // -1: none; never bound or connected
     static sockaddr_un txAddr;
 
-    // Which receive thread may begin. The process's: after a failed start main destroys the
-    // instance, which the thread that is there already must then not touch.
+    // Which receive thread may begin. Static: after a failed start main destroys the instance, and
+    // the thread that already exists must not touch it.
     struct Admission {
         // Held by start() while it creates both threads.
         pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way out: the process's queue for the app and the transmit thread.
+// Sending to the app: the queue and the transmit thread.
 #include <cerrno>
 #include <ctime>
 

@@ -9,6 +9,6 @@
 #define LOGD(...) LOGD_AS(kLogTag, __VA_ARGS__)
 #define LOGE(...) LOGE_AS(kLogTag, __VA_ARGS__)
 
-// Under the tag of the caller, for functions that are given one.
+// The same with an explicit tag, for functions that get it as an argument.
 #define LOGD_AS(tag, ...) __android_log_print(ANDROID_LOG_DEBUG, tag, __VA_ARGS__)
 #define LOGE_AS(tag, ...) __android_log_print(ANDROID_LOG_ERROR, tag, __VA_ARGS__)

@@ -90,15 +90,15 @@ static int claim(int fd) {
     return errno == EWOULDBLOCK ? -EBUSY : -errno;
 }
 
-// Both ends: a daemon that goes is no end of file then.
+// Opens both ends, so that the end of the daemon is no end of file.
 static int open_speaker(uafd_companion* companion, const uafd_private_place* place) {
     const int error =
         uafd_private_open_fifo(place, FIFO_RX, &companion->speaker, &companion->keeper);
     return error == 0 ? claim(companion->speaker) : error;
 }
 
-// The writing end alone is kept: as long as no daemon has the other one, a write says so and leaves
-// nothing behind.
+// Keeps only the writing end: while no daemon has the other one, a write fails and leaves nothing
+// in the FIFO.
 static int open_mic(uafd_companion* companion, const uafd_private_place* place) {
     int reader = -1;
     const int error = uafd_private_open_fifo(place, FIFO_TX, &reader, &companion->mic);
@@ -108,12 +108,12 @@ static int open_mic(uafd_companion* companion, const uafd_private_place* place) 
     return error == 0 ? claim(companion->mic) : error;
 }
 
-// The socket comes first: a daemon that waits for the FIFOs sends as soon as it has them.
+// Opens the socket first: a daemon that waits for the FIFOs sends as soon as they are open.
 static int open_parts(uafd_companion* companion, const uafd_private_place* place, unsigned parts) {
     companion->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     int error = companion->wake < 0 ? -errno : open_socket(companion, place, parts);
     if (error == 0 && (parts & UAFD_SOUND) != 0 && (parts & UAFD_EVENTS) == 0) {
-        // Where that does not work the next app waits longer for its first message, no more.
+        // If this fails, the next app only waits longer for its first message.
         (void)uafd_private_leave_closed_socket(place, SOCKET_RX);
     }
     if (error == 0 && (parts & UAFD_SPEAKER) != 0) {

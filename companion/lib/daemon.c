@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whether a daemon is there. The system tells nobody of a datagram socket's end, so the daemon's is
-// tried; its file shows whether it is the same daemon.
+// Whether a daemon runs. The system does not report that a datagram socket was closed, so the
+// daemon's is tried; its file shows whether it is the same daemon.
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
@@ -10,7 +10,7 @@
 
 #include "state.h"
 
-// Binding makes the file: number and time together are not used twice.
+// Binding creates the file, so its number and time together are never used twice.
 static uint64_t number_of(const struct stat* file) {
     const uint64_t time_ns =
         (uint64_t)file->st_mtim.tv_sec * 1000000000U + (uint64_t)file->st_mtim.tv_nsec;
@@ -20,7 +20,7 @@ static uint64_t number_of(const struct stat* file) {
 uint64_t uafd_private_look(const uafd_companion* companion) {
     const struct sockaddr_un* const daemon = &companion->daemon;
     struct stat found;
-    // A socket that is not for this process may have a daemon behind it.
+    // A socket that this process may not connect to may still have a daemon.
     if (connect(companion->probe, (const struct sockaddr*)daemon, sizeof *daemon) != 0 &&
         (errno == ENOENT || errno == ECONNREFUSED)) {
         return NO_DAEMON;
@@ -47,7 +47,8 @@ static void tell_end(uafd_companion* companion) {
     }
 }
 
-// A daemon whose socket is full takes the question later. One that is gone already was never there.
+// Sends a sync-up. If the daemon's socket is full, it is sent later; if the daemon has gone again,
+// it counts as never seen.
 static int ask(uafd_companion* companion) {
     const int error = uafd_companion_sync(companion);
     atomic_store_explicit(&companion->sync_owed, error == -EAGAIN, memory_order_relaxed);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files that others see: a FIFO or socket that is made is never found with another mode or group
-// than it is to have, nor a name without a file. It is made under a name beside its own, and moved.
+// Files that others see. Nobody ever finds a new FIFO or socket with a wrong mode or group: it is
+// made under a temporary name beside its own, and then renamed.
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
@@ -25,7 +25,7 @@ int uafd_private_address(struct sockaddr_un* address, const char* directory, con
     return fill_path(address->sun_path, sizeof address->sun_path, directory, name);
 }
 
-// The same with an ending that no other thread uses at this time.
+// The same with a suffix that no other thread uses at this time.
 static int private_address(struct sockaddr_un* address, const uafd_private_place* place,
                            const char* name) {
     char beside[64];
@@ -46,7 +46,7 @@ int uafd_private_socket(int* opened) {
     return *opened < 0 ? -errno : 0;
 }
 
-// 0 when nobody lives behind the address: there is nothing, or a file that an app left behind.
+// 0 when nobody uses the address: there is no file, or one that an app left behind.
 static int check_unused(const struct sockaddr_un* address) {
     int probe = -1;
     const int failed = uafd_private_socket(&probe);
@@ -54,13 +54,13 @@ static int check_unused(const struct sockaddr_un* address) {
         return failed;
     }
     const int result = connect(probe, (const struct sockaddr*)address, sizeof *address);
-    // One that is connected to another refuses in its own way.
+    // A socket that is connected to another one refuses with EPERM.
     const int error = result == 0 || errno == EPERM ? EBUSY : errno;
     close(probe);
     return error == ENOENT || error == ECONNREFUSED ? 0 : -error;
 }
 
-// Of apps that open at the same time one has the name, and the others are refused.
+// When several apps open at the same time, one gets the name and the others are refused.
 static int bind_beside(int fd, const struct sockaddr_un* beside) {
     if (bind(fd, (const struct sockaddr*)beside, sizeof *beside) == 0) {
         return 0;
@@ -69,7 +69,7 @@ static int bind_beside(int fd, const struct sockaddr_un* beside) {
     if (error != 0) {
         return error;
     }
-    // Of an app that died here.
+    // Left by an app that died at this point.
     if (unlink(beside->sun_path) != 0 && errno != ENOENT) {
         return -errno;
     }
@@ -106,7 +106,7 @@ int uafd_private_bind(int socket, const uafd_private_place* place, const char* n
     return error;
 }
 
-// Gives what is ready its name, where there is no such file yet.
+// Renames the finished file, unless the name already exists.
 static int move_where_missing(const char* from, const char* path, const uafd_private_place* place) {
     int error = give_rights(from, place);
     if (error == 0 && link(from, path) != 0 && errno != EEXIST) {
@@ -152,7 +152,7 @@ static int open_end(const char* path, int access, int* end) {
     return *end < 0 ? -errno : 0;
 }
 
-// The reading end opens without a partner, the writing end then has one.
+// Opens the reading end first, which needs no partner; it is the writing end's.
 int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
                            int* writer) {
     struct sockaddr_un address;  // for its path

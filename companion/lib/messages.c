@@ -14,7 +14,7 @@ typedef struct message {
     uint32_t data;
 } message;
 
-enum { SYNC_UP = 7 };  // of the messages to the daemon the one that is no event's
+enum { SYNC_UP = 7 };  // the only message to the daemon that is not also an event
 
 static int send_message(uafd_companion* companion, uint32_t type, uint32_t data) {
     const message sent = {type, data};
@@ -27,7 +27,7 @@ static int send_message(uafd_companion* companion, uint32_t type, uint32_t data)
     }
     const int error = errno;
     uafd_private_count(companion, MESSAGES_FAILED, 1);
-    // Before its first start a daemon has no socket, after its end one that nobody is behind.
+    // Before its first start a daemon has no socket, after its end one that nobody is bound to.
     return error == ENOENT ? -ECONNREFUSED : -error;
 }
 
@@ -52,7 +52,7 @@ static int32_t value_of(const message* received) {
 // 1, 0 when there is none, or a negative errno.
 static int receive(uafd_companion* companion, message* received) {
     for (;;) {
-        // Asks for the datagram's own size, so that one that is too long shows.
+        // MSG_TRUNC gives the datagram's real size, so that a too long one is recognised.
         const ssize_t size = recv(companion->socket, received, sizeof *received, MSG_TRUNC);
         if (size < 0 && errno != EINTR) {
             return errno == EAGAIN ? 0 : -errno;
@@ -82,8 +82,8 @@ static int knows_daemon(const uafd_companion* companion) {
     return atomic_load_explicit(&companion->daemon_known, memory_order_relaxed) != NO_DAEMON;
 }
 
-// All that a daemon has sent comes before its end. A message from one that is not known shows that
-// there is one, or was: what that one told does not hold any more.
+// Delivers all that a daemon has sent before its end. A message from an unknown daemon shows that
+// one runs or has run; if it has ended, its states are no longer valid.
 int uafd_companion_next_event(uafd_companion* companion, uafd_event* event) {
     if (!companion->bound) {
         return -EBADF;

@@ -14,7 +14,7 @@
 #define BLOCK_BYTES (UAFD_BLOCK_FRAMES * FRAME_BYTES)
 #define FRAMES_MAX ((size_t)INT_MAX / FRAME_BYTES)
 
-// Up to this size a FIFO takes all or nothing.
+// A FIFO takes writes of up to this size completely or not at all.
 _Static_assert(BLOCK_BYTES <= PIPE_BUF, "a block might be written in part");
 
 static ssize_t read_some(int fd, void* bytes, size_t size) {
@@ -49,8 +49,8 @@ int uafd_companion_read(uafd_companion* companion, int16_t* samples, size_t coun
     return (int)frames;
 }
 
-// Without a reader a write raises SIGPIPE, which would end a process that has not provided for it.
-// It is held back in this thread and taken away again, unless it was there before.
+// Without a reader a write raises SIGPIPE, which would end a process that does not handle it. The
+// signal is blocked in this thread and consumed, unless it was already pending.
 static ssize_t write_without_signal(int fd, const void* bytes, size_t size) {
     const struct timespec at_once = {0, 0};
     sigset_t sigpipe;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What an open companion is made of, and what the library's sources share: inside of the library.
-// Each job of the public header's rule has fields of its own; the atomic ones are for all.
+// The state of an open companion, and what the library's sources share. Internal. Each of the four
+// jobs that the public header names has its own fields; the atomic ones are shared.
 #pragma once
 
 #include <stdatomic.h>
@@ -37,25 +37,25 @@ struct uafd_companion {
     int keeper;                 // the same for writing: a daemon that goes is no end of file
     int mic;                    // the FIFO that the daemon reads, open for writing
     int socket;                 // sends; receives when it is bound
-    int bound;                  // whether it is
-    int probe;                  // tries the daemon's socket
+    int bound;                  // whether `socket` is bound
+    int probe;                  // a socket that tries the daemon's
     int wake;                   // an eventfd
     struct sockaddr_un daemon;  // where messages go
 
-    // Of reading.
-    unsigned char partial[FRAME_BYTES];  // of the speaker's next frame, what has come
+    // Used by reading.
+    unsigned char partial[FRAME_BYTES];  // the received bytes of the speaker's next frame
     size_t partial_bytes;
 
-    // Of waiting, by CLOCK_MONOTONIC; 0 is at once.
+    // Used by waiting: times of CLOCK_MONOTONIC; 0 is at once.
     int64_t block_due_ns;
     int64_t look_due_ns;
 
-    // Of taking events.
+    // Used by taking events.
     uafd_event pending[PENDING_MAX];  // the oldest first
     int told[STATES];                 // 1 as soon as it is pending
 
-    // Written by taking events, read by waiting. Nothing is ordered by any of these.
-    _Atomic uint64_t daemon_known;      // whom the app was told of
+    // Written by taking events, read by waiting. None of these orders other memory.
+    _Atomic uint64_t daemon_known;      // the daemon that the app was told of
     _Atomic unsigned pending_count;     // in the order of pending
     _Atomic unsigned sync_owed;         // 1 while the daemon has not taken the library's sync-up
     _Atomic uint64_t counts[COUNTERS];  // of all
@@ -68,8 +68,8 @@ typedef struct uafd_private_place {
     mode_t mode;
 } uafd_private_place;
 
-// files.c. Each returns 0 or a negative errno; descriptors that were opened are the caller's also
-// after a failure.
+// files.c. Each returns 0 or a negative errno. Even after a failure the caller owns the descriptors
+// that were opened.
 int uafd_private_address(struct sockaddr_un* address, const char* directory, const char* name);
 int uafd_private_socket(int* opened);
 int uafd_private_bind(int socket, const uafd_private_place* place, const char* name);
@@ -77,12 +77,12 @@ int uafd_private_leave_closed_socket(const uafd_private_place* place, const char
 int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
                            int* writer);
 
-// daemon.c. Whoever takes messages behind the daemon's address, as a number that no other has, or
-// NO_DAEMON.
+// daemon.c. A number that identifies the daemon bound to the daemon's address, or NO_DAEMON.
 uint64_t uafd_private_look(const uafd_companion* companion);
-// Looks, and puts what has changed behind the pending events. For the thread that takes events.
+// Looks for the daemon and appends what has changed to the pending events. Called by the thread
+// that takes events.
 void uafd_private_watch(uafd_companion* companion);
-// There must be room.
+// Appends an event to the pending ones, which must have room.
 void uafd_private_tell(uafd_companion* companion, uafd_event_type type, int32_t value);
 
 static inline int uafd_private_has_pending(const uafd_companion* companion) {

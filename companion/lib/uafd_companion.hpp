@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The functions of uafd_companion.h, which says what they do, on a companion that closes itself.
-// C++17; no exceptions, nothing to link but the C library. Every operation but open wants it open.
+// The functions of uafd_companion.h, which describes them, as a class that closes its companion.
+// C++17; no exceptions; only the C library has to be linked. Every operation but open needs an open
+// companion.
 #pragma once
 
 #include <memory>
@@ -12,7 +13,7 @@ namespace uafd {
 
 class Companion {
   public:
-    // What was open before is closed.
+    // Closes what was open before.
     int open(const uafd_options& options) {
         close();
         uafd_companion* opened = nullptr;

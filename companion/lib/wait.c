@@ -10,7 +10,7 @@
 #include "state.h"
 
 #define LATE_BLOCKS_MAX 2
-#define LOOK_NS 200000000LL  // from one look for the daemon to the next
+#define LOOK_NS 200000000LL  // between two looks for the daemon
 #define NS_PER_MS 1000000LL
 #define NS_PER_SECOND 1000000000LL
 
@@ -24,7 +24,7 @@ static int64_t earlier(int64_t a, int64_t b) {
     return a < b ? a : b;
 }
 
-// Until something is due or the end, in milliseconds rounded up; -1 for ever.
+// The time until something is due or the wait ends, in milliseconds rounded up; -1 for ever.
 static int poll_timeout(const uafd_companion* companion, int64_t end_ns, int64_t now) {
     int64_t due = companion->mic >= 0 ? earlier(end_ns, companion->block_due_ns) : end_ns;
     due = companion->bound ? earlier(due, companion->look_due_ns) : due;
@@ -51,7 +51,7 @@ static int take_wake(uafd_companion* companion) {
                                                                                 : 0;
 }
 
-// News that have not come through the socket.
+// Finds news that do not come through the socket.
 static int find_news(uafd_companion* companion, int64_t now) {
     if (uafd_private_has_pending(companion)) {
         return UAFD_READY_EVENT;
@@ -91,7 +91,7 @@ int uafd_companion_wait(uafd_companion* companion) {
     return uafd_companion_wait_for(companion, -1);
 }
 
-// Nothing but a full counter can refuse it, and that wakes, too.
+// The write can only fail because the counter is full, which wakes as well.
 void uafd_companion_wake(uafd_companion* companion) {
     const uint64_t once = 1;
     const int error = errno;

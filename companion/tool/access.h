@@ -11,22 +11,23 @@
 
 namespace uafd {
 
-// How these parts are to be opened: in --directory; what is made gets the group of --group, or else
-// the one of the daemon's files, where this process may give it. Its texts last to the next call.
+// The options for opening these parts: in --directory; new files get the group of --group,
+// otherwise that of the daemon's files if this process may set it. The texts are valid until the
+// next call.
 uafd_options optionsFor(unsigned parts);
 
-// The first file, of those that are there and those that opening all parts would make, that one of
-// the two could not open, and what to do about it. Empty when there is none; also as long as no
-// daemon has run whose user could be known.
+// Looks at the existing files and at those that opening all parts would make. Names the first one
+// that app or daemon could not open, and what to do about it. Empty when there is none, or when no
+// daemon has run, so that its user is unknown.
 std::string findObstacle();
 
-// Takes away again what opening has left.
+// Removes again what opening has made.
 class FoundFolder {
   public:
-    // Before opening.
+    // Create it before opening.
     FoundFolder();
-    // While everything is still open, so that no daemon waits for what goes. The socket becomes as
-    // it was, of the FIFOs that were made those stay that a daemon has used.
+    // Call it while everything is still open, so that no daemon waits at a file that is removed.
+    // The socket is restored; new FIFOs are removed unless a daemon has used them.
     void restore(bool hadDaemon) const;
 
   private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A walk through all that an app needs of the daemon, each step with what it found.
+// Tests all that an app needs from the daemon, step by step, and prints each result.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ constexpr int kRefusedMax = 5;          // of that time's blocks
 constexpr int kTakenBlocks = 100;
 constexpr long kClosedNs = 200000000;
 
-// What came until a condition held.
+// Records what comes until a condition holds.
 class Watch final : public Handler {
   public:
     explicit Watch(std::function<bool()> condition) : condition(std::move(condition)) {}
@@ -62,7 +62,7 @@ class Check final : public Command {
     int run(const std::string& argument) override;
 
   private:
-    // Each returns what is wrong, or nothing.
+    // Each returns what is wrong, or an empty text.
     std::string answersSyncUp();
     std::string takesVolume();
     std::string takesMute();
@@ -101,7 +101,7 @@ class Check final : public Command {
 
 int Check::run(const std::string& /*argument*/) {
     const FoundFolder folder;
-    // Before anything is made that one of them could not open.
+    // Checked before making anything that app or daemon could not open.
     const std::string obstacle = findObstacle();
     const bool isOpen = obstacle.empty() && session.open(UAFD_ALL);
     if (isOpen || !obstacle.empty()) {
@@ -175,7 +175,7 @@ std::string Check::answersSyncUp() {
     return obstacle.empty() ? "no answer" : obstacle;
 }
 
-// A daemon that took the message still answers.
+// Whether a daemon that took the message still answers.
 std::string Check::answersAfter(int sent) {
     if (sent != 0) {
         return uafd_companion_error_text(sent);

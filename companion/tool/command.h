@@ -18,8 +18,8 @@ int misused(const std::string& what);
 // Says on standard error what has failed and why; returns kExitFailed.
 int failed(const std::string& what, const std::string& reason);
 
-// A number from `low` to `high`, a whole one when T is int; false, and without a word, for anything
-// else. Of int and double.
+// Reads a number from `low` to `high`, a whole one when T is int; false, without a message, for
+// anything else. T is int or double.
 template <typename T>
 bool readNumber(const std::string& text, T low, T high, T* number);
 // "a number from 1 to 9"
@@ -36,7 +36,7 @@ class Option {
 
     // False when the option does not take this value.
     virtual bool read(const std::string& text) = 0;
-    // What it takes, as "a number from 1 to 9".
+    // Which values it takes, for example "a number from 1 to 9".
     virtual std::string range() const = 0;
 
     const char* const name;
@@ -65,14 +65,14 @@ class Text final : public Option {
     using Option::Option;
     bool read(const std::string& text) override;
     std::string range() const override { return "a name"; }
-    // Null when it was not given.
+    // The value, or null when the option was not given.
     const char* orNull() const { return given.empty() ? nullptr : given.c_str(); }
 
   private:
     std::string given;
 };
 
-// As readNumber() takes it.
+// A number that readNumber() accepts.
 template <typename T>
 class Number final : public Option {
   public:
@@ -100,9 +100,9 @@ class Command {
     // Returns the exit status. `argument` is empty when it was left out.
     virtual int run(const std::string& argument) = 0;
 
-    // Null when there is none of this name.
+    // The command with this name, or null.
     static Command* find(const std::string& name);
-    // By `next` all follow, in the order of their names.
+    // The first command by name; `next` leads to the others in order.
     static Command* first();
 
     const char* const name;
@@ -115,7 +115,7 @@ class Command {
     ~Command() = default;
 };
 
-// What every command takes.
+// The options of every command.
 extern Option* commonOptions;
 extern Text directoryOption;  // where the FIFOs and sockets are
 extern Text groupOption;      // of what is made there

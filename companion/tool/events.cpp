@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the daemon tells: as it comes, or how it stands.
+// Prints the daemon's events as they come, or its present states.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

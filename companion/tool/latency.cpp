@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Measures the way to the host and back.
+// Measures the latency to the host and back.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

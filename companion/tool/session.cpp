@@ -16,7 +16,7 @@ namespace {
 constexpr int kReadFrames = 4096;
 constexpr int64_t kTickNs = static_cast<int64_t>(kTickS * 1e9);
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int kPatientTicks = 15;  // a daemon that is told of the FIFOs takes a moment to start
+constexpr int kPatientTicks = 15;  // a daemon needs a moment to start after the FIFOs are open
 
 volatile sig_atomic_t interrupted = 0;
 
@@ -24,7 +24,7 @@ void interrupt(int /*signal*/) {
     interrupted = 1;
 }
 
-// Except what the process was started to ignore, as nohup does.
+// Signals that the process was started to ignore, as nohup does, stay ignored.
 void catchInterrupts() {
     struct sigaction action {};
     action.sa_handler = interrupt;
@@ -163,8 +163,8 @@ void Session::giveBlock(Handler* handler) {
     }
 }
 
-// In a session without events the daemon is known by a message that it takes, and not looked for
-// again.
+// In a session without events, a message that the daemon takes shows that it runs; it is not looked
+// for again.
 bool Session::findDaemon() {
     if ((openParts & UAFD_EVENTS) != 0) {
         return isOn(UAFD_DAEMON_STATE);
@@ -172,8 +172,8 @@ bool Session::findDaemon() {
     return wasReached = wasReached || companion.sync() == 0;
 }
 
-// A daemon that starts waits until both FIFOs have been opened: the one that this app has no use
-// for is opened for a moment.
+// A daemon that starts waits until both FIFOs have been opened: so the one that this app does not
+// need is opened for a moment.
 void Session::waitForDaemon() {
     if (findDaemon()) {
         ticksWithoutDaemon = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// An app at work: opens parts of the daemon's, and from then on hands sound and events to a handler
-// and takes the handler's blocks, in the beat of the library. One thread, one session at a time.
+// A running app: opens parts of the library, passes sound and events to a handler, and writes the
+// handler's blocks when the library says that they are due. One thread, one session at a time.
 #pragma once
 
 #include <cstdint>
@@ -14,44 +14,44 @@ constexpr double kDayS = 86400;
 constexpr char kSecondsHelp[] = "end after N seconds (default: at an interrupt)";
 constexpr double kTickS = 0.1;
 
-// What a command does. Nothing is the default everywhere, silence for what the host records.
+// What a command does. By default the functions do nothing, and the host records silence.
 class Handler {
   public:
     virtual ~Handler() = default;
     // `frames` stereo frames that the host played.
     virtual void onSound(const int16_t* /*samples*/, int /*frames*/) {}
     virtual void onEvent(const uafd_event& /*event*/) {}
-    // The next block, silent when handed over; asked for again until it was taken.
+    // Fills the next block, which is silent before; called again until the block was taken.
     virtual void fillBlock(int16_t* /*samples*/) {}
     virtual void onBlockTaken() {}
-    // Every kTickS.
+    // Called every kTickS.
     virtual void onTick() {}
     virtual bool isDone() = 0;
 };
 
 class Session {
   public:
-    // The parts, and the events as well where no other app has them. False, and told on standard
-    // error, when that does not work.
+    // Opens the parts, and the events too unless another app has them. False, with a message on
+    // standard error, on failure.
     bool open(unsigned parts);
-    // These parts alone; returns the library's result.
+    // Opens only these parts; returns the library's result.
     int tryOpen(unsigned parts);
     void close() { companion.close(); }
-    // Until the handler is done, the time is over (0 has no end), or SIGINT, SIGTERM or SIGHUP
-    // comes, which wasInterrupted() then tells. False, and told on standard error, when the library
-    // fails.
+    // Runs until the handler is done, the time is over (0: no limit), or SIGINT, SIGTERM or SIGHUP
+    // comes; wasInterrupted() then says so. False, with a message on standard error, when the
+    // library fails.
     bool run(Handler* handler, double seconds = 0);
     static bool wasInterrupted();
 
-    // The last value told; none before.
+    // The last value reported, if any.
     std::optional<int> told(uafd_event_type type) const { return lastTold[type]; }
     bool isOn(uafd_event_type type) const { return told(type) == 1; }
-    // All states were told; of the streams', where no USB is configured, nothing is.
+    // Whether all states were reported; those of the streams are not while no USB is configured.
     bool isAnswered() const {
         return told(UAFD_USB_STATE) == 0 ||
                (told(UAFD_USB_STATE) && told(UAFD_SPEAKER_STATE) && told(UAFD_MIC_STATE));
     }
-    // As if none of them had been told.
+    // Forgets all reported states.
     void forgetStates();
 
     uafd::Companion companion;
@@ -70,7 +70,7 @@ class Session {
     int ticksWithoutDaemon = 0;
 };
 
-// By CLOCK_MONOTONIC.
+// The time of CLOCK_MONOTONIC.
 int64_t nowNs();
 
 }  // namespace uafd

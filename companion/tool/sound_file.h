@@ -11,13 +11,13 @@
 
 namespace uafd {
 
-// Writes stereo. What was in the file is gone.
+// Writes stereo, replacing the file's content.
 class SoundWriter {
   public:
     ~SoundWriter() { close(); }
     bool open(const std::string& path, bool raw);
-    // After each the file is whole: whatever ends the process then, it can be played. In a pipe the
-    // header gives no length; neither does a file's from 4 GiB on, after six hours.
+    // After each call the file is valid and can be played, even if the process is killed. The
+    // header states no length in a pipe, or when a file exceeds 4 GiB, after six hours.
     bool write(const int16_t* samples, int frames);
     // False when something was not written.
     bool close();
@@ -36,13 +36,13 @@ class SoundWriter {
 class SoundReader {
   public:
     ~SoundReader();
-    // Of a WAV reads the header, waiting for it: any number of channels, of 16, 24 or 32 bits or
+    // For a WAV waits for the header and reads it: any number of channels, 16, 24 or 32 bits or
     // floating point, 48000 Hz.
     bool open(const std::string& path, bool raw);
-    // Fills a block of UAFD_BLOCK_FRAMES, the last one up with silence; false when not enough has
-    // come yet, or at the end. Never waits.
+    // Fills a block of UAFD_BLOCK_FRAMES, the last one padded with silence; false when not enough
+    // has come yet, or at the end. Never waits.
     bool readBlock(int16_t* left);
-    // False when the end came by an error.
+    // False when an error caused the end.
     bool isGood() const { return good; }
     bool isAtEnd() const { return buffer.size() < frameBytes && bytesLeft == 0; }
 
