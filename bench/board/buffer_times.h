@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The time that a sound spends in each buffer on its way. One thread.
+// The time that sound spends in each buffer. One thread.
 #pragma once
 
 #include "bench/board/options.h"

@@ -124,7 +124,7 @@ void Growth::addEvents(int rate) {
 }
 
 // An app that does not take its messages: its socket holds some, the daemon's queue the next, and
-// each one more gives way to a newer one.
+// each further message replaces the newest.
 void Growth::addPending() {
     board::AppOptions options;
     options.socket = false;

@@ -41,7 +41,7 @@ inline void barrier(const void* p) {
     asm volatile("" : : "r"(p) : "memory");
 }
 
-// A number that the compiler does not know: the copy of so many bytes calls the C library's and
+// A number that the compiler does not know: a copy of that many bytes calls the C library's and
 // does not become an inline string instruction, which is several times slower.
 template <class T>
 T unknown(T value) {

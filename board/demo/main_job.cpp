@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The daemon's main job, shown: the host plays speech that the app records, the app plays speech
 // that the host records, with volume, mute, a sync-up, a host whose clock runs fast and slow, and
-// the cable on the way. Leaves WAV files, the daemon's log, a time line, the messages, latency and
+// the cable meanwhile. Leaves WAV files, the daemon's log, a time line, the messages, latency and
 // depth, and a summary in /out; fails with one sentence when anything is missing. With --service it
 // has the daemon of the installed package do it.
 #include <algorithm>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How soon the daemon answers a period while both directions stream: from its end in the gadget's
+// How soon the daemon handles a period while both directions stream: from its end in the gadget
 // driver to its bytes in the app's FIFO, and from room for it in the PCM to its samples there. One
 // thread.
 #pragma once

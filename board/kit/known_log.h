@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The lines that a working daemon may write to its log while the world around it misbehaves: those
-// of docs/log.md without "!!". Lines of defects, such as a lock that fails or a state that there is
-// not, are not among them.
+// of docs/log.md without "!!". Lines that report a defect, such as a failed lock or an unknown
+// state, are not included.
 #pragma once
 
 #include "board/kit/daemon.h"

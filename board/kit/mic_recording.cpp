@@ -20,7 +20,7 @@ constexpr Shape kShapes[] = {{kFrame, FrameKind::kCopied},
                              {kStretchedInput, FrameKind::kStretched},
                              {kSqueezedInput, FrameKind::kSqueezed}};
 
-// `in` drawn out or pressed to one frame: position i lies at i times the step, in 1/65536.
+// `in` stretched or squeezed to one frame: position i lies at i times the step, in 1/65536.
 Samples resample(const Samples& in) {
     const auto step = static_cast<int64_t>(
         static_cast<double>(static_cast<float>(in.size() - 1) / static_cast<float>(kFrame - 1)) *

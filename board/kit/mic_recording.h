@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Explains what the host recorded from the daemon, playback frame by playback frame: each frame of
-// 240 samples must be silence, 240 samples of what the app sent, or 239 or 241 of them drawn out or
-// pressed to 240 by linear interpolation. What none of these explains is counted, and is an error.
+// 240 samples must be silence, 240 samples that the app sent, or 239 or 241 of them stretched or
+// squeezed to 240 by linear interpolation. Frames that none of these explains are counted as
+// errors.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +20,7 @@ struct MicFrame {
     int64_t lead;        // silent samples before that one
     FrameKind kind;
     int64_t skipped;  // samples that are missing before it; what follows them is found again
-    // How many samples more than it consumed the frame has, by latency control.
+    // How many samples latency control added to the frame.
     int gain() const {
         return kind == FrameKind::kStretched ? 1 : kind == FrameKind::kSqueezed ? -1 : 0;
     }
@@ -30,11 +31,11 @@ class MicRecording {
     // `sent` gives the samples that went into the daemon, in order.
     explicit MicRecording(Voice sent);
 
-    // More of the recording, which begins with a playback frame. Returns the frames completed.
+    // Adds more of the recording, which begins with a playback frame. Returns the completed frames.
     std::vector<MicFrame> add(const Samples& recorded);
 
     int64_t frames() const { return recordedAt / kFrame; }
-    // Samples of what was sent that are behind the last frame.
+    // Samples sent that come before the end of the last frame.
     int64_t consumed() const { return nextSent; }
     int64_t count(FrameKind kind) const { return counts[static_cast<size_t>(kind)]; }
     static constexpr int kFrame = 240;

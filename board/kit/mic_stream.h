@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone's way observed while it runs: what the app sent is followed sample by sample into
-// what the host recorded. Begin with the app speaking and the host's stream off. One thread.
+// Observes the microphone direction while it streams: finds each sample that the app sent in what
+// the host recorded. Begin with the app speaking and the host's stream off. One thread.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +28,8 @@ class MicStream {
     // Keeps what is recorded from the daemon's first sample on.
     void keepRecording() { keepsRecording = true; }
     const Samples& recorded() const { return recording; }
-    // Looks at what was recorded since the last call; at least once in 40 s, and before the host's
-    // clock changes its offset.
+    // Takes what was recorded since the last call. Call it at least once in 40 s, and before the
+    // host's clock changes its offset.
     void observe();
     void off();
 
@@ -37,11 +37,11 @@ class MicStream {
     const std::vector<MicFrame>& frames() const { return micFrames; }
     // What the app has written into its FIFO.
     int64_t sentFrames() const;
-    // Of every frame that carries the app's sound.
+    // One for every frame that carries the app's sound.
     const std::vector<MicLatency>& latencies() const { return frameLatencies; }
     // Recorded samples up to the last frame before which something had to be explained.
     int64_t settledAt() const;
-    // Start of the stream to the first sample of the app's in the recording.
+    // Time from the stream's start to the app's first sample in the recording.
     Ns timeToSound() const;
 
   private:

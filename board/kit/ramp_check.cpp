@@ -19,8 +19,8 @@ struct Run {
     int64_t advance;  // ramp frames from the first to the last
 };
 
-// Drawn out or pressed, the ramp advances by a little less or more than one a sample, rounded:
-// `slack` is then 1.
+// When stretched or squeezed, the ramp advances by a little less or more than one per sample,
+// rounded: `slack` is then 1.
 bool follows(const Samples& samples, size_t i, int slack, int16_t* expected) {
     constexpr int wrapNear = 32765;
     const int off = static_cast<int16_t>(samples[i] - *expected);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// A ramp sent one way, and what became of it: sections of unbroken sound, what is missing or comes
-// again between them, and the latency of each moment. Latency control's drawing out and pressing
-// breaks nothing.
+// Sends a ramp in one direction and checks what arrives: sections of unbroken sound, what is
+// missing or repeated between them, and the latency at each moment. Frames that latency control
+// stretches or squeezes do not break a section.
 //
-// One host stream, from on to off, and one app in its life. One thread.
+// For one stream, from on to off, and one app. One thread.
 #pragma once
 
 #include <cstdint>
@@ -34,7 +34,7 @@ struct Break {
     int64_t lost;    // frames of the ramp that are missing; negative: that come again
 };
 
-// What was heard or sent from one moment on.
+// The frame that was heard or sent at one moment.
 struct Point {
     Ns at;
     int64_t frame;
@@ -42,21 +42,21 @@ struct Point {
 
 class RampCheck {
   public:
-    // The ramp is sent from now on; the host's stream is to be switched on next.
+    // Sends the ramp from now on; switch the host's stream on next.
     RampCheck(Board* board, const Direction& direction);
 
-    // Takes what was heard since the last call; at least once in 40 s, before the host's stream
-    // goes off, and before it stalls.
+    // Collects what was heard since the last call. Call it at least once in 40 s, before the host's
+    // stream goes off, and before it stalls.
     void collect();
-    // Of what was collected.
+    // The sections of what was collected.
     const std::vector<Section>& sections();
     std::vector<Break> breaks();
-    // Those in which sound is missing or comes again. A microphone's buffer that runs dry loses
-    // none, but fades within a sample into the silence.
+    // The breaks in which sound is missing or repeated. A microphone's buffer that runs dry loses
+    // none, but fades into silence within a sample.
     std::vector<Break> losses();
-    // Frames missing, less those that came again.
+    // Missing frames minus repeated ones.
     int64_t lost();
-    // From the sending to the hearing, of what was heard in [from, to).
+    // The latency of what was heard in [from, to).
     Spread latency(Ns from, Ns to);
     // Samples that are neither silence nor ramp.
     int64_t strange();

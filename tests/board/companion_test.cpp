@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion library against the daemon: sound and messages both ways, whoever starts first, and
-// again after the other one's restart.
+// The companion library with the daemon: sound and messages in both directions, whoever starts
+// first, and again after the other one's restart.
 #include <algorithm>
 #include <atomic>
 #include <csignal>

@@ -182,7 +182,7 @@ TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {
     ASSERT_EQ(sscanf(output.c_str(), "%*f ms\n%*f ms\n%*f ms\nmedian %lf ms", &median), 1)
         << output;
     printf("%s", output.c_str());
-    // 5 ms up to the host's, 10 to 20 ms down, and the cable's own way.
+    // 5 ms up to the host's, 10 to 20 ms down, and the cable's own latency.
     EXPECT_GT(median, 15);
     EXPECT_LT(median, 60);
 }

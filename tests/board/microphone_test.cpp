@@ -63,8 +63,8 @@ class Microphone : public BoardCase {
     }
 };
 
-// From an empty FIFO on: two reads of 240 samples share a block of 480, so that the second of each
-// pair finds too little and is drawn out, until the latency has grown into the range.
+// Starting with an empty FIFO: two reads of 240 samples share a block of 480, so that the second of
+// each pair finds too few samples and is stretched, until the latency has grown into the range.
 TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
     board::AppOptions quiet;
     quiet.speaks = false;
@@ -150,7 +150,7 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// What waits in the FIFO is sent first, then there is nothing but silence.
+// What waits in the FIFO is sent first, then only silence.
 TEST_F(Microphone, IsSilentWhileTheAppIsAndThenGoesOn) {
     constexpr int64_t waitingMax = 2 * 480;
     start();

@@ -197,7 +197,7 @@ class ServiceRun {
         return value % 3 == 1 ? -1 : 0;
     }
 
-    // ---- The way out ---------------------------------------------------------------------------
+    // ---- Sending -------------------------------------------------------------------------------
 
     void queueFromDaemon(uint8_t argument) {
         const int times = argument < 24 ? 1 : input.byte() % 128;

@@ -150,7 +150,7 @@ class CaptureRun {
         return file;
     }
 
-    // The start time, with what is logged on the way.
+    // The start time, and what is logged meanwhile.
     int64_t timestamp() {
         const std::vector<std::string> ids = id.lines();
         if (id.missing || ids.empty()) {

@@ -114,7 +114,7 @@ void sleepNs(int64_t ns) {
     real::nanosleep(&pause, nullptr);
 }
 
-// Somewhat faster or slower than the last, so that threads meet in ever new ways.
+// Somewhat faster or slower than the last, so that the threads' timing always differs.
 void playFor(int64_t ns) {
     static std::atomic<uint32_t> steps{0};
     const uint32_t mixed = steps.fetch_add(1, std::memory_order_relaxed) * 2654435761U;

@@ -128,7 +128,7 @@ TEST_F(StormTest, AppThatStarvesTheFrameBufferLeavesNoReport) {
     EXPECT_EQ(0, daemon.end()) << whatHappened(daemon);
 }
 
-// The one way in which the daemon ends.
+// The only case in which the daemon ends.
 TEST(ProcessTest, FailedStartLeavesNoReport) {
     const process::Root root;
     std::filesystem::create_directory(root.path(process::kSocketTx));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The gadget control device at its worst: reads that are short, fail or end, requests refused,
-// thousands of records at once, records of types that there are not.
+// thousands of records at once, records of unknown types.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -40,7 +40,7 @@ class ControlDevice : public RecordCase {
         daemon.thaw();
         ASSERT_TRUE(settle(60 * kSecond));
     }
-    // Streams both ways while something happens; no frame may suffer.
+    // Streams in both directions while something happens; no frame may be lost.
     template <typename Event>
     void expectSoundGoesOnDuring(Event&& event) {
         const board::HostPlayer player(board::ramp);
@@ -207,7 +207,7 @@ TEST_F(ControlDevice, TenThousandRecordsInABurstAreHandledInOrder) {
             next += line.text == readLine(kSpeakerVolume, next, 8) ? 1 : 0;
         }
         EXPECT_EQ(next, static_cast<uint32_t>(kBurst));
-        // The newest pending message gives way, so the last one of all arrives.
+        // Each new message replaces the newest pending one, so the last of all arrives.
         const Message last{3, kBurst - 1};
         ASSERT_TRUE(board::waitFor([&] { return !told().empty() && told().back() == last; }));
         const std::vector<Message> messages = told();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preloaded into the daemon, fails the alsa-lib call that a test orders: no driver can make the
 // software parameters fail, as none is asked about them. The file /tmp/failing_alsa holds the
-// order, "FUNCTION CODE"; without it every call goes its way.
+// order, "FUNCTION CODE"; without it no call fails.
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>

@@ -76,8 +76,8 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
     ASSERT_EQ(breaks.size(), moments.size());
     for (int64_t i = 1; i <= kUsbFramesInPeriod; ++i) {
         const Break& gap = breaks[static_cast<size_t>(i - 1)];
-        // What was captured and not yet read; what was written and not yet played, of which frames
-        // drawn out hold a little less sound.
+        // Speaker: what was captured and not yet read. Microphone: what was written and not yet
+        // played, in which stretched frames hold a little less sound.
         EXPECT_EQ(gap.silent, kPeriod);
         EXPECT_NEAR(static_cast<double>(gap.lost),
                     static_cast<double>(either(i * kUsbFrame, kRing - i * kUsbFrame)),

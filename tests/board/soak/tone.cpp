@@ -12,8 +12,8 @@ constexpr int64_t kTurns = 1361;  // in all places; odd, so that no place repeat
 constexpr double kAmplitude = 12000;
 constexpr int64_t kProbeMin = 16;
 constexpr int64_t kProbeMax = 48;
-// A drawn-out frame is less steep by a 240th, which bends the tone where two frames meet; a pressed
-// one is steeper. Each of the three samples is rounded.
+// A stretched frame is less steep by a 240th, which bends the tone where two frames meet; a
+// squeezed one is steeper. Each of the three samples is rounded.
 constexpr int kBendSlack = 16;
 constexpr int64_t kClickFrames = 240;  // bends closer than this are one click
 

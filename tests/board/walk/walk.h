@@ -65,7 +65,7 @@ class Walk {
     board::RecordWatch recordWatch;
     board::ChannelWatch watch;
     size_t seenMessages = 0;
-    // A message was lost: where among so many next ones is not told, since they wait in the queue.
+    // A message was lost: its place among the next ones is unknown, since they wait in the queue.
     size_t messagesAroundLoss = 0;
     size_t seenLines = 0;
     std::string did;  // what the step does, for who reads a failure
