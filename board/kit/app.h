@@ -24,7 +24,7 @@ constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";  // the app transmits
 constexpr char kSocketRx[] = "/tmp/usbAudioUdsIpcRx";
 constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";
 
-// What is bound to kSocketTx takes these, kSocketRx gets them.
+// A datagram, sent to kSocketTx or received at kSocketRx.
 struct Message {
     uint32_t type;
     uint32_t data;
@@ -36,8 +36,8 @@ struct ReceivedMessage {
     Message message;
 };
 
-// The app's end of the messages: bound to kSocketRx for as long as this lives, holding what the
-// daemon sent until it is taken. Its path stays behind, as a process's does. Any thread.
+// The app's message socket: bound to kSocketRx while this exists; keeps what the daemon sent until
+// it is taken. The socket's file stays behind, as after the end of a process. Any thread.
 class MessageSocket {
   public:
     MessageSocket();
@@ -61,7 +61,7 @@ class MessageSender {
     Fd descriptor;
 };
 
-// What was read in one go.
+// The result of one read.
 struct HeardBlock {
     Ns at;
     int64_t firstFrame;  // counted from the app's start
@@ -87,13 +87,13 @@ struct SentBlock {
 };
 
 struct AppOptions {
-    Ns jitter = 0;               // each write comes up to this much late
-    int64_t jitterSeed = 0;      // picks which comes how late
+    Ns jitter = 0;               // each write is up to this much late
+    int64_t jitterSeed = 0;      // seed for the lateness of the writes
     size_t chunkBytes = 1920;    // of one write; 10 ms of interleaved stereo
     int slowdownPercent = 0;     // as by speakSlower, from the beginning
     bool socket = true;          // binds the message socket
     bool equalChannels = false;  // the right one carries the left one's sample
-    bool speaks = true;          // from the beginning; else the FIFO is held open until it speaks
+    bool speaks = true;          // from the beginning; otherwise it only holds the FIFO open
 };
 
 class App {
@@ -113,16 +113,15 @@ class App {
     int64_t nextFrame() const { return frameToSpeak; }
     // When the app's clock has the frame: it is written then, or late.
     Ns timeOfFrame(int64_t frame) const { return startAt + frame * kSecond / kRate; }
-    // The next block comes so much late, and those that are due meanwhile right behind it.
+    // The next block is this much late; those that become due meanwhile follow at once.
     void stallSpeaking(Ns time) { stall = time; }
-    // Nothing is written any more, or it is again.
+    // Stops or resumes writing.
     void pauseSpeaking(bool pause) { speakingPaused = pause; }
     // Takes `percent` longer from one write to the next; 0 is on time again.
     void speakSlower(int percent) { slowdownPercent = percent; }
-    // Nothing is read any more, or it is again.
+    // Stops or resumes reading.
     void pauseListening(bool pause) { listeningPaused = pause; }
-    // Reads one period of the daemon's (240 frames) at a time, and then nothing for `pause`; 0 is
-    // at once again.
+    // Reads one period of the daemon's (240 frames) at a time and then pauses; 0: no pause.
     void listenSlowly(Ns pause) { listeningPause = pause; }
 
     // What came since the last call.
@@ -130,7 +129,7 @@ class App {
     int64_t heardFrames() const { return framesHeard; }
 
     std::vector<SentBlock> sentBlocks() const;
-    // Those since the last call, which are forgotten.
+    // The blocks since the last call.
     std::vector<SentBlock> takeSentBlocks();
     int64_t lostBlocks() const { return blocksLost; }
 
@@ -139,7 +138,7 @@ class App {
     std::vector<Message> messageValues(size_t from = 0) const;
     bool waitForMessages(size_t count, Ns limit = 5 * kSecond) const;
 
-    // To the daemon, from anybody; 0 or the errno of the send.
+    // Sends to the daemon, without an app; 0 or the errno of the send.
     static int send(Message message) { return sendBytes(&message, sizeof message); }
     static int sendBytes(const void* bytes, size_t count) {
         return MessageSender().send(bytes, count);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A companion app in a process of its own, for tests in which it dies or freezes. It speaks noise
-// and listens; what it has got through shows in counters and messages that outlive it.
+// A companion app in a separate process, for tests in which it dies or freezes. It speaks noise and
+// listens; counters and messages that outlive it show what it received.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ class AppProcess {
   public:
     // `prepare` runs in the new process before the app.
     explicit AppProcess(const AppOptions& options = {}, const std::function<void()>& prepare = {});
-    // Kills it when it still lives.
+    // Kills the process if it still runs.
     ~AppProcess();
     AppProcess(const AppProcess&) = delete;
     AppProcess& operator=(const AppProcess&) = delete;
@@ -25,14 +25,14 @@ class AppProcess {
     void kill();
     void freeze();
     void thaw();
-    // As the app's own, within some 5 ms.
+    // As App::pauseSpeaking, within about 5 ms.
     void pauseSpeaking(bool pause);
     void pauseListening(bool pause);
 
     // Since its start: frames heard that were not silent, messages received (no more than 65536 are
     // kept).
     int64_t heardSound() const;
-    // Of a host that plays the ramp: how often what was heard did not go on with its next sample.
+    // When the host plays the ramp: how often a sample was heard that is not the next one.
     int64_t heardJumps() const;
     int64_t messages() const;
     std::vector<Message> messageValues(size_t from) const;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A whole board in action: the host, the board's microphone service, the companion app and the
-// daemon between them, and the proof that the daemon is whole. One thread at a time.
+// daemon between them, and a check that the daemon is intact. One thread at a time.
 #pragma once
 
 #include <functional>
@@ -51,17 +51,17 @@ class Board {
     // Waits for the channel's message {1 or 2, on}, the `times`th since `mark`.
     bool waitForChannel(uint32_t channel, bool on, size_t messageMark, Ns limit = 5 * kSecond);
 
-    // Proves the daemon whole, with both streams off at the beginning and at the end: threads and
-    // descriptors are those after the start, nobody is busy in a quiet second, both directions
-    // stream, and no more memory is held than the first streams take. Returns what is wrong, or
-    // nothing.
+    // Checks that the daemon is intact; both streams are off before and after. It must have the
+    // threads and descriptors that it had after the start, be idle in a quiet second, stream in
+    // both directions, and hold no more memory than the first streams need. Returns what is wrong,
+    // or an empty text.
     std::string findDamage();
 
     Host host;
     std::unique_ptr<MicService> micService;
     std::unique_ptr<App> app;
     Daemon daemon;
-    // Of its threads, those that a scenario has ended for good or kept from starting.
+    // The number of its threads that a scenario has ended or prevented from starting.
     size_t missingThreads = 0;
 
   private:

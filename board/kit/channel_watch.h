@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the daemon has told its app of the channels: on and off must alternate. One thread.
+// What the daemon has told the app about the channels: on and off must alternate. One thread.
 #pragma once
 
 #include <cstdint>
@@ -16,12 +16,12 @@ class ChannelWatch {
     // The next messages. An answer to a sync-up repeats the state and is known by its first message
     // {0, 1} with {1, on} and {2, on} right behind it.
     void see(const std::vector<Message>& messages);
-    // Messages may have been lost: what comes next is not measured by what came before.
+    // Messages may have been lost: the next ones are not compared with the earlier ones.
     void forget() { told[0] = told[1] = std::nullopt; }
 
-    // Told last of channel 1 or 2; a channel begins off.
+    // The last state of channel 1 or 2; off at first.
     bool isOn(uint32_t channel) const { return told[channel - 1].value_or(false); }
-    // The first message that told what was known already, or nothing.
+    // The first message that repeated a state, or an empty text.
     const std::string& repetition() const { return firstRepetition; }
 
   private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon under test, started as a process with its log going to a file that comes back from the
-// board, or by who else is to start it. One thread at a time.
+// The daemon under test, started as a process or by a given starter. Its log goes to a file that is
+// handed back from the board. One thread at a time.
 #pragma once
 
 #include <functional>
@@ -25,14 +25,14 @@ struct LogLine {
     std::string brief() const;
 };
 
-// Starts the daemon with its log going to the path and returns its process, whose life is not
-// Daemon's to end then.
+// Starts the daemon, its log going to the path, and returns the process, which Daemon then does not
+// end.
 using DaemonStarter = std::function<pid_t(const std::string& logPath)>;
 
 class Daemon {
   public:
     explicit Daemon(const std::string& name, DaemonStarter starter = {});
-    // Ends it when it still runs.
+    // Ends the process if it still runs.
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -42,11 +42,11 @@ class Daemon {
     void start(const std::function<void()>& prepare = {});
     // Ends it by signal.
     void stop();
-    // Stops it where it is, whole, and lets it go on.
+    // Stop all its threads, and let them continue.
     void freeze();
     void thaw();
     bool isRunning();
-    // When it has ended by itself: its exit status.
+    // Waits until it ends by itself; returns its exit status.
     int waitForExit(Ns limit = 5 * kSecond);
     pid_t pid() const { return processId; }
 
@@ -59,7 +59,7 @@ class Daemon {
     // How many lines from `mark` on have this text; '#' in it stands for any number, '*' for
     // any text.
     int count(const std::string& text, size_t mark = 0);
-    // True as soon as there are this many.
+    // True as soon as there are `times` such lines.
     bool waitForLog(const std::string& text, size_t mark = 0, int times = 1,
                     Ns limit = 5 * kSecond);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeps every processor of the board busy: an ordinary process (SCHED_OTHER) on each, which spins,
-// and now and then has the kernel work for it.
+// Keeps every processor of the board busy: on each an ordinary process (SCHED_OTHER) spins, and now
+// and then makes the kernel work.
 #pragma once
 
 #include <vector>
@@ -14,12 +14,12 @@ namespace board {
 class Hogs {
   public:
     Hogs();
-    // Ends them.
+    // Ends the processes.
     ~Hogs();
     Hogs(const Hogs&) = delete;
     Hogs& operator=(const Hogs&) = delete;
 
-    // Processor time that they have used, together.
+    // The processor time that they have used in total.
     Ns cpu() const;
 
   private:

@@ -42,8 +42,8 @@ class Host {
     // How many events from `since` on have this text at their beginning.
     int countEvents(const std::string& beginning, Ns since);
 
-    // When frame `frame` of a stream ("speaker" or "mic") moved, by the host's clock. Right under
-    // an offset that has not changed since.
+    // When frame `frame` of a stream ("speaker" or "mic") moved, by the host's clock. Correct if
+    // the clock's offset has not changed since.
     Ns frameTime(const std::string& direction, int64_t frame) const;
 
     // What the host has recorded since the last call; at least once in 40 s.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the kernel sees a thread, or everybody on a processor, do: counted, and if wanted recorded
-// with the time of each. Uses perf_event_open and tracefs; one thread at a time. What fails throws.
+// Counts events of a thread, or of everything on a processor, and on request records each with its
+// time. Uses perf_event_open and tracefs; one thread at a time. Throws on failure.
 #pragma once
 
 #include <array>
@@ -30,8 +30,8 @@ struct PerfSample {
     std::array<uint64_t, 3> fields;  // the first of the trace event's own, 0 where it has fewer
 };
 
-// Where a processor was: the addresses of what it ran and of what had called that, innermost first.
-// The kernel's are empty when it ran the program itself.
+// What a processor ran: the addresses of the function and its callers, innermost first. The
+// kernel's are empty when it ran the program itself.
 struct CallStack {
     std::vector<uint64_t> kernel;
     std::vector<uint64_t> program;
@@ -42,16 +42,16 @@ void append(std::vector<Ns>* all, const std::vector<Ns>& more);
 
 // A small integer names a trace event; its fields are in its `format` file below tracefs.
 using TraceId = uint64_t;
-// Of "raw_syscalls/sys_enter", for example.
+// The id of an event such as "raw_syscalls/sys_enter".
 TraceId traceId(const std::string& event);
-// Makes an event of calls of a kernel function; `definition` as in tracefs's kprobe_events. One
-// event of a name; made again when it was there.
+// Defines an event for calls of a kernel function, replacing one of that name; `definition` is as
+// in tracefs's kprobe_events.
 TraceId traceKernel(const std::string& name, const std::string& definition);
 
 class PerfEvent {
   public:
     static PerfEvent pageFaults(PerfScope scope);
-    // Calls of a function of the C library, from wherever.
+    // Calls of a function of the C library, from any code.
     static PerfEvent libraryCalls(const char* function, PerfScope scope);
     // With a filter on the event's fields, as tracefs has it, unless that is empty.
     static PerfEvent traced(TraceId id, PerfScope scope, const std::string& filter = "");
@@ -63,12 +63,12 @@ class PerfEvent {
 
     int64_t count() const;
 
-    // From here on each occurrence is kept, until it is taken.
+    // From now on keeps each occurrence until it is taken.
     void record();
-    // Those since the last call, in their order. Throws when there were more than are kept: some
-    // eight thousand.
+    // The occurrences since the last call, in order. Throws when there were more than can be kept,
+    // about eight thousand.
     std::vector<PerfSample> take();
-    // The same of processor time.
+    // The same for samples of processor time.
     std::vector<CallStack> takeStacks();
     // From the next occurrence on.
     void setPeriod(Ns period);

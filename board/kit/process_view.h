@@ -21,11 +21,11 @@ struct ThreadView {
     std::string waitsIn;  // the kernel function it sleeps in
 };
 
-// Threads that end while they are looked at are left out.
+// The threads of a process, without those that end meanwhile.
 std::vector<ThreadView> threadsOf(pid_t pid);
 size_t threadCount(pid_t pid);
 Ns cpuOf(pid_t pid);
-// How often its threads have gone to sleep so far, those that still live.
+// How often the threads that still exist have gone to sleep so far.
 int64_t sleepsOf(pid_t pid);
 
 // What each open descriptor leads to, sorted.
@@ -34,7 +34,7 @@ std::vector<std::string> descriptorsOf(pid_t pid);
 struct MemoryView {
     int64_t residentKb;
     int64_t privateKb;
-    int64_t anonymousKb;  // of it what no file backs: heap, stacks, changed data
+    int64_t anonymousKb;  // the part that no file backs: heap, stacks, changed data
 };
 MemoryView memoryOf(pid_t pid);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Random choices that a seed repeats. One thread.
+// Random choices; a seed repeats them. One thread.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace board {
 class Random {
   public:
     explicit Random(uint64_t seed) : engine(seed) {}
-    // 0 to `limit` - 1, each as likely as the other.
+    // 0 to `limit` - 1, all equally likely.
     int64_t below(int64_t limit) {
         return static_cast<int64_t>(engine() % static_cast<uint64_t>(limit));
     }

@@ -24,21 +24,21 @@ struct Delay {
 
 class RecordWatch {
   public:
-    // Of the records queued from now on.
+    // Watches the records queued from now on.
     explicit RecordWatch(Host* host);
 
-    // Queues a record that changes nothing: it is read when what came before has been handled to
-    // its end. It is the microphone's mute, which the app is told of.
+    // Queues a record that changes nothing (the microphone's mute, which is sent to the app). It is
+    // read when all earlier records have been handled.
     void probe() { host->tryCommand("record 7 0"); }
-    // Takes in what has happened; at least once in 16000 events of the driver, else it throws.
+    // Takes the new events. Throws when there are more than 16000 since the last call.
     void look();
 
-    // The longest so far: that a record waited from its queueing to its reading,
+    // The longest time so far that a record waited to be read.
     const Delay& wait() const { return longestWait; }
-    // that one waited without the loop's reading another or failing to,
+    // The longest time so far that a record waited while the loop did not try to read any.
     const Delay& absence() const { return longestAbsence; }
-    // that the playback stayed open after the reading of an off, or of an unbind behind it, the
-    // card's removal making a pass longer; no on having come since.
+    // The longest time so far that the playback stayed open after an off was read, without an on
+    // since; or after an unbind that came later, because the card's removal makes a pass longer.
     const Delay& micStop() const { return longestMicStop; }
     // Records read.
     int64_t read() const { return recordsRead; }
@@ -54,7 +54,7 @@ class RecordWatch {
     size_t seenEvents = 0;  // events
     std::deque<Delay> waiting;
     Ns lastRead = 0;
-    std::optional<Delay> micOff;  // a stop that is to come
+    std::optional<Delay> micOff;  // a stop that is still to come
     bool playbackOpen = false;
     Delay longestWait;
     Delay longestAbsence;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon as an installed package's service, and an app as its man page wants it. Throws when a
-// program fails. One thread.
+// The daemon as the service of the installed package, and an app as the man page describes it.
+// Throws when a program fails. One thread.
 #pragma once
 
 #include <string>
@@ -20,9 +20,9 @@ pid_t servicePid();
 // Restarts the service, its log going to the path; returns its process.
 pid_t startService(const std::string& logPath);
 
-// Makes the calling process an app of the daemon's group: what it makes is the group's to use.
+// Puts the calling process into the daemon's group, which can use the files that it makes.
 void joinServiceGroup();
-// And takes its privileges, but for real-time threads as an app has them.
+// Drops its privileges too, except that to real-time threads, which an app has.
 void becomeUnprivileged();
 
 }  // namespace board

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sounds that tell where they come from, WAV files, and measures of what was recorded.
+// Sounds in which every position can be recognised, WAV files, and measures of recordings.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,11 @@ using Samples = std::vector<int16_t>;
 using Voice = std::function<int16_t(int64_t frame)>;
 
 int16_t silence(int64_t frame);
-// The frame's index modulo 65536: a recorded value names the frame, also between two frames.
+// The frame's index modulo 65536: a recorded value identifies the frame, even between two frames.
 int16_t ramp(int64_t frame);
-// Every stretch of it occurs once: what was recorded can be found in it to the frame.
+// No part of it repeats: a recording can be located in it to the frame.
 int16_t noise(int64_t frame);
-// A room's murmur, too soft to hear, in which every stretch occurs once as well; never quite
-// silent.
+// A room's murmur, too soft to hear but never quite silent, of which no part repeats either.
 int16_t murmur(int64_t frame);
 // A steady tone of `hz`, amplitude 8000.
 Voice sine(double hz);
@@ -31,10 +30,10 @@ Voice speech(Samples samples, int64_t from);
 
 Samples render(const Voice& voice, int64_t from, int64_t frames);
 
-// Where the samples of `heard` from `from` on are in `played`, found by the first of them; -1 when
-// nowhere.
+// The position in `played` of the samples of `heard` that begin at `from`, found by the first of
+// them; -1 if there is none.
 int64_t find(const Samples& heard, size_t from, const Samples& played);
-// Where the whole of `part` is in `whole`, sample by sample; -1 when nowhere.
+// The position at which `whole` contains all of `part`; -1 if there is none.
 int64_t findWhole(const Samples& part, const Samples& whole);
 
 // The largest second difference of the samples in [from, to): a click is a large one.

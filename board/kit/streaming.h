@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Both directions of a board in their steady state: the host plays, the app speaks, and the
-// daemon's streaming threads are known. Keep it shorter than the board. One thread.
+// daemon's streaming threads are known. Must be destroyed before the board. One thread.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ struct StreamingThreads {
 
 class Streaming {
   public:
-    // On a board that has been started; returns when the start's irregularities are over.
+    // The board must have been started. Returns when the irregularities of the start are over.
     explicit Streaming(Board* board);
 
     StreamingThreads threads();
