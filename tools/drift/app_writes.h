@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app: when it writes which frames. Pure; one thread.
+// The simulated app: when it writes which frames. Pure; one thread.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ class AppWrites {
   public:
     explicit AppWrites(const Scenario& scenario);
 
-    // The write that comes next, of the scenario's blockFrames; never before the one before it.
+    // The next write, of the scenario's blockFrames; never earlier than the previous one.
     AppWrite next();
 
   private:

@@ -11,8 +11,8 @@ namespace drift {
 namespace {
 
 constexpr Ns kTime = 60 * kSecond;
-// Where the app's writes lie between the host's periods is chance: this many places for each case,
-// evenly spread over the 10 ms after which they recur.
+// The phase of the app's writes to the host's periods is random: each case is simulated with this
+// many phases, evenly spread over the 10 ms after which they recur.
 constexpr int kPhases = 10;
 constexpr Ns kPhaseStep = kMs;
 constexpr Ns kFirstPhase = kMs / 4;
@@ -65,7 +65,7 @@ double inMs(Ns time) {
     return static_cast<double>(time) / kMs;
 }
 
-// The worst of all phases; of the corrections the mean.
+// The worst of all phases; for the corrections the mean.
 struct Worst {
     Ns depthLow = INT64_MAX;
     Ns depthHigh = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Simulates one scenario of the microphone's path and writes what it does to a CSV file, or prints
+// Simulates one scenario of the microphone direction and writes its reads to a CSV file, or prints
 // the table of the common cases. tools/drift/run runs it and draws the picture.
 #include <climits>
 #include <cstdio>

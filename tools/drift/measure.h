@@ -25,7 +25,7 @@ struct Measured {
 
 using Look = std::function<void(const Reading& reading, const Counts& counts)>;
 
-// Simulates so much of the scenario and shows every read to `look`, where there is one.
+// Simulates the scenario for `time` and passes every read to `look`, if there is one.
 Measured measure(const Scenario& scenario, Ns time, const Look& look = {});
 
 }  // namespace drift

@@ -15,7 +15,7 @@ constexpr Ns kPeriod = int64_t{uafd::kPeriodFrames} * kSecond / uafd::kSampleRat
 constexpr Ns kUsbFrame = kMs;  // a sample moves with its USB frame, at that frame's end
 constexpr int64_t kMillion = 1000000;
 
-// What is written does not matter, only where it goes.
+// The content does not matter, only what becomes of it.
 constexpr int16_t kBlock[uafd::kFifoBlockFrames] = {};
 
 }  // namespace
@@ -29,7 +29,7 @@ MicSimulation::MicSimulation(const Scenario& scenario)
     }
 }
 
-// The daemon fills the ring before it starts: with a silent period, and then with frames.
+// Before it starts, the daemon fills the ring with a silent period and then with frames.
 Reading MicSimulation::read() {
     const int64_t ahead = kRingPeriods - 1;
     const Ns at = hostTime(std::max<int64_t>(reads + 1 - ahead, 0));
@@ -78,7 +78,7 @@ void MicSimulation::takeWrite(const AppWrite& write) {
     }
 }
 
-// What a read leaves of the block is taken again as it is.
+// The part of the block that a short read leaves is used again.
 void MicSimulation::bufferPass(int64_t frame, int fresh, Ns at) {
     const int before = depth();
     const uint32_t overruns = statistics().overruns;
@@ -103,7 +103,7 @@ void MicSimulation::bufferPass(int64_t frame, int fresh, Ns at) {
     ++passes;
 }
 
-// What enlarging the frame buffer costs.
+// Counts what is lost when the frame buffer is enlarged.
 void MicSimulation::discardQueued(Ns at) {
     counted.lost += queued();
     counted.enlargedAt = at;
@@ -132,8 +132,8 @@ Ns MicSimulation::hostTime(int64_t periods) const {
     return periods * kPeriod * kMillion / (kMillion + scenario.ppm);
 }
 
-// Of the first of the app's samples among the `samples` that come next, the first of which is
-// played at `playedAt`.
+// The latency of the app's first sample among the next `samples`, the first of which is played at
+// `playedAt`.
 Ns MicSimulation::latencyOf(Ns playedAt, int64_t samples) const {
     int64_t before = 0;
     for (const Span& span : spans) {

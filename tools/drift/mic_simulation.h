@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone's path from the app's writes to the USB host, simulated around the daemon's own
+// Simulates the microphone direction from the app's writes to the USB host, around the daemon's own
 // frame buffer: the FIFO, the buffer thread that reads it in blocks, the worker that fills the
-// gadget card's ring, and a host whose clock differs. The daemon's threads answer at once. Every
-// sample is followed, so that what comes late, twice or never is counted. Pure; one thread.
+// gadget card's ring, and a host whose clock differs. The daemon's threads respond at once. Every
+// sample is tracked, so that late, repeated and lost ones are counted. Pure; one thread.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ namespace drift {
 struct Reading {
     Ns at;         // since the host's stream began
     int depth;     // of the frame buffer before the read, samples
-    int depthLow;  // the range in which no sample is made up or left out
+    int depthLow;  // the range in which frames are neither stretched nor squeezed
     int depthHigh;
-    int correction;  // 1: stretched, a sample made up; -1: squeezed, a sample left out
+    int correction;  // 1: stretched, a sample added; -1: squeezed, a sample removed
     bool starved;    // the app's samples did not fill the frame
     Ns latency;      // of its first sample; -1 when it has none of the app's
 };
@@ -31,11 +31,11 @@ struct Counts {
     int64_t stretches = 0;   // frames
     int64_t squeezes = 0;    // frames
     int64_t underruns = 0;   // frames that were short
-    int64_t emptyReads = 0;  // frames that were wholly silent, those before the first write not
+    int64_t emptyReads = 0;  // completely silent frames, not counting those before the first write
     int64_t overruns = 0;    // blocks that found no room
-    int64_t lost = 0;        // of the app's, with those blocks or when the buffer was enlarged
+    int64_t lost = 0;        // the app's samples in those blocks, or when the buffer was enlarged
     int64_t silent = 0;      // heard instead of the app's, once they had begun
-    int64_t stale = 0;       // heard a second time, behind a write that was no whole block
+    int64_t stale = 0;       // heard a second time, after a write that was no whole block
     Ns enlargedAt = -1;      // when the frame buffer was enlarged
 };
 
@@ -45,7 +45,7 @@ class MicSimulation {
     MicSimulation(const MicSimulation&) = delete;
     MicSimulation& operator=(const MicSimulation&) = delete;
 
-    // Goes on to the worker's next read.
+    // Simulates up to the worker's next read.
     Reading read();
 
     const Counts& counts() const { return counted; }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a simulation of the microphone's path is told: how the app writes and how the clocks differ.
+// The input of a simulation: how the app writes and how the clocks differ.
 #pragma once
 
 #include <cstdint>
@@ -17,16 +17,15 @@ using board::Ns;
 struct Pause {
     Ns at;
     Ns length;
-    bool
-        dropped;  // what was due meanwhile is never written; else it is written at the end, at once
+    bool dropped;  // what was due meanwhile is never written; otherwise all of it at the end
 };
 
 struct Scenario {
     int ppm = 0;             // how much faster the host's clock is than the app's
     int blockFrames = 480;   // of one write
-    Ns jitter = 0;           // each write comes up to so much late, every lateness as likely
+    Ns jitter = 0;           // each write is up to this much late, uniformly distributed
     Ns phase = 5 * kMs / 2;  // of the first write, from the start of the host's stream
-    uint64_t seed = 0;       // picks which write comes how late
+    uint64_t seed = 0;       // for the lateness of the writes
     std::vector<Pause> pauses;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// In the place of the daemon's log: what the frame buffer logs, the simulation counts.
+// Replaces the daemon's log: the simulation counts what the frame buffer would log.
 #include <android/log.h>
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*): Android's name
