@@ -6,7 +6,7 @@
 
 namespace bench {
 
-// Each publishes one table, named as it: the subjects stream one after the other. Throws when one
+// Each publishes one table with its name: the subjects stream one after the other. Throws when one
 // does not stream.
 void measureSpeaker(const Options& options);
 void measureMicrophone(const Options& options);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the daemon costs as what it is given grows. One thread.
+// How the daemon's cost grows with its load. One thread.
 #pragma once
 
 #include "bench/board/options.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // board_bench SECTION SECONDS [SUBJECTS]: measures one section of the benchmark, letting each
-// stream run for so long, and comparing so many subjects.
+// stream run for that long, and comparing that many subjects.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

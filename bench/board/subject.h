@@ -24,11 +24,11 @@ struct Subject {
     bool speaksToApp;               // the app's FIFOs are used, and in the app's format
 };
 
-// Processes started from commands, which end when this goes.
+// Processes started from commands; the destructor ends them.
 class Processes {
   public:
-    // `realtime`: at SCHED_FIFO priority 58, as the daemon's threads that stream. What they say
-    // goes to /out/NAME.stderr.
+    // `realtime`: at SCHED_FIFO priority 58, as the daemon's streaming threads. Their messages go
+    // to /out/NAME.stderr.
     Processes(const std::string& name, const std::vector<Command>& commands, bool realtime);
     ~Processes();
     Processes(const Processes&) = delete;
@@ -43,8 +43,8 @@ class Processes {
     std::vector<pid_t> processIds;
 };
 
-// The daemon first, then what is as little as can be, then what users would take. Helpers that
-// speak say what is in kVoiceFile.
+// The daemon first, then the minimal loops, then the programs of others. Helpers that speak play
+// kVoiceFile.
 constexpr char kVoiceFile[] = "/tmp/voice.raw";
 std::vector<Subject> speakerSubjects();
 std::vector<Subject> micSubjects();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who does the jobs: the daemon's frame buffer and queue, the floors, and libraries that one would
+// What is compared: the daemon's frame buffer and queue, the floors, and libraries that one could
 // use instead. A contestant is a class with the calls of its kind; the templates here make it a
 // job.
 #pragma once

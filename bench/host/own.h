@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's frame buffer and queue at their jobs, and the floors below which nobody can go: the
-// copies alone, and the copies with the interpolation written by hand for the vector unit.
+// The daemon's frame buffer and queue, and the least that the jobs can cost: the copies alone, and
+// the copies with the interpolation written by hand for the vector unit.
 #pragma once
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A resampling library at the job of the frame buffer: the samples that wait in one piece, as the
-// libraries want them, and the library's resampler behind them.
+// A resampling library doing the frame buffer's job: the waiting samples in one piece, as the
+// libraries need them, followed by the library's resampler.
 #pragma once
 
 #include <algorithm>
