@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the daemon costs, as tests/board/cost_test.cpp holds it to it. When a change makes it
-// cheaper or, for a good reason, dearer, the test says the new figures: put them here, in the same
-// commit.
+// What the daemon may cost; tests/board/cost_test.cpp checks it. When a change makes it cheaper or,
+// for a good reason, dearer, the test prints the new figures: put them here in the same commit.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A case of the simulated hardware itself, without a daemon: the host, and what the module notes.
+// The fixture of tests of the simulated hardware, without a daemon: the host, and the module's
+// events.
 #pragma once
 
 #include <cstdint>

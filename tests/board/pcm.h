@@ -67,7 +67,7 @@ class Pcm {
                step("sw_params", snd_pcm_sw_params(pcm, sw));
     }
 
-    // Only the first failure counts; what follows it fails in its wake.
+    // Only the first failure counts; later ones are its consequences.
     std::string step(const char* name, int result) {
         if (result >= 0 || hasFailed) {
             return "";

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios of the gadget control device: event records by name, and what the daemon
-// says and tells since they came.
+// logs and sends after they came.
 #pragma once
 
 #include <string>
@@ -30,12 +30,12 @@ class RecordCase : public BoardCase {
         host.command("record " + std::to_string(type) + " " + std::to_string(data) + " " +
                      std::to_string(count));
     }
-    // From here on counts what is said and told.
+    // Counts log lines and messages from now on.
     void look() {
         logMark = daemon.mark();
         messageMark = app->messages().size();
     }
-    // Has one record handled, and looks from its coming on.
+    // Has one record handled, and counts from the moment when it comes.
     void handle(uint32_t type, uint32_t data) {
         look();
         queue(type, data);
@@ -44,7 +44,7 @@ class RecordCase : public BoardCase {
 
     int said(const std::string& text) { return daemon.count(text, logMark); }
     std::vector<board::Message> told() const { return app->messageValues(messageMark); }
-    // The app is told exactly this, in this order.
+    // The app must get exactly these messages, in this order.
     void expectTold(const std::vector<board::Message>& wanted) {
         board::waitFor([&] { return told().size() >= wanted.size(); }, board::kSecond);
         board::sleepFor(20 * board::kMs);  // for a message too many

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixture of scenarios: a whole board, and the sentences that many of them share.
+// The fixture of scenarios: a whole board, and the steps that many of them share.
 #pragma once
 
 #include <vector>
@@ -28,7 +28,7 @@ class Scenario : public BoardCase {
         host.command("record " + std::to_string(type) + " " + std::to_string(data));
     }
 
-    // The daemon takes no more than a little of a second of trouble.
+    // The daemon uses only a small part of a second's processor time during an error.
     void expectNobodyBusy() {
         const board::Ns before = board::cpuOf(daemon.pid());
         board::sleepFor(board::kSecond);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixture of scenarios about one direction of sound, run for each of the two: the direction's
-// own host stream, driver, log and messages, and what is to be seen of them since a moment.
+// The fixture of scenarios about one direction of sound, run for both: the direction's host stream,
+// driver, log and messages, and what must be seen of them since a moment.
 #pragma once
 
 #include <string>
@@ -13,11 +13,11 @@
 
 namespace uafd {
 
-// A stream is healthy again within a second of a fault; that is then looked at for a while.
+// A stream is healthy again within a second after a fault; then it is checked for a while.
 constexpr board::Ns kHealing = board::kSecond;
 constexpr board::Ns kLook = 200 * board::kMs;
 
-// A moment from which on something is to be seen.
+// The moment since which something must be seen.
 struct Moment {
     board::Ns at;
     size_t log;
@@ -45,16 +45,16 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
     void command(const std::string& verb, const std::string& rest = "");
     // Arms a fault of the direction's PCM.
     void arm(const std::string& fault);
-    // An xrun or a suspend in a USB frame of a period, 1 to 5, some periods on.
+    // Causes an xrun or a suspend in a USB frame of a period, 1 to 5, some periods from now.
     void injureInPeriod(const std::string& injury, int usbFrame);
     // Waits for the second of a period's five USB frames; returns the direction's frames at its
     // begin.
     int64_t waitForEarlyInPeriod();
-    // Waits until the driver has started the PCM so often since the moment.
+    // Waits until the driver has started the PCM `times` times since the moment.
     void waitForStarts(int times, const Moment& since);
 
     Moment mark();
-    // The whole log since the moment, apart from what it says again and again.
+    // The whole log since the moment must be this, apart from lines that it repeats regularly.
     void expectLog(const Moment& since, const Lines& wanted);
     int said(const std::string& text, const Moment& since) { return daemon.count(text, since.log); }
     // Everything that the driver did for the direction.
@@ -66,7 +66,7 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
     void expectStopped(const Moment& since, const Lines& log, board::Ns limit = board::kSecond);
     // A record of the host starts the stopped channel: sound comes.
     void expectStartable();
-    // A look from a moment on: no break, and the latency of a healthy stream.
+    // Checks the sound from a moment on: no break, and the latency of a healthy stream.
     static void expectHealthy(board::RampCheck* sound, board::Ns from);
 
   private:

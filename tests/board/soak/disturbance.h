@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes wrong on purpose in a soak: an app that is late or deaf for a moment, xruns, a host
-// that stops for a moment or closes its streams.
+// The disturbances of a soak: an app that is late or does not read for a moment, xruns, a host that
+// stops for a moment or closes its streams.
 #pragma once
 
 #include <cstdint>
