@@ -52,19 +52,7 @@ void stopAnswering(const std::string& function);
 
 // ---- Hooks -------------------------------------------------------------------------------------
 
-// Called on the caller's thread without any lock of the stand-in: a hook may call whatever it
-// likes, block, or end the thread. device::NAME below is what an unset hook does.
-struct Hooks {
-    // Every recorded call, as it stands in the record, before it is answered.
-    std::function<void(const std::string& call)> before;
-    std::function<int(snd_pcm_t*, int timeoutMs)> wait;
-    std::function<snd_pcm_state_t(snd_pcm_t*)> state;
-    std::function<snd_pcm_sframes_t(snd_pcm_t*)> availUpdate;
-    std::function<snd_pcm_sframes_t(snd_pcm_t*, int16_t*, snd_pcm_uframes_t)> readi;
-    std::function<snd_pcm_sframes_t(snd_pcm_t*, const int16_t*, snd_pcm_uframes_t)> writei;
-};
-Hooks& hooks();
-
+// What the device answers, for a hook that goes on to it.
 namespace device {
 int wait(snd_pcm_t* pcm, int timeoutMs);
 snd_pcm_state_t state(snd_pcm_t* pcm);
@@ -72,6 +60,20 @@ snd_pcm_sframes_t availUpdate(snd_pcm_t* pcm);
 snd_pcm_sframes_t readi(snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t frames);
 snd_pcm_sframes_t writei(snd_pcm_t* pcm, const int16_t* samples, snd_pcm_uframes_t frames);
 }  // namespace device
+
+// Called on the caller's thread without any lock of the stand-in: a hook may call whatever it
+// likes, block, or end the thread.
+struct Hooks {
+    // Every recorded call, as it stands in the record, before it is answered.
+    std::function<void(const std::string& call)> before;
+    std::function<int(snd_pcm_t*, int timeoutMs)> wait = device::wait;
+    std::function<snd_pcm_state_t(snd_pcm_t*)> state = device::state;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*)> availUpdate = device::availUpdate;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*, int16_t*, snd_pcm_uframes_t)> readi = device::readi;
+    std::function<snd_pcm_sframes_t(snd_pcm_t*, const int16_t*, snd_pcm_uframes_t)> writei =
+        device::writei;
+};
+Hooks& hooks();
 
 // ---- The device --------------------------------------------------------------------------------
 

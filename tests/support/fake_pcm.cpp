@@ -8,9 +8,10 @@ namespace {
 
 using fake_alsa::answer;
 using fake_alsa::answerPcm;
+using fake_alsa::answerUnlocked;
 using fake_alsa::arguments;
 using fake_alsa::Guard;
-using fake_alsa::isUsable;
+using fake_alsa::hooks;
 using fake_alsa::lock;
 __extension__ using Wide = __int128;
 
@@ -291,56 +292,32 @@ int snd_pcm_drop(snd_pcm_t* pcm) {
 }
 
 int snd_pcm_wait(snd_pcm_t* pcm, int timeoutMs) {
-    const bool usable = isUsable(pcm);
-    return answer("snd_pcm_wait", arguments(pcm, timeoutMs), [&] {
-        const auto& hook = fake_alsa::hooks().wait;
-        return !usable ? -EBADFD
-               : hook  ? hook(pcm, timeoutMs)
-                       : fake_alsa::device::wait(pcm, timeoutMs);
-    });
+    return answerUnlocked("snd_pcm_wait", pcm, arguments(pcm, timeoutMs),
+                          [&] { return hooks().wait(pcm, timeoutMs); });
 }
 
 snd_pcm_state_t snd_pcm_state(snd_pcm_t* pcm) {
-    const bool usable = isUsable(pcm);
-    return static_cast<snd_pcm_state_t>(answer("snd_pcm_state", arguments(pcm), [&] {
-        const auto& hook = fake_alsa::hooks().state;
-        return !usable ? SND_PCM_STATE_DISCONNECTED
-               : hook  ? hook(pcm)
-                       : fake_alsa::device::state(pcm);
-    }));
+    const int state =
+        answerUnlocked("snd_pcm_state", pcm, arguments(pcm), [&] { return hooks().state(pcm); });
+    return state == -EBADFD ? SND_PCM_STATE_DISCONNECTED : static_cast<snd_pcm_state_t>(state);
 }
 
 snd_pcm_sframes_t snd_pcm_avail_update(snd_pcm_t* pcm) {
-    const bool usable = isUsable(pcm);
-    return answer("snd_pcm_avail_update", arguments(pcm), [&] {
-        const auto& hook = fake_alsa::hooks().availUpdate;
-        return static_cast<int>(!usable ? -EBADFD
-                                : hook  ? hook(pcm)
-                                        : fake_alsa::device::availUpdate(pcm));
-    });
+    return answerUnlocked("snd_pcm_avail_update", pcm, arguments(pcm),
+                          [&] { return hooks().availUpdate(pcm); });
 }
 
 snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t* pcm, void* buffer, snd_pcm_uframes_t frames) {
-    const bool usable = isUsable(pcm);
-    return answer("snd_pcm_readi", arguments(pcm, frames), [&] {
-        const auto& hook = fake_alsa::hooks().readi;
-        auto* const samples = static_cast<int16_t*>(buffer);
-        return static_cast<int>(!usable ? -EBADFD
-                                : hook  ? hook(pcm, samples, frames)
-                                        : fake_alsa::device::readi(pcm, samples, frames));
+    return answerUnlocked("snd_pcm_readi", pcm, arguments(pcm, frames), [&] {
+        return hooks().readi(pcm, static_cast<int16_t*>(buffer), frames);
     });
 }
 
 snd_pcm_sframes_t snd_pcm_writei(snd_pcm_t* pcm, const void* buffer, snd_pcm_uframes_t frames) {
-    const bool usable = isUsable(pcm);
     const auto* const samples = static_cast<const int16_t*>(buffer);
-    const int taken = answer("snd_pcm_writei", arguments(pcm, frames), [&] {
-        const auto& hook = fake_alsa::hooks().writei;
-        return static_cast<int>(!usable ? -EBADFD
-                                : hook  ? hook(pcm, samples, frames)
-                                        : fake_alsa::device::writei(pcm, samples, frames));
-    });
-    if (usable && taken > 0 && fake_alsa::isRecording()) {
+    const int taken = answerUnlocked("snd_pcm_writei", pcm, arguments(pcm, frames),
+                                     [&] { return hooks().writei(pcm, samples, frames); });
+    if (taken > 0 && isOpen(pcm) && fake_alsa::isRecording()) {
         const Guard guard(lock());
         // A scripted answer may claim more than there was.
         const auto kept = std::min(static_cast<snd_pcm_uframes_t>(taken), frames);

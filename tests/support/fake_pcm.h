@@ -63,23 +63,41 @@ inline std::string nameOf(const snd_pcm_t* pcm) {
     return pcm != nullptr ? "pcm" + std::to_string(pcm->index) : "null";
 }
 
+// A value as the record shows it.
+template <typename Value>
+std::string textOf(Value value) {
+    return std::to_string(value);
+}
+inline std::string textOf(snd_pcm_access_t access) {
+    return access == SND_PCM_ACCESS_RW_INTERLEAVED ? "RW_INTERLEAVED" : "other";
+}
+inline std::string textOf(snd_pcm_format_t format) {
+    return format == SND_PCM_FORMAT_S16_LE ? "S16_LE" : "other";
+}
+
 template <typename... Values>
 std::string arguments(const snd_pcm_t* pcm, Values... values) {
     std::string text = nameOf(pcm);
-    ((text += ", " + std::to_string(values)), ...);
+    ((text += ", " + textOf(values)), ...);
     return text;
 }
 
 // A call with a handle that is not open is the daemon's mistake, whatever the call does.
 bool isUsable(snd_pcm_t* pcm);
 
-// Records a call with a PCM; `effect` runs under the lock.
+// Records a call with a PCM; `effect` runs without the lock, as a hook must.
+template <typename Effect>
+int answerUnlocked(const char* function, snd_pcm_t* pcm, const std::string& text, Effect effect) {
+    const bool usable = isUsable(pcm);
+    return answer(function, text, [&] { return usable ? static_cast<int>(effect()) : -EBADFD; });
+}
+
+// The same; `effect` runs under the lock.
 template <typename Effect>
 int answerPcm(const char* function, snd_pcm_t* pcm, const std::string& text, Effect effect) {
-    const bool usable = isUsable(pcm);
-    return answer(function, text, [&] {
+    return answerUnlocked(function, pcm, text, [&] {
         const Guard guard(lock());
-        return usable ? effect() : -EBADFD;
+        return effect();
     });
 }
 

@@ -15,7 +15,23 @@ constexpr snd_pcm_uframes_t kDefaultPeriod = 1024;
 
 }  // namespace
 
+// The call that sets one parameter, recorded with its value.
+#define SETTER(params_t, call, type, member)                                         \
+    int snd_pcm_##call(snd_pcm_t* pcm, snd_pcm_##params_t##_t* params, type value) { \
+        return answerPcm("snd_pcm_" #call, pcm, arguments(pcm, value), [&] {         \
+            params->member = value;                                                  \
+            return 0;                                                                \
+        });                                                                          \
+    }
+
 extern "C" {
+
+SETTER(hw_params, hw_params_set_access, snd_pcm_access_t, access)
+SETTER(hw_params, hw_params_set_format, snd_pcm_format_t, format)
+SETTER(hw_params, hw_params_set_channels, unsigned, channels)
+SETTER(sw_params, sw_params_set_start_threshold, snd_pcm_uframes_t, startThreshold)
+SETTER(sw_params, sw_params_set_stop_threshold, snd_pcm_uframes_t, stopThreshold)
+SETTER(sw_params, sw_params_set_avail_min, snd_pcm_uframes_t, availMin)
 
 size_t snd_pcm_hw_params_sizeof() {
     return sizeof(snd_pcm_hw_params_t);
@@ -25,31 +41,6 @@ int snd_pcm_hw_params_any(snd_pcm_t* pcm, snd_pcm_hw_params_t* params) {
     return answerPcm("snd_pcm_hw_params_any", pcm, nameOf(pcm) + fillOf(params), [params] {
         params->buffer = kDefaultBuffer;
         params->period = kDefaultPeriod;
-        return 0;
-    });
-}
-
-int snd_pcm_hw_params_set_access(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
-                                 snd_pcm_access_t access) {
-    const std::string text = access == SND_PCM_ACCESS_RW_INTERLEAVED ? "RW_INTERLEAVED" : "other";
-    return answerPcm("snd_pcm_hw_params_set_access", pcm, nameOf(pcm) + ", " + text, [&] {
-        params->access = access;
-        return 0;
-    });
-}
-
-int snd_pcm_hw_params_set_format(snd_pcm_t* pcm, snd_pcm_hw_params_t* params,
-                                 snd_pcm_format_t format) {
-    const std::string text = format == SND_PCM_FORMAT_S16_LE ? "S16_LE" : "other";
-    return answerPcm("snd_pcm_hw_params_set_format", pcm, nameOf(pcm) + ", " + text, [&] {
-        params->format = format;
-        return 0;
-    });
-}
-
-int snd_pcm_hw_params_set_channels(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, unsigned channels) {
-    return answerPcm("snd_pcm_hw_params_set_channels", pcm, arguments(pcm, channels), [&] {
-        params->channels = channels;
         return 0;
     });
 }
@@ -100,30 +91,6 @@ size_t snd_pcm_sw_params_sizeof() {
 int snd_pcm_sw_params_current(snd_pcm_t* pcm, snd_pcm_sw_params_t* params) {
     return answerPcm("snd_pcm_sw_params_current", pcm, nameOf(pcm) + fillOf(params), [&] {
         *params = pcm->sw;
-        return 0;
-    });
-}
-
-int snd_pcm_sw_params_set_start_threshold(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
-                                          snd_pcm_uframes_t frames) {
-    return answerPcm("snd_pcm_sw_params_set_start_threshold", pcm, arguments(pcm, frames), [&] {
-        params->startThreshold = frames;
-        return 0;
-    });
-}
-
-int snd_pcm_sw_params_set_stop_threshold(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
-                                         snd_pcm_uframes_t frames) {
-    return answerPcm("snd_pcm_sw_params_set_stop_threshold", pcm, arguments(pcm, frames), [&] {
-        params->stopThreshold = frames;
-        return 0;
-    });
-}
-
-int snd_pcm_sw_params_set_avail_min(snd_pcm_t* pcm, snd_pcm_sw_params_t* params,
-                                    snd_pcm_uframes_t frames) {
-    return answerPcm("snd_pcm_sw_params_set_avail_min", pcm, arguments(pcm, frames), [&] {
-        params->availMin = frames;
         return 0;
     });
 }

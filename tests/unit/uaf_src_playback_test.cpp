@@ -231,7 +231,7 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWaitIsRecoveredWithoutAFrame) {
         EXPECT_EQ(1, fake_log::count(kAlsaLog.debug("xrun_recovery: playback xrun, err " +
                                                     std::to_string(code))));
         EXPECT_THAT(ownLines(), Contains(kSourceLog.debug("loopcnt 0, pcmWrite 0\n")));
-        fake_alsa::hooks().writei = nullptr;
+        fake_alsa::hooks().writei = fake_alsa::device::writei;
         start();
         fake_alsa::setState(pcm(), SND_PCM_STATE_RUNNING);
     }
