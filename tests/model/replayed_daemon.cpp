@@ -3,7 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
+#include <map>
 
 #include <gtest/gtest.h>
 
@@ -42,17 +42,6 @@ std::string viewOf(const Channel& channel) {
 
 }  // namespace
 
-// The channels set their mutexes up when they are made.
-std::map<pthread_mutex_t*, bool>& ReplayedDaemon::watchMutexes(
-    std::map<pthread_mutex_t*, bool>& mutexes) {
-    fake_sys::hooks().pthread_mutex_init = [&mutexes](pthread_mutex_t* mutex,
-                                                      const pthread_mutexattr_t* attributes) {
-        mutexes[mutex] = false;
-        return fake_sys::real::pthread_mutex_init(mutex, attributes);
-    };
-    return mutexes;
-}
-
 ReplayedDaemon::ReplayedDaemon() {
     hookLocks();
     hookThreads();
@@ -88,41 +77,18 @@ void ReplayedDaemon::runLoop() {
     }
 }
 
-void ReplayedDaemon::lock(pthread_mutex_t* mutex) {
-    if (mutex == &source.intfMutex || mutex == &sink.intfMutex) {
-        stage.call(numbered(mutex == &sink.intfMutex ? 1 : 0, "lock"));
-    } else {
-        frameBufferFails = stage.call("0 ssrs") == "failed";
-    }
-    EXPECT_FALSE(held[mutex]) << "the script takes a lock that is held";
-    held[mutex] = true;
-}
-
-int ReplayedDaemon::tryLock(pthread_mutex_t* mutex) {
-    const bool isBusy = stage.call("0 trylock") == "busy";
-    EXPECT_EQ(isBusy, held[mutex]);
-    held[mutex] = true;
-    return isBusy ? EBUSY : 0;
-}
-
+// The other mutexes are those of the FIFOs, held for a moment only.
 void ReplayedDaemon::hookLocks() {
-    auto& hooks = fake_sys::hooks();
-    // The other mutexes are those of the FIFOs, held for a moment only.
-    hooks.pthread_mutex_lock = [this](pthread_mutex_t* mutex) {
-        if (held.count(mutex) == 0) {
-            return fake_sys::real::pthread_mutex_lock(mutex);
+    locks.onCall = [this](const std::string& entry) {
+        if (entry == "lock ssrs") {
+            frameBufferFails = stage.call("0 ssrs") == "failed";
+        } else if (entry.rfind("lock ", 0) == 0) {
+            stage.call(numbered(entry.back() - '0', "lock"));
+        } else if (entry.rfind("trylock ", 0) == 0) {
+            const bool isBusy = stage.call("0 trylock") == "busy";
+            EXPECT_EQ(isBusy, locks.isHeld("0"));
+            locks.answer(entry, isBusy ? EBUSY : 0);
         }
-        lock(mutex);
-        return 0;
-    };
-    hooks.pthread_mutex_trylock = [this](pthread_mutex_t* mutex) { return tryLock(mutex); };
-    hooks.pthread_mutex_unlock = [this](pthread_mutex_t* mutex) {
-        if (held.count(mutex) == 0) {
-            return fake_sys::real::pthread_mutex_unlock(mutex);
-        }
-        EXPECT_TRUE(held[mutex]) << "a lock is freed that nobody holds";
-        held[mutex] = false;
-        return 0;
     };
     fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx* ctx, const int16_t* data, int32_t n) {
         return frameBufferFails ? SSRS_BAD_PARAMETER : fake_ssrs::real::SSRS_Write(ctx, data, n);
@@ -132,46 +98,44 @@ void ReplayedDaemon::hookLocks() {
     };
 }
 
+int ReplayedDaemon::create(FakeThreads::Thread& thread) {
+    const bool isWorker = thread.entry == &UafCh::ChThread;
+    const int channel = isWorker && thread.argument == static_cast<UafCh*>(&sink) ? 1 : 0;
+    const std::string kind = isWorker ? "worker" : "buffer";
+    if (stage.call(numbered(channel, "create-" + kind)) == "refused") {
+        return EAGAIN;
+    }
+    return stage.create(&thread.id, kind + " " + std::to_string(channel), [=] {
+        stage.call(numbered(channel, "begin"));
+        thread.run();
+        stage.call(numbered(channel, "end"));
+    });
+}
+
 void ReplayedDaemon::hookThreads() {
-    auto& hooks = fake_sys::hooks();
-    hooks.pthread_create = [this](pthread_t* id, const pthread_attr_t*, void* (*entry)(void*),
-                                  void* argument) {
-        const bool isWorker = entry == &UafCh::ChThread;
-        const int channel = isWorker && argument == static_cast<UafCh*>(&sink) ? 1 : 0;
-        const std::string kind = isWorker ? "worker" : "buffer";
-        if (stage.call(numbered(channel, "create-" + kind)) == "refused") {
-            return EAGAIN;
-        }
-        return stage.create(id, kind + " " + std::to_string(channel), [=] {
-            stage.call(numbered(channel, "begin"));
-            entry(argument);
-            stage.call(numbered(channel, "end"));
-        });
-    };
-    hooks.pthread_join = [this](pthread_t id, void**) {
+    threads.install();
+    threads.onCreate = [this](FakeThreads::Thread& thread) { return create(thread); };
+    threads.onJoin = [this](pthread_t id) {
         const std::string part = stage.partOf(id);
         stage.call(numbered(part.back() - '0', "join-" + part.substr(0, part.find(' '))));
         EXPECT_TRUE(stage.join(id)) << part << " has not ended";
-        return 0;
     };
-    hooks.pthread_kill = [this](pthread_t id, int) {
+    threads.onSignal = [this](pthread_t id) {
         signalled = stage.partOf(id).back() - '0';
         stage.effect(numbered(signalled, "signal"));
         return 0;
     };
-    hooks.nanosleep = [this](const timespec*, timespec*) {
+    threads.onSleep = [this](long) {
         // The event loop pauses only when it has signalled.
         stage.call(numbered(Stage::part() == "loop" ? signalled : ownChannel(), "sleep"));
-        return 0;
     };
-    hooks.sched_yield = [this] {
+    threads.onYield = [this] {
         // The stop's is a part of its sleep, which follows.
         if (Stage::part() == "buffer 0") {
             stage.call("0 yield");
         }
-        return 0;
     };
-    hooks.sigaction = [](int, const struct sigaction*, struct sigaction*) { return 0; };
+    fake_sys::hooks().sigaction = [](auto...) { return 0; };
 }
 
 // ---- The world ---------------------------------------------------------------------------------
@@ -246,9 +210,10 @@ void ReplayedDaemon::hookCard() {
 }
 
 std::string ReplayedDaemon::view(int channel) {
-    const std::string threads = std::to_string(stage.threads("worker " + std::to_string(channel))) +
-                                std::to_string(stage.threads("buffer " + std::to_string(channel)));
-    return (channel == 0 ? viewOf(source) : viewOf(sink)) + threads;
+    const std::string existing =
+        std::to_string(stage.threads("worker " + std::to_string(channel))) +
+        std::to_string(stage.threads("buffer " + std::to_string(channel)));
+    return (channel == 0 ? viewOf(source) : viewOf(sink)) + existing;
 }
 
 }  // namespace uafd

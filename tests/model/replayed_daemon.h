@@ -4,9 +4,9 @@
 // what threads wait for and where the FIFOs lead follows the script, too.
 #pragma once
 
-#include <map>
 #include <pthread.h>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -14,6 +14,8 @@
 #include "channel/uaf_src.h"
 #include "daemon/event_loop.h"
 #include "tests/model/stage.h"
+#include "tests/support/fake_locks.h"
+#include "tests/support/fake_threads.h"
 
 namespace uafd {
 
@@ -42,23 +44,29 @@ class ReplayedDaemon {
     Stage stage;
 
   private:
-    static std::map<pthread_mutex_t*, bool>& watchMutexes(
-        std::map<pthread_mutex_t*, bool>& mutexes);
+    // The channels' mutexes, which they set up when they are made.
+    struct Locks : FakeLocks {
+        explicit Locks(std::vector<std::string>& journal) : FakeLocks(journal) {
+            install();
+            watchNew({"0", "ssrs", "1"});
+        }
+    };
+
     void hookLocks();
     void hookThreads();
     void hookFifos();
     void hookCard();
     void runLoop();
-    void lock(pthread_mutex_t* mutex);
-    int tryLock(pthread_mutex_t* mutex);
+    int create(FakeThreads::Thread& thread);
     std::string waitForApp(int channel, const std::string& call);
     ssize_t transfer(int channel, const std::string& call, size_t size);
     void openPcm(int channel);
 
-    std::map<pthread_mutex_t*, bool> held;  // the channels' mutexes
+    std::vector<std::string> journal;
+    Locks locks{journal};
+    FakeThreads threads{journal};
     bool frameBufferFails = false;
     int signalled = 0;  // the channel whose thread was signalled last
-    std::map<pthread_mutex_t*, bool>& watched = watchMutexes(held);
     OpenChannel<UafSrc> source;
     OpenChannel<UafSnk> sink;
     EventLoop loop{source, sink};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/fake_locks.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <gtest/gtest.h>
@@ -40,6 +41,11 @@ const std::string* FakeLocks::nameOf(const void* object) const {
         }
     }
     return nullptr;
+}
+
+bool FakeLocks::isHeld(const std::string& name) const {
+    return std::any_of(held.begin(), held.end(),
+                       [&](const void* mutex) { return *nameOf(mutex) == name; });
 }
 
 int FakeLocks::note(const std::string& call, const std::string& name) {
@@ -87,7 +93,7 @@ int FakeLocks::unlock(pthread_mutex_t* mutex) {
     if (name == nullptr) {
         return fake_sys::real::pthread_mutex_unlock(mutex);
     }
-    held.erase(mutex);
+    EXPECT_EQ(1U, held.erase(mutex)) << "is not held: unlock " << *name;
     return note("unlock", *name);
 }
 

@@ -29,6 +29,9 @@ class FakeLocks {
     // The same for the mutexes that are set up next.
     void watchNew(std::vector<std::string> names) { newNames = std::move(names); }
 
+    // Of a mutex watched under this name.
+    bool isHeld(const std::string& name) const;
+
     // From now on each such call returns this result, or only the n-th. A lock that fails is not
     // taken; an unlock that fails has taken effect.
     void answer(const std::string& entry, int result, int nth = 0) {

@@ -11,6 +11,7 @@ void FakeThreads::install() {
     hooks.pthread_join = [this](pthread_t id, void**) {
         journal.emplace_back("join");
         joined.push_back(id);
+        onJoin(id);
         return 0;
     };
     hooks.pthread_kill = [this](pthread_t id, int) {
@@ -26,6 +27,7 @@ void FakeThreads::install() {
     };
     hooks.sched_yield = [this] {
         journal.emplace_back("yield");
+        onYield();
         return 0;
     };
 }

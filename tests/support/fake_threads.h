@@ -38,16 +38,19 @@ class FakeThreads {
 
     // What is put behind "create" in the journal.
     std::function<std::string(const Thread&)> nameOf = [](const Thread&) { return ""; };
-    // The result of a creation; a thread that is refused counts as not created.
-    std::function<int(const Thread&)> onCreate = [](const Thread&) { return 0; };
+    // The result of a creation, which may give the thread another id; a thread that is refused
+    // counts as not created.
+    std::function<int(Thread&)> onCreate = [](Thread&) { return 0; };
+    std::function<void(pthread_t)> onJoin = [](pthread_t) {};
     // The result of a signal; as it is, there is no such thread.
     std::function<int(pthread_t)> onSignal = [](pthread_t) { return ESRCH; };
     // What happens in a pause of this length.
     std::function<void(long ns)> onSleep = [](long) {};
+    std::function<void()> onYield = [] {};
 
     // From now on every creation has this result.
     void refuse(int result) {
-        onCreate = [result](const Thread&) { return result; };
+        onCreate = [result](Thread&) { return result; };
     }
 
   private:
