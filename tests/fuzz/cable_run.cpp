@@ -90,18 +90,7 @@ ssize_t CableRun::fail(int error) {
 }
 
 std::vector<IpcService::Message> CableRun::takeMessages() {
-    std::vector<IpcService::Message> taken;
-    fake_sys::hooks().sendto = [&taken](int, const void* data, size_t size, int, const sockaddr*,
-                                        socklen_t) {
-        IpcService::Message message;
-        require(size == sizeof message, "a message is sent whole");
-        memcpy(&message, data, size);
-        taken.push_back(message);
-        return static_cast<ssize_t>(size);
-    };
-    fake_sys::hooks().pthread_cond_wait = [](pthread_cond_t*, pthread_mutex_t*) { return EINVAL; };
-    service().runTx();
-    return taken;
+    return service().take();
 }
 
 }  // namespace uafd::fuzz

@@ -3,23 +3,75 @@
 // journal in the order of the calls. No thread is made: a test calls the worker's part itself.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "channel/uaf_ch.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_ipc.h"
 #include "tests/support/fake_locks.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_threads.h"
-#include "tests/support/test_channel.h"
 
 namespace uafd::channel_bench {
 
 constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
 constexpr char kPcmName[] = "hw:1";
 constexpr pthread_t kOldWorker = 41;
+
+// The smallest channel: the base with a stream that only notes what the base asks of it. What the
+// base keeps for derived channels and for itself lies open to tests.
+class TestChannel : public UafCh {
+  public:
+    static constexpr int kMsgType = 7;
+
+    explicit TestChannel(std::vector<std::string>& journalOfTest)
+        : UafCh(kMsgType), journal(journalOfTest) {}
+
+    void uafLoop() override {
+        journal.push_back("loop");
+        onLoop();
+    }
+    int uafStart() override {
+        journal.push_back("start");
+        onStart();
+        return startResult;
+    }
+    int uafStop() override {
+        journal.push_back("stop");
+        onStop();
+        return 0;
+    }
+
+    int startResult = 0;
+    std::function<void()> onStart = [] {};
+    std::function<void()> onStop = [] {};
+    std::function<void()> onLoop = [] {};
+
+    using UafCh::fifo;
+    using UafCh::fifoName;
+    using UafCh::intfMutex;
+    using UafCh::joinPending;
+    using UafCh::msgType;
+    using UafCh::pcmHandle;
+    using UafCh::pcmName;
+    using UafCh::pcmStallCnt;
+    using UafCh::pcmStatus;
+    using UafCh::state;
+    using UafCh::stopDelayCnt;
+    using UafCh::threadId;
+
+    using UafCh::missedWait;
+    using UafCh::recoverPcm;
+    using UafCh::requestStop;
+
+  private:
+    std::vector<std::string>& journal;
+};
+
 const fake_ipc::Message kOnMessage{TestChannel::kMsgType, 1};
 const fake_ipc::Message kOffMessage{TestChannel::kMsgType, 0};
 

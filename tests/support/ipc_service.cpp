@@ -49,11 +49,13 @@ void IpcService::hold() {
         calls.push_back("close " + std::to_string(fd));
         return 0;
     };
-    hooks.pthread_create = [this](pthread_t* id, const pthread_attr_t* attributes,
-                                  void* (*entry)(void*), void* argument) {
-        calls.push_back(attributes == nullptr ? "create" : "create with attributes");
-        *id = pthread_self();
-        threads.push_back({entry, argument});
+    threads.install();
+    threads.nameOf = [](const FakeThreads::Thread& thread) {
+        return thread.policy < 0 ? "" : "with attributes";
+    };
+    // The service lets in only threads that it made; here that is the test's.
+    threads.onCreate = [](FakeThreads::Thread& thread) {
+        thread.id = pthread_self();
         return 0;
     };
 }
@@ -61,7 +63,7 @@ void IpcService::hold() {
 bool IpcService::start() {
     hold();
     sockets = 0;
-    threads.clear();
+    threads.created.clear();
     return ipc.start();
 }
 
@@ -72,6 +74,7 @@ std::vector<IpcService::Message> IpcService::take() {
     fake_sys::hooks().sendto = [&](int, const void* data, size_t size, int, const sockaddr*,
                                    socklen_t) {
         UsbAudioMsgT msg{};
+        EXPECT_EQ(sizeof msg, size);
         memcpy(&msg, data, sizeof msg);
         taken.emplace_back(msg.type, msg.data);
         return static_cast<ssize_t>(size);

@@ -11,6 +11,7 @@
 #include "ipc/uaf_ipc.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
+#include "tests/support/fake_threads.h"
 
 namespace uafd {
 
@@ -33,8 +34,8 @@ class IpcService {
     bool startAgain() { return ipc.start(); }
 
     // Run the service's threads, in this one, until a hook ends their loop.
-    void runRx() { threads[0].entry(threads[0].argument); }
-    void runTx() { threads[1].entry(threads[1].argument); }
+    void runRx() { threads.created[0].run(); }
+    void runTx() { threads.created[1].run(); }
 
     // Every message that waits for the app, taken by the real transmit loop.
     std::vector<Message> take();
@@ -42,15 +43,10 @@ class IpcService {
     std::vector<std::string> calls;
 
   private:
-    struct Thread {
-        void* (*entry)(void*);
-        void* argument;
-    };
-
     void note(const std::string& call, int a, int b, int c);
 
     UafIpc ipc;
-    std::vector<Thread> threads;
+    FakeThreads threads{calls};
     int sockets = 0;
 };
 

@@ -138,4 +138,45 @@ void Test::failStartAt(const std::string& function, int step) {
     EXPECT_EQ(std::vector<fake_ipc::Message>{}, fake_ipc::messages());
 }
 
+void FifoTest::SetUp() {
+    Test::SetUp();
+    fake_ssrs::hooks().SSRS_Write = [this](SSRS_Ctx*, const int16_t* data, int32_t n) {
+        journal.push_back("write");
+        blocks.emplace_back(data, data + n);
+        return writeResult;
+    };
+    fake_ssrs::hooks().SSRS_StatsGet = [this](const SSRS_Ctx*, SSRS_Stats* copy) {
+        journal.push_back("stats");
+        *copy = stats;
+        return 0;
+    };
+    start();
+}
+
+void FifoTest::runBlocks(int passes) {
+    stopAfterBlocks(passes);
+    runBufferThread();
+}
+
+void FifoTest::readResults(std::vector<int> results) {
+    fifo.onRead = [results, next = size_t{0}](int16_t*, size_t size) mutable {
+        return next < results.size() ? results[next++] : static_cast<ssize_t>(size);
+    };
+}
+
+int FifoTest::linesWith(const std::string& part) {
+    const std::vector<fake_log::Line> lines = ownLines();
+    return static_cast<int>(std::count_if(
+        lines.begin(), lines.end(),
+        [&](const fake_log::Line& line) { return line.text.find(part) != std::string::npos; }));
+}
+
+void FifoTest::stopAtYield(int yields) {
+    threads.onYield = [this, left = yields]() mutable {
+        if (--left == 0) {
+            source->uafStop();
+        }
+    };
+}
+
 }  // namespace uafd::source_bench

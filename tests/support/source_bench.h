@@ -92,4 +92,24 @@ class Test : public fake_alsa::Test {
     FakeThreads::Thread bufferThread{};
 };
 
+// A started channel's buffer loop: reads and a frame buffer as the test wants them, and what
+// reached the frame buffer.
+class FifoTest : public Test {
+  protected:
+    void SetUp() override;
+
+    // `passes` passes that reach the unlock.
+    void runBlocks(int passes);
+    // Reads give these results, one after the other, and then whole blocks.
+    void readResults(std::vector<int> results);
+    // The loop ends in its `yields`-th failed pass.
+    void stopAtYield(int yields);
+    // The channel's lines that hold this text.
+    static int linesWith(const std::string& part);
+
+    std::vector<std::vector<int16_t>> blocks;
+    int32_t writeResult = 0;
+    SSRS_Stats stats{};
+};
+
 }  // namespace uafd::source_bench

@@ -3,20 +3,10 @@
 // and puts anything in its place, until it is told to settle down and be a good app.
 #pragma once
 
-#include <array>
 #include <atomic>
-#include <cerrno>
-#include <fcntl.h>
-#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
-#include <unistd.h>
-#include <utility>
-
-#include <sys/stat.h>
-
-#include "tests/support/fake_sys.h"
 
 namespace uafd {
 
@@ -24,16 +14,8 @@ class WildApp {
   public:
     // `direction` is the flag of the app's end, O_WRONLY or O_RDONLY. The acts follow from the
     // seed; how they meet the channel's threads does not.
-    WildApp(std::string fifoPath, int direction, unsigned seed)
-        : path(std::move(fifoPath)),
-          target(path + ".target"),
-          flags(direction | O_NONBLOCK),
-          random(seed),
-          thread([this] { run(); }) {}
-    ~WildApp() {
-        done = true;
-        thread.join();
-    }
+    WildApp(std::string fifoPath, int direction, unsigned seed);
+    ~WildApp();
     WildApp(const WildApp&) = delete;
     WildApp& operator=(const WildApp&) = delete;
 
@@ -48,134 +30,28 @@ class WildApp {
     bool hasSettled() const { return settled; }
 
   private:
-    void setHalted(bool wanted) {
-        halting = wanted;
-        while (halted != wanted) {
-            std::this_thread::yield();
-        }
-    }
+    void setHalted(bool wanted);
+    void run();
+    void openEnd();
+    void closeEnd();
+    void moveBlock();
+    void behave();  // as a good app
 
-    void run() {
-        using Act = void (WildApp::*)();
-        // Moving sound has to be frequent, or nothing that depends on it is ever reached.
-        constexpr Act acts[] = {&WildApp::moveSound,   &WildApp::moveSound, &WildApp::moveSound,
-                                &WildApp::openAndRest, &WildApp::rest,      &WildApp::closeEnd,
-                                &WildApp::remove,      &WildApp::make,      &WildApp::replace,
-                                &WildApp::replaceAnew, &WildApp::placeFile, &WildApp::placeFolder,
-                                &WildApp::placeLink,   &WildApp::placeLoop};
-        while (!done) {
-            halted = halting.load();
-            if (halted) {
-                // nothing
-            } else if (settling) {
-                behave();
-                settled = true;
-            } else {
-                (this->*acts[random() % std::size(acts)])();
-            }
-            std::this_thread::yield();
-        }
-        closeEnd();
-    }
-
-    void openEnd() {
-        if (fd < 0) {
-            fd = fake_sys::real::open(path.c_str(), flags);
-        }
-    }
-    void closeEnd() {
-        if (fd >= 0) {
-            close(fd);
-        }
-        fd = -1;
-    }
-    void moveBlock() {
-        std::array<char, 1920> block{};
-        if (fd < 0) {
-            return;
-        }
-        const ssize_t moved = (flags & O_ACCMODE) == O_WRONLY
-                                  ? fake_sys::real::write(fd, block.data(), block.size())
-                                  : fake_sys::real::read(fd, block.data(), block.size());
-        if (moved < 0 && errno != EAGAIN) {
-            closeEnd();
-        }
-    }
-
-    // ---- The acts ------------------------------------------------------------------------------
-
-    void moveSound() {
-        openEnd();
-        for (auto i = random() % 30; i > 0; --i) {
-            moveBlock();
-            std::this_thread::yield();
-        }
-    }
+    // The acts.
+    void moveSound();
     // An app that is there and silent, for as long as it happens not to do anything else.
-    void openAndRest() {
-        openEnd();
-        rest();
-    }
-    void rest() {
-        for (auto i = random() % 200; i > 0; --i) {
-            std::this_thread::yield();
-        }
-    }
+    void openAndRest();
+    void rest();
     // Its end of the FIFO, if it is open, stays so.
-    void make() { mkfifo(path.c_str(), 0600); }
-    void clear() {
-        if (rmdir(path.c_str()) != 0) {
-            unlink(path.c_str());
-        }
-        unlink(target.c_str());
-    }
-    void replace() {
-        clear();
-        make();
-    }
-    void remove() {
-        closeEnd();
-        clear();
-    }
-    void replaceAnew() {
-        closeEnd();
-        replace();
-        replace();
-    }
-    void placeFile() {
-        remove();
-        close(fake_sys::real::open(path.c_str(), O_CREAT | O_WRONLY));
-    }
-    void placeFolder() {
-        remove();
-        mkdir(path.c_str(), 0700);
-    }
-    void placeLink() {
-        remove();
-        mkfifo(target.c_str(), 0600);
-        ignore(symlink(target.c_str(), path.c_str()));
-    }
-    void placeLoop() {
-        remove();
-        ignore(symlink(path.c_str(), path.c_str()));
-    }
-    // Somebody else's file may be there already; then that stays.
-    static void ignore(int) {}
-
-    // ---- The good app --------------------------------------------------------------------------
-
-    void behave() {
-        struct stat named {};
-        struct stat held {};
-        if (lstat(path.c_str(), &named) != 0 || !S_ISFIFO(named.st_mode)) {
-            remove();
-            make();
-        } else if (fd >= 0 && fstat(fd, &held) == 0 && held.st_ino != named.st_ino) {
-            closeEnd();
-        }
-        openEnd();
-        moveBlock();
-    }
+    void make();
+    void clear();
+    void replace();
+    void remove();
+    void replaceTwice();
+    void placeFile();
+    void placeFolder();
+    void placeLink();
+    void placeLoop();
 
     const std::string path;
     const std::string target;

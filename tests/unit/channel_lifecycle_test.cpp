@@ -263,7 +263,7 @@ TEST_F(ChannelLifecycleTest, AnOffIsTakenWhileTheSinkWaitsForTheApp) {
 
 TEST_F(ChannelLifecycleTest, TheNextEventLetsTheBufferThreadOutOfAFifoThatWasReplaced) {
     ASSERT_EQ(0, source.intfUpdate(true));
-    makeAnewOnceWaitedOn(sourceFifo);
+    replaceOnceWaitedOn(sourceFifo);
     const AppWriter writer(sourceFifo, 5);
     ASSERT_EQ(0, source.intfUpdate(false));
     ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
@@ -275,7 +275,7 @@ TEST_F(ChannelLifecycleTest, TheNextEventLetsTheBufferThreadOutOfAFifoThatWasRep
 
 TEST_F(ChannelLifecycleTest, TheNextEventLetsTheSinkOutOfAFifoThatWasReplaced) {
     ASSERT_EQ(0, sink.intfUpdate(true));
-    makeAnewOnceWaitedOn(sinkFifo);
+    replaceOnceWaitedOn(sinkFifo);
     const AppReader reader(sinkFifo);
     ASSERT_EQ(0, sink.intfUpdate(false));
     ASSERT_TRUE(eventually([&] { return sink.hasStopped(); }));

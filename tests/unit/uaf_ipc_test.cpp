@@ -179,7 +179,7 @@ TEST_F(UafIpcTest, ServiceRunsBeforeItsReceiveThreadMayBegin) {
         const int rc = fake_sys::real::pthread_mutex_unlock(mutex);
         if (pthread_equal(starter, pthread_self()) != 0 && creations == 2 && !joined) {
             joined = true;
-            pthread_join(receiver, nullptr);
+            fake_sys::real::pthread_join(receiver, nullptr);
         }
         return rc;
     };
@@ -225,7 +225,7 @@ TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     auto doomed = std::make_unique<UafIpc>();
     EXPECT_FALSE(doomed->start());
     doomed.reset();
-    pthread_join(receiver, nullptr);
+    fake_sys::real::pthread_join(receiver, nullptr);
     EXPECT_EQ((Lines{kIpcLog.error("creating IPC TX thread failed: "
                                    "<11:11:Resource temporarily unavailable>\n")}),
               fake_log::lines());
@@ -245,7 +245,7 @@ TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
     fake_sys::hooks().open = fake_sys::failing(ENODEV);
     start();
     EXPECT_TRUE(started);
-    pthread_join(receiver, nullptr);
+    fake_sys::real::pthread_join(receiver, nullptr);
     EXPECT_EQ((Lines{kIpcLog.debug("rxLoop: starting\n"),
                      kIpcLog.error("rxLoop: opening /dev/uac_user failed: <-1:19>\n")}),
               fake_log::lines());

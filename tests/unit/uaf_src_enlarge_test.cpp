@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/source_fifo_case.h"
+#include "tests/support/source_bench.h"
 
 namespace uafd {
 namespace {
@@ -16,10 +16,10 @@ using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
 using ::testing::Not;
 
-class UafSrcEnlargeTest : public SourceFifoCase {
+class UafSrcEnlargeTest : public FifoTest {
   protected:
     void SetUp() override {
-        SourceFifoCase::SetUp();
+        FifoTest::SetUp();
         fake_ssrs::hooks().SSRS_SetQBuff = [this](SSRS_Ctx*, int16_t* storage, int32_t len) {
             EXPECT_NE(nullptr, storage);
             journal.push_back("storage " + std::to_string(len));

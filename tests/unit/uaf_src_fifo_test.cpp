@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/source_fifo_case.h"
+#include "tests/support/source_bench.h"
 
 namespace uafd {
 namespace {
@@ -21,7 +21,7 @@ using ::testing::IsSupersetOf;
 using ::testing::SizeIs;
 using Samples = std::vector<int16_t>;
 
-using UafSrcFifoTest = SourceFifoCase;
+using UafSrcFifoTest = FifoTest;
 
 // ---- Reading the FIFO --------------------------------------------------------------------------
 
