@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands in for the mutexes and conditions that a test names: their calls appear in a journal and
-// fail on demand, and a lock that would wait for itself is a failure instead of a hang. All other
-// mutexes work as ever. For tests on one thread.
+// fail on demand. A lock that would wait for itself is a failure instead of a hang, and so is an
+// unlock of what is not held. All other mutexes work as ever. For tests on one thread, or on
+// several of which one runs at a time.
 #pragma once
 
 #include <functional>

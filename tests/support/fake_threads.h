@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands in for threads and their pauses: a thread that is created is noted instead of started, and
 // the test runs it itself. Calls appear in a journal as "create", "join", "signal", "sleep" and
-// "yield". For tests on one thread.
+// "yield". For tests on one thread, or on several of which one runs at a time.
 #pragma once
 
 #include <cerrno>

@@ -133,6 +133,7 @@ TEST_F(CableCheckTest, ReadingThatFailsHoldsTheCountAndIsNotLogged) {
     }
 }
 
+// The check is made every second, for months.
 TEST_F(CableCheckTest, EveryOpenedFileIsClosed) {
     const auto descriptors = [] {
         const std::filesystem::directory_iterator all("/proc/self/fd");

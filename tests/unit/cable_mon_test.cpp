@@ -237,6 +237,7 @@ TEST_F(CableMonTest, UndecodableEventIsAnError) {
     EXPECT_EQ((Lines{kCableLog.error("decoding netlinmk msg failed\n")}), linesInLoop());
 }
 
+// Other processes can send to such a socket, too.
 TEST_F(CableMonTest, OnlyTheKernelsFirstGroupIsHeardAndNothingElseDecoded) {
     const std::pair<uint32_t, uint32_t> senders[] = {{1234, 1}, {0, 2}, {0, 0}, {0, 3}, {1234, 2}};
     for (const auto& [pid, groups] : senders) {

@@ -107,6 +107,7 @@ TEST_F(MicCaptureTimestampTest, IdFileIsClosedOnceTheStatusFileIsOpen) {
                             std::string("close ") + kIdPath, std::string("close ") + kPcm0Path));
 }
 
+// Although that file was not opened: log readers look for the pair of lines.
 TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile) {
     files.refuse(kIdPath, EACCES);
     files.put(kPcm1Path, kRunningStatus);
@@ -290,6 +291,7 @@ TEST_F(SynchStartupTest, PeriodOutsideThePhaseRangeIsWritten) {
     }
 }
 
+// Its phase is negative, outside the range.
 TEST_F(SynchStartupTest, StartInTheFutureIsWritten) {
     for (const int64_t ns : {-1L, -2 * kMs, -5 * kMs, -6500000L, -9999999L, -15 * kMs}) {
         EXPECT_EQ(0, atPhase(ns)) << ns;
@@ -313,6 +315,7 @@ TEST_F(SynchStartupTest, StartTimeIsReadOnce) {
     EXPECT_EQ(events, files.events);
 }
 
+// The worker comes here with every period of the stream.
 TEST_F(SynchStartupTest, FinishedTouchesNeitherFilesNorClock) {
     EXPECT_EQ(0, atPhase(0));
     files.events.clear();

@@ -41,6 +41,7 @@ TEST_F(ChannelLifecycleTest, RequestsInAnyOrderKeepTheMessagesAlternating) {
     expectAlternatingMessages();
 }
 
+// For the sanitizers above all, which see a freed name being read.
 TEST_F(ChannelLifecycleTest, NamesAreReplacedAndClearedWhileThreadsReadThem) {
     auto writer = std::make_unique<AppWriter>(sourceFifo, 5);
     auto reader = std::make_unique<AppReader>(sinkFifo);
@@ -174,6 +175,7 @@ TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
 
 // ---- What a failed start leaves ----------------------------------------------------------------
 
+// A second one would read from the same FIFO.
 TEST_F(ChannelLifecycleTest, AThreadLeftByAFailedStartIsTheOneThatGoesOn) {
     std::atomic<int> buffers{0};
     fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t* attributes,

@@ -49,6 +49,7 @@ TEST_F(DevNameTest, EmptyTextIsAName) {
     EXPECT_STREQ("", name.load());
 }
 
+// A reader loads the pointer once, and may use it for long.
 TEST_F(DevNameTest, ReplacedCopiesStayReadable) {
     name.set("first");
     const char* const first = name.load();
@@ -68,6 +69,7 @@ TEST_F(DevNameTest, FreeingTheReplacedKeepsTheCurrentCopy) {
     EXPECT_STREQ("second", name.load());
 }
 
+// The same names come and go under a living thread for months.
 TEST_F(DevNameTest, AReplacedCopyOfTheTextIsTakenBack) {
     name.set("hw:1");
     const char* const first = name.load();

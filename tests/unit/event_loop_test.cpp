@@ -155,6 +155,7 @@ TEST_F(EventLoopTest, BindThatLosesTheCardIsUnbound) {
     EXPECT_EQ(0, snk.intfUpdate(false));  // the names are left
 }
 
+// Card 0 is a card.
 TEST_F(EventLoopTest, BindToTheFirstCardIsABinding) {
     fake_alsa::setCards({{0, "Vexa_Gadget"}});
     handled(0, 0);
@@ -252,6 +253,7 @@ TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
     EXPECT_EQ(stateOf(-1, -1, 1), state());
 }
 
+// The card may appear later than its bind event.
 TEST_F(EventLoopTest, SpeakerOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(2, 1),
@@ -293,6 +295,7 @@ TEST_F(EventLoopTest, MicOnWhileUnboundBinds) {
     EXPECT_EQ(stateOf(1, 0, 1), state());
 }
 
+// The card may appear later than its bind event.
 TEST_F(EventLoopTest, MicOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(3, 1),
@@ -430,6 +433,7 @@ TEST_F(EventLoopRunTest, ShortReadLeavesTheRestOfTheRecord) {
     EXPECT_THAT(pausesUs, IsEmpty());
 }
 
+// Nothing made that read wait: without the pause the loop would spin.
 TEST_F(EventLoopRunTest, AReadThatBringsNothingIsHandledAndThenPausedFor) {
     run({{8, {6, 1}}, {-1, {}}, {0, {}}, {1, {6, 1}}, {-1, {}}, {8, {6, 0}}});
     EXPECT_THAT(pausesUs, ElementsAre(10000, 10000, 10000));

@@ -61,6 +61,8 @@ TEST_F(FakeSysTest, LockThatWouldWaitForItselfIsAFailure) {
     locks.watch(watched);
     EXPECT_EQ(0, pthread_mutex_lock(&watched));
     EXPECT_NONFATAL_FAILURE(pthread_mutex_lock(&watched), "waits for itself: lock");
+    EXPECT_EQ(0, pthread_mutex_unlock(&watched));
+    EXPECT_NONFATAL_FAILURE(pthread_mutex_unlock(&watched), "is not held: unlock");
 }
 
 TEST_F(FakeSysTest, CreatedThreadRunsWhenTheTestRunsIt) {

@@ -76,6 +76,7 @@ TEST_F(FrameBufferTest, AUseReleasesTheLockBeforeItReturns) {
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// The stop is requested meanwhile: the other thread must not find the failed buffer before that.
 TEST_F(FrameBufferTest, AFailedUseKeepsTheLockAsLongAsItsResult) {
     fake_ssrs::hooks().SSRS_Write = [](SSRS_Ctx*, const int16_t*, int32_t) { return 3; };
     fake_ssrs::hooks().SSRS_Read = [](SSRS_Ctx*, int16_t*) { return 4; };

@@ -159,6 +159,7 @@ TEST_F(MainTest, ServiceThatDoesNotStartEndsTheProcess) {
               fake_log::lines().back());
 }
 
+// Sound needs neither of them.
 TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
     cableStarts = false;
     ioctlResult = -1;

@@ -86,6 +86,7 @@ TEST_F(MsgQueueTest, MessageIsCopied) {
     EXPECT_EQ((Messages{{3, 1}}), take());
 }
 
+// While there is no app nobody takes messages, and memory must stay bounded.
 TEST_F(MsgQueueTest, NewestOfAHundredGivesWay) {
     for (uint32_t i = 0; i < 99; i++)
         queue.queueMsg({3, i});
@@ -248,6 +249,7 @@ TEST_F(MsgQueueTest, SyncUpAtAHundredPendingLeavesOnlyItsLastMessage) {
     EXPECT_EQ((Message{2, 1}), taken[99]);
 }
 
+// The next sync-up gives it.
 TEST_F(MsgQueueTest, StateThatCannotLockIsLostButRemembered) {
     setStates(1, 0, 0);
     take();

@@ -57,6 +57,7 @@ TEST_F(SsrsTest, RefusedReadCountsAsReadError) {
     EXPECT_EQ(0, ctx->avgDepthX10k);
 }
 
+// From there the depth can drift both ways before anything is corrected.
 TEST_F(SsrsTest, FirstWritePrimesToTheMiddleOfTheRange) {
     setUpStreaming();
     EXPECT_EQ(0, write(ramp(480)));
@@ -133,6 +134,7 @@ TEST_F(SsrsTest, DepthWithinTheRangeIsCopiedUnchanged) {
     EXPECT_EQ(3u, stats().rdCalls);
 }
 
+// The writer's clock is the faster one: a sample too many is squeezed into the frame.
 TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
     setUpHolding(ramp(721));
     EXPECT_EQ(resampled(ramp(241), kFrameSamples), read());
@@ -142,6 +144,7 @@ TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
     EXPECT_EQ(241u, stats().rdSamples);
 }
 
+// The writer's clock is the slower one: a sample too few is stretched over the frame.
 TEST_F(SsrsTest, DepthBelowTheRangeTakesOneSampleFewer) {
     setUpHolding(ramp(479));
     EXPECT_EQ(resampled(ramp(239), kFrameSamples), read());
@@ -359,6 +362,7 @@ TEST_F(SsrsTest, PendingPrimesSaturate) {
     EXPECT_EQ(0, ctx->primePending);
 }
 
+// The daemon runs for months, longer than 32 bits last.
 TEST_F(SsrsTest, CountersWrap) {
     setUpHolding(ramp(479));
     ctx->stretchCnt = INT32_MAX;

@@ -64,6 +64,7 @@ class StandardStreamsTest : public fake_sys::Test {
     int opens = 0;
 };
 
+// Otherwise a device or a FIFO that is opened later would take the number and get the log.
 TEST_F(StandardStreamsTest, EachThatIsClosedIsOccupiedAndNothingElse) {
     for (int given = 0; given < 8; ++given) {
         SCOPED_TRACE(given);
@@ -142,6 +143,7 @@ TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
                                      "/tmp/usbAudioFifoTx after 1 attempts")));
 }
 
+// That is a line in five minutes, however long the app stays away.
 TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
     rxFailures = 1500;
     txFailures = 3001;

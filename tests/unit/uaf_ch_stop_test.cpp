@@ -33,6 +33,7 @@ TEST_F(UafChStopTest, TheWorkerGoesOnInEveryOtherState) {
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// Until then an on request can take the off back, and the stream goes on.
 TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
     startAndSwitchOff();
     int stateAtStop = 0;
@@ -59,6 +60,7 @@ TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
     EXPECT_TRUE(channel.joinPending);
 }
 
+// The passes are counted without the lock, which would cost each of them.
 TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
     startAndSwitchOff();
     locks.beforeNext("lock", [this] { channel.intfUpdate(true); });
@@ -114,6 +116,7 @@ TEST_F(UafChStopTest, TheStopReportsAFailedUnlock) {
                     kChannelLog.error("intfMutex unlock failed after stopping the UAFCH: 1\n")));
 }
 
+// The worker stops the channel itself, and cannot join itself.
 TEST_F(UafChStopTest, TheNextStartJoinsTheFinishedWorkerFirst) {
     startAndSwitchOff();
     channel.threadId = kOldWorker;
@@ -156,6 +159,7 @@ TEST_F(UafChStopTest, TheWorkersEntryRunsTheLoop) {
 
 // ---- The off request of a thread that a stop joins ---------------------------------------------
 
+// The stop holds the lock while it joins the thread that asks: waiting would never end.
 TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
     start();
     EXPECT_EQ(0, channel.requestStop());

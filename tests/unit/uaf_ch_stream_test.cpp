@@ -31,6 +31,7 @@ class UafChStreamTest : public channel_bench::Test {
 
 // ---- Volume and mute ---------------------------------------------------------------------------
 
+// Receivers ignore the upper one.
 TEST_F(UafChStreamTest, AVolumeTravelsInTheLowHalf) {
     EXPECT_EQ(0, channel.setVolume(-1, 3));
     EXPECT_EQ(0, channel.setVolume(-32768, 4));
@@ -58,6 +59,7 @@ TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
             kChannelLog.debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
 }
 
+// A stop that is under way holds the lock, and the event loop must not wait for it here.
 TEST_F(UafChStreamTest, VolumeAndMuteTouchNeitherStateNorLock) {
     channel.state = UAFCH_STOPPING;
     channel.stopDelayCnt = 2;
@@ -125,6 +127,7 @@ TEST_F(UafChStreamTest, AStallIsReportedOnceAndCounted) {
     EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.debug("timeout0, rc=0\n")));
 }
 
+// A host may send nothing for months.
 TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
     channel.pcmStallCnt = INT_MAX - 1;
     for (int i = 0; i < 3; ++i) {
@@ -133,6 +136,7 @@ TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
     }
 }
 
+// It returns at once: without the pause the worker would spin.
 TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
     EXPECT_EQ(10000000, threads.sleptNs);

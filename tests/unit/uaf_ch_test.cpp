@@ -21,6 +21,7 @@ using UafChTest = channel_bench::Test;
 
 // ---- Construction and names --------------------------------------------------------------------
 
+// They stand in the log.
 TEST_F(UafChTest, StatesHaveTheirFixedNumbers) {
     EXPECT_EQ(1, UAFCH_RUNNING);
     EXPECT_EQ(2, UAFCH_STOPPING);
@@ -75,6 +76,7 @@ TEST_F(UafChTest, NullArgumentsUnsetNames) {
     EXPECT_EQ(nullptr, channel.pcmName.load());
 }
 
+// Threads read the names without a lock.
 TEST_F(UafChTest, ReplacedNamesAreFreedOnceNoThreadReadsThem) {
     const void* const first = channel.fifoName.load();
     bool freed = false;
@@ -213,6 +215,7 @@ TEST_F(UafChTest, AFailedStartLeavesTheChannelStopped) {
                             kChannelLog.error("failed to start audio")));
 }
 
+// The next on request finds the stream open and starts it afresh.
 TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
     threads.refuse(EAGAIN);
     channel.threadId = kOldWorker;
@@ -226,6 +229,7 @@ TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
                             kChannelLog.error("pthread_create failed")));
 }
 
+// Sound at an ordinary priority is better than none.
 TEST_F(UafChTest, TheWorkerIsCreatedWithWhatIsLeftOfItsAttributes) {
     fake_sys::hooks().pthread_attr_setschedpolicy = [](pthread_attr_t*, int) { return EINVAL; };
     start();
@@ -278,6 +282,7 @@ TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
                 ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
 }
 
+// A pass of the worker may race with the on request that cancels its stop.
 TEST_F(UafChTest, ALateIncrementDoesNotShortenTheNextStop) {
     start();
     channel.stopDelayCnt = 3;  // left by a pass that a cancel overtook
@@ -332,6 +337,7 @@ TEST_F(UafChTest, AnUnknownStateIsReportedAndKept) {
     }
 }
 
+// No request is refused because of the lock.
 TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     locks.answer("lock", EINVAL);
     EXPECT_EQ(0, channel.intfUpdate(true));
@@ -348,6 +354,7 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     EXPECT_THAT(fake_log::lines(), Contains(line));
 }
 
+// Although nothing was stopped: log readers know this text.
 TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
     locks.answer("unlock", EPERM);
     EXPECT_EQ(0, channel.intfUpdate(false));

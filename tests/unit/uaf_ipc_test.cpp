@@ -78,6 +78,7 @@ TEST_F(UafIpcTest, ReceivingSocketFails) {
     expectFailure({"socket failed: <-1:23>"}, {"close 901"});
 }
 
+// Nothing is wrong at a first start, but whoever watches its log expects the line.
 TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
     fake_sys::hooks().unlink = fake_sys::failing(ENOENT);
     start();

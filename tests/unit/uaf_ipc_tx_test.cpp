@@ -142,6 +142,7 @@ TEST_F(UafIpcTxTest, FailedWaitUnlocksAndEnds) {
               fake_log::lines());
 }
 
+// A condition may wake up without a broadcast.
 TEST_F(UafIpcTxTest, WakeUpWithoutAMessageWaitsAgain) {
     locks.answer("wait", EINVAL, 3);
     service.runTx();
@@ -158,6 +159,7 @@ TEST_F(UafIpcTxTest, FailedUnlockEndsAfterTheMessageWasSent) {
     EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
 }
 
+// A send to a missing app is tried for minutes; whoever queues must not wait for it.
 TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
     UafIpc::queueMsg({3, 1});
     answerSends([](size_t size) {

@@ -45,6 +45,7 @@ TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
     EXPECT_EQ(kSinkLog.debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
 }
 
+// It is standard input.
 TEST_F(UafSnkFifoTest, DescriptorZeroCountsAsClosed) {
     fifo.openResult = 0;
     run(3);

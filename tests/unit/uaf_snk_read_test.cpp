@@ -25,6 +25,7 @@ using UafSnkReadTest = sink_bench::Test;
 
 // ---- The PCM's states --------------------------------------------------------------------------
 
+// After a recovery a capture is prepared, and does not start by itself.
 TEST_F(UafSnkReadTest, StoppedPcmIsStartedAgain) {
     for (const snd_pcm_state_t stopped : {SND_PCM_STATE_SETUP, SND_PCM_STATE_PREPARED}) {
         fake_alsa::clearCalls();
@@ -70,6 +71,7 @@ TEST_F(UafSnkReadTest, PcmThatDoesNotStartAgainStopsTheChannel) {
 
 // ---- Waits that fail ---------------------------------------------------------------------------
 
+// The app reads at the sound's pace and must not run dry.
 TEST_F(UafSnkReadTest, SilenceIsWrittenWhileTheHostSendsNothing) {
     for (const int number : {2, 3, 4}) {
         fake_alsa::answerAt("snd_pcm_wait", number, 0);
@@ -110,6 +112,7 @@ TEST_F(UafSnkReadTest, NoNumberOfStallsStopsTheChannel) {
     EXPECT_THAT(written, SizeIs(5000));
 }
 
+// Such a wait returns at once: without the pause the worker would spin.
 TEST_F(UafSnkReadTest, OtherWaitErrorIsATimeoutAndTakesAsLong) {
     fake_alsa::answerAt("snd_pcm_wait", 1, -ENODEV);
     fake_alsa::answerAt("snd_pcm_wait", 2, -EIO);
@@ -165,6 +168,7 @@ TEST_F(UafSnkReadTest, FailedRecoveryInTheWaitStopsTheChannel) {
 
 // ---- Reads that fail ---------------------------------------------------------------------------
 
+// The read has left the buffer as it was, and a period is due.
 TEST_F(UafSnkReadTest, XrunInTheReadRepeatsWhatTheBufferHolds) {
     fake_alsa::answerAt("snd_pcm_readi", 2, -EPIPE);
     run(5);
@@ -270,6 +274,7 @@ TEST_F(UafSnkReadTest, ThreePeriodsAreNoBacklog) {
     EXPECT_EQ(4, fake_alsa::count("snd_pcm_readi"));
 }
 
+// A backlog would stay as delay for the rest of the stream.
 TEST_F(UafSnkReadTest, OneFrameMoreIsDropped) {
     int avail = 721;
     fake_alsa::hooks().availUpdate = [&](snd_pcm_t*) { return avail; };

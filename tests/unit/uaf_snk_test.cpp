@@ -125,6 +125,7 @@ std::ostream& operator<<(std::ostream& out, const FailingStep& step) {
 
 class UafSnkStepTest : public UafSnkTest, public testing::WithParamInterface<FailingStep> {};
 
+// A failed start undoes nothing.
 TEST_P(UafSnkStepTest, FailureLeavesThePcmForTheNextStartToClose) {
     fake_alsa::answerAt(GetParam().call, 1, -EINVAL);
     EXPECT_EQ(-1, snk->intfUpdate(true));
@@ -231,6 +232,7 @@ TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
 
 // ---- The signal --------------------------------------------------------------------------------
 
+// By default the signal of a write that nobody reads would end the daemon.
 TEST_F(UafSnkTest, LoopInstallsTheHandlerOfABrokenFifo) {
     int installed = 0;
     fake_sys::hooks().sigaction = [&](int number, const struct sigaction* action,
@@ -279,6 +281,7 @@ TEST_F(UafSnkTest, WaitsTenMillisecondsForOnePeriod) {
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_readi"), SizeIs(3));
 }
 
+// The worker is a real-time thread, and an allocation may wait.
 TEST_F(UafSnkTest, StreamingAllocatesNothing) {
     EXPECT_EQ(0, snk->intfUpdate(true));
     int allocations = 0;
@@ -310,6 +313,7 @@ TEST_F(UafSnkTest, ProgressIsLoggedAtTheFirstWriteAndEvery6000) {
     EXPECT_THAT(log(), ElementsAreArray(expected));
 }
 
+// The daemon runs for months, longer than the counts last.
 TEST_F(UafSnkTest, TotalsWrap) {
     fake_alsa::answerAlways("snd_pcm_readi", 0x40000000);
     run(3);

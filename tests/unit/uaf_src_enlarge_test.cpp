@@ -72,6 +72,7 @@ TEST_F(UafSrcEnlargeTest, TheCheckIsMadeUnderTheLock) {
                             "unlock ssrs", "signal", "join"));
 }
 
+// An app that starves the buffer so often needs more delay than the small one gives.
 TEST_F(UafSrcEnlargeTest, ElevenUnderrunsEnlargeTheBuffer) {
     stats.avgDepth = 333;
     stats.overruns = 4000000000;
@@ -111,6 +112,7 @@ TEST_F(UafSrcEnlargeTest, TheIncreaseIsUnsigned) {
     EXPECT_EQ(1, enlargements());
 }
 
+// There are two sizes.
 TEST_F(UafSrcEnlargeTest, TheBufferIsEnlargedOnceARun) {
     runChecks({11, 100, 200});
     EXPECT_EQ(1, enlargements());

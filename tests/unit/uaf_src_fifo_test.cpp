@@ -40,6 +40,7 @@ TEST_F(UafSrcFifoTest, OpensTheFifoAndReportsEntryProgressAndExit) {
                             kSourceLog.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
+// The app writes stereo, the host records mono.
 TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
     fifo.onRead = [](int16_t* samples, size_t size) {
         for (int i = 0; i < kBlockSamples; ++i) {
@@ -57,6 +58,7 @@ TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
     EXPECT_EQ(left, blocks[0]);
 }
 
+// The rest of the block keeps what the read before left there.
 TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
     Samples model(kBlockSamples * 2, 0);
     std::vector<Samples> expected;
@@ -78,6 +80,7 @@ TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
 }
 
+// An app that closes its end is no error: the stream goes on and waits for the next one.
 TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
     fifo.onRead = [reads = 0](int16_t* samples, size_t size) mutable {
         std::fill_n(samples, size / sizeof *samples, int16_t{7});
@@ -113,6 +116,7 @@ TEST_F(UafSrcFifoTest, AReadErrorClosesTheFifoAndRequestsAStop) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=1, fifoRead 1920\n")));
 }
 
+// A file never makes a read wait: without the pauses the thread would hog its processor.
 TEST_F(UafSrcFifoTest, AFileInTheFifosPlaceIsReadAtTheSoundsPace) {
     fake_sys::hooks().fcntl = [](int, int, long) { return -1; };
     readResults({1920, 0});
@@ -126,12 +130,14 @@ TEST_F(UafSrcFifoTest, TheFifoItselfIsReadWithoutAPause) {
     EXPECT_EQ(0, threads.sleptNs);
 }
 
+// It is standard input.
 TEST_F(UafSrcFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
     fifo.openResult = 0;
     runBlocks(2);
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
 }
 
+// The requested stop ends this after a few passes.
 TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     fifo.openResult = -1;
     stopAtYield(3);
@@ -147,6 +153,7 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "intfUpdate to 0, current state 1\n")));
 }
 
+// A failed start has left the thread behind. Nobody ends it, so it must not spin.
 TEST_F(UafSrcFifoTest, AFailedPassOfAStoppedChannelTakesTenMilliseconds) {
     fifo.openResult = -1;
     source->state = UAFCH_STOPPED;  // as a failed start leaves it
@@ -178,6 +185,7 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
 
 // ---- Let out by the stop -----------------------------------------------------------------------
 
+// The next stream goes on with the same FIFO.
 TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     fifo.onRead = [this, reads = 0](int16_t*, size_t size) mutable {
         if (++reads < 3) {
@@ -289,6 +297,7 @@ TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
     EXPECT_EQ(0, linesWith("buffer loopcnt"));
 }
 
+// The app runs ahead of the host: a block is lost, and the stream goes on.
 TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
     writeResult = SSRS_QUEUE_FULL;
     runBlocks(2);
@@ -298,6 +307,7 @@ TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
 }
 
+// Without it the worker could come upon the failed frame buffer before the stop is requested.
 TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     writeResult = 3;
     stopAtYield(2);
@@ -326,6 +336,7 @@ TEST_F(UafSrcFifoTest, ProgressIsReportedEvery6000Passes) {
                       kSourceLog.debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
 }
 
+// The daemon runs for months, longer than the count lasts.
 TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
     fifo.onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);

@@ -130,6 +130,7 @@ TEST_F(UafSrcPlaybackTest, ProgressIsReportedEvery6000Passes) {
                             kSourceLog.debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
 }
 
+// The daemon runs for months, longer than the count lasts.
 TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
     writeResults({0x60000000, 0x60000000, 0, 0, 0});
     runPasses(2);
@@ -139,6 +140,7 @@ TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
 
 // ---- The kick start ----------------------------------------------------------------------------
 
+// After a recovery the PCM stands still until it is written to.
 TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
     for (const snd_pcm_state_t state : {SND_PCM_STATE_SETUP, SND_PCM_STATE_PREPARED}) {
         forget();
@@ -211,6 +213,7 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
                                         kSourceLog.debug("exit, loopcnt=7, pcmWrite 960\n")));
 }
 
+// Such a wait returns at once: without the pause the worker would spin.
 TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
     waitResults({-ENODEV, -ENODEV});
     runPasses(2);
@@ -273,6 +276,7 @@ TEST_F(UafSrcPlaybackTest, AFailedUnlockStopsTheChannel) {
                                   Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
+// Without it the buffer thread could come upon the failed frame buffer before that.
 TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     readResult = 1;
     runWorker();

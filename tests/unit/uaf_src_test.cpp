@@ -59,6 +59,7 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
                 ElementsAre(kSourceLog.debug("destruct, closing /tmp/usbAudioFifoTx\n")));
 }
 
+// Descriptor 0 is standard input, which is not the channel's to close.
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
     fifo.openResult = 0;
     openFifo();
@@ -123,6 +124,7 @@ TEST_F(UafSrcTest, AShortSilentWriteIsNoFailure) {
     EXPECT_EQ(0, source->intfUpdate(true));
 }
 
+// The numbers name the steps in field logs.
 TEST_F(UafSrcTest, EachStepsFailureIsReportedByItsNumber) {
     failStartAt("snd_pcm_open", 204);
     EXPECT_EQ(nullptr, source->pcmHandle);
@@ -196,6 +198,7 @@ TEST_F(UafSrcTest, TheBuffersAreAllocatedOnce) {
 
 // ---- The frame buffer --------------------------------------------------------------------------
 
+// The first block or frame then fails and stops the channel as any failure does.
 TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
     const size_t contextSize = SSRS_GetContextSize();
     fake_sys::hooks().malloc = [=](size_t size) {
@@ -231,6 +234,7 @@ TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
+// However large the last stream made it, each begins with the short delay.
 TEST_F(UafSrcTest, EachStartBuildsAFreshSmallFrameBuffer) {
     start();
     source->uafStop();
@@ -260,6 +264,7 @@ TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// An unbind clears them without waiting for the stop.
 TEST_F(UafSrcTest, AStopToleratesClearedNames) {
     start();
     source->setDevName(nullptr, nullptr);

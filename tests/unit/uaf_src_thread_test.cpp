@@ -30,6 +30,7 @@ TEST_F(UafSrcThreadTest, TheBufferThreadRunsAtFifo58) {
     EXPECT_EQ(58, threads.created.back().priority);
 }
 
+// Sound at an ordinary priority is better than none.
 TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) {
     fake_sys::hooks().pthread_attr_setschedpolicy = [](pthread_attr_t*, int) { return EINVAL; };
     EXPECT_EQ(0, source->uafStart());
@@ -45,6 +46,7 @@ TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) 
     EXPECT_EQ(2, buffersCreated);
 }
 
+// The worker finds no PCM and asks for the stop, so that the app hears of the off as well.
 TEST_F(UafSrcThreadTest, WithoutItsBufferThreadTheChannelStartsAndStopsItself) {
     createResult = EAGAIN;
     createErrno = ENOMEM;  // which the line shows
@@ -67,6 +69,7 @@ TEST_F(UafSrcThreadTest, WithoutItsBufferThreadTheChannelStartsAndStopsItself) {
     EXPECT_EQ(1, buffersCreated);
 }
 
+// A failed start undoes nothing, and a second thread would read from the same FIFO.
 TEST_F(UafSrcThreadTest, AStartGoesOnWithTheThreadThatAFailedStartLeft) {
     failStartAt("snd_pcm_open", 204);
     failStartAt("snd_pcm_open", 204);
@@ -78,6 +81,7 @@ TEST_F(UafSrcThreadTest, AStartGoesOnWithTheThreadThatAFailedStartLeft) {
                                      "create worker", "unlock intf"));
 }
 
+// The start before failed behind the open, and undid nothing.
 TEST_F(UafSrcThreadTest, AStartThatFindsThePcmOpenClosesAndStartsAfresh) {
     failStartAt("snd_pcm_writei", 214);
     watchSetUp();
@@ -128,6 +132,7 @@ TEST_F(UafSrcThreadTest, AStartBuildsNoFrameBufferUnderAThreadThatIsLeft) {
     EXPECT_EQ(1, count("init"));
 }
 
+// It reads them without a lock.
 TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     std::vector<const char*> watched;
     fake_sys::hooks().strdup = [&](const char* text) {
@@ -163,6 +168,7 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     fake_sys::reset();
 }
 
+// It would wait for the app, and the stop for it.
 TEST_F(UafSrcThreadTest, AStopBeforeTheThreadRanEndsItBeforeItsFirstPass) {
     start();
     source->uafStop();

@@ -120,6 +120,7 @@ TEST_F(XrunRecoveryTest, SuspendOfAPlaybackIsNamed) {
     expectLog("xrun_recovery: playback xrun, err -86", {"suspend...", "ready \n"});
 }
 
+// The card answers so until it has woken up.
 TEST_F(XrunRecoveryTest, BusyResumeIsRetriedEverySecond) {
     fake_alsa::answerAt("snd_pcm_resume", 1, -EAGAIN);
     fake_alsa::answerAt("snd_pcm_resume", 2, -EAGAIN);
