@@ -61,6 +61,14 @@ class DaemonLog : public BoardCase {
                ", size=8; state={" + state + "}";
     }
 
+    // The chapters of the whole story.
+    void startAndBind();
+    void switchStreamsOn();
+    void changeVolumesAndMutes();
+    void hearFromTheApp();
+    void switchStreamsOff();
+    void pullTheCableAndUnbind();
+
   private:
     size_t logMark = 0;
 };
@@ -68,7 +76,7 @@ class DaemonLog : public BoardCase {
 constexpr char kFresh[] = "cardnum:-1 bindcnt=0 bindbad:0";
 constexpr char kBound[] = "cardnum:1 bindcnt=1 bindbad:0";
 
-TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
+void DaemonLog::startAndBind() {
     start();
     expectPhase("start",
                 {{"D UAFIFO: use /tmp/usbAudioFifoRx and /tmp/usbAudioFifoTx",
@@ -96,7 +104,9 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
     host.command("bind");
     expectPhase("bind",
                 {{record(0, "00000000", kFresh), "D UAFIFO: UAC Vexa is enabled, using hw:1"}});
+}
 
+void DaemonLog::switchStreamsOn() {
     host.command("speaker on");
     expectPhase(
         "speaker on",
@@ -112,7 +122,9 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
          {"D UAFSRC: loopcnt 0, pcmWrite 240"},
          {"D UAFSRC: enter buffer loop", "D UAFSRC: /tmp/usbAudioFifoTx opened buffer size 4096",
           "D UAFSRC: buffer loopcnt 0, fifoRead 1920"}});
+}
 
+void DaemonLog::changeVolumesAndMutes() {
     host.command("volume speaker -1280");
     host.command("volume mic 258");
     expectPhase("volume",
@@ -126,7 +138,9 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
                           "D UAFCH: setMute mute=1, sending: type=0x00000005, data=0x00000001",
                           record(7, "00000001", kBound),
                           "D UAFCH: setMute mute=1, sending: type=0x00000006, data=0x00000001"}});
+}
 
+void DaemonLog::hearFromTheApp() {
     app->send({3, 0xFFFF});
     app->send({5, 7});
     expectPhase("volume and mute of the app", {{"D UAFIPC: got speaker volume msg: volume=-1",
@@ -137,7 +151,9 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
     app->sendBytes("four", 4);
     expectPhase("messages that are none", {{"E UAFIPC: got unknown msg: type=4, msg: 0x1234ABCD",
                                             "E UAFIPC: unexpected msg size: 4"}});
+}
 
+void DaemonLog::switchStreamsOff() {
     host.command("speaker off");
     expectPhase("speaker off",
                 {{record(2, "00000000", kBound), "D UAFCH: intfUpdate to 0, current state 1"},
@@ -153,7 +169,9 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
           "D UAFSRC: stop, close hw:1", "D UAFCH: UAF channel stopped. Current state is (2)",
           "D UAFSRC: exit, loopcnt=#, pcmWrite #"},
          {"D UAFSRC: exit buffer loop, loopcnt=#, fifoRead #"}});
+}
 
+void DaemonLog::pullTheCableAndUnbind() {
     host.command("unplug");
     expectPhase("unplug", {{"D UAFCBM: subsystem: android_usb, action: 3, usbstate=DISCONNECTED"}});
     host.command("plug");
@@ -164,6 +182,15 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
                 {{record(1, "00000000", kBound), "D UAFCH: intfUpdate to 0, current state 3",
                   "D UAFCH: intfUpdate to 0, current state 3",
                   "D UAFIFO: UAC Vexa is disabled, bindcnt=0, bindbad=0"}});
+}
+
+TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
+    startAndBind();
+    switchStreamsOn();
+    changeVolumesAndMutes();
+    hearFromTheApp();
+    switchStreamsOff();
+    pullTheCableAndUnbind();
 }
 
 // Bound, unbound and started while unbound: the counters of each line, and the texts of a retry.
