@@ -202,7 +202,7 @@ void PrintTo(const SoundFault& fault, std::ostream* out) {
 
 class FaultySound : public UsbCase, public testing::WithParamInterface<SoundFault> {};
 
-INSTANTIATE_TEST_SUITE_P(, FaultySound,
+INSTANTIATE_TEST_SUITE_P(Usb, FaultySound,
                          testing::Values(SoundFault{"SpeakerLost", "lost", false, kPacketFrames},
                                          SoundFault{"SpeakerCrc", "crc", false, kPacketFrames},
                                          SoundFault{"SpeakerBabble", "babble", false, 0},

@@ -103,7 +103,7 @@ TEST_F(Module, GoesInMidEnumeration) {
 // What is done to the wire while streams run, before the module goes.
 class StreamingModule : public Module, public testing::WithParamInterface<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(, StreamingModule,
+INSTANTIATE_TEST_SUITE_P(Usb, StreamingModule,
                          testing::Values("clear", "suspend", "poll all 0", "poll ep1out 0",
                                          "unplug", "reset", "fault ep1out lost times=0",
                                          "ppb 100000000"));

@@ -113,7 +113,7 @@ class Stream : public UsbCase, public testing::WithParamInterface<bool> {
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(, Stream, testing::Bool(),
+INSTANTIATE_TEST_SUITE_P(Usb, Stream, testing::Bool(),
                          [](const auto& info) { return info.param ? "FullSpeed" : "HighSpeed"; });
 
 TEST_P(Stream, IsExactAtEveryOffset) {
