@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
-# Sourced: installs Debian packages on this machine, and downloads and unpacks packages of other
-# architectures with an apt state of our own, so that the machine's architectures and packages stay
-# as they are.
+# To be sourced: installs Debian packages on this machine, and downloads and unpacks packages of other
+# architectures. The latter uses a private apt state, which leaves the machine's as it is.
 
 say() { echo "${0##*/}: $*" >&2; }
 die() { say "$*"; exit 1; }
@@ -21,7 +20,7 @@ as_root() {
   if ((EUID == 0)); then "$@"; else sudo "$@"; fi
 }
 
-# install_missing PACKAGE...: those that are missing; the one step that wants root.
+# install_missing PACKAGE...: installs those that are missing; the only step that needs root.
 install_missing() {
   local missing
   mapfile -t missing < <(comm -23 <(printf '%s\n' "$@" | sort) \
@@ -35,9 +34,8 @@ install_missing() {
     die "apt-get could not install: ${missing[*]}"
 }
 
-# private_apt DIR: apt in this process works below DIR/apt from here on. The machine's own sources
-# and keys, everything else private; the empty status file makes every package count as not
-# installed.
+# private_apt DIR: from here on apt works below DIR/apt in this process. It takes the machine's sources
+# and keys; the rest is private. The empty status file says that no package is installed.
 private_apt() {
   mkdir -p "$1"/apt/{state/lists,cache/archives}/partial
   : >"$1/apt/status"
