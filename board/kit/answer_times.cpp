@@ -21,8 +21,8 @@ PerfEvent recorded(const char* event, pid_t tid, const char* filter) {
     return traced;
 }
 
-// An answer belongs to the oldest end before it that has none; the one to what ended before the
-// recording began has none.
+// An answer belongs to the oldest earlier period end without one. An answer to a period that ended
+// before the recording began is left out.
 AnswerTimes::Waits waitsFor(std::vector<Ns> ends, const std::vector<Ns>& answers) {
     std::sort(ends.begin(), ends.end());  // they come from several processors
     AnswerTimes::Waits waits;

@@ -38,7 +38,7 @@ const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// As an app's audio threads are, and below the daemon's.
+// The priority of an app's audio threads: real-time, below the daemon's.
 void makeRealtime(std::thread* thread) {
     const sched_param priority{kPriority};
     if (pthread_setschedparam(thread->native_handle(), SCHED_FIFO, &priority) != 0) {
@@ -107,7 +107,7 @@ App::App(AppOptions options)
     : options(options), speakingPaused(!options.speaks), slowdownPercent(options.slowdownPercent) {
     signal(SIGPIPE, SIG_IGN);
     makeFifos();
-    // Open for both, so that the stream's end shows as silence and not as an end of file.
+    // Open for reading and writing, so that a stream that ends is silence and not an end of file.
     rx = Fd::open(kFifoRx, O_RDWR | O_NONBLOCK);
     if (options.socket) {
         messageSocket.emplace();

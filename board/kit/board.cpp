@@ -23,9 +23,9 @@ constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reade
 constexpr int kRealtimePriority = 58;
 constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
 constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
-// What the first streams take for good, 80 to 88 kB of buffers, stacks and heaps of threads, with
-// what the first look for the card takes of it when that comes only then, 156 kB, and as much as
-// the turn in which threads first ask for memory may change it.
+// The memory that the first streams need and keep: 80 to 88 kB of buffers, thread stacks and heaps;
+// 156 kB when the first search for the card comes with them. The rest is room for the order in
+// which threads first allocate.
 constexpr int64_t kFirstUseKb = 180;
 constexpr int64_t kEnoughFrames = kRate / 2;
 
@@ -78,7 +78,7 @@ void Board::start(bool withMicService, AppOptions options) {
 void Board::startDaemon(const std::function<void()>& prepare) {
     const size_t mark = daemon.mark();
     daemon.start(prepare);
-    // The monitor, when it starts at all, opens a file for a moment before it enters its loop.
+    // The cable monitor, where it starts, opens a file for a moment before it enters its loop.
     if (!waitFor([&] { return hasBothGadgetDescriptors(); }) || !hasThreads(idleThreads()) ||
         !(missingThreads > 0 || daemon.waitForLog("enter loop", mark)) || !settle()) {
         throw std::runtime_error("the daemon did not come up");
@@ -87,7 +87,7 @@ void Board::startDaemon(const std::function<void()>& prepare) {
     memoryAtStart = memoryOf(daemon.pid());
 }
 
-// The driver's event of an opening comes before the process has the descriptor.
+// The driver logs an open before the process has the descriptor.
 bool Board::hasBothGadgetDescriptors() const {
     const std::vector<std::string> targets = descriptorsOf(daemon.pid());
     return std::count(targets.begin(), targets.end(), "/dev/uac_user") == 2;
@@ -206,7 +206,7 @@ std::string Board::findLostMemory() const {
            std::to_string(memory.anonymousKb) + " kB";
 }
 
-// The source channel keeps its FIFO from the first start on.
+// The source channel keeps its FIFO open from its first start on.
 std::vector<std::string> Board::lastingDescriptors() const {
     std::vector<std::string> targets = descriptorsOf(daemon.pid());
     targets.erase(std::remove_if(targets.begin(), targets.end(),

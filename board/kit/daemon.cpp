@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kProgram[] = "/bin/uafd";
 
-// What CLOCK_REALTIME is ahead of the board's clock.
+// How far CLOCK_REALTIME is ahead of the board's clock.
 Ns realtimeAhead() {
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
@@ -50,7 +50,7 @@ bool parse(const std::string& line, LogLine* parsed) {
     civil.tm_year = currentYear();
     parsed->at = timegm(&civil) * kSecond + ms * kMs - realtimeAhead();
     parsed->tag = tag;
-    // Not by textAt alone: the format's blank would eat the text's own first ones.
+    // Not by textAt alone: the format's blank would skip the text's own leading blanks.
     parsed->text = line.substr(line.find(": ", line.find(tag)) + 2);
     return true;
 }

@@ -15,9 +15,9 @@
 namespace board {
 namespace {
 
-// The emulator runs one processor after the other, each until it waits or yields: what does not
-// yield holds up the others for up to a millisecond, on the clock that all share. Straight code
-// costs the emulator little.
+// The emulator runs its processors in turn, each until it waits or yields. A processor that does
+// not yield delays the others by up to a millisecond of the clock that they share. Code without
+// branches costs the emulator little.
 void spin() {
     asm volatile(
         ".rept 4000\n"
@@ -26,7 +26,7 @@ void spin() {
         "yield\n");
 }
 
-// Page faults, the clearing of pages and the giving back of all at once.
+// Page faults, cleared pages, and all of them returned at once.
 void keepKernelBusy(size_t pages) {
     const size_t bytes = pages * 4096;
     void* const memory =

@@ -57,7 +57,7 @@ std::map<std::string, int64_t> Host::counters() const {
     return values;
 }
 
-// Without the others: tests ask every millisecond.
+// Reads only the counter in question, because tests ask every millisecond.
 int64_t Host::counter(const std::string& key) const {
     const std::string lines = "\n" + contents("/proc/usb_host");
     const size_t at = lines.find("\n" + key + " ");

@@ -105,7 +105,7 @@ bool MicRecording::follow(const int16_t* frame, int64_t zeros, FrameKind* kind) 
     return false;
 }
 
-// The daemon found some samples, fewer than it needed, and silence made up for the rest.
+// The daemon had fewer samples than a period needs and filled it up with silence.
 bool MicRecording::isStarved(const int16_t* frame) {
     for (int available = 1; available < kStretchedInput; ++available) {
         const Samples wanted = expected(0, kStretchedInput, available);
@@ -117,7 +117,7 @@ bool MicRecording::isStarved(const int16_t* frame) {
     return false;
 }
 
-// Samples were lost: looks for the place further on that this frame follows.
+// Samples were lost: searches ahead for the place that this frame continues.
 bool MicRecording::findAgain(const int16_t* frame, FrameKind* kind) {
     const int64_t before = nextSent;
     for (int64_t lost = 1; lost <= kLossMax; ++lost) {

@@ -10,8 +10,8 @@ namespace {
 
 constexpr int64_t kBlockFrames = 480;
 constexpr int64_t kUsbFrameFrames = 48;
-// What lies between a read of the daemon's and the USB frame that takes the first sample of it: two
-// periods of the card's ring, and the USB frame.
+// The time between the daemon's read and the USB frame that takes the first sample of it: two
+// periods in the card's ring, and the USB frame itself.
 constexpr int64_t kRingFrames = 2 * 240 + kUsbFrameFrames;
 constexpr double kNsPerFrame = static_cast<double>(kSecond) / kRate;
 
@@ -38,7 +38,7 @@ void MicStream::observe() {
         if (values.at("mic.first_ns") == 0 || blocks.empty()) {
             return;
         }
-        // The recording begins with the host's stream, the daemon's part of it a little later.
+        // The recording begins with the host's stream; the daemon's sound begins a little later.
         const int64_t skipped = values.at("mic.first_frames") - values.at("mic.on_frames");
         recorded.erase(recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(skipped));
         beginsAt = values.at("mic.first_ns");
@@ -47,7 +47,7 @@ void MicStream::observe() {
     if (keepsRecording) {
         recording.insert(recording.end(), recorded.begin(), recorded.end());
     }
-    // The frames that moved last moved together.
+    // The last frames all moved at the same time.
     const double hostRate = 1 + static_cast<double>(values.at("ppb")) / 1e9;
     const Anchor anchor{values.at("mic.frames") - kUsbFrameFrames - values.at("mic.first_frames"),
                         values.at("mic.last_ns"), kNsPerFrame / hostRate};
@@ -82,7 +82,7 @@ void MicStream::addLatency(const MicFrame& frame, const Anchor& anchor) {
         block >= blocks.size()) {
         return;
     }
-    // The app's samples leave in blocks but are thought of as evenly spaced in time.
+    // The app writes blocks; its samples count as evenly spaced in time.
     const double sentAt = static_cast<double>(blocks[block].at) +
                           static_cast<double>(frame.sentAt % kBlockFrames) * kNsPerFrame;
     const auto position = static_cast<double>(frame.recordedAt + frame.lead - anchor.recorded);

@@ -47,7 +47,7 @@ perf_event_attr attributes(uint32_t type, uint64_t config) {
     return attr;
 }
 
-// Where a function of the C library is in its file.
+// The offset of a C library function in the library's file.
 struct Code {
     std::string path;
     uint64_t offset;
@@ -243,7 +243,7 @@ void PerfEvent::setPeriod(Ns period) {
     }
 }
 
-// The ring's end may lie within a record.
+// A record may wrap around the ring's end.
 void PerfEvent::copyOut(uint64_t from, void* to, size_t count) const {
     const auto* const data = static_cast<const char*>(ring) + kPageBytes;
     const size_t at = from % kRingBytes;

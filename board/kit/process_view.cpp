@@ -82,7 +82,7 @@ std::vector<ThreadView> threadsOf(pid_t pid) {
 }
 
 size_t threadCount(pid_t pid) {
-    // The directory has a link for each thread beside its own two.
+    // The directory has one link for each thread and two of its own.
     struct stat tasks {};
     return stat(folderOf(pid, "task").c_str(), &tasks) == 0 ? tasks.st_nlink - 2 : 0;
 }

@@ -12,7 +12,7 @@ constexpr int64_t kAround = 4800;  // how far off a section continues the one be
 constexpr int64_t kNames = 65536;  // frames that the ramp's values tell apart
 constexpr size_t kShortest = 4;    // samples of a section; what is shorter is strange
 
-// A stretch of samples that follow the ramp, in the ramp's values.
+// Consecutive samples that follow the ramp, in the ramp's values.
 struct Run {
     size_t at;
     size_t size;
@@ -28,7 +28,8 @@ bool follows(const Samples& samples, size_t i, int slack, int16_t* expected) {
         *expected = samples[i];
         return true;
     }
-    // Between its highest and its lowest value an interpolated sample can be any.
+    // Where the ramp wraps from its highest to its lowest value, an interpolated sample can have
+    // any value.
     return slack > 0 && std::abs(static_cast<int>(*expected)) >= wrapNear &&
            i + 1 < samples.size() &&
            std::abs(static_cast<int16_t>(samples[i + 1] - *expected)) <= 2;
@@ -49,7 +50,7 @@ Run followFrom(const Samples& samples, size_t at, int slack) {
     return run;
 }
 
-// The runs, and how many samples are in none of them and not silent.
+// The runs, and the number of samples that are in none of them and are not silent.
 std::vector<Run> runsOf(const Samples& samples, int slack, int64_t* strange) {
     std::vector<Run> runs;
     *strange = 0;
@@ -70,7 +71,7 @@ std::vector<Run> runsOf(const Samples& samples, int slack, int64_t* strange) {
     return runs;
 }
 
-// The last point at or before which the quantity is; the first one for what is before all.
+// The last point at or before the quantity; the first point for a quantity before all of them.
 const Point& pointOf(const std::vector<Point>& points, int64_t value, int64_t Point::*quantity) {
     const auto after = std::upper_bound(
         points.begin(), points.end(), value,
@@ -82,8 +83,8 @@ Ns framesTime(int64_t frames) {
     return frames * kSecond / kRate;
 }
 
-// The host's clock moves a USB frame a millisecond: those up to `frames`, the last of them at
-// `lastAt`, that are not among the points yet.
+// Adds the USB frames up to `frames` that are not among the points yet. The host's clock moves one
+// each millisecond, the last at `lastAt`.
 void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
     const int64_t count = frames / kUsbFrame;
     for (auto i = static_cast<int64_t>(points->size()); i < count; ++i) {
@@ -142,7 +143,7 @@ void RampCheck::collectRecorded() {
 
 Ns RampCheck::sentAt(int64_t frame) const {
     const Point& point = pointOf(sentPoints, frame, &Point::frame);
-    // The app's frames leave in blocks but are thought of as evenly spaced in time.
+    // The app writes blocks; its frames count as evenly spaced in time.
     return isSpeaker() ? point.at : point.at + framesTime(frame - point.frame);
 }
 
@@ -152,8 +153,8 @@ int64_t RampCheck::frameSentBy(Ns at) const {
     return &point + 1 < begin + sentPoints.size() ? (&point + 1)->frame : point.frame;
 }
 
-// The frame that a value heard at this time means: one that continues the section which ended with
-// `previous`, else the latest that was sent by then.
+// The frame that a value heard at this time stands for: the one that continues the section which
+// ended with `previous`, or else the latest one sent by then.
 int64_t RampCheck::frameNamed(int16_t value, Ns heardAt, int64_t previous) const {
     const int64_t skipped = static_cast<int16_t>(value - ramp(previous));
     if (previous >= 0 && std::abs(skipped) <= kAround) {

@@ -92,7 +92,7 @@ void RecordWatch::seeRead(const HostEvent& event) {
     seeWish({0, event.at, event.text.substr(record)});
 }
 
-// The record may want the microphone's stream on or off.
+// The record may switch the microphone's stream on or off.
 void RecordWatch::seeWish(const Delay& record) {
     const bool isUnbind = begins(record.what, "type=1 ");
     const bool isOff = record.what == "type=3 data=0x00000000";
@@ -103,7 +103,7 @@ void RecordWatch::seeWish(const Delay& record) {
     }
 }
 
-// The oldest waits until then.
+// The oldest record waits until then.
 void RecordWatch::noteWaiting(Ns until) {
     if (!waiting.empty()) {
         const Delay& oldest = waiting.front();

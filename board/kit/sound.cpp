@@ -31,7 +31,7 @@ void append(std::string* bytes, Number number) {
     bytes->append(reinterpret_cast<const char*>(&number), sizeof number);
 }
 
-// Where the chunk's data begins.
+// The position of the chunk's data.
 size_t findChunk(const std::string& bytes, const char* name) {
     for (size_t at = 12; at + 8 <= bytes.size();
          at += 8 + take<uint32_t>(bytes, at + 4) + (take<uint32_t>(bytes, at + 4) & 1)) {

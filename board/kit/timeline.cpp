@@ -13,7 +13,7 @@ bool beginsWith(const std::string& text, const char* beginning) {
     return text.rfind(beginning, 0) == 0;
 }
 
-// The records of the control device, which the daemon's log tells as well.
+// The control device's records, which are in the daemon's log as well.
 bool isRepetition(const HostEvent& event) {
     return beginsWith(event.text, "uac record") || beginsWith(event.text, "uac read");
 }
@@ -37,8 +37,8 @@ void Timeline::addAllOf(Board* board) {
             add(event.at, "driver", event.text);
         }
     }
-    // The log's stamps are cut to the millisecond: its lines stand at the end of theirs, so that
-    // none comes before its cause.
+    // The log's stamps are truncated to the millisecond. Its lines are placed at that millisecond's
+    // end, so that none comes before its cause.
     for (const LogLine& line : board->daemon.log()) {
         if (line.at >= start && !isTick(line)) {
             add(line.at + kMs, "daemon", line.brief());

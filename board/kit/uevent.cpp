@@ -21,7 +21,7 @@ void UeventSender::send(const std::string& text, unsigned groups) {
     sendTo(text, groups);
 }
 
-// The kernel takes a message to itself for one to be spread in its name.
+// A message sent to the kernel is broadcast as the kernel's own.
 void UeventSender::sendAsKernel(const std::string& text) {
     nlmsghdr header{};
     header.nlmsg_len = static_cast<uint32_t>(sizeof header + text.size());
