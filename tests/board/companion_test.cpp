@@ -53,7 +53,7 @@ class LibraryApp {
         companion.wake();
         thread.join();
     }
-    // Writes nothing any more, or writes again.
+    // Stops or resumes writing.
     void pauseSpeaking(bool pause) { paused = pause; }
 
     uafd_counts counts() const { return companion.counts(); }
@@ -163,7 +163,7 @@ class CompanionLibrary : public BoardCase {
             return stretches >= 5;
         });
     }
-    // The rest of the daemon's proof is another app's to give.
+    // Another app shows that the daemon is intact.
     void expectWhole() {
         host.command("speaker off");
         host.command("mic off");
@@ -291,7 +291,7 @@ TEST_F(CompanionLibrary, TellsAnAppThatOnlyWaitsOfTheDaemonsEnd) {
            (told - ended) / kMs, (library->toldAt() - started) / kMs);
 }
 
-// More quickly than the library looks.
+// Faster than the library checks for it.
 TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
     start();
     host.command("mic on");
@@ -306,7 +306,8 @@ TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
     }
 }
 
-// Unplugged while no daemon sees it: the next one tells of no USB, and nothing of the streams.
+// The cable is pulled while no daemon runs: the next daemon reports that USB is gone, and nothing
+// about streams.
 TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
     start();
     bothOn();

@@ -45,7 +45,7 @@ class CompanionTool : public BoardCase {
         host.command("speaker on");
         host.command("mic on");
     }
-    // What it printed when it has ended as it should.
+    // Its output, once it has ended with success.
     std::string outputAfter(int status) {
         EXPECT_EQ(tool->wait(), status) << tool->errors();
         return tool->output();
@@ -54,7 +54,7 @@ class CompanionTool : public BoardCase {
     std::optional<ChildProcess> tool;
 };
 
-// The host gives back what it records, as a cable would.
+// The host plays what it records, as a loop of cable would.
 class HostCable {
   public:
     HostCable() : thread([this] { run(); }) {}
@@ -206,7 +206,7 @@ class UsersFolder : public CompanionTool {
         EXPECT_EQ(chmod(path.c_str(), mode), 0);
     }
     std::string path(const std::string& name) const { return daemonEnds.path(name); }
-    // Of a user who is in the daemon's group besides the own one, or not.
+    // For a user who is in the daemon's group in addition to the user's own, or is not.
     void check(bool isInGroup, mode_t mask = 022) {
         start({"check", "--wait", "0.5", "--directory", folder.path()}, [isInGroup, mask] {
             const gid_t groups[] = {kDaemonGroup};

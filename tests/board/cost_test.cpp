@@ -75,9 +75,9 @@ class Cost : public BoardCase {
         }
     }
 
-    // Interrupts count as the cost of whom they meet. The kernel's tick, every 4 ms, meets the
-    // app's blocks in all phases when those come up to so much late; the board's own microphone,
-    // which has no part in a stream that runs, stays silent.
+    // An interrupt counts as a cost of the process that it interrupts. With this jitter of the
+    // app's blocks the kernel's tick of 4 ms meets them in all phases. The board's own microphone,
+    // which a running stream does not need, stays silent.
     void startAlone() {
         board::AppOptions options;
         options.jitter = 4 * kMs;

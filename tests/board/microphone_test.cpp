@@ -91,7 +91,7 @@ TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The app's time stamps and the host's agree on what was gained: the latency grows by it.
+// The latency grows by the samples that were gained, by the app's time stamps and the host's.
 TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
     board::AppOptions quiet;
     quiet.speaks = false;
@@ -120,8 +120,8 @@ TEST_F(Microphone, CarriesTheLeftChannelAlone) {
     EXPECT_GT(mic.explained().frames(), kRate / MicRecording::kFrame);
 }
 
-// The app's writes may come late; the latency control keeps what arrives, and has settled when it
-// draws out as much as it presses, and little of either.
+// The app's writes may come late. The latency control loses nothing that arrives; it has settled
+// when it stretches and squeezes equally often, and seldom.
 TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     constexpr int64_t settled = 2 * kRate;
     start();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is around the daemon: memory that is not to be had, a log that nobody reads, a second
-// daemon, and what earlier ones left behind.
+// What surrounds the daemon: too little memory, a log that nobody reads, a second daemon, and what
+// earlier ones left behind.
 #include <csignal>
 #include <fcntl.h>
 #include <sstream>
@@ -106,7 +106,8 @@ TEST_F(Environment, OfAFolderInTheSocketsPlaceEndsTheStart) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The second one gets the app's messages, each event of the driver one of the two. Neither minds.
+// The second daemon gets the app's messages; each event of the driver goes to one of the two. Both
+// go on.
 TEST_F(Environment, OfASecondDaemonLeavesBothInOrder) {
     start();
     board::Daemon second(caseName() + ".second");
@@ -244,7 +245,7 @@ TEST_F(RoomAtStart, ForAllButTheMonitorStreams) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// What a running daemon has it keeps; from then on nothing more is to be had.
+// A running daemon keeps its memory, but gets no more.
 class NoMoreMemory : public Environment, public testing::WithParamInterface<size_t> {
   protected:
     static constexpr size_t kStack = 8 * kMiB;
