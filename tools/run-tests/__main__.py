@@ -14,7 +14,7 @@ from tally import Tally
 # What runs one after the other; the board's tests beside the rest, so that no processor waits for the
 # last program of a build.
 CHAINS = (("checks", "host", "host-asan", "host-tsan"), ("board",))
-PARTS = {"all": ("checks", "host", "host-asan", "host-tsan", "board"), "unit": ("host", "host-asan", "host-tsan")}
+PARTS = {"all": ("checks", "host", "host-asan", "host-tsan", "board"), "unit": ("host-asan", "host-tsan")}
 
 
 def main(arguments):
