@@ -21,13 +21,17 @@ namespace {
 constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
 constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reader
 constexpr int kRealtimePriority = 58;
-constexpr Ns kIdleCpuPerSecond = 20 * kMs;        // of a thread that only waits
-constexpr Ns kStreamingCpuPerSecond = 150 * kMs;  // of a thread that streams
+// How long threads are watched, and how much processor time each may use: one that only waits, and
+// one that streams, which is the costlier time to simulate.
+constexpr Ns kIdleWatch = kSecond;
+constexpr Ns kIdleCpu = 20 * kMs;
+constexpr Ns kStreamingWatch = 250 * kMs;
+constexpr Ns kStreamingCpu = 38 * kMs;
 // The memory that the first streams need and keep: 80 to 88 kB of buffers, thread stacks and heaps;
 // 156 kB when the first search for the card comes with them. The rest is room for the order in
 // which threads first allocate.
 constexpr int64_t kFirstUseKb = 180;
-constexpr int64_t kEnoughFrames = kRate / 2;
+constexpr int64_t kEnoughFrames = kRate / 4;
 
 std::string names(const std::vector<std::string>& list) {
     std::string text;
@@ -138,7 +142,7 @@ std::string Board::findIdleDamage() {
         return "descriptors were" + names(descriptorsAtStart) + ", are" +
                names(lastingDescriptors());
     }
-    return findBusyThread(kIdleCpuPerSecond);
+    return findBusyThread(kIdleWatch, kIdleCpu);
 }
 
 std::string Board::findStreamingDamage() {
@@ -158,7 +162,7 @@ std::string Board::findStreamingDamage() {
         return app->heardFrames() > heardBefore + kEnoughFrames &&
                static_cast<int64_t>(recorded.size() - firstSound(recorded)) > kEnoughFrames;
     });
-    std::string damage = streams ? findBusyThread(kStreamingCpuPerSecond) : "";
+    std::string damage = streams ? findBusyThread(kStreamingWatch, kStreamingCpu) : "";
     const std::vector<ThreadView> threads = threadsOf(daemon.pid());
     host.command("speaker off");
     host.command("mic off");
@@ -181,17 +185,17 @@ std::string Board::findStreamingDamage() {
     return damage.empty() && !hasThreads(idleThreads()) ? "a channel does not stop" : damage;
 }
 
-std::string Board::findBusyThread(Ns allowed) {
+std::string Board::findBusyThread(Ns watch, Ns allowed) {
     std::map<int, Ns> before;
     for (const ThreadView& thread : threadsOf(daemon.pid())) {
         before[thread.tid] = thread.cpu;
     }
-    sleepFor(kSecond);
+    sleepFor(watch);
     for (const ThreadView& thread : threadsOf(daemon.pid())) {
         const Ns used = thread.cpu - before[thread.tid];
         if (used > allowed) {
             return "thread " + std::to_string(thread.tid) + " used " + std::to_string(used / kMs) +
-                   " ms of a second";
+                   " of " + std::to_string(watch / kMs) + " ms";
         }
     }
     return "";

@@ -69,7 +69,7 @@ class Board {
     bool hasBothGadgetDescriptors() const;
     std::string findIdleDamage();
     std::string findStreamingDamage();
-    std::string findBusyThread(Ns allowed);
+    std::string findBusyThread(Ns watch, Ns allowed);
     std::string findLostMemory() const;
     std::vector<std::string> lastingDescriptors() const;
 
