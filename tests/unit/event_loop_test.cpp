@@ -88,14 +88,9 @@ class EventLoopTest : public fake_alsa::Test {
         return kDaemonLog.debug("UAC Vexa is disabled, bindcnt=" + std::to_string(bindcnt) +
                                 ", bindbad=" + std::to_string(bindbad) + "\n");
     }
-    static Line speakerUnbound(int bindbad) {
+    static Line unbound(const std::string& stream, int bindbad) {
         return kDaemonLog.error(
-            "Speaker active while USB is not binded, will try binding it now, bindbad=" +
-            std::to_string(bindbad) + "\n");
-    }
-    static Line micUnbound(int bindbad) {
-        return kDaemonLog.error(
-            "Mic active while USB is not binded, will try binding it now, bindbad=" +
+            stream + " active while USB is not binded, will try binding it now, bindbad=" +
             std::to_string(bindbad) + "\n");
     }
 
@@ -160,7 +155,7 @@ TEST_F(EventLoopTest, BindToTheFirstCardIsABinding) {
     fake_alsa::setCards({{0, "Vexa_Gadget"}});
     handled(0, 0);
     EXPECT_EQ(stateOf(0, 1, 0), state());
-    EXPECT_THAT(handled(2, 1), Not(Contains(speakerUnbound(1))));
+    EXPECT_THAT(handled(2, 1), Not(Contains(unbound("Speaker", 1))));
 }
 
 // ---- Unbind ------------------------------------------------------------------------------------
@@ -246,8 +241,8 @@ TEST_F(EventLoopTest, AnySpeakerDataButZeroIsOn) {
 }
 
 TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
-    EXPECT_THAT(handled(2, 1),
-                ElementsAre(speakerUnbound(1), kEnabled, request(1, kStopped), opening("UAFSNK")));
+    EXPECT_THAT(handled(2, 1), ElementsAre(unbound("Speaker", 1), kEnabled, request(1, kStopped),
+                                           opening("UAFSNK")));
     EXPECT_EQ(stateOf(1, 0, 1), state());
     EXPECT_THAT(handled(1, 0), Contains(disabled(-1, 1)));
     EXPECT_EQ(stateOf(-1, -1, 1), state());
@@ -257,10 +252,10 @@ TEST_F(EventLoopTest, SpeakerOnWhileUnboundBinds) {
 TEST_F(EventLoopTest, SpeakerOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(2, 1),
-                ElementsAre(speakerUnbound(1), kNotReady, request(1, kStopped), kNameNotSet));
+                ElementsAre(unbound("Speaker", 1), kNotReady, request(1, kStopped), kNameNotSet));
     EXPECT_EQ(stateOf(-1, 0, 1), state());
     EXPECT_THAT(handled(2, 7),
-                ElementsAre(speakerUnbound(2), kNotReady, request(1, kStopped), kNameNotSet));
+                ElementsAre(unbound("Speaker", 2), kNotReady, request(1, kStopped), kNameNotSet));
     EXPECT_THAT(fake_ipc::messages(), IsEmpty());
     plug();
     EXPECT_THAT(handled(2, 1), Contains(opening("UAFSNK")));
@@ -291,7 +286,7 @@ TEST_F(EventLoopTest, MicOffStopsTheSource) {
 
 TEST_F(EventLoopTest, MicOnWhileUnboundBinds) {
     EXPECT_THAT(handled(3, 1),
-                ElementsAre(micUnbound(1), kEnabled, request(1, kStopped), opening("UAFSRC")));
+                ElementsAre(unbound("Mic", 1), kEnabled, request(1, kStopped), opening("UAFSRC")));
     EXPECT_EQ(stateOf(1, 0, 1), state());
 }
 
@@ -299,9 +294,9 @@ TEST_F(EventLoopTest, MicOnWhileUnboundBinds) {
 TEST_F(EventLoopTest, MicOnWithoutTheCardRetriesEveryTime) {
     unplug();
     EXPECT_THAT(handled(3, 1),
-                ElementsAre(micUnbound(1), kNotReady, request(1, kStopped), kNameNotSet));
-    EXPECT_THAT(handled(2, 1), Contains(speakerUnbound(2)));
-    EXPECT_THAT(handled(3, 1), Contains(micUnbound(3)));
+                ElementsAre(unbound("Mic", 1), kNotReady, request(1, kStopped), kNameNotSet));
+    EXPECT_THAT(handled(2, 1), Contains(unbound("Speaker", 2)));
+    EXPECT_THAT(handled(3, 1), Contains(unbound("Mic", 3)));
     EXPECT_EQ(stateOf(-1, 0, 3), state());
 }
 
