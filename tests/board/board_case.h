@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixture of tests that run the whole board: one board and one daemon a case. The daemon's log
-// is named after the case.
+// The fixture of tests that run the whole board: each case has a board and a daemon of its own. The
+// daemon's log is named after the case.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,7 @@ class BoardCase : public testing::Test, public board::Board {
         return name;
     }
 
-    // Both streams run when it returns.
+    // Returns once both streams run.
     void bothOn() {
         host.command("speaker on");
         host.command("mic on");

@@ -65,7 +65,7 @@ int64_t counter(const std::string& key) {
     return -1;
 }
 
-// The board's microphone service, for as long as this lives.
+// Runs the board's microphone service while it exists.
 class MicCapture {
   public:
     MicCapture() : pid(fork()) {
@@ -172,7 +172,7 @@ TEST(Setprop, ReenumeratesTheGadgetForTheUsbConfiguration) {
     EXPECT_EQ(run("setprop uafd.test one"), 0);
     EXPECT_EQ(counter("records.queued"), records);
     EXPECT_EQ(run(("setprop sys.usb.config " + property("sys.usb.config")).c_str()), 0);
-    // The function was unbound and bound again.
+    // The gadget's function was unbound and bound again: a record for each.
     EXPECT_EQ(counter("records.queued"), records + 2);
     EXPECT_EQ(contents("/sys/devices/virtual/android_usb/android0/state"), "CONFIGURED\n");
 }

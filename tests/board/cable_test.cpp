@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The cable: uevents become messages, strangers' uevents do not, and a gadget that does not notice
-// its cable is restarted.
+// The cable: the gadget's uevents become messages, other uevents do not, and a gadget that does not
+// notice its cable is restarted.
 #include <unistd.h>
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The programs that docs/app.md shows do on the board what the page says of them.
+// The example programs in docs/app.md do on the board what the page says they do.
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -87,7 +87,7 @@ TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
     EXPECT_TRUE(board::waitFor([&] { return told().find("daemon 0\n") != std::string::npos; }));
 }
 
-// Each says in a line what is wrong.
+// Each example reports in one line what is wrong.
 TEST_F(CompanionExamples, SayThatAnotherAppIsThere) {
     ASSERT_EQ(other.open(), 0);
     for (const char* name : {"record", "tone", "volume"}) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion library with the daemon: sound and messages in both directions, whoever starts
-// first, and again after the other one's restart.
+// The companion library with the daemon: sound and messages in both directions, whichever of the
+// two starts first, and after a restart of either.
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -32,7 +32,7 @@ using Event = std::pair<uafd_event_type, int>;
 
 constexpr int64_t kBlock = UAFD_BLOCK_FRAMES;
 
-// Where a recorded ramp does not go on, from its first sound on.
+// How often a recorded ramp is broken, counted from its first sound.
 int breaksIn(const board::Samples& ramp) {
     int breaks = 0;
     for (size_t i = board::firstSound(ramp) + 1; i < ramp.size(); ++i) {
@@ -41,7 +41,8 @@ int breaksIn(const board::Samples& ramp) {
     return breaks;
 }
 
-// An app on the library with a thread of its own: says noise, keeps what it hears and is told.
+// An app that uses the library in a thread of its own: it sends noise, and keeps the sound and the
+// events that it receives.
 class LibraryApp {
   public:
     explicit LibraryApp(unsigned parts = UAFD_ALL) : parts(parts) {
@@ -57,7 +58,7 @@ class LibraryApp {
     void pauseSpeaking(bool pause) { paused = pause; }
 
     uafd_counts counts() const { return companion.counts(); }
-    // Left samples; the right ones are the same.
+    // The left channel's samples; the right channel has the same ones.
     board::Samples takeHeard() {
         const std::lock_guard<std::mutex> lock(mutex);
         return std::exchange(heard, {});
@@ -66,7 +67,7 @@ class LibraryApp {
         const std::lock_guard<std::mutex> lock(mutex);
         return std::exchange(events, {});
     }
-    // The last value of each event; 0 for a state that was not told.
+    // The last value of each event; 0 for a state that was not reported.
     std::map<uafd_event_type, int> belief() {
         const std::lock_guard<std::mutex> lock(mutex);
         return beliefs;
@@ -212,7 +213,7 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
 TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
     start();
     board::sleepFor(kSecond);
-    library->takeEvents();  // of the start, among them the answer
+    library->takeEvents();  // discards the events of the start
     ASSERT_EQ(library->companion.sync(), 0);
     EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 0},
                                        Event{UAFD_MIC_STATE, 0}));
@@ -273,7 +274,7 @@ TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     EXPECT_TRUE(believes(1, 1, 1));
 }
 
-// No block's time makes it look sooner.
+// Without sound, no block's time wakes the library before its own check of the daemon.
 TEST_F(CompanionLibrary, TellsAnAppThatOnlyWaitsOfTheDaemonsEnd) {
     const LibraryApp sound(UAFD_SOUND);
     library.emplace(UAFD_EVENTS);
@@ -287,11 +288,11 @@ TEST_F(CompanionLibrary, TellsAnAppThatOnlyWaitsOfTheDaemonsEnd) {
     const Ns started = board::now();
     daemon.start();
     EXPECT_TRUE(believes(1, 0, 0));
-    printf("the daemon's end is told after %ld ms, its states %ld ms after its start\n",
+    printf("the daemon's end is reported after %ld ms, its states %ld ms after its start\n",
            (told - ended) / kMs, (library->toldAt() - started) / kMs);
 }
 
-// Faster than the library checks for it.
+// Each replacement takes less time than passes between two checks of the library.
 TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
     start();
     host.command("mic on");
@@ -321,7 +322,7 @@ TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
     EXPECT_TRUE(believes(0, 0, 0));
 }
 
-// An app without events runs for a while, and then one that takes them.
+// An app that takes no events runs for a while; then one that takes them starts.
 TEST_F(CompanionLibrary, LeavesNoEventsThatDelayTheNextApps) {
     library.emplace(UAFD_SOUND);
     startDaemon();
@@ -342,7 +343,8 @@ TEST_F(CompanionLibrary, LeavesNoEventsThatDelayTheNextApps) {
            (told - opened) / 1000, (library->toldAt() - changed) / 1000);
 }
 
-// Open and not fed: silence, and nothing twice; then on as before.
+// An open app that writes nothing: the host records silence and no sound twice, and then hears the
+// app as before.
 TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
     start();
     host.command("mic on");
@@ -359,7 +361,7 @@ TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
     expectWhole();
 }
 
-// The sound is one app's, the microphone another's.
+// One app takes the speaker, another the microphone.
 TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
     micService = std::make_unique<board::MicService>();
     library.emplace(UAFD_MIC | UAFD_EVENTS);
@@ -371,7 +373,7 @@ TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
     EXPECT_TRUE(believes(1, 1, 1));
     EXPECT_TRUE(board::waitFor([&] { return listener->counts().frames_read > kRate; }));
     listener.reset();
-    EXPECT_TRUE(isHeard()) << "the other app's end ends nothing";
+    EXPECT_TRUE(isHeard()) << "the microphone's app goes on when the other one ends";
 }
 
 TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
@@ -389,7 +391,7 @@ TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
     expectWhole();
 }
 
-// Starts before the daemon, which waits for it.
+// The example starts before the daemon; each waits until the other is there.
 TEST_F(CompanionLibrary, RunsTheExample) {
     const board::HostPlayer player(board::ramp);
     const pid_t example = fork();
@@ -403,7 +405,8 @@ TEST_F(CompanionLibrary, RunsTheExample) {
     rusage used{};
     ASSERT_EQ(wait4(example, &status, 0, &used), example);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(used.ru_utime.tv_sec + used.ru_stime.tv_sec, 0) << "it waits most of the time";
+    EXPECT_EQ(used.ru_utime.tv_sec + used.ru_stime.tv_sec, 0)
+        << "it used the processor for a second";
     const std::string bytes = board::contents("/out/heard.raw");
     board::Samples left;
     for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion tool on the board, as somebody at its shell uses it: the daemon in between, the
-// host behind it.
+// The companion tool on the board as its user sees it: the tool talks to the daemon, and the host
+// is at the other end of the cable.
 #include <atomic>
 #include <fcntl.h>
 #include <grp.h>
@@ -34,7 +34,7 @@ class CompanionTool : public BoardCase {
         words.insert(words.begin(), kTool);
         return tool.emplace(words, prepare);
     }
-    // The tool is the app for whose FIFO ends the daemon waits.
+    // The daemon waits for an app's FIFO ends; here the tool is that app.
     void startWithDaemon(const std::vector<std::string>& words) {
         micService = std::make_unique<board::MicService>();
         start(words);
@@ -54,7 +54,7 @@ class CompanionTool : public BoardCase {
     std::optional<ChildProcess> tool;
 };
 
-// The host plays what it records, as a loop of cable would.
+// The host plays what it records, as if a cable looped its sound back.
 class HostCable {
   public:
     HostCable() : thread([this] { run(); }) {}
@@ -103,7 +103,8 @@ TEST_F(CompanionTool, FindsTheDaemonGood) {
     EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -1280 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 0 0", since), 1);
-    EXPECT_FALSE(board::exists(board::kSocketRx)) << "another user's app could not replace it";
+    EXPECT_FALSE(board::exists(board::kSocketRx))
+        << "it would keep another user's app from binding its own";
     EXPECT_TRUE(board::exists(board::kFifoRx));
 }
 
@@ -151,7 +152,7 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
     outputAfter(0);
     board::sleepFor(kSecond / 10);
     const board::Samples recorded = host.takeRecording();
-    // From its beginning on, but for a frame here and there that latency control bends.
+    // The file arrives from its first sample on; latency control may bend a frame here and there.
     const auto first = static_cast<size_t>(std::find(recorded.begin(), recorded.end(), speech[0]) -
                                            recorded.begin());
     ASSERT_EQ(board::find(recorded, first, speech), 0);
@@ -164,7 +165,7 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
     EXPECT_THAT(events, HasSubstr(" microphone on\n"));
 }
 
-// The host plays nothing.
+// The host plays nothing, so the recording is silence.
 TEST_F(CompanionTool, RecordsForAsLongAsItIsAskedTo) {
     const Ns begin = board::now();
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "3"});
@@ -182,7 +183,7 @@ TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {
     ASSERT_EQ(sscanf(output.c_str(), "%*f ms\n%*f ms\n%*f ms\nmedian %lf ms", &median), 1)
         << output;
     printf("%s", output.c_str());
-    // 5 ms up to the host's, 10 to 20 ms down, and the cable's own latency.
+    // 5 ms from the app to the host, 10 to 20 ms back, and the cable's own latency.
     EXPECT_GT(median, 15);
     EXPECT_LT(median, 60);
 }
@@ -193,7 +194,7 @@ constexpr uid_t kDaemonUser = 500;
 constexpr gid_t kDaemonGroup = 501;
 constexpr uid_t kAppUser = 1000;
 
-// A folder like /tmp, with the socket of a daemon that is neither root nor the app's user.
+// A folder like /tmp, holding the socket of a daemon that is neither root nor the app's user.
 class UsersFolder : public CompanionTool {
   protected:
     UsersFolder() {
@@ -206,7 +207,7 @@ class UsersFolder : public CompanionTool {
         EXPECT_EQ(chmod(path.c_str(), mode), 0);
     }
     std::string path(const std::string& name) const { return daemonEnds.path(name); }
-    // For a user who is in the daemon's group in addition to the user's own, or is not.
+    // Runs the check as a user who has the daemon's group as a supplementary group, or has not.
     void check(bool isInGroup, mode_t mask = 022) {
         start({"check", "--wait", "0.5", "--directory", folder.path()}, [isInGroup, mask] {
             const gid_t groups[] = {kDaemonGroup};
@@ -266,7 +267,7 @@ TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheApp) {
                       "group"));
 }
 
-// As a mask of 022 leaves it.
+// With mode 0644, as a umask of 022 leaves a FIFO of mode 0666.
 TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheDaemon) {
     ASSERT_EQ(mkfifo(path("FifoRx").c_str(), 0644), 0);
     giveTo(path("FifoRx"), kAppUser, kAppUser, 0644);
@@ -307,14 +308,14 @@ TEST_F(UsersFolder, TellsTheStatusOfADaemonThatIsNotForTheApp) {
                   "daemon's group\n");
 }
 
-// Root may replace it, and leaves it to its owner.
+// Root may replace another user's socket, and then gives the new one to the same owner.
 TEST_F(UsersFolder, GivesASocketBackToTheUserWhoLeftIt) {
     ASSERT_EQ(mknod(path("UdsIpcRx").c_str(), S_IFSOCK, 0), 0);
     giveTo(path("UdsIpcRx"), kAppUser, kDaemonGroup, 0640);
     start({"check", "--wait", "0.5", "--directory", folder.path()});
     EXPECT_THAT(outputAfter(1), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
     EXPECT_EQ(ownerOf(path("UdsIpcRx")), "1000:501 640");
-    EXPECT_EQ(ownerOf(path("FifoRx")), "0:501 660") << "in the daemon's group";
+    EXPECT_EQ(ownerOf(path("FifoRx")), "0:501 660") << "a new FIFO gets the daemon's group";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An opening of the gadget control device, through a node of the tests' own. One thread.
+// The gadget control device, opened through a node that the tests make for themselves. One thread.
 #pragma once
 
 #include <cerrno>
@@ -36,7 +36,7 @@ class Control {
     int request(unsigned long code, void* argument) const {
         return ioctl(descriptor, code, argument) == 0 ? 0 : errno;
     }
-    // What is queued.
+    // All records that are queued.
     std::vector<Record> records() const {
         std::vector<Record> all;
         for (UacUserMsgT record; read(descriptor, &record, sizeof record) == sizeof record;) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the daemon costs: processor time for a second of audio, and memory. On the board's virtual
-// clock a nanosecond of processor time is one instruction, and the same program takes the same
-// number of them in every run, to some thousandths: a change that costs or saves more shows here.
+// clock a nanosecond of processor time is one instruction, and a program needs the same number of
+// them in every run, to within some thousandths: a change that costs or saves more shows here.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -23,8 +23,8 @@ using board::kMs;
 using board::kSecond;
 using board::Ns;
 
-// The host's clock is so slow that it passes an app's block of 10 ms in 10 s: whatever the moment
-// of the start, all phases between host, app and kernel count equally.
+// The host's clock is so slow that it drifts through one of the app's blocks, 10 ms, in 10 s:
+// whatever the moment of the start, all phases between host, app and kernel count equally.
 constexpr char kHostClock[] = "ppb -1000000";
 constexpr Ns kSettling = 3 * kSecond;
 constexpr Ns kMeasured = 20 * kSecond;
@@ -76,16 +76,16 @@ class Cost : public BoardCase {
     }
 
     // An interrupt counts as a cost of the process that it interrupts. With this jitter of the
-    // app's blocks the kernel's tick of 4 ms meets them in all phases. The board's own microphone,
-    // which a running stream does not need, stays silent.
+    // app's blocks the kernel's tick of 4 ms meets them in all phases. The board's own microphone
+    // stays silent, as a running stream does not need it.
     void startAlone() {
         board::AppOptions options;
         options.jitter = 4 * kMs;
         start(false, options);
     }
 
-    // Both directions cost less when their periods end in the same USB frame, which the moments of
-    // their starts decide: they are made to end two frames apart.
+    // Both directions cost less when their periods end in the same USB frame, which depends on when
+    // they start. This makes them end two frames apart.
     void moveApart() {
         constexpr int64_t periodFrames = 240;
         constexpr int64_t apart = 2 * 48;
@@ -105,7 +105,7 @@ class Cost : public BoardCase {
         ASSERT_EQ(is(), apart);
     }
 
-    // Returns just after the next one.
+    // Returns just after the next USB frame.
     void waitForUsbFrame() {
         const int64_t frames = host.counter("speaker.frames");
         while (host.counter("speaker.frames") == frames) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's log, line by line, from its first line on. A phase is what one thing that happens
-// makes the daemon say: every line of every thread, in the thread's order, and not one more.
+// The daemon's log, line by line, from its first line on. A phase is one event and all that the
+// daemon logs about it: every line of every thread, in the thread's order, and no other line.
 #include <algorithm>
 #include <map>
 #include <numeric>
@@ -25,11 +25,11 @@ bool matchesAll(const ThreadLog& lines, const ThreadLog& wanted) {
 
 class DaemonLog : public BoardCase {
   protected:
-    // A board that is not the one with the cable fault: no line every second.
+    // A board without the cable's fault, which logs no line every second.
     void SetUp() override { board::put(kController, "fe800000.usb"); }
     void TearDown() override { board::put(kController, "ff300000.usb"); }
 
-    // `wanted` holds one list of lines for each thread that says something, in any order.
+    // `wanted` has one list of lines for each thread that logs something, in any order.
     void expectPhase(const char* phase, const std::vector<ThreadLog>& wanted) {
         SCOPED_TRACE(phase);
         const size_t lines =
@@ -55,13 +55,13 @@ class DaemonLog : public BoardCase {
         EXPECT_TRUE(threads.empty()) << "not expected:" << testing::PrintToString(threads);
     }
 
-    // What the event loop says of a record.
+    // The event loop's line about a record.
     static std::string record(int type, const char* data, const char* state) {
         return "D UAFIFO: read msg: type=" + std::to_string(type) + ", data=0x" + data +
                ", size=8; state={" + state + "}";
     }
 
-    // The chapters of the whole story.
+    // The chapters of the whole story, in order.
     void startAndBind();
     void switchStreamsOn();
     void changeVolumesAndMutes();
@@ -149,8 +149,8 @@ void DaemonLog::hearFromTheApp() {
     expectPhase("sync-up", {{"D UAFIPC: app request init state sync up"}});
     app->send({4, 0x1234ABCD});
     app->sendBytes("four", 4);
-    expectPhase("messages that are none", {{"E UAFIPC: got unknown msg: type=4, msg: 0x1234ABCD",
-                                            "E UAFIPC: unexpected msg size: 4"}});
+    expectPhase("invalid messages", {{"E UAFIPC: got unknown msg: type=4, msg: 0x1234ABCD",
+                                      "E UAFIPC: unexpected msg size: 4"}});
 }
 
 void DaemonLog::switchStreamsOff() {
@@ -193,7 +193,7 @@ TEST_F(DaemonLog, TellsTheWholeStoryLineByLine) {
     pullTheCableAndUnbind();
 }
 
-// Bound, unbound and started while unbound: the counters of each line, and the texts of a retry.
+// Bind, unbind and start while unbound: each line's counters, and the texts of a new attempt.
 TEST_F(DaemonLog, CountsBindsAndActivationsWhileUnbound) {
     start();
     host.command("bind");
@@ -239,7 +239,7 @@ TEST_F(DaemonLog, ShowsAStartWithoutMicrophoneService) {
     EXPECT_EQ(daemon.count("synch startup ok", mark), 0);
 }
 
-// The board with the fault of the cable looks at it about once a second.
+// The board with the cable's fault checks the cable about once a second.
 TEST_F(DaemonLog, ShowsATickASecondOnTheBoardWithTheCableFault) {
     constexpr char kTick[] =
         "recvmsg error: <-1:11:Resource temporarily unavailable> - likely a timeout for RK-based "

@@ -25,7 +25,7 @@ class Events : public BoardCase {
         app->waitForMessages(5);  // configured, two volumes, two mutes
     }
 
-    // A raw record, without any change on the host's side.
+    // Delivers a raw record; nothing changes on the host's side.
     void deliver(uint32_t type, uint32_t data) {
         logMark = daemon.mark();
         messageMark = app->messages().size();
@@ -36,7 +36,7 @@ class Events : public BoardCase {
 
     int said(const std::string& text) { return daemon.count(text, logMark); }
     std::vector<Message> told() const { return app->messageValues(messageMark); }
-    // What the app sends, and what the driver was then asked.
+    // Sends the message; returns the requests that reached the driver.
     std::vector<std::string> requestsAfter(Message message) {
         logMark = daemon.mark();
         messageMark = app->messages().size();
@@ -219,7 +219,7 @@ class Channel : public Events, public testing::WithParamInterface<uint32_t> {
     uint32_t channel() const { return GetParam(); }
     uint32_t event() const { return channel() + 1; }
     const char* stream() const { return channel() == kSpeaker ? "capture" : "playback"; }
-    // The host's data flows all the time; only records say on and off.
+    // The host's data flows all the time; only records switch the channels on and off.
     void SetUp() override {
         Events::SetUp();
         host.command(channel() == kSpeaker ? "speaker on" : "mic on");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app dies, its FIFOs vanish, the sound card goes: whatever the state of the channels, the
-// daemon works again after the next on event, with no thread stuck and none busy.
+// The app dies, its FIFOs vanish, the sound card goes: whatever state the channels are in, the
+// daemon works again after the next on event, and no thread is stuck or busy.
 #include <string>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ class Faults : public BoardCase {
   protected:
     void SetUp() override { start(); }
 
-    // The app's part is played by a process that can die.
+    // A process that can die plays the app's part.
     void letAProcessBeTheApp() {
         app.reset();
         victim = std::make_unique<AppProcess>();
@@ -36,7 +36,7 @@ class Faults : public BoardCase {
         host.command("mic off");
     }
 
-    // No thread of the daemon takes more than a little of a second of trouble.
+    // While something is wrong the daemon uses only a small part of a second's processor time.
     void expectNobodyBusy() {
         const board::Ns before = board::cpuOf(daemon.pid());
         board::sleepFor(kSecond);
@@ -95,7 +95,7 @@ TEST_F(Faults, TheAppDiesAndTheHostStopsAndStartsBeforeItIsBack) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// At each of the passes that a stop waits for.
+// The app dies at each of the passes that a stop waits for.
 TEST_F(Faults, TheAppDiesWhileBothChannelsAreStopping) {
     for (int delay = 0; delay <= 20; delay += 5) {
         SCOPED_TRACE(delay);
@@ -186,8 +186,9 @@ TEST_P(Fifo, IsGoneAndBackManyTimes) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// An open waits on the FIFO itself, whatever becomes of its name, until the stream's next event.
-TEST_P(Fifo, IsMadeAnewWhileTheDaemonWaitsToOpenIt) {
+// An open waits on the FIFO itself until the stream's next event, even if its name goes or names
+// another FIFO.
+TEST_P(Fifo, IsRecreatedWhileTheDaemonWaitsToOpenIt) {
     bothOn();
     board::sleepFor(300 * kMs);
     app.reset();
@@ -197,8 +198,8 @@ TEST_P(Fifo, IsMadeAnewWhileTheDaemonWaitsToOpenIt) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The speaker's stop waits for the app, the microphone's does not.
-TEST_P(Fifo, IsMadeAnewAfterTheHostHasStopped) {
+// The speaker's stop waits for the app; the microphone's does not.
+TEST_P(Fifo, IsRecreatedAfterTheHostHasStopped) {
     bothOn();
     board::sleepFor(300 * kMs);
     app.reset();

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// How soon the daemon answers a period: from its end in the gadget's driver to its bytes in the
-// app's FIFO, and from room for it in the PCM to its samples there. Both directions run, and now
-// and then change their phase, so that their periods end together, too, and in all phases to the
-// app's blocks. A tool as well, see docs/reliability/realtime.md: LATENCY_SECONDS sets how long
-// each case measures.
+// How fast the daemon serves a period: from its end in the gadget's driver to its bytes in the
+// app's FIFO, and from free space in the PCM to the samples written there. Both directions run and
+// change their phase now and then, so that their periods also end at the same time, and meet the
+// app's blocks in all phases. This is a tool as well, see docs/reliability/realtime.md:
+// LATENCY_SECONDS sets how long each case measures.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -23,8 +23,8 @@ using board::kSecond;
 using board::Ns;
 
 constexpr Ns kPeriod = 5 * kMs;
-constexpr Ns kSoon = kMs / 10;     // 99.9 % of the answers
-constexpr int kHostPpb = 1000000;  // passes an app's block of 10 ms in 10 s
+constexpr Ns kSoon = kMs / 10;     // for 99.9 % of the answers
+constexpr int kHostPpb = 1000000;  // drifts through one of the app's blocks, 10 ms, in 10 s
 constexpr int kPhases = 10;
 constexpr int kSecondsUnlessTold = 10;
 

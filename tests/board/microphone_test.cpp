@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone at equal clocks: what the app speaks reaches the host bit for bit once the latency
-// has settled, and before that every sample that was gained or lost is accounted for.
+// The microphone at equal clocks: once the latency has settled, what the app speaks reaches the
+// host bit for bit; before that, every sample gained or lost is accounted for.
 #include <algorithm>
 #include <cstdio>
 
@@ -22,7 +22,7 @@ using board::Ns;
 
 class Microphone : public BoardCase {
   protected:
-    // Streams noise for `time`, observed.
+    // Streams noise for `time` and records what arrives.
     void stream(MicStream* mic, Ns time) {
         for (Ns end = board::now() + time; board::now() < end;) {
             board::sleepFor(kSecond);
@@ -31,7 +31,7 @@ class Microphone : public BoardCase {
         mic->off();
     }
 
-    // Everything is explained, and from the third second on it is a copy.
+    // Every frame is explained, and from the third second on the sound is a copy.
     static void expectExact(const MicStream& mic) {
         const MicRecording& explained = mic.explained();
         EXPECT_EQ(explained.count(FrameKind::kUnexplained), 0);
@@ -63,8 +63,9 @@ class Microphone : public BoardCase {
     }
 };
 
-// Starting with an empty FIFO: two reads of 240 samples share a block of 480, so that the second of
-// each pair finds too few samples and is stretched, until the latency has grown into the range.
+// The stream starts with an empty FIFO: two reads of 240 samples share a block of 480, so the
+// second of each pair finds too few samples and is stretched, until the latency has grown into its
+// range.
 TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
     board::AppOptions quiet;
     quiet.speaks = false;
@@ -81,7 +82,7 @@ TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// An app that never stops writing has left blocks in the FIFO, which are sent first.
+// An app that never stops writing has left blocks in the FIFO; they are sent first.
 TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
     start();
     MicStream mic(this, board::noise);
@@ -91,7 +92,7 @@ TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The latency grows by the samples that were gained, by the app's time stamps and the host's.
+// The latency grows by the samples gained, as the app's and the host's time stamps show.
 TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
     board::AppOptions quiet;
     quiet.speaks = false;
@@ -113,14 +114,14 @@ TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
 
 TEST_F(Microphone, CarriesTheLeftChannelAlone) {
     start();
-    // Right is the inverse of left; silence on the left is a right channel at -1.
+    // The right channel is the inverse of the left: silence on the left is a right channel at -1.
     MicStream mic(this, board::silence);
     stream(&mic, 2 * kSecond);
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
     EXPECT_GT(mic.explained().frames(), kRate / MicRecording::kFrame);
 }
 
-// The app's writes may come late. The latency control loses nothing that arrives; it has settled
+// The app writes up to 4 ms late. The latency control loses nothing that arrives; it has settled
 // when it stretches and squeezes equally often, and seldom.
 TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     constexpr int64_t settled = 2 * kRate;
@@ -150,7 +151,7 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// What waits in the FIFO is sent first, then only silence.
+// The host gets what waits in the FIFO, and then only silence until the app writes again.
 TEST_F(Microphone, IsSilentWhileTheAppIsAndThenGoesOn) {
     constexpr int64_t waitingMax = 2 * 480;
     start();

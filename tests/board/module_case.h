@@ -18,11 +18,11 @@ class ModuleCase : public testing::Test {
   protected:
     void SetUp() override { host->reset(); }
 
-    // 0, or the errno that refused it.
+    // Returns 0, or the errno with which the board refused the command.
     int command(const std::string& text) { return host->tryCommand(text); }
     int64_t counter(const std::string& key) const { return host->counter(key); }
 
-    // What the module notes from the construction on.
+    // What the module notes from this object's construction on.
     class Notes {
       public:
         explicit Notes(ModuleCase& module) : host(*module.host), taken(host.events().size()) {}
@@ -34,7 +34,7 @@ class ModuleCase : public testing::Test {
             taken = all.size();
             return {begin, all.end()};
         }
-        // The same, without the times and without the host's own commands.
+        // The texts of take(), without the host's own commands.
         std::vector<std::string> texts() {
             std::vector<std::string> texts;
             for (const board::HostEvent& event : take()) {

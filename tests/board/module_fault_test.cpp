@@ -40,14 +40,14 @@ void PrintTo(const Direction& direction, std::ostream* out) {
 
 class Fault : public ModuleCase, public testing::WithParamInterface<Direction> {
   protected:
-    // A playback starts only when there is something to play.
+    // A playback starts only when there is something to play, so this writes first.
     static int start(Pcm& pcm) {
         if (snd_pcm_stream(pcm.get()) == SND_PCM_STREAM_PLAYBACK) {
             pcm.write(std::vector<int16_t>(kPeriod - 1));
         }
         return pcm.start();
     }
-    // Set up, started and moving.
+    // Sets the PCM up, starts it and waits until it moves.
     void run(Pcm& pcm) {
         ASSERT_EQ(pcm.setUp(kBuffer, kPeriod), "");
         ASSERT_EQ(start(pcm), 0);
@@ -61,7 +61,7 @@ class Fault : public ModuleCase, public testing::WithParamInterface<Direction> {
     int injure(const std::string& how) { return command(how + " " + GetParam().host); }
 };
 
-// The negative error of a transfer of one period.
+// Returns the negative error with which a transfer of one period fails.
 snd_pcm_sframes_t transfer(Pcm& pcm, snd_pcm_stream_t stream) {
     std::vector<int16_t> frames(kPeriod);
     return stream == SND_PCM_STREAM_CAPTURE ? pcm.read(frames) : pcm.write(frames);
@@ -218,7 +218,7 @@ TEST_P(Fault, DisconnectsAStreamWhenTheCardIsRemoved) {
     EXPECT_LT(transfer(pcm, GetParam().stream), 0);
     EXPECT_LT(snd_pcm_prepare(pcm.get()), 0);
     EXPECT_EQ(command("card remove"), ENODEV);
-    // The same index serves a new card while the old one is still open.
+    // The same index serves a new card while the old card is still open.
     EXPECT_EQ(command("card add"), 0);
     EXPECT_EQ(command("card add"), EBUSY);
     Pcm fresh(GetParam().stream);
@@ -279,7 +279,7 @@ TEST_F(Card, SurvivesAStormOfUnplugging) {
         command("speaker on");
         command("mic on");
         transfer(playback, SND_PCM_STREAM_PLAYBACK);
-        // At another moment of the USB frame each time.
+        // Each time at another moment of the USB frame.
         sleepFor(i * 37 * 1000);
         ASSERT_EQ(command("unbind"), 0);
         EXPECT_EQ(capture.state(), SND_PCM_STATE_DISCONNECTED);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The simulated hardware itself: how sound moves between the gadget's card and the host, and that
-// it does so exactly on the host's clock; and the board's own card.
+// The simulated hardware itself: how sound moves between the gadget's card and the host, exactly on
+// the host's clock; and the board's own card.
 #include <cstdint>
 #include <fcntl.h>
 #include <poll.h>
@@ -33,10 +33,10 @@ using testing::HasSubstr;
 constexpr snd_pcm_uframes_t kPeriod = 240;
 constexpr snd_pcm_uframes_t kCaptureBuffer = 2400;
 constexpr snd_pcm_uframes_t kPlaybackBuffer = 720;
-// From the interrupt's due time to a woken program, in virtual time.
+// From the moment when an interrupt is due until a program has woken, in virtual time.
 constexpr int64_t kWakeUpNs = kMs / 2;
 
-// 1, 2, 3 ... without a zero, so that silence is told from it.
+// 1, 2, 3 ... without a zero, so that it differs from silence.
 std::vector<int16_t> ramp(size_t frames) {
     std::vector<int16_t> all(frames);
     for (size_t i = 0; i < frames; i++) {
@@ -45,7 +45,7 @@ std::vector<int16_t> ramp(size_t frames) {
     return all;
 }
 
-// Queues frames that the host plays; returns how many fitted.
+// Queues frames for the host to play; returns how many fitted.
 size_t play(const std::vector<int16_t>& frames) {
     const Fd speaker = Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
     const ssize_t written = write(speaker.get(), frames.data(), frames.size() * sizeof(frames[0]));
@@ -61,7 +61,7 @@ std::vector<int16_t> withoutLeadingZeros(std::vector<int16_t> frames) {
     return frames;
 }
 
-// What `frames` last on the host's clock, in whole nanoseconds of the board's.
+// How long `frames` last on the host's clock, in whole nanoseconds of the board's clock.
 int64_t hostTimeNs(int64_t frames, int64_t ppb) {
     const __int128 parts = 1000000000;
     const __int128 usbFrames = frames / board::kFramesPerUsbFrame;
@@ -115,7 +115,7 @@ TEST_F(Sound, RecordsWhatIsPlayedFrameByFrame) {
         ASSERT_EQ(playback.write({from, from + kPeriod}), static_cast<snd_pcm_sframes_t>(kPeriod));
     }
     EXPECT_EQ(counter("mic.stale"), stale);
-    // What is in the ring still has to be played, and nothing after it.
+    // The ring's contents still have to be played; nothing may come after them.
     ASSERT_TRUE(waitFor([this] { return counter("mic.stale") > 0; }));
     std::vector<int16_t> recorded = withoutLeadingZeros(host->takeRecording());
     ASSERT_GE(recorded.size(), written.size());
@@ -209,7 +209,7 @@ TEST_F(Sound, MakesTheHostsProgramsWaitWithoutFollowingEveryUsbFrame) {
     const int64_t start = now();
     EXPECT_EQ(read(mic, frames.data(), all), 480 * 2);
     EXPECT_LT(now() - start - 10 * kMs, kMs);
-    // Whatever fits is taken at once, and then nothing until 100 ms fit.
+    // What fits is taken at once; the rest waits until there is room for 100 ms.
     EXPECT_EQ(write(speaker, frames.data(), all), 480 * 2);
     EXPECT_EQ(write(speaker, frames.data(), all), 4800 * 2);
     EXPECT_LT(now() - start - 110 * kMs, kMs);
@@ -250,7 +250,7 @@ TEST_F(Sound, FollowsAClockThatIsExactAtEveryOffset) {
         EXPECT_EQ(lasted, hostTimeNs(frames, ppb)) << ppb;
         EXPECT_LT(readAt - counter("mic.last_ns"), 2 * kMs) << ppb;
         EXPECT_EQ(host->takeRecording().size(), static_cast<size_t>(frames)) << ppb;
-        // Between two stops the clock stands, so that the next stream starts it afresh.
+        // This lets the clock stop, so that the next stream starts it from the beginning.
         sleepFor(5 * kMs);
     }
 }
@@ -264,7 +264,7 @@ TEST_F(Sound, ChangesItsClockWhileStreamsRun) {
     sleepFor(10 * kSecond);
     const int64_t frames = counter("speaker.frames") - startFrames;
     const int64_t lasted = counter("speaker.last_ns") - startNs;
-    // The USB frame under way at the change ends as it was due, at most a microsecond later.
+    // The USB frame in progress keeps its length; the change shows at most a microsecond later.
     EXPECT_NEAR(static_cast<double>(lasted), static_cast<double>(hostTimeNs(frames, 1000000)),
                 1000);
     EXPECT_GE(frames, 10009 * 48);

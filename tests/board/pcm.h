@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A PCM of the simulated board as a test program uses it: alsa-lib's handle, opened, set up in the
-// one format and closed again. Belongs to one thread.
+// board's format and closed again. Belongs to one thread.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@ class Pcm {
     int start() { return snd_pcm_start(pcm); }
     snd_pcm_state_t state() const { return snd_pcm_state(pcm); }
 
-    // The steps of setting up, by the call that failed; "" when all went well.
+    // Sets the PCM up. Returns the name and error of the step that failed; "" when all went well.
     std::string setUp(snd_pcm_uframes_t buffer, snd_pcm_uframes_t period,
                       snd_pcm_uframes_t stopThreshold = 1 << 30) {
         snd_pcm_hw_params_t* hw;
@@ -46,7 +46,7 @@ class Pcm {
         return failed.empty() ? setThresholds(period, stopThreshold) : failed;
     }
 
-    // Frames read or written, or the negative error.
+    // Returns the number of frames, or the negative error.
     snd_pcm_sframes_t read(std::vector<int16_t>& frames) {
         return snd_pcm_readi(pcm, frames.data(), frames.size());
     }
@@ -67,7 +67,7 @@ class Pcm {
                step("sw_params", snd_pcm_sw_params(pcm, sw));
     }
 
-    // Only the first failure counts; later ones are its consequences.
+    // Only the first failure counts, as later ones follow from it.
     std::string step(const char* name, int result) {
         if (result >= 0 || hasFailed) {
             return "";

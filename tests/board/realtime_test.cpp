@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the streaming threads do while they stream, counted by the kernel: none allocates or faults
-// a page in, each makes the system calls and takes the locks below and no others, and all run at
-// SCHED_FIFO 58. The latency control works meanwhile, and the threads log their progress.
+// What the streaming threads do while they stream, counted by the kernel: none allocates memory or
+// causes a page fault, each makes the system calls and takes the locks listed below and no others,
+// and all run at SCHED_FIFO 58. Meanwhile the latency control works and the threads log their
+// progress.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +50,7 @@ struct Allowance {
 };
 using Allowances = std::map<std::string, Allowance>;
 
-// What a line of the log takes: one write, when that cannot wait and may not raise a signal.
+// A line of the log takes one write, among calls that keep it from blocking or raising a signal.
 constexpr Allowance kForALine{0, 0, 1};
 constexpr Allowance kTwiceForALine{0, 0, 2};
 
@@ -62,10 +63,10 @@ struct Conduct {
     int locksPerPass;
 };
 
-// alsa-lib's wait takes the PCM's own lock, which no other thread uses, before its poll and after
-// it; the frame buffer's lock is taken once for each frame or block. The PCM's position is not
-// mapped into a process on this processor: alsa-lib asks for it to learn the state, before a wait
-// and after a transfer, and for the check of the backlog.
+// alsa-lib's wait takes the PCM's own lock, which no other thread uses, before and after its poll.
+// The frame buffer's lock is taken once for each frame or block. On this processor the PCM's
+// position is not mapped into the process: alsa-lib asks the kernel for it to learn the state,
+// before a wait, after a transfer and for the check of the backlog.
 std::vector<Conduct> conducts(const board::StreamingThreads& threads) {
     Allowances logged{{"getpid", kForALine},
                       {"gettid", kForALine},
@@ -108,7 +109,7 @@ std::string nameOf(const PerfSample& call) {
     return kNames.count(number) != 0 ? kNames.at(number) : "system call " + std::to_string(number);
 }
 
-// What one thread does, from its making on.
+// Counts what one thread does, from construction on.
 class Watch {
   public:
     explicit Watch(pid_t tid) : systemCalls(enters(tid)) {
@@ -126,7 +127,7 @@ class Watch {
         events.emplace("page fault", PerfEvent::pageFaults(PerfScope::thread(tid)));
     }
 
-    // From here on.
+    // Starts the count.
     void begin() {
         systemCalls.take();
         for (const auto& [what, event] : events) {
@@ -138,7 +139,7 @@ class Watch {
             ++doneSoFar[nameOf(call)];
         }
     }
-    // How often it did what, with everything that was watched.
+    // How often the thread did each thing that is watched.
     std::map<std::string, int64_t> done() {
         look();
         std::map<std::string, int64_t> all = doneSoFar;
@@ -187,7 +188,7 @@ class Realtime : public BoardCase {
         allowed["pthread_mutex_lock"] = {conduct.locksPerPass, 0, 1};
         for (const auto& [what, times] : done) {
             const Allowance most = allowed[what];
-            // A pass may be cut by the beginning and one by the end.
+            // The first and the last pass may be counted in part.
             EXPECT_LE(times, (passes + 1) * most.perPass +
                                  (passes / 100 + 1) * most.perHundredPasses + lines * most.perLine)
                 << what << ", in " << passes << " passes with " << lines << " lines logged";
@@ -199,7 +200,7 @@ class Realtime : public BoardCase {
     }
 };
 
-// The watch itself: whatever it is to find, it finds.
+// Shows that the watch counts everything that it looks for.
 TEST(Watching, SeesWhatAThreadDoes) {
     Watch watch(gettid());
     watch.begin();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The speaker: what the host plays reaches the app bit for bit, and how long it takes.
+// The speaker: what the host plays reaches the app bit for bit, and how long that takes.
 #include <algorithm>
 #include <cstdio>
 #include <optional>
@@ -24,7 +24,7 @@ constexpr int64_t kPeriod = 240;
 
 class Speaker : public BoardCase {
   protected:
-    // The host plays noise from its first frame on for `time`; what the app heard.
+    // The host plays noise from its first frame on for `time`; returns what the app heard.
     Heard play(Ns time) {
         host.command("flush speaker");
         app->takeHeard();
@@ -40,8 +40,8 @@ class Speaker : public BoardCase {
         return app->takeHeard();
     }
 
-    // Index in the host's stream of the first frame heard; what follows is checked to be the
-    // stream, bit for bit, until the host stopped, and then nothing but a few silent periods.
+    // Returns the index of the first frame heard in the host's stream. Checks that the rest is the
+    // stream, bit for bit, until the host stopped, followed only by a few silent periods.
     int64_t expectExact(const Heard& heard) {
         EXPECT_EQ(heard.unequalFrames, 0);
         const int64_t sent = host.counter("speaker.frames") - host.counter("speaker.first_frames");
@@ -52,7 +52,7 @@ class Speaker : public BoardCase {
                heard.left[static_cast<size_t>(exact)] == noise(first + exact)) {
             ++exact;
         }
-        // The host stops within a period, which then never becomes whole.
+        // The host stops within a period; an incomplete period is never delivered.
         EXPECT_EQ(first + exact, sent - (sent - first) % kPeriod);
         const auto tail = heard.left.begin() + exact;
         EXPECT_LE(heard.left.end() - tail, 4 * kPeriod);
@@ -60,7 +60,7 @@ class Speaker : public BoardCase {
         return first;
     }
 
-    // From the moment a frame came over the wire to the app's read, for each block that was read.
+    // For each block that the app read: the time from its first frame on the wire to the read.
     std::vector<Ns> latencies(const Heard& heard, int64_t first) {
         const int64_t base = host.counter("speaker.first_frames") + first;
         const int64_t anchor = host.frameTime("speaker", base);
@@ -105,7 +105,7 @@ TEST_F(Speaker, ReachesTheAppBitForBitWithoutAMicrophoneToSynchroniseWith) {
     EXPECT_LT(first, 4 * kPeriod);
 }
 
-// Whatever the phase in which the host starts.
+// Each start meets another phase of the host's clock.
 TEST_F(Speaker, IsExactInEveryOfManyStarts) {
     start();
     for (int i = 0; i < 25; ++i) {
@@ -118,8 +118,8 @@ TEST_F(Speaker, IsExactInEveryOfManyStarts) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A host that opens its stream and sends later meets the capture's 10 ms grid in any phase. Half of
-// the phases hold one period back, and the next is never in that half.
+// A host that opens its stream and sends later meets the capture's 10 ms grid in any phase. In half
+// of the phases one period is held back; the next one, 5 ms later, is then in the other half.
 TEST_F(Speaker, HoldsBackOnePeriodInHalfOfThePhases) {
     constexpr int starts = 25;
     start();
@@ -142,7 +142,7 @@ TEST_F(Speaker, HoldsBackOnePeriodInHalfOfThePhases) {
     EXPECT_EQ(daemon.count("synch startup ok"), starts);
 }
 
-// A host that pauses: silence for the app, and then every frame that comes.
+// The host pauses: the app gets silence, and then every frame that follows.
 TEST_F(Speaker, FillsAStalledStreamWithSilence) {
     start();
     const HostPlayer player(noise);

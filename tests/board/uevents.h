@@ -24,7 +24,8 @@ class Uevents {
     Uevents(const Uevents&) = delete;
     Uevents& operator=(const Uevents&) = delete;
 
-    // The next event, its strings joined by spaces, without its number; empty when there is none.
+    // Returns the next event's strings joined by spaces, without its number; empty when there is
+    // none.
     std::string next() {
         char buffer[4096];
         const ssize_t len = recv(descriptor, buffer, sizeof buffer, 0);

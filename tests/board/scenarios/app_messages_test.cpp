@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app's message socket absent, stale or full, messages of every size, and sync-ups at every
-// moment of a channel's life. What the app is owed arrives, in order; what it cannot take costs a
-// message and never the daemon.
+// The app's message socket absent, stale or full, datagrams of every size, and sync-ups at every
+// moment of a channel's life. Messages arrive in order; what the app cannot take costs messages and
+// never harms the daemon.
 #include <algorithm>
 #include <optional>
 #include <unistd.h>
@@ -26,7 +26,7 @@ constexpr uint32_t kSpeakerVolume = 3;
 constexpr int kPendingMax = 100;  // of the daemon's queue
 constexpr char kOverwriting[] = "queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x#>";
 
-// Whose app has no socket but the one that a test binds.
+// The app has no socket of its own: the test binds one.
 class AppSocket : public Scenario {
   protected:
     void SetUp() override {
@@ -41,14 +41,14 @@ class AppSocket : public Scenario {
         return options;
     }
 
-    // The path goes with it, or stays as after a death.
+    // Unlinks the path as well.
     void removeSocket() {
         socket.reset();
         unlink(kSocketRx);
     }
     void leaveSocketStale() { socket.reset(); }
 
-    // The host changes its volume to each of these, which is a message each.
+    // The host sets its volume to each of these values; each change is a message.
     void changeVolume(int from, int to) {
         for (int volume = from; volume <= to; ++volume) {
             host.command("volume speaker " + std::to_string(volume));
@@ -63,7 +63,7 @@ class AppSocket : public Scenario {
         return messages;
     }
 
-    // Waits for this many messages, and a little longer for one too many.
+    // Waits for `count` messages, and a little longer in case of one too many.
     Messages receive(size_t count, Ns limit = 6 * kSecond) {
         Messages received;
         const auto take = [&] {
@@ -84,16 +84,16 @@ class AppSocket : public Scenario {
 
 struct Absence {
     int seconds;
-    int lost;  // messages, of those that came at its beginning
+    int lost;  // of the messages sent at its beginning
 };
 
 class AbsentSocket : public AppSocket, public testing::WithParamInterface<Absence> {};
 
-// A message is tried every 5 s, 20 times, the last time after 95 s; the next one begins when the
-// one before has been dropped.
+// The daemon tries a message every 5 s, 20 times, the last time after 95 s; the next message begins
+// when the one before has been dropped.
 TEST_P(AbsentSocket, DelaysMessagesAndAtLastDropsThem) {
     const auto [seconds, lost] = GetParam();
-    app.reset();  // all of it is absent, which makes the time cheap as well
+    app.reset();  // the whole app is away, which also makes the time cheap to simulate
     micService.reset();
     removeSocket();
     const Ns since = board::now();
@@ -120,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(For, AbsentSocket,
 
 class PendingMessages : public AppSocket, public testing::WithParamInterface<int> {};
 
-// One message is in the sender's hands, the others wait.
+// The sending thread holds one message; the others wait in the queue.
 TEST_P(PendingMessages, KeepTheirOrderAndOnlyTheNewestGivesWay) {
     const int tooMany = GetParam();
     const int last = 1 + kPendingMax + tooMany;
@@ -139,7 +139,7 @@ TEST_P(PendingMessages, KeepTheirOrderAndOnlyTheNewestGivesWay) {
 INSTANTIATE_TEST_SUITE_P(TooMany, PendingMessages, testing::Values(0, 1, 30),
                          testing::PrintToStringParamName());
 
-// Of the three messages of a reply each takes the place of the one before.
+// A full queue: each of a reply's three messages takes the place of the one before.
 TEST_F(AppSocket, WithAHundredPendingGetsTheLastMessageOfASyncUpAlone) {
     removeSocket();
     changeVolume(1, 1);
@@ -189,7 +189,7 @@ TEST_F(FullSocket, HoldsUpNothingButTheMessages) {
     EXPECT_EQ(daemon.count(kOverwriting), 0);
     changeVolume(kept + 1, kept + 2);
     EXPECT_EQ(daemon.count(kOverwriting), 2);
-    // Its channels start and stop, and say so into the queue.
+    // While it looks, the channels start and stop: more messages for the queue.
     EXPECT_EQ(findDamage(), "");
     EXPECT_EQ(daemon.count(kOverwriting), 6);
 
@@ -220,7 +220,7 @@ TEST_F(FullSocket, OfAnAppThatDiesLetsTheSenderGo) {
 
 // ---- Datagrams of every size -------------------------------------------------------------------
 
-// Too short is refused; of what is longer than a message its first eight bytes count.
+// A datagram that is too short is refused; of a longer one the first eight bytes count.
 TEST_F(AppSocket, SendsAMessageWithEveryDatagramOfEightBytesOrMore) {
     for (const size_t size : {1, 4, 7, 8, 9, 12, 65000}) {
         SCOPED_TRACE(size);
@@ -228,7 +228,7 @@ TEST_F(AppSocket, SendsAMessageWithEveryDatagramOfEightBytesOrMore) {
         *reinterpret_cast<Message*>(bytes.data()) = {5, 1};
         const Ns since = board::now();
         ASSERT_EQ(app->sendBytes(bytes.data(), size), 0);
-        app->send({3, 0});  // what came before it has then been handled
+        app->send({3, 0});  // once this is handled, so is what came before it
         ASSERT_TRUE(
             board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME 0 0", since) == 1; }));
         const bool isMessage = size >= sizeof(Message);
@@ -238,7 +238,7 @@ TEST_F(AppSocket, SendsAMessageWithEveryDatagramOfEightBytesOrMore) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// It ends the receiving for good, and nothing else.
+// An empty datagram ends the daemon's receiving for good, and nothing else.
 TEST_F(AppSocket, ThatGetsAnEmptyDatagramHearsTheDaemonStill) {
     app->sendBytes("", 0);
     EXPECT_TRUE(daemon.waitForLog("receive error: <0:#>"));
@@ -291,7 +291,7 @@ TEST_F(SyncUp, BeforeTheGadgetIsBoundTellsTheUsbState) {
 
 enum State : uint32_t { kStopped, kRunning, kStopping };
 
-// A stopping channel is on for the app until it has stopped.
+// To the app a stopping channel is on until it has stopped.
 TEST_F(SyncUp, InEveryStateOfBothChannelsTellsIt) {
     for (const State speaker : {kStopped, kRunning, kStopping}) {
         for (const State mic : {kStopped, kRunning, kStopping}) {
@@ -327,7 +327,7 @@ TEST_F(SyncUp, InEveryStateOfBothChannelsTellsIt) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// Whatever the moment, the three messages stay together, and what the app has heard last is so.
+// At any moment the three messages stay together, and the last states that the app heard are true.
 TEST_F(SyncUp, DuringStartsAndStopsNeverLeavesTheAppWithAnOldState) {
     constexpr int steps = 40;
     constexpr Ns steppedThrough[] = {25 * kMs, 5 * kMs};  // a stop, a start

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The app stands still and goes on, and reads and writes as it likes: too slowly, too fast, in
-// pieces of any size. What that must cost is lost, and nothing else, and nothing afterwards.
+// pieces of any size. Only the sound that cannot get through is lost, and afterwards all is well.
 #include <algorithm>
 #include <csignal>
 
@@ -65,7 +65,7 @@ TEST_F(StoppedApp, HearsAndIsHeardAgainWhenItGoesOn) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The messages wait, in its socket and for it.
+// The messages wait in the app's socket, and in the daemon until there is room.
 TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
     constexpr int volumes = 50;
     const int64_t messages = process->messages();
@@ -81,7 +81,8 @@ TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The speaker's channel waits in its FIFO; what the host wanted of it is done when it comes out.
+// The speaker's channel waits in its FIFO; when it comes out it does what the host has asked
+// meanwhile.
 TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
     process->freeze();
     board::sleepFor(200 * kMs);
@@ -136,15 +137,15 @@ class Pace : public Scenario {
     int64_t xrunsBefore = 0;
 };
 
-// Whole periods of the host's sound, and from one to the next nothing or whole periods missing.
-// Returns how many frames are.
+// Expects whole periods of the host's sound, with nothing or whole periods missing in between.
+// Returns how many frames are missing.
 int64_t expectWholePeriods(const board::Samples& heard) {
     int64_t missing = 0;
     for (size_t i = 1; i < heard.size(); ++i) {
         const auto step = static_cast<uint16_t>(heard[i] - heard[i - 1]);
         if (step != 1) {
             EXPECT_EQ(i % kPeriod, 0U) << "a gap within a period";
-            EXPECT_EQ((step - 1) % kPeriod, 0) << "a gap of a part of a period";
+            EXPECT_EQ((step - 1) % kPeriod, 0) << "a gap of less than a period";
             missing += step - 1;
         }
     }
@@ -167,7 +168,8 @@ TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
     EXPECT_NEAR(static_cast<double>(missing), 5.0 * kRate / 21, kRate / 20);
     EXPECT_GE(daemon.count("too much samples in the buffer, drop samples. (avail=#)"), 5);
     EXPECT_EQ(xruns(), 0);
-    // Three periods in the card's ring and two in the pipe may wait, up to the next look at them.
+    // Three periods may wait in the card's ring and two in the pipe, and more until the daemon's
+    // next check.
     const int64_t behind = host.counter("speaker.frames") - host.counter("speaker.first_frames") -
                            static_cast<int64_t>(heard.size()) - missing;
     EXPECT_LT(behind, kRate / 10);
@@ -187,7 +189,8 @@ TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// So slow that the card's ring overruns: it starts over and over, and still nothing breaks.
+// The app is so slow that the card's ring overruns: the stream restarts again and again, and the
+// daemon stays whole.
 TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
     const HostPlayer player(board::ramp);
     ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
@@ -204,8 +207,8 @@ TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The frame buffer runs dry again and again, less than eleven times a second: silence, a fresh
-// start, and every sample that came is heard.
+// The frame buffer runs dry again and again, but less than eleven times a second: silence, then a
+// new start; every sample that came is heard.
 TEST_F(Pace, ASlowWriterIsHeardInPieces) {
     MicStream mic(this, board::noise);
     board::sleepFor(kSecond);
@@ -225,7 +228,8 @@ TEST_F(Pace, ASlowWriterIsHeardInPieces) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// So often dry that the buffer is enlarged, once; the next stream has the small one again.
+// The frame buffer runs dry so often that it is enlarged, once; the next stream starts with the
+// small one.
 TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
     MicStream mic(this, board::noise);
     board::sleepFor(kSecond);
@@ -237,13 +241,13 @@ TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
     app->speakSlower(0);
     board::sleepFor(3 * kSecond);
     mic.off();
-    // What was queued when the buffer was enlarged is discarded, within a frame.
+    // What was queued when the buffer was enlarged is discarded, down to a frame.
     EXPECT_LE(mic.explained().count(FrameKind::kUnexplained), 2);
     EXPECT_EQ(findDamage(), "");
     EXPECT_EQ(daemon.count("increased ssrs queue depth"), 1);
 }
 
-// What finds the buffer full is dropped, a block at a time.
+// A block that finds the buffer full is dropped whole.
 TEST_F(Pace, AFastWriterLosesWholeBlocks) {
     MicStream mic(this, board::noise);
     board::sleepFor(kSecond);
@@ -268,7 +272,7 @@ class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
     static constexpr Ns kEnough = kSecond / 10;
     static constexpr int64_t kFrame = board::MicRecording::kFrame;
 
-    // Whether what the host records from now on is the app's noise, frame by frame.
+    // Whether the sound that the host records from now on is the app's noise in every frame.
     bool isNoise() {
         host.takeRecording();
         board::sleepFor(kEnough);
@@ -279,12 +283,13 @@ class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
         recorded.erase(recorded.begin(), recorded.begin() + (kFrame - first % kFrame) % kFrame);
         board::MicRecording explained(board::noise);
         explained.add(recorded);
-        return explained.count(FrameKind::kUnexplained) == 1;  // the first one, to be looked for
+        return explained.count(FrameKind::kUnexplained) ==
+               1;  // the first one only starts the search
     }
 };
 
-// A write that is no whole block spoils the sound: each read counts as a block, with what is left
-// of the one before. The next app is heard as if there had been nothing.
+// A write that is not a whole block spoils the sound: each read counts as a block, filled up with
+// bytes of the one before. The next app is heard as if nothing had happened.
 TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
     constexpr size_t block = 1920;
     const size_t chunkBytes = GetParam();
@@ -292,7 +297,8 @@ TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
     app.reset();
     board::AppOptions odd;
     odd.chunkBytes = chunkBytes;
-    // A tiny write is as much work for the daemon as a whole block, so these come no more often.
+    // A tiny write costs the daemon as much as a whole block, so tiny ones come no more often than
+    // blocks.
     odd.slowdownPercent = chunkBytes < 100 ? static_cast<int>(100 * block / chunkBytes) : 0;
     app = std::make_unique<App>(odd);
     app->speak(board::noise);
@@ -302,7 +308,7 @@ TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
     EXPECT_EQ(isNoise(), chunkBytes == block);
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (#)"), 0);
 
-    app.reset();  // the next one does not write beside it
+    app.reset();  // so that only the next one writes
     app = std::make_unique<App>();
     app->speak(board::noise);
     board::sleepFor(500 * kMs);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app is away while the host records: silent, dead, or stopped. What the host wants is done all
-// the same, and in time: each of its records within 50 ms, the microphone's stop within 40 ms of
-// its off. Only the speaker's stop waits for the app.
+// The app is away while the host records: silent, dead, or stopped. The daemon still does what the
+// host wants, and in time: it handles each record within 50 ms and stops the microphone within 40
+// ms of the off event. Only the speaker's stop waits for the app.
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -32,7 +32,7 @@ constexpr Ns kStopped = 42 * kMs;  // four passes, up to 10 ms each, and the thr
 
 class AwayApp : public Scenario {
   protected:
-    // The messages are taken by the test: they tell when a stream stopped, whatever the app does.
+    // The test receives the app's messages: they show when a stream stopped, whatever the app does.
     void SetUp() override {
         start();
         app.reset();
@@ -48,7 +48,7 @@ class AwayApp : public Scenario {
         process = std::make_unique<AppProcess>(options);
     }
 
-    // As soon as it is there; else false.
+    // Returns true as soon as the message is there, false after the limit.
     bool isTold(Message wanted, Ns limit) {
         return board::waitFor(
             [&] {
@@ -57,7 +57,7 @@ class AwayApp : public Scenario {
             },
             limit);
     }
-    // What the host does, and what the app is told in time.
+    // The host does something, and the app must be told in time.
     void expectTold(const char* command, Message wanted, Ns limit) {
         SCOPED_TRACE(command);
         messageSocket->take();
@@ -66,7 +66,7 @@ class AwayApp : public Scenario {
         EXPECT_TRUE(isTold(wanted, limit));
         expectPrompt();
     }
-    // All that came was read in time.
+    // Every record so far was handled in time.
     void expectPrompt() {
         board::sleepFor(kHandled);
         watch->look();
@@ -74,9 +74,9 @@ class AwayApp : public Scenario {
         EXPECT_LE(watch->micStop().time, kStopped) << watch->micStop().text();
     }
 
-    // Everything that the host can want meanwhile.
+    // Does everything that the host may do meanwhile.
     void hostGoesOn() {
-        board::sleepFor(200 * kMs);  // until all that can wait for the app does
+        board::sleepFor(200 * kMs);  // until everything that can wait for the app waits
         expectTold("mic off", {kMic, 0}, kStopped);
         expectTold("volume speaker 7", {3, 7}, kHandled);
         expectTold("mic on", {kMic, 1}, kHandled);
@@ -88,8 +88,8 @@ class AwayApp : public Scenario {
         expectTold("mic on", {kMic, 1}, kHandled);
     }
 
-    // The app is there again: the speaker's stop, by the unbind, is over now, and both directions
-    // stream, frame by frame.
+    // The app is back: the speaker's stop, which the unbind began, ends now, and both directions
+    // stream without losing a frame.
     void expectBothStream() {
         ASSERT_TRUE(board::waitFor(
             [this] { return host.counter("capture.opens") == host.counter("capture.closes"); }));
@@ -115,12 +115,12 @@ class AwayApp : public Scenario {
         recorded.erase(recorded.begin(), recorded.begin() + (board::MicRecording::kFrame - into));
         board::MicRecording explained(board::noise);
         explained.add(recorded);
-        EXPECT_EQ(explained.count(FrameKind::kUnexplained), 1);  // the first one, to be looked for
+        EXPECT_EQ(explained.count(FrameKind::kUnexplained), 1);  // where the search starts
         EXPECT_EQ(explained.count(FrameKind::kStarved), 0);
         EXPECT_EQ(explained.count(FrameKind::kSilent), 0);
         EXPECT_GT(explained.frames(), time / (5 * kMs) * 9 / 10);
     }
-    // For the proof that the daemon is whole.
+    // Puts back the app with which the daemon is proved whole.
     void restoreApp() {
         printf("longest wait of a record %s, longest stop of the microphone %s\n",
                watch->wait().text().c_str(), watch->micStop().text().c_str());
@@ -136,7 +136,7 @@ class AwayApp : public Scenario {
     std::unique_ptr<AppProcess> process;
 };
 
-// It opens the microphone's FIFO, as any app does that only records, and writes nothing.
+// Like any app that only records, it opens the microphone's FIFO and writes nothing.
 TEST_F(AwayApp, OnlyRecords) {
     startApp(false);
     bothOn();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Binding and unbinding out of turn: twice, before there is a card, while streams run or are about
-// to stop.
+// Binding and unbinding at the wrong time: twice, before there is a card, while streams run or are
+// about to stop.
 #include "tests/board/scenarios/record_case.h"
 
 namespace uafd {
@@ -77,8 +77,8 @@ TEST_F(Binding, ComesAfterBothStreamsWhichWaitForTheirNextStart) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A stop that is counting goes on without the names, whatever count the unbind meets, and a bind
-// and a start right after it do not meet the old stream.
+// The unbind meets a stop at each of its counts: the stop ends without the names, and a bind and a
+// start right after it do not meet the old stream.
 TEST_F(Binding, EndsWhileBothStreamsAreStopping) {
     start();
     int stopping = 0;

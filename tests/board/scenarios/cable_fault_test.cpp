@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fault of the cable: plugged, but the gadget stays DISCONNECTED. Three looks in a row, a
-// second apart, restart the gadget; whatever ends the fault before ends the count.
+// The cable's fault: plugged, but the gadget stays DISCONNECTED. Three checks in a row, a second
+// apart, restart the gadget; if the fault ends before the third, the count starts again.
 #include <gmock/gmock.h>
 
 #include "tests/board/scenarios/scenario.h"
@@ -29,7 +29,7 @@ class CableFault : public Scenario {
         ASSERT_TRUE(app->waitForMessages(5));
     }
 
-    // The gadget's file alone says so: no uevent, which would not count.
+    // Sets the gadget's state file alone: a uevent would reset the count.
     void gadgetIs(const char* word) { host.command(std::string("usb_state ") + word + " quiet"); }
     void looks(int count) {
         const size_t mark = daemon.mark();
@@ -80,7 +80,7 @@ TEST_F(CableFault, IsNeitherEndedNorProlongedByAStateInBetween) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The restart takes the card away below both channels, and brings it back.
+// The restart takes the card away from both channels and brings it back.
 TEST_F(CableFault, InMidStreamEndsBothStreamsAndLetsThemStartAgain) {
     bothOn();
     const size_t messages = app->messages().size();
@@ -96,7 +96,7 @@ TEST_F(CableFault, InMidStreamEndsBothStreamsAndLetsThemStartAgain) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A gadget beyond help is restarted every third look, for as long as it takes.
+// A gadget that cannot be helped is restarted at every third check, as long as the fault lasts.
 TEST_F(CableFault, WithoutRecoveryRestartsAgainAndAgainAndWearsNothingOut) {
     host.command("fault enumerate 1 times=0");
     host.command("usb_state DISCONNECTED");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gadget's sound card goes, and comes again at the same index or another, whatever either
-// channel is at: the streams end, and the host's next ones find the card.
+// The gadget's sound card disappears and returns, at the same index or another, in every state of
+// both channels: the streams end, and the host's next streams find the card.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -28,7 +28,7 @@ const char* nameOf(State state) {
     return kNames[static_cast<size_t>(state)];
 }
 
-// How the card goes and comes.
+// How the card disappears and returns.
 enum class Return {
     kUntold,     // at the same index, without a record
     kElsewhere,  // with the gadget's unbinding and binding
@@ -51,8 +51,8 @@ class CardRemoval : public BoardCase {
         host.command(std::string(direction.name) + " " + text);
     }
 
-    // All but the last step into the state, and the last one, which several directions take at
-    // once.
+    // prepare() takes every step into the state but the last; enter() takes the last one, so that
+    // several directions can take it at the same time.
     void prepare(const Direction& direction, State state) {
         if (state != State::kStopped) {
             const Ns before = board::now();
@@ -78,7 +78,7 @@ class CardRemoval : public BoardCase {
         board::sleepFor(50 * kMs);
         enter(kSpeakerDirection, speaker);
         enter(kMicDirection, mic);
-        // Somewhere in the passes that a stop waits for.
+        // Some moment in the passes that a stop waits for.
         board::sleepFor(++cells * 3 % 14 * kMs);
     }
 
@@ -121,7 +121,7 @@ class CardRemoval : public BoardCase {
         EXPECT_TRUE(board::waitFor([&] { return sounds(host.takeRecording()); }));
         bothOff();
     }
-    // The app is told on and off in turn, and last off.
+    // The app is told on and off alternately, ending with off.
     void expectTold(const Direction& direction, size_t messagesBefore) {
         uint32_t on = 0;
         for (const board::Message& message : app->messageValues(messagesBefore)) {
@@ -160,7 +160,8 @@ TEST_P(CardRemovalWithSpeaker, AndMicrophoneInEachState) {
 INSTANTIATE_TEST_SUITE_P(State, CardRemovalWithSpeaker, testing::ValuesIn(kStates),
                          [](const auto& info) { return std::string(nameOf(info.param)); });
 
-// The card goes in the middle of a start, which then fails; the other channel is in each state.
+// The card disappears in the middle of a start, which then fails; the other channel is in each
+// state.
 TEST_F(CardRemoval, WhileAChannelStarts) {
     for (const bool speaker : {true, false}) {
         const Direction direction = speaker ? kSpeakerDirection : kMicDirection;
@@ -192,7 +193,7 @@ TEST_F(CardRemoval, WhileAChannelStarts) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The channels' threads wait for the app, and learn of the card when it is there.
+// The channels' threads wait for the app, and notice the lost card when it is back.
 TEST_F(CardRemoval, WhileTheAppIsAway) {
     for (const Return how : kReturns) {
         SCOPED_TRACE(static_cast<int>(how));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gadget control device at its worst: reads that are short, fail or end, requests refused,
-// thousands of records at once, records of unknown types.
+// The gadget control device at its worst: reads that are short, fail or end the file, refused
+// requests, thousands of records at once, records of unknown types.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,7 +17,7 @@ using board::Message;
 
 constexpr int kBurst = 10000;
 
-// What the event loop says of a read in the state after the start.
+// The event loop's line about a read in the state after the start.
 std::string readLine(uint32_t type, uint32_t data, int size) {
     char line[128];
     snprintf(line, sizeof line,
@@ -32,7 +32,7 @@ class ControlDevice : public RecordCase {
         start();
         app->waitForMessages(5);  // configured, two volumes, two mutes
     }
-    // Records that are handled in one go, as if the daemon had not been scheduled meanwhile.
+    // Has the records handled together, as if the daemon had not been scheduled meanwhile.
     template <typename Queue>
     void burst(Queue&& queueRecords) {
         daemon.freeze();
@@ -40,7 +40,7 @@ class ControlDevice : public RecordCase {
         daemon.thaw();
         ASSERT_TRUE(settle(60 * kSecond));
     }
-    // Streams in both directions while something happens; no frame may be lost.
+    // Streams in both directions during the event; no frame may be lost.
     template <typename Event>
     void expectSoundGoesOnDuring(Event&& event) {
         const board::HostPlayer player(board::ramp);
@@ -68,7 +68,8 @@ class ControlDevice : public RecordCase {
 
 // ---- Reads -------------------------------------------------------------------------------------
 
-// The record is one buffer: what a read does not bring stays from the record before.
+// The daemon reads each record into the same buffer: bytes that a read does not bring are those of
+// the record before.
 TEST_F(ControlDevice, AShortReadLeavesTheRestOfTheRecordBefore) {
     const uint32_t before[] = {kSpeakerVolume, 0x11223344};
     const uint32_t next[] = {kMicVolume, 0xAABBCCDD};
@@ -137,7 +138,8 @@ TEST_F(ControlDevice, ARepeatedSwitchChangesNothing) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A device that has gone away fails every read. Each handles the bind before again, and counts it.
+// A device that has disappeared fails every read. Each failure handles the last bind again, and
+// counts it.
 TEST_F(ControlDevice, ReadsThatGoOnFailingAreHandledAHundredTimesASecond) {
     constexpr int failures = 200;
     const std::string repeated =
@@ -239,8 +241,8 @@ TEST_F(ControlDevice, TenThousandSwitchesInABurstEndAsTheLastOnesSay) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// Of some the low byte or half is that of an event.
-TEST_F(ControlDevice, TypesThatThereAreNotDoNothingToRunningStreams) {
+// Some of these types have the low byte or the low half of an event's type.
+TEST_F(ControlDevice, UnknownTypesDoNothingToRunningStreams) {
     expectSoundGoesOnDuring([this] {
         for (const uint32_t type : {8U, 9U, 0x100U, 0x101U, 0x102U, 0x10001U, 0x10002U, 0x7FFFFFFFU,
                                     0x80000001U, 0x80000002U, 0xFFFFFFFFU}) {
@@ -274,7 +276,7 @@ TEST_F(ControlDeviceAtStart, RefusesTheInitialStateAndIsBoundByTheFirstStream) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// There is no record before the first: none is made up.
+// Before the first record there is none to repeat, and the daemon invents none.
 TEST_F(ControlDeviceAtStart, FailsTheFirstReads) {
     host.command("fault init_sync 22");
     host.command("fault read 5 times=3");

@@ -27,7 +27,7 @@ using board::Message;
 
 constexpr size_t kMiB = 1 << 20;
 
-// A process of the test's that ends with it, or when this does.
+// A child process of the test; it dies with the test or with this object.
 class Child {
   public:
     explicit Child(const std::function<void()>& life) : pid(fork()) {
@@ -48,7 +48,7 @@ class Child {
 
     void freeze() const { kill(pid, SIGSTOP); }
     void thaw() const { kill(pid, SIGCONT); }
-    // The signal that ended it, or 0.
+    // Waits; returns the signal that ended it, or 0.
     int waitForEnd() {
         int status = 0;
         const bool ended =
@@ -63,13 +63,13 @@ class Child {
 
 class Environment : public Scenario {
   protected:
-    // What the daemon makes of the app's messages shows at the driver.
+    // The driver shows what the daemon does with the app's messages.
     bool answersTheApp() {
         const board::Ns since = board::now();
         return app->send({5, 1}) == 0 &&
                board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; });
     }
-    // The app's part of a start; the daemon comes later.
+    // Starts only the app; the daemon comes later.
     void startApp() { app = std::make_unique<board::App>(); }
 };
 
@@ -128,7 +128,7 @@ TEST_F(Environment, OfASecondDaemonLeavesBothInOrder) {
     EXPECT_TRUE(second.isRunning());
 
     second.stop();
-    EXPECT_NE(app->send({5, 1}), 0);  // the name was the second one's
+    EXPECT_NE(app->send({5, 1}), 0);  // the second one had replaced the socket
     daemon.stop();
     startDaemon();
     EXPECT_TRUE(answersTheApp());
@@ -149,7 +149,7 @@ class LogReader : public Environment {
         startDaemon([] { dup2(open(kPipe, O_WRONLY), STDERR_FILENO); });
     }
 
-    // Into the file in which a test looks for the daemon's log.
+    // Copies the log into the file where the tests look for it.
     void read() {
         reader = std::make_unique<Child>([this] {
             const std::string command = std::string("exec cat ") + kPipe + " >>" + daemon.logPath;
@@ -173,7 +173,7 @@ TEST_F(LogReader, MayGoAndComeBack) {
     EXPECT_EQ(daemon.count("handler: #"), 0);
 }
 
-// The pipe fills, and lines are lost; nobody waits.
+// The pipe fills up and lines are lost; nobody waits.
 TEST_F(LogReader, MayStandStill) {
     reader->freeze();
     const size_t messages = app->messages().size();
@@ -194,9 +194,9 @@ TEST_F(LogReader, MayStandStill) {
 
 // ---- Memory ------------------------------------------------------------------------------------
 
-// Every thread's stack takes as much of the address space as the limit on stacks says.
+// Each thread's stack takes the whole stack limit from the address space.
 struct Room {
-    size_t stacks;  // for which there is room at the start
+    size_t stacks;  // how many fit at the start
     const char* complaint;
 };
 
@@ -250,7 +250,7 @@ class NoMoreMemory : public Environment, public testing::WithParamInterface<size
   protected:
     static constexpr size_t kStack = 8 * kMiB;
 
-    // Room for so much more.
+    // Leaves room for this many bytes more.
     void limitTo(size_t bytes) {
         std::istringstream pages(
             board::contents("/proc/" + std::to_string(daemon.pid()) + "/statm"));
@@ -267,7 +267,7 @@ class NoMoreMemory : public Environment, public testing::WithParamInterface<size
     }
 };
 
-// A stream that starts takes a thread for the speaker and two for the microphone.
+// The speaker needs one thread for a stream, the microphone two.
 TEST_P(NoMoreMemory, KeepsThreadsFromStartingUntilThereIsSome) {
     const size_t threads = GetParam();
     start();
@@ -303,7 +303,7 @@ class Streaming : public NoMoreMemory {
         xrunsBefore = xruns();
     }
 
-    // Everything since the start was heard, without a frame missing, and the host is heard still.
+    // Everything since the start was heard, no frame is missing, and the host still hears the app.
     void expectExact() {
         const int64_t heardBefore = app->heardFrames();
         EXPECT_TRUE(board::waitFor([&] { return app->heardFrames() > heardBefore + kRate / 10; }));
@@ -339,8 +339,7 @@ TEST_F(Streaming, GoesOnWithoutMoreMemory) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// Leaves the board with next to no memory, and without the work of filling it: huge pages that
-// nobody uses take it away.
+// Leaves the board almost no memory without the work of filling it: unused huge pages take it away.
 class ScarceMemory {
   public:
     ScarceMemory() {
@@ -361,7 +360,7 @@ class ScarceMemory {
     static constexpr size_t kLeftMiB = 48;
 };
 
-// Until the kernel ends the process that takes it.
+// Memory is short until the kernel kills the process that takes it.
 TEST_F(Streaming, GoesOnWhileAnotherProcessTakesAllMemory) {
     const ScarceMemory scarce;
     Child glutton([] {

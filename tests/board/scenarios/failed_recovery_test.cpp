@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gadget driver does not take the stream up again, or fails in mid stream: the channel stops
-// itself after three more passes, tells the app, and starts at the host's next word.
+// The gadget driver refuses to restart the stream, or fails in the middle of it: the channel stops
+// after three more passes, tells the app, and starts at the host's next on event.
 #include "tests/board/scenarios/stream_case.h"
 
 namespace uafd {
@@ -15,8 +15,8 @@ using stream_log::xrunMet;
 
 class FailedRecovery : public StreamCase {
   protected:
-    // What `pass` says in each state: in the pass that fails first, and in the three that a stop
-    // lets run.
+    // The lines of `pass` in each state: in the pass that fails first, and in the three passes that
+    // a stop waits for.
     template <typename Pass>
     static Lines everyPass(Pass&& pass) {
         return pass(1) + pass(2) + pass(2) + pass(2);
@@ -33,7 +33,7 @@ class FailedRecovery : public StreamCase {
                            : kickStart(direction()) + transferFails(state);
     }
 
-    // The stream runs, then the faults strike: the channel stops, with this in its log.
+    // The faults strike the running stream: the channel stops, with these lines in its log.
     void expectStop(const char* name, const std::vector<std::string>& faults, const Lines& log) {
         SCOPED_TRACE(name);
         board::sleepFor(100 * kMs);
@@ -58,8 +58,8 @@ TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
     expectStop("every prepare fails", {"prepare 5 times=0", "xrun"}, everyPass([](int state) {
                    return xrunMet(direction()) + failedPrepare(direction(), "underrun", state);
                }));
-    // A playback ring that never plays is full after three writes; the driver then keeps each of
-    // them waiting for a tenth of a second.
+    // A playback ring that never plays is full after three writes; the driver then delays each
+    // further write by a tenth of a second.
     const Lines full = kickStart(direction()) + Lines{"D UAFSRC: timeout0, rc=0"};
     expectStop("every start fails", {"start 5 times=0", "xrun"},
                recovery(direction()) + either(Lines{}, full) + everyPass(restartFails));

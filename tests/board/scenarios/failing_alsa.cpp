@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into the daemon, fails the alsa-lib call that a test orders: no driver can make the
-// software parameters fail, as none is asked about them. The file /tmp/failing_alsa holds the
-// order, "FUNCTION CODE"; without it no call fails.
+// A library preloaded into the daemon that makes one chosen alsa-lib call fail. Only so can setting
+// the software parameters fail, as alsa-lib asks no driver about them. The file /tmp/failing_alsa
+// names the call, "FUNCTION CODE"; without the file no call fails.
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
@@ -26,7 +26,7 @@ int ordered(const char* function) {
     return valid && strcmp(name, function) == 0 ? code : 0;
 }
 
-// alsa-lib calls its own functions as well.
+// Whether alsa-lib itself is the caller, which also calls its own functions.
 bool isAlsas(const void* caller) {
     Dl_info info{};
     return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "libasound") != nullptr;

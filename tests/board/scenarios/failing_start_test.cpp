@@ -74,8 +74,8 @@ class FailingStart : public StreamCase {
         return std::string("E ") + direction().tag + ": " + what;
     }
 
-    // The host starts the stream in vain: the failing step is reported, after what led to it. Then
-    // the fault is over and it starts again.
+    // The host starts the stream and it fails: the log names the step, after what led to it. Once
+    // the fault is over the stream starts.
     void expectFailure(const Lines& cause, const Step& step) {
         const Moment before = mark();
         host.command(std::string(direction().name) + " on");
@@ -89,7 +89,7 @@ class FailingStart : public StreamCase {
         unlink(kOrder);
         const Moment again = mark();
         expectStartable();
-        // A PCM that was opened is closed first.
+        // A PCM that the failed start had opened is closed first.
         const bool opened = number != either(kOpen.speaker, kOpen.mic);
         EXPECT_EQ(errorsSince(again),
                   opened ? Lines{says("start, audio still open, trying to close")} : Lines{});
@@ -124,7 +124,7 @@ TEST_P(FailingStart, InEachSoftwareParameter) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The capture's start; the silence that starts the playback.
+// The first data are the capture's start and the silence that starts the playback.
 TEST_P(FailingStart, InTheFirstData) {
     arm(either("start 5", "ack 5"));
     expectFailure({}, kFirstData);
@@ -141,7 +141,7 @@ TEST_P(FailingStart, ManyTimesInARow) {
     }
     EXPECT_EQ(said("start, audio still open, trying to close", before), failures - 1);
     EXPECT_TRUE(told(before).empty());
-    // A microphone's buffer thread lives on, and is idle.
+    // The microphone's buffer thread stays, and is idle.
     EXPECT_TRUE(hasThreads(board::kIdleThreads + either(0U, 1U)));
     expectStartable();
     EXPECT_EQ(findDamage(), "");

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What becomes of a FIFO's name: deleted under an open FIFO, or in its place something that is
-// none. The sound may suffer; the daemon does not, and a FIFO that is there again is used by the
-// next stream.
+// What happens to a FIFO's name: it is deleted while the FIFO is open, or something that is no FIFO
+// takes its place. The sound may suffer, the daemon does not, and the next stream uses a FIFO that
+// is there again.
 #include <unistd.h>
 
 #include <sys/stat.h>
@@ -21,12 +21,12 @@ class FifoName : public Scenario, public testing::WithParamInterface<const char*
   protected:
     static bool isRx() { return GetParam() == std::string(kFifoRx); }
 
-    // A file with something in it where the FIFO was.
+    // Puts a file with contents in the FIFO's place.
     static void putAFile() {
         unlink(GetParam());
         board::put(GetParam(), std::string(10000, 'x'));
     }
-    // What was in the FIFO's place goes, and an app that makes its FIFOs comes.
+    // Clears the FIFO's place and starts an app that makes its FIFOs.
     void bringAppBack() {
         remove(GetParam());
         app = std::make_unique<App>();
@@ -51,7 +51,7 @@ TEST_P(FifoName, IsDeletedUnderAnOpenFifoWhichGoesOn) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The sound goes into the file, or comes out of it for as long as it has any.
+// The speaker's sound goes into the file; the microphone's comes out of it until it is read.
 TEST_P(FifoName, BecomesAFileWhileBothChannelsRun) {
     start();
     bothOn();
@@ -60,7 +60,7 @@ TEST_P(FifoName, BecomesAFileWhileBothChannelsRun) {
     app.reset();
     ASSERT_TRUE(daemon.waitForLog(std::string(GetParam()) + " opened buffer size -1"));
     expectNobodyBusy();
-    // The host's events are handled meanwhile.
+    // Meanwhile the host's events are handled.
     bothOff();
     EXPECT_TRUE(settle());
     bringAppBack();
@@ -71,7 +71,7 @@ TEST_P(FifoName, IsAFileWhenBothChannelsStart) {
     start();
     app.reset();
     putAFile();
-    app = std::make_unique<App>();  // of the other FIFO
+    app = std::make_unique<App>();  // makes the other FIFO
     host.command("speaker on");
     host.command("mic on");
     ASSERT_TRUE(daemon.waitForLog(std::string(GetParam()) + " opened buffer size -1"));

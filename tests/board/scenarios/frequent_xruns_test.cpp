@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Xruns of both directions twice a second, for a minute or, with --minutes N, for longer: each is
-// recovered from, and latency and loss stay what a single one makes them.
+// Both directions have an xrun twice a second, for a minute or, with --minutes N, for longer: the
+// daemon recovers from each, and latency and loss stay as small as after a single one.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -31,8 +31,8 @@ int minutes = 1;
 
 class FrequentXruns : public BoardCase {
   protected:
-    // Every break stands within `reach` of an xrun, no loss is larger than what the driver held,
-    // and latency never leaves its bounds.
+    // Every break comes within `reach` of an xrun, no loss is larger than what the driver held, and
+    // the latency never leaves its bounds.
     void check(const char* name, RampCheck* sound, const std::vector<Ns>& xruns, int64_t held,
                Ns latencyMax) {
         constexpr Ns reach = 100 * kMs;
@@ -61,7 +61,7 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     const size_t mark = daemon.mark();
     std::vector<Ns> xruns;
     for (int i = 0; i < minutes * 120; ++i) {
-        // In another place of the period each time.
+        // Each time at another place of the period.
         board::sleepFor(kEvery + (i % 5 - 2) * 733 * kMs / 1000);
         xruns.push_back(board::now());
         host.command("xrun speaker");

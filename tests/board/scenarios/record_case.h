@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios of the gadget control device: event records by name, and what the daemon
-// logs and sends after they came.
+// logs and sends after them.
 #pragma once
 
 #include <string>
@@ -25,17 +25,17 @@ class RecordCase : public BoardCase {
     static constexpr uint32_t kSpeaker = 1;  // the channels, as messages name them
     static constexpr uint32_t kMic = 2;
 
-    // Queues raw records, the data counting up; what the host does with its streams stays as it is.
+    // Queues raw records with data that counts up; the host's streams stay as they are.
     void queue(uint32_t type, uint32_t data, int count = 1) {
         host.command("record " + std::to_string(type) + " " + std::to_string(data) + " " +
                      std::to_string(count));
     }
-    // Counts log lines and messages from now on.
+    // Starts a new count of log lines and messages.
     void look() {
         logMark = daemon.mark();
         messageMark = app->messages().size();
     }
-    // Has one record handled, and counts from the moment when it comes.
+    // Has one record handled, with a new count from that moment.
     void handle(uint32_t type, uint32_t data) {
         look();
         queue(type, data);
@@ -50,7 +50,7 @@ class RecordCase : public BoardCase {
         board::sleepFor(20 * board::kMs);  // for a message too many
         EXPECT_EQ(told(), wanted);
     }
-    // Messages that have left the daemon's queue unsent, because others came faster.
+    // How many messages in the daemon's queue were overwritten because others came too fast.
     int overwritten() { return said("queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x#>"); }
 
     void bothOff() {

@@ -23,7 +23,7 @@ class Scenario : public BoardCase {
         host.command("mic off");
     }
 
-    // A raw record: what the host does with its stream stays as it is.
+    // Delivers a raw record; the host's streams stay as they are.
     void record(uint32_t type, uint32_t data) {
         host.command("record " + std::to_string(type) + " " + std::to_string(data));
     }
@@ -35,7 +35,7 @@ class Scenario : public BoardCase {
         EXPECT_LT(board::cpuOf(daemon.pid()) - before, 200 * board::kMs);
     }
 
-    // The host hears something of the app's within the limit.
+    // Whether the host hears the app within the limit.
     bool hostHears(board::Ns limit = 5 * board::kSecond) {
         host.takeRecording();
         return board::waitFor(

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's standard streams: closed when it starts, as a careless service manager leaves them,
-// and standard output as a file, where the search for the card reports.
+// The daemon's standard streams: closed at its start, as a careless service manager leaves them,
+// and a file as standard output, to which the search for the card writes.
 #include <climits>
 #include <cstdio>
 #include <unistd.h>
@@ -21,7 +21,7 @@ using testing::IsEmpty;
 
 class StandardStreams : public Scenario {
   protected:
-    // The app is there, and the daemon up without these streams.
+    // Starts the app, and the daemon without these streams.
     void startWithout(const std::vector<int>& closed) {
         app = std::make_unique<board::App>();
         daemon.start([&] {
@@ -44,7 +44,7 @@ class StandardStreams : public Scenario {
         return targets;
     }
 
-    // Every frame that the app has heard since its start is the host's.
+    // Every frame that the app has heard since its start came from the host.
     void expectOnlyTheHostIsHeard() {
         EXPECT_EQ(app->heardFrames(), 0);
         host.command("flush speaker");
@@ -55,7 +55,7 @@ class StandardStreams : public Scenario {
         EXPECT_TRUE(board::waitFor([this] { return app->heardFrames() > board::kRate / 4; }));
         const board::Heard heard = app->takeHeard();
         EXPECT_EQ(heard.unequalFrames, 0);
-        // Silence until the host's player has begun.
+        // The sound is silence until the host's player has begun.
         const size_t first = board::firstSound(heard.left);
         ASSERT_LT(first, heard.left.size());
         for (size_t i = first; i < heard.left.size(); ++i) {
@@ -88,7 +88,7 @@ TEST_F(StandardStreams, AClosedOutputIsOccupied) {
     expectOnlyTheHostIsHeard();
 }
 
-// The first FIFO would be what the log is written to.
+// Without this the first FIFO would get the descriptor to which the log is written.
 TEST_F(StandardStreams, AClosedErrorIsOccupiedAndTheAppHearsNoLog) {
     startWithout({STDERR_FILENO});
     EXPECT_EQ(standardStreams()[1], daemon.stdoutPath);
@@ -103,7 +103,8 @@ TEST_F(StandardStreams, AllThreeAreOccupied) {
     expectOnlyTheHostIsHeard();
 }
 
-// The card that it may not open for writing is the board's own; the daemon goes on, for months.
+// The daemon may not open the board's own card for writing, which the search reports; the daemon
+// goes on, for months.
 TEST_F(StandardStreams, TheCardSearchsLinesReachAFileAtOnce) {
     constexpr char control[] = "/dev/snd/controlC0";
     ASSERT_EQ(chmod(control, 0400), 0);

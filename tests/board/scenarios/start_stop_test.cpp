@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host starts and stops its streams, faster than they stop: an on event within the time that a
-// stop waits, and a thousand random sequences of both streams.
+// The host starts and stops its streams faster than they stop: an on event while a stop still
+// waits, and a thousand random sequences of both streams.
 #include <cstdio>
 #include <set>
 
@@ -69,7 +69,7 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
     for (size_t i = 1; i < heard.size(); ++i) {
         ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
     }
-    // The next one came too late: the channel has stopped, and starts again.
+    // The next on event came too late: the channel has stopped, and starts again.
     EXPECT_EQ(said("start, opening hw:1"), 1);
     expectTold({{channel(), 0}, {channel(), 1}});
     EXPECT_EQ(findDamage(), "");
@@ -88,8 +88,8 @@ class StartStop : public RecordCase {
   protected:
     void SetUp() override { start(); }
 
-    // Up to six switches of the two streams, at once or up to 30 ms one after the other: the stop
-    // waits for four passes, of 5 ms while data moves and of 10 ms when it does not.
+    // Makes up to six switches of the two streams, at once or up to 30 ms apart: a stop waits for
+    // four passes, of 5 ms while data moves and of 10 ms when it does not.
     void playSequence() {
         for (int64_t switches = 1 + random.below(6); switches > 0; --switches) {
             const bool mic = random.flip();
@@ -104,7 +104,7 @@ class StartStop : public RecordCase {
         host.command(std::string(mic ? "mic" : "speaker") + (wanted[mic] ? " on" : " off"));
     }
 
-    // The daemon's last word on both channels is the host's.
+    // The daemon's last message about each channel is what the host wants.
     bool isAsWanted() {
         const std::vector<board::Message> told = app->messageValues(seen);
         watch.see(told);
@@ -117,7 +117,8 @@ class StartStop : public RecordCase {
         if (!board::waitFor([this] { return isAsWanted(); }, 500 * kMs) &&
             daemon.count("ALERT! This should be impossible and can cause inconsistencies in this "
                          "channel's state.") > alerts) {
-            // An on event met a stop that could not be cancelled any more. The next one starts it.
+            // An on event came when the stop could no longer be cancelled. The next one starts the
+            // stream.
             ++alerts;
             switchStream(false);
             switchStream(true);

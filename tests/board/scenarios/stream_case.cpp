@@ -18,7 +18,7 @@ bool beginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-// Heartbeats, and the echo of each record.
+// Lines that repeat regularly, and the line about each record.
 bool isRepetition(const LogLine& line) {
     return line.tag == "UAFCBM" || beginsWith(line.text, "read msg:") ||
            beginsWith(line.text, "loopcnt ") || beginsWith(line.text, "buffer loopcnt ");
@@ -62,8 +62,7 @@ void StreamCase::waitForStarts(int times, const Moment& since) {
     }
 }
 
-// The first end of a period at or after this many frames; the PCM's last start began the first
-// period.
+// The first end of a period at or after this many frames, counted from the PCM's last start.
 int64_t StreamCase::nextPeriodAt(int64_t frames) {
     const std::string start = std::string(direction().pcm) + " start 0";
     const std::vector<board::HostEvent>& events = host.events();
@@ -118,7 +117,7 @@ std::vector<board::Message> StreamCase::told(const Moment& since) const {
     return app->messageValues(since.messages);
 }
 
-// Of the host's stream: audio frames that had moved by a time.
+// How many audio frames of the host's stream had moved at that time.
 int64_t StreamCase::movedBy(Ns at) const {
     const auto values = host.counters();
     const std::string name = direction().name;

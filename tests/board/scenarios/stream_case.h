@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixture of scenarios about one direction of sound, run for both: the direction's host stream,
-// driver, log and messages, and what must be seen of them since a moment.
+// The fixture of scenarios that run for each direction of sound: its host stream, driver, log and
+// messages, and what is expected of them since a moment.
 #pragma once
 
 #include <string>
@@ -13,11 +13,11 @@
 
 namespace uafd {
 
-// A stream is healthy again within a second after a fault; then it is checked for a while.
+// A stream is healthy again within a second of a fault; then it is checked for a while.
 constexpr board::Ns kHealing = board::kSecond;
 constexpr board::Ns kLook = 200 * board::kMs;
 
-// The moment since which something must be seen.
+// The moment from which expectations count.
 struct Moment {
     board::Ns at;
     size_t log;
@@ -36,19 +36,21 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
 
     void SetUp() override { start(); }
 
-    // The host's stream. Returns when the driver's PCM runs, and when the channel has stopped.
+    // Switch the host's stream. They return when the driver's PCM runs, or when the channel has
+    // stopped.
     void switchOn();
     void switchOff();
-    // The record that the host has switched its stream, which stays as it is.
+    // Delivers the record of a switch by the host; the host's stream stays as it is.
     void deliver(bool on);
-    // A command about the direction: "xrun" becomes "xrun speaker".
+    // Sends a command about the direction: "xrun" becomes "xrun speaker".
     void command(const std::string& verb, const std::string& rest = "");
     // Arms a fault of the direction's PCM.
     void arm(const std::string& fault);
-    // Causes an xrun or a suspend in a USB frame of a period, 1 to 5, some periods from now.
+    // Causes an xrun or a suspend in the given USB frame of a period, 1 to 5, some periods from
+    // now.
     void injureInPeriod(const std::string& injury, int usbFrame);
-    // Waits for the second of a period's five USB frames; returns the direction's frames at its
-    // begin.
+    // Waits for the second of a period's five USB frames; returns the direction's frame count at
+    // the start of the period.
     int64_t waitForEarlyInPeriod();
     // Waits until the driver has started the PCM `times` times since the moment.
     void waitForStarts(int times, const Moment& since);
@@ -57,14 +59,14 @@ class StreamCase : public BoardCase, public testing::WithParamInterface<board::D
     // The whole log since the moment must be this, apart from lines that it repeats regularly.
     void expectLog(const Moment& since, const Lines& wanted);
     int said(const std::string& text, const Moment& since) { return daemon.count(text, since.log); }
-    // Everything that the driver did for the direction.
+    // What the daemon asked of the driver for this direction.
     std::vector<std::string> requests(const Moment& since);
-    // What the app was told.
+    // The messages to the app.
     std::vector<board::Message> told(const Moment& since) const;
 
-    // The channel stops, with this and the stop in its log.
+    // The channel must stop, with `log` and the stop in its log.
     void expectStopped(const Moment& since, const Lines& log, board::Ns limit = board::kSecond);
-    // A record of the host starts the stopped channel: sound comes.
+    // A record of the host must start the stopped channel, and sound must come.
     void expectStartable();
     // Checks the sound from a moment on: no break, and the latency of a healthy stream.
     static void expectHealthy(board::RampCheck* sound, board::Ns from);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gadget driver suspends a stream: the daemon asks it to resume, once a second while it is not
-// ready, and after six seconds prepares it afresh. The other direction's sound does not notice.
+// The gadget driver suspends a stream: the daemon asks it to resume, again every second while it is
+// not ready, and after six seconds prepares the PCM instead. The other direction's sound is not
+// disturbed.
 #include "tests/board/scenarios/stream_case.h"
 
 namespace uafd {
@@ -25,8 +26,8 @@ struct Refusal {
     const char* fault;
     int refusals;
     const char* answer;
-    bool prepared;  // at last, instead of resumed
-    Ns seconds;     // that it takes
+    bool prepared;  // at the end, instead of resumed
+    Ns seconds;     // how long it takes
 };
 const Refusal kRefusals[] = {
     {"never", "resume 0 times=1", 0, "", false, 0},
@@ -37,7 +38,7 @@ const Refusal kRefusals[] = {
 
 class Suspend : public StreamCase {
   protected:
-    // When the driver was asked for something, since the moment.
+    // When the driver got a request, since the moment.
     std::vector<Ns> timesOf(const std::string& request, const Moment& since) {
         std::vector<Ns> times;
         for (const board::HostEvent& event : host.eventsSince(since.at)) {
@@ -61,7 +62,7 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
         const char* const last = row.prepared ? "start 0" : "resume 0";
         ASSERT_TRUE(board::waitFor([&] { return !timesOf(last, before).empty(); }, 10 * kSecond));
         const Ns again = board::now();
-        // The microphone's buffer filled up meanwhile, and is worn off by a sample a frame at most.
+        // Meanwhile the microphone's buffer filled up; it shrinks by a sample a frame at most.
         const Ns healthyAfter = row.refusals == 6 ? either(kHealing, 3 * kSecond) : kHealing;
         board::sleepFor(healthyAfter + kLook);
         sound.collect();
@@ -135,7 +136,7 @@ TEST_P(Suspend, LeavesTheOtherWayAlone) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The channel's thread asks the driver once a second and hears nothing else meanwhile.
+// The channel's thread asks the driver once a second and sees nothing else meanwhile.
 TEST_P(Suspend, OutlastsTheHostsStop) {
     switchOn();
     board::sleepFor(300 * kMs);

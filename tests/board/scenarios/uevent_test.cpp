@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Uevents that are none of the gadget's: of processes, to other groups, too long, of no subsystem,
-// and more than anybody can listen to.
+// Uevents that are not the gadget's: sent by processes, to other groups, too long, without a
+// subsystem, and more of them than the daemon can read.
 #include "board/kit/uevent.h"
 
 #include <gmock/gmock.h>
@@ -37,7 +37,7 @@ class Uevents : public Scenario {
 
     std::vector<Message> told() { return app->messageValues(messageMark); }
     int said(const std::string& text) { return daemon.count(text, logMark); }
-    // Lines of the monitor but its ticks.
+    // How many lines the monitor has logged, without its ticks.
     int linesSaid() {
         daemon.log();
         int lines = 0;
@@ -50,7 +50,7 @@ class Uevents : public Scenario {
         }
         return lines;
     }
-    // A uevent of the gadget's own is heard.
+    // The daemon hears a uevent of the gadget.
     void expectHearing() {
         const size_t before = told().size();
         host.command("cable 0");
@@ -69,8 +69,8 @@ class Uevents : public Scenario {
     size_t logMark = 0;
 };
 
-// What a process sends to a group that the daemon listens to is seen and refused; the daemon does
-// not listen to the others.
+// The daemon sees and refuses what a process sends to the group that it listens to; it does not
+// listen to the other groups.
 TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
     int refused = 0;
     for (unsigned group = 1; group != 0; group <<= 1) {
@@ -86,7 +86,7 @@ TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// Of 2304 bytes a uevent fits, and is then refused for what it is.
+// A uevent of 2304 bytes fits into the buffer, and is then refused for its contents.
 TEST_F(Uevents, ThatAreTooLongAreDroppedAsTruncated) {
     constexpr size_t longest = 2304;
     sender.send(std::string(longest, 'x'), kKernelGroup);
@@ -112,7 +112,7 @@ TEST_F(Uevents, OfNoSubsystemAreNobodys) {
     board::sleepFor(100 * kMs);
     EXPECT_EQ(linesSaid(), 0);
     EXPECT_THAT(told(), IsEmpty());
-    // With the subsystem the same text is the gadget's, which shows that the one before was heard.
+    // With a subsystem the same text is the gadget's; its line shows that the one before was read.
     sender.sendAsKernel(ueventText(kGadgetGone));
     ASSERT_TRUE(daemon.waitForLog("subsystem: android_usb, action: 3, usbstate=DISCONNECTED"));
     EXPECT_THAT(told(), ElementsAre(Message{0, 0}));
@@ -131,15 +131,15 @@ TEST_F(Uevents, ThatAreNoneAreReportedAndDropped) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// Both directions go on below a flood; what the socket cannot hold is lost, the daemon says so, and
-// when the flood is over there is nothing left of it.
+// Both directions go on during a flood. What the socket cannot hold is lost and the daemon logs the
+// loss; afterwards no trace is left.
 class Flood : public Uevents, public testing::WithParamInterface<bool> {
   protected:
     static constexpr int kUevents = 100000;
     static bool isKernels() { return GetParam(); }
 
     void flood() {
-        // Of a subsystem that is of no interest, as most of a board's are.
+        // Uses a subsystem that the daemon ignores, like most of a board's uevents.
         const std::string text = ueventText(
             "change@/devices/virtual/thermal/thermal_zone0 ACTION=change "
             "DEVPATH=/devices/virtual/thermal/thermal_zone0 SUBSYSTEM=thermal");
@@ -152,7 +152,7 @@ class Flood : public Uevents, public testing::WithParamInterface<bool> {
         }
     }
 
-    // What was heard is what the host played, from some frame on, without a frame missing.
+    // The app heard what the host played, from some frame on, without a missing frame.
     void expectExact(const board::Heard& heard) {
         const int64_t first =
             board::find(heard.left, 0, board::render(board::noise, 0, board::kRate));
@@ -188,8 +188,8 @@ TEST_P(Flood, OfAHundredThousandPassesAndLeavesNothing) {
     printf("flood: %d uevents in %.2f s, the daemon used %.2f s, %d overruns, %d refused\n",
            kUevents, static_cast<double>(time) / kSecond, static_cast<double>(used) / kSecond,
            overruns, refused);
-    EXPECT_GT(used, 200 * kMs);  // it listened
-    if (!isKernels()) {          // a line for each takes longer than the sending
+    EXPECT_GT(used, 200 * kMs);  // it read the uevents
+    if (!isKernels()) {          // logging each takes longer than sending it
         EXPECT_GT(overruns, 10);
         EXPECT_GT(refused, kUevents / 10);
         EXPECT_LT(refused, kUevents);

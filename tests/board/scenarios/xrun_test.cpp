@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gadget driver loses its stream for a moment, in whatever the daemon is at: it takes the
-// stream up again at once, and no more sound is lost than the driver held.
+// The gadget driver loses its stream for a moment, whatever the daemon is doing: the daemon
+// restarts the stream at once, and no more sound is lost than the driver held.
 #include <cerrno>
 
 #include "tests/board/scenarios/stream_case.h"
@@ -31,7 +31,7 @@ constexpr char kRestartFailed[] = "stopping, ALSA failed to start: Input/output 
 
 class Xrun : public StreamCase {
   protected:
-    // A channel that does not read for 100 ms needs no help for its overrun.
+    // A channel that does not read for 100 ms gets an overrun without any fault.
     void overrunByItself() {
         if (isSpeaker()) {
             EXPECT_EQ(host.tryCommand("xrun speaker"), ENXIO);
@@ -43,7 +43,7 @@ class Xrun : public StreamCase {
         return said(either("overrun...", "underrun..."), since);
     }
 
-    // One after the other, each as soon as the stream runs again.
+    // Causes several xruns, each as soon as the stream runs again.
     Moment strike(int count) {
         const Moment before = mark();
         for (int i = 0; i < count; ++i) {
@@ -54,7 +54,7 @@ class Xrun : public StreamCase {
     }
 };
 
-// Each period lasts five USB frames; the xrun strikes in each of them.
+// A period lasts five USB frames; the xrun strikes in each of them.
 TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
     RampCheck sound(this, direction());
     switchOn();
@@ -76,8 +76,8 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
     ASSERT_EQ(breaks.size(), moments.size());
     for (int64_t i = 1; i <= kUsbFramesInPeriod; ++i) {
         const Break& gap = breaks[static_cast<size_t>(i - 1)];
-        // Speaker: what was captured and not yet read. Microphone: what was written and not yet
-        // played, in which stretched frames hold a little less sound.
+        // The speaker loses what was captured and not yet read; the microphone loses what was
+        // written and not yet played, where stretched frames hold a little less sound.
         EXPECT_EQ(gap.silent, kPeriod);
         EXPECT_NEAR(static_cast<double>(gap.lost),
                     static_cast<double>(either(i * kUsbFrame, kRing - i * kUsbFrame)),
@@ -101,7 +101,7 @@ TEST_P(Xrun, TenTimesInARow) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A read has taken its period by then; a write's period goes with what the driver held.
+// A read has taken its period by then; a write's period is lost with what the driver held.
 TEST_P(Xrun, InATransfer) {
     RampCheck sound(this, direction());
     switchOn();
@@ -120,7 +120,8 @@ TEST_P(Xrun, InATransfer) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The hold back of the speaker's beginning and the priming of the microphone's buffer among them.
+// This includes the time in which the speaker's beginning is held back and the microphone's buffer
+// is filled.
 TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
     constexpr int milliseconds = 12;
     const Moment before = mark();
@@ -198,15 +199,15 @@ TEST_P(Xrun, WhileTheHostStalls) {
     const Lines stall{std::string("D ") + direction().tag + ": timeout0, rc=0"};
     const Lines end{either("D UAFSNK: ", "E UAFSRC: ") +
                     std::string("clear timeout, pcmStallCnt=#")};
-    // The microphone's fills up the driver's ring once more, and then stalls again.
+    // The microphone fills the driver's ring once more, and then stalls again.
     expectLog(before, stall + recovery(direction()) + either(Lines{}, end + stall) + end);
     EXPECT_EQ(requests(before), kRestart);
     expectHealthy(&sound, goesOn + kHealing);
     EXPECT_EQ(findDamage(), "");
 }
 
-// In each of the passes that a stop waits for: the one under way, and three more. The last one
-// leaves none to start the stream again.
+// The xrun strikes in each pass that a stop waits for: the current one and three more. After the
+// last one no pass is left to start the stream again.
 TEST_P(Xrun, WhileTheChannelIsStopping) {
     constexpr int lastPass = 3;
     for (int pass = 0; pass <= lastPass; ++pass) {
@@ -231,8 +232,8 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// A read needs a running stream, and its channel stops. A write that fails to start the stream has
-// written all the same, and the next one starts it.
+// A read needs a running stream, so the speaker's channel stops. A write that fails to start the
+// stream has still written, and the next write starts it.
 TEST_P(Xrun, WhoseFirstRestartFails) {
     RampCheck sound(this, direction());
     switchOn();

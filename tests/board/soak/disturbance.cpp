@@ -12,7 +12,8 @@ struct Kind {
     Ns longest;
 };
 
-// A pause of a stream is shorter or longer than what a channel waits before it stops.
+// A stream's pause may be shorter or longer than the time for which a channel waits before it
+// stops.
 constexpr Kind kKinds[kDisturbanceKinds] = {
     {"app_late", 15 * kMs, 40 * kMs},
     {"app_deaf", 15 * kMs, 40 * kMs},
@@ -28,7 +29,7 @@ const Kind& kindOf(DisturbanceKind kind) {
     return kKinds[static_cast<size_t>(kind)];
 }
 
-// The host does one thing and, later, another.
+// The host sends one command and, after `time`, another.
 void switchFor(Board* board, Ns time, const std::string& first, const std::string& then) {
     board->host.command(first);
     sleepFor(time);

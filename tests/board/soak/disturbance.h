@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The disturbances of a soak: an app that is late or does not read for a moment, xruns, a host that
-// stops for a moment or closes its streams.
+// The disturbances of a soak: an app that is late or stops reading for a moment, xruns, a host that
+// pauses or closes its streams.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 namespace board {
 
 enum class DisturbanceKind {
-    kAppLate,       // the app writes nothing, and then what it should have written
+    kAppLate,       // the app pauses its writes, then catches up
     kAppDeaf,       // the app reads nothing
     kMicXrun,       // the playback stops with an xrun
     kSpeakerXrun,   // the capture does
@@ -25,14 +25,14 @@ constexpr int kDisturbanceKinds = 8;
 
 struct Disturbance {
     DisturbanceKind kind;
-    Ns length;  // 0 of an xrun
+    Ns length;  // 0 for an xrun
 };
 
-// The `number`th disturbance of the soak with this seed; the kinds come in turn.
+// Disturbance `number` of the soak with this seed; the kinds take turns.
 Disturbance disturbanceOf(int64_t seed, int64_t number);
 const char* nameOf(DisturbanceKind kind);
 
-// Does it to the board and returns when it is over.
+// Disturbs the board; returns when the disturbance is over.
 void disturb(Board* board, const Disturbance& disturbance);
 
 }  // namespace board

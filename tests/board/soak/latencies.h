@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Latencies in a memory that does not grow with their number. One thread.
+// A histogram of latencies, so that their number takes no memory. One thread.
 #pragma once
 
 #include <cstdint>
@@ -20,13 +20,13 @@ class Latencies {
     int64_t count() const { return total; }
     Ns smallest() const { return smallestSeen; }
     Ns largest() const { return largestSeen; }
-    // The middle of the bin in which the `share` of all of them is reached.
+    // The middle of the bin in which the `share` of all latencies is reached.
     Ns quantile(double share) const;
-    // "BIN:COUNT" of each that holds any; bin b begins at b times kBin.
+    // "BIN:COUNT" for each bin that is not empty; bin b begins at b times kBin.
     std::string text() const;
 
   private:
-    static constexpr size_t kBins = 4000;  // 200 ms, and what lies beyond in the outermost ones
+    static constexpr size_t kBins = 4000;  // 200 ms; what lies beyond is in the last bin
     std::vector<int64_t> bins = std::vector<int64_t>(kBins);
     int64_t total = 0;
     Ns smallestSeen = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One soak: prints what it measured, leaves it in /out/soak.txt, and fails with one sentence for
-// each thing that is wrong.
+// Runs one soak: prints what it measured, writes it to /out/soak.txt, and fails with one sentence
+// for each thing that is wrong.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// "--NAME=NUMBER" into the plan; what else is given is not looked at.
+// Reads "--NAME=NUMBER" into the plan; other arguments are ignored.
 board::SoakPlan planOf(int count, char** arguments) {
     board::SoakPlan plan;
     for (int i = 1; i < count; ++i) {

@@ -77,7 +77,7 @@ void MicTally::addFrame(const MicFrame& frame, const StreamClock& clock) {
     }
 }
 
-// A frame in which the sound jumps is itself not explained; what it consumed is not lost.
+// The sound jumps within a frame: that frame is not explained, but what it consumed is not lost.
 void MicTally::countSkipped(int64_t samples) {
     const int64_t missing = samples - unexplained;
     unexplained = 0;
@@ -86,7 +86,8 @@ void MicTally::countSkipped(int64_t samples) {
         return;
     }
     counts().lost += missing;
-    // A frame in which latency control took a sample more or less leaves a block out by one.
+    // Latency control may have gained or lost a sample in this frame, so a dropped block leaves a
+    // gap that differs from a block by one.
     counts().overruns += (missing + kBlockFrames / 2) / kBlockFrames;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone's direction of a soak: what the host recorded, explained playback frame by
-// playback frame by what the app's FIFO took. One thread.
+// The microphone's direction of a soak: explains each playback frame of the host's recording by
+// what the app's FIFO took. One thread.
 #pragma once
 
 #include <cstdint>
@@ -17,22 +17,22 @@ namespace board {
 
 class MicTally : public Tally {
   public:
-    // The recording begins with frame `recordingBegin` of the host's stream. The app has spoken the
-    // tone from its first block on; `timeOfFrame` tells when the app's clock reached a frame of it.
+    // The recording begins with frame `recordingBegin` of the host's stream. The app has sent the
+    // tone since its first block; `timeOfFrame` returns when the app's clock reached a frame of it.
     MicTally(Window window, int64_t recordingBegin, std::function<Ns(int64_t)> timeOfFrame);
 
-    // The daemon's playback begins again with frame `begin` of the host's stream: its frames are
-    // counted from there, and what was recorded before and not yet looked at is left out.
+    // The daemon's playback has started again with frame `begin` of the host's stream: its frames
+    // are counted from there, and recorded samples that were not yet examined are dropped.
     void restart(int64_t begin);
-    // In the order in which they were sent.
+    // Adds blocks in the order in which they were sent.
     void addSent(const std::vector<SentBlock>& blocks);
     void add(Samples recorded, const StreamClock& clock);
 
   private:
     // Blocks whose frames follow each other.
     struct Run {
-        int64_t sample;      // of all that were sent, the first one
-        int64_t voiceFrame;  // and its frame of the tone
+        int64_t sample;      // index of the first one among all sent samples
+        int64_t voiceFrame;  // index of its frame in the tone
     };
 
     int64_t voiceFrameOf(int64_t sample) const;
@@ -44,9 +44,9 @@ class MicTally : public Tally {
     int64_t sentSamples = 0;
     int64_t streamAt;            // the frame of the host's stream that is recorded next
     int64_t recordingBegin;      // the frame with which the recording begins
-    int64_t consumedBefore = 0;  // samples, when the recording began
+    int64_t consumedBefore = 0;  // samples before the recording began
     std::unique_ptr<MicRecording> recording;
-    int64_t unexplained = 0;  // samples, since the last frame that was explained
+    int64_t unexplained = 0;  // samples since the last explained frame
     ClickCounter clicks;
 };
 

@@ -9,8 +9,9 @@ namespace board {
 namespace {
 
 constexpr Ns kUs = 1000;
-// Latency control lets the latency wander as far as its range is wide, and jitter moves it as far.
 constexpr int64_t kGrowthMaxKb = 256;  // a new thread's heap
+// The latency may wander through the whole range that latency control permits, and jitter moves it
+// by as much again.
 constexpr double kGainErrorMax = 480;
 
 void addCounts(std::ostream& out, const std::string& name, const Counts& counts) {
@@ -56,8 +57,8 @@ void addHour(std::ostream& out, size_t number, const Hour& hour) {
         << hour.holdings.memory.privateKb << ' ' << hour.holdings.descriptors << '\n';
 }
 
-// What a disturbance has put into the buffer or taken out of it comes back a sample with each frame
-// that latency control presses or draws out, and that is every second one mostly.
+// A disturbance fills or empties the buffer; latency control brings it back by one sample with each
+// frame that it squeezes or stretches, mostly every second frame.
 constexpr Ns kSpeakerBackMax = kSecond;
 constexpr Ns kMicBackMax = 3 * kSecond;
 
@@ -68,7 +69,7 @@ class Problems {
             list.push_back(sentence);
         }
     }
-    // One that must be 0.
+    // A count that must be 0.
     void addCount(const std::string& direction, int64_t count, const std::string& what) {
         add(count != 0, direction + ": " + std::to_string(count) + " " + what);
     }

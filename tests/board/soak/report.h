@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a soak measured, as text that adds up with others, and what of it must not be.
+// What a soak measured, as text whose parts can be added up, and which of it is wrong.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ namespace board {
 
 // Lines "KEY VALUE...": counts add up, latencies come as histograms (see latencies.h).
 std::string reportOf(const Soak& soak);
-// One sentence for each thing that is wrong; none when the daemon did all that it is to do.
+// One sentence for each thing that is wrong; none when the daemon did everything right.
 std::vector<std::string> problemsOf(const Soak& soak);
 
 }  // namespace board

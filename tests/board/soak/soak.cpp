@@ -11,11 +11,11 @@ namespace {
 constexpr Ns kMinute = 60 * kSecond;
 constexpr Ns kHour = 60 * kMinute;
 constexpr Ns kLook = 5 * kSecond;
-constexpr Ns kSettling = 3 * kSecond;  // of a stream that has begun
-constexpr int kJitterHeldMs = 3;       // that the buffer holds as it is at first
+constexpr Ns kSettling = 3 * kSecond;  // after a stream has begun
+constexpr int kJitterHeldMs = 3;       // what the daemon's small buffer absorbs
 constexpr Ns kRecovery = kSecond;      // after a disturbance, at least
 constexpr Ns kRecoveryMax = 10 * kSecond;
-constexpr Ns kRecovered = kSecond / 5;  // so long after the last that was wrong
+constexpr Ns kRecovered = kSecond / 5;  // so long after the last error
 constexpr int64_t kBlockFrames = 480;
 constexpr Window kSpeakerWindow = {3500000, 5500000};
 constexpr Window kMicWindow = {15 * kMs, 24 * kMs};
@@ -52,20 +52,20 @@ void Soak::comeUp() {
     settle();
 }
 
-// From the beginning of the microphone's stream until its latency keeps to its window.
+// Waits until the microphone's stream, once begun, keeps its latency in its window.
 void Soak::settle() {
     sleepFor(2 * kSettling);
     look();
 }
 
-// Writes that come too late for the buffer as it is at first starve it, until they do so often
-// enough that the daemon buffers twice as much.
+// Writes that are too late for the daemon's small buffer starve it; once that has happened often
+// enough the daemon doubles its buffer.
 bool Soak::isStrained() {
     return plan.jitterMs > kJitterHeldMs &&
            board.daemon.count("increased ssrs queue depth", logMark) == 0;
 }
 
-// Until the daemon buffers more and the latency keeps to its window.
+// Waits until the daemon has enlarged its buffer and the latency keeps to its window.
 void Soak::bearStrain(Ns until) {
     if (plan.jitterMs <= kJitterHeldMs) {
         return;
@@ -81,7 +81,8 @@ void Soak::bearStrain(Ns until) {
     look();
 }
 
-// The recording tells whether latency control made up for the clocks' difference, and for no more.
+// The recording shows whether latency control made up for the difference between the clocks, and
+// for no more.
 void Soak::stayCalm(Ns until) {
     speakerTally->setState(State::kCalm);
     bearStrain(until);
@@ -112,15 +113,15 @@ void Soak::disturbOnce() {
     look();
     anchor();
     sleepUntil(end + kRecovery);
-    const bool anew = board.host.counter("playback.opens") != opens;
-    if (anew) {
+    const bool reopened = board.host.counter("playback.opens") != opens;
+    if (reopened) {
         logMark = mark;
         settle();
     } else {
         look();
     }
-    const bool unsettled = anew || isStrained();
-    // Latency control takes longer for some disturbances.
+    const bool unsettled = reopened || isStrained();
+    // Latency control needs longer for some disturbances.
     while (!unsettled && now() < end + kRecoveryMax &&
            micTally->lastWrongAt() > now() - kRecovered) {
         sleepFor(kRecovered);
@@ -131,7 +132,7 @@ void Soak::disturbOnce() {
                               std::max<Ns>(micTally->lastWrongAt() - end, 0), unsettled});
 }
 
-// Both streams move again.
+// Call this when both streams move again.
 void Soak::anchor() {
     sleepFor(2 * kMs);
     speakerClock = StreamClock(board.host, "speaker");
@@ -153,7 +154,7 @@ void Soak::look() {
     speakerTally->add(board.app->takeHeard(), speakerClock);
 }
 
-// Once an hour, and for who looks on.
+// Once an hour; prints a line for the person who watches.
 void Soak::noteHour() {
     if (now() < found.begin + static_cast<Ns>(found.hours.size() + 1) * kHour) {
         return;

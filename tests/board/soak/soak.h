@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A soak: both directions stream for virtual minutes or hours while the host's clock runs fast or
 // slow, the app's writes come late, and now and then something is disturbed. Every frame is
-// followed. One thread.
+// checked. One thread.
 #pragma once
 
 #include <cstdint>
@@ -20,19 +20,20 @@ namespace board {
 
 struct SoakPlan {
     int ppm = 0;       // how much faster the host's clock is
-    int jitterMs = 0;  // the app's writes come up to so much late
+    int jitterMs = 0;  // how late the app's writes may come
     int minutes = 1;
-    int64_t seed = 0;     // picks the jitter and the disturbances
-    int calmSeconds = 0;  // between two disturbances; 0: nothing is disturbed
+    int64_t seed = 0;     // decides the jitter and the disturbances
+    int calmSeconds = 0;  // between two disturbances; 0 for no disturbance
 };
 
-// A disturbance and what became of it.
+// A disturbance and what followed.
 struct Outcome {
     Disturbance disturbance;
-    int64_t atSecond;  // of the soak
+    int64_t atSecond;  // since the start of the soak
     Ns speakerBack;    // from its end until the sound was right and in time again
     Ns micBack;
-    // The microphone's stream was closed, or strained: its latency settles as at the beginning.
+    // The microphone's stream was closed or strained, so its latency has to settle as at its
+    // beginning.
     bool unsettled;
 };
 
@@ -42,34 +43,34 @@ struct Holdings {
     int64_t descriptors = 0;
 };
 
-// What there was at the end of an hour, of everything since the beginning.
+// The state at the end of an hour, counted from the soak's beginning.
 struct Hour {
-    int64_t speakerFrames;  // that arrived while nothing was disturbed
+    int64_t speakerFrames;  // arrived while nothing was disturbed
     int64_t micFrames;
-    int64_t wrong;  // in that time, all that is counted, in both directions
+    int64_t wrong;  // all errors of both directions in that time
     size_t disturbances;
     Holdings holdings;
 };
 
-// What was found of both directions; each of them has a tally of its own.
+// What was found about both directions; each of them has its own tally.
 struct SoakResult {
     Ns begin = 0;
     std::vector<Outcome> outcomes;
-    Holdings first;           // with both directions streaming, at the first look
-    Holdings last;            // and at the last one
-    std::vector<Hour> hours;  // that are full
-    int64_t xruns = 0;        // that were not injected
-    int strainedSeconds = 0;  // how long the app's jitter was more than the daemon's buffer held
-    // The most, in samples, that latency control gained more or less in a calm stretch than the
-    // clocks differ.
+    Holdings first;           // at the first check with both directions streaming
+    Holdings last;            // at the last check
+    std::vector<Hour> hours;  // complete hours only
+    int64_t xruns = 0;        // without the injected ones
+    int strainedSeconds = 0;  // how long the app's jitter was too large for the daemon's buffer
+    // The largest difference, in samples, between what latency control gained in a calm stretch and
+    // what the clocks' difference requires.
     double gainError = 0;
-    std::string damage;  // what is wrong with the daemon at the end, or nothing
+    std::string damage;  // what is wrong with the daemon at the end; empty for nothing
 };
 
 class Soak {
   public:
     explicit Soak(const SoakPlan& plan) : plan(plan) {}
-    // Throws when the board does not come up; what else is wrong is in the result.
+    // Throws when the board does not start; every other error is in the result.
     void run();
 
     const SpeakerTally& speaker() const { return *speakerTally; }
@@ -97,7 +98,7 @@ class Soak {
     std::unique_ptr<MicTally> micTally;
     StreamClock speakerClock;
     StreamClock micClock;
-    size_t logMark = 0;  // of the daemon's log, when the stream last began
+    size_t logMark = 0;  // the daemon's log when the stream last began
     int64_t playbackStarts = 0;
     int64_t lostBlocksBefore = 0;
     SoakResult found;

@@ -42,7 +42,7 @@ bool SpeakerTally::follow(const int16_t* samples, int64_t count) {
 }
 
 int64_t SpeakerTally::findAgain(const int16_t* samples, int64_t count) {
-    // The tone has no two zeros in a row.
+    // The tone never has two zeros in a row.
     const int64_t zeros =
         std::find_if(samples, samples + count, [](int16_t s) { return s != 0; }) - samples;
     if (zeros > 1 || zeros == count) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The speaker's direction of a soak: what the app heard, held against the tone that the host
-// plays, frame by frame. One thread.
+// The speaker's direction of a soak: compares each frame that the app heard with the tone that the
+// host plays. One thread.
 #pragma once
 
 #include <cstdint>
@@ -19,13 +19,13 @@ class SpeakerTally : public Tally {
     void add(const Heard& heard, const StreamClock& clock);
 
   private:
-    // False when anything of it was not in its place.
+    // Returns false when any of them was not in its place.
     bool follow(const int16_t* samples, int64_t count);
-    // Deals with samples that are not what comes next; returns how many of them are dealt with.
+    // Handles samples that are not the expected ones; returns how many of them it handled.
     int64_t findAgain(const int16_t* samples, int64_t count);
 
     const int64_t queueBegin;
-    int64_t next = 0;  // the frame that is to be heard next, counted from the host's first
+    int64_t next = 0;  // the frame expected next, counted from the host's first
     ClickCounter clicks;
 };
 

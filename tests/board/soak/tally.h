@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is counted of one direction in a soak. While the sound is calm everything counts against the
-// daemon; after a disturbance it is counted apart, and what counts is how soon it is over.
+// What is counted of one direction in a soak. While the sound is calm every error counts against
+// the daemon; errors after a disturbance are counted apart, and what matters is how soon they end.
 #pragma once
 
 #include <cstdint>
@@ -16,41 +16,41 @@ struct Counts {
     int64_t frames = 0;       // that arrived with sound
     int64_t lost = 0;         // frames
     int64_t repeated = 0;     // frames
-    int64_t unexplained = 0;  // frames that are nothing that was sent
+    int64_t unexplained = 0;  // frames that match nothing sent
     int64_t silent = 0;       // frames of silence in between
     int64_t clicks = 0;
-    int64_t underruns = 0;  // frames of the latency control that found too little
-    int64_t overruns = 0;   // blocks that it had no room for
-    int64_t gained = 0;     // samples, by latency control
+    int64_t underruns = 0;  // frames for which latency control found too few samples
+    int64_t overruns = 0;   // blocks for which there was no room
+    int64_t gained = 0;     // samples that latency control added
 
-    // Everything that calm sound has none of.
+    // The sum of all errors; calm sound has none.
     int64_t wrong() const {
         return lost + repeated + unexplained + silent + clicks + underruns + overruns;
     }
 };
 
-// What the sound is measured by.
+// By which measure the sound is judged.
 enum class State {
-    kDisturbed,  // wrong by what was done to it, or not yet right
-    kStrained,   // wrong now and then, by an app that jitters more than the daemon's buffer holds
-    kCalm,       // to be right
+    kDisturbed,  // a disturbance has made it wrong, or it has not recovered yet
+    kStrained,   // wrong now and then, as the app's jitter is too large for the daemon's buffer
+    kCalm,       // has to be right
 };
 constexpr size_t kStates = 3;
 
-// Where the latency of a direction belongs.
+// The range of a direction's latency.
 struct Window {
     Ns low = 0;
     Ns high = 0;
     bool holds(Ns latency) const { return latency >= low && latency <= high; }
 };
 
-// Tells the board's time from the number of a frame in the host's stream; from an anchor on, for as
-// long as the stream is neither switched nor stalled.
+// Converts a frame's number in the host's stream to the board's time. An anchor holds until the
+// stream is switched or stalled.
 class StreamClock {
   public:
     StreamClock() = default;
     StreamClock(const Host& host, const std::string& direction);
-    // When the USB frame that carries it moved.
+    // When the USB frame that carried it moved.
     Ns timeOf(int64_t frame) const;
 
   private:
@@ -59,7 +59,7 @@ class StreamClock {
     double usbFrameNs = 0;
 };
 
-// The count of one direction.
+// The counts of one direction.
 class Tally {
   public:
     explicit Tally(Window window) : latencyWindow(window) {}
@@ -69,17 +69,17 @@ class Tally {
     Counts& counts() { return countsByState[static_cast<size_t>(currentState)]; }
     const Counts& countsOf(State state) const { return countsByState[static_cast<size_t>(state)]; }
 
-    // Sound that was at `at` in its place, so late.
+    // Notes sound that was in its place at time `at`, with its latency.
     void note(Ns at, Ns latency);
-    // Something was wrong with the sound at `at`.
+    // Notes an error in the sound at time `at`.
     void noteWrong(Ns at);
 
-    // When it was, of the calm sound; the first few.
+    // When calm sound was wrong; the first few times.
     const std::vector<Ns>& wrongWhenCalm() const { return calmWrongs; }
-    // When the sound was last wrong or outside of the window, since the state changed.
+    // When the sound was last wrong or outside its window, since the state changed.
     Ns lastWrongAt() const { return latestWrongAt; }
-    // Of the sound that was not disturbed, the whole and the median of each minute; and how many
-    // were outside of the window though it was calm.
+    // The latencies of undisturbed sound: all of them, the median of each minute, and how many lay
+    // outside the window while the sound was calm.
     const Latencies& latencies() const { return all; }
     const std::vector<Ns>& minutes() const { return minuteMedians; }
     int64_t outside() const { return outsideWindow; }

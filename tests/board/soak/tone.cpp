@@ -8,14 +8,14 @@
 namespace board {
 namespace {
 
-constexpr int64_t kTurns = 1361;  // in all places; odd, so that no place repeats. 997 Hz
+constexpr int64_t kTurns = 1361;  // over all places; odd, so that no place repeats. 997 Hz
 constexpr double kAmplitude = 12000;
 constexpr int64_t kProbeMin = 16;
 constexpr int64_t kProbeMax = 48;
-// A stretched frame is less steep by a 240th, which bends the tone where two frames meet; a
-// squeezed one is steeper. Each of the three samples is rounded.
+// A stretched frame is flatter by a 240th, which bends the tone where two frames meet; a squeezed
+// one is steeper. Each of the three samples is rounded.
 constexpr int kBendSlack = 16;
-constexpr int64_t kClickFrames = 240;  // bends closer than this are one click
+constexpr int64_t kClickFrames = 240;  // bends closer together than this are one click
 
 // The largest second difference of the tone itself.
 int ownBend() {

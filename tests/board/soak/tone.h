@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What both ends play in a soak: a tone that names its place. Every stretch of it occurs once in
-// 1.4 seconds, so that a frame lost or repeated shows by its number, and it is smooth, so that a
-// click shows as a bend. Reading it is a look into a table. Any thread.
+// What both ends play in a soak: a tone in which every stretch is found only once in 1.4 seconds.
+// So a lost or repeated frame shows by its number, and as the tone is smooth, a click shows as a
+// bend. Reading the tone is a table look-up. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -13,9 +13,9 @@ namespace board {
 
 class Tone {
   public:
-    // Places that differ.
+    // The number of different places.
     static constexpr int64_t kPlaces = 65536;
-    // This many samples lie beside each other from every place on.
+    // How many consecutive samples can be read from every place.
     static constexpr int64_t kStretch = 4800;
 
     Tone();
@@ -24,19 +24,18 @@ class Tone {
     const int16_t* from(int64_t frame) const {
         return table.data() + static_cast<uint64_t>(frame) % kPlaces;
     }
-    // How many frames from `frame` on it is to where `count` samples sound like these, forwards or
-    // backwards, whichever is less; false when nowhere, or when the samples are too few to tell.
+    // How many frames it is from `frame` to where `count` samples sound like these, forwards or
+    // backwards, whichever is nearer; false when they match nowhere, or are too few to tell.
     bool displacement(int64_t frame, const int16_t* samples, int64_t count, int64_t* frames) const;
 
   private:
     Samples table;
 };
 
-// The only one there need be.
+// The shared tone; one is enough.
 const Tone& tone();
 
-// Counts the places where a sound has a bend that neither the tone has nor what latency control
-// makes of it.
+// Counts the places where the sound bends more than the tone or latency control can bend it.
 class ClickCounter {
   public:
     // The next samples; returns how many clicks began in them.

@@ -178,7 +178,7 @@ void sendMessage(Walk& walk) {
     App::send({type, static_cast<uint32_t>(walk.random.below(65536))});
 }
 
-// An empty one ends the daemon's receiving for good and is left out.
+// Sends any size but 0: an empty datagram ends the daemon's receiving for good.
 void sendOddDatagram(Walk& walk) {
     const size_t size = pick<size_t>(walk, {1, 2, 4, 7, 9, 12, 4096, 65000});
     walk.note(std::to_string(size) + " bytes");
@@ -200,7 +200,7 @@ void sendUevent(Walk& walk) {
                           "foreign change USB_STATE=DISCONNECTED"}));
 }
 
-// Only the kernel's count.
+// Sends a uevent as a process; only the kernel's own count.
 void forgeUevent(Walk& walk) {
     const std::string text = board::ueventText(
         pick(walk, {"change@/a SUBSYSTEM=android_usb USB_STATE=DISCONNECTED", "change@/a", "x"}));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // random_walk --seed N --steps M [--over app]: walks over everything, or over what an app may do,
-// and says after which step what went wrong. Every kStepsAProof steps and at the end the daemon is
-// proved whole. tools/random-walk runs it.
+// and prints after which step something went wrong, and what. Every kStepsAProof steps and at the
+// end it proves the daemon whole. tools/random-walk runs it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr long kStepsAProof = 25;
 
-// What follows the name among the arguments, or null.
+// The argument after `name`, or null.
 const char* argument(int argc, char** argv, const char* name) {
     for (int i = 1; i + 1 < argc; ++i) {
         if (strcmp(argv[i], name) == 0) {
@@ -46,7 +46,7 @@ void printDelays(const board::RecordWatch& records) {
         records.micStop().text().c_str());
 }
 
-// The exit status: 1 after an oddity.
+// Returns the exit status: 1 when something went wrong.
 int walk(long seed, long steps, Scope scope) {
     Walk walk(static_cast<uint64_t>(seed), scope);
     for (long step = 1; step <= steps; ++step) {

@@ -18,13 +18,13 @@ using board::kSecond;
 using board::Message;
 
 constexpr std::ptrdiff_t kRealtimeThreads = 3;  // two workers and the FIFO's reader
-constexpr board::Ns kPatience = 30 * kSecond;   // a suspend holds a channel for six seconds
+constexpr board::Ns kPatience = 30 * kSecond;   // a suspend delays a channel by six seconds
 constexpr board::Ns kSyncPatience = 60 * kSecond;
 constexpr board::Ns kBusyWindow = kSecond;
-constexpr board::Ns kHandled = 50 * kMs;  // a record, whatever the app does
+constexpr board::Ns kHandled = 50 * kMs;  // until a record is handled, whatever the app does
 constexpr board::Ns kMicStopped =
-    42 * kMs;  // after its off: four passes of up to 10 ms, and the threads
-constexpr size_t kPendingMessages = 128;  // in the daemon and in a socket, and a few more
+    42 * kMs;  // from its off event: four passes of up to 10 ms, and the threads
+constexpr size_t kPendingMessages = 128;  // in the daemon, in a socket, and a few more
 
 }  // namespace
 
@@ -80,7 +80,7 @@ std::string Walk::step() {
     return findOddity(since, cpu);
 }
 
-// Most things come close upon another.
+// Most steps follow each other quickly.
 void Walk::pause() {
     const int64_t chance = random.below(100);
     const board::Ns limit = chance < 35   ? 0
@@ -155,7 +155,8 @@ std::string Walk::findRepetition() {
     return watch.repetition();
 }
 
-// Where records come in hundreds or reads fail, the later ones wait for what is done of the others.
+// Where records come by the hundred or reads fail, a record may wait until the ones before it are
+// done.
 std::string Walk::findDelay() {
     recordWatch.look();
     const board::Delay& delay = scope == Scope::kApp ? recordWatch.wait() : recordWatch.absence();
@@ -187,8 +188,8 @@ std::string Walk::prove() {
     return damage;
 }
 
-// Where the queue is full, an answer overwrites the last message, and the next answer it; asked
-// again, the queue has long been sent.
+// When the queue is full, the answer overwrites the queue's last message, and the next message
+// overwrites the answer. By the time of a second request the queue has been sent.
 bool Walk::syncUp() {
     const auto answered = [this] {
         const auto messages = board.app->messageValues();
@@ -207,7 +208,8 @@ bool Walk::syncUp() {
     return board::waitFor(answered, kSyncPatience);
 }
 
-// Ends every fault and brings everything back; after the next starts the daemon must be as new.
+// Ends every fault and brings everything back; after the next starts the daemon must be as good as
+// new.
 std::string Walk::makeSound() {
     endApp();
     for (const char* command : {"fault clear", "stall speaker 0", "stall mic 0", "ppb 0",
@@ -232,7 +234,7 @@ std::string Walk::makeSound() {
     if (!syncUp()) {
         return "a sync-up is not answered";
     }
-    // What a failed start leaves is cleaned up by the next one.
+    // This start cleans up what a failed one may have left.
     board::sleepFor(kSecond);
     board.host.command("speaker on");
     board.host.command("mic on");

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A random walk over everything that host, driver, app and cable can do to the daemon, and what
-// must hold of the daemon all the while. Whatever is chosen follows from the seed and the steps
-// before, so a walk's beginning is the same walk with fewer steps. One thread.
+// must hold of the daemon throughout. Each choice follows from the seed and the steps before, so
+// fewer steps with the same seed are the beginning of the same walk. One thread.
 #pragma once
 
 #include <memory>
@@ -15,35 +15,36 @@
 
 namespace uafd {
 
-// What a walk is over.
+// What a walk covers.
 enum class Scope {
     kAll,  // everything
-    kApp,  // all that an app may do, and a host that streams, binds and sets volumes as any does
+    kApp,  // all that an app may do; the host streams, binds and sets volumes as any host does
 };
 
 class Walk {
   public:
-    // The daemon is up, with an app.
+    // The daemon must be running, with an app.
     Walk(uint64_t seed, Scope scope);
 
-    // Does one random thing, prints what, and lets a random time pass. Returns what is wrong, or
+    // Takes one random action, prints it, and lets a random time pass. Returns what is wrong, or
     // nothing.
     std::string step();
-    // Makes the surroundings sound again and proves the daemon whole. Returns what is wrong, or
+    // Repairs the daemon's surroundings and proves the daemon whole. Returns what is wrong, or
     // nothing.
     std::string prove();
     const board::RecordWatch& records() const { return recordWatch; }
 
-    // ---- What the actions do things with -------------------------------------------------------
+    // ---- For the actions
+    // ---------------------------------------------------------------------------
 
     board::Random random;
     board::Board board;
-    // The app, a process that may be stopped; none while it is dead.
+    // The app, a process that may be stopped; null while it is dead.
     std::unique_ptr<board::AppProcess> app;
 
-    // A command of the host's, which the board may refuse as things stand.
+    // Sends a command as the host; the board may refuse it in its present state.
     void host(const std::string& command);
-    // Prints something more of what the step does.
+    // Prints a detail of the step.
     void note(const std::string& what);
     std::string direction();  // "speaker" or "mic"
     std::string pcm();        // "capture" or "playback"
@@ -65,14 +66,15 @@ class Walk {
     board::RecordWatch recordWatch;
     board::ChannelWatch watch;
     size_t seenMessages = 0;
-    // A message was lost: its place among the next ones is unknown, since they wait in the queue.
+    // When a message is lost, the others still wait in the queue: between which of them it was lost
+    // is unknown.
     size_t messagesAroundLoss = 0;
     size_t seenLines = 0;
-    std::string did;  // what the step does, for who reads a failure
+    std::string did;  // the step's actions, to explain a failure
 };
 
-// One of the things that happen, how often beside the others, and in which walks: kAll is not in
-// those over the app.
+// An action, how often it is chosen relative to the others, and in which walks: kAll is left out of
+// walks over the app.
 struct Action {
     const char* name;
     int weight;
