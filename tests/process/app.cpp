@@ -30,7 +30,7 @@ constexpr size_t kBlockSamples = 960;  // 10 ms, stereo
 constexpr long kBlockNs = 10000000 / kSpeed;
 constexpr int kMessageEvery = 16;  // blocks, on average
 constexpr int kVerySlow = 8;
-constexpr int kPaceBlocks = 128;  // for which a pace lasts, on average
+constexpr int kPaceBlocks = 128;  // how long a pace lasts, on average
 
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
@@ -46,7 +46,7 @@ void sleepBlock() {
 
 }  // namespace
 
-// One life, in its process.
+// One life of the app, in its own process.
 class App::Life {
   public:
     Life(const Root& root, Seen& seen, uint32_t life) : root(root), seen(seen), random(life) {
@@ -74,7 +74,7 @@ class App::Life {
     }
 
   private:
-    // For a while as fast as the daemon, for a while so slow that it starves it.
+    // For a while the app keeps up with the daemon; for a while it is so slow that it starves it.
     void keepPace() {
         if (random() % kPaceBlocks == 0) {
             slowness = 1 + static_cast<int>(random() % 4);
@@ -122,7 +122,8 @@ class App::Life {
         }
     }
 
-    // Of any type and size, but never an empty one, which the daemon takes for its end.
+    // Sends a datagram of any type and size but an empty one, after which the daemon stops
+    // receiving.
     void ask() {
         constexpr uint32_t types[] = {7, 7, 3, 5, 3, 5, 0, 4, 99};
         constexpr size_t sizes[] = {8, 8, 8, 8, 8, 8, 1, 4, 7, 12};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion app as a process of its own, to be killed at any moment: it hears and speaks
-// through the FIFOs, takes the daemon's messages and sends its own. One thread.
+// The companion app as a process that can be killed at any moment: it hears and speaks through the
+// FIFOs, receives the daemon's messages and sends its own. One thread.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ namespace uafd::process {
 
 class App {
   public:
-    // Started with start().
+    // The app begins to live with start().
     explicit App(const Root& root);
     // Kills it.
     ~App();
@@ -25,20 +25,20 @@ class App {
     void kill();
     bool isRunning() const { return pid > 0; }
     int deaths() const { return deathCount; }
-    // Until then the daemon's messages go to nobody, and are lost.
+    // Before this returns, the daemon's messages may be lost, as nobody receives them.
     void waitUntilListening() const;
-    // A paused app holds everything open and touches nothing.
+    // A paused app keeps everything open and uses nothing.
     void pause(bool paused);
-    // From here on it speaks and hears more slowly than the host, for good.
+    // From now on the app speaks and hears more slowly than the host, until the end.
     void slowDown();
 
-    // Of all its lives.
+    // These count all its lives.
     uint64_t heardBytes() const { return seen->heardBytes; }
     uint64_t saidBytes() const { return seen->saidBytes; }
     uint64_t messages() const { return seen->messages; }
     // The data of the newest message of that type, 0 to 7.
     uint32_t lastOf(uint32_t type) const { return seen->last[type & 7]; }
-    // Stereo frames whose samples differ, which the daemon never sends.
+    // Stereo frames whose samples differ; the daemon never sends such a frame.
     uint64_t tornFrames() const { return seen->tornFrames; }
 
   private:
@@ -46,7 +46,7 @@ class App {
     struct Seen {
         std::atomic<bool> paused{false};
         std::atomic<bool> slow{false};
-        std::atomic<uint32_t> listening{0};  // the life whose socket is bound
+        std::atomic<uint32_t> listening{0};  // the life that has bound its socket
         std::atomic<uint64_t> heardBytes{0};
         std::atomic<uint64_t> saidBytes{0};
         std::atomic<uint64_t> tornFrames{0};

@@ -29,7 +29,7 @@ namespace uafd::process {
 namespace {
 
 constexpr int kPollMs = 2;
-// No condition takes a hundredth of it.
+// More than a hundred times as long as any condition takes.
 constexpr auto kNever = std::chrono::seconds(60);
 constexpr size_t kLastLines = 60;
 constexpr size_t kPacketBytes = 4096;
@@ -40,7 +40,8 @@ void openWire(int (&ends)[2]) {
     }
 }
 
-// The options are spelt out: a report ends the process at once, under a status of its own.
+// Sets every option that matters: a report ends the process at once, with an exit status of its
+// own.
 void setSanitizers(const std::string& report) {
     const std::string common = "log_path=" + report + ":halt_on_error=1:exitcode=99";
     setenv(
@@ -49,7 +50,7 @@ void setSanitizers(const std::string& report) {
         1);
     setenv("UBSAN_OPTIONS", (common + ":print_stacktrace=1").c_str(), 1);
     setenv("LSAN_OPTIONS", "exitcode=99", 1);
-    // A stopped channel leaves its thread for the next start to join: that is no leak.
+    // A stopped channel leaves its thread for the next start to join, which is no leak.
     setenv("TSAN_OPTIONS",
            (common + ":report_thread_leaks=0:detect_deadlocks=1:second_deadlock_stack=1").c_str(),
            1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's process as a test holds it: starts it, plays the gadget driver and the kernel to it,
-// hears what it asks for, and knows what the sanitizers said. One thread.
+// The daemon's process from a test's view: the test starts it, plays the gadget driver and the
+// kernel for it, receives its requests and reads the sanitizers' reports. One thread.
 #pragma once
 
 #include <cstdint>
@@ -17,45 +17,46 @@ namespace uafd::process {
 
 class Daemon {
   public:
-    // Its log is ROOT/log, the sanitizers' reports ROOT/report.PID.
+    // Its log is ROOT/log, the sanitizers' reports are ROOT/report.PID.
     explicit Daemon(const Root& root);
-    // Ends it when it still runs.
+    // Kills the process if it still runs.
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    // One read of the control device: the record, or any bytes. False when the daemon is behind
-    // with some two hundred, or gone.
+    // What one read of the control device returns: the record, or any bytes. False when the daemon
+    // has some two hundred still to read, or has ended.
     bool record(uint32_t type, uint32_t data);
     bool rawRecord(const std::string& bytes);
-    // As daemon_process.cpp lists them; false like record.
+    // A command of those in daemon_process.cpp; returns false like record.
     bool command(const std::string& text);
-    // A uevent; the second form from another sender than the kernel.
+    // A uevent, from the kernel or from another sender.
     void uevent(const std::string& text, UeventSender sender = {0, 1});
     // A datagram from the app; lost when the daemon is behind.
     void datagram(const std::string& bytes);
 
-    // What it asked for since the last call.
+    // The daemon's requests since the last call.
     std::vector<std::string> takeNotes();
     // Waits until everything sent so far has been handled. False when the process ends instead.
     bool settle();
-    // Waits for a condition, until the process ends; false then, or when nothing comes of it for
-    // so long that it never will.
+    // Waits for a condition. False when the process has ended, or when so much time has passed that
+    // the condition will never hold.
     bool waitFor(const std::function<bool()>& condition);
 
     bool isRunning();
-    // Command "end"; its exit status.
+    // Sends the command "end"; returns the exit status.
     int end();
-    // Waits until it ends. 0 to 255, or -1 when it does not, or dies of a signal.
+    // Waits for the end of the process. Returns its exit status, 0 to 255, or -1 when it goes on or
+    // a signal killed it.
     int exitStatus();
-    // How many there are now: open descriptors, threads.
+    // The number of descriptors that are open now, and of threads.
     int descriptors() const;
     int threads() const;
     // How many lines of the log contain the text.
     int count(const std::string& text) const;
-    // What the sanitizers reported, empty when nothing.
+    // The sanitizers' reports; empty when there are none.
     std::string report() const;
-    // Where it stands: the end of its log, and what each thread waits in.
+    // What the daemon is doing: the end of its log, and where each thread waits.
     std::string state() const;
 
   private:

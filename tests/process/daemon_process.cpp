@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole daemon, its own main under the name uafdMain, as a process whose outside a test holds
-// in its hand. Commands, of which the daemon's main thread obeys one between two reads of the
+// The whole daemon, its own main under the name uafdMain, as a process whose surroundings a test
+// controls. The daemon's main thread obeys the test's commands, each between two reads of the
 // control device:
 //   echo WORD                   the note "echo WORD": everything before it has been handled
-//   answer FUNCTION CODE TIMES  the next calls of an alsa-lib function return CODE; 0 times: as
-//                               usual again
+//   answer FUNCTION CODE TIMES  the next calls of an alsa-lib function return CODE; 0 times: they
+//                               work again
 //   refuse CALL ERRNO TIMES     the next calls of a libc function fail (outside.h)
 //   xrun STREAM, suspend STREAM, lag STREAM, stall STREAM 0|1, card 0|1
-//   plant DEFECT                makes a mistake, which must be reported: race, use, leak, shift
+//   plant DEFECT                makes a mistake that must be reported: race, use, leak, shift
 //   end                         looks for leaks and ends the process with status 0
 #include <climits>
 #include <cstdlib>
@@ -137,7 +137,7 @@ int main(int count, char** arguments) {
     if (count != 2) {
         return EXIT_FAILURE;
     }
-    // A stand-in that finds itself misused ends the process there.
+    // A stand-in that is misused ends the process on the spot.
     GTEST_FLAG_SET(break_on_failure, true);
     outside::install(arguments[1], obey);
     return uafdMain();

@@ -44,8 +44,8 @@ std::string& root() {
     return *folder;
 }
 
-// Where the daemon's path really leads; without a heap, which is the daemon's. What the process
-// sees of itself stays.
+// Where a path of the daemon's really leads. It takes no heap memory, as the heap is the daemon's.
+// The process's own files in /proc/self stay where they are.
 class Mapped {
   public:
     explicit Mapped(const char* path) {
@@ -61,7 +61,7 @@ class Mapped {
 sockaddr_un mapped(const sockaddr* address) {
     sockaddr_un moved = *reinterpret_cast<const sockaddr_un*>(address);
     const Mapped where(moved.sun_path);
-    // The test's folder has a short name.
+    // The test's folder has a name that is short enough.
     memset(moved.sun_path, 0, sizeof moved.sun_path);
     memcpy(moved.sun_path, where.path(), std::min(strlen(where.path()), sizeof moved.sun_path - 1));
     return moved;
@@ -98,7 +98,7 @@ bool takeOne(std::atomic<int>& count) {
     return left > 0;
 }
 
-// True, with errno, when this call fails.
+// True, with errno set, when this call has to fail.
 bool isRefused(Call call) {
     if (!takeOne(refusals[call].times)) {
         return false;
@@ -114,7 +114,7 @@ void sleepNs(int64_t ns) {
     real::nanosleep(&pause, nullptr);
 }
 
-// Somewhat faster or slower than the last, so that the threads' timing always differs.
+// Sleeps a little longer or shorter each time, so that the threads' timing always differs.
 void playFor(int64_t ns) {
     static std::atomic<uint32_t> steps{0};
     const uint32_t mixed = steps.fetch_add(1, std::memory_order_relaxed) * 2654435761U;
@@ -212,7 +212,7 @@ ssize_t readControl(void* record, size_t size,
         char packet[256];
         const ssize_t got = receive(kControlFd, packet, sizeof packet, 0);
         if (got <= 0) {
-            _exit(EXIT_FAILURE);  // the test has gone
+            _exit(EXIT_FAILURE);  // the test has ended
         }
         const auto length = static_cast<size_t>(got) - 1;
         if (packet[0] == process::kCommand) {
@@ -230,7 +230,7 @@ int request(unsigned long code, const void* value) {
     }
     char text[64];
     uint32_t number = 0;
-    // The size that the request's code announces; the one request without a value has a null
+    // The request's code holds the size of the value; the one request without a value has a null
     // pointer.
     memcpy(&number, value != nullptr ? value : &number,
            value != nullptr ? (code >> 16) & 0x3FFF : 0);
@@ -315,8 +315,8 @@ void obeyWishes(snd_pcm_t* pcm) {
     }
 }
 
-// Samples pass through here, outside of the fake alsa-lib's lock, so that the sanitizers see the
-// daemon's buffers used.
+// The samples are copied here, outside the fake alsa-lib's lock, so that the sanitizers see how the
+// daemon's buffers are used.
 constexpr size_t kPeriodMax = 1024;
 
 void installSound() {
@@ -344,7 +344,7 @@ void installSound() {
 
 }  // namespace
 
-// The real log, but the order that its lock gives.
+// Logs as usual, but hides the log's lock, which would put the threads in order.
 extern "C" int __wrap___android_log_print(int priority, const char* tag, const char* format, ...) {
     char text[1024];
     va_list arguments;
@@ -370,7 +370,7 @@ void install(const std::string& folder, std::function<void(const std::string&)> 
 
 void note(const std::string& text) {
     if (send(kNotesFd, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
-        _exit(EXIT_FAILURE);  // the test has gone
+        _exit(EXIT_FAILURE);  // the test has ended
     }
 }
 

@@ -28,7 +28,7 @@ std::string Root::contents(const std::string& name) const {
 }
 
 void Root::makeFifos() const {
-    // One that is there stays.
+    // An existing FIFO stays.
     mkfifo(path(kFifoRx).c_str(), 0600);
     mkfifo(path(kFifoTx).c_str(), 0600);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the daemon's process finds below its root: the app's FIFOs and the files of the kernel and
-// of the platform. One thread; gone with the object.
+// of the platform. One thread; the files are removed with the object.
 #pragma once
 
 #include <string>
@@ -16,8 +16,8 @@ constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's
 
 class Root {
   public:
-    // A configured gadget, a plugged cable, a controller that is watched, the board's own capture
-    // running; no FIFO.
+    // Sets up a configured gadget, a plugged cable, a controller that is watched, and the board's
+    // own capture running; no FIFO.
     Root();
 
     const std::string& path() const { return folder.path(); }
@@ -26,7 +26,7 @@ class Root {
 
     void makeFifos() const;
     void removeFifo(const std::string& name) const;
-    // As the gadget's state file says, and the cable detector's.
+    // Writes the gadget's state file and the cable detector's.
     void setUsbState(const std::string& word) const;
     void setCable(bool plugged) const;
     // Whether the board's own card captures.

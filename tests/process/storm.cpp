@@ -17,7 +17,7 @@ struct Step {
     const char* function;
     int code;
 };
-// What may fail of alsa-lib.
+// The steps in alsa-lib that may fail.
 constexpr Step kSteps[] = {
     {"snd_pcm_open", -EBUSY},
     {"snd_pcm_hw_params_any", -ENODEV},
@@ -101,7 +101,7 @@ const Storm::Action Storm::kActions[] = {
 Storm::Storm(uint32_t seed) : daemon(root), app(root), random(seed) {}
 
 bool Storm::begin() {
-    // It waits for FIFOs that are not there yet.
+    // The daemon is waiting for the FIFOs, which do not exist yet.
     if (!daemon.waitFor([this] { return daemon.count("is not available yet") > 0; })) {
         return false;
     }
@@ -133,7 +133,8 @@ bool Storm::rage(int steps) {
             return false;
         }
         if (step % kStepsARound == 0) {
-            // Whatever has become of the app: neither a stop nor an event waits for it.
+            // Even without the app the daemon handles everything: neither a stop nor an event waits
+            // for it.
             if (!daemon.settle()) {
                 return false;
             }
@@ -168,7 +169,8 @@ bool Storm::calmDown() {
     return daemon.settle();
 }
 
-// The storm's pace: some steps come at once, others while the daemon is busy with the last.
+// Sets the storm's pace: some steps follow at once, others come while the daemon is busy with the
+// step before.
 void Storm::letRun() {
     if (upTo(2) == 0) {
         const timespec pause{0, static_cast<long>(upTo(2000000))};
@@ -180,7 +182,7 @@ void Storm::letRun() {
 void Storm::answerNotes() {
     for (const std::string& note : daemon.takeNotes()) {
         if (note.rfind("system ", 0) == 0) {
-            // The platform restarts the controller.
+            // This is the platform's restart of the controller.
             ++restarts;
             root.setUsbState("CONFIGURED");
             daemon.record(F_UAC_VEXA_USER_EVT_UNBIND, 0);
@@ -242,7 +244,7 @@ void Storm::invalidRecord() {
     daemon.record(8 + upTo(1000), draw());
 }
 
-// Shorter than a record; the rest of the one before stays.
+// A record that is too short: the daemon keeps the other bytes of the record before.
 void Storm::oddRecord() {
     daemon.rawRecord(std::string(upTo(8), static_cast<char>(upTo(8))));
 }
@@ -270,7 +272,7 @@ void Storm::pauseApp() {
     app.pause(true);
 }
 
-// With more messages than the daemon keeps and the app's socket takes.
+// Queues more messages than the daemon keeps and the app's socket takes.
 void Storm::floodSilentApp() {
     pauseApp();
     sendVolumes(140);
@@ -310,7 +312,7 @@ void Storm::oddUevents() {
     daemon.uevent(std::string(1 + upTo(3000), static_cast<char>('0' + upTo(60))));
 }
 
-// Lasts until the daemon asks the platform for a restart.
+// The fault lasts until the daemon asks the platform for a restart.
 void Storm::cableFault() {
     root.setUsbState("DISCONNECTED");
     const int before = restarts;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A storm over the daemon's process: the host, the gadget driver, the app, the sound cards and the
-// kernel do anything at any moment, in an order that follows from a seed. One thread.
+// kernel do anything at any moment, in an order that depends on a seed. One thread.
 #pragma once
 
 #include <cstdint>
@@ -18,15 +18,14 @@ class Storm {
   public:
     explicit Storm(uint32_t seed);
 
-    // The daemon, bound, and the app. False when the daemon ended instead.
+    // Starts the daemon, bound, and the app. False when the daemon ended instead.
     bool begin();
-    // This many steps. False when the daemon ended, or no longer handles what it is told.
+    // Takes this many steps. False when the daemon ended, or no longer handles what it gets.
     bool rage(int steps);
-    // Everything is as it should be again: no fault, the card there, the app awake, the streams
-    // off.
+    // Puts everything right again: no fault, the card there, the app awake, the streams off.
     bool calmDown();
 
-    // What was done, by name.
+    // How often each step was taken, by name.
     const std::map<std::string, int>& done() const { return doneCounts; }
 
     Root root;
@@ -80,7 +79,7 @@ class Storm {
 
     std::minstd_rand random;
     std::map<std::string, int> doneCounts;
-    int restarts = 0;  // of the controller, that the daemon asked for
+    int restarts = 0;  // how often the daemon asked for the controller's restart
 };
 
 }  // namespace uafd::process

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The whole daemon as a process under the sanitizers, in a storm of everything that can happen to
-// it. UAFD_STORM_STEPS and UAFD_STORM_SEED make the storm longer or another one.
+// it. UAFD_STORM_STEPS makes the storm longer, UAFD_STORM_SEED makes it another one.
 #include "tests/process/storm.h"
 
 #include <cstdlib>
@@ -32,7 +32,7 @@ int fromEnvironment(const char* name, int otherwise) {
     return value != nullptr ? atoi(value) : otherwise;
 }
 
-// What a sanitizer said, or else where the daemon stood.
+// A sanitizer's report, or else what the daemon was doing.
 std::string whatHappened(const Daemon& daemon) {
     const std::string report = daemon.report();
     return report.empty() ? "no report; the daemon:\n" + daemon.state() : report;
@@ -48,7 +48,7 @@ class StormTest : public testing::Test {
         ASSERT_TRUE(storm.begin()) << whatHappened(storm.daemon);
     }
 
-    // Both streams run and the app hears, speaks and is told so.
+    // Both streams run, and the app hears, speaks and gets their states.
     void expectToServe() {
         App& app = storm.app;
         ASSERT_TRUE(storm.calmDown()) << whatHappened(daemon);
@@ -86,14 +86,15 @@ TEST_F(StormTest, LeavesNoReport) {
     const int threads = daemon.threads();
     ASSERT_TRUE(storm.rage(steps)) << whatHappened(daemon);
     expectToServe();
-    // As before, and two FIFOs and the channels' three threads; state files open for moments.
+    // As many descriptors as before, and two for FIFOs; as many threads, and three for the
+    // channels. State files are open only for moments.
     EXPECT_TRUE(daemon.waitFor([&] { return daemon.descriptors() <= descriptors + 2; }));
     EXPECT_LE(daemon.threads(), threads + 3);
     const int code = daemon.end();
     EXPECT_EQ(0, code) << whatHappened(daemon);
     EXPECT_THAT(daemon.report(), IsEmpty());
 
-    // The storm was one.
+    // The storm must have caused all of this.
     const int some = steps / 2000;
     for (const auto& [what, times] : storm.done()) {
         record("did " + what, times, some);
@@ -112,7 +113,7 @@ TEST_F(StormTest, LeavesNoReport) {
     record("requests of the app", daemon.count("got speaker volume"), some);
 }
 
-// An app's mistake, for which the daemon never listens to it again.
+// After this mistake of an app the daemon never receives from it again.
 TEST_F(StormTest, EmptyDatagramLeavesNoReport) {
     daemon.datagram("");
     EXPECT_TRUE(daemon.waitFor([this] { return daemon.count("receive error: <0:") == 1; }));
@@ -128,7 +129,7 @@ TEST_F(StormTest, AppThatStarvesTheFrameBufferLeavesNoReport) {
     EXPECT_EQ(0, daemon.end()) << whatHappened(daemon);
 }
 
-// The only case in which the daemon ends.
+// The only test in which the daemon ends by itself.
 TEST(ProcessTest, FailedStartLeavesNoReport) {
     const process::Root root;
     std::filesystem::create_directory(root.path(process::kSocketTx));
@@ -148,7 +149,7 @@ struct Planted {
 
 class PlantedTest : public StormTest, public testing::WithParamInterface<Planted> {};
 
-// Shows that the process is watched.
+// Shows that the sanitizers watch the process.
 TEST_P(PlantedTest, IsReported) {
     daemon.command(std::string("plant ") + GetParam().defect);
     EXPECT_EQ(kReported, daemon.end());
