@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The Debian package on a board with systemd: installed, it runs the daemon as a service without
-// privileges, which does its main job, comes back when it dies, and goes when it is removed. The
-// cases are one story, in this order.
+// The Debian package on a board with systemd. Installed, it runs the daemon as a service without
+// privileges; the service does its main job, is restarted when it dies, and is gone when the
+// package is removed. The cases are one story, in this order.
 #include <csignal>
 #include <sched.h>
 #include <string>
@@ -103,7 +103,7 @@ TEST(Package, ServesAnAppOfItsGroupAndComesBackWhenItDies) {
     board::Host host;
     host.reset();
     AppOfTheGroup app;
-    // The configured state among them: the daemon reaches the app's socket.
+    // The messages include the configured state, so the daemon reaches the app's socket.
     EXPECT_TRUE(waitFor([&] { return app.messages() > 0; }));
     EXPECT_EQ(kindOf(board::kSocketTx), "770 uafd uafd socket 0:0");
     EXPECT_TRUE(streams(&app, &host));
@@ -117,20 +117,20 @@ TEST(Package, ServesAnAppOfItsGroupAndComesBackWhenItDies) {
 
 void becomeSandboxedAppOfTheGroup() {
     if (unshare(CLONE_NEWNET) != 0) {
-        board::fail("leaving the machine's network");
+        board::fail("entering another network namespace");
     }
     becomeAppOfTheGroup();
 }
 
-// /tmp is aged until a file that is younger than the sockets and the FIFOs has gone. The app's
-// socket is bound in a network namespace of its own, as the daemon's is: the ageing does not see
+// Waits until tmpfiles has removed a file that is younger than the sockets and the FIFOs. The app's
+// socket is bound in a network namespace of its own, like the daemon's, so tmpfiles does not see
 // that they are in use.
 TEST(Package, KeepsSocketsAndFifosWhereTmpIsAged) {
     board::Host host;
     host.reset();
     board::AppProcess app({}, becomeSandboxedAppOfTheGroup);
     ASSERT_TRUE(streams(&app, &host));
-    // Whoever sends to a socket makes it young again.
+    // A message to a socket makes the socket's file young again.
     const board::Message off{1, 0};
     ASSERT_TRUE(waitFor([&] {
         const std::vector<board::Message> told = app.messageValues(0);
@@ -156,7 +156,7 @@ TEST(Package, DoesTheMainJob) {
 
 TEST(Package, PassesTheCompanionToolsCheck) {
     outputOf("dpkg -i /packages/uafd-companion_*.deb 2>&1");
-    unlink(board::kSocketRx);  // another user's: not an app's to take over in /tmp
+    unlink(board::kSocketRx);  // belongs to another user, so an app may not replace it in /tmp
     board::Host host;
     host.reset();
     const board::HostPlayer player(board::noise);
@@ -165,7 +165,8 @@ TEST(Package, PassesTheCompanionToolsCheck) {
     ChildProcess check({"/usr/bin/uafd-companion", "check"}, becomeAppOfTheGroup);
     EXPECT_EQ(check.wait(), 0) << check.output() << check.errors();
     host.reset();
-    EXPECT_FALSE(board::exists(board::kSocketRx)) << "no other user's app could replace it";
+    EXPECT_FALSE(board::exists(board::kSocketRx))
+        << "it would keep other users' apps from binding theirs";
     EXPECT_TRUE(board::exists("/usr/share/bash-completion/completions/uafd-companion"));
 }
 
@@ -179,8 +180,8 @@ TEST(Package, TellsAnAppOfAnotherGroup) {
     EXPECT_FALSE(board::exists(board::kSocketRx));
 }
 
-// The daemon's setprop, the path unit that sees it, and the service that it starts; what that does
-// to controllers is not the simulated board's to show.
+// Covers the daemon's setprop, the path unit that notices it, and the service that the unit starts.
+// The simulated board has no controller on which the service could act.
 TEST(Package, RestartsTheGadgetThatDoesNotNoticeItsCable) {
     board::put(kController, "ff300000.usb");
     board::put(kConfig, "uac");

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The Android policy in a kernel: daemon and app, each in its domain, the app with categories, do
-// their work, and SELinux denies none of it. The kernel logs what the policy denies and lets it
-// pass, since of the platform's own rules only those around the daemon are there. The cases are one
-// story, in this order.
+// The Android policy in a kernel: the daemon and the app, each in its domain, the app with
+// categories, do their work, and SELinux denies none of it. The kernel logs denials but permits the
+// access, because only those of the platform's own rules are there that concern the daemon. The
+// cases are one story, in this order.
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -36,7 +36,7 @@ constexpr char kControlDevice[] = "/dev/uac_user";
 constexpr rlim_t kServicePriority = 58;
 constexpr int kReadWholeLog = 3;  // klogctl
 
-// Whatever these are the target of is this policy's to allow.
+// Access to objects of these types is for this policy to allow.
 constexpr const char* kTypes[] = {
     "uafd",         "uafd_dir",    "uafd_fifo",         "uafd_socket",      "uafd_device",
     "audio_device", "proc_asound", "sysfs_android_usb", "sysfs_uafd_cable", "platform_app"};
@@ -53,7 +53,7 @@ std::string labelOf(const std::string& path) {
     return context;
 }
 
-// As platform and uafd.rc leave the machine.
+// Sets the machine up as the platform and uafd.rc do.
 void setUp() {
     board::put("/proc/sys/kernel/printk_ratelimit", "0");
     board::outputOf("mount -t selinuxfs selinuxfs /sys/fs/selinux");
@@ -71,10 +71,10 @@ void setUp() {
     for (const auto& node : std::filesystem::directory_iterator("/dev/snd")) {
         label(node.path(), "u:object_r:audio_device:s0");
     }
-    setenv("TMPDIR", "/out", 1);  // what the test keeps is not the daemon's
+    setenv("TMPDIR", "/out", 1);  // away from /tmp, where only the daemon's files are wanted
 }
 
-// For a new process: the program that it becomes is in the domain.
+// For a new process: the program that it executes runs in the domain.
 std::function<void()> into(const char* context) {
     return [context] {
         const rlimit limit{kServicePriority, kServicePriority};
@@ -90,7 +90,7 @@ std::string kernelLog() {
     return log;
 }
 
-// What daemon or app were denied and this policy should allow.
+// Denials of the daemon or the app that this policy should allow.
 std::vector<std::string> denials() {
     std::vector<std::string> found;
     std::istringstream lines(kernelLog());
@@ -111,7 +111,7 @@ class Policy : public testing::Test {
   protected:
     static void SetUpTestSuite() { setUp(); }
 
-    // A daemon's life with an app.
+    // Runs the daemon with an app, from start to end.
     static void run(const std::string& name) {
         board::Host host;
         host.reset();
@@ -133,7 +133,7 @@ TEST_F(Policy, LabelsTheMount) {
     EXPECT_EQ(labelOf("/tmp"), "u:object_r:uafd_dir:s0");
 }
 
-// There is no daemon where the script would become one.
+// Only the script runs: there is no daemon for it to start.
 TEST_F(Policy, AllowsTheScriptsFifos) {
     ChildProcess script({"/bin/sh", "/uafd_start"}, into("u:r:uafd:s0"));
     script.wait();
@@ -152,7 +152,7 @@ TEST_F(Policy, AllowsTheAppsFifos) {
     EXPECT_THAT(denials(), IsEmpty());
 }
 
-// Of the board's own files little is allowed to anybody.
+// The policy allows hardly any access to the board's own files, so their use must show as denials.
 TEST_F(Policy, IsAskedForBoth) {
     EXPECT_THAT(kernelLog(), HasSubstr("scontext=u:r:uafd:s0"));
     EXPECT_THAT(kernelLog(), HasSubstr("scontext=u:r:platform_app:s0:c0"));

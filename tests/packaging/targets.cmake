@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# cmake -D FOLDERS="FOLDER;..." -P targets.cmake: what CMake would build of the folders and those below
-# them, but for examples: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
-# project's libraries that a target links. Here the commands that would build print, and the others do
-# nothing.
+# cmake -D FOLDERS="FOLDER;..." -P targets.cmake: prints what CMake would build in these folders and
+# below, without examples: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
+# project's libraries that a target links. For this the commands that define targets are replaced by
+# ones that print, and the others by ones that do nothing.
 cmake_minimum_required(VERSION 3.25)
 
 function(print_of target)
