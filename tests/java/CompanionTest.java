@@ -5,7 +5,7 @@ import uafd.Companion;
 import uafd.Companion.Event;
 import uafd.Companion.EventType;
 
-/** The Java binding beside the daemon's ends, which the calling test plays. Ends with 1 for a fault. */
+/** Tests the Java binding; the calling test plays the daemon's ends. Exits with 1 after a fault. */
 public final class CompanionTest {
     private static final int FRAMES = 4800;
 
@@ -22,17 +22,17 @@ public final class CompanionTest {
             companion.await();
         }
         require(event.type == type && event.value == value,
-                "told " + event.type + " " + event.value + " in place of " + type + " " + value);
+                "got " + event.type + " " + event.value + " instead of " + type + " " + value);
     }
 
-    /** The host's sound is heard, the app's is taken. */
+    /** Reads the host's sound and writes the app's. */
     private static void sound(String directory) throws IOException {
         short[] block = new short[2 * Companion.BLOCK_FRAMES];
         short[] heard = new short[2 * 1000];
         java.util.Arrays.fill(block, (short) -5);
         try (Companion companion = new Companion(directory, Companion.SOUND)) {
             require(companion.speakerFd() >= 0 && companion.micFd() >= 0, "no descriptors");
-            require(companion.eventsFd() == -1, "a descriptor of what was not opened");
+            require(companion.eventsFd() == -1, "a descriptor of an unopened part");
             int frames = 0;
             int blocks = 0;
             int lost = 0;
@@ -58,7 +58,7 @@ public final class CompanionTest {
         }
     }
 
-    /** States are told, settings are sent. */
+    /** Receives states and sends settings. */
     private static void messages(String directory) throws IOException {
         try (Companion companion = new Companion(directory, Companion.ALL)) {
             expectEvent(companion, EventType.DAEMON_STATE, 1);
@@ -74,14 +74,14 @@ public final class CompanionTest {
         }
     }
 
-    /** Ends a wait by time, by a wake, and twice by closing: one under way, and one that comes later. */
+    /** Ends waits by a timeout, by a wake and by a close: one during the close and one after it. */
     private static void endings(String directory) throws Exception {
         Companion companion = new Companion(directory, Companion.EVENTS);
         expectEvent(companion, EventType.DAEMON_STATE, 1);
         expectEvent(companion, EventType.USB_STATE, 1);
         require(companion.await(20) == 0, "something is ready");
         companion.wake();
-        require(companion.await() == Companion.READY_WAKE, "the wake is not told");
+        require(companion.await() == Companion.READY_WAKE, "the wake is not reported");
         Throwable[] end = new Throwable[1];
         Thread waiter = new Thread(() -> {
             try {
@@ -95,7 +95,7 @@ public final class CompanionTest {
             Thread.sleep(1);
         }
         companion.close();
-        require(!inside(waiter, "nativeAwait"), "closed under a wait");
+        require(!inside(waiter, "nativeAwait"), "closed during a wait");
         waiter.join();
         require(end[0] instanceof ClosedChannelException, "the thread ended with " + end[0]);
         try {
@@ -110,7 +110,7 @@ public final class CompanionTest {
         return stack.length > 0 && stack[0].getMethodName().equals(method);
     }
 
-    /** Calls of many threads meet a close: each does its work or says that it is closed. */
+    /** Threads make calls during a close: each call does its work or reports that it is closed. */
     private static void races(String directory) throws Exception {
         for (int round = 0; round < 30; ++round) {
             Companion companion = new Companion(directory, Companion.ALL);
@@ -144,7 +144,7 @@ public final class CompanionTest {
         }
     }
 
-    /** What is made has the rights that are asked for. */
+    /** New files have the requested group and mode. */
     private static void options(String directory) throws IOException {
         try (Companion companion = new Companion(directory, Companion.MIC, "0", 0604)) {
             require(companion.micFd() >= 0 && companion.speakerFd() == -1, "the wrong part");
@@ -156,13 +156,13 @@ public final class CompanionTest {
     private static void expectRefusal(String directory, int parts, String group, String reason) {
         try {
             new Companion(directory, parts, group, 0).close();
-            throw new AssertionError("it was opened, in place of: " + reason);
+            throw new AssertionError("it was opened, instead of: " + reason);
         } catch (IOException expected) {
             require(expected.getMessage().equals(reason), expected.getMessage());
         }
     }
 
-    /** What goes wrong comes as an exception, what is lost does not. */
+    /** Errors are thrown as exceptions; lost blocks and messages are only counted. */
     private static void faults(String directory) throws IOException {
         Companion companion = new Companion(directory, Companion.ALL);
         expectRefusal(directory, Companion.EVENTS, null, "an app has this part open already");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs CompanionTest.java beside the daemon's ends.
+// Runs CompanionTest.java and plays the daemon's ends.
 #include <csignal>
 #include <string>
 
@@ -19,7 +19,7 @@ using Message = DaemonEnds::Message;
 class JavaTest : public testing::Test {
   protected:
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
-    // -Xcheck:jni says what the native half does wrong.
+    // -Xcheck:jni reports errors of the native half.
     void expectGood(const std::string& part) const {
         ChildProcess java({JAVA, "-Xcheck:jni", "-Djava.library.path=" LIBRARIES, "-cp", CLASSES,
                            "CompanionTest", part, folder.path()});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/* An app as small as can be, in all languages that the header is for: prints the version. */
+/* The smallest app, valid in every language that the header supports: prints the version. */
 #include <stdio.h>
 #include <string.h>
 #include <uafd_companion.h>
