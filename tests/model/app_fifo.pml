@@ -2,12 +2,12 @@
 /* AppFifo: the calls in which a thread waits for the app, and the signal that ends such a wait.
  * `who` is the thread, `c` the channel. The class's mutex is held for single steps only. */
 
-/* A signal ends a wait. One that comes before the wait is lost, also between the look at the path and
- * the wait: Linux would keep it there, but nothing here leans on that. */
+/* A signal ends a wait. A signal before the wait is lost, even one between the look at the path
+ * and the wait: there Linux would keep it, but nothing here relies on that. */
 inline signalThread(c) {
   d_step {
     NOTE("%d signal", c)
-    assert(USER(c) != NONE);  /* no joined thread is signalled */
+    assert(USER(c) != NONE);  /* a joined thread gets no signal */
     if
     :: ch[c].opening == WAITS -> ch[c].opening = INTERRUPTED
 #ifndef WITHOUT_READ_SIGNAL
@@ -20,7 +20,7 @@ inline signalThread(c) {
 
 /* ---- The thread that uses the FIFO ---- */
 
-/* As in every call that waits for the app, a thread may rest here when all else rests: no deadlock. */
+/* As in every call that waits for the app, a thread may stay here for ever: that is no deadlock. */
 inline openFifo(who, c, failed, over) {
   if
   :: !ch[c].named -> failed = true
@@ -49,7 +49,7 @@ endOpen:
   fi
 }
 
-/* Where the path leads, then the wait. */
+/* Looks where the path leads, then waits. */
 inline lookUp(c) {
   d_step {
     if
@@ -69,7 +69,7 @@ inline endLook(c) {
   d_step { ch[c].opening = IDLE; ch[c].sought[0] = false; ch[c].sought[1] = false }
 }
 
-/* A read or write, up to its wait. */
+/* Begins a read or write, up to its wait. */
 inline beginTransfer(who, c) {
   ENTER(who, c)
   ch[c].transfer = WAITS
@@ -97,7 +97,7 @@ inline closeFifo(c) {
 #define SEEKS(who, c) SOUGHT(who, c)
 #endif
 
-/* Returns when the thread that was opening the FIFO has come out or looks at the path again. */
+/* Returns when the thread that was opening the FIFO has finished or looks at the path again. */
 inline lookAgain(who, c) {
 #ifdef WITHOUT_LOOK_LOCK
   if
@@ -113,7 +113,7 @@ inline lookAgain(who, c) {
         :: atomic { SEEKS(who, c) && NEWS(ch[c].opening == WAITS) -> signalThread(c) }
         :: atomic {
              !SEEKS(who, c) ->
-             /* What the path led to before the event is not waited on after it. */
+             /* The thread no longer waits on the FIFO to which the path led before the event. */
              assert(!SOUGHT(who, c) || (ch[c].opening != LOOKED && ch[c].opening != WAITS));
              SOUGHT(who, c) = false;
              break
@@ -125,7 +125,7 @@ inline lookAgain(who, c) {
 #endif
 }
 
-/* Returns when the buffer thread has left its loop, whatever it was in. */
+/* Returns when the buffer thread has left its loop, in whatever call it was. */
 inline endWaits(who) {
 #ifndef WITHOUT_ENDED_WAITS
   ch[SRC].ended = true;

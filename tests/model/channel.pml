@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 /* The life cycle of both channels, for the spin model checker; tests/model/check verifies it.
  *
- * A process of the model is a thread of the daemon or a part of its world, an inline is the
+ * A process of the model stands for a thread of the daemon or a part of its world, an inline for the
  * function of the same name:
  *
  *   Loop          the main thread: EventLoop::run, handle, bind, unbind; uafBind;      event_loop.pml
- *                 the USB host, where it reads the host's events                     world.pml
+ *                 and the USB host, whose events it reads                            world.pml
  *   SourceWorker  UafCh::ChThread on UafSrc::uafLoop, pcmWrite, takeFrame              uaf_src.pml
  *   Buffer        UafSrc::UafSrcBufferThread, bufferLoop, bufferPass, fifoRead         uaf_src.pml
  *   SinkWorker    UafCh::ChThread on UafSnk::uafLoop, pcmRead, fifoWrite               uaf_snk.pml
@@ -14,9 +14,9 @@
  *                 AppFifo                                                              app_fifo.pml
  *   App           the companion app at one FIFO                                        world.pml
  *
- * SOURCE, SINK: which channels take part; the other gets no event. FAULTS: the frame buffer's calls
- * may fail. LIVENESS: what must come about (properties.pml). REPLAY: traces for the unit test
- * (steps.pml). The names that begin with WITHOUT_ or WITH_ plant one defect each; tests/model/check
+ * SOURCE, SINK: the channels that take part; the other one gets no event. FAULTS: the frame buffer's
+ * calls may fail. LIVENESS: what must happen in the end (properties.pml). REPLAY: traces for the unit
+ * test (steps.pml). Each name that begins with WITHOUT_ or WITH_ plants one defect; tests/model/check
  * lists what each must break. */
 
 #define SRC 0
@@ -42,15 +42,15 @@
 #define STOPPING 2
 #define STOPPED 3
 
-/* A thread, between its creation and the join of what is left of it. */
+/* A thread, from its creation until it has been joined. */
 #define NONE 0
 #define CREATED 1
 #define FINISHED 2
 
 /* A blocking call. */
 #define IDLE 0
-#define ENTERING 1     /* the thread is on its way into it */
-#define LOOKED 2       /* the path is looked up */
+#define ENTERING 1     /* the thread is about to make it */
+#define LOOKED 2       /* the path has been looked up */
 #define WAITS 3
 #define DONE 4
 #define REFUSED 5
@@ -70,23 +70,23 @@ typedef Channel {
   byte workerThread = NONE;
   mtype intfMutex = nobody;  /* who holds it */
   /* AppFifo */
-  byte opening = IDLE;       /* the open of the path that its thread makes */
-  byte transfer = IDLE;      /* its read or write of what it has opened */
-  bool ended;                /* waits are ended */
-  bool sought[2];            /* the loop, the worker has met an open that is still under way */
+  byte opening = IDLE;       /* its thread's open of the path */
+  byte transfer = IDLE;      /* its thread's read or write */
+  bool ended;                /* waits end at once */
+  bool sought[2];            /* the loop, the worker: has met an open that is not over */
   /* The FIFO and the app */
   bool exists = true;        /* the path leads to a FIFO */
-  bool nameless;             /* the daemon's FIFO, opened or waited on, is no longer the path's */
-  bool app;                  /* the app holds the other end of the path's FIFO */
-  bool kept;                 /* ... of the nameless one */
-  bool settled;              /* the app is there and reads or writes, for ever */
-  /* What the properties look at */
-  bool told;                 /* the last message said on */
-  bool untold;               /* a worker that was not created has left an on without its off */
-  bool wanted;               /* the last request that counted was an on */
-  bool counting;             /* the worker has seen the off and has not gone on since */
-  bool late;                 /* an on came meanwhile */
-  bool stray;                /* it was counted although an on had cancelled the stop */
+  bool nameless;             /* the path no longer leads to the FIFO that the daemon uses */
+  bool app;                  /* the app has the other end of the path's FIFO */
+  bool kept;                 /* the app has the other end of the nameless FIFO */
+  bool settled;              /* the app is there for ever, and reads or writes */
+  /* For the properties */
+  bool told;                 /* the last message was an on */
+  bool untold;               /* a worker could not be created: its on is not followed by an off */
+  bool wanted;               /* the last request that had an effect was an on */
+  bool counting;             /* the worker has seen the off and still waits to stop */
+  bool late;                 /* an on has come since the worker saw the off */
+  bool stray;                /* the worker has counted although an on had cancelled the stop */
 };
 Channel ch[2];
 
@@ -99,7 +99,7 @@ typedef Source {
 };
 Source src;
 
-/* The thread that uses the channel's FIFO, and whether the app holds its other end. */
+/* The thread that uses the channel's FIFO, and whether the app has the other end. */
 #define USER(c) (c == SRC -> src.bufferThread : ch[c].workerThread)
 #define CONNECTED(c) (ch[c].nameless -> ch[c].kept : ch[c].app)
 

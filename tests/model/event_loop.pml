@@ -2,9 +2,9 @@
 /* EventLoop, and the card binding that it calls. */
 
 bool handled = true;  /* the loop waits for the next event */
-bool quiet;           /* none will come */
+bool quiet;           /* no event will come */
 
-/* The names stay as they are when the card is not there. */
+/* Without the card the names stay as they are. */
 inline uafBind(found) {
   PARK
   if
@@ -24,10 +24,10 @@ inline unbind() {
   bound = false
 }
 
-/* Takes no lock; between the old names and the new ones there are none. */
+/* Takes no lock. After the old names are gone and before the new ones are set there are none. */
 inline setDevName(c, names) {
   d_step {
-    assert(ch[c].nameReaders > 0 || ch[c].opening == IDLE);  /* a copy in use is not freed */
+    assert(ch[c].nameReaders > 0 || ch[c].opening == IDLE);  /* a name in use is not freed */
     ch[c].named = false
   };
   ch[c].named = names

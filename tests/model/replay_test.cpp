@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Traces of the life cycle's model, replayed step by step on the daemon's own threads: after each
-// step both channels look as in the model, and each step logs, tells the app and lets out what it
-// does there.
+// Traces of the life cycle's model, replayed step by step on the daemon's own threads: before each
+// step both channels must look as in the model, and each step must have the same effects: log
+// lines, messages to the app and signals.
 //
-// A trace's line is a call: the thread, the channel, the call and its answer, then what could be
-// seen of the two channels just before (ReplayedDaemon::view). The indented lines that follow are
-// what the thread then does until its next call.
+// A line of a trace is a call: the thread, the channel, the call and its answer, then the visible
+// state of both channels just before (ReplayedDaemon::view). The indented lines after it are what
+// the thread then does until its next call.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -94,7 +94,7 @@ class ReplayTest : public fake_alsa::Test, public ::testing::WithParamInterface<
             ASSERT_EQ(step.views[channel], daemon.view(channel)) << "channel " << channel;
         }
         if (step.thread.compare(0, 4, "app ") == 0) {
-            return;  // what it leads to is in the answers of the calls
+            return;  // its effects are in the answers of the calls
         }
         ASSERT_EQ(step.call, daemon.stage.callOf(step.thread)) << step.thread;
         daemon.stage.answer(step.thread, step.answer);

@@ -16,10 +16,10 @@
 namespace uafd {
 namespace {
 
-constexpr int kFifoFd = 1000;  // and the channel's number
+constexpr int kFifoFd = 1000;  // plus the channel's number
 constexpr int kChannels = 2;
 
-// The channel of a worker or a buffer thread.
+// The channel of the calling worker or buffer thread.
 int ownChannel() {
     return Stage::part().back() - '0';
 }
@@ -66,7 +66,7 @@ void ReplayedDaemon::runLoop() {
     const std::map<std::string, uint32_t> types{
         {"bindEvent-0", 0}, {"unbindEvent-0", 1}, {"activeEvent-1", 1}, {"activeEvent-0", 0}};
     for (;;) {
-        // The channel, then the event and its data.
+        // The script's answer is the channel, then the event and its data.
         const std::string event = stage.call("event");
         const int channel = event[0] - '0';
         const uint32_t number = types.at(event.substr(2));
@@ -77,7 +77,7 @@ void ReplayedDaemon::runLoop() {
     }
 }
 
-// The other mutexes are those of the FIFOs, held for a moment only.
+// The other mutexes are the FIFOs', which are held only for a moment.
 void ReplayedDaemon::hookLocks() {
     locks.onCall = [this](const std::string& entry) {
         if (entry == "lock ssrs") {
@@ -126,11 +126,11 @@ void ReplayedDaemon::hookThreads() {
         return 0;
     };
     threads.onSleep = [this](long) {
-        // The event loop pauses only when it has signalled.
+        // The event loop pauses only after it has signalled a thread.
         stage.call(numbered(Stage::part() == "loop" ? signalled : ownChannel(), "sleep"));
     };
     threads.onYield = [this] {
-        // The stop's is a part of its sleep, which follows.
+        // The event loop also yields, just before its sleep: that belongs to the sleep's step.
         if (Stage::part() == "buffer 0") {
             stage.call("0 yield");
         }
@@ -145,7 +145,7 @@ std::string ReplayedDaemon::waitForApp(int channel, const std::string& call) {
     return stage.call(numbered(channel, call));
 }
 
-// What a read or write of a block of `size` bytes returns.
+// The result of a read or write of a block of `size` bytes.
 ssize_t ReplayedDaemon::transfer(int channel, const std::string& call, size_t size) {
     const std::string answer = waitForApp(channel, call);
     errno = answer == "interrupted" ? EINTR : channel == 0 ? EIO : EPIPE;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Both channels and the event loop with their own threads, on a stage: each call by which a thread
-// waits for another or asks the outside world stops there and gets its answer from the script, and
-// what threads wait for and where the FIFOs lead follows the script, too.
+// Both channels and the event loop with their own threads, on a stage: a call by which a thread
+// waits for another or asks the outside world stops there and gets its answer from the script. The
+// waiting threads and the FIFOs' paths follow the script, too.
 #pragma once
 
 #include <pthread.h>
@@ -32,19 +32,20 @@ class OpenChannel : public Channel {
     using Channel::stopDelayCnt;
 };
 
-// One object at a time; its hooks are those of the fixtures of fake_sys and fake_alsa.
+// One object at a time; it uses the hooks of fake_sys's and fake_alsa's fixtures.
 class ReplayedDaemon {
   public:
     ReplayedDaemon();
     ~ReplayedDaemon() { stage.close(); }
 
-    // What can be seen of channel 0 (source) or 1 (sink), a digit each: state, count, join pending,
-    // names set, PCM open, FIFO open, worker threads, buffer threads. All threads at rest.
+    // The visible state of channel 0 (source) or 1 (sink), a digit each: state, count, join
+    // pending, names set, PCM open, FIFO open, worker threads, buffer threads. All threads must be
+    // at rest.
     std::string view(int channel);
     Stage stage;
 
   private:
-    // The channels' mutexes, which they set up when they are made.
+    // The channels' mutexes, which they initialise in their constructors.
     struct Locks : FakeLocks {
         explicit Locks(std::vector<std::string>& journal) : FakeLocks(journal) {
             install();

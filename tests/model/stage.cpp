@@ -10,7 +10,7 @@
 namespace uafd {
 namespace {
 
-// Only ends a test that has failed: a thread that never comes to its next call.
+// Ends only a test that has failed, when a thread never reaches its next call.
 constexpr std::chrono::seconds kRestDeadline{60};
 
 }  // namespace

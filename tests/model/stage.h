@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Holds threads to a script. Every thread on the stage stops at each call that it makes of it, and
-// goes on when the script says so; so at most one of them runs at any time, and between two steps
-// of the script all of them are at rest.
+// Makes threads follow a script. Every thread on the stage stops at each of its calls to the stage
+// and goes on when the script tells it to; so at most one of them runs at any time, and between two
+// steps of the script all of them are at rest.
 #pragma once
 
 #include <condition_variable>
@@ -15,32 +15,34 @@ namespace uafd {
 
 class Stage {
   public:
-    // Ends a thread of the stage from within a call, when the script is over.
+    // Thrown to end a thread of the stage from within a call, when the script is over.
     struct ScriptIsOver {};
 
-    // ---- A thread of the stage ----
+    // ---- For a thread of the stage ----
 
     // Stops at `call` and returns the script's answer. Throws ScriptIsOver.
     std::string call(const std::string& call);
-    // The calling thread's part, such as "worker 0".
+    // The calling thread's part, for example "worker 0".
     static const std::string& part();
-    // Something that the script sees: kept until the next takeEffects().
+    // Reports an effect to the script, which gets it with the next takeEffects().
     void effect(const std::string& text);
 
-    // Gives `part` to a new thread that runs `body`; on the thread that creates it. 0.
+    // Gives `part` to a new thread that runs `body`. Called by the thread that creates it; returns
+    // 0.
     int create(pthread_t* id, const std::string& part, std::function<void()> body);
-    // The part of a thread that was created and not joined.
+    // The part of a thread that was created and not yet joined.
     std::string partOf(pthread_t id);
-    // Joins it, if it has left the stage; whether it has.
+    // Joins the thread if it has left the stage; returns whether it has.
     bool join(pthread_t id);
 
-    // ---- The script, on the test's thread ----
+    // ---- For the script, on the test's thread ----
 
-    // The call at which the part stops; empty when nobody has it, or its thread runs on and on.
+    // The call at which the part has stopped; empty when no thread has the part, or its thread
+    // never stops.
     std::string callOf(const std::string& part);
-    // Lets it go on and waits until it is at rest again.
+    // Lets the thread go on and waits until it is at rest again.
     void answer(const std::string& part, const std::string& answer);
-    // How many threads with this part exist: created and not joined.
+    // How many threads with this part were created and not yet joined.
     int threads(const std::string& part);
     std::vector<std::string> takeEffects();
     // Ends and joins every thread.

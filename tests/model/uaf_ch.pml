@@ -14,7 +14,7 @@ inline queueMsg(c, on) {
 
 /* ---- Requests ---- */
 
-/* intfUpdate(on); a refused request leaves `failed` set. The channel's threads only ask for off. */
+/* intfUpdate(on); sets `failed` if the request is refused. A channel's threads request only off. */
 inline intfUpdate(who, c, on, failed) {
   lookAgain(who, c);
   NOTE("log intfUpdate to %d, current state %d", on, ch[c].state)
@@ -41,8 +41,8 @@ inline requestOff(c) {
   fi
 }
 
-/* The same by the worker, for which lookAgain comes before. Nobody else reads without the lock what
- * it changes, so it is one step. */
+/* An off by the worker, which calls lookAgain before. It is one step, since nobody reads without
+ * the lock what it changes. */
 inline requestOwnOff(c) {
   NOTE("log intfUpdate to 0, current state %d", ch[c].state)
   if
@@ -51,7 +51,7 @@ inline requestOwnOff(c) {
   fi
 }
 
-/* The off of the thread that a stop joins: tries the lock and gives up once the waits are ended. */
+/* An off by the thread that a stop joins: it tries the lock, and gives up once waits end at once. */
 inline requestStop(who, c, tried) {
   NOTE("log intfUpdate to 0, current state %d", ch[c].state)
   if
@@ -107,7 +107,7 @@ inline switchOn(c, failed) {
   if
   :: ch[c].state == RUNNING
   :: ch[c].state == STOPPING ->
-     /* The worker may make passes between the two, and must not count them. */
+     /* Between the two changes the worker may make passes, which it must not count. */
 #ifdef WITH_COUNT_BEFORE_STATE
      atomic { cancel(c); takeCount(c) };
      ch[c].state = RUNNING
@@ -164,7 +164,7 @@ inline start(c, failed) {
   }
 }
 
-/* What becomes of the PCM in a start. */
+/* How opening the PCM ends in a start. */
 inline openPcm(c, failed) {
   STEP {
     assert(!ch[c].pcm);
@@ -207,7 +207,7 @@ inline endStop(c, alert) {
   atomic {
     queueMsg(c, 0);
     NOTE("log UAF channel stopped. Current state is (%d)", ch[c].state)
-    /* The one way in which a channel that is wanted stops: its on came too late to be seen. */
+    /* Only so may a wanted channel stop: its on came too late to be seen. */
     assert(!ch[c].wanted || ch[c].late);
     assert(ch[c].late == (ch[c].state == RUNNING));
     alert = (ch[c].state != STOPPING);
@@ -228,7 +228,7 @@ inline endStop(c, alert) {
   }
 }
 
-/* The thread's first and last moment. */
+/* The thread's first and last step. */
 inline beginWorker(c) {
   PARK atomic { GO(ch[c].workerThread == CREATED) CALL("worker %d begin", c) }
 }

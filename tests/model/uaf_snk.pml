@@ -14,7 +14,7 @@ inline sinkStop(who) {
   closeFifo(SNK)
 }
 
-/* A period that does not come in time is silence, and is written like any other. */
+/* A period that is late is replaced by silence, which is written like any other period. */
 inline pcmRead(failed) {
   STEP {
     assert(ch[SNK].pcm);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 /* UafSrc: the source channel's start and stop, its buffer thread and its worker. */
 
-/* A call of the frame buffer, under its lock. It cannot fail with the sizes in use, but the code has
- * an answer: the lock stays held until the stop is requested. */
+/* A call of the frame buffer, under its lock. With the sizes in use it cannot fail, but the code
+ * handles a failure: the lock stays held until the stop is requested. */
 inline useFrameBuffer(who, failed) {
   PARK
   if
@@ -36,7 +36,7 @@ inline sourceStart(failed) {
     buildFrameBuffer();
     startBufferThread(failed)
   };
-  /* Without its buffer thread the channel starts with no PCM, and stops itself. */
+  /* Without its buffer thread the channel starts without a PCM, and stops itself. */
   if
   :: failed -> failed = false
   :: else -> openPcm(SRC, failed)
@@ -103,7 +103,7 @@ inline bufferPass(failed, over) {
   fi
 }
 
-/* At the end of the file a block of silence goes into the frame buffer. */
+/* At the end of the file the frame buffer gets a block of silence. */
 inline fifoRead(failed, over) {
   if
   :: ch[SRC].fifo
@@ -123,7 +123,7 @@ endRead:
              ch[SRC].transfer = IDLE; closeFifo(SRC); failed = true; break }
         :: atomic { GO(!CONNECTED(SRC) && ch[SRC].transfer == WAITS) CALL("buffer %d read end", SRC)
              ch[SRC].transfer = IDLE; closeFifo(SRC); break }
-        /* It stays interrupted until the next read or the join, which looks at it. */
+        /* The state stays INTERRUPTED until the next read, or until the join, which tests it. */
         :: atomic { GO(ch[SRC].transfer == INTERRUPTED) CALL("buffer %d read interrupted", SRC)
 #ifdef WITH_EINTR_AS_FAILURE
              closeFifo(SRC); failed = true; break

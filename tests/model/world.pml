@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-/* What the daemon lives with. Both are free to do anything in any order, and to be quiet for ever
+/* The daemon's surroundings: host and app may do anything in any order, and fall silent for ever
  * at any time. */
 
 mtype = { bindEvent, unbindEvent, activeEvent };
 
-/* The USB host, where the loop reads its events: they come in any order, repeated and without
- * sense, and one may be the last. */
+/* The USB host, from which the loop reads its events: they come in any order, repeated or
+ * senseless, and any of them may be the last. */
 inline nextEvent(event, c, on, isLast) {
   if
   :: event = bindEvent
@@ -30,8 +30,9 @@ inline appOpens(c) {
   fi
 }
 
-/* The companion app at one FIFO, or several apps: one may replace the FIFO while another holds an end
- * of the old one. No step is ever due: an app may be silent, halted, or gone for good. */
+/* The companion app at one FIFO, or several apps: one may replace the FIFO while another has an
+ * end of the old one open. No step ever has to happen: an app may be silent, halted, or gone for
+ * good. */
 proctype App(byte c) {
   do
   :: PARK
@@ -40,7 +41,7 @@ proctype App(byte c) {
      :: atomic { GO(ch[c].app) CALL("app %d close", c) ch[c].app = false }
      :: atomic { GO(ch[c].transfer == WAITS && CONNECTED(c)) CALL("app %d transfer", c)
           ch[c].transfer = DONE }
-     /* Somebody else's signal to the daemon's thread. */
+     /* A signal to the daemon's thread from elsewhere. */
      :: atomic { GO(ch[c].opening == WAITS) CALL("app %d disturb", c) ch[c].opening = INTERRUPTED }
      :: atomic { GO(ch[c].transfer == WAITS) CALL("app %d disturb", c)
           ch[c].transfer = INTERRUPTED }
@@ -59,7 +60,7 @@ proctype App(byte c) {
      :: atomic { GO(ch[c].kept) CALL("app %d drop", c) ch[c].kept = false }
 #endif
 #ifdef LIVENESS
-     :: ch[c].exists || !ch[c].exists  /* its turn, and it does nothing */
+     :: ch[c].exists || !ch[c].exists  /* it has the turn and does nothing */
 #elif !defined(REPLAY)
      :: break
 #endif
