@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the companion app may do to the IPC service: datagrams of every length and content, receive
-// errors, a socket that takes messages in pieces, not at all or too late; and meanwhile state and
-// other messages from the rest of the daemon, up to a full queue. Gadget requests, sent bytes,
-// pauses and the log must be those of a plain model.
+// What the companion app may do to the IPC service: it sends datagrams of every length and content,
+// and its socket takes messages in pieces, not at all or too late. Receives fail, and the rest of
+// the daemon queues states and other messages, up to a full queue. Gadget requests, sent bytes,
+// pauses and the log must be those of a simple model.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -34,7 +34,7 @@ constexpr size_t kQueueMax = 100;
 constexpr int kRetriesMax = 20;
 constexpr int kPauseS = 5;
 
-// Started once: every run gives it a new queue.
+// Started only once; every run gives it a new queue.
 IpcService& service() {
     static auto* const only = [] {
         auto* const started = new IpcService;
@@ -75,7 +75,7 @@ class ServiceRun {
         hooks.pthread_cond_wait = [](pthread_cond_t*, pthread_mutex_t*) { return EINVAL; };
     }
 
-    // The receive thread ends on most errors; it is run again as long as there is input.
+    // The receive thread ends on most errors; this runs it again while there is input.
     void run() {
         while (!input.empty()) {
             expected.push_back(kIpcLog.debug("rxLoop: starting\n"));
@@ -88,7 +88,7 @@ class ServiceRun {
     }
 
   private:
-    // What happens until the app's next datagram, and that datagram.
+    // Does what happens before the app's next datagram, then returns that datagram.
     ssize_t receive(char* buf, size_t room) {
         require(room == 8, "a record is received");
         for (;;) {
@@ -111,7 +111,7 @@ class ServiceRun {
         }
     }
 
-    // A record as the app should send it, of a type from 0 to 15 and beyond.
+    // A record as the app should send it, of a type from 0 to 15 or higher.
     std::string record(uint8_t argument) {
         const uint32_t type = argument < 16 ? argument : argument < 24 ? 7 : input.number(4);
         const uint32_t data = input.number(argument % 2 == 0 ? 2 : 4);
@@ -179,7 +179,7 @@ class ServiceRun {
         append({2, states[2]});
     }
 
-    // Whether the driver will refuse it is decided by the value.
+    // The value decides whether the driver will refuse it.
     void expectRequest(unsigned long code, uint32_t data) {
         pendingRequests.emplace_back(code, data);
         if (data % 3 == 1) {
@@ -188,10 +188,11 @@ class ServiceRun {
     }
 
     int request(unsigned long code, void* data) {
-        require(!pendingRequests.empty(), "a request is made for a message");
+        require(!pendingRequests.empty(), "each request follows a message");
         uint32_t value = 0;
         memcpy(&value, data, sizeof value);
-        require(pendingRequests.front() == std::make_pair(code, value), "it is the message's");
+        require(pendingRequests.front() == std::make_pair(code, value),
+                "the request is the message's");
         pendingRequests.pop_front();
         errno = ENOTTY;
         return value % 3 == 1 ? -1 : 0;
@@ -225,7 +226,7 @@ class ServiceRun {
         waiting.back() = message;
     }
 
-    // Runs the transmit thread until nothing waits for the app.
+    // Runs the transmit thread until no message waits for the app.
     void drain() {
         expected.push_back(kIpcLog.debug("txLoop: starting\n"));
         service().runTx();
@@ -234,7 +235,7 @@ class ServiceRun {
         expected.push_back(kIpcLog.error("txLoop: conditional wait failed: 22\n"));
     }
 
-    // One attempt on the oldest message: what the app's socket makes of it.
+    // One attempt to send the oldest message: how the app's socket reacts.
     ssize_t send(const char* data, size_t n) {
         require(!waiting.empty(), "only what waits is sent");
         require(pauseLeftS == 0, "a retry comes after its pause");
@@ -284,7 +285,7 @@ class ServiceRun {
         attempts = retries = 0;
     }
 
-    // A pause may be broken off by a signal after any of its seconds.
+    // A pause that a signal may interrupt after any of its seconds.
     int pause(const timespec& wanted, timespec& left) {
         require(wanted.tv_sec == pauseLeftS && wanted.tv_nsec == 0, "the pause lasts five seconds");
         const int slept = input.byte() % 16;

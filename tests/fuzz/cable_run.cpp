@@ -16,7 +16,7 @@ namespace {
 constexpr int kNetlinkFd = 903;
 constexpr int kPropertyFd = 1000;
 
-// Started once: the queue of messages belongs to the process.
+// Started only once, as the queue of messages belongs to the process.
 IpcService& service() {
     static auto* const only = [] {
         auto* const started = new IpcService;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The cable monitor on faked sockets, properties and state files, its endless loop run on this
-// thread until the target has no more input. One a time.
+// The cable monitor on faked sockets, properties and state files; its endless loop runs on this
+// thread until the target has no more input. One at a time.
 #pragma once
 
 #include <functional>
@@ -18,7 +18,7 @@
 
 namespace uafd::fuzz {
 
-// The line of a failed receive, which on the board with the watched controller is a tick.
+// The line about a failed receive; on the board with the watched controller this is a tick.
 fake_log::Line cableReceiveError(bool watched, int error);
 
 extern const char kCableUsbFile[];
@@ -28,27 +28,27 @@ class CableRun {
   public:
     CableRun();
 
-    // Starts the monitor and runs it. `receive` is called for each message; it calls end() when
-    // there is none.
+    // Starts and runs the monitor. `receive` is called for each message; it calls end() when there
+    // are no more.
     void run(const std::function<ssize_t(msghdr&)>& receive);
     [[noreturn]] void end() { loop.leave(); }
     ssize_t fail(int error);
-    // The next of a property's text, as much as there is room for.
+    // The next part of a property's text, as much as fits.
     ssize_t readProperty(int fd, void* data, size_t room);
 
-    // What the daemon queued for the app; the log is lost.
+    // The messages that the daemon queued for the app; clears the log.
     static std::vector<IpcService::Message> takeMessages();
 
     std::map<std::string, std::string> properties;  // by path
     FakeFiles files;
     std::vector<std::string> commands;
-    bool watched = false;  // the socket was given the timeout that paces the check
+    bool watched = false;  // the socket got the timeout that paces the check
 
   private:
     Faked faked;
     EndlessLoop loop;
     std::vector<std::string>
-        openProperties;  // the rest of each; descriptors count from kPropertyFd
+        openProperties;  // what is left to read of each; descriptors count from kPropertyFd
     FakeThreads threads;
 };
 

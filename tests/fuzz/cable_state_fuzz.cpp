@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the two state files that the cable monitor reads may hold or refuse, at its start and at
-// each tick of its check. Log, messages to the app and restarts must follow from the texts'
-// beginnings.
+// What the two state files of the cable monitor may contain or refuse, at its start and at each
+// tick of its check. Log, messages to the app and restarts must follow from the beginnings of the
+// texts.
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -18,7 +18,7 @@ namespace {
 using fake_log::kCableLog;
 using fuzz::require;
 
-constexpr size_t kLineCharacters = 31;  // that are read of a state file
+constexpr size_t kLineCharacters = 31;  // the most that is read of a state file
 
 const std::string kWords[] = {"CONFIGURED\n",
                               "DISCONNECTED\n",
@@ -38,7 +38,7 @@ bool beginsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// What of a file counts: its first line, as far as it is read, up to a terminator within it.
+// The part of a file that counts: its first line, as far as it is read, up to a zero byte.
 std::string lineOf(const std::string& text) {
     const std::string line = text.substr(0, std::min(text.find('\n') + 1, text.size()));
     return std::string((line.empty() ? text : line).substr(0, kLineCharacters).c_str());
@@ -110,7 +110,7 @@ class StateRun {
         }
     }
 
-    // A line that a failing read cannot take back: it ends, or fills the buffer, before that.
+    // Whether a line is complete before a later read can fail: it ends by then or fills the buffer.
     static bool isWhole(const std::string& text) {
         return text.find('\n') < kLineCharacters || text.size() >= kLineCharacters;
     }

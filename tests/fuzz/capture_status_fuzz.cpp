@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sound card's id and the microphone's status file may hold or refuse, and the clock when
-// periods arrive. The start time, each period's verdict and the log must be those of a plain
-// reading.
+// What the sound card's id and the microphone's status file may contain or refuse, and what the
+// clock may show when periods arrive. The start time, the verdict on each period and the log must
+// be those of a simple reading.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -49,8 +49,8 @@ const std::string kWords[] = {std::string(1, '\0'),
                               "state: RUNNING\ntstamp      : 1700000000.123456789\n",
                               "state: RUNNING\ntstamp      : "};
 
-// A file, and its lines as they are read: none of more than kLineCharacters, the last one lost when
-// reading breaks off in it.
+// A file, and its lines as they are read: none longer than kLineCharacters, and the last one lost
+// when the read fails within it.
 struct TextFile {
     std::vector<std::string> lines() const {
         std::vector<std::string> all;
@@ -72,7 +72,7 @@ struct TextFile {
     bool breaksOff = false;
 };
 
-// "tstamp", ":", seconds, ".", nanoseconds, with white space where a scan skips it.
+// "tstamp", ":", seconds, ".", nanoseconds, with white space wherever a scan skips it.
 bool scan(const std::string& line, long& seconds, long& fraction) {
     const auto skip = [&line](size_t at) {
         return std::min(line.find_first_not_of(" \t\n\v\f\r", at), line.size());
@@ -112,7 +112,7 @@ class CaptureRun {
 
     void run() {
         const int64_t startNs = timestamp();
-        errno = 0;  // an empty file is reported with the error before it
+        errno = 0;  // an empty file is reported with the errno of an earlier call
         require(UafSnk::micCaptureTimestamp() == startNs, "the start time is the file's");
         fuzz::requireLog(expected);
         expected.clear();
@@ -150,7 +150,7 @@ class CaptureRun {
         return file;
     }
 
-    // The start time, and what is logged meanwhile.
+    // Reads the start time and checks the log.
     int64_t timestamp() {
         const std::vector<std::string> ids = id.lines();
         if (id.missing || ids.empty()) {
@@ -190,7 +190,7 @@ class CaptureRun {
         return -1;
     }
 
-    // A period, or as many without frames as leave a few tries.
+    // A period, or as many periods without frames as leave a few tries.
     void period(int64_t startNs) {
         const uint8_t how = input.byte();
         const int times = how == 255 ? kTries - 2 : 1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the gadget control device may deliver: records of any content, reads of any length and with
-// any error, while cards come and go, starts fail and workers run. The line of each event with the
-// loop's counters, what the channels are asked to do and every message must be a plain model's.
+// any error, while cards come and go, starts fail and workers run. The line about each event with
+// the loop's counters, the calls of the channels and every message must be those of a simple model.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -37,7 +37,7 @@ std::string printable(const char* text) {
     return text != nullptr ? text : "";
 }
 
-// A channel without its stream: starting is a matter of `startResult`.
+// A channel without its stream: `startResult` decides whether a start succeeds.
 template <typename Channel>
 class BareChannel : public Channel {
   public:
@@ -52,15 +52,15 @@ class BareChannel : public Channel {
     int currentState() const { return this->state.load(); }
 
     int startResult = 0;
-    std::vector<std::string> starts;  // with the names at that time
+    std::vector<std::string> starts;  // the names at that time
     int stops = 0;
 };
 
-// What one channel should be doing.
+// What one channel should do.
 struct ChannelModel {
     bool isOn() const { return state != 3; }
 
-    // On or off, as the gadget asks for it.
+    // The gadget asks for on or off.
     void update(bool on, int startResult, std::vector<Message>& messages) {
         if (names.empty()) {
             return;
@@ -80,7 +80,7 @@ struct ChannelModel {
         state = 1;
     }
 
-    // One look of the worker at whether it goes on.
+    // The worker checks once whether to go on.
     bool pass(std::vector<Message>& messages) {
         if (state != 2 || --passesLeft > 0) {
             return true;
@@ -125,7 +125,7 @@ class DeviceRun {
     }
 
   private:
-    // One read, and what has happened to the world before it.
+    // Changes the world, then makes one read.
     ssize_t next(char* data) {
         checkLine();
         require(src.currentState() == mic.state && snk.currentState() == speaker.state,
@@ -145,7 +145,7 @@ class DeviceRun {
         return size;
     }
 
-    // Most changes are none.
+    // Most values change nothing.
     void changeWorld(int change) {
         switch (change) {
             case 8:
@@ -178,7 +178,7 @@ class DeviceRun {
         }
     }
 
-    // Up to 8 raw bytes; an error; or a whole record in short form.
+    // Delivers up to 8 raw bytes, an error, or a whole record in short form.
     ssize_t deliver(int how, char* data) {
         if (how == 9) {
             errno = fuzz::errorOf(input.byte());
@@ -284,7 +284,7 @@ class DeviceRun {
     BareChannel<UafSnk> snk;
     EventLoop events{src, snk};
     fuzz::EndlessLoop loop;
-    // The world and what the daemon should know of it.
+    // The world, and what the daemon should know about it.
     int card = 1;
     int bound = -1;
     int bindcnt = 0;

@@ -12,7 +12,7 @@
 namespace uafd::fuzz {
 
 Faked::Faked() {
-    testing::GTEST_FLAG(break_on_failure) = true;  // what a fake complains of ends the run
+    testing::GTEST_FLAG(break_on_failure) = true;  // a fake's complaint ends the run
 }
 
 Faked::~Faked() {

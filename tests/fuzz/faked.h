@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An execution on faked system calls: afterwards none is faked, because the fuzzer makes calls of
+// One execution on faked system calls. Afterwards none is faked, because the fuzzer makes calls of
 // its own, and the log is empty again.
 #pragma once
 
@@ -23,17 +23,17 @@ struct Faked {
     Faked& operator=(const Faked&) = delete;
 };
 
-// Lets fopen find these files, but lets the fuzzer write down an input that fails.
+// Makes fopen find these files, but still lets the fuzzer save an input that fails.
 void installFiles(FakeFiles& files);
 
-// Errors that a call of the kernel may give, by any number.
+// An errno that a system call may return, chosen by any number.
 int errorOf(uint8_t number);
 
 // The log must hold exactly these lines; it is empty afterwards.
 void requireLog(const Lines& expected);
 void requireLines(const Lines& expected, const Lines& actual);
 
-// Runs a loop that has no end, and leaves it out of a system call that it makes.
+// Runs an endless loop, and leaves it from within one of its system calls.
 class EndlessLoop {
   public:
     template <typename Body>
@@ -42,7 +42,7 @@ class EndlessLoop {
             body();
         }
     }
-    // Does not return. Nothing on the stack between here and run() may want its destructor.
+    // Does not return. No object on the stack between here and run() may need its destructor.
     [[noreturn]] void leave() { longjmp(beginning, 1); }
 
   private:

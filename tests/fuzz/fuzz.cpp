@@ -56,17 +56,17 @@ int32_t Input::size(int32_t limit) {
 
 }  // namespace fuzz
 
-// Executions are short and many: remembering how each block came to be allocated, and keeping
-// megabytes of freed ones from being used again, would take most of the time. With fewer than two
-// callers remembered no leak would be found.
+// Executions are short and many. It would take most of the time to remember the stack of each
+// allocation and to keep megabytes of freed blocks out of use. With fewer than two callers
+// remembered, no leak would be found.
 extern "C" const char* __asan_default_options() {
     return "malloc_context_size=2:quarantine_size_mb=1:thread_local_quarantine_size_kb=64:"
            "max_malloc_fill_size=64";
 }
 
-// The target's own options stand before those of the command line, which override them. Without a
-// memory limit the fuzzer has no second thread, which would meet the calls that a target fakes.
-// Leaks are looked for once, at the end of the process, instead of after each execution.
+// The target's own options come before the command line's, which override them. Without a memory
+// limit the fuzzer starts no second thread, whose calls the target would fake. Leaks are searched
+// for once, at the end of the process, instead of after each execution.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     static std::string options[] = {"-max_len=" + std::to_string(fuzz::kMaxInputBytes),
                                     "-rss_limit_mb=0", "-timeout=600", "-report_slow_units=600",
@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     }
     *argc = static_cast<int>(arguments.size());
     *argv = arguments.data();
-    // What the fakes complain of ends in a trap, which the fuzzer itself would not catch.
+    // A fake's complaint ends in a trap, which the fuzzer itself would not catch.
     signal(SIGTRAP, [](int) { abort(); });
     return 0;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every fuzz target is made of: the input read from front to back, the way to fail, and the
-// options that belong to the target. One thread.
+// The parts of every fuzz target: the input, read from front to back, the way to fail, and the
+// target's own options. One thread.
 #pragma once
 
 #include <cstddef>
@@ -9,15 +9,15 @@
 
 namespace uafd::fuzz {
 
-// The longest input, in bytes; each target defines it with its input's format in mind.
+// The longest input, in bytes; each target defines it to suit its input's format.
 extern const int kMaxInputBytes;
 
-// Ends the run when the condition does not hold; the fuzzer keeps the input.
+// Ends the run when the condition does not hold; the fuzzer saves the input.
 void require(bool condition, const char* what);
-// The same for two texts, which are shown.
+// Ends the run when the texts differ, and shows both.
 void requireSame(const std::string& expected, const std::string& actual, const char* what);
 
-// The input, consumed from its front; behind its end come zeros.
+// The input, consumed from its front; after its end come zeros.
 class Input {
   public:
     Input(const uint8_t* data, size_t size) : next(data), end(data + size) {}
@@ -25,10 +25,10 @@ class Input {
     bool empty() const { return next == end; }
     uint8_t byte() { return next == end ? uint8_t{0} : *next++; }
     uint32_t number(int bytes);
-    // Up to `n` bytes: fewer where the input ends.
+    // Up to `n` bytes; fewer at the end of the input.
     std::string text(size_t n);
-    // One byte: a small number mostly; beyond those the numbers that break limits, `limit` and its
-    // neighbours among them.
+    // Takes one byte. Mostly a small number; otherwise a number that tests limits, among them
+    // `limit` and its neighbours.
     int32_t size(int32_t limit);
 
   private:

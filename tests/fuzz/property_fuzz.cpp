@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a property may be called and hold, however its file is read: in pieces, with interruptions,
-// up to an error. Then the cable monitor with two such values: the controller's decides on the
-// check, and the configuration's goes into a shell's command line only when it is harmless there.
+// What names and values a property may have, however its file is read: in pieces, with
+// interruptions, up to an error. Then the cable monitor with two such values: that of the
+// controller decides whether it checks the cable, and the configuration goes into a shell's command
+// line only when it is harmless there.
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -76,7 +77,7 @@ class PropertyRun {
     }
 
   private:
-    // As it reaches the call: up to a terminator, and long at times.
+    // The name as the call gets it: up to a zero byte, and sometimes long.
     static std::string nameOf(const std::string& text) {
         std::string name = text.substr(0, text.find('\0'));
         while (name.size() > kValueMax && name.size() < kNameLengthMax) {
@@ -95,7 +96,7 @@ class PropertyRun {
         require(static_cast<size_t>(length) == lastValue.size(), "its length is returned");
     }
 
-    // One piece of a file, an interruption, or the error that ends the value.
+    // Returns a piece of the file, an interruption, or the error that ends the value.
     ssize_t read(int fd, void* data, size_t room) {
         require(!ended && room == kValueMax - delivered.size(), "a value is read until it ends");
         const uint8_t how = input.byte();
@@ -162,10 +163,10 @@ class PropertyRun {
 
     fuzz::Input& input;
     fuzz::CableRun cable;
-    std::string delivered;  // of the file that is open
-    bool ended = false;     // it has no more
-    int finished = 0;       // files read
-    std::string lastValue;  // that they gave
+    std::string delivered;  // of the open file
+    bool ended = false;     // the open file has no more
+    int finished = 0;       // how many files were read
+    std::string lastValue;  // what they contained
 };
 
 }  // namespace

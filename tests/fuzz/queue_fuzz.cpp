@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The byte queue beside its model, in any sequence of calls: null pointers, lengths of every kind,
-// storage attached again with and without a clearing, a context initialised again in mid-life.
-// Codes, depth, delivered bytes, positions and the storage's every byte must be the model's.
+// storage attached again with and without clearing, a context initialised again in use. Codes,
+// depth, delivered bytes, positions and every byte of the storage must be the model's.
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -19,7 +19,7 @@ namespace {
 using fuzz::require;
 
 constexpr int32_t kStorageMax = 512;
-constexpr int32_t kLengthMax = 1024;  // that the memory behind a pointer has
+constexpr int32_t kLengthMax = 1024;  // the size of the memory behind a pointer
 
 class QueueRun {
   public:
@@ -63,7 +63,7 @@ class QueueRun {
 
     int32_t length() { return input.size(static_cast<int32_t>(model.storage.size())); }
 
-    // The pointers of a refused call are never followed: they lead nowhere.
+    // A refused call never follows its pointers: these lead nowhere.
     void refuseNullContext() {
         const int32_t n = length();
         uint8_t* const nowhere = n % 2 == 0 ? nullptr : reinterpret_cast<uint8_t*>(8);
@@ -79,7 +79,7 @@ class QueueRun {
         const int32_t size = length();
         const bool usable = haveStorage && size > 0 && size <= kStorageMax;
         if (haveStorage && size > kStorageMax && size % 4 == 0) {
-            return;  // would be taken, and there is no such memory
+            return;  // it would be accepted, and there is no such memory
         }
         std::vector<uint8_t> given(usable ? static_cast<size_t>(size) : 1);
         std::generate(given.begin(), given.end(), [this] { return nextByte(); });
@@ -94,7 +94,7 @@ class QueueRun {
     void enqueue(bool haveSource) {
         const int32_t n = length();
         std::vector<uint8_t> block(static_cast<size_t>(std::clamp(n, 0, kLengthMax)) + 1);
-        block.pop_back();  // memory of exactly `n` bytes, but never a null pointer
+        block.pop_back();  // exactly `n` bytes of memory, but never a null pointer
         std::generate(block.begin(), block.end(), [this] { return nextByte(); });
         const uint8_t* const source = haveSource ? block.data() : nullptr;
         require(QUEUE_EnqueueFromBuff(ctx.get(), source, n) == model.enqueue(source, n),

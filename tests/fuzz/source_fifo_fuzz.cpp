@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the companion app may do with the FIFO that the source reads: pieces of every size, a closed
 // end, errors, a FIFO that does not open; signals, with and without a stop; and a frame buffer that
-// refuses. Every block that reaches the frame buffer must be the left channel of the bytes read,
-// over what earlier reads left there.
+// refuses blocks. Every block for the frame buffer must be the left channel of the bytes read,
+// written over what earlier reads left there.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -26,12 +26,12 @@ namespace {
 using fake_log::kSourceLog;
 using fuzz::require;
 
-constexpr char kFifoPath[] = "/nowhere/fifo";  // nothing real may stand there
+constexpr char kFifoPath[] = "/nowhere/fifo";  // a path where nothing real can be
 constexpr int kFifoFd = 77;
 constexpr size_t kBlockBytes = 1920;
 constexpr size_t kBlockFrames = 480;
 
-// Bytes of which no two pieces are the same.
+// Bytes of which no two pieces are equal.
 const uint8_t* noise() {
     static const std::vector<uint8_t> kBytes = [] {
         std::vector<uint8_t> made(16 * 256 + 4096 * 8 + kBlockBytes);
@@ -69,7 +69,7 @@ class SourceRun {
         source.setDevName(kFifoPath, "hw:1");
     }
 
-    // A start that finds no card leaves its buffer thread, which is all that is wanted here.
+    // A start that finds no card leaves its buffer thread behind, which is all that this needs.
     void run() {
         require(source.intfUpdate(true) == -1 && threads.created.size() == 1,
                 "the thread is created");
@@ -99,7 +99,7 @@ class SourceRun {
             return -1;
         }
         expected.push_back(kSourceLog.debug("/nowhere/fifo opened buffer size 4096\n"));
-        openFd = how >= 224 ? 0 : kFifoFd;  // 0 counts as closed, but for the read then
+        openFd = how >= 224 ? 0 : kFifoFd;  // 0 counts as closed, except for the next read
         justOpened = true;
         return openFd;
     }
@@ -128,7 +128,7 @@ class SourceRun {
         return size;
     }
 
-    // By a signal: the last one is a stop's, any other has no effect.
+    // A signal interrupts the call: the last signal is a stop's, others have no effect.
     int interrupt() {
         if (input.empty()) {
             stop();
@@ -142,7 +142,7 @@ class SourceRun {
         source.uafStop();
     }
 
-    // A whole block, or the few bytes at either end of the scale, or any number.
+    // A whole block, a few bytes, almost a block, or any number.
     size_t pieceOf(uint8_t how) {
         if (how < 64 || input.empty()) {
             return kBlockBytes;
@@ -152,7 +152,7 @@ class SourceRun {
                            : 1 + input.number(2) % kBlockBytes;
     }
 
-    // The frame buffer: gets each block once, and has its own opinion of it.
+    // Stands for the frame buffer: gets each block once, and may refuse it.
     int32_t take(const int16_t* samples, int32_t n) {
         require(blockDue && n == kBlockFrames, "a block follows each read");
         blockDue = false;
@@ -190,7 +190,7 @@ class SourceRun {
     FakeThreads threads;
     UafSrc source;
     fuzz::Lines expected;
-    std::vector<int16_t> block;  // what the source's own must hold
+    std::vector<int16_t> block;  // what the source's own block must contain
     bool blockDue = false;
     int openFd = -1;
     bool justOpened = false;

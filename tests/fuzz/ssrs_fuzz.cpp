@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The frame stream buffer beside its model, in any sequence of calls: null pointers, frames,
-// ranges, storage and blocks of every size, a context initialised again in mid-life, and the two
+// ranges, storage and blocks of every size, a context initialised again in use, and the two
 // switches that only a debugger sets. Codes, frames, every statistic and what the queue holds must
 // be the model's.
 #include <algorithm>
@@ -22,14 +22,14 @@ using fuzz::require;
 using Samples = SsrsModel::Samples;
 
 constexpr int32_t kStorageMax = 1024;
-constexpr int32_t kToneRoom = 15;  // that a frame needs behind its end while the tone is on
+constexpr int32_t kToneRoom = 15;  // the room that a frame needs after its end while the tone is on
 
 class SsrsRun {
   public:
     explicit SsrsRun(fuzz::Input& input)
         : input(input), memory(SSRS_GetContextSize() / sizeof(uint64_t)) {
         makeContext();
-        setFrameSize(16);  // the size that a context begins with costs time and shows no more
+        setFrameSize(16);  // the initial size costs time and shows nothing more
     }
 
     void step() {
@@ -69,7 +69,7 @@ class SsrsRun {
 
     int32_t length() { return input.size(static_cast<int32_t>(model.length)); }
 
-    // The pointers of a refused call are never followed: they lead nowhere.
+    // A refused call never follows its pointers: these lead nowhere.
     void refuseNullContext() {
         const int32_t n = length();
         auto* const nowhere = n % 2 == 0 ? nullptr : reinterpret_cast<int16_t*>(8);
@@ -106,7 +106,7 @@ class SsrsRun {
     void attach() {
         const int32_t len = input.size(kStorageMax);
         if (len > kStorageMax) {
-            return;  // would be taken, and there is no such memory
+            return;  // it would be accepted, and there is no such memory
         }
         storages.emplace_back(static_cast<size_t>(std::max(len, 1)), int16_t{7});
         require(SSRS_SetQBuff(ctx, storages.back().data(), len) == model.setQBuff(true, len),
@@ -122,7 +122,7 @@ class SsrsRun {
                 "SetQDepth returns the model's code");
     }
 
-    // A block of samples that differ much or little, by turns.
+    // A block of samples that alternately differ much or little.
     void write(uint8_t call) {
         const int32_t n = length();
         Samples block(static_cast<size_t>(std::clamp(n, 1, kStorageMax)));
@@ -159,7 +159,7 @@ class SsrsRun {
     std::vector<uint64_t> memory;
     SSRS_Ctx* ctx = nullptr;
     SsrsModel model;
-    std::list<Samples> storages;  // all of them: an odd one leaves its predecessor in use
+    std::list<Samples> storages;  // all of them: one of an odd size leaves the one before in use
     uint32_t filling = 0;
 };
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What may arrive on the uevent socket: bytes of any kind and length, from anybody, cut short, and
-// errors. Every message must give the one log line, and the app the messages, that a plain reading
-// of the text gives.
+// What may arrive on the uevent socket: bytes of any kind and length, from any sender, truncated,
+// and errors. Every message must give the one log line, and the messages to the app, that follow
+// from a simple reading of the text.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -26,8 +26,8 @@ using Message = IpcService::Message;
 constexpr size_t kParamsMax = 32;
 constexpr char kController[] = "/run/properties/sys.usb.controller";
 
-// What the bytes below the space stand for, so that the words of a uevent are within reach; 0 and
-// 18 end a field.
+// What the bytes below the space stand for, so that inputs easily contain the words of a uevent; 0
+// and 18 end a field.
 const std::string kWords[] = {std::string(1, '\0'),
                               "change@/devices/virtual/android_usb/android0",
                               "ACTION=",
@@ -61,7 +61,7 @@ bool beginsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// A uevent as its text says.
+// What a uevent's text says.
 struct Reading {
     explicit Reading(const std::string& bytes) {
         std::istringstream strings(bytes);
