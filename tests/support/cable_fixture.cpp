@@ -115,7 +115,7 @@ void Fixture::run(CableMon& monitored, std::vector<Receive> answers) {
     EXPECT_EQ(answers.size(), next);
 }
 
-// Each message must come with everything set up again; all of it is spoilt for the next.
+// Each message must arrive with all fields set again, so each answer overwrites all of them.
 ssize_t Fixture::answer(const Receive& receive, int fd, msghdr& header, int flags) {
     EXPECT_EQ(kNetlinkSocket, fd);
     EXPECT_EQ(0, flags);

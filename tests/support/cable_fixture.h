@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The cable monitor with its real thread on scripted uevents, with state files and properties in a
-// folder of the test's own, and the real message queue behind it. What the thread notes is read
-// when it is gone.
+// The cable monitor with its real thread on scripted uevents, with state files and properties in
+// the test's own folder, and with the real message queue. Read the thread's results only when it
+// has ended.
 #pragma once
 
 #include <functional>
@@ -36,7 +36,7 @@ inline const fake_log::Line kTickLine = kCableLog.debug(
     "recvmsg error: <-1:11:Resource temporarily unavailable> - likely a timeout for RK-based "
     "SoC\n");
 
-// One answer of the uevent socket.
+// One answer from the uevent socket.
 struct Receive {
     std::string bytes;
     ssize_t result = 0;
@@ -49,7 +49,7 @@ struct Receive {
 
 inline const Receive kTick = {"", -1, EAGAIN};
 
-// A message of these strings, each with its end.
+// A message of these strings, each with a zero byte after it.
 Receive uevent(std::initializer_list<std::string> strings);
 Receive usbState(const std::string& state);
 fake_log::Line usbStateLine(const std::string& state);
@@ -62,17 +62,17 @@ class Fixture : public fake_sys::Test {
     void fakeFiles();
     void fakeSocket();
 
-    // Starts the monitor on these answers; its thread is gone when they are used up.
+    // Starts the monitor on these answers; its thread ends when they are used up.
     void run(CableMon& monitor, std::vector<Receive> answers);
     void run(std::vector<Receive> answers) { run(monitor, std::move(answers)); }
 
     void setUsb(const std::string& line) { folder.write("usb", line); }
     void setPlug(const std::string& line) { folder.write("plug", line); }
 
-    // A tick of the check that finds these lines.
+    // A tick of the check that finds these lines in the state files.
     Receive check(const std::string& usb, const std::string& plug);
 
-    // The log behind the start of the loop.
+    // The log's lines after the loop's first one.
     static Lines linesInLoop();
 
     TempDir folder;

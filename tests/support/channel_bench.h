@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A channel for tests of the base's life cycle: its lock, its threads and its messages appear in a
-// journal in the order of the calls. No thread is made: a test calls the worker's part itself.
+// A channel for tests of the base class's life cycle: its lock, its threads and its messages appear
+// in a journal in the order of the calls. No thread is created: a test calls the worker's part
+// itself.
 #pragma once
 
 #include <functional>
@@ -22,8 +23,8 @@ constexpr char kFifoPath[] = "/tmp/usbAudioFifoTx";
 constexpr char kPcmName[] = "hw:1";
 constexpr pthread_t kOldWorker = 41;
 
-// The smallest channel: the base with a stream that only notes what the base asks of it. What the
-// base keeps for derived channels and for itself lies open to tests.
+// The smallest channel: the base class with a stream that only notes what the base asks for. Tests
+// can access the base's protected and private members.
 class TestChannel : public UafCh {
   public:
     static constexpr int kMsgType = 7;
@@ -81,7 +82,7 @@ class Test : public fake_alsa::Test {
     void TearDown() override;
 
     void start();
-    // Running, then switched off: as before the first isRunning.
+    // Starts the channel and switches it off; it is then just before its first isRunning.
     void startAndSwitchOff();
     void runToStop();
     // Empties journal, log and messages.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fixture of tests that run both channels with their real threads, locks and FIFOs. The sound
-// card is the fake one, whose time passes only when a thread waits for it.
+// card is fake; its time passes only when a thread waits for it.
 #pragma once
 
 #include <atomic>
@@ -44,7 +44,7 @@ class Open : public Channel {
   public:
     int currentState() const { return this->state.load(); }
     bool hasStopped() const { return currentState() == UAFCH_STOPPED; }
-    // What the next start does: joins the finished worker.
+    // Joins the finished worker, as the next start does.
     void joinWorker() {
         pthread_mutex_lock(&this->intfMutex);
         if (this->joinPending) {
@@ -63,19 +63,19 @@ class ChannelLifecycleTest : public fake_alsa::Test {
     void makeFifos();
     void setNames();
 
-    // For a channel that is on, without the app: a FIFO in the place of the one that it opens.
+    // Puts a new FIFO in the place of the one on which a channel that is on waits for the app.
     void replaceOnceWaitedOn(const std::string& fifo);
-    // Both types' on and off messages must alternate, an on first.
+    // Both channels' on and off messages must alternate, beginning with an on.
     void expectAlternatingMessages();
     static int logged(int priority, const char* tag, const std::string& text);
 
     const TempDir directory;
     const std::string sourceFifo = directory.path() + "/tx";
     const std::string sinkFifo = directory.path() + "/rx";
-    std::atomic<pid_t> openerTid{0};  // of the thread that opened a file last
+    std::atomic<pid_t> openerTid{0};  // of the thread that last opened a file
     Open<UafSrc> source;
     Open<UafSnk> sink;
-    // In each pass of a worker.
+    // Called in each pass of a worker.
     std::function<void()> atWait = [] {};
     std::atomic<int16_t> lastPlayed{0};
 };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program as a child of the test's, its standard output and error in files. One thread.
+// A program as a child process of the test, with its standard output and error in files. One
+// thread.
 #pragma once
 
 #include <csignal>
@@ -29,7 +30,7 @@ class ChildProcess {
             run(std::move(command), prepare);
         }
     }
-    // Ends it when it still runs.
+    // Kills the process if it still runs.
     ~ChildProcess() {
         if (pid > 0) {
             send(SIGKILL);
@@ -40,7 +41,7 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     void send(int signal) const { kill(pid, signal); }
-    // Its exit status when it has ended, 128 and the signal when that ended it.
+    // Waits for the end. Returns the exit status, or 128 plus the signal that ended the process.
     int wait() {
         int status = 0;
         waitpid(std::exchange(pid, -1), &status, 0);
@@ -53,7 +54,7 @@ class ChildProcess {
   private:
     [[noreturn]] void run(std::vector<std::string> command,
                           const std::function<void()>& prepare) const {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves nothing behind
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // so that a test that dies leaves nothing behind
         std::vector<char*> words;
         for (std::string& word : command) {
             words.push_back(word.data());

@@ -17,7 +17,8 @@ class CompanionTest : public fake_sys::Test {
     using Event = std::pair<uafd_event_type, int>;
 
     int open(unsigned parts = UAFD_ALL) { return companion.open(parts, folder.path().c_str()); }
-    // Opens them beside a daemon, which is told of and asked for its states.
+    // Opens the parts beside a daemon. The daemon's start has been reported, and the request for
+    // its states is discarded.
     void openBesideDaemon(unsigned parts = UAFD_ALL) {
         daemon.bindSocket();
         ASSERT_EQ(0, open(parts));
@@ -28,7 +29,7 @@ class CompanionTest : public fake_sys::Test {
         openBesideDaemon();
         ASSERT_TRUE(daemon.openFifos());
     }
-    // All that there are.
+    // All events that are waiting.
     std::vector<Event> takeEvents() {
         std::vector<Event> events;
         while (const auto event = companion.nextEvent()) {
@@ -36,7 +37,7 @@ class CompanionTest : public fake_sys::Test {
         }
         return events;
     }
-    // What poll says of a descriptor at once.
+    // What poll returns at once for a descriptor.
     static int pollNow(int fd) {
         pollfd source{fd, POLLIN | POLLOUT, 0};
         poll(&source, 1, 0);

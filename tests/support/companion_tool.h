@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion tool as a process beside the daemon's ends, in a folder of the test's.
+// The companion tool as a process beside the daemon's ends, in the test's folder.
 #pragma once
 
 #include <csignal>
@@ -23,21 +23,21 @@ class ToolTest : public testing::Test {
   protected:
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
 
-    // Starts it; its folder is the test's.
+    // Starts the tool in the test's folder.
     ChildProcess& start(std::vector<std::string> words, const std::function<void()>& prepare = {});
     int run(const std::vector<std::string>& words) { return start(words).wait(); }
-    // Real time: the tool is a process of its own.
+    // Waits in real time, as the tool is a process of its own.
     static bool waitFor(const std::function<bool()>& condition);
     bool waitForFile(const std::string& name);
     std::string file(const std::string& name) const { return folder.path() + "/" + name; }
 
-    // `format` is libsndfile's.
+    // `format` is one of libsndfile's.
     static void writeWav(const std::string& path, const Samples& samples, int channels, int rate,
                          int format = SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    // Nothing for a file that cannot be read.
+    // Empty for a file that cannot be read.
     static Samples readWav(const std::string& path, SF_INFO* info);
     static Samples ramp(size_t count);
-    // The left samples of what the tool says, block by block, until the condition holds.
+    // The left samples of the tool's sound, block by block, until the condition holds.
     Samples recordUntil(const std::function<bool(const Samples&)>& condition);
 
     TempDir folder;

@@ -36,7 +36,7 @@ std::future<void> DaemonEnds::beginOpening() {
 
 bool DaemonEnds::finishOpening(std::future<void> opening) const {
     const bool opened = opening.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    if (!opened) {  // lets it out
+    if (!opened) {  // ends the wait
         for (const char* name : {"FifoRx", "FifoTx"}) {
             rescue(path(name), opening);
         }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's ends of what it shares with a companion app, in a folder of the test's own: opened
-// and used as the daemon does it, and nothing else of a daemon. One thread.
+// The daemon's ends of the FIFOs and sockets that it shares with a companion app, in the test's own
+// folder: opened and used as the daemon does, without the rest of a daemon. One thread.
 #pragma once
 
 #include <cstdint>
@@ -26,26 +26,26 @@ class DaemonEnds {
 
     std::string path(const std::string& name) const { return folder + "/usbAudio" + name; }
 
-    // As a process's end; what is bound stays in the file system.
+    // Closes everything, like the end of a process: a bound socket stays in the file system.
     void end();
     void bindSocket();
-    // Without O_NONBLOCK, in the daemon's order; true when neither had to wait for ever.
+    // Opens without O_NONBLOCK, in the daemon's order; true when neither open waited for ever.
     bool openFifos() { return finishOpening(beginOpening()); }
     std::future<void> beginOpening();
     bool finishOpening(std::future<void> opening) const;
 
     void play(const void* bytes, size_t size);
     void play(const std::vector<int16_t>& samples);
-    // What one read of the microphone's FIFO gives, which must have something.
+    // What one read of the microphone's FIFO returns; there must be something to read.
     std::vector<int16_t> record();
 
     int speakerFd() const { return speaker; }
     int micFd() const { return mic; }
 
-    // To the app; 0 or an errno.
+    // Sends to the app; returns 0 or an errno.
     int sendBytes(const void* bytes, size_t size);
     int send(uint32_t type, uint32_t data);
-    // What the app has sent since the last call.
+    // The app's messages since the last call.
     std::vector<Message> messages();
 
   private:

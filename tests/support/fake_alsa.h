@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for alsa-lib, linked instead of it: every snd_ call of the daemon is recorded and then
-// answered by the first of these that has something to say: a scripted answer, a hook, the device.
+// Replaces alsa-lib at link time. Every snd_ call of the daemon is recorded and then answered by
+// the first of these that has an answer: the script, a hook, the device.
 //
-// The device is driven by time that never passes by itself: each PCM has a clock of its own, which
-// moves when a wait or a transfer has to wait, or when a test advances it. Its fill level follows
-// from that clock and the stream's rate. Every call may come from any thread; hooks and scripts are
-// set before the threads that meet them start, like those of fake_sys.
+// Only time drives the device, and time never passes by itself: each PCM has its own clock, which
+// moves when a wait or a transfer has to wait, or when a test advances it. The fill level follows
+// from that clock and the stream's rate. Any thread may make any call; hooks and scripts are set
+// before the threads that use them start, as in fake_sys.
 #pragma once
 
 #include <cstdint>
@@ -21,9 +21,9 @@ namespace fake_alsa {
 
 // ---- The record --------------------------------------------------------------------------------
 
-// Every call since the start or clearCalls(), oldest first, as "snd_pcm_wait(pcm0, 10)". PCMs are
-// numbered in the order of their opening; a pointer that carries a value shows the value handed in,
-// constants go without their prefix:
+// Every call since the start or clearCalls(), oldest first, for example "snd_pcm_wait(pcm0, 10)".
+// PCMs are numbered in the order of their opening. A pointer to a value is shown as the value
+// passed in; constants are shown without their prefix:
 //   snd_pcm_open(hw:1, CAPTURE, 0)
 //   snd_pcm_hw_params_any(pcm0, zeroed)      "dirty" when the container was not all zeros
 //   snd_pcm_hw_params_set_access(pcm0, RW_INTERLEAVED)
@@ -33,11 +33,12 @@ namespace fake_alsa {
 //   snd_ctl_card_info(hw:0, zeroed)
 // The ..._sizeof calls and snd_strerror are not recorded.
 std::vector<std::string> calls();
-// Those of one function.
+// The calls of one function.
 std::vector<std::string> callsOf(const std::string& function);
 int count(const std::string& function);
 void clearCalls();
-// For a long run: no record of calls from now on, no hook `before`, no written samples kept.
+// For a long run: from now on records no calls, calls no hook `before` and keeps no written
+// samples.
 void stopRecording();
 
 // ---- Scripted answers --------------------------------------------------------------------------
@@ -45,14 +46,14 @@ void stopRecording();
 // The `nth` call of `function` from now on (1 = the next one) returns `result`, usually a negative
 // code, and does nothing else.
 void answerAt(const std::string& function, int nth, long result);
-// So does every call from now on that has no answer of its own; until stopAnswering().
+// Until stopAnswering(), every call without an answer from answerAt() returns `result`.
 void answerAlways(const std::string& function, long result);
-// Forgets what is scripted for `function`.
+// Removes the script of `function`.
 void stopAnswering(const std::string& function);
 
 // ---- Hooks -------------------------------------------------------------------------------------
 
-// What the device answers, for a hook that goes on to it.
+// The device's answers, for a hook that passes a call on to it.
 namespace device {
 int wait(snd_pcm_t* pcm, int timeoutMs);
 snd_pcm_state_t state(snd_pcm_t* pcm);
@@ -61,10 +62,10 @@ snd_pcm_sframes_t readi(snd_pcm_t* pcm, int16_t* samples, snd_pcm_uframes_t fram
 snd_pcm_sframes_t writei(snd_pcm_t* pcm, const int16_t* samples, snd_pcm_uframes_t frames);
 }  // namespace device
 
-// Called on the caller's thread without any lock of the stand-in: a hook may call whatever it
-// likes, block, or end the thread.
+// Called on the caller's thread without any of the stand-in's locks: a hook may make any call,
+// block, or end the thread.
 struct Hooks {
-    // Every recorded call, as it stands in the record, before it is answered.
+    // Called with every recorded call, in the record's words, before it is answered.
     std::function<void(const std::string& call)> before;
     std::function<int(snd_pcm_t*, int timeoutMs)> wait = device::wait;
     std::function<snd_pcm_state_t(snd_pcm_t*)> state = device::state;
@@ -77,7 +78,7 @@ Hooks& hooks();
 
 // ---- The device --------------------------------------------------------------------------------
 
-// How a device answers to its parameters; taken over when it is opened.
+// How a device responds to parameters; copied when the device is opened.
 struct Device {
     unsigned grantedRate = 0;             // 0 = as asked
     int rateDirection = 0;                // what the rate call leaves in the direction
@@ -87,40 +88,40 @@ struct Device {
 };
 Device& nextDevice();
 
-// The PCM opened as number `index` since the start, null when there is none. It can be asked after
-// it was closed.
+// The PCM that was opened as number `index` since the start; null when there is none. It can still
+// be examined after it was closed.
 snd_pcm_t* pcm(int index);
-int pcmsOpened();     // ever
+int pcmsOpened();     // since the start
 int pcmsOpen();       // now
 int controlsOpen();   // snd_ctl handles, now
 int statusObjects();  // snd_pcm_status_t, now
 
-// Lets time pass: the fill level moves on, and a stream that is overdue falls into an xrun.
+// Lets time pass: the fill level changes, and an overdue stream gets an xrun.
 void advance(snd_pcm_t* pcm, int64_t ns);
 int64_t elapsedNs(snd_pcm_t* pcm);
-// A stalled device takes and gives nothing while time passes.
+// A stalled device neither takes nor gives anything while time passes.
 void stall(snd_pcm_t* pcm, bool stalled);
 void setState(snd_pcm_t* pcm, snd_pcm_state_t state);
 
-// Sample number `frame` of what a capture device delivers, from 0 at its first start; never 0, so
-// that it differs from silence. What an xrun loses is missing in the sequence.
+// Sample number `frame` from a capture device, counted from its first start; never 0, so that it
+// differs from silence. Samples lost in an xrun are missing from the sequence.
 int16_t capturedSample(uint64_t frame);
-// All samples that a playback device has taken.
+// All samples that a playback device has got.
 std::vector<int16_t> written(snd_pcm_t* pcm);
 
 // ---- The sound cards ---------------------------------------------------------------------------
 
 struct Card {
     int index;           // of the card, ascending
-    std::string driver;  // its driver's name
-    int openResult = 0;  // of snd_ctl_open
-    int infoResult = 0;  // of snd_ctl_card_info
+    std::string driver;  // the driver's name
+    int openResult = 0;  // the result of snd_ctl_open
+    int infoResult = 0;  // the result of snd_ctl_card_info
 };
 void setCards(const std::vector<Card>& cards);
 
 // ---- Fixture -----------------------------------------------------------------------------------
 
-// Everything as at the start: no record, script, hook, card or PCM.
+// Restores the state at the start: no record, script, hook, card or PCM.
 void reset();
 
 class Test : public fake_sys::Test {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the parts of the fake alsa-lib share: the lock over everything it keeps, and the way a call
-// is recorded and given its scripted answer.
+// What the parts of the fake alsa-lib share: the lock over all of its state, and how a call is
+// recorded and answered from the script.
 #pragma once
 
 #include <algorithm>
@@ -21,14 +21,14 @@ bool isRecording();
 // Records the call "function(arguments)" and returns its scripted answer, if it has one.
 std::optional<long> record(const std::string& function, const std::string& arguments);
 
-// The recorded call's answer: the scripted one or else what `effect` returns.
+// The recorded call's answer: the script's, or else what `effect` returns.
 template <typename Effect>
 int answer(const std::string& function, const std::string& arguments, Effect effect) {
     const std::optional<long> scripted = record(function, arguments);
     return scripted ? static_cast<int>(*scripted) : effect();
 }
 
-// How the record shows whether the caller filled a container with zeros.
+// Shows in the record whether the caller filled a container with zeros.
 template <typename Container>
 const char* fillOf(const Container* container) {
     const auto* const bytes = reinterpret_cast<const unsigned char*>(container);

@@ -94,7 +94,7 @@ int snd_ctl_close(snd_ctl_t* control) {
 
 int snd_ctl_card_info(snd_ctl_t* control, snd_ctl_card_info_t* info) {
     return answer("snd_ctl_card_info", nameOf(control->card) + fake_alsa::fillOf(info), [&] {
-        // Filled in even when it fails: nobody may look at it then.
+        // Filled in even on failure, when the caller must not use it.
         strncpy(info->driver, control->card.driver.c_str(), sizeof info->driver - 1);
         return control->card.infoResult;
     });

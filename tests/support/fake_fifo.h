@@ -19,12 +19,12 @@ class FakeFifo {
 
     explicit FakeFifo(std::vector<std::string>& journal) : journal(journal) {}
 
-    // Takes over the hooks; *this must outlive the calls. Every read and write must be of a whole
+    // Installs the hooks; *this must outlive the calls. Every read and write must be of a whole
     // block.
     void install(size_t blockBytes);
 
     int openResult = kFd;  // -1 fails with ENOENT
-    // What the app gives and takes: the result of a read or write. As they are, whole blocks.
+    // The results of the app's reads and writes; by default whole blocks.
     std::function<ssize_t(int16_t* samples, size_t bytes)> onRead;
     std::function<ssize_t(const int16_t* samples, size_t bytes)> onWrite;
 

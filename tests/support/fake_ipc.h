@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for the queue of messages to the companion app: keeps every message for comparison.
-// Linked by tests of the parts that only produce messages; the real queue is left out then.
+// Replaces the queue of messages to the companion app and keeps every message for comparison. It is
+// linked, instead of the real queue, by tests of parts that only produce messages.
 //
 // Any thread may queue; a test reads copies.
 #pragma once
@@ -16,7 +16,7 @@ using Message = std::pair<uint32_t, uint32_t>;  // type, data
 
 // Every message since the last clear(), oldest first.
 std::vector<Message> messages();
-// Forgets the messages and the hook.
+// Removes the messages and the hook.
 void clear();
 
 // Called for each message when set, on the thread that queues it, without a lock held. Set before

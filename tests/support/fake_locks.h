@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for the mutexes and conditions that a test names: their calls appear in a journal and
-// fail on demand. A lock that would wait for itself is a failure instead of a hang, and so is an
-// unlock of what is not held. All other mutexes work as ever. For tests on one thread, or on
-// several of which one runs at a time.
+// Replaces the mutexes and conditions that a test names: their calls appear in a journal and fail
+// on request. A lock that would wait for itself fails the test instead of hanging it, and so does
+// an unlock of a mutex that is not held. All other mutexes work as usual. For tests on one thread,
+// or on several of which only one runs at a time.
 #pragma once
 
 #include <functional>
@@ -18,32 +18,33 @@ class FakeLocks {
   public:
     explicit FakeLocks(std::vector<std::string>& journal) : journal(journal) {}
 
-    // Takes over the hooks; *this must outlive the calls.
+    // Installs the hooks; *this must outlive the calls.
     void install();
 
-    // The mutexes and conditions inside this object, or just this one. Their entries in the journal
-    // are "lock", "trylock", "unlock", "broadcast" and "wait", each with a name behind it if given.
+    // Watches the mutexes and conditions inside this object, or this one alone. Their entries in
+    // the journal are "lock", "trylock", "unlock", "broadcast" and "wait", each followed by the
+    // name if there is one.
     template <typename Owner>
     void watch(const Owner& owner, const std::string& name = "") {
         places[name] = {reinterpret_cast<const char*>(&owner), sizeof owner};
     }
-    // The same for the mutexes that are set up next.
+    // Watches the mutexes that are initialised next.
     void watchNew(std::vector<std::string> names) { newNames = std::move(names); }
 
-    // Of a mutex watched under this name.
+    // Whether a mutex watched under this name is held.
     bool isHeld(const std::string& name) const;
 
-    // From now on each such call returns this result, or only the n-th. A lock that fails is not
-    // taken; an unlock that fails has taken effect.
+    // From now on each call with this entry returns this result, or only the n-th does. A lock that
+    // fails is not taken; an unlock that fails still has its effect.
     void answer(const std::string& entry, int result, int nth = 0) {
         answers[entry] = {result, nth, 0};
     }
 
-    // Does this in front of the next such call, once.
+    // Does this once, just before the next call with this entry.
     void beforeNext(const std::string& entry, std::function<void()> act) {
         actions[entry] = std::move(act);
     }
-    // Called in each watched call, with its entry, when that is in the journal.
+    // Called in each watched call, after its entry is in the journal.
     std::function<void(const std::string& entry)> onCall;
 
   private:
@@ -57,7 +58,7 @@ class FakeLocks {
         int calls;
     };
 
-    // Null: it is not watched.
+    // Null if the object is not watched.
     const std::string* nameOf(const void* object) const;
     int note(const std::string& call, const std::string& name);
     int lock(pthread_mutex_t* mutex);

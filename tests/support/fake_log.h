@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for the Android log: keeps every line for comparison by level, tag and exact text.
-// Any thread may log; a test reads copies.
+// Replaces the Android log and keeps every line for comparison by level, tag and exact text. Any
+// thread may log; a test reads copies.
 #pragma once
 
 #include <functional>
@@ -16,7 +16,7 @@ constexpr int kError = 6;
 struct Line {
     int priority;      // ANDROID_LOG_*
     std::string tag;   // module tag, "UAFSRC"
-    std::string text;  // the formatted text to the letter, line end (or its absence) included
+    std::string text;  // exactly as formatted, with or without a line end
 
     bool operator==(const Line& other) const {
         return priority == other.priority && tag == other.tag && text == other.text;
@@ -24,13 +24,13 @@ struct Line {
 };
 std::ostream& operator<<(std::ostream& out, const Line& line);
 
-// A module's lines as a test expects them: kSourceLog.error("...").
+// Builds a module's lines as a test expects them: kSourceLog.error("...").
 struct Tag {
     const char* name;
 
     Line debug(const std::string& text) const { return {kDebug, name, text}; }
     Line error(const std::string& text) const { return {kError, name, text}; }
-    // Those of the log under this tag.
+    // The log's lines with this tag.
     std::vector<Line> lines() const;
 };
 constexpr Tag kDaemonLog{"UAFIFO"};  // daemon
@@ -40,18 +40,18 @@ constexpr Tag kSinkLog{"UAFSNK"};    // channel: the sink
 constexpr Tag kAlsaLog{"UAFSND"};    // alsa
 constexpr Tag kIpcLog{"UAFIPC"};     // ipc
 constexpr Tag kCableLog{"UAFCBM"};   // cable
-constexpr Tag kTestLog{"UAFTAG"};    // what tests give to parts that log under their user's tag
+constexpr Tag kTestLog{"UAFTAG"};    // for parts that log under their user's tag
 
 // Every line since the last clear(), oldest first.
 std::vector<Line> lines();
-// The same, and forgets them.
+// Every line since the last clear(); clears the log.
 std::vector<Line> take();
 // How often exactly this line was logged.
 int count(const Line& line);
 void clear();
 
-// Called for each line when set, on the thread that logs it, without a lock held; unset by the
-// fixtures. Set before the threads that log start.
+// Called for each line when set, on the thread that logs it, without a lock held; the fixtures
+// unset it. Set it before the threads that log start.
 std::function<void(const Line&)>& onLine();
 
 }  // namespace fake_log

@@ -35,8 +35,8 @@ void reset() {
 
 }  // namespace fake_new
 
-// The linker's --wrap under the operators' mangled names: the sanitizers bring operators of their
-// own, which a definition here would collide with.
+// Wraps the operators under their mangled names: the sanitizers define operators of their own,
+// which a definition here would clash with.
 extern "C" {
 void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
 void* __real__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);

@@ -17,7 +17,8 @@ __extension__ using Wide = __int128;
 
 constexpr Wide kFemto = 1000000000000000;  // ns in a second times microhertz in a hertz
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int64_t kForeverNs = 10000000000;  // a blocking transfer that makes no progress fails
+constexpr int64_t kForeverNs =
+    10000000000;  // after so long without progress a blocking transfer fails
 
 std::vector<std::unique_ptr<snd_pcm_t>>& pcms() {
     static auto* const all = new std::vector<std::unique_ptr<snd_pcm_t>>;
@@ -169,7 +170,7 @@ void setState(snd_pcm_t* pcm, snd_pcm_state_t state) {
 }
 
 int16_t capturedSample(uint64_t frame) {
-    constexpr uint64_t values = 32749;  // a prime: no period of the stream repeats soon
+    constexpr uint64_t values = 32749;  // a prime, so that no period of the stream repeats soon
     return static_cast<int16_t>(frame % values + 1);
 }
 
@@ -319,7 +320,7 @@ snd_pcm_sframes_t snd_pcm_writei(snd_pcm_t* pcm, const void* buffer, snd_pcm_ufr
                                      [&] { return hooks().writei(pcm, samples, frames); });
     if (taken > 0 && isOpen(pcm) && fake_alsa::isRecording()) {
         const Guard guard(lock());
-        // A scripted answer may claim more than there was.
+        // A scripted answer may claim more frames than there were.
         const auto kept = std::min(static_cast<snd_pcm_uframes_t>(taken), frames);
         pcm->written.insert(pcm->written.end(), samples, samples + kept * pcm->hw.channels);
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The PCM behind a handle of the fake alsa-lib, shared by its two halves: the device and the
-// parameters. Everything here is used under fake_alsa::lock().
+// The PCM behind a handle of the fake alsa-lib; the device and the parameters share it. Everything
+// here is used under fake_alsa::lock().
 #pragma once
 
 #include <algorithm>
@@ -36,22 +36,23 @@ struct _snd_pcm {
     snd_pcm_hw_params_t hw{};
     snd_pcm_sw_params_t sw{};
     int64_t elapsedNs = 0;       // since the opening
-    int64_t runNs = 0;           // that the stream moved, since the last prepare
+    int64_t runNs = 0;           // how long the stream has moved since the last prepare
     uint64_t appFrames = 0;      // transferred since the last prepare
-    uint64_t earlierFrames = 0;  // that the device moved before the last prepare
+    uint64_t earlierFrames = 0;  // frames that the device moved before the last prepare
     std::vector<int16_t> written;
-    // Calls with this handle. Without a lock, on purpose: a PCM is for one thread at a time, and
-    // ThreadSanitizer sees here when it is not.
+    // Counts calls with this handle, deliberately without a lock: only one thread at a time may use
+    // a PCM, and ThreadSanitizer reports here if two do.
     unsigned uses = 0;
 
     // Frames that the device moved since the last prepare.
     uint64_t deviceFrames() const;
-    // How long until it has moved `frames` in all.
+    // How long it takes until the device has moved `frames` in total.
     int64_t nsUntil(uint64_t frames) const;
     snd_pcm_sframes_t avail() const;
     // Lets time pass.
     void pass(int64_t ns);
-    // 1 when `wanted` frames are there, 0 when the limit passed first, or the state's error.
+    // Returns 1 when `wanted` frames are there, 0 when the limit passed first, or the state's
+    // error.
     int waitForAvail(snd_pcm_uframes_t wanted, int64_t limitNs);
     int stateError() const;
     void prepare();
@@ -63,7 +64,7 @@ inline std::string nameOf(const snd_pcm_t* pcm) {
     return pcm != nullptr ? "pcm" + std::to_string(pcm->index) : "null";
 }
 
-// A value as the record shows it.
+// A value in the record's words.
 template <typename Value>
 std::string textOf(Value value) {
     return std::to_string(value);
@@ -82,17 +83,17 @@ std::string arguments(const snd_pcm_t* pcm, Values... values) {
     return text;
 }
 
-// A call with a handle that is not open is the daemon's mistake, whatever the call does.
+// A call with a handle that is not open is always an error of the daemon's, so it fails the test.
 bool isUsable(snd_pcm_t* pcm);
 
-// Records a call with a PCM; `effect` runs without the lock, as a hook must.
+// Records a call with a PCM; `effect` runs without the lock, as a hook needs it.
 template <typename Effect>
 int answerUnlocked(const char* function, snd_pcm_t* pcm, const std::string& text, Effect effect) {
     const bool usable = isUsable(pcm);
     return answer(function, text, [&] { return usable ? static_cast<int>(effect()) : -EBADFD; });
 }
 
-// The same; `effect` runs under the lock.
+// Records a call with a PCM; `effect` runs under the lock.
 template <typename Effect>
 int answerPcm(const char* function, snd_pcm_t* pcm, const std::string& text, Effect effect) {
     return answerUnlocked(function, pcm, text, [&] {

@@ -9,13 +9,13 @@ using fake_alsa::nameOf;
 
 namespace {
 
-// What a driver chooses when it is not asked for a size.
+// The sizes that a driver chooses unless it is asked for others.
 constexpr snd_pcm_uframes_t kDefaultBuffer = 4096;
 constexpr snd_pcm_uframes_t kDefaultPeriod = 1024;
 
 }  // namespace
 
-// The call that sets one parameter, recorded with its value.
+// Defines the call that sets one parameter; its value is recorded.
 #define SETTER(params_t, call, type, member)                                         \
     int snd_pcm_##call(snd_pcm_t* pcm, snd_pcm_##params_t##_t* params, type value) { \
         return answerPcm("snd_pcm_" #call, pcm, arguments(pcm, value), [&] {         \

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Watches the frame buffer's calls and fails them on demand, by the linker's --wrap: an unset hook
-// passes a call on to the real frame buffer. Hooks are set before the threads that meet them start.
+// Watches the frame buffer's calls and makes them fail on request, by the linker's --wrap: an unset
+// hook passes a call on to the real frame buffer. Hooks are set before the threads that use them
+// start.
 #pragma once
 
 #include <functional>

@@ -16,7 +16,8 @@ int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void*
 namespace fake_sys {
 
 Hooks& hooks() {
-    // Never destroyed: wrapped calls come before and after every static object's life.
+    // Never destroyed: wrapped calls come before static objects are constructed and after they are
+    // destroyed.
     static auto* const current = new Hooks;
     return *current;
 }

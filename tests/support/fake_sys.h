@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for libc and thread calls: the linker's --wrap sends each of them here, and an unset
-// hook passes it on to the real one. A test sets a hook to record a call, to fail at a step, or to
-// answer from a script; inside a hook, real::NAME reaches the real call.
+// Replaces libc and thread calls: the linker's --wrap sends each of them here, and an unset hook
+// passes it on to the real one. A test sets a hook to record a call, to let it fail, or to answer
+// it from a script; inside a hook, real::NAME is the real call.
 //
-// Hooks are set before the threads that meet them start, and never changed while those run.
+// Hooks are set before the threads that use them start, and do not change while those run.
 #pragma once
 
 #include <cerrno>
@@ -35,7 +35,7 @@ struct Hooks {
 Hooks& hooks();
 void reset();
 
-// A hook for calls that all fail with this errno.
+// A hook that makes every call fail with this errno.
 inline auto failing(int error) {
     return [error](auto...) {
         errno = error;
@@ -43,15 +43,15 @@ inline auto failing(int error) {
     };
 }
 
-// The real calls. pthread_create ignores the scheduling attributes, which need privileges, and
-// keeps the rest: a test of the attributes hooks the call.
+// The real calls. pthread_create ignores the scheduling attributes, which need privileges, but no
+// other attribute: a test of the scheduling hooks the call.
 namespace real {
 #define WRAPPED WRAPPED_REAL
 #define WRAPPED_BY_HAND WRAPPED_REAL
 #include "tests/support/wrapped_calls.inc"
 }  // namespace real
 
-// A lock for the stand-ins and for hooks themselves: the pthread_mutex hooks never see it.
+// A lock for the stand-ins and for hooks: the pthread_mutex hooks never see it.
 class Mutex {
   public:
     void lock() {
@@ -67,8 +67,9 @@ class Mutex {
         }
     }
 
-    // Makes every such lock, and what it guards, unseen by ThreadSanitizer: it would order threads
-    // that nothing orders outside of the tests. Before any other thread starts.
+    // Hides every such lock, and the data that it guards, from ThreadSanitizer: otherwise the lock
+    // would order threads that nothing orders outside the tests. Call this before any other thread
+    // starts.
     static void hideFromTsan() { unseen = true; }
 
   private:
@@ -76,7 +77,7 @@ class Mutex {
     static inline bool unseen = false;
 };
 
-// A fixture that starts and ends with no hooks set and an empty log.
+// A fixture that starts and ends without hooks and with an empty log.
 class Test : public ::testing::Test {
   protected:
     void SetUp() override;

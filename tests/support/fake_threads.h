@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands in for threads and their pauses: a thread that is created is noted instead of started, and
-// the test runs it itself. Calls appear in a journal as "create", "join", "signal", "sleep" and
-// "yield". For tests on one thread, or on several of which one runs at a time.
+// Replaces threads and their pauses: a created thread is only noted, not started, and the test runs
+// it itself. Calls appear in a journal as "create", "join", "signal", "sleep" and "yield". For
+// tests on one thread, or on several of which only one runs at a time.
 #pragma once
 
 #include <cerrno>
@@ -19,7 +19,7 @@ class FakeThreads {
         void* argument;
         int policy;  // both -1 without attributes
         int priority;
-        pthread_t id;  // 1 for the first, 2 for the next
+        pthread_t id;  // 1 for the first thread, 2 for the next
 
         void* run() const { return entry(argument); }
     };
@@ -29,26 +29,26 @@ class FakeThreads {
     FakeThreads(const FakeThreads&) = delete;
     FakeThreads& operator=(const FakeThreads&) = delete;
 
-    // Takes over the hooks; *this must outlive the calls.
+    // Installs the hooks; *this must outlive the calls.
     void install();
 
     std::vector<Thread> created;
     std::vector<pthread_t> joined;
-    long sleptNs = 0;  // by all pauses together
+    long sleptNs = 0;  // all pauses together
 
-    // What is put behind "create" in the journal.
+    // What the journal shows after "create".
     std::function<std::string(const Thread&)> nameOf = [](const Thread&) { return ""; };
-    // The result of a creation, which may give the thread another id; a thread that is refused
-    // counts as not created.
+    // The result of creating a thread; the hook may give the thread another id. A thread that is
+    // refused does not count as created.
     std::function<int(Thread&)> onCreate = [](Thread&) { return 0; };
     std::function<void(pthread_t)> onJoin = [](pthread_t) {};
-    // The result of a signal; as it is, there is no such thread.
+    // The result of a signal; by default there is no such thread.
     std::function<int(pthread_t)> onSignal = [](pthread_t) { return ESRCH; };
-    // What happens in a pause of this length.
+    // Called in a pause of this length.
     std::function<void(long ns)> onSleep = [](long) {};
     std::function<void()> onYield = [] {};
 
-    // From now on every creation has this result.
+    // Lets every creation from now on return this result.
     void refuse(int result) {
         onCreate = [result](Thread&) { return result; };
     }
@@ -57,7 +57,7 @@ class FakeThreads {
     int create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
                void* argument);
 
-    std::vector<std::string> ownJournal;  // where the test has none
+    std::vector<std::string> ownJournal;  // used when the test has none
     std::vector<std::string>& journal;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion app's two ends of the FIFOs, each with a thread of its own that never blocks: it
-// opens its end again whenever the daemon's end is gone, until it is destroyed.
+// The companion app's two ends of the FIFOs, each with a thread that never blocks: it reopens its
+// end whenever the daemon's end has gone, until it is destroyed.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@
 
 namespace uafd {
 
-// One end; `transfer` moves some bytes and returns what read or write gave.
+// One end; `transfer` moves some bytes and returns the result of its read or write.
 class FifoApp {
   public:
     FifoApp(std::string fifoPath, int direction, std::function<ssize_t(int)> transfer)
@@ -70,7 +70,7 @@ class AppWriter : public FifoApp {
           }) {}
 };
 
-// Reads and throws away.
+// Reads and discards.
 class AppReader : public FifoApp {
   public:
     explicit AppReader(const std::string& path)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fixtures of the stand-ins, apart from them: they need the fake log as well.
+// The stand-ins' fixtures. They are apart from the stand-ins because they also need the fake log.
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"

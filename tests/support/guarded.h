@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// An array between two guard zones: shows writes before its first and behind its last element, in
-// every build. Heap memory of exactly its own (a std::vector) shows reads too, under ASan.
+// An array between two guard zones: in every build it detects writes before its first and after its
+// last element. Memory that a std::vector allocates in the exact size shows reads as well, under
+// ASan.
 #pragma once
 
 #include <algorithm>

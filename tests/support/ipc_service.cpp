@@ -11,7 +11,7 @@
 namespace uafd {
 namespace {
 
-// The queue lies open to whoever derives from the service.
+// Gives access to the service's queue.
 struct OpenIpc : UafIpc {
     using UafIpc::msgQueue;
 };
@@ -53,7 +53,7 @@ void IpcService::hold() {
     threads.nameOf = [](const FakeThreads::Thread& thread) {
         return thread.policy < 0 ? "" : "with attributes";
     };
-    // The service lets in only threads that it made; here that is the test's.
+    // The service admits only the threads that it created; here that is the test's own thread.
     threads.onCreate = [](FakeThreads::Thread& thread) {
         thread.id = pthread_self();
         return 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app IPC service without its outside: sockets are numbers, thread entries are kept until the
-// test runs them, and what the service sends is collected. One thread. Each object begins with an
-// empty queue and forgotten states.
+// The app IPC service on faked system calls: sockets are numbers, a thread's function waits until
+// the test runs it, and sent messages are collected. One thread. Each object begins with an empty
+// queue and no stored states.
 #pragma once
 
 #include <string>
@@ -23,21 +23,22 @@ class IpcService {
 
     IpcService() { renewQueue(); }
 
-    // Gives the process a queue as at its start; messages that wait in the old one are not freed.
+    // Gives the process a new queue, as at its start; messages that still wait in the old one are
+    // not freed.
     static void renewQueue();
     static const MsgQueue& queue();
 
-    // Sets the hooks that keep start() from the outside; each call is noted in `calls`.
+    // Sets the hooks that keep start() away from the system; each call is noted in `calls`.
     void hold();
     bool start();
-    // With the hooks as they are.
+    // Starts the service with the hooks as they are.
     bool startAgain() { return ipc.start(); }
 
-    // Run the service's threads, in this one, until a hook ends their loop.
+    // Run the service's threads on this one, until a hook ends their loop.
     void runRx() { threads.created[0].run(); }
     void runTx() { threads.created[1].run(); }
 
-    // Every message that waits for the app, taken by the real transmit loop.
+    // Every message that waits for the app, taken from the queue by the real transmit loop.
     std::vector<Message> take();
 
     std::vector<std::string> calls;
@@ -52,10 +53,10 @@ class IpcService {
 
 namespace ipc_service {
 
-// The log behind its first and before its last line, which must be these.
+// The log between these two lines, which must be its first and its last.
 std::vector<fake_log::Line> linesBetween(const fake_log::Line& first, const fake_log::Line& last);
 
-// The record as it travels.
+// The message's bytes on the socket.
 std::string bytesOf(uint32_t type, uint32_t data);
 
 }  // namespace ipc_service

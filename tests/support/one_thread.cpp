@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// For a program whose tests say that they create no thread: one that does ends the program.
+// For programs whose tests declare that they create no thread: a thread ends the program.
 #include <cstdio>
 #include <cstdlib>
 #include <pthread.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lets a channel's worker make its passes one by one: the worker stops at the gate in each pass,
-// and a test lets it through and waits for its return.
+// and a test lets it through and waits until it is back.
 #pragma once
 
 #include <condition_variable>
@@ -10,7 +10,7 @@ namespace uafd {
 
 class PassGate {
   public:
-    // Worker: in each pass.
+    // The worker calls this in each pass.
     void arrive() {
         std::unique_lock<std::mutex> lock(mutex);
         ++arrivals;
@@ -19,8 +19,8 @@ class PassGate {
         permits -= isOpen ? 0 : 1;
     }
 
-    // Test: lets `passes` passes begin and waits until the worker is back at the gate; 0 waits for
-    // its first arrival.
+    // The test calls this: lets `passes` passes begin and waits until the worker is back at the
+    // gate; 0 waits for its first arrival.
     void letThrough(int passes) {
         std::unique_lock<std::mutex> lock(mutex);
         permits += passes;
@@ -29,14 +29,14 @@ class PassGate {
         changed.wait(lock, [this] { return arrivals >= expected; });
     }
 
-    // Test: from now on nobody is stopped.
+    // The test calls this: from now on nobody has to stop.
     void open() {
         const std::lock_guard<std::mutex> lock(mutex);
         isOpen = true;
         changed.notify_all();
     }
 
-    // Test, while there is no worker: as new.
+    // The test calls this while there is no worker: closes the gate and forgets all passes.
     void reset() {
         const std::lock_guard<std::mutex> lock(mutex);
         arrivals = 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A plain model of the byte queue: one byte at a time, positions that begin again behind
-// the storage's last. It carries the storage's contents along, so that whatever a call leaves in
-// memory can be compared too, also where new storage was attached under a depth that belongs to the
+// A simple model of the byte queue: it moves one byte at a time, and positions wrap round after the
+// storage's last byte. It also models the storage's contents, so that everything a call leaves in
+// memory can be compared, even where new storage was attached while the depth still belongs to the
 // old one.
 #pragma once
 
@@ -14,7 +14,7 @@ namespace uafd {
 
 class QueueModel {
   public:
-    // Codes as the queue returns them; a null pointer is `false`.
+    // Returns the queue's codes; a null pointer is `false`.
     int setBuffer(bool haveStorage, const std::vector<uint8_t>& contents, int64_t size) {
         if (!haveStorage) {
             return 2;
@@ -29,7 +29,7 @@ class QueueModel {
 
     void clear() { readAt = writeAt = depth = 0; }
 
-    // `block` null = a null source.
+    // A null `block` is a null source.
     int enqueue(const uint8_t* block, int64_t n) {
         const int code = check(block != nullptr, n);
         if (code != 0 || n == 0) {
@@ -46,7 +46,7 @@ class QueueModel {
         return 0;
     }
 
-    // Appends what is delivered to `out`.
+    // Appends the delivered bytes to `out`.
     int dequeue(bool haveTarget, int64_t n, std::vector<uint8_t>& out) {
         const int code = check(haveTarget, n);
         for (int64_t i = 0; code == 0 && i < n; i++) {

@@ -15,7 +15,8 @@ void Test::SetUp() {
     fake_alsa::Test::SetUp();
     fake_ipc::clear();
     fake_new::reset();
-    // Without the board's own card the synchronisation fails at once: every period is written.
+    // Without the board's own card the start synchronisation fails at once, so every period is
+    // written.
     files.install();
     threads.install();
     threads.onSleep = [this](long ns) { pausesNs.push_back(ns); };
@@ -37,7 +38,7 @@ void Test::TearDown() {
     fake_alsa::Test::TearDown();
 }
 
-// The first call of every pass asks for the state.
+// The first alsa-lib call of every pass asks for the state.
 void Test::onAlsaCall(const std::string& call) {
     if (call.find("snd_pcm_state(") == 0) {
         ++pass;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Drives the sink channel through its public interface: no worker is created, and its loop runs on
-// the test's thread against the fake card and a FIFO that keeps what is written to it.
+// the test's thread with the fake card and a FIFO that keeps what is written to it.
 #pragma once
 
 #include <cstdint>
@@ -33,28 +33,28 @@ class Test : public fake_alsa::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // On, exactly this many passes (at least 3), and off.
+    // Switches on, makes exactly this many passes (at least 3), and switches off.
     void run(int passes);
     void runLoop(int passes);
-    // On, and passes until the channel has stopped by itself.
+    // Switches on and makes passes until the channel stops by itself.
     void runUntilStopped();
 
     static Period silence() { return Period(kPeriodSamples, 0); }
-    // The stereo period that begins with this captured frame.
+    // The stereo period that starts with this captured frame.
     static Period stereoFrom(uint64_t frame);
-    // What the log holds under the channel's own tag.
+    // The log's lines with the channel's own tag.
     static std::vector<fake_log::Line> log() { return fake_log::kSinkLog.lines(); }
 
     FakeFiles files;
     std::unique_ptr<UafSnk> snk;
-    std::vector<std::string> events;  // the FIFO's life, in order
+    std::vector<std::string> events;  // the FIFO's, in order
     FakeFifo fifo{events};
     FakeThreads threads;
     std::vector<Period> written;  // every attempted write
     std::vector<int64_t> pausesNs;
-    std::vector<int> checks;  // the pass of every snd_pcm_avail_update
+    std::vector<int> checks;  // the number of the pass of every snd_pcm_avail_update
     std::function<void(int)> onPass;
-    std::function<ssize_t(int)> onWrite;  // the result of the write with this number
+    std::function<ssize_t(int)> onWrite;  // the result of the n-th write
     int pass = 0;
     int switchOffInPass = 0;
 

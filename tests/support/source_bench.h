@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A source channel on one thread: the threads that it creates are noted instead of made, and a test
-// runs their bodies itself, the worker's even in the middle of the buffer thread's. Locks, frame
-// buffer calls, thread calls, pauses and messages appear in a journal in the order of the calls.
+// A source channel on one thread: the threads that it creates are only noted, and a test runs their
+// functions itself, the worker's even in the middle of the buffer thread's. Locks, frame buffer
+// calls, thread calls, pauses and messages appear in a journal in the order of the calls.
 #pragma once
 
 #include <algorithm>
@@ -33,12 +33,12 @@ inline fake_log::Line base(int priority, const std::string& text) {
     return {priority, "UAFCH", text};
 }
 
-// What the log holds under the channel's own tag.
+// The log's lines with the channel's own tag.
 inline std::vector<fake_log::Line> ownLines() {
     return fake_log::kSourceLog.lines();
 }
 
-// What the base keeps for derived channels lies open to tests.
+// Tests can access the base class's protected members.
 class OpenSource : public UafSrc {
   public:
     using UafSrc::availChkCnt;
@@ -55,21 +55,21 @@ class Test : public fake_alsa::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // Starts the channel, with the journal and the log empty afterwards.
+    // Starts the channel, then empties the journal and the log.
     void start();
     void forget();
-    // As the buffer thread does.
+    // Opens the FIFO as the buffer thread does.
     void openFifo();
     void runBufferThread();
     void runWorker();
-    // Ends the buffer loop after `passes` passes that reach the unlock.
+    // The buffer loop will end after `passes` passes that reach the unlock.
     void stopAfterBlocks(int passes);
-    // Asks for the channel's stop in the worker's `pass`-th wait; three more passes follow.
+    // The worker's `pass`-th wait will request the channel's stop; three more passes follow.
     void switchOffInWait(int pass);
     int count(const std::string& entry) const;
-    // The frame buffer's set-up and the PCM's opening appear in the journal too.
+    // From now on the frame buffer's set-up and the PCM's opening appear in the journal, too.
     void watchSetUp();
-    // A start that fails at a step of the PCM's opening, and its report.
+    // Makes a start that fails at a step of the PCM's opening; the start must report that step.
     void failStartAt(const std::string& function, int step);
 
     std::unique_ptr<OpenSource> source;
@@ -77,7 +77,7 @@ class Test : public fake_alsa::Test {
     FakeLocks locks{journal};      // "lock intf" and "lock ssrs"
     FakeThreads threads{journal};  // "create worker" and "create buffer"
     FakeFifo fifo{journal};
-    // What the creation of the buffer thread returns and leaves in errno.
+    // The result of the buffer thread's creation, and its errno.
     int createResult = 0;
     int createErrno = 0;
     int buffersCreated = 0;
@@ -92,19 +92,19 @@ class Test : public fake_alsa::Test {
     FakeThreads::Thread bufferThread{};
 };
 
-// A started channel's buffer loop: reads and a frame buffer as the test wants them, and what
-// reached the frame buffer.
+// The buffer loop of a started channel, with a scripted FIFO and frame buffer, and a record of what
+// the frame buffer got.
 class FifoTest : public Test {
   protected:
     void SetUp() override;
 
-    // `passes` passes that reach the unlock.
+    // Runs the loop for `passes` passes that reach the unlock.
     void runBlocks(int passes);
-    // Reads give these results, one after the other, and then whole blocks.
+    // Reads return these results, one after the other, and then whole blocks.
     void readResults(std::vector<int> results);
-    // The loop ends in its `yields`-th failed pass.
+    // The loop will end in its `yields`-th failed pass.
     void stopAtYield(int yields);
-    // The channel's lines that hold this text.
+    // The number of the channel's lines that contain this text.
     static int linesWith(const std::string& part);
 
     std::vector<std::vector<int16_t>> blocks;

@@ -114,7 +114,7 @@ int SsrsModel::correction(int64_t depth) {
     return depth > high ? 1 : (depth < low ? -1 : 0);
 }
 
-// Nothing at all when the queue refuses; else `count` samples, silence where there are none.
+// Empty when the queue refuses; else `count` samples, with silence where samples are missing.
 SsrsModel::Samples SsrsModel::taken(int64_t count) {
     Samples samples;
     while (count <= capacity && static_cast<int64_t>(samples.size()) < count) {

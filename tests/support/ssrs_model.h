@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A plain model of the frame stream buffer: a std::deque of samples, 64-bit arithmetic and the
-// interpolation formula as one would write it down. Its calls return the codes that the buffer's
-// return; a new model is a context just made. It knows nothing of storage that is too large for
-// the queue's 31 bits.
+// A simple model of the frame stream buffer: a std::deque of samples, 64-bit arithmetic and the
+// plain interpolation formula. Its calls return the buffer's codes; a new model matches a new
+// context. It does not cover storage that is too large for the queue's 31 bits.
 #pragma once
 
 #include <cstdint>
@@ -20,16 +19,16 @@ class SsrsModel {
     int setFrameSize(int n);
     int setQBuff(bool haveStorage, int64_t len);
     int setQDepth(int64_t newLow, int64_t newHigh);
-    // `data` may be null.
+    // A null `data` is a null pointer.
     int write(const int16_t* data, int64_t n);
-    // One frame.
+    // Reads one frame.
     Samples read();
-    // A read without an output pointer.
+    // Reads without an output pointer.
     int refuseRead();
 
     SSRS_Stats statistics() const;
 
-    int64_t length = 0;    // of the storage last given
+    int64_t length = 0;    // of the storage that was given last
     int64_t capacity = 0;  // of the storage in use
     int64_t pending = 0;
     int64_t average = 0;

@@ -29,7 +29,7 @@ StreamingDaemon::~StreamingDaemon() {
 }
 
 std::vector<DaemonEnds::Message> StreamingDaemon::messages() {
-    answer();  // what the thread has not come to
+    answer();  // handles what came while the thread was busy
     const std::lock_guard<std::mutex> lock(mutex);
     return received;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A daemon in its steady state, as an app sees it: both streams on, sync-ups answered, a sound
-// played, blocks taken, FIFO ends opened again. What it shall do otherwise is asked for before it
-// starts. Has a thread of its own.
+// A daemon in its steady state, as an app sees it: both streams are on, sync-ups are answered,
+// sound is played, blocks are taken, FIFO ends are reopened. The options change this before it
+// starts. It has a thread of its own.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ namespace uafd {
 
 struct StreamingOptions {
     std::vector<DaemonEnds::Message> answer = {{0, 1}, {1, 1}, {2, 1}};  // to a sync-up
-    int16_t left = 1000;                                                 // of what is played
+    int16_t left = 1000;  // of the sound that is played
     int16_t right = 1000;
     bool plays = true;
     bool records = true;
@@ -31,14 +31,14 @@ class StreamingDaemon {
     StreamingDaemon(const StreamingDaemon&) = delete;
     StreamingDaemon& operator=(const StreamingDaemon&) = delete;
 
-    // Of the app's, all that have come.
+    // All messages that the app has sent.
     std::vector<DaemonEnds::Message> messages();
 
   private:
     void run();
     void answer();
     void record();
-    // Fails while there is no app.
+    // Has no effect while there is no app.
     void play();
 
     const StreamingOptions options;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A folder of a test's own, gone with the object. One thread.
+// A folder for one test, removed with the object. One thread.
 #pragma once
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Closes ThreadSanitizer's eyes on this thread. A stand-in's locks and descriptors order the
-// daemon's threads where the real outside promises no order; seen, they would hide races. Calls
-// nest. In other builds nothing happens.
+// Hides what this thread does from ThreadSanitizer. A stand-in's locks and descriptors put the
+// daemon's threads in an order that the real surroundings do not promise; if ThreadSanitizer saw
+// it, races would stay hidden. The calls nest. Other builds do nothing.
 #pragma once
 
 #if defined(__has_feature)
@@ -11,7 +11,7 @@
 #endif
 
 #ifdef UAFD_TSAN
-// The runtime's own names.
+// Functions of the sanitizer's runtime.
 extern "C" {
 void AnnotateIgnoreSyncBegin(const char* file, int line);
 void AnnotateIgnoreSyncEnd(const char* file, int line);
@@ -24,7 +24,7 @@ void AnnotateIgnoreWritesEnd(const char* file, int line);
 
 namespace tsan_blind {
 
-// To what orders threads: locks, descriptors.
+// Hides what orders threads: locks and descriptors.
 class ToOrder {
   public:
 #ifdef UAFD_TSAN
@@ -42,7 +42,7 @@ class ToOrder {
     ToOrder& operator=(const ToOrder&) = delete;
 };
 
-// To order and to memory.
+// Hide what orders threads, and memory accesses.
 inline void begin() {
 #ifdef UAFD_TSAN
     AnnotateIgnoreSyncBegin(__FILE__, __LINE__);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// For as long as it lives, the process has no more rights than any user has. One at a time.
+// While this object exists, the process has only the rights of an ordinary user. One at a time.
 #pragma once
 
 #include <cstdlib>

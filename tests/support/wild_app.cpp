@@ -15,7 +15,7 @@
 namespace uafd {
 namespace {
 
-// Somebody else's file may be there already; then that stays.
+// For calls that may fail because a file of that name exists: it then stays.
 void ignoreResult(int) {}
 
 }  // namespace
@@ -41,7 +41,7 @@ void WildApp::setHalted(bool wanted) {
 
 void WildApp::run() {
     using Act = void (WildApp::*)();
-    // Moving sound has to be frequent, or nothing that depends on it is ever reached.
+    // Sound must move often, or code that depends on it is never reached.
     constexpr Act acts[] = {&WildApp::moveSound,    &WildApp::moveSound, &WildApp::moveSound,
                             &WildApp::openAndRest,  &WildApp::rest,      &WildApp::closeEnd,
                             &WildApp::remove,       &WildApp::make,      &WildApp::replace,
@@ -50,7 +50,7 @@ void WildApp::run() {
     while (!done) {
         halted = halting.load();
         if (halted) {
-            // nothing
+            // A halted app does nothing.
         } else if (settling) {
             behave();
             settled = true;

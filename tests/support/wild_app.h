@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A companion app gone wild at one FIFO: its thread opens, closes, deletes and replaces the FIFO
-// and puts anything in its place, until it is told to settle down and be a good app.
+// A companion app that does anything at one FIFO: its thread opens, closes, deletes and replaces
+// the FIFO and puts other files in its place, until it is told to become a well-behaved app.
 #pragma once
 
 #include <atomic>
@@ -12,21 +12,22 @@ namespace uafd {
 
 class WildApp {
   public:
-    // `direction` is the flag of the app's end, O_WRONLY or O_RDONLY. The acts follow from the
-    // seed; how they meet the channel's threads does not.
+    // `direction` is the flag of the app's end, O_WRONLY or O_RDONLY. The seed decides the acts,
+    // but not how they interleave with the channel's threads.
     WildApp(std::string fifoPath, int direction, unsigned seed);
     ~WildApp();
     WildApp(const WildApp&) = delete;
     WildApp& operator=(const WildApp&) = delete;
 
-    // Between the two it keeps open what is open and touches nothing, like an app in a debugger.
+    // Between halt() and resume() the app keeps its files open and does nothing, like an app in a
+    // debugger.
     void halt() { setHalted(true); }
     void resume() { setHalted(false); }
 
-    // From its next act on it is a good app: it makes the FIFO where it is missing, holds its end
-    // of it and moves sound.
+    // From its next act on the app behaves well: it makes the FIFO if it is missing, keeps its end
+    // open and moves sound.
     void settle() { settling = true; }
-    // The FIFO is in its place, and stays.
+    // Whether the FIFO is in its place for good.
     bool hasSettled() const { return settled; }
 
   private:
@@ -35,14 +36,14 @@ class WildApp {
     void openEnd();
     void closeEnd();
     void moveBlock();
-    void behave();  // as a good app
+    void behave();  // like a good app
 
     // The acts.
     void moveSound();
-    // An app that is there and silent, for as long as it happens not to do anything else.
+    // The app stays there in silence until it happens to do something else.
     void openAndRest();
     void rest();
-    // Its end of the FIFO, if it is open, stays so.
+    // Leaves the app's end of the FIFO open if it is.
     void make();
     void clear();
     void replace();

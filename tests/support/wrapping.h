@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // How calls are wrapped: a table has a line WRAPPED(result, name, (parameters), (arguments)) for
-// each, CMake hands the names to the linker's --wrap, and a stand-in defines WRAPPED as one of
-// these before each time that it includes the table. It has hooks() and a namespace `real`.
+// each call. CMake passes the names to the linker's --wrap, and a stand-in defines WRAPPED as one
+// of these macros each time before it includes the table. The stand-in has hooks() and a namespace
+// `real`.
 #pragma once
 
-// A member of its struct Hooks.
+// A member of the stand-in's struct Hooks.
 #define WRAPPED_HOOK(result, name, parameters, arguments) std::function<result parameters> name;
 
 // A declaration in `real`, and its definition.
@@ -14,8 +15,8 @@
         return __real_##name arguments;                        \
     }
 
-// With C linkage: the real call under the name that the linker gives it, and what the linker calls
-// in its place.
+// With C linkage: the real call under the linker's name for it, and the function that the linker
+// calls instead.
 #define WRAPPED_LINKED(result, name, parameters, arguments) result __real_##name parameters;
 #define WRAPPED_CALL(result, name, parameters, arguments)                    \
     result __wrap_##name parameters {                                        \
