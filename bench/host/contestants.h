@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is compared: the daemon's frame buffer and queue, the floors, and libraries that one could
-// use instead. A contestant is a class with the calls of its kind; the templates here make it a
-// job.
+// What is compared: the daemon's frame buffer and queue, the floors, and libraries that could
+// replace them. A contestant is a class with the calls of its kind; the templates here turn it into
+// a job.
 #pragma once
 
 #include <cstdint>
@@ -21,20 +21,21 @@ class Job {
     Job& operator=(const Job&) = delete;
     virtual ~Job() = default;
 
-    // This many frames of noise, or blocks of it through a queue.
+    // Processes this many frames of noise, or this many blocks through a queue.
     virtual void run(int32_t times) = 0;
 };
 
-// Gives 480 samples.
+// Returns 480 samples.
 using Source = std::function<const int16_t*()>;
 
 class FrameJob : public Job {
   public:
-    // One frame of what the source gives.
+    // Makes one frame of what the source returns.
     virtual void play(const Source& source, int16_t* frame) = 0;
 };
 
-// Buffer(Correction), held() in samples, write(block of 480), read(frame of 240).
+// Buffer must have Buffer(Correction), held() in samples, write(block of 480) and read(frame of
+// 240).
 template <class Buffer>
 class FrameJobOf : public FrameJob {
   public:
@@ -51,7 +52,7 @@ class FrameJobOf : public FrameJob {
     void play(const Source& source, int16_t* frame) override { next(source, frame); }
 
   private:
-    // A block is written whenever fewer samples are held than the largest frame takes.
+    // Writes a block whenever the buffer holds fewer samples than the largest frame takes.
     template <class AnySource>
     void next(const AnySource& source, int16_t* frame) {
         if (buffer.held() <= kFrame) {
@@ -65,7 +66,7 @@ class FrameJobOf : public FrameJob {
     alignas(64) std::array<int16_t, kFrame> output{};
 };
 
-// put(samples, n) and take(samples, n).
+// Queue must have put(samples, n) and take(samples, n).
 template <class Queue>
 class QueueJobOf : public Job {
   public:
@@ -108,20 +109,20 @@ QueueContestant queueContestant(std::string name) {
     return {std::move(name), [] { return std::make_unique<QueueJobOf<Queue>>(); }};
 }
 
-// The names by which a report finds those that goals are about.
+// The names by which a report finds the contestants with goals.
 extern const char* const kOurs;
 extern const char* const kBareCopies;
 extern const char* const kSimd;
 extern const char* const kJack;
 
-// Ours first, then the floors.
+// The daemon's own, then the floors.
 std::vector<FrameContestant> ownFrameBuffers();
 std::vector<QueueContestant> ownQueues();
 // The libraries.
 std::vector<FrameContestant> integerResamplers();
 std::vector<FrameContestant> floatResamplers();
 std::vector<QueueContestant> libraryQueues();
-// All of them.
+// Both together.
 std::vector<FrameContestant> frameContestants();
 std::vector<QueueContestant> queueContestants();
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Resamplers that take and give floating point, with the conversions that 16-bit samples need.
+// Resamplers for floating-point samples, with conversions from and to 16-bit samples.
 #include <algorithm>
 #include <cmath>
 #include <samplerate.h>
@@ -11,7 +11,7 @@
 namespace bench {
 namespace {
 
-// The buffers on either side of the library.
+// The buffers before and after the library.
 class FloatEngine {
   public:
     static constexpr int32_t kStored = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hand-written floor does the daemon's job: it gives the same frames, whether they are
-// stretched, squeezed or plain.
+// The hand-written floor does the daemon's job: it makes the same frames, whether stretched,
+// squeezed or plain.
 #include <array>
 #include <random>
 #include <vector>
@@ -20,7 +20,7 @@ using Frame = std::array<int16_t, bench::kFrame>;
 
 constexpr int32_t kFrames = 1000;
 
-// Noise with falls and rises over the whole range among it.
+// Noise that contains steps over the whole range, up and down.
 std::vector<int16_t> harshNoise(size_t n) {
     std::mt19937 random(20240229);
     std::vector<int16_t> noise(n);
@@ -60,7 +60,7 @@ TEST(FloorTest, PlainFramesAreTheBareCopies) {
               framesOf(bench::kOurs, Correction::kPlain));
 }
 
-// A frame that is not corrected would be the copy of what it takes.
+// An uncorrected frame would equal the samples that it takes.
 TEST(FloorTest, CorrectedFramesAreCorrected) {
     for (const Correction correction : {Correction::kStretched, Correction::kSqueezed}) {
         const std::vector<int16_t> noise = harshNoise(kFrame + 1);

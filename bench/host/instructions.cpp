@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the jobs cost on the simulated board, whose virtual clock counts a nanosecond an
-// instruction: a line "name|correction|instructions" for each, of one frame or of one block through
-// a queue.
+// What the jobs cost on the simulated board, whose virtual clock counts an instruction as a
+// nanosecond. Prints a line "name
+// correction
+// instructions" for each job: one frame, or one block through a queue.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -11,8 +12,8 @@
 namespace {
 
 constexpr int32_t kWarmUp = 240;
-constexpr int64_t kBatchNs = 2000000;  // shorter than the pause between the timer's interrupts
-constexpr int32_t kBatches = 20;       // so that some are free of them
+constexpr int64_t kBatchNs = 2000000;  // shorter than the interval between two timer interrupts
+constexpr int32_t kBatches = 20;       // so that some have no interrupt
 
 int64_t now() {
     timespec t{};
@@ -28,7 +29,7 @@ int64_t costOf(bench::Job& job, int32_t times) {
 
 void report(const std::string& name, const char* what, bench::Job& job) {
     const int64_t once = costOf(job, kWarmUp) / kWarmUp;
-    // Even, as a block makes two frames.
+    // An even number, as a block makes two frames.
     const auto times = static_cast<int32_t>(std::max<int64_t>(kBatchNs / once / 2 * 2, 24));
     int64_t least = INT64_MAX;
     for (int32_t batch = 0; batch < kBatches; batch++) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Resamplers that take and give 16-bit samples.
+// Resamplers for 16-bit samples.
 #include "bench/host/contestants.h"
 #include "bench/host/resampling.h"
 
@@ -38,8 +38,8 @@ class Speex {
     SpeexResamplerState* const state;
 };
 
-// Compensation makes a sample more or fewer over a frame; it is asked for again each frame. Without
-// any, it resamples too, as it must to change over without a click.
+// Compensation adds or removes one sample in a frame and is requested again for each frame. Without
+// compensation the library resamples as well, since only so can it change over without a click.
 template <int taps>
 class Swresample {
   public:
@@ -96,14 +96,14 @@ class Soxr {
     soxr_t state;
 };
 
-// A fixed ratio.
+// Has a fixed ratio.
 class SoxrQuick : public Soxr {
   public:
     explicit SoxrQuick(Correction correction)
         : Soxr(static_cast<double>(takenBy(correction)), kFrame, SOXR_QQ, 0) {}
 };
 
-// A ratio that may change at any time.
+// Has a ratio that may change at any time.
 class SoxrVariable : public Soxr {
   public:
     explicit SoxrVariable(Correction correction) : Soxr(2, 1, SOXR_HQ, SOXR_VR) {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// 238 samples lie between the ends: 29 vectors of 8 and one that overlaps the last of them. Their
-// fractions rise or fall by 274 a sample.
+// 238 samples lie between the ends: 29 vectors of 8 and one that overlaps the last of these. Their
+// fractions rise or fall by 274 per sample.
 //
-// NEON multiplies best into 32 bits: the half of each fraction is exact and fits 15 bits, and with
-// h for that half the formula becomes (b * h - a * (h - 32768) + 16384) >> 15, without a case for
-// falling samples. SSE2 is quicker in 16-bit lanes, with an instruction for either half of the
+// NEON multiplies best into 32 bits: half of each fraction is exact and fits into 15 bits, and with
+// h for that half the formula becomes (b * h - a * (h - 32768) + 16384) >> 15, with no special case
+// for falling samples. SSE2 is faster in 16-bit lanes, with one instruction for each half of the
 // product.
 #include "bench/host/interpolate_simd.h"
 

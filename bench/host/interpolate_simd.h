@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The interpolation of a frame of 240, written by hand for SSE2 and for NEON.
+// The interpolation of a frame of 240 samples, written by hand for SSE2 and NEON.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two jobs that are measured. A frame: blocks of 480 mono 16-bit samples in, frames of 240 out,
-// a sample more or fewer taken for a frame where latency is corrected. A block: 480 samples into a
+// The two jobs that are measured. A frame: blocks of 480 mono 16-bit samples in, frames of 240 out;
+// a frame takes a sample more or fewer where latency is corrected. A block: 480 samples into a
 // queue and twice 240 out of it.
 #pragma once
 
@@ -9,10 +9,10 @@
 
 namespace bench {
 
-constexpr int32_t kBlock = 480;    // samples of a write
-constexpr int32_t kFrame = 240;    // samples of a read
-constexpr int32_t kStorage = 960;  // samples that a buffer holds at most
-constexpr int32_t kRate = 48000;   // samples a second
+constexpr int32_t kBlock = 480;    // samples per write
+constexpr int32_t kFrame = 240;    // samples per read
+constexpr int32_t kStorage = 960;  // the most samples that a buffer holds
+constexpr int32_t kRate = 48000;   // samples per second
 
 enum class Correction {
     kPlain,      // a frame is the 240 samples that it takes
@@ -28,28 +28,27 @@ inline const char* nameOf(Correction correction) {
     return names[static_cast<int32_t>(correction)];
 }
 
-// Samples that a frame takes.
+// The number of samples that a frame takes.
 constexpr int32_t takenBy(Correction correction) {
     constexpr int32_t taken[] = {kFrame, kFrame - 1, kFrame + 1};
     return taken[static_cast<int32_t>(correction)];
 }
 
-// Takes from the compiler what it knows of memory: what was written is needed, what is read next is
-// unknown. benchmark::DoNotOptimize of an lvalue, which is meant for that, is miscompiled by
-// GCC 12.
+// Makes the compiler assume that all written memory is needed and all memory read later is unknown.
+// benchmark::DoNotOptimize of an lvalue is meant for this, but GCC 12 miscompiles it.
 inline void barrier(const void* p) {
     asm volatile("" : : "r"(p) : "memory");
 }
 
-// A number that the compiler does not know: a copy of that many bytes calls the C library's and
-// does not become an inline string instruction, which is several times slower.
+// Hides a number from the compiler: a copy of that many bytes then calls the C library instead of
+// using an inline string instruction, which is several times slower.
 template <class T>
 T unknown(T value) {
     asm volatile("" : "+r"(value));
     return value;
 }
 
-// Noise of full scale, always the same.
+// Noise of full scale, the same in every run.
 inline std::array<int16_t, kBlock> noiseBlock() {
     std::array<int16_t, kBlock> block{};
     uint32_t state = 1;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Measures every contestant's jobs with Google Benchmark, and what the resamplers do to a tone:
 //   host_bench MACHINE INSTRUCTIONS DIRECTORY [--benchmark_...]
-// MACHINE is a file that tells what is measured on, INSTRUCTIONS what the program instructions
-// printed (empty where it did not run); the results go into the directory and onto the standard
-// output.
+// MACHINE is a file that describes the machine, INSTRUCTIONS the output of the program instructions
+// (empty if it did not run). The results go to the directory and to standard output.
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -22,9 +21,9 @@ using bench::Cost;
 using bench::Result;
 using bench::Results;
 
-constexpr int32_t kBatch = 240;  // jobs between two looks at the clock
+constexpr int32_t kBatch = 240;  // jobs between two readings of the clock
 
-// Keeps the times of every repetition by the benchmark's name, and shows that it goes on.
+// Keeps the times of every repetition, keyed by the benchmark's name, and shows progress.
 class Times : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context& /*context*/) override { return true; }
@@ -48,16 +47,16 @@ class Times : public benchmark::BenchmarkReporter {
     std::map<std::string, std::vector<double>> all;
 };
 
-// What lies how far from the stack, modulo a page, decides whether loads wait for stores that they
-// have nothing to do with: up to a third of a plain frame's time. So every repetition's job lies
-// elsewhere.
+// Memory at certain distances from the stack, modulo a page, makes loads wait for unrelated stores,
+// which can take up to a third of a plain frame's time. So each repetition's job gets another place
+// in memory.
 void moveHeap() {
     static std::vector<std::vector<char>> taken;
     static std::minstd_rand random;
     taken.emplace_back(64 * (random() % 64));
 }
 
-// A new job for each repetition.
+// Makes a new job for each repetition.
 template <class Make>
 void add(const std::string& name, Make make) {
     benchmark::RegisterBenchmark(name.c_str(), [make](benchmark::State& state) {
@@ -93,7 +92,7 @@ Results gathered(Times& times) {
             const char* const what = bench::nameOf(correction);
             result.costs[what] = times.costOf(key(contestant.name, what));
             if (contestant.name == bench::kBareCopies) {
-                continue;  // no resampler
+                continue;  // is not a resampler
             }
             for (const double frequency : bench::kFrequencies) {
                 result.distortions[what].push_back(

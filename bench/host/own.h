@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The daemon's frame buffer and queue, and the least that the jobs can cost: the copies alone, and
-// the copies with the interpolation written by hand for the vector unit.
+// the copies with an interpolation that is written by hand for the vector unit.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 
 namespace bench {
 
-// Its target range makes every depth right, too low or too high.
+// The target range is chosen so that every depth is right, too low or too high.
 class OwnFrameBuffer {
   public:
     explicit OwnFrameBuffer(Correction correction) {
@@ -24,7 +24,7 @@ class OwnFrameBuffer {
         const int32_t low = correction == Correction::kStretched ? kStorage : 0;
         const int32_t high = correction == Correction::kSqueezed ? 0 : kStorage;
         SSRS_SetQDepth(&ctx, low, high);
-        ctx.primePending = 0;  // no silence first: a whole storage of it would be in range
+        ctx.primePending = 0;  // no silence first: a storage full of it would be in range
     }
     OwnFrameBuffer(const OwnFrameBuffer&) = delete;
     OwnFrameBuffer& operator=(const OwnFrameBuffer&) = delete;
@@ -38,7 +38,7 @@ class OwnFrameBuffer {
     alignas(64) int16_t storage[kStorage];
 };
 
-// A corrected frame is as many samples as there are of those that it takes.
+// Copies the samples that a frame takes, but no more than the frame holds.
 class BareCopies {
   public:
     explicit BareCopies(Correction correction)
@@ -54,7 +54,7 @@ class BareCopies {
     const int32_t block;
 };
 
-// Interpolates straight from the ring wherever the samples lie there in one piece.
+// Interpolates straight from the ring wherever the samples are contiguous there.
 class HandWrittenSimd {
   public:
     explicit HandWrittenSimd(Correction correction)

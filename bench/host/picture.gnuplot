@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# picture.gnuplot DATA PICTURE: a bar for every contestant, shorter is better, both scales logarithmic.
+# picture.gnuplot DATA PICTURE: draws a bar for every contestant; shorter is better, and both scales are
+# logarithmic.
 set terminal pngcairo noenhanced size 1400,820 font "sans,10" background "white"
 set output ARG2
 set multiplot layout 2,2 title "What the frame buffer and its queue cost, beside what one would use instead"

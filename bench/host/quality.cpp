@@ -49,7 +49,8 @@ Basis basisAt(double phase) {
     return {std::sin(phase), std::cos(phase), 1};
 }
 
-// The weights of the basis that come nearest to the sound: its normal equations, by Gauss.
+// The weights with which the basis comes closest to the sound: least squares, solved by Gaussian
+// elimination.
 Basis fitted(const std::vector<double>& sound, double step) {
     std::array<std::array<double, 4>, 3> rows{};
     for (size_t i = 0; i < sound.size(); i++) {

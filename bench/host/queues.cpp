@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Queues that one would use instead, as large as the daemon's.
+// Queues that could replace the daemon's, of the same size.
 #include <algorithm>
 #include <array>
 #include <boost/circular_buffer.hpp>
@@ -59,7 +59,7 @@ class BoostCircular {
     boost::circular_buffer<int16_t> buffer{static_cast<size_t>(kStorage)};
 };
 
-// Sample by sample in its bulk calls, with the tokens that make them quick.
+// Moves samples in bulk calls, with the tokens that make these fast.
 class MoodycamelConcurrent {
   public:
     void put(const int16_t* from, int32_t n) {
@@ -75,7 +75,7 @@ class MoodycamelConcurrent {
     moodycamel::ConsumerToken consumer{queue};
 };
 
-// It has no bulk calls: its elements are frames, so it could not do the daemon's job.
+// Has no bulk calls, so its elements are frames; it could not do the daemon's job.
 class MoodycamelReaderWriter {
   public:
     void put(const int16_t* from, int32_t n) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A resampling library doing the frame buffer's job: the waiting samples in one piece, as the
+// A resampling library in the frame buffer's job: the waiting samples in one piece, as the
 // libraries need them, followed by the library's resampler.
 #pragma once
 
@@ -11,15 +11,15 @@
 
 namespace bench {
 
-// What one call of a resampler took and made, in samples.
+// How many samples one call of a resampler took and made.
 struct Progress {
     int32_t taken;
     int32_t made;
 };
 
-// Engine(Correction) has process(in, n, out, room), which returns its Progress, and kStored: the
-// samples that it takes in and keeps at the start, so that it never runs short later; 0 where it
-// takes only what it needs for its output.
+// Engine(Correction) has process(in, n, out, room), which returns its Progress, and kStored: how
+// many samples it stores at the start, so that it never runs short later; 0 if it takes only what
+// it needs for its output.
 template <class Engine>
 class Resampling {
   public:

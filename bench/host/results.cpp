@@ -94,7 +94,7 @@ std::string goal(const char* what, double ours, double other, double limit) {
                   ratio <= limit ? "met" : "missed");
 }
 
-// The goals in one of a cost's figures.
+// The results for the goals, by one of a cost's figures.
 std::string goalsOf(const Results& results, double Cost::*figure, const char* title) {
     const auto of = [&](const char* name, Correction correction) {
         return named(results.frames, name).costs.at(nameOf(correction)).*figure;
@@ -174,7 +174,7 @@ std::string jsonOf(const Results& results) {
            ",\n  \"queues\": " + listJson(results.queues) + "\n}\n";
 }
 
-// Two blocks for gnuplot, of frames and of queues: name, then nanoseconds, then instructions.
+// Two blocks for gnuplot, frames and queues: name, then nanoseconds, then instructions.
 std::string dataOf(const Results& results) {
     std::string text;
     for (const std::vector<Result>* list : {&results.frames, &results.queues}) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The figures of a run, and the files that they are written to.
+// The figures of a run, and the files to which they are written.
 #pragma once
 
 #include <map>
@@ -8,12 +8,12 @@
 
 namespace bench {
 
-// Of one job done once.
+// The cost of one job.
 struct Cost {
     double ns = 0;            // median of the repetitions
-    double nsLow = 0;         // the lowest of them
-    double nsHigh = 0;        // the highest
-    double instructions = 0;  // on AArch64, 0 where not counted
+    double nsLow = 0;         // the lowest repetition
+    double nsHigh = 0;        // the highest repetition
+    double instructions = 0;  // on AArch64; 0 if not counted
 };
 
 struct Result {
@@ -28,10 +28,10 @@ struct Results {
     std::vector<Result> queues;
 };
 
-// Takes the lines that the program instructions prints.
+// Reads the lines that the program instructions printed.
 void addInstructions(Results& results, const std::string& file);
 
-// The tables and what became of the goals.
+// The tables, and whether the goals were reached.
 std::string textOf(const Results& results);
 // Writes host.txt, host.json and, for the picture, host.dat.
 void write(const Results& results, const std::string& directory);

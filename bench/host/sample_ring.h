@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A ring of samples without checks and counts: two copies and what they need to wrap round.
+// A ring of samples without checks or counters: two copies and what they need to wrap around.
 #pragma once
 
 #include <algorithm>
@@ -33,7 +33,7 @@ class SampleRing {
         drop(n);
     }
 
-    // The next samples where they lie, and how many of them are in one piece.
+    // Where the next samples are, and how many of them are contiguous.
     const int16_t* next() const { return storage + readAt; }
     int32_t contiguous() const { return std::min(depth, kStorage - readAt); }
 
