@@ -17,8 +17,7 @@ __extension__ using Wide = __int128;
 
 constexpr Wide kFemto = 1000000000000000;  // ns in a second times microhertz in a hertz
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int64_t kForeverNs =
-    10000000000;  // after so long without progress a blocking transfer fails
+constexpr int64_t kForeverNs = 10000000000;  // without progress; then a blocking transfer fails
 
 std::vector<std::unique_ptr<snd_pcm_t>>& pcms() {
     static auto* const all = new std::vector<std::unique_ptr<snd_pcm_t>>;

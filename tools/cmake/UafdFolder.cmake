@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# How every folder of the daemon is built: one static library a folder, the repository root as the
-# only include root, no exceptions, and warnings as errors.
+# How each folder of the daemon is built: as one static library, with the repository root as the only include
+# root, without exceptions, and with warnings as errors.
 
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -14,13 +14,13 @@ find_package(Threads REQUIRED)
 add_library(uafd_options INTERFACE)
 target_include_directories(uafd_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(uafd_options INTERFACE -Wall -Wextra -Wconversion -Werror)
-# Members have no mark, so nothing else in their class's functions may have their name. Clang alone: GCC also
-# refuses a constructor's parameter that is named as the member that it sets.
+# Members have no mark, so no local variable of their class's functions may have the same name. Only Clang
+# checks this: GCC would also refuse a constructor's parameter with the name of the member that it sets.
 target_compile_options(uafd_options INTERFACE $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wshadow>)
 target_link_libraries(uafd_options INTERFACE Threads::Threads)
 
 # uafd_folder(NAME [OBJECT] SOURCES file... [USES folder...])
-# USES is checked against the folder's #include lines by tools/check/includes.
+# tools/check/includes compares USES with the folder's #include lines.
 function(uafd_folder name)
   cmake_parse_arguments(FOLDER "OBJECT" "" "SOURCES;USES" ${ARGN})
   set(kind STATIC)
@@ -29,7 +29,7 @@ function(uafd_folder name)
   endif()
   add_library(${name} ${kind} ${FOLDER_SOURCES})
   target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
-  # The fuzzers are led by the branches that the daemon's own code takes.
+  # The fuzzers follow the branches of the daemon's own code.
   target_compile_options(${name} PRIVATE
     $<$<BOOL:${UAFD_FUZZ}>:-fsanitize-coverage=inline-8bit-counters,pc-table>)
   target_link_libraries(${name} PUBLIC uafd_options ${FOLDER_USES})
@@ -39,7 +39,7 @@ endfunction()
 add_library(uac_user INTERFACE)
 target_link_libraries(uac_user INTERFACE uafd_options)
 
-# What most test code includes, compiled once: uafd_test_headers(NAME option...). Targets take it with
+# Compiles once what most test code includes: uafd_test_headers(NAME option...). Targets use it with
 # uafd_use_test_headers(NAME target...), which compiles them with the same options.
 function(uafd_test_headers name)
   set(source ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)

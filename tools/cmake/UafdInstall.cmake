@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# uafd_install_gz(FILE DESTINATION COMPONENT): installs a text compressed, without time stamps, so that
-# every build has the same.
+# uafd_install_gz(FILE DESTINATION COMPONENT): installs a text file compressed, without time stamps, so
+# that every build produces the same file.
 function(uafd_install_gz file destination component)
   set(compressed ${CMAKE_CURRENT_BINARY_DIR}/${file}.gz)
   add_custom_command(OUTPUT ${compressed}
@@ -13,5 +13,6 @@ function(uafd_install_gz file destination component)
   install(FILES ${compressed} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
-# What packages are made of, and no more; whose install rules come depends on it.
+# Everything that packages contain, and nothing else. Files with install rules must be dependencies of
+# this.
 add_custom_target(package_files)

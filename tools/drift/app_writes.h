@@ -9,7 +9,7 @@
 
 namespace drift {
 
-// When the app's clock has this frame.
+// When the app's clock reaches this frame.
 Ns dueOf(const Scenario& scenario, int64_t frame);
 
 struct AppWrite {
@@ -21,7 +21,7 @@ class AppWrites {
   public:
     explicit AppWrites(const Scenario& scenario);
 
-    // The next write, of the scenario's blockFrames; never earlier than the previous one.
+    // The next write, of the scenario's blockFrames; never before the previous one.
     AppWrite next();
 
   private:

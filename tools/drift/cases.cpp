@@ -11,8 +11,8 @@ namespace drift {
 namespace {
 
 constexpr Ns kTime = 60 * kSecond;
-// The phase of the app's writes to the host's periods is random: each case is simulated with this
-// many phases, evenly spread over the 10 ms after which they recur.
+// The phase between the app's writes and the host's periods is random: each case is simulated with
+// this many phases, evenly spread over the 10 ms in which they repeat.
 constexpr int kPhases = 10;
 constexpr Ns kPhaseStep = kMs;
 constexpr Ns kFirstPhase = kMs / 4;
@@ -65,7 +65,7 @@ double inMs(Ns time) {
     return static_cast<double>(time) / kMs;
 }
 
-// The worst of all phases; for the corrections the mean.
+// The worst of all phases; for the corrections, the mean.
 struct Worst {
     Ns depthLow = INT64_MAX;
     Ns depthHigh = 0;

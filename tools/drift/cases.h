@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The cases that an app's developer asks for, simulated.
+// The common cases of an app, simulated.
 #pragma once
 
 #include <string>
 
 namespace drift {
 
-// A Markdown table, a row for each case, as it stands in docs/drift.md.
+// A Markdown table with a row for each case, as in docs/drift.md.
 std::string tableOfCases();
 
 }  // namespace drift

@@ -17,7 +17,7 @@ using drift::kSecond;
 using drift::Ns;
 
 constexpr int kPpmMax = 100000;
-constexpr double kTimeMaxMs = 3600e3;  // of every time
+constexpr double kTimeMaxMs = 3600e3;  // the limit for every time
 
 struct Options {
     drift::Scenario scenario;
@@ -113,7 +113,7 @@ double inMs(Ns time) {
     return static_cast<double>(time) / kMs;
 }
 
-// An empty field where there is no latency.
+// The field is empty where there is no latency.
 void writeRow(FILE* file, const drift::Reading& reading, const drift::Counts& counts) {
     char latency[32] = "";
     if (reading.latency >= 0) {

@@ -10,16 +10,16 @@
 
 namespace drift {
 
-// A stream's depth and latency are in their range by then, whatever the clocks' difference.
+// By then a stream's depth and latency are in their ranges, whatever the clocks' difference is.
 constexpr Ns kSettling = 3 * kSecond;
 
 struct Measured {
-    // From kSettling on.
+    // These count from kSettling on.
     board::Spread depth;    // of the frame buffer before a read, ns of sound
     board::Spread latency;  // of the app's samples
     double stretchesPerSecond = 0;
     double squeezesPerSecond = 0;
-    // From the beginning on.
+    // Counts from the beginning.
     Counts counts;
 };
 

@@ -9,13 +9,13 @@
 namespace drift {
 namespace {
 
-constexpr int kPipeFrames = 1024;  // the least that a pipe holds: a page of stereo frames
+constexpr int kPipeFrames = 1024;  // the smallest pipe: a page of stereo frames
 constexpr int kRingPeriods = uafd::kSourceRingFrames / uafd::kPeriodFrames;
 constexpr Ns kPeriod = int64_t{uafd::kPeriodFrames} * kSecond / uafd::kSampleRateHz;
-constexpr Ns kUsbFrame = kMs;  // a sample moves with its USB frame, at that frame's end
+constexpr Ns kUsbFrame = kMs;  // a sample moves at the end of its USB frame
 constexpr int64_t kMillion = 1000000;
 
-// The content does not matter, only what becomes of it.
+// Any contents will do: only their way through the buffer matters.
 constexpr int16_t kBlock[uafd::kFifoBlockFrames] = {};
 
 }  // namespace
@@ -29,7 +29,8 @@ MicSimulation::MicSimulation(const Scenario& scenario)
     }
 }
 
-// Before it starts, the daemon fills the ring with a silent period and then with frames.
+// Before the daemon starts its playback, it fills the ring with a silent period and then with
+// frames.
 Reading MicSimulation::read() {
     const int64_t ahead = kRingPeriods - 1;
     const Ns at = hostTime(std::max<int64_t>(reads + 1 - ahead, 0));
@@ -60,8 +61,7 @@ Reading MicSimulation::read() {
     return reading;
 }
 
-// One pass of the buffer thread takes a block or, at the end of a write or of the pipe's page,
-// less.
+// One pass of the buffer thread takes a block, or less at the end of a write or of the pipe's page.
 void MicSimulation::takeWrite(const AppWrite& write) {
     counted.written += scenario.blockFrames;
     int left = scenario.blockFrames;
@@ -78,7 +78,7 @@ void MicSimulation::takeWrite(const AppWrite& write) {
     }
 }
 
-// The part of the block that a short read leaves is used again.
+// After a short read the rest of the block is used again as it was.
 void MicSimulation::bufferPass(int64_t frame, int fresh, Ns at) {
     const int before = depth();
     const uint32_t overruns = statistics().overruns;
@@ -103,7 +103,7 @@ void MicSimulation::bufferPass(int64_t frame, int fresh, Ns at) {
     ++passes;
 }
 
-// Counts what is lost when the frame buffer is enlarged.
+// Counts the samples that are lost when the frame buffer is enlarged.
 void MicSimulation::discardQueued(Ns at) {
     counted.lost += queued();
     counted.enlargedAt = at;
@@ -132,8 +132,8 @@ Ns MicSimulation::hostTime(int64_t periods) const {
     return periods * kPeriod * kMillion / (kMillion + scenario.ppm);
 }
 
-// The latency of the app's first sample among the next `samples`, the first of which is played at
-// `playedAt`.
+// The latency of the app's first sample among the next `samples`, which are played from `playedAt`
+// on.
 Ns MicSimulation::latencyOf(Ns playedAt, int64_t samples) const {
     int64_t before = 0;
     for (const Span& span : spans) {

@@ -14,28 +14,28 @@
 
 namespace drift {
 
-// One read of the worker's, 5 ms of sound.
+// One read by the worker, 5 ms of sound.
 struct Reading {
     Ns at;         // since the host's stream began
-    int depth;     // of the frame buffer before the read, samples
+    int depth;     // of the frame buffer before the read, in samples
     int depthLow;  // the range in which frames are neither stretched nor squeezed
     int depthHigh;
     int correction;  // 1: stretched, a sample added; -1: squeezed, a sample removed
-    bool starved;    // the app's samples did not fill the frame
-    Ns latency;      // of its first sample; -1 when it has none of the app's
+    bool starved;    // there were too few of the app's samples for the frame
+    Ns latency;      // of its first sample; -1 if none is the app's
 };
 
-// Since the host's stream began. Samples unless stated otherwise.
+// Since the host's stream began. In samples unless stated otherwise.
 struct Counts {
     int64_t written = 0;     // by the app
     int64_t stretches = 0;   // frames
     int64_t squeezes = 0;    // frames
-    int64_t underruns = 0;   // frames that were short
+    int64_t underruns = 0;   // frames with too few samples
     int64_t emptyReads = 0;  // completely silent frames, not counting those before the first write
-    int64_t overruns = 0;    // blocks that found no room
+    int64_t overruns = 0;    // blocks for which there was no room
     int64_t lost = 0;        // the app's samples in those blocks, or when the buffer was enlarged
-    int64_t silent = 0;      // heard instead of the app's, once they had begun
-    int64_t stale = 0;       // heard a second time, after a write that was no whole block
+    int64_t silent = 0;      // heard in place of the app's sound once that had begun
+    int64_t stale = 0;       // heard twice, after a write that was not a whole block
     Ns enlargedAt = -1;      // when the frame buffer was enlarged
 };
 
@@ -49,16 +49,16 @@ class MicSimulation {
     Reading read();
 
     const Counts& counts() const { return counted; }
-    // The app's samples that are in the frame buffer, and those that have left it for the host.
+    // The app's samples in the frame buffer, and those that have left it for the host.
     int64_t queued() const;
     int64_t played() const { return playedSamples; }
 
   private:
     enum class Source { kApp, kStart, kSilence, kStale };
-    // Samples that follow each other in the frame buffer.
+    // Consecutive samples in the frame buffer.
     struct Span {
         Source source;
-        int64_t frame;  // the first one, of the app's
+        int64_t frame;  // the first one's number among the app's
         int64_t count;
     };
 
@@ -76,7 +76,7 @@ class MicSimulation {
     AppWrites writes;
     AppWrite nextWrite;
     uafd::FrameBuffer buffer;
-    std::deque<Span> spans;  // what the frame buffer holds
+    std::deque<Span> spans;  // the contents of the frame buffer
     Counts counted;
     int64_t reads = 0;
     int64_t playedSamples = 0;

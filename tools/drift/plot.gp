@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# gnuplot -e "csv='FILE'; png='FILE'; what='TITLE'" plot.gp: depth and latency, what latency control
-# did, and what the host heard instead of the app.
+# gnuplot -e "csv='FILE'; png='FILE'; what='TITLE'" plot.gp: draws depth and latency, what latency
+# control did, and what the host heard in place of the app.
 set terminal pngcairo size 1200,900 font 'DejaVu Sans,11'
 set output png
 set datafile separator ','

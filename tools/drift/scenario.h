@@ -17,15 +17,15 @@ using board::Ns;
 struct Pause {
     Ns at;
     Ns length;
-    bool dropped;  // what was due meanwhile is never written; otherwise all of it at the end
+    bool dropped;  // skips what was due meanwhile; otherwise all of it is written at the end
 };
 
 struct Scenario {
-    int ppm = 0;             // how much faster the host's clock is than the app's
+    int ppm = 0;             // by how much the host's clock is faster than the app's
     int blockFrames = 480;   // of one write
-    Ns jitter = 0;           // each write is up to this much late, uniformly distributed
+    Ns jitter = 0;           // each write is late by up to this, uniformly distributed
     Ns phase = 5 * kMs / 2;  // of the first write, from the start of the host's stream
-    uint64_t seed = 0;       // for the lateness of the writes
+    uint64_t seed = 0;       // decides how late each write is
     std::vector<Pause> pauses;
 };
 

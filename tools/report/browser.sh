@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
-# Sourced by what looks at the page: a browser without a window.
+# To be sourced by scripts that look at the page: a browser without a window.
 
 # shellcheck source=tools/packages.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../packages.sh"
 
-# browse OPTION... PAGE: Chromium, installed where it is missing, with an empty profile. What it
-# complains of, such as the desktop that is not there, shows only when it fails.
+# browse OPTION... PAGE: runs Chromium, which it installs if necessary, with an empty profile. Its
+# messages, for example about a missing desktop, show only when it fails.
 browse() {
   install_missing chromium
   local work status=0

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What ./run has left, read: text, tables and sound out of the files that the page carries, and the
-// arithmetic on the sound. Nothing here draws.
+// Reads what ./run has left: text, tables and sound from the files in the page; and calculates with
+// the sound. Nothing here draws.
 "use strict";
 
-// The file's bytes, or null where the run has not left it.
+// The file's bytes, or null if the run has not left it.
 function bytesOf(name) {
   const element = document.getElementById("file:" + name);
   return element && Uint8Array.from(atob(element.textContent.trim()), (c) => c.charCodeAt(0));
@@ -18,7 +18,7 @@ function linesOf(text) {
   return text.split("\n").filter((line) => line !== "");
 }
 
-// Rows as objects, by the names in the first line; a quoted field may hold commas.
+// Rows as objects with the names of the first line; a quoted field may contain commas.
 function readCsv(text) {
   const rows = linesOf(text).map((line) =>
     Array.from(line.matchAll(/(?:^|,)(?:"([^"]*)"|([^,]*))/g), (field) => field[1] ?? field[2]));
@@ -63,8 +63,8 @@ function readWav(bytes) {
   return { rate, samples: new Float32Array(0) };
 }
 
-// Where the first sample of `part` is in `whole`, found by what surrounds its loudest one; 0 when
-// nowhere.
+// The position of `part` in `whole`, found by the samples around its loudest one; 0 if it is not
+// there.
 function offsetOf(part, whole) {
   const loudest = part.reduce((best, v, i) => Math.abs(v) > Math.abs(part[best]) ? i : best, 0);
   const begin = Math.max(loudest - 32, 0);
@@ -77,7 +77,7 @@ function offsetOf(part, whole) {
   return 0;
 }
 
-// In place, of a length that is a power of two.
+// In place; the length must be a power of two.
 function fft(re, im) {
   const n = re.length;
   for (let i = 1, j = 0; i < n; i++) {
@@ -121,7 +121,7 @@ function spectrumAt(samples, middle, size, bins) {
     20 * Math.log10(Math.hypot(re[k], im[k]) / (size / 4) + 1e-9));
 }
 
-// The smallest and the largest sample in each of `columns` stretches of [from, to) seconds.
+// The smallest and the largest sample in each of `columns` parts of [from, to) seconds.
 function envelopeOf(wav, from, to, columns) {
   return Array.from({ length: columns }, (_, c) => {
     const begin = Math.round((from + (to - from) * c / columns) * wav.rate);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The page's pictures and tables, drawn once when it is opened.
+// The page's pictures and tables, drawn once when the page is opened.
 "use strict";
 
 const WIDTH = 1180;
@@ -74,7 +74,7 @@ function tableOf(heads, rows, kind = "") {
 const LANES = ["user", "host", "driver", "daemon", "app"];
 const STREAMS = [["0", "USB"], ["1", "speaker"], ["2", "microphone"]];
 
-// When a message with this type said 1, until it said 0.
+// The times from a message of this type with 1 to the next one with 0.
 function spansOf(messages, type, end) {
   const spans = [];
   let since = null;
@@ -90,7 +90,7 @@ function spansOf(messages, type, end) {
   return since === null ? spans : [...spans, [since, end]];
 }
 
-// What somebody did, those at about the same time in one label.
+// What somebody did; a label holds everything that happened at about the same time.
 function labelsOf(entries) {
   const labels = [];
   for (const { at, who, what } of entries) {
@@ -169,7 +169,7 @@ const LOUDEST_DB = -20;
 const SOFTEST_DB = -95;
 const HZ = 10000;
 
-// Dark to bright, from 0 to 1.
+// A colour for 0 to 1, dark to bright.
 function heat(v) {
   const stops = [[8, 8, 28], [72, 20, 110], [180, 45, 100], [245, 125, 50], [252, 240, 160]];
   const at = Math.min(Math.max(v, 0), 0.9999) * (stops.length - 1);
@@ -177,7 +177,7 @@ function heat(v) {
   return low.map((c, i) => c + (high[i] - c) * (at % 1));
 }
 
-// A picture of [from, to) seconds, frequencies from 0 at the bottom to HZ.
+// A picture of [from, to) seconds, with frequencies from 0 at the bottom to HZ at the top.
 function spectrogram(wav, from, to, width, height) {
   const canvas = document.createElement("canvas");
   Object.assign(canvas, { width, height });
@@ -236,7 +236,7 @@ function drawDirection({ title, from, to, played, heard }) {
 
 // ---- Latency and depth ---------------------------------------------------------------------------
 
-// {from, to, ppm}: stretches of the stream in which the host's clock had one offset.
+// {from, to, ppm}: parts of the stream in which the host's clock had one offset.
 function offsetsOf(entries, begin, end) {
   const changes = entries.filter((e) => e.who === "host" && e.what.startsWith("ppb ") && e.at > begin && e.at < end)
     .map((e) => ({ from: e.at, ppm: Number(e.what.slice(4)) / 1000 }));
@@ -244,7 +244,7 @@ function offsetsOf(entries, begin, end) {
   return all.map((stretch, i) => ({ ...stretch, to: i + 1 < all.length ? all[i + 1].from : end }));
 }
 
-// Along the lower edge of the plot, which stays empty.
+// Along the lower edge of the plot, where nothing else is drawn.
 function legendAt(plot, entries) {
   return entries.map(([color, text], i) => {
     const x = plot.left + 14 + i * 200;
@@ -346,7 +346,7 @@ function draw() {
   if (summary) {
     drawSummary(JSON.parse(summary));
   }
-  document.body.dataset.height = document.documentElement.scrollHeight;  // drawn, and so high
+  document.body.dataset.height = document.documentElement.scrollHeight;  // for the screenshot
 }
 
 draw();

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""run-tests [--all] PART [NAME]: what ./test does on a machine that is set up; see ./test --help."""
+"""run-tests [--all] PART [NAME]: the work of ./test once the machine is set up; see ./test --help."""
 
 import concurrent.futures
 import os
@@ -11,8 +11,8 @@ import memory
 from preset import Preset
 from tally import Tally
 
-# What runs one after the other; the board's tests beside the rest, so that no processor waits for the
-# last program of a build.
+# The parts of a chain run one after the other. The board's tests run in parallel to the rest, so that no
+# processor is idle during the last program of a build.
 CHAINS = (("checks", "host", "host-asan", "host-tsan"), ("board",))
 PARTS = {"all": ("checks", "host", "host-asan", "host-tsan", "board"), "unit": ("host-asan", "host-tsan")}
 

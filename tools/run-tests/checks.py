@@ -14,17 +14,17 @@ from tally import say
 @dataclasses.dataclass
 class Check:
     command: str
-    # The files and folders that it reads beside its own program. None: it always runs.
+    # The files and folders that the check reads besides its own program. None: it always runs.
     reads: tuple = None
-    # Regular expressions. It reads what `included` matches as well; it looks at the files that `each`
-    # matches one by one, and then the command takes the names of those that changed.
+    # Regular expressions. The check also reads the files that `included` matches. It checks one by one the
+    # files that `each` matches; the command then gets the names of those that changed.
     each: str = ""
     included: str = ""
-    # Of what this matches it looks at the names alone.
+    # It uses only the names of the files that this matches.
     named: str = ""
 
     def keys(self):
-        """By what is remembered: the key, or None."""
+        """The key, or None, for each name under which a result is remembered."""
         if self.reads is None:
             return {self.command: None}
         reads = [self.command.split()[0], *self.reads, *memory.matching(self.included)]
@@ -39,7 +39,7 @@ PRODUCT = ("alsa", "buffer", "cable", "channel", "daemon", "ipc", "platform", "c
 PACKAGING = ("tests/packaging", "packaging", "Android.bp", "LICENSE", "tools/packages.sh", "tools/cmake",
              "CMakeLists.txt", *PRODUCT)
 
-# The longest first.
+# The slowest first.
 OF_SOURCES = (
     Check("tools/check/static", (".clang-tidy",),
           each=rf"^({'|'.join(PRODUCT)}|tests|tools|bench)/.*\.(cpp|c)$", included=r"\.(h|hpp|inc)$"),
@@ -63,12 +63,12 @@ OF_SOURCES = (
     Check("tools/soak_table_test"),
     Check("tests/fuzz/corpus_test"),
 )
-# The documents' commands want everything built.
+# The documents' commands need everything to be built.
 OF_BUILDS = (Check("tools/check/docs"),)
 
 
 def run(checks, tally, passed):
-    """Several at a time: most of them use one processor."""
+    """Runs several at a time, as most of them use only one processor."""
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         running = []
         for check in checks:

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What has passed, and with which inputs, so that it need not run again with the same ones.
+"""Remembers what has passed, and with which inputs, so that it need not run again with the same ones.
 
 A program or a check is remembered by its name, with a key: a hash of its command, of the contents of
-every file that it reads, and of the machine below it. The key is made before it runs. What fails is
-forgotten.
+every file that it reads, and of the machine. The key is computed before the run. A program or check that
+fails is forgotten.
 """
 
 import functools
@@ -16,7 +16,7 @@ import subprocess
 import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-# What a program may find in its environment that changes what it does.
+# Environment variables that may change what a program does.
 VARIABLES = re.compile(r"(GTEST|ASAN|LSAN|TSAN|UBSAN|UAFD)_|LD_|MALLOC_|LANG|LC_|TZ$")
 
 
@@ -26,8 +26,8 @@ def hash_of(file, _size, _changed):
 
 
 def matching(pattern):
-    """The files, out of those that git keeps or would keep, whose names from the root match; none for
-    an empty pattern."""
+    """Those files that git tracks, or does not ignore, whose names from the root match; none for an empty
+    pattern."""
     if not pattern:
         return []
     kept = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard"], cwd=ROOT,
@@ -36,7 +36,7 @@ def matching(pattern):
 
 
 def files_below(paths):
-    """The files among the paths and in their folders; paths are absolute or from the root."""
+    """All files at or below the paths, which are absolute or from the root."""
     for path in paths:
         found = ROOT / path
         if found.is_dir():
@@ -65,12 +65,12 @@ def machine():
 
 
 def key_of(words, paths):
-    """Of a command and of the files and folders that it reads."""
+    """The key of a command with the files and folders that it reads."""
     return hashlib.sha256(json.dumps([words, list(contents_of(paths)), machine()]).encode()).hexdigest()
 
 
 class Memory:
-    """`forgetful` remembers nothing from before, and everything for the next time."""
+    """With `forgetful` nothing that passed earlier counts, but what passes now is remembered."""
 
     def __init__(self, file, forgetful=False):
         self.file = file
@@ -79,13 +79,13 @@ class Memory:
         self.lock = threading.Lock()
 
     def cases(self, name, key):
-        """How many cases passed with this key; None: it has to run."""
+        """How many cases passed with this key, or None if it has to run."""
         with self.lock:
             known, cases = self.passed.get(name, (None, None))
         return cases if key and key == known and not self.forgetful else None
 
     def note(self, name, key, cases):
-        """After a run; `cases` is None when it failed."""
+        """Remembers the result of a run; `cases` is None when it failed."""
         with self.lock:
             self.passed.pop(name, None)
             if key and cases is not None:

@@ -17,21 +17,21 @@ JOBS = str(len(os.sched_getaffinity(0)))
 
 
 def list_programs(preset, pattern):
-    """ctest's own description of the programs, by name."""
+    """ctest's description of each program, by name."""
     command = ["ctest", "--preset", preset, "--show-only=json-v1", *(["-R", pattern] if pattern else [])]
     told = subprocess.run(command, stdout=subprocess.PIPE, check=False).stdout
     return {test["name"]: test for test in json.loads(told or "{}").get("tests", [])}
 
 
 def key_of(test):
-    """None unless the program declares what it reads: REQUIRED_FILES."""
+    """None unless the program declares the files that it reads, as REQUIRED_FILES."""
     properties = {each["name"]: each["value"] for each in test.get("properties", [])}
     files = [file for file in properties.get("REQUIRED_FILES", []) if file]
     return memory.key_of([test["command"], properties.get("ENVIRONMENT")], files) if files else None
 
 
 def cases_of(report, status):
-    """Passed and failed cases of a program, from its report and from what ctest said of it. A case that
+    """The numbers of passed and failed cases of a program, from its report and from ctest's. A case that
     is skipped or disabled proves nothing and counts as failed. A program that makes no report is a case
     itself."""
     tests = bad = 0
@@ -57,7 +57,7 @@ class Preset:
         self.junit = self.build / "ctest.xml"
 
     def run(self, pattern=None):
-        """All programs that changed, or, changed or not, those that the pattern picks."""
+        """Runs all programs that changed, or those that match the pattern, whether changed or not."""
         started = time.monotonic()
         say(f"{self.name}: building")
         if not (quietly(["cmake", "--preset", self.name]) and
@@ -74,7 +74,7 @@ class Preset:
         self.tally.leave_out("programs", len(unchanged))
         self.tally.leave_out("cases in them", sum(unchanged.values()))
         self.tally.count(self.name, passed, failed, time.monotonic() - started)
-        # Such as no test at all.
+        # For example, no test was run at all.
         if not well and not failed:
             self.tally.count(f"{self.name} (ctest)", 0, 1, time.monotonic() - started)
 
@@ -84,7 +84,7 @@ class Preset:
         return {name: number for name, number in cases.items() if number is not None}
 
     def clear_results(self, kept):
-        """Reports of programs that do not run again stay."""
+        """Removes the reports of all programs that will run."""
         self.junit.unlink(missing_ok=True)
         self.results.mkdir(exist_ok=True)
         names = {pathlib.Path(name).name for name in kept}
@@ -97,11 +97,11 @@ class Preset:
         return quietly(
             ["ctest", "--preset", self.name, "-j", JOBS, "--output-junit", str(self.junit.absolute()),
              *(["-R", pattern] if pattern else []), *(["-E", left_out] if unchanged else [])],
-            # The unit tests' programs take the report's place from the environment.
+            # The unit tests' programs read from the environment where to write their reports.
             env={**os.environ, "GTEST_OUTPUT": f"xml:{self.results.absolute()}/"})
 
     def count(self, keys):
-        """Adds up the programs that ctest ran, and remembers those that passed."""
+        """Adds up the cases of the programs that ctest ran, and remembers the programs that passed."""
         all_passed = all_failed = 0
         for case in xml.parse(self.junit).getroot().iter("testcase") if self.junit.exists() else ():
             name = case.get("name")

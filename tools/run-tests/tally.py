@@ -1,16 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What ./test counts and says."""
+"""What ./test counts and prints."""
 
 import subprocess
 import sys
 import threading
 
-# Several threads speak and count.
+# Several threads print and count.
 LOCK = threading.RLock()
 
 
 def quietly(command, **options):
-    """Whether a command succeeds; shows what it says only when it does not."""
+    """Returns whether a command succeeds; shows its output only when it fails."""
     done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, check=False, **options)
     if done.returncode:
@@ -28,7 +28,7 @@ def say(text):
 class Tally:
     def __init__(self):
         self.passed = self.failed = 0
-        self.left_out = {}  # how many did not run because they passed before, by kind
+        self.left_out = {}  # by kind: how many did not run, as they had passed before
 
     def count(self, what, passed, failed, seconds):
         with LOCK:
@@ -41,7 +41,7 @@ class Tally:
             self.left_out[kind] = self.left_out.get(kind, 0) + number
 
     def close(self):
-        """Says the closing lines; whether all is well."""
+        """Prints the closing lines; returns whether all is well."""
         left_out = ", ".join(f"{number} {kind}" for kind, number in self.left_out.items() if number)
         if left_out:
             say(f"unchanged since they passed, so not run: {left_out}")
