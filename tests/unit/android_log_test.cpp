@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The log off Android, with its real output: standard error is a socket that keeps the borders
-// between write() calls, or a pipe whose reader is gone or stopped.
+// The log on systems other than Android, with its real output: standard error is a socket that
+// keeps the boundaries between write() calls, or a pipe whose reader has gone or stopped.
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -115,7 +115,7 @@ class AndroidLogTest : public ::testing::Test {
         reader = -1;
     }
 
-    // Leaves no room in the pipe, which stays a blocking one.
+    // Fills the pipe, which stays a blocking one.
     void fillPipe() {
         const int flags = fcntl(STDERR_FILENO, F_GETFL);
         fcntl(STDERR_FILENO, F_SETFL, flags | O_NONBLOCK);
@@ -125,14 +125,14 @@ class AndroidLogTest : public ::testing::Test {
         fcntl(STDERR_FILENO, F_SETFL, flags);
     }
 
-    // What one write() brought; "" when there was none.
+    // The bytes of one write(); "" when there was none.
     std::string nextWrite() {
         std::array<char, 8192> data;
         const ssize_t got = recv(reader, data.data(), data.size(), MSG_DONTWAIT);
         return got > 0 ? std::string(data.data(), static_cast<size_t>(got)) : "";
     }
 
-    // One message's text as it is printed, from behind "TAG     : " on.
+    // One message's text as it is printed, after "TAG     : ".
     std::string printed(const std::string& text) {
         __android_log_print(ANDROID_LOG_DEBUG, "UAFCH", "%s", text.c_str());
         const std::string line = nextWrite();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One end of an app's FIFO: what opens, reads and writes it, and how a thread is let out of a wait
-// for an app that does not come.
+// One end of an app's FIFO: how it is opened, read and written, and how a thread is released from a
+// wait for an app that does not come.
 #include "channel/app_fifo.h"
 
 #include <array>
@@ -134,7 +134,7 @@ TEST_F(AppFifoTest, ClosesWhatItOpened) {
     EXPECT_THAT(closed, ElementsAre(5));
 }
 
-// A signal may come when the wait that it was for is over.
+// A signal may come after the wait that it should end is over.
 TEST_F(AppFifoTest, WhatASignalInterruptsIsDoneAgain) {
     int calls = 0;
     const auto interruptedTwice = [&](int result) {
@@ -175,7 +175,7 @@ TEST_F(AppFifoTest, OtherErrorsEndEachCallAtOnce) {
 
 // ---- Waits, in a real FIFO ---------------------------------------------------------------------
 
-// The parameter is the flag of this class's end.
+// The parameter is the flag with which this class opens its end.
 class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterface<int> {
   protected:
     void SetUp() override {
@@ -199,7 +199,7 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
     }
 
     static void makeFifo(const std::string& name) { ASSERT_EQ(0, mkfifo(name.c_str(), 0600)); }
-    // At no moment is there none.
+    // Replaces the FIFO without a moment in which there is none.
     void replaceFifo() {
         makeFifo(path + ".new");
         ASSERT_EQ(0, rename((path + ".new").c_str(), path.c_str()));
@@ -220,7 +220,7 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
     void startOpening() {
         startUser([this] { opened = fifo.openEnd(path.c_str(), GetParam(), kBlockBytes, kTag); });
     }
-    // Of the calls that the thread makes once its number is known, only those on the FIFO sleep.
+    // After the thread has published its number, only its calls on the FIFO sleep.
     void waitUntilAsleep() const {
         while (userTid == 0 || !isAsleep(userTid)) {
             std::this_thread::yield();
@@ -273,7 +273,7 @@ TEST_P(AppFifoWaitTest, ALookFindsThatTheFifoHasGone) {
     EXPECT_THAT(fake_log::lines(), ElementsAre(kTestLog.error("failed to open " + path + "\n")));
 }
 
-// The thread has found the old FIFO, but does not wait yet: the first signal is lost.
+// The thread has found the old FIFO but does not wait yet: the first signal is lost.
 TEST_P(AppFifoWaitTest, ALookThatIsAskedForJustBeforeTheWaitIsNotLost) {
     std::atomic<int> signals{0};
     fake_sys::hooks().pthread_kill = [&](pthread_t thread, int number) {
@@ -294,7 +294,7 @@ TEST_P(AppFifoWaitTest, ALookThatIsAskedForJustBeforeTheWaitIsNotLost) {
             std::this_thread::yield();
         }
     };
-    // What open(2) does, in the two steps that the event comes between.
+    // The two steps of open(2); the event comes between them.
     fake_sys::hooks().open = [&](const char* name, int flags) {
         const int found = fake_sys::real::open(name, O_PATH);
         beforeOpen();
@@ -367,7 +367,7 @@ TEST_P(AppFifoWaitTest, WaitsAreAllowedAgain) {
     close(app);
 }
 
-// An app that holds its end and does nothing: the reader finds nothing, the writer no room.
+// An app that keeps its end open and does nothing: the reader finds nothing, the writer no room.
 TEST_P(AppFifoWaitTest, TheStopEndsAReadOrAWriteAndTheFifoStaysOpen) {
     int app = -1;
     startUser([&] { app = openOtherEnd(); });
@@ -391,7 +391,7 @@ TEST_P(AppFifoWaitTest, TheStopEndsAReadOrAWriteAndTheFifoStaysOpen) {
     close(app);
 }
 
-// Each round in another moment of the opener's: before, in and behind its wait.
+// Each round meets the opener at another moment: before, in and after its wait.
 TEST_P(AppFifoWaitTest, TwoThousandRoundsLetEveryOpenerOut) {
     for (int round = 0; round < 2000; ++round) {
         SCOPED_TRACE(round);
@@ -402,10 +402,10 @@ TEST_P(AppFifoWaitTest, TwoThousandRoundsLetEveryOpenerOut) {
         }
         int app = -1;
         switch (round % 4) {
-            case 0:  // nobody comes
+            case 0:  // nobody opens the other end
                 fifo.endWaits(user.native_handle(), running);
                 break;
-            case 1:  // nobody can come
+            case 1:  // nobody can open the other end
                 ASSERT_EQ(0, unlink(path.c_str()));
                 fifo.endWaits(user.native_handle(), running);
                 makeFifo(path);

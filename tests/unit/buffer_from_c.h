@@ -6,7 +6,7 @@
 extern "C" {
 #endif
 
-// Takes both modules through their calls. Returns 0, or the line of the first call that went wrong.
+// Makes calls of both modules. Returns 0, or the line of the first call that went wrong.
 int bufferFromC(void);
 
 #ifdef __cplusplus

@@ -33,7 +33,7 @@ class CableCheckTest : public cable::Fixture {
     std::vector<Receive> threeFaults() { return {fault(), fault(), fault()}; }
     Receive fault() { return check("DISCONNECTED", "1"); }
 
-    // Restarts after these ticks from a fresh start.
+    // How many restarts these ticks cause after a fresh start.
     size_t restartsAfter(std::vector<Receive> ticks) {
         commands.clear();
         run(std::move(ticks));
@@ -58,7 +58,8 @@ TEST_F(CableCheckTest, PersistentFaultRestartsEveryThreeTicks) {
 }
 
 TEST_F(CableCheckTest, EachReadingCountsHoldsOrResets) {
-    // Between two faults and a third; true when the third still restarts.
+    // The reading comes between two faults and a third; keepsCount says that the third still
+    // restarts.
     const struct {
         const char* usb;
         const char* plug;
@@ -106,12 +107,12 @@ TEST_F(CableCheckTest, CheckNeverTouchesTheConfiguredFlag) {
     EXPECT_EQ((Messages{{0, 1}, {0, 0}}), service.take());
 }
 
-TEST_F(CableCheckTest, CountBeginsAnewWithTheLoop) {
+TEST_F(CableCheckTest, CountRestartsWithTheLoop) {
     EXPECT_EQ(0U, restartsAfter({fault(), fault()}));
     EXPECT_EQ(0U, restartsAfter({fault(), fault()}));
 }
 
-// A file that is missing or empty, between two faults and a third.
+// The file is missing or empty between two faults and a third.
 TEST_F(CableCheckTest, ReadingThatFailsHoldsTheCountAndIsNotLogged) {
     for (const std::string name : {"/usb", "/plug"}) {
         for (const bool missing : {true, false}) {

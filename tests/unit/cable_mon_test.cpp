@@ -81,7 +81,7 @@ TEST_F(CableMonTest, FailedCloseIsLogged) {
         fake_log::lines());
 }
 
-// A thread that came to be all the same finds the monitor stopped.
+// If the thread exists in spite of the error, it finds the monitor stopped.
 TEST_F(CableMonTest, ThreadFailsWithErrnoInItsLineAndTheMonitorStopped) {
     void* (*entry)(void*) = nullptr;
     fake_sys::hooks().pthread_create = [&](pthread_t*, const pthread_attr_t*,

@@ -48,7 +48,7 @@ class CaptureSyncTest : public fake_alsa::Test {
 
 class MicCaptureTimestampTest : public CaptureSyncTest {
   protected:
-    // The start time that a status file with this text gives.
+    // The start time that results from a status file with this text.
     int64_t timestampOf(const std::string& status) {
         files.put(kIdPath, "rockchiprt5640c\n");
         files.put(kPcm0Path, status);
@@ -64,7 +64,7 @@ class MicCaptureTimestampTest : public CaptureSyncTest {
         }
         return text;
     }
-    // The status file that is read when the card's id is this text.
+    // The status file that is read when the card's id file has this text.
     std::string statusPathFor(const std::string& cardId) {
         files.put(kIdPath, cardId);
         files.put(kPcm0Path, kRunningStatus);
@@ -107,7 +107,7 @@ TEST_F(MicCaptureTimestampTest, IdFileIsClosedOnceTheStatusFileIsOpen) {
                             std::string("close ") + kIdPath, std::string("close ") + kPcm0Path));
 }
 
-// Although that file was not opened: log readers look for the pair of lines.
+// Log readers expect both lines, although the status file was never opened.
 TEST_F(MicCaptureTimestampTest, MissingIdFileIsReportedTogetherWithTheStatusFile) {
     files.refuse(kIdPath, EACCES);
     files.put(kPcm1Path, kRunningStatus);
@@ -291,7 +291,7 @@ TEST_F(SynchStartupTest, PeriodOutsideThePhaseRangeIsWritten) {
     }
 }
 
-// Its phase is negative, outside the range.
+// The phase of such a start is negative, outside the range.
 TEST_F(SynchStartupTest, StartInTheFutureIsWritten) {
     for (const int64_t ns : {-1L, -2 * kMs, -5 * kMs, -6500000L, -9999999L, -15 * kMs}) {
         EXPECT_EQ(0, atPhase(ns)) << ns;
@@ -315,7 +315,7 @@ TEST_F(SynchStartupTest, StartTimeIsReadOnce) {
     EXPECT_EQ(events, files.events);
 }
 
-// The worker comes here with every period of the stream.
+// The worker calls this for every period of the stream.
 TEST_F(SynchStartupTest, FinishedTouchesNeitherFilesNorClock) {
     EXPECT_EQ(0, atPhase(0));
     files.events.clear();

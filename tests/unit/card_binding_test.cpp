@@ -34,10 +34,10 @@ class CardSearchTest : public fake_alsa::Test {
         EXPECT_THAT(fake_log::lines(), IsEmpty());
         fake_alsa::Test::TearDown();
     }
-    // As to a file or a pipe, whatever the tests print to.
+    // Buffers the output as for a file or a pipe, wherever the tests print to.
     static void SetUpTestSuite() { setvbuf(stdout, nullptr, _IOFBF, BUFSIZ); }
 
-    // The search's result; what it printed is in `printed`, all of it printed at once.
+    // Returns the search's result; its output goes to `printed` and must be flushed at the end.
     int search(int card = -1) {
         testing::internal::CaptureStdout();
         const int found = drvCodecCardSearch(kDriver, card);
@@ -161,7 +161,7 @@ TEST_F(UafBindTest, SourceHasTheTransmitAndSinkTheReceiveFifo) {
     EXPECT_EQ(0, snk.uafStart());
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_open"), ElementsAre("snd_pcm_open(hw:31, CAPTURE, 0)"));
 
-    // The sink's worker opens its FIFO; switched off, it ends after three passes.
+    // The sink's worker opens its FIFO, and ends three passes after the off.
     std::vector<std::string> opened;
     fake_sys::hooks().open = [&](const char* path, int flags) {
         opened.push_back(std::string(path) + (flags == O_WRONLY ? " to write" : " to read"));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The microphone's channel with its real threads, locks and FIFO, and an app that does nothing more
-// with that FIFO: neither the stop nor any event waits for it.
+// The microphone's channel with its real threads, locks and FIFO, and an app that stops using that
+// FIFO: neither the stop nor any event waits for the app.
 #include <fcntl.h>
 #include <memory>
 #include <unistd.h>
@@ -27,7 +27,7 @@ struct IdleApp {
 class ChannelIdleAppTest : public ChannelLifecycleTest,
                            public testing::WithParamInterface<IdleApp> {
   protected:
-    // On, and the buffer thread waits for an app that will not do any more.
+    // Switches on; the buffer thread then waits for an app that will do nothing more.
     void startAndWait() {
         ASSERT_EQ(0, source.intfUpdate(true));
         const auto [name, opens, writes, closes] = GetParam();
@@ -79,7 +79,7 @@ TEST_P(ChannelIdleAppTest, AStopDoesNotWaitForIt) {
     EXPECT_EQ(0, logged(3, "UAFCH", "intfUpdate to 0, current state 2\n"));
 }
 
-// The stop holds the channel's lock, which every event of the channel wants.
+// The stop holds the channel's lock, which every event of the channel needs.
 TEST_P(ChannelIdleAppTest, EventsAreHandledWhileAStopIsUnderWay) {
     startAndWait();
     const AppReader reader(sinkFifo);
@@ -96,7 +96,7 @@ TEST_P(ChannelIdleAppTest, EventsAreHandledWhileAStopIsUnderWay) {
         handled = true;
     });
     EXPECT_TRUE(eventually([&] { return handled.load(); }));
-    // Nothing but a defect leaves the event loop waiting here: the app comes and ends the test.
+    // Only a defect leaves the event loop waiting here: then the app comes, so that the test ends.
     std::unique_ptr<AppWriter> rescue;
     if (!handled) {
         rescue = std::make_unique<AppWriter>(sourceFifo, 5);
@@ -121,7 +121,7 @@ TEST_P(ChannelIdleAppTest, TheNextStreamPlaysWhatTheAppWritesThen) {
             ASSERT_TRUE(eventually([&] { return lastPlayed == round; }));
             stop();
         }
-        // Its end of file, so that the next round opens the FIFO again.
+        // Reads the end of the file, so that the next round opens the FIFO again.
         ASSERT_EQ(0, source.intfUpdate(true));
         ASSERT_TRUE(eventually([&] { return logged(3, "UAFSRC", closedLine) == 1; }));
         stop();

@@ -25,7 +25,7 @@ TEST_F(ChannelLifecycleTest, RequestsInAnyOrderKeepTheMessagesAlternating) {
     const AppWriter writer(sourceFifo, 5);
     const AppReader reader(sinkFifo);
     for (unsigned round = 0; round < 300; ++round) {
-        // Every pattern of six requests in turn, the last an off.
+        // Tries every pattern of six requests that ends with an off.
         for (unsigned bit = 0; bit < 5; ++bit) {
             const bool on = (round >> bit) % 2 == 0;
             source.intfUpdate(on);
@@ -41,7 +41,7 @@ TEST_F(ChannelLifecycleTest, RequestsInAnyOrderKeepTheMessagesAlternating) {
     expectAlternatingMessages();
 }
 
-// For the sanitizers above all, which see a freed name being read.
+// Mainly for the sanitizers, which report the use of a freed name.
 TEST_F(ChannelLifecycleTest, NamesAreReplacedAndClearedWhileThreadsReadThem) {
     auto writer = std::make_unique<AppWriter>(sourceFifo, 5);
     auto reader = std::make_unique<AppReader>(sinkFifo);
@@ -97,16 +97,16 @@ TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
 
 // ---- A stop and the buffer thread --------------------------------------------------------------
 
-// The buffer thread's off request wants the lock that the stop holds while it joins that thread.
+// The buffer thread's off request needs the lock that the stop holds while it joins that thread.
 TEST_F(ChannelLifecycleTest, AFifoThatFailsDuringTheStopDoesNotDeadlock) {
     std::atomic<bool> opening{false};
-    std::atomic<int> stops{0};  // rounds whose stop waits for the buffer thread, lock in hand
+    std::atomic<int> stops{0};  // rounds; each stop holds the lock and waits for the thread
     const auto stopWaits = [&] {
         return logged(3, "UAFSRC", "stopping buffer thread\n") > stops.load();
     };
     fake_sys::hooks().open = [&](const char* path, int flags) {
         opening = true;
-        const int fd = fake_sys::real::open(path, flags);  // until a signal
+        const int fd = fake_sys::real::open(path, flags);  // returns on a signal
         errno = stopWaits() ? ENOENT : EINTR;
         return fd;
     };
@@ -136,7 +136,7 @@ TEST_F(ChannelLifecycleTest, AFifoThatDisappearsStopsTheChannelAndItWorksAgain) 
     expectAlternatingMessages();
 }
 
-// The thread is kept from running until the stop waits for it.
+// The thread must not run before the stop waits for it.
 TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
     struct Delayed {
         void* (*entry)(void*);
@@ -161,7 +161,7 @@ TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
         mayRun = true;
         return fake_sys::real::pthread_kill(id, number);
     };
-    // Without an app: a pass would wait for it in the FIFO's open for ever.
+    // There is no app: a pass would wait for one for ever while it opens the FIFO.
     ASSERT_EQ(0, source.intfUpdate(true));
     ASSERT_EQ(0, source.intfUpdate(false));
     ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
@@ -175,7 +175,7 @@ TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
 
 // ---- What a failed start leaves ----------------------------------------------------------------
 
-// A second one would read from the same FIFO.
+// A second buffer thread would read from the same FIFO.
 TEST_F(ChannelLifecycleTest, AThreadLeftByAFailedStartIsTheOneThatGoesOn) {
     std::atomic<int> buffers{0};
     fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t* attributes,
@@ -183,7 +183,7 @@ TEST_F(ChannelLifecycleTest, AThreadLeftByAFailedStartIsTheOneThatGoesOn) {
         buffers += entry != &UafCh::ChThread;
         return fake_sys::real::pthread_create(id, attributes, entry, argument);
     };
-    // Without its FIFO the thread that is left fails again and again.
+    // Without its FIFO the remaining thread fails again and again.
     ASSERT_EQ(0, unlink(sourceFifo.c_str()));
     fake_alsa::answerAlways("snd_pcm_open", -ENODEV);
     for (int i = 0; i < 5; ++i) {
@@ -226,7 +226,7 @@ TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsMicrophoneFifo) {
         const AppWriter writer(sourceFifo, value);
         ASSERT_TRUE(eventually([&] { return lastPlayed == value; }));
     }
-    // The last writer has gone: silence.
+    // The last writer has gone, so there is silence.
     ASSERT_TRUE(eventually([&] { return lastPlayed == 0; }));
     EXPECT_EQ(UAFCH_RUNNING, source.currentState());
     source.intfUpdate(false);
@@ -288,7 +288,8 @@ TEST_F(ChannelLifecycleTest, TheNextEventLetsTheSinkOutOfAFifoThatWasReplaced) {
 
 // ---- Frame-buffer errors -----------------------------------------------------------------------
 
-// Each error keeps the frame buffer's lock over a stop request; the other thread wants both.
+// Each error keeps the frame buffer's lock during a stop request; the other thread needs both
+// locks.
 TEST_F(ChannelLifecycleTest, FrameBufferErrorsOnEitherThreadStopTheChannel) {
     const AppWriter writer(sourceFifo, 5);
     std::atomic<int> faults{0};  // 1: writes fail, 2: reads fail

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Both channels with their real threads, locks and FIFOs: an event loop that sends any event, apps
-// that treat their FIFOs in any way, a card, a frame buffer and a system that fail at any step.
-// Afterwards both channels stream as if nothing had been. UAFD_STRESS_EVENTS and UAFD_STRESS_SEED
-// make it longer or another one.
+// that do anything with their FIFOs, and a card, a frame buffer and a system that fail at any step.
+// Afterwards both channels stream as if nothing had happened. UAFD_STRESS_EVENTS makes the test
+// longer, UAFD_STRESS_SEED changes it.
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -38,7 +38,7 @@ unsigned fromEnvironment(const char* name, unsigned otherwise) {
     return value != nullptr ? static_cast<unsigned>(strtoul(value, nullptr, 10)) : otherwise;
 }
 
-// Of this process: the entries of "fd" or "task".
+// How many entries "fd" or "task" of this process has.
 long entriesOf(const char* folder) {
     const std::filesystem::directory_iterator entries(std::string("/proc/self/") + folder);
     return std::distance(begin(entries), end(entries));
@@ -156,8 +156,8 @@ class ChannelStressTest : public ChannelLifecycleTest {
         setNames();
     }
 
-    // Events until both have stopped: one makes a speaker that waits at a FIFO which is no longer
-    // there look for the new one.
+    // Sends off events until both have stopped. A speaker that waits at a FIFO whose path is gone
+    // needs one more event to look for the new FIFO.
     void switchOff() {
         ASSERT_TRUE(eventually([this] {
             source.intfUpdate(false);
@@ -190,7 +190,7 @@ class ChannelStressTest : public ChannelLifecycleTest {
 };
 
 TEST_F(ChannelStressTest, ChannelsThatWentThroughEverythingStreamAgain) {
-    std::thread([] {}).join();  // a sanitizer's own thread comes with the first one
+    std::thread([] {}).join();  // a sanitizer starts its own thread with the first one
     const long threads = entriesOf("task");
     const long descriptors = entriesOf("fd");
     microphone = std::make_unique<WildApp>(sourceFifo, O_WRONLY, seed + 1);

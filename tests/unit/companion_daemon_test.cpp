@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A daemon's end and beginning as an app is told of them, and what the app believes afterwards.
+// What an app learns of a daemon's end and start, and what it believes afterwards.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -29,7 +29,7 @@ class CompanionDaemonTest : public CompanionTest {
         CompanionTest::SetUp();
         ASSERT_EQ(open(UAFD_EVENTS), 0);
     }
-    // Tells the app what is on.
+    // Sends the app these states.
     void tell(const std::vector<Message>& messages) {
         for (const Message& message : messages) {
             ASSERT_EQ(daemon.send(message.first, message.second), 0);
@@ -39,7 +39,7 @@ class CompanionDaemonTest : public CompanionTest {
         daemon.end();
         daemon.bindSocket();
     }
-    // What the events of the opening and later leave behind in an app that keeps the last of each.
+    // What an app believes that keeps the last event of each kind since the library was opened.
     std::map<uafd_event_type, int> believe() {
         for (const Event& event : takeEvents()) {
             believed[event.first] = event.second;
@@ -115,7 +115,7 @@ TEST_F(CompanionDaemonTest, IsAskedAgainWhenItIsBack) {
                                        Pair(UAFD_MIC_STATE, 1), Pair(UAFD_DAEMON_STATE, 1)));
 }
 
-// As quickly that nobody has looked in between; file systems use a number again at once.
+// The replacement is too fast for a look in between, and file systems reuse a number at once.
 TEST_F(CompanionDaemonTest, IsToldAsGoneAndBackWhenItWasReplaced) {
     daemon.bindSocket();
     tell({{0, 1}, {2, 1}});
@@ -131,7 +131,7 @@ TEST_F(CompanionDaemonTest, IsToldAsGoneAndBackWhenItWasReplaced) {
     }
 }
 
-// The answer is {0, 0} alone.
+// The daemon's whole answer is {0, 0}.
 TEST_F(CompanionDaemonTest, LeavesStreamsOffThatItDoesNotTellOf) {
     daemon.bindSocket();
     tell({{0, 1}, {1, 1}, {2, 1}});
@@ -166,7 +166,7 @@ TEST_F(CompanionDaemonTest, IsAskedLaterWhenItTakesNoMessageYet) {
     EXPECT_THAT(daemon.messages(), IsEmpty());
 }
 
-// An app may be told without being allowed to tell.
+// An app may be able to receive without being allowed to send.
 TEST_F(CompanionDaemonTest, IsHeardWhereItTakesNoMessageOfThisUser) {
     daemon.bindSocket();
     chmod(daemon.path("UdsIpcTx").c_str(), 0);
@@ -188,7 +188,7 @@ TEST_F(CompanionDaemonTest, IsTheSameWhenItsSocketGetsOtherRights) {
 
 // ---- While the app waits -----------------------------------------------------------------------
 
-// Waits in a thread of its own; gives what the wait found.
+// Waits in its own thread; keeps the result.
 class Waiter {
   public:
     explicit Waiter(uafd::Companion* companion)
@@ -279,7 +279,7 @@ TEST_F(CompanionDaemonTest, IsNotLookedForWithoutTheEvents) {
     EXPECT_EQ(companion.waitFor(0), 0);
 }
 
-// For ThreadSanitizer above all: a thread that waits, one that takes events, and any that sends.
+// Mainly for ThreadSanitizer: one thread waits, one takes events, any others send.
 TEST_F(CompanionDaemonTest, IsLookedForByAWaitBesideAThreadThatTakesEvents) {
     std::atomic<bool> stop{false};
     std::thread taker([&] {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the library leaves in the file system: modes, groups, the socket's file of an app that takes
-// no events; and that every part is one app's at a time.
+// What the library leaves in the file system: modes, groups, and the socket file of an app that
+// takes no events; and that only one app at a time has each part.
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -45,7 +45,7 @@ class CompanionFilesTest : public CompanionTest {
     bool exists(const std::string& name) const {
         return std::filesystem::exists(daemon.path(name));
     }
-    // Of the folder's files, the names.
+    // The names of the folder's files.
     std::set<std::string> files() const {
         std::set<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
@@ -54,7 +54,7 @@ class CompanionFilesTest : public CompanionTest {
         return names;
     }
     int openSecond(unsigned parts) { return second.open(parts, folder.path().c_str()); }
-    // One that a user may give away files to: any, for root.
+    // A group to which this user may give files: any, for root.
     static gid_t someGroup() { return geteuid() == 0 ? 12345 : getegid(); }
 
     uafd_options options = UAFD_OPTIONS_INIT;
@@ -137,7 +137,7 @@ TEST_F(CompanionFilesTest, AreTheSameForTwoAppsThatMakeThemAtOnce) {
     EXPECT_EQ(files().size(), 2U) << "the FIFO and the closed socket";
 }
 
-// Under its own name a file never changes: it is complete when it comes.
+// A file never changes once it has its name: it is complete when it appears.
 TEST_F(CompanionFilesTest, AreNeverSeenWithOtherRights) {
     const int watch = inotify_init1(IN_NONBLOCK);
     inotify_add_watch(watch, folder.path().c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB);
@@ -245,7 +245,7 @@ TEST_F(CompanionFilesTest, GiveTheSocketToTheNextApp) {
     EXPECT_EQ(daemon.send(0, 1), ECONNREFUSED);
 }
 
-// An app of another user could not take its place.
+// A file of this app's would keep another user's app from binding its own.
 TEST_F(CompanionFilesTest, AreNotMadeByWhoeverOnlySends) {
     ASSERT_EQ(open(0), 0);
     companion.close();
@@ -322,7 +322,7 @@ TEST_F(CompanionFilesTest, GoOnAfterAnAppThatWasRefused) {
     EXPECT_EQ(takeEvents(), (std::vector<Event>{{UAFD_USB_STATE, 1}}));
 }
 
-// Of two that begin at once, one has bound its socket, and not yet moved it.
+// Two apps open at the same time: one has bound its socket but not yet renamed it.
 TEST_F(CompanionFilesTest, AreNotTakenFromAnAppThatIsJustOpening) {
     int result = 1;
     bool first = true;

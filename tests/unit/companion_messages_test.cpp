@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes to the daemon and what comes from it, byte by byte, and a daemon that is not there.
+// Messages to the daemon and from it, byte by byte, and a daemon that is not there.
 #include <cerrno>
 
 #include <gmock/gmock.h>
@@ -46,7 +46,7 @@ TEST_F(CompanionMessagesTest, SendsWithNothingElseOpen) {
 
 TEST_F(CompanionMessagesTest, SaysThatNoDaemonRunsUntilOneDoes) {
     daemon.end();
-    EXPECT_EQ(companion.sync(), -ECONNREFUSED);  // its socket's file is there still
+    EXPECT_EQ(companion.sync(), -ECONNREFUSED);  // its socket's file still exists
     unlink(daemon.path("UdsIpcTx").c_str());
     EXPECT_EQ(companion.sync(), -ECONNREFUSED);
     EXPECT_EQ(companion.counts().messages_failed, 2U);
@@ -84,7 +84,7 @@ TEST_P(Told, IsDelivered) {
     EXPECT_EQ(companion.counts().events - before.events, 1U);
 }
 
-// Of a volume the upper half means nothing, of a state or mute every value but 0 is 1.
+// A volume's upper half has no meaning; for a state or a mute every value but 0 is 1.
 INSTANTIATE_TEST_SUITE_P(
     Of, Told,
     testing::Values(Received{"UsbConfigured", {0, 1}, UAFD_USB_STATE, 1},
@@ -129,7 +129,7 @@ TEST_F(CompanionMessagesTest, DropsWhatIsNoMessage) {
     EXPECT_EQ(companion.counts().events - before.events, 1U);
 }
 
-TEST_F(CompanionMessagesTest, LosesNothingOfADaemonThatStartsAnew) {
+TEST_F(CompanionMessagesTest, LosesNothingOfADaemonThatRestarts) {
     daemon.send(1, 1);
     daemon.end();
     daemon.bindSocket();

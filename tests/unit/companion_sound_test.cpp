@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whole frames come out, whole blocks go in or not at all, and a daemon that goes and comes back is
-// found by what was open before.
+// Whole frames are read, whole blocks are written or nothing is, and parts that were open before
+// find a daemon that goes and comes back.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -115,7 +115,7 @@ TEST_F(CompanionSoundTest, WritesABlockWholeOrNotAtAll) {
     EXPECT_EQ(pollNow(daemon.micFd()), 0) << "there is more than the blocks";
 }
 
-// Without ending the process, which has not provided for SIGPIPE.
+// The library does not end a process that has no handler for SIGPIPE.
 TEST_F(CompanionSoundTest, SaysThatNobodyReads) {
     daemon.end();
     EXPECT_EQ(pollNow(companion.micFd()) & POLLERR, POLLERR);
@@ -169,7 +169,7 @@ TEST_F(CompanionSoundTest, WritesOnAfterASignalAndSaysWhatElseIsWrong) {
     EXPECT_EQ(companion.write(block.data()), -EIO);
 }
 
-// For ThreadSanitizer above all.
+// Mainly for ThreadSanitizer.
 TEST_F(CompanionSoundTest, ServesAThreadForEachWayAndOneForMessages) {
     constexpr uint64_t rounds = 200;
     const uafd_counts before = companion.counts();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening beside a daemon that is there, comes later or never, waiting, and closing.
+// Opening when the daemon is there, comes later or never comes; waiting; and closing.
 #include "tests/support/companion_test.h"
 
 #include <atomic>
@@ -67,7 +67,7 @@ TEST_F(CompanionOpenTest, LetsADaemonThatWaitsGoOn) {
     EXPECT_TRUE(daemon.finishOpening(std::move(opening)));
 }
 
-// Also the one that has opened and closed its ends, as the daemon does at its start.
+// This includes a daemon that has opened and closed its ends, as it does at its start.
 TEST_F(CompanionOpenTest, LetsADaemonOpenAgainAndAgain) {
     ASSERT_EQ(0, open());
     for (int i = 0; i < 3; ++i) {
@@ -135,7 +135,7 @@ TEST_F(CompanionOpenTest, LeavesTheSocketToTheAppThatHasIt) {
     EXPECT_EQ(0, second.open(UAFD_SOUND, folder.path().c_str()));
 }
 
-// An app that sends to another has it to itself.
+// A socket that is connected to an app belongs to that app alone.
 TEST_F(CompanionOpenTest, LeavesTheSocketToAnAppThatIsConnected) {
     ASSERT_EQ(0, open());
     daemon.bindSocket();
@@ -149,7 +149,7 @@ TEST_F(CompanionOpenTest, LeavesTheSocketToAnAppThatIsConnected) {
     EXPECT_EQ(-EBUSY, second.open(UAFD_EVENTS, folder.path().c_str()));
 }
 
-TEST_F(CompanionOpenTest, OpensAnewInPlaceOfWhatWasOpen) {
+TEST_F(CompanionOpenTest, OpensAgainInPlaceOfWhatWasOpen) {
     openBesideDaemon();
     const int64_t before = openDescriptors();
     EXPECT_EQ(0, open());
@@ -196,7 +196,7 @@ TEST_F(CompanionOpenTest, HandsBackWhatTheSystemRefuses) {
     hooks.bind = fake_sys::failing(EACCES);
     EXPECT_EQ(-EACCES, open());
     hooks.bind = nullptr;
-    for (const int good : {0, 1, 2, 3}) {  // opened before one is refused
+    for (const int good : {0, 1, 2, 3}) {  // how many opens succeed before one fails
         int left = good;
         hooks.open = [&left](const char* path, int flags) {
             errno = EACCES;

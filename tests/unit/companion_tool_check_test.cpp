@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The companion tool's check of a daemon, good or faulty.
+// The companion tool's check of a daemon that is good or faulty.
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -54,8 +54,8 @@ TEST_F(ToolTest, LeavesAFolderWithoutADaemonAsItWas) {
     EXPECT_THAT(namesIn(folder.path()), ElementsAre());
 }
 
-// A daemon may wait for FIFOs that it has seen, and holds messages back while an app's socket that
-// was there is missing.
+// A daemon may wait for FIFOs that it has seen. It holds messages back while the socket of an app
+// that was there is missing.
 TEST_F(ToolTest, LeavesTheDaemonItsFifosAndAnAppItsSocket) {
     const StreamingDaemon streaming(folder, {});
     run({"check", "--wait", "2"});
@@ -66,7 +66,7 @@ TEST_F(ToolTest, LeavesTheDaemonItsFifosAndAnAppItsSocket) {
     EXPECT_THAT(namesIn(folder.path()), Contains("usbAudioUdsIpcRx"));
 }
 
-// A daemon with a fault, and what the check of it says.
+// A faulty daemon, and the verdict that the check must print.
 struct Fault {
     Fault(const char* verdict, StreamingOptions options)
         : line(std::string("FAIL  ") + verdict + "\n"),
@@ -99,7 +99,7 @@ StreamingOptions streaming(bool plays, bool records) {
     return options;
 }
 
-// All at once: a check takes its time.
+// All checks run at the same time, as each takes a while.
 TEST_F(ToolTest, FindsAFaultyDaemonOut) {
     Fault faults[] = {
         {"a sync-up is answered: no answer", answering({})},

@@ -37,7 +37,7 @@ std::string bytesOf(const Samples& samples) {
 
 class Recording : public ToolTest {
   protected:
-    // Until the daemon's end is open.
+    // Returns once the daemon's ends are open.
     void startRecording(std::vector<std::string> words) {
         words.insert(words.begin(), "record");
         start(words);
@@ -86,7 +86,7 @@ TEST_F(Recording, IsWholeAfterASignal) {
     }
 }
 
-// As nohup starts it.
+// This is how nohup starts a program.
 TEST_F(Recording, GoesOnAfterASignalThatItIsToIgnore) {
     start({"record", file("heard.wav")}, [] { signal(SIGHUP, SIG_IGN); });
     ASSERT_TRUE(waitForFile("FifoRx") && waitForFile("FifoTx"));
@@ -179,7 +179,7 @@ class Feed {
     Feed(const Feed&) = delete;
     Feed& operator=(const Feed&) = delete;
 
-    // In the tool, before it begins.
+    // Called in the tool's process before the tool starts.
     void connect() const { dup2(ends[0], STDIN_FILENO); }
     void write(const std::string& bytes) const {
         ASSERT_EQ(::write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
@@ -225,7 +225,8 @@ struct Format {
 
 class Played : public Playing, public testing::WithParamInterface<Format> {};
 
-// Every sample of the left channel, from the first on, and silence to the block's end.
+// Every sample of the left channel is heard, from the first one on, and silence up to the end of
+// the block.
 TEST_P(Played, FileIsHeardWhole) {
     Samples samples;
     for (const int16_t sample : ramp(1000)) {
@@ -259,7 +260,7 @@ TEST_F(Playing, OfWholeBlocksEndsWithTheLast) {
 TEST_F(Playing, OfAPipeTakesWhatComes) {
     writeWav(file("said.wav"), ramp(960), 1, 48000);
     std::string wav = contentsOf(file("said.wav"));
-    memset(&wav[40], 0xff, 4);  // no length
+    memset(&wav[40], 0xff, 4);  // the length is unknown
     Feed feed;
     feed.write(wav.substr(0, 44 + 1000));
     startPlaying({"-"}, &feed);

@@ -60,7 +60,7 @@ TEST_F(ToolTest, LeavesAnotherAppAlone) {
     }
 }
 
-// Each of these takes what it needs and no more.
+// Each command opens only the parts that it needs.
 TEST_F(ToolTest, WorksBesideAnAppWithTheOtherParts) {
     uafd::Companion app;
     ASSERT_EQ(app.open(UAFD_MIC | UAFD_EVENTS, folder.path().c_str()), 0);
@@ -72,7 +72,7 @@ TEST_F(ToolTest, WorksBesideAnAppWithTheOtherParts) {
     EXPECT_EQ(run({"events", "--seconds", "0.01"}), 0);
 }
 
-// It waits for both FIFOs, also when the tool uses one.
+// The daemon waits for both FIFOs, even if the tool uses only one.
 TEST_F(ToolTest, LetsADaemonStart) {
     for (const char* command : {"record", "play"}) {
         command == std::string("record") ? start({command, file("heard.wav")}) : start({command});
@@ -218,7 +218,7 @@ TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
             return std::find(left.begin(), left.end(), last) != left.end();
         };
     };
-    // Two blocks and a half, of which the half waits for more.
+    // Two and a half blocks: the half one waits for more.
     daemon.play(Samples(stereo.begin(), stereo.begin() + 2400));
     Samples heard = recordUntil(until(960));
     EXPECT_EQ(daemon.record(), Samples(960));
@@ -233,7 +233,7 @@ TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
 
 TEST_F(ToolTest, ShowsTheLevel) {
     StreamingOptions options;
-    options.left = options.right = 3277;  // 20 dB below full scale, all of it
+    options.left = options.right = 3277;  // all of it is 20 dB below full scale
     const StreamingDaemon streaming(folder, options);
     EXPECT_EQ(run({"meter", "--seconds", "1"}), 0);
     EXPECT_THAT(tool->output(), HasSubstr(" speaker on   peak -20.0 dB  rms -20.0 dB  |" +

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the companion tool's command line takes and says, and that its manual and completion follow.
+// What the companion tool's command line accepts and prints, and that its manual and completion
+// agree with it.
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -38,7 +39,7 @@ std::string contentsOf(const std::string& path) {
     return text.str();
 }
 
-// The manual is kept as it was made; whoever changes the help makes it again.
+// The repository has the generated manual: whoever changes the help texts has to generate it again.
 TEST(ToolManual, IsMadeOfTheHelp) {
     ChildProcess made({TOOL_FOLDER "/make-manual", TOOL_PROGRAM});
     EXPECT_EQ(made.wait(), 0) << made.errors();
@@ -46,7 +47,7 @@ TEST(ToolManual, IsMadeOfTheHelp) {
         << "companion/tool/make-manual PROGRAM >companion/tool/uafd-companion.1";
 }
 
-// What bash offers behind these words, the last of which is begun.
+// What bash offers after these words, the last of which is incomplete.
 std::set<std::string> completionsOf(const std::string& words) {
     ChildProcess bash(
         {"/bin/bash", "-c",

@@ -37,7 +37,7 @@ class CompanionWaitTest : public CompanionTest {
         }
         return false;
     }
-    // At a time at which something is ready, so that it does not wait.
+    // Waits at a time when something is ready, so that the call returns at once.
     int waitAt(int64_t ms) {
         nowMs = ms;
         return companion.wait();
@@ -58,7 +58,7 @@ TEST_F(CompanionWaitTest, TellsSoundAndEvents) {
 }
 
 TEST_F(CompanionWaitTest, TellsABlockEveryTenMilliseconds) {
-    daemon.send(0, 1);  // and stays untaken
+    daemon.send(0, 1);  // stays in the socket, untaken
     for (int block = 1; block < 10; ++block) {
         EXPECT_EQ(UAFD_READY_EVENT, waitAt(1000 + 10 * block - 1));
         EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1000 + 10 * block));
@@ -68,7 +68,7 @@ TEST_F(CompanionWaitTest, TellsABlockEveryTenMilliseconds) {
 
 TEST_F(CompanionWaitTest, KeepsTheBeatOfWhoComesLate) {
     daemon.send(0, 1);
-    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));  // that of 1010
+    EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));  // the block that was due at 1010
     EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));
     EXPECT_EQ(UAFD_READY_EVENT | UAFD_READY_BLOCK, waitAt(1030));
     EXPECT_EQ(UAFD_READY_EVENT, waitAt(1030));
@@ -112,7 +112,7 @@ TEST_F(CompanionWaitTest, ReturnsAfterASignal) {
     struct sigaction nothing {};
     nothing.sa_handler = [](int) {};
     sigaction(SIGALRM, &nothing, &before);
-    // Over and over, since the first may come before the wait.
+    // Signals again and again, since the first one may come before the wait.
     const itimerval often{{0, 1000}, {0, 1000}};
     const itimerval never{};
     setitimer(ITIMER_REAL, &often, nullptr);
@@ -121,7 +121,7 @@ TEST_F(CompanionWaitTest, ReturnsAfterASignal) {
     sigaction(SIGALRM, &before, nullptr);
 }
 
-// By the real clock.
+// Uses the real clock.
 TEST_F(CompanionWaitTest, EndsWhenItsTimeIsOver) {
     fake_sys::hooks().clock_gettime = nullptr;
     ASSERT_EQ(0, open(0));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A channel's device name: copied on set, read without a lock, and kept as long as a reader may
-// hold it.
+// A channel's device name: copied when it is set, read without a lock, and kept as long as a reader
+// may use it.
 #include "channel/dev_name.h"
 
 #include <atomic>
@@ -49,7 +49,7 @@ TEST_F(DevNameTest, EmptyTextIsAName) {
     EXPECT_STREQ("", name.load());
 }
 
-// A reader loads the pointer once, and may use it for long.
+// A reader loads the pointer once, and may use it for a long time.
 TEST_F(DevNameTest, ReplacedCopiesStayReadable) {
     name.set("first");
     const char* const first = name.load();
@@ -69,7 +69,7 @@ TEST_F(DevNameTest, FreeingTheReplacedKeepsTheCurrentCopy) {
     EXPECT_STREQ("second", name.load());
 }
 
-// The same names come and go under a living thread for months.
+// The same names come and go for months while a thread lives.
 TEST_F(DevNameTest, AReplacedCopyOfTheTextIsTakenBack) {
     name.set("hw:1");
     const char* const first = name.load();
@@ -123,7 +123,7 @@ TEST_F(DevNameTest, PrintsAnUnsetNameAsNull) {
     EXPECT_STREQ("hw:1", DevName::printable("hw:1"));
 }
 
-// A reader sees one of the texts, whole, or none, while they are set and cleared under it.
+// While the texts are set and cleared, a reader sees one of them whole, or none.
 TEST_F(DevNameTest, ReaderSeesWholeTextsWhileTheyAreReplaced) {
     std::atomic<bool> done{false};
     std::atomic<int> seen{0};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every row of the event table on the real channels, whose threads are never made: what an event
-// did to them is read from their log, and the loop's own state from the next event's line.
+// Every row of the event table, on the real channels but without their threads: the effect of an
+// event on the channels shows in their log, and the loop's own state in the next event's line.
 #include "daemon/event_loop.h"
 
 #include <cerrno>
@@ -35,7 +35,7 @@ const Line kEnabled = kDaemonLog.debug("UAC Vexa is enabled, using hw:1\n");
 const Line kNotReady = kDaemonLog.error("Audio gadget driver is not ready.\n");
 const Line kNameNotSet = kChannelLog.error("devName not set\n");
 
-// What intfUpdate says first: the request and the state that it met.
+// The first line of intfUpdate: the request and the state that it finds.
 Line request(int on, int state) {
     return kChannelLog.debug("intfUpdate to " + std::to_string(on) + ", current state " +
                              std::to_string(state) + "\n");
@@ -62,7 +62,7 @@ class EventLoopTest : public fake_alsa::Test {
     }
     static void unplug() { fake_alsa::setCards({{0, "rockchip"}}); }
 
-    // Handles an event; what it logged after its first line, PCM set-up left out.
+    // Handles an event; returns what it logged after its first line, without the PCM's set-up.
     std::vector<Line> handled(uint32_t type, uint32_t data) {
         fake_log::clear();
         loop.handle({type, data}, 8);
@@ -73,7 +73,7 @@ class EventLoopTest : public fake_alsa::Test {
                     lines.end());
         return lines;
     }
-    // The loop's state, as an event without effect shows it.
+    // The loop's state as an event without effect logs it.
     std::string state() {
         fake_log::clear();
         loop.handle({8, 0}, 8);
@@ -147,10 +147,10 @@ TEST_F(EventLoopTest, BindThatLosesTheCardIsUnbound) {
     unplug();
     EXPECT_THAT(handled(0, 0), ElementsAre(kNotReady));
     EXPECT_EQ(stateOf(-1, 1, 0), state());
-    EXPECT_EQ(0, snk.intfUpdate(false));  // the names are left
+    EXPECT_EQ(0, snk.intfUpdate(false));  // the names are still there
 }
 
-// Card 0 is a card.
+// Card number 0 is a valid card.
 TEST_F(EventLoopTest, BindToTheFirstCardIsABinding) {
     fake_alsa::setCards({{0, "Vexa_Gadget"}});
     handled(0, 0);
@@ -177,7 +177,7 @@ TEST_F(EventLoopTest, UnbindSwitchesTheSourceOffFirst) {
                 ElementsAre(request(0, kRunning), request(0, kStopped), disabled(0, 0)));
 }
 
-// Both off requests need the names. Freeing shows when each goes.
+// Both off requests need the names, so these are freed last. The calls of free show the order.
 TEST_F(EventLoopTest, UnbindForgetsTheNamesLastAndTheSourcesFirst) {
     std::map<void*, std::string> copies;
     std::vector<std::string> steps;
@@ -358,16 +358,16 @@ TEST_F(EventLoopTest, UnknownTypeChangesNothing) {
 
 // ---- Reading -----------------------------------------------------------------------------------
 
-// Thrown by the last read: the loop has no other end.
+// Thrown by the last read, as the loop never ends.
 struct EndOfScript {};
 
 class EventLoopRunTest : public EventLoopTest {
   protected:
     struct Read {
         ssize_t result;
-        UacUserMsgT record;  // as many bytes of it as the result says are delivered
+        UacUserMsgT record;  // of which as many bytes are delivered as `result` says
     };
-    // Runs the loop on these reads; what each event logged first.
+    // Runs the loop on these reads; returns the first line about each event.
     std::vector<std::string> run(std::deque<Read> reads) {
         fake_sys::hooks().read = [&](int fd, void* buffer, size_t size) {
             EXPECT_EQ(5, fd);
@@ -428,11 +428,11 @@ TEST_F(EventLoopRunTest, ShortReadLeavesTheRestOfTheRecord) {
     EXPECT_THAT(pausesUs, IsEmpty());
 }
 
-// Nothing made that read wait: without the pause the loop would spin.
+// A read that brings nothing did not wait: without a pause the loop would spin.
 TEST_F(EventLoopRunTest, AReadThatBringsNothingIsHandledAndThenPausedFor) {
     run({{8, {6, 1}}, {-1, {}}, {0, {}}, {1, {6, 1}}, {-1, {}}, {8, {6, 0}}});
     EXPECT_THAT(pausesUs, ElementsAre(10000, 10000, 10000));
-    EXPECT_THAT(linesAtPause, ElementsAre(4, 6, 10));  // two of each record
+    EXPECT_THAT(linesAtPause, ElementsAre(4, 6, 10));  // two lines for each record
 }
 
 TEST_F(EventLoopRunTest, ARecordHandledAgainCountsAgain) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fake alsa-lib itself: what tests of the daemon rely on.
+// The fake alsa-lib itself: what the daemon's tests rely on.
 #include "tests/support/fake_alsa.h"
 
 #include <cerrno>

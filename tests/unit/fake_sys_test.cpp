@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The stand-ins themselves: a hook replaces a call, an unset hook passes it on, the log keeps
+// The stand-ins themselves: a hook replaces a call, an unset hook passes it on, the log keeps its
 // lines.
 #include "tests/support/fake_sys.h"
 

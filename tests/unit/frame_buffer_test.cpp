@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source's frame buffer by itself: its lock around each use, a failure that keeps the lock, its
-// life from build to release. The rule that enlarges it has a test of its own.
+// The source's frame buffer alone: its lock around each use, a failure that keeps the lock, its
+// life from build to release. The rule that enlarges it has its own test.
 #include "channel/frame_buffer.h"
 
 #include <algorithm>
@@ -76,7 +76,8 @@ TEST_F(FrameBufferTest, AUseReleasesTheLockBeforeItReturns) {
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
-// The stop is requested meanwhile: the other thread must not find the failed buffer before that.
+// The stop is requested while the lock is held: the other thread must not find the failed buffer
+// earlier.
 TEST_F(FrameBufferTest, AFailedUseKeepsTheLockAsLongAsItsResult) {
     fake_ssrs::hooks().SSRS_Write = [](SSRS_Ctx*, const int16_t*, int32_t) { return 3; };
     fake_ssrs::hooks().SSRS_Read = [](SSRS_Ctx*, int16_t*) { return 4; };
@@ -114,7 +115,7 @@ TEST_F(FrameBufferTest, AFailedUnlockIsAFailureThatHoldsNothing) {
 }
 
 TEST_F(FrameBufferTest, ABlockWithoutRoomIsDroppedAndNoFailure) {
-    EXPECT_TRUE(write());  // behind 120 samples of silence
+    EXPECT_TRUE(write());  // after 120 samples of silence
     EXPECT_EQ(600, depth());
     EXPECT_TRUE(write());
     EXPECT_EQ(600, depth());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The entry point, compiled into this program under the name uafdMain. The app's service and the
-// cable monitor are replaced: what counts here is when they are built, started and destroyed.
+// The entry point, compiled into this program under the name uafdMain. Stand-ins replace the app's
+// service and the cable monitor: here it matters only when they are built, started and destroyed.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -37,10 +37,10 @@ std::vector<std::string> events;
 bool ipcStarts = true;
 bool cableStarts = true;
 
-// Thrown by a read: the event loop has no other end.
+// Thrown by a read, as the event loop never ends.
 struct EndOfScript {};
 
-// The standard streams first of all: what a constructor logs may open the log.
+// The standard streams come first: a constructor's log line may open the log.
 const std::vector<std::string> kBuilt{"fcntl 0", "fcntl 1", "fcntl 2",  "mutex",
                                       "mutex",   "mutex",   "CableMon", "UafIpc"};
 const std::vector<std::string> kDestroyed{"~UafIpc", "~CableMon"};
@@ -159,7 +159,7 @@ TEST_F(MainTest, ServiceThatDoesNotStartEndsTheProcess) {
               fake_log::lines().back());
 }
 
-// Sound needs neither of them.
+// Sound needs neither the monitor nor the initial state.
 TEST_F(MainTest, RunsWithoutTheCableMonitorAndTheInitialState) {
     cableStarts = false;
     ioctlResult = -1;

@@ -31,7 +31,7 @@ Scenario withPpm(int ppm, Ns jitter = 0) {
     return scenario;
 }
 
-// Evenly spread over the 10 ms after which the app's and the host's phases recur.
+// Ten phases evenly spread over the 10 ms in which the app's and the host's phases repeat.
 std::vector<Scenario> inEveryPhase(Scenario scenario) {
     std::vector<Scenario> scenarios;
     for (int i = 0; i < 10; ++i) {
@@ -73,8 +73,8 @@ TEST(MicSimulation, BringsTheFirstSoundAfterTheStartupSilence) {
     const Reading first = simulation.read();
     EXPECT_EQ(first.at, 5 * kMs);
     EXPECT_EQ(first.depth, 600);
-    // 2.5 ms of the silence that primed the buffer, the ring's 10 ms, and the USB frame, less what
-    // the app wrote ahead of its clock.
+    // 2.5 ms of the silence that filled the buffer at the start, the ring's 10 ms, and the USB
+    // frame, minus what the app wrote ahead of its clock.
     EXPECT_EQ(first.latency, 16 * kMs);
     EXPECT_EQ(simulation.counts().silent, 0);
 }
@@ -89,7 +89,7 @@ TEST(MicSimulation, MakesUpForTheClocksDifferenceAndForNoMore) {
     }
 }
 
-// What docs/soak.md has measured on the board, ms.
+// The figures of docs/soak.md, measured on the board, in ms.
 TEST(MicSimulation, HasTheLatencyOfTheBoard) {
     const struct {
         int ppm;
@@ -135,7 +135,7 @@ TEST(MicSimulation, StarvesUnderAJitterOf8MsUntilTheBufferIsEnlarged) {
                 }
                 last = reading;
             });
-        // Some of them may lie before the second in which there are 11.
+        // Some underruns may lie before the second that has 11 of them.
         EXPECT_GE(starvedBefore, 11);
         EXPECT_EQ(starvedAfter, 0);
         EXPECT_GE(measured.counts.enlargedAt, kSecond);
@@ -164,7 +164,7 @@ TEST(MicSimulation, LosesNothingButWhatItCounts) {
     }
 }
 
-TEST(MicSimulation, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
+TEST(MicSimulation, DropsWhatComesTooLateAndRefillsTheBuffer) {
     Scenario scenario = withPpm(0);
     scenario.pauses = {{10 * kSecond, 50 * kMs, false}};
     Ns silentFrom = -1;
@@ -173,9 +173,9 @@ TEST(MicSimulation, DropsWhatComesTooLateAndBuffersItsMiddleAnew) {
             silentFrom =
                 silentFrom < 0 && reading.at > kSecond && reading.starved ? reading.at : silentFrom;
         });
-    // The last block before it was whole for 15 ms, less the phase.
+    // The block before the pause lasted 15 ms, minus the phase.
     EXPECT_EQ(silentFrom, 10 * kSecond + 10 * kMs);
-    // Of the five blocks that were due, the first finds room.
+    // Five blocks were due; only the first one fits.
     EXPECT_EQ(measured.counts.overruns, 4);
     EXPECT_EQ(measured.counts.lost, 4 * kBlock);
     EXPECT_EQ(measured.counts.written, 20 * 48000);
@@ -189,8 +189,8 @@ TEST(MicSimulation, LeavesAGapAsSilence) {
     EXPECT_EQ(counts.written, 20 * 48000 - 10 * kBlock);
     EXPECT_EQ(counts.overruns, 0);
     EXPECT_EQ(counts.lost, 0);
-    // As much silence as is missing, less the 2.5 ms that the buffer's middle is below where it
-    // was, and the two samples by which the last frames before it were drawn out.
+    // The silence that is missing, minus the 2.5 ms by which the buffer's middle is below its
+    // former depth, and minus the two samples by which the last frames were stretched.
     EXPECT_EQ(counts.silent, 10 * kBlock - 120 - 2);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The conversions between one channel and two: whole blocks, what is left of one, and nothing else.
+// The conversions between one channel and two: whole blocks and incomplete ones, and no other
+// samples change.
 #include "buffer/mono_stereo.h"
 
 #include <numeric>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The messages that wait for the app: their order and bound, the answer to a sync-up, and what a
-// lock, a condition or memory that fails does to them.
+// The messages that wait for the app: their order and limit, the answer to a sync-up, and the
+// effects of a lock, a condition or an allocation that fails.
 #include "ipc/msg_queue.h"
 
 #include <atomic>
@@ -35,7 +35,7 @@ class MsgQueueTest : public fake_sys::Test {
         fake_sys::Test::SetUp();
         locks.install();
         locks.watch(queue);
-        locks.answer("wait", EINVAL);  // nobody would signal
+        locks.answer("wait", EINVAL);  // as nobody would signal
     }
 
     void TearDown() override {
@@ -44,8 +44,7 @@ class MsgQueueTest : public fake_sys::Test {
         fake_sys::Test::TearDown();
     }
 
-    // Every message that waits, oldest first, taken with the calls as they are without a test. The
-    // log is lost.
+    // Takes every message that waits, oldest first, with the real calls. Clears the log.
     Messages take() {
         static Messages taken;
         taken.clear();
@@ -59,7 +58,7 @@ class MsgQueueTest : public fake_sys::Test {
         return taken;
     }
 
-    // What a sync-up adds to an empty queue.
+    // The messages that a sync-up adds to an empty queue.
     Messages syncUp() {
         take();
         queue.queueSyncReply();
@@ -86,7 +85,7 @@ TEST_F(MsgQueueTest, MessageIsCopied) {
     EXPECT_EQ((Messages{{3, 1}}), take());
 }
 
-// While there is no app nobody takes messages, and memory must stay bounded.
+// Without an app nobody takes messages, and memory must stay bounded.
 TEST_F(MsgQueueTest, NewestOfAHundredGivesWay) {
     for (uint32_t i = 0; i < 99; i++)
         queue.queueMsg({3, i});
@@ -157,9 +156,9 @@ TEST_F(MsgQueueTest, FailedBroadcastAndUnlockAreLoggedAndTheMessageStays) {
     EXPECT_EQ((Messages{{3, 1}}), take());
 }
 
-// The list is reset, its count is not.
+// The list was reset, but its count was not.
 TEST_F(MsgQueueTest, FullCountWithoutMessagesIsReportedToTheProducersLog) {
-    std::vector<void*> lost;  // by the reset
+    std::vector<void*> lost;  // the reset loses these
     fake_sys::hooks().malloc = [&](size_t size) {
         lost.push_back(fake_sys::real::malloc(size));
         return lost.back();
@@ -249,7 +248,7 @@ TEST_F(MsgQueueTest, SyncUpAtAHundredPendingLeavesOnlyItsLastMessage) {
     EXPECT_EQ((Message{2, 1}), taken[99]);
 }
 
-// The next sync-up gives it.
+// The next sync-up reports the lost state.
 TEST_F(MsgQueueTest, StateThatCannotLockIsLostButRemembered) {
     setStates(1, 0, 0);
     take();
@@ -260,7 +259,8 @@ TEST_F(MsgQueueTest, StateThatCannotLockIsLostButRemembered) {
     EXPECT_EQ((Messages{{0, 1}, {1, 1}, {2, 0}}), syncUp());
 }
 
-// A state queued by another thread just before the reply takes the lock is the one it gives.
+// If another thread queues a state just before the reply takes the lock, the reply contains that
+// state.
 TEST_F(MsgQueueTest, ReplyGivesTheStateThatStandsWhenItHoldsTheLock) {
     setStates(1, 1, 1);
     take();
@@ -277,7 +277,8 @@ TEST_F(MsgQueueTest, ReplyGivesTheUsbStateThatStandsWhenItHoldsTheLock) {
     EXPECT_EQ((Messages{{0, 0}, {0, 0}}), take());
 }
 
-// A state stored while the reply is being built comes behind it, and stays. With real locks.
+// A state that is stored while the reply is being built follows the reply and stays. With real
+// locks.
 TEST_F(MsgQueueTest, ReplyNeverRevivesAStateThatWasReplacedMeanwhile) {
     setStates(1, 1, 1);
     take();

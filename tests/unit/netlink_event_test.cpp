@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Decoding of plain-text uevents: every message lies in a heap block of exactly its length, so that
-// the sanitizers see any step outside it.
+// Decoding of plain-text uevents. Every message is in a heap block of exactly its length, so that
+// the sanitizers report any access outside it.
 #include <cstring>
 #include <memory>
 #include <random>
@@ -22,7 +22,7 @@ bool decode(NetlinkEvent& event, const std::string& bytes, int format = 0) {
     return decoded;
 }
 
-// Joins strings as the kernel does: each with its terminator.
+// Joins strings as the kernel does, each with its terminator.
 std::string message(std::initializer_list<std::string> strings) {
     std::string bytes;
     for (const std::string& string : strings)
@@ -146,7 +146,7 @@ TEST(NetlinkEventTest, NextDecodeForgetsTheEventBefore) {
     EXPECT_EQ(nullptr, event.findParam("OTHER"));
 }
 
-// Reads everything an event holds, so that a wrong pointer shows.
+// Reads everything that an event contains, so that a wrong pointer shows.
 size_t readAll(NetlinkEvent& event) {
     size_t length = event.getSubsystem() != nullptr ? strlen(event.getSubsystem()) : 0;
     for (const char* name : {"USB_STATE", "DEVPATH", "A", ""}) {

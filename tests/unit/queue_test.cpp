@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The byte queue: every code, the order of the checks, what a call leaves alone, both copies of a
-// block that crosses the end, and long random use beside a plain model.
+// The byte queue: every code, the order of the checks, what a call leaves unchanged, both copies of
+// a block that wraps round the end, and long random use compared with a simple model.
 #include "buffer/queue.h"
 
 #include <algorithm>
@@ -68,7 +68,7 @@ class QueueTest : public testing::Test {
         return bytes;
     }
 
-    // Moves both pointers `n` bytes on.
+    // Advances both pointers by `n` bytes.
     void turn(size_t n) {
         ASSERT_EQ(QUEUE_OK, put(Bytes(n)));
         take(static_cast<int32_t>(n));
@@ -284,7 +284,7 @@ TEST_F(QueueTest, FullnessIsFoundAtTheLargestDepthsToo) {
     EXPECT_TRUE(same(before, ctx));
 }
 
-// One random life of a queue beside its model.
+// One random life of a queue, compared with its model.
 class QueueAgainstModel {
   public:
     explicit QueueAgainstModel(uint32_t seed) : random(seed) {

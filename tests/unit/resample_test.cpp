@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stretching and squeezing: the steps, and every output sample of every frame size against the
-// interpolation formula written in the plainest way.
+// Stretching and squeezing: the steps, and every output sample of every frame size, compared with
+// the interpolation formula in its plainest form.
 #include "buffer/resample.h"
 
 #include <cmath>
@@ -50,7 +50,7 @@ std::vector<Pattern> patterns() {
     };
 }
 
-// The formula, in 64 bits and with a real division that rounds toward minus infinity.
+// The formula in 64 bits, with a division that rounds toward minus infinity.
 Samples plainly(const Samples& in, int64_t step, int32_t frameSize) {
     Samples out(static_cast<size_t>(frameSize));
     out.front() = in.front();
@@ -66,7 +66,7 @@ Samples plainly(const Samples& in, int64_t step, int32_t frameSize) {
     return out;
 }
 
-// Memory of exactly the input's size, so that the address sanitizer sees a read beyond it.
+// Memory of exactly the input's size, so that the address sanitizer reports a read beyond it.
 Samples resampled(const Samples& in, int32_t frameSize) {
     const auto count = static_cast<int32_t>(in.size());
     Guarded<int16_t> out(static_cast<size_t>(frameSize), 0x1234);
@@ -96,7 +96,7 @@ TEST(ResampleStepTest, StepsOfTheFrameSizesInUse) {
     }
 }
 
-// In double precision these four end one lower.
+// In double precision these four would be lower by one.
 TEST(ResampleStepTest, RatioIsDividedInSinglePrecision) {
     EXPECT_EQ(65409u, resampleStep(514, 515));
     EXPECT_EQ(65659u, resampleStep(537, 536));
@@ -104,7 +104,7 @@ TEST(ResampleStepTest, RatioIsDividedInSinglePrecision) {
     EXPECT_EQ(65606u, resampleStep(945, 944));
 }
 
-// Nearest to the exact ratio but for those four, each off by one.
+// The step closest to the exact ratio, except for those four, which are off by one.
 TEST(ResampleStepTest, StepOfEverySizeIsTheRoundedRatio) {
     std::vector<int32_t> offByOne;
     for (int32_t frameSize = 2; frameSize <= kFrameSizeMax; frameSize++) {
@@ -136,7 +136,7 @@ TEST(ResampleTest, EveryFrameSizeEqualsTheFormula) {
     }
 }
 
-// The system's frame: the index moves on by one a sample, the fraction by 274.
+// The system's frame: per sample the index grows by one and the fraction by 274.
 TEST(ResampleTest, FrameOf240StepsThroughTheInputContiguously) {
     const Samples in = patterns().back().samples;
     const Samples squeezed = resampled({in.begin(), in.begin() + 241}, 240);

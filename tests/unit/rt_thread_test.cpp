@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Real-time threads: their attributes as pthread_create sees them, and what is left of them when
-// one cannot be set.
+// Real-time threads: their attributes as pthread_create gets them, and which remain when one cannot
+// be set.
 #include "channel/rt_thread.h"
 
 #include <cerrno>
@@ -17,7 +17,7 @@ namespace {
 using fake_log::kTestLog;
 using Lines = std::vector<fake_log::Line>;
 
-// What one pthread_create was given.
+// The arguments of one pthread_create.
 struct Creation {
     void* (*entry)(void*);
     void* argument;
@@ -41,7 +41,7 @@ class RtThreadTest : public fake_sys::Test {
         fake_sys::hooks().pthread_attr_destroy = [this](pthread_attr_t* attributes) {
             EXPECT_EQ(used, attributes);
             ++destroyed;
-            errno = EBUSY;  // must not show in the caller's errno
+            errno = EBUSY;  // the caller must not see this errno
             return fake_sys::real::pthread_attr_destroy(attributes);
         };
     }

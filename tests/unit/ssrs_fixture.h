@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the frame stream buffer share: a context in raw memory of exactly the reported
-// size, storage between guard zones, and whole blocks and frames in and out.
+// Shared by the tests of the frame stream buffer: a context in raw memory of exactly the reported
+// size, storage between guard zones, and calls that move whole blocks and frames.
 #pragma once
 
 #include <cstdlib>
@@ -55,14 +55,14 @@ class SsrsFixture : public testing::Test {
     }
     void TearDown() override { EXPECT_TRUE(storage.intact()); }
 
-    // As the microphone's channel sets it up.
+    // Sets the buffer up as the microphone's channel does.
     void setUpStreaming() {
         ASSERT_EQ(0, SSRS_SetFrameSize(ctx, kFrameSamples));
         ASSERT_EQ(0, SSRS_SetQBuff(ctx, storage.data(), kStorageSamples));
         ASSERT_EQ(0, SSRS_SetQDepth(ctx, kDepthLow, kDepthHigh));
     }
 
-    // Streaming, with `samples` queued and no priming to come.
+    // Sets up a buffer that streams: it holds `samples` and needs no more priming.
     void setUpHolding(const Samples& samples) {
         setUpEmpty();
         ASSERT_EQ(0, write(samples));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame stream buffer beside its plain model: random calls of every kind, valid or not, must
-// give the same codes, the same frames and the same statistics.
+// The frame stream buffer compared with its simple model: random calls of every kind, valid or not,
+// must give the same codes, frames and statistics.
 #include "tests/support/ssrs_model.h"
 
 #include <algorithm>
@@ -70,13 +70,13 @@ class SsrsAgainstModel {
     int pick(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); }
     int longest() const { return static_cast<int>(model.length); }
 
-    // Around the frame mostly, anything at times.
+    // Mostly near the frame's size, sometimes anything.
     int blockLength() {
         return pick(0, 9) == 0 ? pick(-1, longest() + 1)
                                : std::min(pick(0, 2 * model.frameSize + 1), longest());
     }
 
-    // A range with room for frames, else extremes would be all there is.
+    // A range that leaves room for frames; otherwise only extremes would be tested.
     void attach() {
         const int len = pick(0, 9) == 0 ? pick(-1, 20) : pick(1, 3000);
         storages.emplace_back(static_cast<size_t>(std::max(len, 0)), 7);
@@ -137,10 +137,10 @@ class SsrsAgainstModel {
     std::vector<uint64_t> memory;
     SSRS_Ctx* ctx;
     SsrsModel model;
-    std::list<Guarded<int16_t>> storages;  // all of them: an odd one leaves its predecessor in use
+    std::list<Guarded<int16_t>> storages;  // kept: after an odd one its predecessor is in use
 };
 
-// Adds up what the lives went through, for a test that its calls reach every case.
+// Adds up what happened in all lives, so that a test can check that every case occurred.
 void add(SSRS_Stats& total, const SSRS_Stats& life) {
     total.wrErrors += life.wrErrors;
     total.rdErrors += life.rdErrors;

@@ -18,7 +18,7 @@
 
 namespace uafd {
 
-// Present in programs under the thread sanitizer only.
+// These exist only in programs with the thread sanitizer.
 extern "C" {
 __attribute__((weak)) void AnnotateIgnoreWritesBegin(const char* file, int line);
 __attribute__((weak)) void AnnotateIgnoreWritesEnd(const char* file, int line);
@@ -28,7 +28,7 @@ namespace {
 
 using SsrsSetupTest = SsrsFixture;
 
-// Both records are part of the interface: callers size memory by one and print the other.
+// Both records are part of the interface: callers allocate one by its size and print the other.
 static_assert(sizeof(SSRS_Stats) == 56);
 static_assert(offsetof(SSRS_Stats, rdSamples) == 12);
 static_assert(offsetof(SSRS_Stats, avgDepth) == 24);
@@ -170,7 +170,7 @@ TEST_F(SsrsSetupTest, OddLengthAsTheFirstStorageLeavesAQueueThatHoldsNothing) {
     EXPECT_EQ(Samples(480), read());
 }
 
-// 2 GiB of address space that repeat the same 1 MiB, but for the last.
+// 2 GiB of address space in which the same 1 MiB repeats, except for the last one.
 class HugeStorage {
   public:
     static constexpr int32_t kSamples = 1 << 30;
@@ -204,7 +204,7 @@ class HugeStorage {
     uint8_t* base;
 };
 
-// The thread sanitizer would keep 8 GiB of shadow for the zeroed storage.
+// The thread sanitizer would need 8 GiB of shadow memory for the zeroed storage.
 int32_t attachWithoutShadow(SSRS_Ctx* ctx, int16_t* samples, int32_t len) {
     const bool annotate = AnnotateIgnoreWritesBegin != nullptr;
     annotate ? AnnotateIgnoreWritesBegin(__FILE__, __LINE__) : void();

@@ -57,7 +57,7 @@ TEST_F(SsrsTest, RefusedReadCountsAsReadError) {
     EXPECT_EQ(0, ctx->avgDepthX10k);
 }
 
-// From there the depth can drift both ways before anything is corrected.
+// From the middle the depth can drift both ways before anything is corrected.
 TEST_F(SsrsTest, FirstWritePrimesToTheMiddleOfTheRange) {
     setUpStreaming();
     EXPECT_EQ(0, write(ramp(480)));
@@ -134,7 +134,7 @@ TEST_F(SsrsTest, DepthWithinTheRangeIsCopiedUnchanged) {
     EXPECT_EQ(3u, stats().rdCalls);
 }
 
-// The writer's clock is the faster one: a sample too many is squeezed into the frame.
+// The writer's clock is faster: one sample too many is squeezed into the frame.
 TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
     setUpHolding(ramp(721));
     EXPECT_EQ(resampled(ramp(241), kFrameSamples), read());
@@ -144,7 +144,7 @@ TEST_F(SsrsTest, DepthAboveTheRangeTakesOneSampleMore) {
     EXPECT_EQ(241u, stats().rdSamples);
 }
 
-// The writer's clock is the slower one: a sample too few is stretched over the frame.
+// The writer's clock is slower: one sample too few is stretched over the frame.
 TEST_F(SsrsTest, DepthBelowTheRangeTakesOneSampleFewer) {
     setUpHolding(ramp(479));
     EXPECT_EQ(resampled(ramp(239), kFrameSamples), read());
@@ -256,7 +256,7 @@ TEST_F(SsrsTest, FrameOfOneStretchedTakesNothingAndGivesSilence) {
     setUpHolding(ramp(300));
     read();
     ASSERT_EQ(0, SSRS_SetFrameSize(ctx, 1));
-    ctx->ratioSum = -1;  // what lies before the samples taken
+    ctx->ratioSum = -1;  // set before the samples are taken
     const SSRS_Stats before = stats();
     EXPECT_EQ((Samples{0}), read());
     EXPECT_EQ(300 - 239, depth());
@@ -362,7 +362,7 @@ TEST_F(SsrsTest, PendingPrimesSaturate) {
     EXPECT_EQ(0, ctx->primePending);
 }
 
-// The daemon runs for months, longer than 32 bits last.
+// The daemon runs for months, longer than 32 bits can count.
 TEST_F(SsrsTest, CountersWrap) {
     setUpHolding(ramp(479));
     ctx->stretchCnt = INT32_MAX;

@@ -35,7 +35,7 @@ Line missing(const std::string& path) {
 
 // ---- The standard streams ----------------------------------------------------------------------
 
-// Descriptors as the kernel gives them: the lowest number that is free.
+// Hands out descriptors as the kernel does: the lowest free number.
 class StandardStreamsTest : public fake_sys::Test {
   protected:
     void SetUp() override {
@@ -59,12 +59,12 @@ class StandardStreamsTest : public fake_sys::Test {
         };
     }
 
-    std::vector<bool> isOpen = std::vector<bool>(4);  // the fourth is nobody's business
+    std::vector<bool> isOpen = std::vector<bool>(4);  // the fourth must not be touched
     bool hasNullDevice = true;
     int opens = 0;
 };
 
-// Otherwise a device or a FIFO that is opened later would take the number and get the log.
+// Otherwise a device or a FIFO that is opened later would get the number, and the log's lines.
 TEST_F(StandardStreamsTest, EachThatIsClosedIsOccupiedAndNothingElse) {
     for (int given = 0; given < 8; ++given) {
         SCOPED_TRACE(given);
@@ -143,7 +143,7 @@ TEST_F(WaitForFifosTest, EachIsRetriedEvery200MsWithItsOwnCount) {
                                      "/tmp/usbAudioFifoTx after 1 attempts")));
 }
 
-// That is a line in five minutes, however long the app stays away.
+// That makes one line in five minutes, however long the app stays away.
 TEST_F(WaitForFifosTest, FirstAndEvery1500thFailureIsLogged) {
     rxFailures = 1500;
     txFailures = 3001;
@@ -259,7 +259,7 @@ TEST_F(GadgetControlTest, RefusedRequestIsOnlyLogged) {
     }
 }
 
-// The driver's numbers.
+// These numbers are the driver's.
 TEST(UacUserTest, RequestsAndEventsHaveTheDriversCodes) {
     EXPECT_EQ(0x4002F501u, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_VOLUME);
     EXPECT_EQ(0x4004F502u, F_UAC_VEXA_USER_IOCTL_USER_SET_SPK_MUTE);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Properties off Android: files of a temporary folder stand in for those under /run/properties.
+// Properties on systems other than Android: files in a temporary folder replace those in
+// /run/properties.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -37,7 +38,7 @@ class SystemPropertiesTest : public fake_sys::Test {
         };
     }
 
-    // The value after the call; the result must be its length.
+    // Returns the value after the call, which must return its length.
     std::string get(const std::string& name) {
         char value[PROP_VALUE_MAX + 1];
         memset(value, '#', sizeof value);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The channel base's debounced stop, and the off request of a thread that a stop joins.
+// The channel base class's debounced stop, and the off request of a thread that a stop joins.
 #include <cerrno>
 
 #include <gmock/gmock.h>
@@ -60,7 +60,7 @@ TEST_F(UafChStopTest, TheFourthPassAfterAnOffStopsTheChannel) {
     EXPECT_TRUE(channel.joinPending);
 }
 
-// The passes are counted without the lock, which would cost each of them.
+// The passes are counted without the lock, as taking it would cost time in each of them.
 TEST_F(UafChStopTest, AnOnThatSlipsInBeforeTheLockDoesNotSaveTheStream) {
     startAndSwitchOff();
     locks.beforeNext("lock", [this] { channel.intfUpdate(true); });
@@ -159,7 +159,8 @@ TEST_F(UafChStopTest, TheWorkersEntryRunsTheLoop) {
 
 // ---- The off request of a thread that a stop joins ---------------------------------------------
 
-// The stop holds the lock while it joins the thread that asks: waiting would never end.
+// The stop holds the lock while it joins the requesting thread: waiting for the lock would never
+// end.
 TEST_F(UafChStopTest, ARequestedStopTriesTheLock) {
     start();
     EXPECT_EQ(0, channel.requestStop());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the channel base gives its streams: messages about volume and mute, the conversion between
-// channel counts, and the answer to a wait that went wrong.
+// What the channel base class does for its streams: messages about volume and mute, the conversion
+// between channel counts, and the response to a failed wait.
 #include <cerrno>
 #include <climits>
 
@@ -31,7 +31,7 @@ class UafChStreamTest : public channel_bench::Test {
 
 // ---- Volume and mute ---------------------------------------------------------------------------
 
-// Receivers ignore the upper one.
+// Receivers ignore the upper half.
 TEST_F(UafChStreamTest, AVolumeTravelsInTheLowHalf) {
     EXPECT_EQ(0, channel.setVolume(-1, 3));
     EXPECT_EQ(0, channel.setVolume(-32768, 4));
@@ -59,7 +59,7 @@ TEST_F(UafChStreamTest, AMuteTravelsAsOneOrZero) {
             kChannelLog.debug("setMute mute=0, sending: type=0x00000006, data=0x00000000\n")));
 }
 
-// A stop that is under way holds the lock, and the event loop must not wait for it here.
+// A stop in progress holds the lock, and the event loop must not wait for it here.
 TEST_F(UafChStreamTest, VolumeAndMuteTouchNeitherStateNorLock) {
     channel.state = UAFCH_STOPPING;
     channel.stopDelayCnt = 2;
@@ -136,7 +136,7 @@ TEST_F(UafChStreamTest, StallsAreCountedUpToTheGreatestNumber) {
     }
 }
 
-// It returns at once: without the pause the worker would spin.
+// A failed wait returns at once: without the pause the worker would spin.
 TEST_F(UafChStreamTest, AFailedWaitTakesAsLongAsATimeout) {
     EXPECT_EQ(0, channel.missedWait(-ENODEV, "UAFTAG"));
     EXPECT_EQ(10000000, threads.sleptNs);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The channel base: names, and on and off requests in every state.
+// The channel base class: names, and on and off requests in every state.
 #include "channel/uaf_ch.h"
 
 #include <cerrno>
@@ -21,7 +21,7 @@ using UafChTest = channel_bench::Test;
 
 // ---- Construction and names --------------------------------------------------------------------
 
-// They stand in the log.
+// The numbers appear in the log.
 TEST_F(UafChTest, StatesHaveTheirFixedNumbers) {
     EXPECT_EQ(1, UAFCH_RUNNING);
     EXPECT_EQ(2, UAFCH_STOPPING);
@@ -96,8 +96,8 @@ TEST_F(UafChTest, ReplacedNamesAreFreedOnceNoThreadReadsThem) {
     EXPECT_TRUE(freed);
 }
 
-// A cable that comes and goes, or a control device whose reads fail behind a bind, may do this for
-// months while an app keeps the worker.
+// A cable that comes and goes, or a control device whose reads fail after a bind, may do this for
+// months while an app keeps the worker waiting.
 TEST_F(UafChTest, AMillionBindsUnderALivingThreadTakeNoMemory) {
     start();
     int blocks = 0;
@@ -120,7 +120,7 @@ TEST_F(UafChTest, AMillionBindsUnderALivingThreadTakeNoMemory) {
             channel.setDevName(nullptr, nullptr);
         }
     }
-    EXPECT_EQ(2, blocks);  // the other card's name
+    EXPECT_EQ(2, blocks);  // only the other card's name is new
     EXPECT_STREQ(kFifoPath, channel.fifoName.load());
     EXPECT_STREQ(kPcmName, channel.pcmName.load());
 }
@@ -215,7 +215,7 @@ TEST_F(UafChTest, AFailedStartLeavesTheChannelStopped) {
                             kChannelLog.error("failed to start audio")));
 }
 
-// The next on request finds the stream open and starts it afresh.
+// The next on request finds the stream open and opens it again.
 TEST_F(UafChTest, AWorkerThatCannotBeCreatedLeavesTheStreamOpenAndTheAppTold) {
     threads.refuse(EAGAIN);
     channel.threadId = kOldWorker;
@@ -282,7 +282,7 @@ TEST_F(UafChTest, OffPutsARunningChannelIntoStopping) {
                 ElementsAre(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
 }
 
-// A pass of the worker may race with the on request that cancels its stop.
+// A pass of the worker may race with the on request that cancels the stop.
 TEST_F(UafChTest, ALateIncrementDoesNotShortenTheNextStop) {
     start();
     channel.stopDelayCnt = 3;  // left by a pass that a cancel overtook
@@ -337,7 +337,7 @@ TEST_F(UafChTest, AnUnknownStateIsReportedAndKept) {
     }
 }
 
-// No request is refused because of the lock.
+// A failing lock makes no request fail.
 TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     locks.answer("lock", EINVAL);
     EXPECT_EQ(0, channel.intfUpdate(true));
@@ -354,7 +354,7 @@ TEST_F(UafChTest, RequestsGoOnWithoutTheLock) {
     EXPECT_THAT(fake_log::lines(), Contains(line));
 }
 
-// Although nothing was stopped: log readers know this text.
+// Log readers expect this text although nothing was stopped.
 TEST_F(UafChTest, AFailedUnlockIsReportedWithTheStopsText) {
     locks.answer("unlock", EPERM);
     EXPECT_EQ(0, channel.intfUpdate(false));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The receive thread of the app IPC service: every message of the app, odd datagrams and the ways
+// The receive thread of the app IPC service: every message of the app, odd datagrams and every way
 // to end.
 #include <cerrno>
 #include <cstring>
@@ -74,7 +74,7 @@ class UafIpcRxTest : public fake_sys::Test {
         fake_sys::Test::TearDown();
     }
 
-    // Runs the receive thread on these answers and, behind them, an error that ends it.
+    // Runs the receive thread on these answers, followed by an error that ends it.
     void receive(std::vector<Receive> answers) {
         answers.push_back(kEnd);
         size_t next = 0;
@@ -102,7 +102,7 @@ class UafIpcRxTest : public fake_sys::Test {
     // The log between the receive loop's first and last line.
     Lines linesInside() { return ipc_service::linesBetween(kStartLine, kEndLine); }
 
-    // What the app gets for a sync-up.
+    // The messages that the app gets for a sync-up.
     Messages syncUp() {
         service.take();
         receive({datagram(7, 0)});
@@ -264,7 +264,7 @@ TEST_F(UafIpcRxTest, LoopIsNotEnteredOnceTheServiceNoLongerRuns) {
     EXPECT_EQ(Lines{}, fake_log::lines());
 }
 
-// Real datagrams: what the socket itself makes of odd lengths.
+// Real datagrams show what the socket itself does with odd lengths.
 TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheThread) {
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, ends));
@@ -288,7 +288,7 @@ TEST_F(UafIpcRxTest, LongDatagramCountsAsItsFirstEightBytesAndAnEmptyOneEndsTheT
               fake_log::lines());
 }
 
-// The receive of an empty datagram sets no errno: the line shows that of an earlier call.
+// Receiving an empty datagram sets no errno, so the line shows that of an earlier call.
 TEST_F(UafIpcRxTest, EmptyDatagramShowsTheErrnoThatItFinds) {
     requestError = ENOTTY;
     int calls = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The app IPC service: its start, with every way to fail, and who may run after it.
+// The app IPC service: its start, with every way to fail, and which threads may run after it.
 #include "ipc/uaf_ipc.h"
 
 #include <atomic>
@@ -78,7 +78,7 @@ TEST_F(UafIpcTest, ReceivingSocketFails) {
     expectFailure({"socket failed: <-1:23>"}, {"close 901"});
 }
 
-// Nothing is wrong at a first start, but whoever watches its log expects the line.
+// At a first start nothing is wrong, but log readers expect the line.
 TEST_F(UafIpcTest, MissingOldPathIsAnErrorLineOnly) {
     fake_sys::hooks().unlink = fake_sys::failing(ENOENT);
     start();
@@ -161,7 +161,7 @@ TEST_F(UafIpcTest, DestructorClosesNothing) {
     EXPECT_EQ(Strings{}, service.calls);
 }
 
-// Released by the start, the receive thread finds the service running.
+// When the start releases the receive thread, it finds the service running.
 TEST_F(UafIpcTest, ServiceRunsBeforeItsReceiveThreadMayBegin) {
     const pthread_t starter = pthread_self();
     pthread_t receiver{};
@@ -196,7 +196,7 @@ TEST_F(UafIpcTest, ServiceRunsBeforeItsReceiveThreadMayBegin) {
     EXPECT_EQ(1, receives);
 }
 
-// The exit path destroys the instance: the thread that is there already must not have begun.
+// The exit path destroys the instance, so a thread that already exists must not have begun.
 TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     static std::atomic<bool> running;
     static void* (*receiveEntry)(void*);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way to the app: the transmit thread, what it does when the queue fails it, and its retries.
+// The way to the app: the transmit thread, what it does when the queue fails, and its retries.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -60,7 +60,7 @@ class UafIpcTxTest : public fake_sys::Test {
     // The log between the transmit loop's first and last line.
     Lines linesInside() { return ipc_service::linesBetween(kStartLine, kEndLine); }
 
-    // Answers every send; takes note of the bytes.
+    // Answers every send and records the bytes.
     void answerSends(std::function<ssize_t(size_t size)> answer) {
         fake_sys::hooks().sendto = [this, answer](int fd, const void* data, size_t size, int flags,
                                                   const sockaddr* to, socklen_t toLength) {
@@ -75,7 +75,7 @@ class UafIpcTxTest : public fake_sys::Test {
         };
     }
 
-    // The first send fails with this error, all others go through.
+    // The first send fails with this error, all others succeed.
     void failFirstSend(int error) {
         answerSends([this, error](size_t size) -> ssize_t {
             errno = error;
@@ -159,7 +159,7 @@ TEST_F(UafIpcTxTest, FailedUnlockEndsAfterTheMessageWasSent) {
     EXPECT_EQ((Lines{kStartLine, kIpcLog.error("txLoop: unlock failed: 1\n")}), fake_log::lines());
 }
 
-// A send to a missing app is tried for minutes; whoever queues must not wait for it.
+// A send to a missing app is retried for minutes; a producer must not wait for it.
 TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
     UafIpc::queueMsg({3, 1});
     answerSends([](size_t size) {
@@ -173,9 +173,9 @@ TEST_F(UafIpcTxTest, ProducersAreFreeDuringASend) {
     EXPECT_EQ((Strings{bytesOf(3, 1), bytesOf(4, 2)}), sends);
 }
 
-// A start drops the list and leaves its count.
+// A start discards the list but keeps its count.
 TEST_F(UafIpcTxTest, CountWithoutMessagesIsReportedByTheTransmitThread) {
-    void* lost = nullptr;  // by the start
+    void* lost = nullptr;  // the start loses this
     fake_sys::hooks().malloc = [&](size_t size) { return lost = fake_sys::real::malloc(size); };
     UafIpc::queueMsg({3, 1});
     fake_sys::hooks().malloc = nullptr;
@@ -292,8 +292,8 @@ TEST_F(UafIpcTxTest, DropCountsBytesSendsAndRetries) {
     EXPECT_EQ(1U, pauses.size());
 }
 
-// Everything real but the app: each producer's messages arrive in its order, and what does not
-// arrive was logged as overwritten.
+// Everything is real except the app: each producer's messages arrive in its order, and every
+// message that does not arrive was logged as overwritten.
 TEST_F(UafIpcTxTest, ManyProducersAndTheRealTransmitThread) {
     constexpr uint32_t producers = 4, each = 2000, sentinel = 0xE4D, loopLines = 2;
     fake_sys::reset();

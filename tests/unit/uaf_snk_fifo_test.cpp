@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sink channel's FIFO: opened by the first write, reopened after one that failed.
+// The sink channel's FIFO: opened by the first write, and reopened after a write that failed.
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
@@ -45,7 +45,7 @@ TEST_F(UafSnkFifoTest, FifoThatDoesNotOpenStopsTheChannel) {
     EXPECT_EQ(kSinkLog.debug("exit, loopcnt=0, pcmRead 960, fifoWrite 0\n"), log().back());
 }
 
-// It is standard input.
+// Descriptor 0 is standard input.
 TEST_F(UafSnkFifoTest, DescriptorZeroCountsAsClosed) {
     fifo.openResult = 0;
     run(3);

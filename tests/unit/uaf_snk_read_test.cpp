@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sink channel's reads: a card that stops, times out, falls into an xrun, fails, or has let a
-// backlog grow.
+// The sink channel's reads: a card that stops, times out, has an xrun, fails, or has built up a
+// backlog.
 #include <algorithm>
 
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ using UafSnkReadTest = sink_bench::Test;
 
 // ---- The PCM's states --------------------------------------------------------------------------
 
-// After a recovery a capture is prepared, and does not start by itself.
+// After a recovery the capture is prepared and does not start by itself.
 TEST_F(UafSnkReadTest, StoppedPcmIsStartedAgain) {
     for (const snd_pcm_state_t stopped : {SND_PCM_STATE_SETUP, SND_PCM_STATE_PREPARED}) {
         fake_alsa::clearCalls();
@@ -36,7 +36,7 @@ TEST_F(UafSnkReadTest, StoppedPcmIsStartedAgain) {
         fake_alsa::answerAt("snd_pcm_start", 1, 1);
         runLoop(4);
         EXPECT_EQ(2, fake_alsa::count("snd_pcm_start")) << stopped;
-        EXPECT_THAT(checks, ElementsAre(1, 2));  // the restart makes a backlog check due
+        EXPECT_THAT(checks, ElementsAre(1, 2));  // the restart requires a backlog check
         EXPECT_EQ(0, fake_alsa::pcmsOpen());
         fake_alsa::stopAnswering("snd_pcm_state");
         fake_alsa::stopAnswering("snd_pcm_start");
@@ -71,7 +71,7 @@ TEST_F(UafSnkReadTest, PcmThatDoesNotStartAgainStopsTheChannel) {
 
 // ---- Waits that fail ---------------------------------------------------------------------------
 
-// The app reads at the sound's pace and must not run dry.
+// The app reads at the pace of the sound, so its reads must not find the FIFO empty.
 TEST_F(UafSnkReadTest, SilenceIsWrittenWhileTheHostSendsNothing) {
     for (const int number : {2, 3, 4}) {
         fake_alsa::answerAt("snd_pcm_wait", number, 0);
@@ -112,7 +112,7 @@ TEST_F(UafSnkReadTest, NoNumberOfStallsStopsTheChannel) {
     EXPECT_THAT(written, SizeIs(5000));
 }
 
-// Such a wait returns at once: without the pause the worker would spin.
+// A failed wait returns at once: without the pause the worker would spin.
 TEST_F(UafSnkReadTest, OtherWaitErrorIsATimeoutAndTakesAsLong) {
     fake_alsa::answerAt("snd_pcm_wait", 1, -ENODEV);
     fake_alsa::answerAt("snd_pcm_wait", 2, -EIO);
@@ -136,7 +136,7 @@ TEST_F(UafSnkReadTest, XrunInTheWaitIsRecoveredIntoSilence) {
     fake_alsa::answerAt("snd_pcm_wait", 2, -EPIPE);
     run(5);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
-    EXPECT_EQ(2, fake_alsa::count("snd_pcm_start"));  // the next pass finds it prepared
+    EXPECT_EQ(2, fake_alsa::count("snd_pcm_start"));  // the next pass finds the PCM prepared
     EXPECT_THAT(checks, ElementsAre(1, 3));
     EXPECT_EQ(silence(), written[1]);
     EXPECT_NE(silence(), written[2]);
@@ -168,7 +168,7 @@ TEST_F(UafSnkReadTest, FailedRecoveryInTheWaitStopsTheChannel) {
 
 // ---- Reads that fail ---------------------------------------------------------------------------
 
-// The read has left the buffer as it was, and a period is due.
+// The read has left the buffer unchanged, and a period is due.
 TEST_F(UafSnkReadTest, XrunInTheReadRepeatsWhatTheBufferHolds) {
     fake_alsa::answerAt("snd_pcm_readi", 2, -EPIPE);
     run(5);
@@ -242,7 +242,7 @@ TEST_F(UafSnkReadTest, FailedRecoveryStillEndsARunOfTimeouts) {
 
 TEST_F(UafSnkReadTest, UnexpectedReadErrorStopsTheChannel) {
     fake_alsa::answerAt("snd_pcm_readi", 2, -EIO);
-    fake_alsa::answerAt("snd_pcm_readi", 3, 240);  // leaves the cleared buffer as it is
+    fake_alsa::answerAt("snd_pcm_readi", 3, 240);  // leaves the cleared buffer unchanged
     runUntilStopped();
     EXPECT_EQ(5, pass);
     EXPECT_THAT(log(), Contains(kSinkLog.error("stopping, unexpected read error\n")).Times(1));
@@ -288,7 +288,7 @@ TEST_F(UafSnkReadTest, OneFrameMoreIsDropped) {
         Contains(kSinkLog.debug("too much samples in the buffer, drop samples. (avail=721)\n"))
             .Times(1));
     EXPECT_EQ(6, fake_alsa::count("snd_pcm_readi"));
-    // One question for the check, one before each drop, and the next check three periods later.
+    // The check asks once and then before each drop; the next check is three periods later.
     EXPECT_THAT(checks, ElementsAre(1, 1, 1, 4));
     EXPECT_THAT(written, SizeIs(5));
     EXPECT_EQ(kSinkLog.debug("exit, loopcnt=5, pcmRead 1200, fifoWrite 4800\n"), log().back());
@@ -302,7 +302,7 @@ TEST_F(UafSnkReadTest, LargeBacklogIsDroppedInWholePeriods) {
         log(),
         Contains(kSinkLog.debug("too much samples in the buffer, drop samples. (avail=2016)\n"))
             .Times(1));
-    // Six periods dropped leave 576 frames.
+    // After six periods are dropped, 576 frames are left.
     EXPECT_THAT(written, ElementsAre(stereoFrom(1440), stereoFrom(1680), stereoFrom(1920)));
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sink channel: start, stop, the way of a period, the FIFO. What the card may answer to a read
-// is in uaf_snk_read_test.
+// The sink channel: start, stop, a period's way through it, the FIFO. Reads that fail are in
+// uaf_snk_read_test.
 #include "channel/uaf_snk.h"
 
 #include <csignal>
@@ -218,7 +218,7 @@ TEST_F(UafSnkTest, DestructionFreesTheStatusObjectAndLeavesThePcm) {
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_drop"));
 }
 
-// Unlike the source's: only a stop closes it.
+// Unlike the source's FIFO, only a stop closes it.
 TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
     struct OpenSink : UafSnk {
         using UafCh::fifo;
@@ -232,7 +232,7 @@ TEST_F(UafSnkTest, DestructionLeavesTheFifoOpen) {
 
 // ---- The signal --------------------------------------------------------------------------------
 
-// By default the signal of a write that nobody reads would end the daemon.
+// By default, the signal of a write that nobody reads would end the daemon.
 TEST_F(UafSnkTest, LoopInstallsTheHandlerOfABrokenFifo) {
     int installed = 0;
     fake_sys::hooks().sigaction = [&](int number, const struct sigaction* action,
@@ -281,7 +281,7 @@ TEST_F(UafSnkTest, WaitsTenMillisecondsForOnePeriod) {
     EXPECT_THAT(fake_alsa::callsOf("snd_pcm_readi"), SizeIs(3));
 }
 
-// The worker is a real-time thread, and an allocation may wait.
+// The worker is a real-time thread, and an allocation may block.
 TEST_F(UafSnkTest, StreamingAllocatesNothing) {
     EXPECT_EQ(0, snk->intfUpdate(true));
     int allocations = 0;
@@ -313,7 +313,7 @@ TEST_F(UafSnkTest, ProgressIsLoggedAtTheFirstWriteAndEvery6000) {
     EXPECT_THAT(log(), ElementsAreArray(expected));
 }
 
-// The daemon runs for months, longer than the counts last.
+// The daemon runs for months, longer than the counters last.
 TEST_F(UafSnkTest, TotalsWrap) {
     fake_alsa::answerAlways("snd_pcm_readi", 0x40000000);
     run(3);
@@ -342,7 +342,7 @@ class UafSnkSynchTest : public UafSnkTest {
             return 0;
         };
     }
-    int firstPhaseMs = 0;  // pass 1 is seen at 5 ms less this
+    int firstPhaseMs = 0;  // pass 1 is at 5 ms minus this
 };
 
 TEST_F(UafSnkSynchTest, HeldBackPeriodsAreReadButNotWritten) {
@@ -356,7 +356,7 @@ TEST_F(UafSnkSynchTest, HeldBackPeriodsAreReadButNotWritten) {
 }
 
 TEST_F(UafSnkSynchTest, TimedOutPeriodIsNeverTheFirst) {
-    firstPhaseMs = 5;  // 0, 5, 10 ms: the first would do, the second is held back
+    firstPhaseMs = 5;  // 0, 5, 10 ms: the first could be written, the second is held back
     fake_alsa::answerAt("snd_pcm_wait", 1, 0);
     run(5);
     ASSERT_THAT(written, SizeIs(3));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source channel's statistics checks, and the larger buffer for an app that starves
-// it again and again.
+// The source channel's checks of the statistics, and the larger buffer for an app that starves the
+// small one again and again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ class UafSrcEnlargeTest : public FifoTest {
         };
     }
 
-    // Statistics check number i finds counts[i] underruns.
+    // The statistics check with number i finds counts[i] underruns.
     void runChecks(std::vector<uint32_t> counts) {
         const int passes = static_cast<int>(counts.size()) * 100 + 1;
         fake_ssrs::hooks().SSRS_StatsGet = [this, counts, next = size_t{0}](
@@ -72,7 +72,7 @@ TEST_F(UafSrcEnlargeTest, TheCheckIsMadeUnderTheLock) {
                             "unlock ssrs", "signal", "join"));
 }
 
-// An app that starves the buffer so often needs more delay than the small one gives.
+// An app that starves the buffer so often needs a longer delay than the small buffer gives.
 TEST_F(UafSrcEnlargeTest, ElevenUnderrunsEnlargeTheBuffer) {
     stats.avgDepth = 333;
     stats.overruns = 4000000000;
@@ -112,7 +112,7 @@ TEST_F(UafSrcEnlargeTest, TheIncreaseIsUnsigned) {
     EXPECT_EQ(1, enlargements());
 }
 
-// There are two sizes.
+// There are only two sizes.
 TEST_F(UafSrcEnlargeTest, TheBufferIsEnlargedOnceARun) {
     runChecks({11, 100, 200});
     EXPECT_EQ(1, enlargements());
@@ -142,7 +142,7 @@ TEST_F(UafSrcEnlargeTest, ARangeThatIsRefusedIsReportedAndNotTriedAgain) {
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
-// The real frame buffer: three frames read for each block starve it once.
+// With the real frame buffer: three frames read for each block starve it once.
 TEST_F(UafSrcEnlargeTest, ReaderThatStarvesTheRealBufferElevenTimesEnlargesIt) {
     for (const int starvations : {10, 11}) {
         fake_ssrs::reset();

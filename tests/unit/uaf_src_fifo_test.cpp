@@ -58,7 +58,7 @@ TEST_F(UafSrcFifoTest, KeepsTheLeftSamples) {
     EXPECT_EQ(left, blocks[0]);
 }
 
-// The rest of the block keeps what the read before left there.
+// The rest of the block keeps the samples of the read before.
 TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
     Samples model(kBlockSamples * 2, 0);
     std::vector<Samples> expected;
@@ -80,7 +80,7 @@ TEST_F(UafSrcFifoTest, AShortReadIsNotCompletedAndCountsItsBytes) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 1928\n")));
 }
 
-// An app that closes its end is no error: the stream goes on and waits for the next one.
+// It is not an error when an app closes its end: the stream goes on and waits for the next app.
 TEST_F(UafSrcFifoTest, EndOfFileGivesOneBlockOfSilenceAndReopens) {
     fifo.onRead = [reads = 0](int16_t* samples, size_t size) mutable {
         std::fill_n(samples, size / sizeof *samples, int16_t{7});
@@ -130,14 +130,14 @@ TEST_F(UafSrcFifoTest, TheFifoItselfIsReadWithoutAPause) {
     EXPECT_EQ(0, threads.sleptNs);
 }
 
-// It is standard input.
+// Descriptor 0 is standard input.
 TEST_F(UafSrcFifoTest, ADescriptorOfZeroCountsAsNotOpen) {
     fifo.openResult = 0;
     runBlocks(2);
     EXPECT_EQ(2, count("open /tmp/usbAudioFifoTx 0"));
 }
 
-// The requested stop ends this after a few passes.
+// The requested stop ends the loop after a few passes.
 TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     fifo.openResult = -1;
     stopAtYield(3);
@@ -153,7 +153,7 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     EXPECT_THAT(fake_log::lines(), Contains(base(3, "intfUpdate to 0, current state 1\n")));
 }
 
-// A failed start has left the thread behind. Nobody ends it, so it must not spin.
+// A failed start left the thread behind. Nothing ends it, so it must not spin.
 TEST_F(UafSrcFifoTest, AFailedPassOfAStoppedChannelTakesTenMilliseconds) {
     fifo.openResult = -1;
     source->state = UAFCH_STOPPED;  // as a failed start leaves it
@@ -183,9 +183,9 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
     EXPECT_THAT(blocks, ElementsAre(Each(0)));
 }
 
-// ---- Let out by the stop -----------------------------------------------------------------------
+// ---- Released by the stop ----------------------------------------------------------------------
 
-// The next stream goes on with the same FIFO.
+// The next stream uses the same FIFO.
 TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     fifo.onRead = [this, reads = 0](int16_t*, size_t size) mutable {
         if (++reads < 3) {
@@ -203,7 +203,7 @@ TEST_F(UafSrcFifoTest, AReadThatTheStopEndsIsNoErrorAndLeavesTheFifoOpen) {
     EXPECT_TRUE(source->fifo.isOpen());
     EXPECT_EQ(UAFCH_RUNNING, source->state);
     EXPECT_THAT(blocks, SizeIs(2));
-    // The next run goes on with what is open.
+    // The next run uses the FIFO that is still open.
     ASSERT_EQ(0, source->uafStart());
     forget();
     fifo.onRead = [](int16_t*, size_t size) { return static_cast<ssize_t>(size); };
@@ -240,7 +240,7 @@ TEST_F(UafSrcFifoTest, ASignalWithoutAStopCostsNothing) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=3, fifoRead 5760\n")));
 }
 
-// Not what the stop ended: it is reported like any other.
+// The stop did not cause this failure, so it is reported like any other.
 TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
     fifo.onRead = [this](int16_t*, size_t) {
         source->uafStop();
@@ -297,7 +297,7 @@ TEST_F(UafSrcFifoTest, AFailedUnlockRequestsAStop) {
     EXPECT_EQ(0, linesWith("buffer loopcnt"));
 }
 
-// The app runs ahead of the host: a block is lost, and the stream goes on.
+// The app is ahead of the host: a block is lost, and the stream goes on.
 TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
     writeResult = SSRS_QUEUE_FULL;
     runBlocks(2);
@@ -307,7 +307,7 @@ TEST_F(UafSrcFifoTest, AFullFrameBufferIsNoFailure) {
                 Contains(kSourceLog.debug("exit buffer loop, loopcnt=2, fifoRead 3840\n")));
 }
 
-// Without it the worker could come upon the failed frame buffer before the stop is requested.
+// Without the lock the worker could find the failed frame buffer before the stop is requested.
 TEST_F(UafSrcFifoTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     writeResult = 3;
     stopAtYield(2);
@@ -336,7 +336,7 @@ TEST_F(UafSrcFifoTest, ProgressIsReportedEvery6000Passes) {
                       kSourceLog.debug("exit buffer loop, loopcnt=6001, fifoRead 11521920\n")}));
 }
 
-// The daemon runs for months, longer than the count lasts.
+// The daemon runs for months, longer than the counter lasts.
 TEST_F(UafSrcFifoTest, TheByteTotalWraps) {
     fifo.onRead = [](int16_t*, size_t) { return ssize_t{0x60000000}; };
     runBlocks(2);

@@ -25,7 +25,7 @@ using ::testing::Pair;
 using ::testing::SizeIs;
 using Samples = std::vector<int16_t>;
 
-// Passes that the worker still makes after the one in which the stop is requested.
+// The worker makes these passes after the one in which the stop is requested.
 constexpr int kLastPasses = 3;
 
 class UafSrcPlaybackTest : public source_bench::Test {
@@ -54,21 +54,21 @@ class UafSrcPlaybackTest : public source_bench::Test {
         runWorker();
     }
 
-    // The waits give these results, one after the other, and then 1.
+    // The waits return these results, one after the other, and then 1.
     void waitResults(std::vector<int> results) {
         waitResult = [results, next = size_t{0}]() mutable {
             return next < results.size() ? results[next++] : 1;
         };
     }
 
-    // The writes give these results, one after the other, and then what they were given.
+    // The writes return these results, one after the other, and then the number of frames they got.
     void writeResults(std::vector<int> results) {
         writeResult = [results, next = size_t{0}](int frames) mutable {
             return next < results.size() ? results[next++] : frames;
         };
     }
 
-    // What was written since the start's silence.
+    // What was written after the silence of the start.
     Samples played(int index = 0) const {
         const Samples all = fake_alsa::written(fake_alsa::pcm(index));
         return Samples(all.begin() + kFrameSamples, all.end());
@@ -130,7 +130,7 @@ TEST_F(UafSrcPlaybackTest, ProgressIsReportedEvery6000Passes) {
                             kSourceLog.debug("exit, loopcnt=6001, pcmWrite 1440240\n")));
 }
 
-// The daemon runs for months, longer than the count lasts.
+// The daemon runs for months, longer than the counter lasts.
 TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
     writeResults({0x60000000, 0x60000000, 0, 0, 0});
     runPasses(2);
@@ -140,7 +140,7 @@ TEST_F(UafSrcPlaybackTest, TheFrameTotalWraps) {
 
 // ---- The kick start ----------------------------------------------------------------------------
 
-// After a recovery the PCM stands still until it is written to.
+// After a recovery the PCM does not run until it is written to.
 TEST_F(UafSrcPlaybackTest, APcmThatIsNotRunningIsKickedWithSilence) {
     for (const snd_pcm_state_t state : {SND_PCM_STATE_SETUP, SND_PCM_STATE_PREPARED}) {
         forget();
@@ -213,7 +213,7 @@ TEST_F(UafSrcPlaybackTest, StallsAreCountedUntilAWriteEndsThem) {
                                         kSourceLog.debug("exit, loopcnt=7, pcmWrite 960\n")));
 }
 
-// Such a wait returns at once: without the pause the worker would spin.
+// A failed wait returns at once: without the pause the worker would spin.
 TEST_F(UafSrcPlaybackTest, AnErrorOfTheWaitIsAStallOfTenMilliseconds) {
     waitResults({-ENODEV, -ENODEV});
     runPasses(2);
@@ -276,7 +276,8 @@ TEST_F(UafSrcPlaybackTest, AFailedUnlockStopsTheChannel) {
                                   Contains(kSourceLog.debug("exit, loopcnt=0, pcmWrite 0\n"))));
 }
 
-// Without it the buffer thread could come upon the failed frame buffer before that.
+// Without the lock the buffer thread could find the failed frame buffer before the stop is
+// requested.
 TEST_F(UafSrcPlaybackTest, AFrameBufferErrorKeepsTheLockUntilTheStopIsRequested) {
     readResult = 1;
     runWorker();
@@ -300,7 +301,7 @@ TEST_F(UafSrcPlaybackTest, AStarvedFrameBufferPlaysSilence) {
     EXPECT_THAT(played(), AllOf(SizeIs(5 * kFrameSamples), Each(0)));
 }
 
-// One block of the app is played behind the silence that brings the buffer to 600 samples.
+// One block of the app is played after the silence that fills the buffer up to 600 samples.
 TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
     fake_ssrs::hooks().SSRS_Read = nullptr;
     fifo.onRead = [this, blocks = 0](int16_t* samples, size_t size) mutable {
@@ -321,10 +322,10 @@ TEST_F(UafSrcPlaybackTest, WhatTheAppWritesIsPlayed) {
     for (int i = 0; i < kFrameSamples; ++i) {
         ASSERT_EQ(std::max(0, i - 119), samples[static_cast<size_t>(i)]);
     }
-    // The second frame is taken below the range, from 239 samples: 121 to 359.
+    // The second frame is below the range, so it takes 239 samples: 121 to 359.
     EXPECT_EQ(121, samples[kFrameSamples]);
     EXPECT_EQ(359, samples[2 * kFrameSamples - 1]);
-    // The third finds the last 121 samples, and nothing behind them.
+    // The third finds the last 121 samples, and nothing after them.
     EXPECT_EQ(360, samples[2 * kFrameSamples]);
     EXPECT_EQ(0, samples[3 * kFrameSamples - 1]);
     EXPECT_THAT(Samples(samples.end() - kFrameSamples, samples.end()), Each(0));
@@ -347,7 +348,7 @@ TEST_F(UafSrcPlaybackTest, AnXrunOfTheWriteLosesTheFrame) {
     runPasses(2);
     EXPECT_EQ(0, source->availChkCnt);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
-    // A recovered write is a success: it ends the stall, counts and adds no frame.
+    // A recovered write is a success: it ends the stall and counts as a pass, but adds no frames.
     EXPECT_THAT(ownLines(), Contains(kSourceLog.error("clear timeout, pcmStallCnt=1\n")));
     EXPECT_EQ(4, framesRead);
     EXPECT_EQ(kSourceLog.debug("exit, loopcnt=5, pcmWrite 720\n"), fake_log::lines().back());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source channel's start, stop and destruction. The buffer thread and the two loops have tests
-// of their own.
+// The source channel's start, stop and destruction. The buffer thread and the two loops have their
+// own tests.
 #include "channel/uaf_src.h"
 
 #include <cerrno>
@@ -59,7 +59,7 @@ TEST_F(UafSrcTest, DestructionClosesTheFifoAndFreesTheStatusButNotThePcm) {
                 ElementsAre(kSourceLog.debug("destruct, closing /tmp/usbAudioFifoTx\n")));
 }
 
-// Descriptor 0 is standard input, which is not the channel's to close.
+// Descriptor 0 is standard input, which the channel must not close.
 TEST_F(UafSrcTest, DestructionLeavesADescriptorOfZeroAlone) {
     fifo.openResult = 0;
     openFifo();
@@ -198,7 +198,7 @@ TEST_F(UafSrcTest, TheBuffersAreAllocatedOnce) {
 
 // ---- The frame buffer --------------------------------------------------------------------------
 
-// The first block or frame then fails and stops the channel as any failure does.
+// The first block or frame then fails and stops the channel, as any failure does.
 TEST_F(UafSrcTest, AContextWithoutMemoryIsReportedAndTheStartGoesOn) {
     const size_t contextSize = SSRS_GetContextSize();
     fake_sys::hooks().malloc = [=](size_t size) {
@@ -234,7 +234,7 @@ TEST_F(UafSrcTest, EachFrameBufferStepsFailureIsReportedAndTheStartGoesOn) {
     EXPECT_EQ(UAFCH_RUNNING, source->state);
 }
 
-// However large the last stream made it, each begins with the short delay.
+// However large the last stream's buffer was, each stream begins with the short delay.
 TEST_F(UafSrcTest, EachStartBuildsAFreshSmallFrameBuffer) {
     start();
     source->uafStop();
@@ -264,7 +264,7 @@ TEST_F(UafSrcTest, AStopJoinsTheThreadThenClosesThePcmAndKeepsTheFifo) {
     EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
-// An unbind clears them without waiting for the stop.
+// An unbind clears the names without waiting for the stop.
 TEST_F(UafSrcTest, AStopToleratesClearedNames) {
     start();
     source->setDevName(nullptr, nullptr);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source channel's buffer thread: its creation, what a failed start leaves of it to the next
-// one, and a stop that comes before it has run.
+// The source channel's buffer thread: its creation, what a failed start leaves of it for the next
+// start, and a stop that comes before it has run.
 #include <cerrno>
 #include <cstring>
 
@@ -46,10 +46,10 @@ TEST_F(UafSrcThreadTest, TheBufferThreadIsCreatedWithWhatIsLeftOfItsAttributes) 
     EXPECT_EQ(2, buffersCreated);
 }
 
-// The worker finds no PCM and asks for the stop, so that the app hears of the off as well.
+// The worker finds no PCM and requests the stop, so that the app hears of the off as well.
 TEST_F(UafSrcThreadTest, WithoutItsBufferThreadTheChannelStartsAndStopsItself) {
     createResult = EAGAIN;
-    createErrno = ENOMEM;  // which the line shows
+    createErrno = ENOMEM;  // the one that the line shows
     EXPECT_EQ(0, source->intfUpdate(true));
     EXPECT_EQ(UAFCH_RUNNING, source->state);
     EXPECT_EQ(nullptr, source->pcmHandle);
@@ -81,7 +81,7 @@ TEST_F(UafSrcThreadTest, AStartGoesOnWithTheThreadThatAFailedStartLeft) {
                                      "create worker", "unlock intf"));
 }
 
-// The start before failed behind the open, and undid nothing.
+// The start before failed after the open, and undid nothing.
 TEST_F(UafSrcThreadTest, AStartThatFindsThePcmOpenClosesAndStartsAfresh) {
     failStartAt("snd_pcm_writei", 214);
     watchSetUp();
@@ -112,7 +112,7 @@ TEST_F(UafSrcThreadTest, AStillOpenPcmWhoseNewThreadFailsIsClosedAllTheSame) {
     EXPECT_EQ(UAFCH_STOPPED, source->state);
 }
 
-// A thread that is left uses the frame buffer, or the lack of one: nothing is built under it.
+// A remaining thread uses the frame buffer, or finds none: a start must not build one under it.
 TEST_F(UafSrcThreadTest, AStartBuildsNoFrameBufferUnderAThreadThatIsLeft) {
     const size_t contextSize = SSRS_GetContextSize();
     fake_sys::hooks().malloc = [=](size_t size) {
@@ -132,7 +132,7 @@ TEST_F(UafSrcThreadTest, AStartBuildsNoFrameBufferUnderAThreadThatIsLeft) {
     EXPECT_EQ(1, count("init"));
 }
 
-// It reads them without a lock.
+// The thread reads the names without a lock.
 TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     std::vector<const char*> watched;
     fake_sys::hooks().strdup = [&](const char* text) {
@@ -146,7 +146,7 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     };
     char fifo[] = "/tmp/fifo0";
     char pcm[] = "hw:0";
-    const auto replaceNames = [&] {  // by others
+    const auto replaceNames = [&] {  // with different ones
         ++fifo[strlen(fifo) - 1];
         ++pcm[strlen(pcm) - 1];
         source->setDevName(fifo, pcm);
@@ -168,7 +168,7 @@ TEST_F(UafSrcThreadTest, NamesStayAsLongAsABufferThreadIsLeft) {
     fake_sys::reset();
 }
 
-// It would wait for the app, and the stop for it.
+// The pass would wait for the app, and the stop for the pass.
 TEST_F(UafSrcThreadTest, AStopBeforeTheThreadRanEndsItBeforeItsFirstPass) {
     start();
     source->uafStop();

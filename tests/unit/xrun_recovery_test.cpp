@@ -41,7 +41,8 @@ class XrunRecoveryTest : public fake_alsa::Test {
         return pcm;
     }
 
-    // The log is these texts, at debug level, after the two lines that every recovery begins with.
+    // The log must be the two lines with which every recovery begins, and then these texts, at
+    // debug level.
     static void expectLog(const char* opening, const std::vector<std::string>& texts) {
         std::vector<fake_log::Line> expected{kAlsaLog.debug("stream recovery from ..."),
                                              kAlsaLog.debug(opening)};
@@ -64,7 +65,7 @@ TEST_F(XrunRecoveryTest, OverrunIsPrepared) {
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_prepare"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_resume"));
     EXPECT_EQ(0, fake_alsa::count("snd_pcm_start"));
-    EXPECT_EQ(2, fake_alsa::count("snd_pcm_stream"));  // asked for each of the two lines
+    EXPECT_EQ(2, fake_alsa::count("snd_pcm_stream"));  // once for each of the two lines
 }
 
 TEST_F(XrunRecoveryTest, AnyDirectionButPlaybackIsACapture) {
@@ -120,7 +121,7 @@ TEST_F(XrunRecoveryTest, SuspendOfAPlaybackIsNamed) {
     expectLog("xrun_recovery: playback xrun, err -86", {"suspend...", "ready \n"});
 }
 
-// The card answers so until it has woken up.
+// The card returns this until it has woken up.
 TEST_F(XrunRecoveryTest, BusyResumeIsRetriedEverySecond) {
     fake_alsa::answerAt("snd_pcm_resume", 1, -EAGAIN);
     fake_alsa::answerAt("snd_pcm_resume", 2, -EAGAIN);
