@@ -14,7 +14,7 @@ namespace board {
 class ChannelWatch {
   public:
     // The next messages. An answer to a sync-up repeats the state and is known by its first message
-    // {0, 1} with {1, on} and {2, on} right behind it.
+    // {0, 1} with {1, on} and {2, on} right after it.
     void see(const std::vector<Message>& messages);
     // Messages may have been lost: the next ones are not compared with the earlier ones.
     void forget() { told[0] = told[1] = std::nullopt; }

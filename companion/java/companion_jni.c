@@ -13,7 +13,7 @@ static uafd_companion* companion_of(jlong handle) {
     return (uafd_companion*)(intptr_t)handle;
 }
 
-// Done, lost for want of a daemon that takes it, or failed.
+// Done, lost because no daemon takes it, or failed.
 static jint done_or_lost(int result) {
     if (result == -EAGAIN || result == -EPIPE || result == -ECONNREFUSED) {
         return 0;

@@ -63,7 +63,7 @@ class StateRun {
                 "the controller is restarted as often as it should");
         const std::vector<IpcService::Message> configured = {{0, 1}};
         require(cable.takeMessages() == (told ? configured : std::vector<IpcService::Message>{}),
-                "the app is told of a configured gadget only");
+                "the app hears only of a configured gadget");
     }
 
   private:

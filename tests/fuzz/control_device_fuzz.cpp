@@ -120,7 +120,7 @@ class DeviceRun {
         require(src.starts == mic.starts && snk.starts == speaker.starts,
                 "the channels are started as they should, with their names");
         require(src.stops == mic.stops && snk.stops == speaker.stops, "and stopped");
-        require(fake_ipc::messages() == messages, "the app is told what it should be");
+        require(fake_ipc::messages() == messages, "the app gets the right messages");
         fake_ipc::clear();
     }
 

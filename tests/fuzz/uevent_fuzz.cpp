@@ -110,7 +110,7 @@ class UeventRun {
         require(cable.watched == watched, "the property decides on the check");
         require(cable.commands.empty(), "nothing is restarted");
         fuzz::requireLog(expected);
-        require(cable.takeMessages() == messages, "the app is told of the edges");
+        require(cable.takeMessages() == messages, "the app hears of the edges");
     }
 
   private:

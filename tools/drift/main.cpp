@@ -145,7 +145,7 @@ void print(const drift::Measured& measured) {
            msOf(counts.silent));
     printf("%-12s %lld blocks found no room; %.1f ms of the app's sound were lost\n", "  full",
            static_cast<long long>(counts.overruns), msOf(counts.lost));
-    printf("%-12s %.1f ms heard a second time, behind writes that were no whole block\n", "  stale",
+    printf("%-12s %.1f ms heard twice, after writes that were not whole blocks\n", "  stale",
            msOf(counts.stale));
     if (counts.enlargedAt >= 0) {
         printf("%-12s after %.2f s\n", "  enlarged",
