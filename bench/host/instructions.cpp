@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the jobs cost on the simulated board, whose virtual clock counts an instruction as a
-// nanosecond. Prints a line "name
-// correction
-// instructions" for each job: one frame, or one block through a queue.
+// nanosecond. Prints a line "name|correction|instructions" for each job: one frame, or one block
+// through a queue.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>

@@ -39,7 +39,7 @@ class Speex {
 };
 
 // Compensation adds or removes one sample in a frame and is requested again for each frame. Without
-// compensation the library resamples as well, since only so can it change over without a click.
+// compensation the library resamples as well, so that compensation can begin without a click.
 template <int taps>
 class Swresample {
   public:

@@ -186,8 +186,8 @@ TEST_P(Fifo, IsGoneAndBackManyTimes) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// An open waits on the FIFO itself until the stream's next event, even if its name goes or names
-// another FIFO.
+// An open waits on the FIFO itself until the stream's next event, even if its name is removed or
+// given to another FIFO.
 TEST_P(Fifo, IsRecreatedWhileTheDaemonWaitsToOpenIt) {
     bothOn();
     board::sleepFor(300 * kMs);

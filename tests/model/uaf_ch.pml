@@ -207,7 +207,7 @@ inline endStop(c, alert) {
   atomic {
     queueMsg(c, 0);
     NOTE("log UAF channel stopped. Current state is (%d)", ch[c].state)
-    /* Only so may a wanted channel stop: its on came too late to be seen. */
+    /* The only way for a wanted channel to stop: its on came too late to be seen. */
     assert(!ch[c].wanted || ch[c].late);
     assert(ch[c].late == (ch[c].state == RUNNING));
     alert = (ch[c].state != STOPPING);

@@ -344,7 +344,7 @@ void installSound() {
 
 }  // namespace
 
-// Logs as usual, but hides the log's lock, which would put the threads in order.
+// Logs as usual, but hides from ThreadSanitizer the order in which the log's lock puts the threads.
 extern "C" int __wrap___android_log_print(int priority, const char* tag, const char* format, ...) {
     char text[1024];
     va_list arguments;

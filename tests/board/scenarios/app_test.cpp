@@ -283,8 +283,7 @@ class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
         recorded.erase(recorded.begin(), recorded.begin() + (kFrame - first % kFrame) % kFrame);
         board::MicRecording explained(board::noise);
         explained.add(recorded);
-        return explained.count(FrameKind::kUnexplained) ==
-               1;  // the first one only starts the search
+        return explained.count(FrameKind::kUnexplained) == 1;  // where the search starts
     }
 };
 

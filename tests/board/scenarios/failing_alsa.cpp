@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library preloaded into the daemon that makes one chosen alsa-lib call fail. Only so can setting
-// the software parameters fail, as alsa-lib asks no driver about them. The file /tmp/failing_alsa
-// names the call, "FUNCTION CODE"; without the file no call fails.
+// A library preloaded into the daemon that makes one chosen alsa-lib call fail. Nothing else can
+// make setting the software parameters fail, as alsa-lib asks no driver about them. The file
+// /tmp/failing_alsa names the call, "FUNCTION CODE"; without the file no call fails.
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>

@@ -51,7 +51,7 @@ TEST_P(FifoName, IsDeletedUnderAnOpenFifoWhichGoesOn) {
     EXPECT_EQ(findDamage(), "");
 }
 
-// The speaker's sound goes into the file; the microphone's comes out of it until it is read.
+// The speaker's sound goes into the file; the microphone's comes from it, up to its end.
 TEST_P(FifoName, BecomesAFileWhileBothChannelsRun) {
     start();
     bothOn();

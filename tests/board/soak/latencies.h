@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A histogram of latencies, so that their number takes no memory. One thread.
+// A histogram of latencies: its memory does not grow with their number. One thread.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class Latencies {
     std::string text() const;
 
   private:
-    static constexpr size_t kBins = 4000;  // 200 ms; what lies beyond is in the last bin
+    static constexpr size_t kBins = 4000;  // 200 ms; what lies outside is in the first or last bin
     std::vector<int64_t> bins = std::vector<int64_t>(kBins);
     int64_t total = 0;
     Ns smallestSeen = 0;

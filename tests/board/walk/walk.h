@@ -34,8 +34,7 @@ class Walk {
     std::string prove();
     const board::RecordWatch& records() const { return recordWatch; }
 
-    // ---- For the actions
-    // ---------------------------------------------------------------------------
+    // ---- For the actions ------------------------------------------------------------------------
 
     board::Random random;
     board::Board board;
