@@ -19,16 +19,16 @@ constexpr char kFifoTx[] = "usbAudioFifoTx";
 constexpr char kSocketRx[] = "usbAudioUdsIpcRx";
 constexpr char kSocketTx[] = "usbAudioUdsIpcTx";
 constexpr const char* kFifos[] = {kFifoRx, kFifoTx};
-constexpr char kDaemonUser[] = "uafd";  // of the Debian package
+constexpr char kDaemonUser[] = "uafd";  // the Debian package's
 constexpr mode_t kRead = 4;
 constexpr mode_t kWrite = 2;
-constexpr mode_t kMadeMode = 0660;  // the library's own
+constexpr mode_t kMadeMode = 0660;  // the library's default
 
 // The user and the groups of a process.
 struct Someone {
     uid_t user;
     gid_t group;
-    std::vector<gid_t> groups;  // all
+    std::vector<gid_t> groups;  // including the user's own
 };
 
 // ---- Files and users ---------------------------------------------------------------------------
@@ -67,7 +67,7 @@ Someone thisApp() {
     return {geteuid(), getegid(), groups};
 }
 
-// Whose socket it is; before a daemon has made one, the user that the package has for it.
+// The owner of the daemon's socket; before a daemon has made one, the Debian package's user for it.
 std::optional<Someone> theDaemon() {
     const auto socket = find(pathOf(kSocketTx));
     const passwd* const user = socket ? getpwuid(socket->st_uid) : getpwnam(kDaemonUser);
@@ -99,7 +99,7 @@ bool may(const Someone& who, mode_t rights, const struct stat& file) {
 
 // ---- What is made ------------------------------------------------------------------------------
 
-// The group of the daemon's socket or else of a FIFO, where this app may give it.
+// The group of the daemon's socket, or else of a FIFO, if this app may set it.
 std::optional<gid_t> sharedGroup(const Someone& app) {
     std::optional<struct stat> file;
     for (const char* name : {kFifoTx, kFifoRx, kSocketTx}) {
@@ -125,7 +125,7 @@ struct stat fileMadeBy(const Someone& app) {
 
 // ---- Obstacles ---------------------------------------------------------------------------------
 
-// A shared file, and what either has to be allowed.
+// A shared file, and which access app and daemon need.
 struct Use {
     const char* name;
     mode_t app;
@@ -137,7 +137,7 @@ constexpr Use kUses[] = {{kFifoRx, kRead | kWrite, kWrite},
                          {kSocketRx, 0, kWrite},
                          {kSocketTx, kWrite, 0}};
 
-// In a folder like /tmp.
+// Whether another user has to remove the file, as in a folder like /tmp.
 bool isAnothersToRemove(const Someone& app, const struct stat& file) {
     const auto folder = find(directory());
     return folder && (folder->st_mode & S_ISVTX) != 0 && app.user != 0 &&
@@ -148,7 +148,7 @@ std::string obstacleOfFound(const Someone& app, const std::optional<Someone>& da
                             const Use& use, const struct stat& file) {
     const std::string what = pathOf(use.name) + " (" + describe(file) + ") ";
     if (use.name != kSocketTx && use.name != kSocketRx && !S_ISFIFO(file.st_mode)) {
-        return what + "is no FIFO: remove it";
+        return what + "is not a FIFO: remove it";
     }
     if (!may(app, use.app, file)) {
         return what + "is not for this process (" + describe(app.user, app.group) +

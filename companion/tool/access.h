@@ -11,23 +11,23 @@
 
 namespace uafd {
 
-// The options for opening these parts: in --directory; new files get the group of --group,
+// The options for opening these parts, in --directory. New files get the group of --group,
 // otherwise that of the daemon's files if this process may set it. The texts are valid until the
 // next call.
 uafd_options optionsFor(unsigned parts);
 
-// Looks at the existing files and at those that opening all parts would make. Names the first one
-// that app or daemon could not open, and what to do about it. Empty when there is none, or when no
+// Checks the existing files and those that opening all parts would make. Names the first one that
+// app or daemon could not open, and what to do about it. Empty when there is none, or when no
 // daemon has run, so that its user is unknown.
 std::string findObstacle();
 
-// Removes again what opening has made.
+// Removes what opening has made.
 class FoundFolder {
   public:
     // Create it before opening.
     FoundFolder();
-    // Call it while everything is still open, so that no daemon waits at a file that is removed.
-    // The socket is restored; new FIFOs are removed unless a daemon has used them.
+    // Call it while everything is still open, so that no daemon waits at a removed file. Restores
+    // the socket; removes new FIFOs unless a daemon has used them.
     void restore(bool hadDaemon) const;
 
   private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tests all that an app needs from the daemon, step by step, and prints each result.
+// Tests everything that an app needs from the daemon, step by step, and prints each result.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -16,12 +16,12 @@ namespace uafd {
 namespace {
 
 constexpr double kMeasuredS = 1;
-constexpr double kRateTolerance = 0.1;  // of that time's frames
-constexpr int kRefusedMax = 5;          // of that time's blocks
+constexpr double kRateTolerance = 0.1;  // as a share of that time's frames
+constexpr int kRefusedMax = 5;          // blocks in that time
 constexpr int kTakenBlocks = 100;
 constexpr long kClosedNs = 200000000;
 
-// Records what comes until a condition holds.
+// Records what arrives until a condition holds.
 class Watch final : public Handler {
   public:
     explicit Watch(std::function<bool()> condition) : condition(std::move(condition)) {}
@@ -50,7 +50,7 @@ class Watch final : public Handler {
     int64_t heardFrames = 0;
     int64_t unequalFrames = 0;   // frames whose channels differ
     int64_t soundingFrames = 0;  // frames that are not silent
-    int offeredBlocks = 0;       // blocks
+    int offeredBlocks = 0;       // counted like takenBlocks
     int takenBlocks = 0;
 };
 
@@ -79,29 +79,19 @@ class Check final : public Command {
     std::string answersAfter(int sent);
     std::string waitForStream(uafd_event_type state, const char* hint);
 
-    Number<int> volume{&options,
-                       "volume",
-                       "N",
-                       INT16_MIN,
-                       INT16_MAX,
-                       -2560,
-                       "the volume that it sets (default -2560)"};
-    Number<double> wait{&options,
-                        "wait",
-                        "N",
-                        kLeastS,
-                        kDayS,
-                        10,
-                        "seconds to wait for what must come (default 10)"};
+    Number<int> volume{
+        &options, "volume", "N", INT16_MIN, INT16_MAX, -2560, "the volume to set (default -2560)"};
+    Number<double> wait{
+        &options, "wait", "N", kLeastS, kDayS, 10, "seconds that a step may wait (default 10)"};
     Session session;
     int passed = 0;
     int failed = 0;
-    bool isHopeless = false;  // without a daemon's answer nothing else is tried
+    bool isHopeless = false;  // the daemon does not answer, so the rest is not tried
 };
 
 int Check::run(const std::string& /*argument*/) {
     const FoundFolder folder;
-    // Checked before making anything that app or daemon could not open.
+    // Checked before the session makes files that app or daemon could not open.
     const std::string obstacle = findObstacle();
     const bool isOpen = obstacle.empty() && session.open(UAFD_ALL);
     if (isOpen || !obstacle.empty()) {
@@ -122,14 +112,14 @@ void Check::runSteps() {
     };
     static constexpr Step kSteps[] = {
         {"a sync-up is answered", &Check::answersSyncUp},
-        {"the speaker's volume is taken", &Check::takesVolume},
-        {"the speaker's mute is taken", &Check::takesMute},
+        {"the speaker's volume is accepted", &Check::takesVolume},
+        {"the speaker's mute is accepted", &Check::takesMute},
         {"the speaker stream is on", &Check::startsSpeaker},
-        {"the host's sound comes whole", &Check::bringsSound},
+        {"the host's sound arrives complete", &Check::bringsSound},
         {"the microphone stream is on", &Check::startsMicrophone},
-        {"the app's sound is taken", &Check::takesSound},
-        {"both go on with new FIFO ends", &Check::goesOnAfterRestart},
-        {"the states are as told", &Check::keepsItsStates},
+        {"the app's sound is accepted", &Check::takesSound},
+        {"both streams go on when the FIFOs reopen", &Check::goesOnAfterRestart},
+        {"both streams are still on", &Check::keepsItsStates},
     };
     int untried = static_cast<int>(std::size(kSteps));
     for (const Step& step : kSteps) {
@@ -165,17 +155,17 @@ std::string Check::answersSyncUp() {
         return session.isOn(UAFD_USB_STATE) ? "" : "the host has not configured the board";
     }
     if (session.told(UAFD_USB_STATE)) {
-        return "the answer is not whole";
+        return "the answer is incomplete";
     }
     isHopeless = true;
     if (!session.isOn(UAFD_DAEMON_STATE)) {
         return "no daemon runs, or it waits for FIFOs that it may not open";
     }
-    std::string obstacle = findObstacle();  // the daemon may have shown its user only now
+    std::string obstacle = findObstacle();  // the daemon's user may have become known only now
     return obstacle.empty() ? "no answer" : obstacle;
 }
 
-// Whether a daemon that took the message still answers.
+// Whether a daemon that accepted the message still answers.
 std::string Check::answersAfter(int sent) {
     if (sent != 0) {
         return uafd_companion_error_text(sent);
@@ -212,7 +202,7 @@ std::string Check::bringsSound() {
     Watch first([&first] { return first.frames() > 0; });
     session.run(&first, *wait);
     if (!first.met()) {
-        return "no frame came";
+        return "no frame arrived";
     }
     const int64_t begin = nowNs();
     Watch watch([] { return false; });
@@ -234,12 +224,12 @@ std::string Check::takesSound() {
     Watch first([&first] { return first.taken() > 0; });
     session.run(&first, *wait);
     if (!first.met()) {
-        return "no block is taken";
+        return "no block is accepted";
     }
     Watch watch([] { return false; });
     session.run(&watch, kMeasuredS);
     return watch.refused() > kRefusedMax
-               ? std::to_string(watch.refused()) + " blocks of a second are refused"
+               ? std::to_string(watch.refused()) + " blocks are refused in a second"
                : "";
 }
 
@@ -248,14 +238,15 @@ std::string Check::goesOnAfterRestart() {
     const timespec pause = {0, kClosedNs};
     nanosleep(&pause, nullptr);
     if (!session.open(UAFD_ALL)) {
-        return "they do not open";
+        return "the FIFOs or the socket do not open";
     }
     Watch watch([&watch] { return watch.sounding() > 0 && watch.taken() >= kTakenBlocks; });
     session.run(&watch, *wait);
     if (watch.met()) {
         return "";
     }
-    return watch.sounding() == 0 ? "the host's sound does not come" : "the app's is not taken";
+    return watch.sounding() == 0 ? "the host's sound does not arrive"
+                                 : "the app's sound is not accepted";
 }
 
 std::string Check::keepsItsStates() {
@@ -265,11 +256,11 @@ std::string Check::keepsItsStates() {
         return wrong;
     }
     if (!waitUntil([this] { return session.isAnswered(); })) {
-        return "the answer is not whole";
+        return "the answer is incomplete";
     }
     return session.isOn(UAFD_SPEAKER_STATE) && session.isOn(UAFD_MIC_STATE)
                ? ""
-               : "a stream is off that was on";
+               : "one of the streams is off";
 }
 
 Check check;

@@ -17,7 +17,7 @@ Option* commonOptions = nullptr;
 Text directoryOption{&commonOptions, "directory", "DIR",
                      "where the FIFOs and sockets are (default /tmp)"};
 Text groupOption{&commonOptions, "group", "GROUP",
-                 "the group of what is made there (default: as the daemon's, if possible)"};
+                 "the group of new files there (default: the daemon's, if possible)"};
 Flag helpOption{&commonOptions, "help", "print this, or a command's own help, and exit"};
 Flag versionOption{&commonOptions, "version", "print the version and exit"};
 

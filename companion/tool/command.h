@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The command line: commands and the options that they own. A command is a class with one object,
-// which registers itself; its options are members, which hold their values once the line was read.
+// The command line: commands and their options. A command is a class with one object, which
+// registers itself; its options are members, which hold their values once the line has been read.
 // Nothing here allocates before main. One thread.
 #pragma once
 
@@ -13,13 +13,13 @@ constexpr int kExitDone = 0;
 constexpr int kExitFailed = 1;  // with the reason on standard error
 constexpr int kExitUsage = 2;   // the command line was not understood
 
-// Says on standard error what is wrong with the command line; returns kExitUsage.
+// Prints on standard error what is wrong with the command line; returns kExitUsage.
 int misused(const std::string& what);
-// Says on standard error what has failed and why; returns kExitFailed.
+// Prints on standard error what has failed and why; returns kExitFailed.
 int failed(const std::string& what, const std::string& reason);
 
-// Reads a number from `low` to `high`, a whole one when T is int; false, without a message, for
-// anything else. T is int or double.
+// Reads a number from `low` to `high`, a whole one when T is int; returns false, without a message,
+// for anything else. T is int or double.
 template <typename T>
 bool readNumber(const std::string& text, T low, T high, T* number);
 // "a number from 1 to 9"
@@ -28,15 +28,15 @@ std::string rangeOf(T low, T high);
 
 class Option {
   public:
-    // Appends itself to `list`. `value` is the name of its value in the help; null when it has
-    // none.
+    // Appends itself to `list`. `value` is the name of the option's value in the help; null when it
+    // has none.
     Option(Option** list, const char* name, const char* value, const char* help) noexcept;
     Option(const Option&) = delete;
     Option& operator=(const Option&) = delete;
 
-    // False when the option does not take this value.
+    // False when the option does not accept this value.
     virtual bool read(const std::string& text) = 0;
-    // Which values it takes, for example "a number from 1 to 9".
+    // The values that the option accepts, for example "a number from 1 to 9".
     virtual std::string range() const = 0;
 
     const char* const name;
@@ -91,8 +91,8 @@ class Number final : public Option {
 
 class Command {
   public:
-    // `argument` is what the help calls the command's own argument: "FILE"; "[FILE]" when it may be
-    // left out; empty for none.
+    // `argument` is the name of the command's own argument in the help: "FILE", or "[FILE]" when it
+    // is optional; empty when there is none.
     Command(const char* name, const char* argument, const char* summary) noexcept;
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
@@ -118,7 +118,7 @@ class Command {
 // The options of every command.
 extern Option* commonOptions;
 extern Text directoryOption;  // where the FIFOs and sockets are
-extern Text groupOption;      // of what is made there
+extern Text groupOption;      // of new files there
 extern Flag helpOption;
 extern Flag versionOption;
 

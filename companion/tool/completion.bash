@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Completion of uafd-companion's words, for bash: offers what the program's own help lists.
+# Completes the words of uafd-companion in bash: offers what the program's own help lists.
 _uafd_companion() {
   local word=$2 before=$3 command=${COMP_WORDS[1]} help argument words=''
   COMPREPLY=()

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints the daemon's events as they come, or its present states.
+// Prints the daemon's events as they arrive, or its present states.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,8 +14,8 @@
 namespace uafd {
 namespace {
 
-// Of each event: its name in JSON, its subject, and what the values 0 and 1 are called; null when
-// the value is a volume.
+// For each event: its name in JSON, its subject, and the words for the values 0 and 1, which are
+// null when the value is a volume.
 struct Words {
     const char* name;
     const char* subject;
@@ -34,7 +34,7 @@ constexpr Words kWords[] = {
 };
 
 constexpr char kRunning[] = "running";
-constexpr char kUnreachable[] = "unreachable";  // not for this user
+constexpr char kUnreachable[] = "unreachable";  // this user may not use the daemon's files
 
 void printTime(bool isJson) {
     timespec now{};
@@ -48,7 +48,7 @@ void printTime(bool isJson) {
 
 class Events final : public Command, private Handler {
   public:
-    Events() noexcept : Command("events", "", "print what the daemon tells, with the time") {}
+    Events() noexcept : Command("events", "", "print the daemon's messages, with the time") {}
     int run(const std::string& /*argument*/) override {
         Session session;
         return session.open(UAFD_EVENTS) && session.run(this, *seconds) ? kExitDone : kExitFailed;
@@ -60,7 +60,7 @@ class Events final : public Command, private Handler {
 
     Number<int> count{&options, "count", "N", 1, 1000000, 0, "end after N events"};
     Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Flag json{&options, "json", "a JSON object per line; values are 0, 1 or a volume"};
+    Flag json{&options, "json", "print a JSON object per line; values are 0, 1 or a volume"};
     int printed = 0;
 };
 
@@ -89,16 +89,16 @@ class Status final : public Command, private Handler {
     int run(const std::string& argument) override;
 
   private:
-    // Asks; returns the daemon's own state in a word.
+    // Asks the daemon; returns its own state in a word.
     const char* ask();
     bool isDone() override { return session.isAnswered(); }
     void print(const char* daemon) const;
 
     Number<double> wait{
         &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for an answer (default 10)"};
-    Flag json{&options, "json", "a JSON object; null is what is not known"};
+    Flag json{&options, "json", "print a JSON object; null stands for unknown"};
     Session session;
-    bool hasOtherApp = false;  // which is told the states
+    bool hasOtherApp = false;  // which receives the states
 };
 
 int Status::run(const std::string& /*argument*/) {
@@ -140,7 +140,7 @@ void Status::print(const char* daemon) const {
         printf("{\"daemon\":\"%s\",\"other_app\":%s", daemon, hasOtherApp ? "true" : "false");
     } else {
         printf("%-12s%s%s\n", "daemon", daemon,
-               hasOtherApp ? ", another app is told the states" : "");
+               hasOtherApp ? ", another app receives the states" : "");
     }
     for (const uafd_event_type type : {UAFD_USB_STATE, UAFD_SPEAKER_STATE, UAFD_MIC_STATE}) {
         const Words& words = kWords[type];

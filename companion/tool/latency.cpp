@@ -13,13 +13,13 @@ namespace {
 
 constexpr int kQuietTicks = 3;  // before a burst
 constexpr int16_t kQuietPeak = 500;
-constexpr int16_t kBurstPeak = 1000;  // what comes louder is the burst
+constexpr int16_t kBurstPeak = 1000;  // louder sound is the burst
 constexpr int16_t kAmplitude = 16000;
 constexpr int kBurstFrames = 240;
 constexpr int kHalfWaveFrames = 24;  // 1000 Hz
 
-// Quiet, a burst, its return; over and over. The time counts from the writing of the block whose
-// first frame is the burst's to the reading that brought its first frame.
+// Repeats silence, a burst and its return. The time counts from when the block that begins with the
+// burst is written to when the burst's first frame is read.
 class Bursts : public Handler {
   public:
     Bursts(int count, double waitSeconds)
@@ -54,7 +54,7 @@ class Bursts : public Handler {
     }
     bool isDone() override { return left == 0 || !reason().empty(); }
 
-    // Why it does not work; empty when it does.
+    // Why it does not work; empty when it works.
     std::string reason() const {
         if (ticks < waitTicks + kQuietTicks) {
             return "";
@@ -62,8 +62,8 @@ class Bursts : public Handler {
         if (sentNs != 0) {
             return "no burst came back: does the host play what it records?";
         }
-        return isDue() ? "the daemon takes no sound: does the host record?"
-                       : "the host plays something else: the bursts cannot be told from it";
+        return isDue() ? "the daemon accepts no sound: does the host record?"
+                       : "the host plays other sound, which hides the bursts";
     }
     std::vector<double> takeTimesMs() { return std::move(timesMs); }
 
@@ -81,8 +81,8 @@ class Bursts : public Handler {
 
     int left;
     const int waitTicks;
-    int64_t sentNs = 0;  // 0: none is on its way
-    int ticks = 0;       // since the burst, or since the one before returned
+    int64_t sentNs = 0;  // 0 when no burst is on its way
+    int ticks = 0;       // since the burst, or since the last one returned
     int quietTicks = 0;
     std::vector<double> timesMs;
 };
@@ -91,13 +91,13 @@ class Latency final : public Command {
   public:
     Latency() noexcept
         : Command("latency", "",
-                  "measure the way to the host and back, which must play what it records") {}
+                  "measure the delay to the host and back; the host must play what it records") {}
     int run(const std::string& argument) override;
 
   private:
-    Number<int> count{&options, "count", "N", 1, 1000000, 10, "how many bursts (default 10)"};
+    Number<int> count{&options, "count", "N", 1, 1000000, 10, "number of bursts (default 10)"};
     Number<double> wait{
-        &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for each (default 10)"};
+        &options, "wait", "N", kLeastS, kDayS, 10, "seconds to wait for each burst (default 10)"};
 };
 
 int Latency::run(const std::string& /*argument*/) {
@@ -111,8 +111,8 @@ int Latency::run(const std::string& /*argument*/) {
     }
     std::vector<double> times = bursts.takeTimesMs();
     std::sort(times.begin(), times.end());
-    printf("median %.2f ms, least %.2f ms, most %.2f ms\n", times[times.size() / 2], times.front(),
-           times.back());
+    printf("median %.2f ms, lowest %.2f ms, highest %.2f ms\n", times[times.size() / 2],
+           times.front(), times.back());
     return kExitDone;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gives the host back what it plays.
+// Sends the host its own sound back.
 #include <vector>
 
 #include "companion/tool/command.h"
@@ -8,13 +8,13 @@
 namespace uafd {
 namespace {
 
-// Host and app have clocks of their own: what is queued wanders.
-constexpr size_t kStartFrames = 720;  // before the first block
-constexpr size_t kMostFrames = 1920;  // more is cut back to the start's
+// Host and app have different clocks, so the queue's length drifts.
+constexpr size_t kStartFrames = 720;  // queued before the first block
+constexpr size_t kMostFrames = 1920;  // a longer queue is cut to kStartFrames
 
 class Loop final : public Command, private Handler {
   public:
-    Loop() noexcept : Command("loop", "", "give the host back what it plays") {}
+    Loop() noexcept : Command("loop", "", "send the host its own sound back") {}
     int run(const std::string& /*argument*/) override {
         Session session;
         return session.open(UAFD_SOUND) && session.run(this, *seconds) ? kExitDone : kExitFailed;
@@ -29,7 +29,7 @@ class Loop final : public Command, private Handler {
             drop(queue.size() - kStartFrames);
         }
     }
-    // Silence until there is enough, and again when it runs dry.
+    // Returns silence until enough is queued, and again after the queue has run dry.
     void fillBlock(int16_t* samples) override {
         flows = queue.size() >= (flows ? UAFD_BLOCK_FRAMES : kStartFrames);
         for (size_t i = 0; flows && i < UAFD_BLOCK_FRAMES; ++i) {

@@ -13,23 +13,23 @@
 namespace uafd {
 namespace {
 
-char kName[] = "uafd-companion";  // not constant: stands among the arguments
+char kName[] = "uafd-companion";  // not constant, as it is among the arguments
 constexpr int kHelpWidth = 18;    // of an entry's name
-constexpr int kFirstCode = 256;   // what getopt_long gives for the first option; beyond all letters
+constexpr int kFirstCode = 256;   // getopt_long's code for the first option; above all letters
 
 constexpr char kSummary[] =
     R"(Usage: uafd-companion COMMAND [ARGUMENT] [OPTION]...
 
 A companion app for the command line: takes the app's place at the FIFOs and sockets of uafd(8),
-to try a board through a shell. It may be started before or after the daemon, and makes the FIFOs
-where they are missing. A FILE named - is standard input or output.
+to try out a board from a shell. It may start before or after the daemon, and makes missing FIFOs.
+The FILE - is standard input or output.
 
 Commands:
 )";
 constexpr char kEnd[] = R"(
 Exit status:
   0  done
-  1  failed, for the reason on standard error; or a step of check did not pass
+  1  failed: standard error has the reason; or a step of check failed
   2  the command line was not understood
 )";
 
@@ -76,7 +76,7 @@ void printHelpOf(const Command& command) {
 
 // ---- Reading -----------------------------------------------------------------------------------
 
-// A negative number is no option to getopt_long when a space stands before it.
+// To getopt_long a negative number is not an option if a space comes before it.
 std::string guarded(const std::string& word) {
     double number = 0;
     return word[0] == '-' && readNumber(word, -HUGE_VAL, 0.0, &number) ? " " + word : word;
@@ -90,13 +90,13 @@ bool readValue(Option* option) {
     if (option->read(value)) {
         return true;
     }
-    misused(std::string("--") + option->name + " " + value + ": wants " + option->range());
+    misused(std::string("--") + option->name + " " + value + ": needs " + option->range());
     return false;
 }
 
-// Reads options from words[1] on: without a command the common ones up to the first argument, else
-// all, wherever they stand. The arguments follow from words[optind] on. False after it has said
-// what it does not understand.
+// Reads options from words[1] on: without a command only the common ones, up to the first argument;
+// with a command all of them, wherever they are. The arguments follow from words[optind] on. False,
+// with a message, if it does not understand something.
 bool readOptions(const Command* command, int count, char** words) {
     std::vector<Option*> known;
     std::vector<option> table;
@@ -109,7 +109,7 @@ bool readOptions(const Command* command, int count, char** words) {
     }
     table.push_back({});
     const char* const letters = command == nullptr ? "+h" : "h";
-    optind = 0;  // begins again
+    optind = 0;  // starts again
     int code = 0;
     while ((code = getopt_long(count, words, letters, table.data(), nullptr)) != -1) {
         const auto index = static_cast<size_t>(code - kFirstCode);
@@ -120,7 +120,7 @@ bool readOptions(const Command* command, int count, char** words) {
     return true;
 }
 
-// Prints what --help or --version ask for, if one was given.
+// Prints what --help or --version asks for, if one of them was given.
 bool hasAnswered(const Command* command) {
     if (versionOption) {
         printf("%s %s\n", kName, uafd_companion_version());
@@ -137,7 +137,7 @@ int runCommand(int count, char** words) {
     const std::string name = words[0];
     Command* const command = Command::find(name);
     if (command == nullptr) {
-        return misused("no command " + name);
+        return misused("unknown command " + name);
     }
     words[0] = kName;
     if (!readOptions(command, count, words)) {
@@ -151,7 +151,7 @@ int runCommand(int count, char** words) {
         return misused(name + ": " + command->argument + " is missing");
     }
     if (arguments > (*command->argument == '\0' ? 0 : 1)) {
-        return misused(name + ": one argument too many: " + unguarded(words[count - 1]));
+        return misused(name + ": unexpected argument: " + unguarded(words[count - 1]));
     }
     return command->run(arguments == 0 ? "" : unguarded(words[optind]));
 }
@@ -169,7 +169,7 @@ int main(int argc, char** argv) {
         words.push_back(text.data());
     }
     words.push_back(nullptr);
-    words[0] = kName;  // getopt_long's complaints begin with it
+    words[0] = kName;  // getopt_long's messages begin with it
     if (!readOptions(nullptr, argc, words.data())) {
         return kExitUsage;
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shows the level of what the host plays.
+// Shows the level of the host's sound.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -13,10 +13,10 @@ namespace uafd {
 namespace {
 
 constexpr int kBarWidth = 48;
-constexpr double kSilenceDb = -96;  // what 16 bits can tell from nothing
-constexpr double kBarDb = 48;       // from an empty bar to a full one
+constexpr double kSilenceDb = -96;  // the quietest level of 16 bits
+constexpr double kBarDb = 48;       // the range of the bar, from empty to full
 
-// Of an amplitude in samples' units, below full scale.
+// The level of an amplitude, relative to full scale.
 double levelOf(double amplitude) {
     return amplitude > 0 ? std::max(kSilenceDb, 20 * std::log10(amplitude / INT16_MAX))
                          : kSilenceDb;
@@ -31,7 +31,7 @@ std::string barOf(double levelDb) {
 
 class Meter final : public Command, private Handler {
   public:
-    Meter() noexcept : Command("meter", "", "show the level of what the host plays") {}
+    Meter() noexcept : Command("meter", "", "show the level of the host's sound") {}
     int run(const std::string& argument) override;
 
   private:
@@ -63,7 +63,7 @@ int Meter::run(const std::string& /*argument*/) {
     return isRun ? kExitDone : kExitFailed;
 }
 
-// On a terminal always in the same line.
+// On a terminal this rewrites the same line.
 void Meter::print() {
     const double rms = heardFrames > 0 ? std::sqrt(squares / static_cast<double>(heardFrames)) : 0;
     printf("%s speaker %s  peak %5.1f dB  rms %5.1f dB  |%s|%s", isTerminal ? "\r" : "",

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lets the host record a file or a tone.
+// Plays a file or a tone for the host to record.
 #include <algorithm>
 #include <cmath>
 #include <iterator>
@@ -11,14 +11,16 @@
 namespace uafd {
 namespace {
 
-// Goes on only with what the daemon has taken, so that the host hears all of it from the beginning.
+// Advances only when the daemon has accepted a block, so that the host hears everything from the
+// beginning.
 class Play final : public Command, private Handler {
   public:
-    Play() noexcept : Command("play", "[FILE]", "let the host record a WAV file, or a tone") {}
+    Play() noexcept
+        : Command("play", "[FILE]", "play a WAV file, or a tone, for the host to record") {}
     int run(const std::string& file) override;
 
   private:
-    // The next block into left, if it is there.
+    // Loads the next block into `left`, if it is there.
     void load();
     void makeTone();
 
@@ -29,9 +31,9 @@ class Play final : public Command, private Handler {
     Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
     Flag raw{&options, "raw", "the file has no header: stereo, 16 bits, 48000 Hz"};
     Number<double> toneHz{
-        &options, "tone", "HZ", 1, 24000, 1000, "the tone without a file (default 1000)"};
+        &options, "tone", "HZ", 1, 24000, 1000, "the tone's frequency (default 1000)"};
     Number<double> levelDb{
-        &options, "level", "DB", -96, 0, -12, "the tone's level below full scale (default -12)"};
+        &options, "level", "DB", -96, 0, -12, "the tone's level, 0 is full scale (default -12)"};
     SoundReader reader;
     bool isFile = false;
     int16_t left[UAFD_BLOCK_FRAMES] = {};
@@ -66,7 +68,7 @@ void Play::makeTone() {
     });
 }
 
-// Silence while a pipe brings less.
+// Silence while a pipe delivers too little.
 void Play::fillBlock(int16_t* samples) {
     if (!isLoaded) {
         load();

@@ -11,7 +11,7 @@ namespace {
 
 class Record final : public Command, private Handler {
   public:
-    Record() noexcept : Command("record", "FILE", "write what the host plays into a WAV file") {}
+    Record() noexcept : Command("record", "FILE", "record what the host plays to a WAV file") {}
     int run(const std::string& file) override;
 
   private:
@@ -22,13 +22,13 @@ class Record final : public Command, private Handler {
     bool isDone() override { return !isWritten; }
 
     Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
-    Flag raw{&options, "raw", "no header: stereo, 16 bits, 48000 Hz"};
+    Flag raw{&options, "raw", "write no header: stereo, 16 bits, 48000 Hz"};
     SoundWriter output;
     int64_t recordedFrames = 0;
     bool isWritten = true;
 };
 
-// The file is touched last: not when another app has the speaker.
+// The file is opened last, so it stays as it is when another app has the speaker.
 int Record::run(const std::string& file) {
     Session session;
     if (!session.open(UAFD_SPEAKER) || !output.open(file, static_cast<bool>(raw))) {

@@ -37,7 +37,7 @@ void catchInterrupts() {
     }
 }
 
-// Says on standard error why these parts could not be opened.
+// Prints on standard error why these parts could not be opened.
 void complain(int error, unsigned parts) {
     struct Part {
         unsigned bit;
@@ -56,7 +56,7 @@ void complain(int error, unsigned parts) {
             }
         }
     } else if (error == -EINVAL) {
-        reason = "there is no group of this name";
+        reason = "there is no group with this name";
     } else {
         const std::string obstacle = findObstacle();
         reason = obstacle.empty() ? reason : obstacle;
@@ -163,8 +163,8 @@ void Session::giveBlock(Handler* handler) {
     }
 }
 
-// In a session without events, a message that the daemon takes shows that it runs; it is not looked
-// for again.
+// In a session without events, a message that the daemon accepts shows that it runs; after that the
+// session does not look again.
 bool Session::findDaemon() {
     if ((openParts & UAFD_EVENTS) != 0) {
         return isOn(UAFD_DAEMON_STATE);
@@ -172,7 +172,7 @@ bool Session::findDaemon() {
     return wasReached = wasReached || companion.sync() == 0;
 }
 
-// A daemon that starts waits until both FIFOs have been opened: so the one that this app does not
+// A daemon that starts waits until both FIFOs have been opened, so the one that this app does not
 // need is opened for a moment.
 void Session::waitForDaemon() {
     if (findDaemon()) {

@@ -11,7 +11,7 @@ namespace uafd {
 
 constexpr double kLeastS = 0.01;
 constexpr double kDayS = 86400;
-constexpr char kSecondsHelp[] = "end after N seconds (default: at an interrupt)";
+constexpr char kSecondsHelp[] = "end after N seconds (default: when interrupted)";
 constexpr double kTickS = 0.1;
 
 // What a command does. By default the functions do nothing, and the host records silence.
@@ -21,7 +21,7 @@ class Handler {
     // `frames` stereo frames that the host played.
     virtual void onSound(const int16_t* /*samples*/, int /*frames*/) {}
     virtual void onEvent(const uafd_event& /*event*/) {}
-    // Fills the next block, which is silent before; called again until the block was taken.
+    // Fills the next block, which is silent before; called again until a block was accepted.
     virtual void fillBlock(int16_t* /*samples*/) {}
     virtual void onBlockTaken() {}
     // Called every kTickS.
@@ -38,15 +38,15 @@ class Session {
     int tryOpen(unsigned parts);
     void close() { companion.close(); }
     // Runs until the handler is done, the time is over (0: no limit), or SIGINT, SIGTERM or SIGHUP
-    // comes; wasInterrupted() then says so. False, with a message on standard error, when the
-    // library fails.
+    // arrives; wasInterrupted() is true after a signal. False, with a message on standard error,
+    // when the library fails.
     bool run(Handler* handler, double seconds = 0);
     static bool wasInterrupted();
 
     // The last value reported, if any.
     std::optional<int> told(uafd_event_type type) const { return lastTold[type]; }
     bool isOn(uafd_event_type type) const { return told(type) == 1; }
-    // Whether all states were reported; those of the streams are not while no USB is configured.
+    // Whether all states were reported; without USB the streams' states are not reported.
     bool isAnswered() const {
         return told(UAFD_USB_STATE) == 0 ||
                (told(UAFD_USB_STATE) && told(UAFD_SPEAKER_STATE) && told(UAFD_MIC_STATE));
@@ -66,7 +66,7 @@ class Session {
 
     unsigned openParts = 0;
     std::optional<int> lastTold[UAFD_DAEMON_STATE + 1];
-    bool wasReached = false;  // by a message, in a session without events
+    bool wasReached = false;  // a message has reached the daemon, in a session without events
     int ticksWithoutDaemon = 0;
 };
 

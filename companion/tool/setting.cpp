@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Volume and mute: nothing but sending, so beside any other app.
+// Volume and mute. These commands only send, so they work beside any other app.
 #include <uafd_companion.hpp>
 
 #include "companion/tool/access.h"
@@ -8,7 +8,7 @@
 namespace uafd {
 namespace {
 
-// `send` is called with the companion and gives the library's result.
+// `send` is called with the companion and returns the library's result.
 template <typename Send>
 int sendAlone(const char* what, Send&& send) {
     uafd::Companion companion;
@@ -26,7 +26,7 @@ class Volume final : public Command {
     int run(const std::string& argument) override {
         int number = 0;
         if (!readNumber<int>(argument, INT16_MIN, INT16_MAX, &number)) {
-            return misused("volume " + argument + ": wants " + rangeOf<int>(INT16_MIN, INT16_MAX));
+            return misused("volume " + argument + ": needs " + rangeOf<int>(INT16_MIN, INT16_MAX));
         }
         return sendAlone(name, [number](uafd::Companion* companion) {
             return companion->setSpeakerVolume(static_cast<int16_t>(number));
@@ -36,10 +36,10 @@ class Volume final : public Command {
 
 class Mute final : public Command {
   public:
-    Mute() noexcept : Command("mute", "on|off", "mute the speaker, or let it sound") {}
+    Mute() noexcept : Command("mute", "on|off", "mute or unmute the speaker") {}
     int run(const std::string& argument) override {
         if (argument != "on" && argument != "off") {
-            return misused("mute " + argument + ": wants on or off");
+            return misused("mute " + argument + ": needs on or off");
         }
         return sendAlone(name, [&argument](uafd::Companion* companion) {
             return companion->setSpeakerMute(argument == "on");

@@ -16,14 +16,14 @@
 namespace uafd {
 namespace {
 
-constexpr uint32_t kNoLength = UINT32_MAX;  // what others write, too, where they cannot know it
+constexpr uint32_t kNoLength = UINT32_MAX;  // the usual value where the length is unknown
 constexpr uint16_t kPcm = 1;
 constexpr uint16_t kFloat = 3;
-constexpr uint16_t kExtensible = 0xFFFE;  // the format stands at the end
-constexpr size_t kExtensionOffset = 24;   // of that
+constexpr uint16_t kExtensible = 0xFFFE;  // the format comes at the end
+constexpr size_t kExtensionOffset = 24;   // in that extension
 constexpr int kFrameBytes = UAFD_CHANNELS * sizeof(int16_t);
 
-// A WAV file is little-endian, as every machine that this runs on.
+// A WAV file is little-endian, like every machine on which this runs.
 struct Chunk {
     char id[4];
     uint32_t size;
@@ -137,13 +137,13 @@ bool SoundReader::open(const std::string& path, bool raw) {
     return raw || readHeader();
 }
 
-// Up to where the sound begins.
+// Reads up to the beginning of the sound.
 bool SoundReader::readHeader() {
     Chunk chunk{};
     char wave[4];
     if (!readFully(&chunk, sizeof chunk) || !readFully(wave, sizeof wave) ||
         !is(chunk.id, "RIFF") || !is(wave, "WAVE")) {
-        return complain(name, "it is no WAV file");
+        return complain(name, "it is not a WAV file");
     }
     bool isKnown = false;
     while (readFully(&chunk, sizeof chunk)) {
@@ -198,7 +198,7 @@ bool SoundReader::readFully(void* bytes, size_t size) const {
 
 bool SoundReader::skip(uint32_t size) const {
     char bytes[512];
-    uint64_t left = uint64_t{size} + size % 2;  // in the file the number is even
+    uint64_t left = uint64_t{size} + size % 2;  // odd sizes are padded in the file
     while (left > 0) {
         const size_t part = std::min<uint64_t>(left, sizeof bytes);
         if (!readFully(bytes, part)) {
@@ -209,7 +209,7 @@ bool SoundReader::skip(uint32_t size) const {
     return true;
 }
 
-// Reads until the buffer holds `size` bytes, or nothing more is there at present.
+// Reads until the buffer holds `size` bytes, or no more can be read at present.
 void SoundReader::fill(size_t size) {
     pollfd input = {fd, POLLIN, 0};
     while (buffer.size() < size && bytesLeft > 0 && poll(&input, 1, 0) > 0) {
@@ -244,7 +244,7 @@ bool SoundReader::readBlock(int16_t* left) {
     for (size_t i = 0; i < frames; ++i) {
         left[i] = sampleOf(&buffer[i * frameBytes]);
     }
-    buffer.clear();  // it never holds more than a block
+    buffer.clear();  // which never holds more than a block
     return frames > 0;
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sound in files and pipes: WAV, or raw, which is what the FIFOs carry: stereo, 16 bits, 48000 Hz,
-// without a header. "-" is standard input or output. Failures are told on standard error. One
-// thread.
+// Sound in files and pipes: WAV, or raw as in the FIFOs: stereo, 16 bits, 48000 Hz, without a
+// header. "-" is standard input or output. Errors are reported on standard error. One thread.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +10,7 @@
 
 namespace uafd {
 
-// Writes stereo, replacing the file's content.
+// Writes stereo sound, replacing the file's contents.
 class SoundWriter {
   public:
     ~SoundWriter() { close(); }
@@ -19,7 +18,7 @@ class SoundWriter {
     // After each call the file is valid and can be played, even if the process is killed. The
     // header states no length in a pipe, or when a file exceeds 4 GiB, after six hours.
     bool write(const int16_t* samples, int frames);
-    // False when something was not written.
+    // False when something could not be written.
     bool close();
 
   private:
@@ -28,7 +27,7 @@ class SoundWriter {
     std::string name;
     int fd = -1;
     bool hasHeader = false;   // WAV
-    bool isSeekable = false;  // the header can be written again
+    bool isSeekable = false;  // the header can be rewritten
     uint64_t bytes = 0;       // of sound
 };
 
@@ -36,11 +35,11 @@ class SoundWriter {
 class SoundReader {
   public:
     ~SoundReader();
-    // For a WAV waits for the header and reads it: any number of channels, 16, 24 or 32 bits or
-    // floating point, 48000 Hz.
+    // Opens the file. For WAV it waits for the header and reads it: any number of channels, 16, 24
+    // or 32 bits or floating point, 48000 Hz.
     bool open(const std::string& path, bool raw);
-    // Fills a block of UAFD_BLOCK_FRAMES, the last one padded with silence; false when not enough
-    // has come yet, or at the end. Never waits.
+    // Fills a block of UAFD_BLOCK_FRAMES, the last one padded with silence; false at the end, or
+    // when there is not enough to read yet. Never waits.
     bool readBlock(int16_t* left);
     // False when an error caused the end.
     bool isGood() const { return good; }
@@ -60,7 +59,7 @@ class SoundReader {
     bool isFloat = false;
     size_t frameBytes = 4;
     size_t sampleBytes = 2;
-    uint64_t bytesLeft = UINT64_MAX;  // of sound, behind the buffer; 0 from the end of the file on
+    uint64_t bytesLeft = UINT64_MAX;  // of sound after the buffer; 0 from the end of the file on
     std::vector<unsigned char> buffer;
 };
 

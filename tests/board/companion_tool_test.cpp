@@ -84,14 +84,14 @@ class HostCable {
 constexpr char kAllPassed[] =
     "ok    daemon and app may open each other's files\n"
     "ok    a sync-up is answered\n"
-    "ok    the speaker's volume is taken\n"
-    "ok    the speaker's mute is taken\n"
+    "ok    the speaker's volume is accepted\n"
+    "ok    the speaker's mute is accepted\n"
     "ok    the speaker stream is on\n"
-    "ok    the host's sound comes whole\n"
+    "ok    the host's sound arrives complete\n"
     "ok    the microphone stream is on\n"
-    "ok    the app's sound is taken\n"
-    "ok    both go on with new FIFO ends\n"
-    "ok    the states are as told\n"
+    "ok    the app's sound is accepted\n"
+    "ok    both streams go on when the FIFOs reopen\n"
+    "ok    both streams are still on\n"
     "10 passed, 0 failed\n";
 
 TEST_F(CompanionTool, FindsTheDaemonGood) {
@@ -124,12 +124,12 @@ TEST_F(CompanionTool, FindsThatAFrozenDaemonDoesNotAnswer) {
 TEST_F(CompanionTool, FindsWhatTheHostLeavesUndone) {
     startWithDaemon({"check", "--wait", "0.5"});
     const std::string output = outputAfter(1);
-    EXPECT_THAT(output, HasSubstr("ok    the speaker's mute is taken\n"));
+    EXPECT_THAT(output, HasSubstr("ok    the speaker's mute is accepted\n"));
     EXPECT_THAT(output,
                 HasSubstr("FAIL  the speaker stream is on: it is off: does the host play?"));
     EXPECT_THAT(output,
                 HasSubstr("FAIL  the microphone stream is on: it is off: does the host record?"));
-    EXPECT_THAT(output, HasSubstr("FAIL  both go on with new FIFO ends: "));
+    EXPECT_THAT(output, HasSubstr("FAIL  both streams go on when the FIFOs reopen: "));
 }
 
 TEST_F(CompanionTool, RecordsPlaysAndTells) {

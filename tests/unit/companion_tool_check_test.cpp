@@ -103,16 +103,17 @@ StreamingOptions streaming(bool plays, bool records) {
 TEST_F(ToolTest, FindsAFaultyDaemonOut) {
     Fault faults[] = {
         {"a sync-up is answered: no answer", answering({})},
-        {"a sync-up is answered: the answer is not whole", answering({{0, 1}})},
+        {"a sync-up is answered: the answer is incomplete", answering({{0, 1}})},
         {"a sync-up is answered: the host has not configured the board", answering({{0, 0}})},
         {"the speaker stream is on: it is off: does the host play?",
          answering({{0, 1}, {1, 0}, {2, 1}})},
         {"the microphone stream is on: it is off: does the host record?",
          answering({{0, 1}, {1, 1}, {2, 0}})},
-        {"the host's sound comes whole: left and right differ", playing(1, 2)},
-        {"the host's sound comes whole: nothing but silence: does the host play?", playing(0, 0)},
-        {"the host's sound comes whole: no frame came", streaming(false, true)},
-        {"the app's sound is taken: no block is taken", streaming(true, false)},
+        {"the host's sound arrives complete: left and right differ", playing(1, 2)},
+        {"the host's sound arrives complete: nothing but silence: does the host play?",
+         playing(0, 0)},
+        {"the host's sound arrives complete: no frame arrived", streaming(false, true)},
+        {"the app's sound is accepted: no block is accepted", streaming(true, false)},
     };
     for (Fault& fault : faults) {
         SCOPED_TRACE(fault.line);

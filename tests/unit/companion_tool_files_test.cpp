@@ -303,7 +303,7 @@ TEST_F(Playing, SaysWhyItCannotPlayAFile) {
     };
     EXPECT_EQ(reasonFor("none.wav"), "No such file or directory\n");
     folder.write("song.wav", "la la la");
-    EXPECT_EQ(reasonFor("song.wav"), "it is no WAV file\n");
+    EXPECT_EQ(reasonFor("song.wav"), "it is not a WAV file\n");
     writeWav(file("slow.wav"), ramp(100), 1, 44100);
     EXPECT_EQ(reasonFor("slow.wav"), "its rate is 44100 Hz, not 48000 Hz\n");
     writeWav(file("rough.wav"), ramp(100), 1, 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_U8);

@@ -84,14 +84,14 @@ TEST_F(ToolTest, LetsADaemonStart) {
 
 TEST_F(ToolTest, SaysThatThereIsNoSuchGroup) {
     EXPECT_EQ(run({"loop", "--group", "no such"}), 1);
-    EXPECT_EQ(tool->errors(), "uafd-companion: opening: there is no group of this name\n");
+    EXPECT_EQ(tool->errors(), "uafd-companion: opening: there is no group with this name\n");
 }
 
 TEST_F(ToolTest, SaysThatAFifoIsNone) {
     folder.write("usbAudioFifoTx", "");
     EXPECT_EQ(run({"loop"}), 1);
     EXPECT_THAT(tool->errors(), StartsWith("uafd-companion: opening: " + daemon.path("FifoTx")));
-    EXPECT_THAT(tool->errors(), EndsWith(" is no FIFO: remove it\n"));
+    EXPECT_THAT(tool->errors(), EndsWith(" is not a FIFO: remove it\n"));
 }
 
 constexpr Message kTold[] = {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}, {3, 0xFFFF}, {4, 512},
@@ -199,7 +199,7 @@ TEST_F(ToolTest, TellsTheStatusBesideAnotherApp) {
     daemon.bindSocket();
     EXPECT_EQ(run({"status"}), 0);
     EXPECT_EQ(tool->output(),
-              "daemon      running, another app is told the states\nusb         unknown\n"
+              "daemon      running, another app receives the states\nusb         unknown\n"
               "speaker     unknown\nmicrophone  unknown\n");
 }
 
@@ -258,7 +258,7 @@ TEST_F(ToolTest, MeasuresTheWayToTheHostAndBack) {
     const std::string number = " *[0-9]+\\.[0-9]+ ms";
     EXPECT_THAT(tool->output(),
                 MatchesRegex(number + "\n" + number + "\n" + number + "\nmedian" + number +
-                             ", least" + number + ", most" + number + "\n"));
+                             ", lowest" + number + ", highest" + number + "\n"));
 }
 
 TEST_F(ToolTest, SaysWhyItCannotMeasure) {
@@ -276,15 +276,14 @@ TEST_F(ToolTest, SaysWhyItCannotMeasure) {
         const StreamingDaemon mute(folder, options);
         EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
         EXPECT_EQ(tool->errors(),
-                  "uafd-companion: latency: the daemon takes no sound: does the host record?\n");
+                  "uafd-companion: latency: the daemon accepts no sound: does the host record?\n");
     }
     options.left = options.right = 2000;
     options.records = true;
     const StreamingDaemon loud(folder, options);
     EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
     EXPECT_EQ(tool->errors(),
-              "uafd-companion: latency: the host plays something else: the bursts cannot be told "
-              "from it\n");
+              "uafd-companion: latency: the host plays other sound, which hides the bursts\n");
 }
 
 }  // namespace
