@@ -10,57 +10,55 @@ namespace {
 
 constexpr int64_t kBlockFrames = 480;
 constexpr int64_t kUsbFrameFrames = 48;
-// The time between the daemon's read and the USB frame that takes the first sample of it: two
-// periods in the card's ring, and the USB frame itself.
+// The time between the daemon's read and the USB frame that takes the first sample of it out of the
+// card's ring: two periods, and the USB frame itself.
 constexpr int64_t kRingFrames = 2 * 240 + kUsbFrameFrames;
 constexpr double kNsPerFrame = static_cast<double>(kSecond) / kRate;
 
 }  // namespace
 
-MicStream::MicStream(Board* board, Voice sentVoice)
+MicStream::MicStream(DaemonBoard* board, Voice sentVoice)
     : board(board),
       voice(std::move(sentVoice)),
       explainedRecording([this](int64_t i) { return sent(i); }) {
     board->app->speak(voice);
-    board->host.command("flush mic");
     sleepFor(30 * kMs);  // blocks of the voice before are past
     blocksBefore = board->app->sentBlocks().size();
     onAt = now();
-    board->host.command("mic on");
+    board->audioHost().record();
 }
 
 void MicStream::observe() {
-    std::vector<SentBlock> all = board->app->sentBlocks();
-    Samples recorded = board->host.takeRecording();
-    const auto values = board->host.counters();
+    AudioHost& host = board->audioHost();
+    const std::vector<SentBlock> all = board->app->sentBlocks();
+    const Samples more = host.takeRecording();
+    StreamPosition position = host.position(kMicDirection);
     blocks.assign(all.begin() + static_cast<std::ptrdiff_t>(blocksBefore), all.end());
-    if (!begun) {
-        if (values.at("mic.first_ns") == 0 || blocks.empty()) {
+    unexplained.insert(unexplained.end(), more.begin(), more.end());
+    if (!firstFrame) {
+        firstFrame = host.daemonsFirstFrame();
+        if (!firstFrame) {
             return;
         }
         // The recording begins with the host's stream; the daemon's sound begins a little later.
-        const int64_t skipped = values.at("mic.first_frames") - values.at("mic.on_frames");
-        recorded.erase(recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(skipped));
-        beginsAt = values.at("mic.first_ns");
-        begun = true;
+        beginsAt = position.timeOf(*firstFrame);
+        unexplained.erase(unexplained.begin(), unexplained.begin() + *firstFrame);
     }
     if (keepsRecording) {
-        recording.insert(recording.end(), recorded.begin(), recorded.end());
+        recording.insert(recording.end(), unexplained.begin(), unexplained.end());
     }
-    // The last frames all moved at the same time.
-    const double hostRate = 1 + static_cast<double>(values.at("ppb")) / 1e9;
-    const Anchor anchor{values.at("mic.frames") - kUsbFrameFrames - values.at("mic.first_frames"),
-                        values.at("mic.last_ns"), kNsPerFrame / hostRate};
-    for (const MicFrame& frame : explainedRecording.add(recorded)) {
+    position.frames -= *firstFrame;
+    for (const MicFrame& frame : explainedRecording.add(unexplained)) {
         micFrames.push_back(frame);
-        addLatency(frame, anchor);
+        addLatency(frame, position);
     }
+    unexplained.clear();
 }
 
 void MicStream::off() {
     observe();
     const size_t messages = board->app->messages().size();
-    board->host.command("mic off");
+    board->audioHost().stopRecording();
     if (!board->waitForChannel(2, false, messages)) {
         throw std::runtime_error("the microphone channel does not stop");
     }
@@ -76,7 +74,7 @@ int16_t MicStream::sent(int64_t index) const {
                                  : int16_t{0};
 }
 
-void MicStream::addLatency(const MicFrame& frame, const Anchor& anchor) {
+void MicStream::addLatency(const MicFrame& frame, const StreamPosition& recorded) {
     const auto block = static_cast<size_t>(frame.sentAt / kBlockFrames);
     if (frame.kind == FrameKind::kSilent || frame.kind == FrameKind::kUnexplained ||
         block >= blocks.size()) {
@@ -85,9 +83,12 @@ void MicStream::addLatency(const MicFrame& frame, const Anchor& anchor) {
     // The app writes blocks; its samples count as evenly spaced in time.
     const double sentAt = static_cast<double>(blocks[block].at) +
                           static_cast<double>(frame.sentAt % kBlockFrames) * kNsPerFrame;
-    const auto position = static_cast<double>(frame.recordedAt + frame.lead - anchor.recorded);
-    const double recordedAt = static_cast<double>(anchor.at) + position * anchor.nsPerFrame;
-    const Ns takenAt = static_cast<Ns>(recordedAt - kRingFrames * anchor.nsPerFrame);
+    // The newest frames all moved at the same time.
+    const int64_t newest = recorded.frames - kUsbFrameFrames;
+    const auto since = static_cast<double>(frame.recordedAt + frame.lead - newest);
+    const double recordedAt = static_cast<double>(recorded.at) + since * recorded.nsPerFrame;
+    const auto ahead = static_cast<double>(kRingFrames + board->audioHost().preparedFrames());
+    const Ns takenAt = static_cast<Ns>(recordedAt - ahead * recorded.nsPerFrame);
     const auto written =
         std::upper_bound(blocks.begin(), blocks.end(), takenAt,
                          [](Ns at, const SentBlock& sent) { return at < sent.at; });

@@ -4,9 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
-#include "board/kit/board.h"
+#include "board/kit/daemon_board.h"
 #include "board/kit/mic_recording.h"
 
 namespace board {
@@ -23,7 +24,7 @@ struct MicLatency {
 class MicStream {
   public:
     // Switches the stream on; the app's voice must not change from the first block sent on.
-    MicStream(Board* board, Voice sentVoice);
+    MicStream(DaemonBoard* board, Voice sentVoice);
 
     // Keeps what is recorded from the daemon's first sample on.
     void keepRecording() { keepsRecording = true; }
@@ -45,17 +46,10 @@ class MicStream {
     Ns timeToSound() const;
 
   private:
-    // Recorded samples, and when by the host's clock as it is now.
-    struct Anchor {
-        int64_t recorded = 0;
-        Ns at = 0;
-        double nsPerFrame = 0;
-    };
-
     int16_t sent(int64_t index) const;
-    void addLatency(const MicFrame& frame, const Anchor& anchor);
+    void addLatency(const MicFrame& frame, const StreamPosition& recorded);
 
-    Board* const board;
+    DaemonBoard* const board;
     const Voice voice;
     MicRecording explainedRecording;
     std::vector<MicFrame> micFrames;
@@ -63,10 +57,11 @@ class MicStream {
     std::vector<SentBlock> blocks;  // what the daemon was sent since the start
     size_t blocksBefore = 0;
     Ns onAt = 0;
-    bool begun = false;
+    std::optional<int64_t> firstFrame;  // of the recording: the daemon's first
     bool keepsRecording = false;
     Samples recording;
-    Ns beginsAt = 0;  // when the daemon's first sample was recorded
+    Samples unexplained;  // recorded while the daemon's first frame is not known
+    Ns beginsAt = 0;      // when the daemon's first sample was recorded
 };
 
 }  // namespace board

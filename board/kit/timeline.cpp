@@ -7,20 +7,9 @@
 namespace board {
 namespace {
 
-constexpr char kHostPrefix[] = "host ";
-
-bool beginsWith(const std::string& text, const char* beginning) {
-    return text.rfind(beginning, 0) == 0;
-}
-
-// The control device's records, which are in the daemon's log as well.
-bool isRepetition(const HostEvent& event) {
-    return beginsWith(event.text, "uac record") || beginsWith(event.text, "uac read");
-}
-
 // The cable monitor's heartbeat.
 bool isTick(const LogLine& line) {
-    return beginsWith(line.text, "recvmsg error: <-1:11:");
+    return line.text.rfind("recvmsg error: <-1:11:", 0) == 0;
 }
 
 }  // namespace
@@ -29,14 +18,9 @@ void Timeline::add(Ns at, const std::string& who, const std::string& what) {
     entries.push_back({at, who, what});
 }
 
-void Timeline::addAllOf(Board* board) {
-    for (const HostEvent& event : board->host.eventsSince(start)) {
-        if (beginsWith(event.text, kHostPrefix)) {
-            add(event.at, "host", event.text.substr(sizeof kHostPrefix - 1));
-        } else if (!isRepetition(event)) {
-            add(event.at, "driver", event.text);
-        }
-    }
+void Timeline::addAllOf(DaemonBoard* board) {
+    const std::vector<TimelineEntry> events = board->audioHost().events(start);
+    entries.insert(entries.end(), events.begin(), events.end());
     // The log's stamps are truncated to the millisecond. Its lines are placed at that millisecond's
     // end, so that none comes before its cause.
     for (const LogLine& line : board->daemon.log()) {
@@ -50,11 +34,11 @@ void Timeline::addAllOf(Board* board) {
 }
 
 std::string Timeline::text() const {
-    std::vector<Entry> sorted = entries;
+    std::vector<TimelineEntry> sorted = entries;
     std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const Entry& a, const Entry& b) { return a.at < b.at; });
+                     [](const TimelineEntry& a, const TimelineEntry& b) { return a.at < b.at; });
     std::string text;
-    for (const Entry& entry : sorted) {
+    for (const TimelineEntry& entry : sorted) {
         char head[48];
         snprintf(head, sizeof head, "%8.3f s  %-7s ",
                  static_cast<double>(entry.at - start) / kSecond, entry.who.c_str());

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "board/kit/board.h"
+#include "board/kit/daemon_board.h"
 
 namespace board {
 
@@ -15,22 +15,16 @@ class Timeline {
     Timeline() : start(now()) {}
 
     void add(Ns at, const std::string& who, const std::string& what);
-    // Everything from time 0 on that the board has noted: commands of the host, requests to the
-    // driver, lines of the daemon's log but its heartbeat, messages to the app.
-    void addAllOf(Board* board);
+    // Everything from time 0 on that the board has noted: what the host did, driver and bus, lines
+    // of the daemon's log but its heartbeat, messages to the app.
+    void addAllOf(DaemonBoard* board);
     // One line for each entry, "   1.234 s  who     what".
     std::string text() const;
 
     const Ns start;
 
   private:
-    struct Entry {
-        Ns at;
-        std::string who;
-        std::string what;
-    };
-
-    std::vector<Entry> entries;
+    std::vector<TimelineEntry> entries;
 };
 
 // What a message to or from the app means.
