@@ -19,7 +19,26 @@ module_param(bound, bool, 0444);
 MODULE_PARM_DESC(bound, "the gadget function starts bound");
 
 static bool plugged = true;
-module_param(plugged, bool, 0444);
+static bool is_up;	/* all parts are; under the lock of the parameters */
+
+/* Without a gadget nobody else moves the cable detector. */
+static int set_plugged(const char *value, const struct kernel_param *parameter)
+{
+	int err;
+
+	if (is_up && gadget)
+		return -EBUSY;
+	err = param_set_bool(value, parameter);
+	if (!err && is_up)
+		cable_set(plugged);
+	return err;
+}
+
+static const struct kernel_param_ops plugged_ops = {
+	.set = set_plugged,
+	.get = param_get_bool,
+};
+module_param_cb(plugged, &plugged_ops, &plugged, 0644);
 MODULE_PARM_DESC(plugged, "the cable starts plugged and the gadget configured");
 
 static int index = 1;
@@ -93,13 +112,19 @@ static int __init usb_board_init(void)
 			return err;
 		}
 	}
+	kernel_param_lock(THIS_MODULE);
 	if (!gadget)
 		cable_set(plugged);
+	is_up = true;
+	kernel_param_unlock(THIS_MODULE);
 	return 0;
 }
 
 static void __exit usb_board_exit(void)
 {
+	kernel_param_lock(THIS_MODULE);
+	is_up = false;
+	kernel_param_unlock(THIS_MODULE);
 	take_down(part_count());
 }
 

@@ -29,6 +29,11 @@ void make(const std::string& folder) {
     }
 }
 
+std::string firstLine(const std::string& path) {
+    const std::string text = contents(path);
+    return text.substr(0, text.find('\n'));
+}
+
 bool isAudio(const std::string& function) {
     return function.compare(0, 3, "uac") == 0;
 }
@@ -79,9 +84,12 @@ void KernelGadget::unbind() {
     put(kGadget + "/UDC", "\n");
 }
 
+std::string KernelGadget::attribute(const std::string& name) const {
+    return firstLine(functionFolder + "/" + name);
+}
+
 std::string KernelGadget::state() {
-    std::string state = contents(std::string("/sys/class/udc/") + kUdc + "/state");
-    return state.substr(0, state.find('\n'));
+    return firstLine(std::string("/sys/class/udc/") + kUdc + "/state");
 }
 
 }  // namespace board

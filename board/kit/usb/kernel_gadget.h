@@ -24,6 +24,8 @@ class KernelGadget {
 
     void bind();
     void unbind();
+    // The value of one of the function's attributes, without its line end.
+    std::string attribute(const std::string& name) const;
     // What the kernel's controller says of the link: "not attached", "configured" and so on.
     static std::string state();
 

@@ -112,4 +112,9 @@ Samples PcmRecorder::recording() const {
     return recorded;
 }
 
+Samples PcmRecorder::take() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(recorded, {});
+}
+
 }  // namespace board

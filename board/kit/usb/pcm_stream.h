@@ -67,8 +67,9 @@ class PcmRecorder : public PcmStream {
     explicit PcmRecorder(const std::string& pcm);
     ~PcmRecorder() override { stop(); }
 
-    // What was recorded so far; all of it after stop().
+    // What was recorded so far, or since the last take(); all of it after stop().
     Samples recording() const;
+    Samples take();
 
   private:
     snd_pcm_sframes_t move(snd_pcm_t* pcm) override;
