@@ -2,19 +2,20 @@
 // The daemon's main job, shown: the host plays speech that the app records, the app plays speech
 // that the host records, with volume, mute, a sync-up, a host whose clock runs fast and slow, and
 // the cable meanwhile. Leaves WAV files, the daemon's log, a time line, the messages, latency and
-// depth, and a summary in /out; fails with one sentence when anything is missing. With --service it
-// has the daemon of the installed package do it.
+// depth, what the host shows, and a summary in /out; fails with one sentence when anything is
+// missing. With --stand-in the gadget and its host are the simulated ones; with --service the
+// daemon of the installed package does it.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "board/kit/board.h"
-#include "board/kit/host_player.h"
+#include "board/demo/demo_host.h"
+#include "board/demo/table.h"
 #include "board/kit/mic_stream.h"
 #include "board/kit/service.h"
 #include "board/kit/statistics.h"
@@ -23,17 +24,18 @@
 namespace {
 
 using board::FrameKind;
-using board::HostPlayer;
+using board::kMicDirection;
 using board::kMs;
 using board::kRate;
 using board::kSecond;
+using board::kSpeakerDirection;
 using board::Message;
 using board::MicStream;
 using board::Ns;
+using board::Row;
 using board::Samples;
 
 constexpr char kSounds[] = "/usr/share/sounds/alsa/";
-constexpr char kLog[] = "daemon";
 constexpr int64_t kLeadFrames = kRate / 2;    // before the host's speech: the start is held back
 constexpr int64_t kSettleFrames = 2 * kRate;  // before the app's: the latency settles first
 constexpr Ns kTail = 200 * kMs;
@@ -41,6 +43,12 @@ constexpr int kDriftPpm[] = {1000, -1000};
 constexpr Ns kDriftTime = 7 * kSecond;  // until the latency has settled, and as long again
 constexpr Ns kLatencyMin = 13 * kMs;
 constexpr Ns kLatencyMax = 24 * kMs;
+// The present volumes and mutes at the start, two answers to a sync-up, and both channels on and
+// off once more.
+constexpr size_t kOtherMessages = 4 + 2 * 3 + 4;
+constexpr int64_t kHeldBackMax =
+    kRate / 20;                     // before the speaker's first frame, beside the settling
+constexpr int kAppsVolume = -2560;  // in 1/256 dB
 
 void require(bool holds, const std::string& sentence) {
     if (!holds) {
@@ -65,18 +73,10 @@ struct DirectionResult {
     board::Spread latency;
 };
 
-// A line of the closing table.
-struct Row {
-    const char* key;
-    const char* title;
-    double toApp;
-    double toHost;
-    int decimals;
-};
-
 class MainJob {
   public:
-    explicit MainJob(board::DaemonStarter starter) : board(kLog, std::move(starter)) {}
+    explicit MainJob(std::unique_ptr<board::DemoHost> demo)
+        : demo(std::move(demo)), board(this->demo->board()), host(board.audioHost()) {}
     void run();
 
   private:
@@ -88,7 +88,7 @@ class MainJob {
     void pullAndPlug();
     void speakOnceMore();
     void checkMessages();
-    void measureSpeaker(const board::Heard& heard, int64_t sent);
+    void measureSpeaker(const board::Heard& heard);
     void measureMic(const MicStream& mic);
     void putLatencies(const MicStream& mic) const;
     void putMessages() const;
@@ -96,8 +96,11 @@ class MainJob {
     void report();
     std::vector<Row> table() const;
     void requireCleanDirections() const;
+    Ns timeOfEvent(const std::string& what);
 
-    board::Board board;
+    const std::unique_ptr<board::DemoHost> demo;
+    board::DaemonBoard& board;
+    board::AudioHost& host;
     board::Timeline timeline;
     Samples hostSpeech;
     Samples appSpeech;
@@ -128,41 +131,36 @@ void MainJob::hostSpeaks() {
     timeline.add(board::now(), "host", "plays Front_Center.wav");
     const auto frames = static_cast<int64_t>(hostSpeech.size());
     board.app->takeHeard();
-    {
-        const HostPlayer player(board::speech(hostSpeech, kLeadFrames));
-        board::waitFor([&] { return player.queued() > kRate; });
-        board.host.command("speaker on");
-        board::sleepFor(durationOf(kLeadFrames + frames / 2));
-        changeSettings();
-        board::sleepFor(durationOf(frames / 2) + kTail);
-        board.host.command("speaker off");
-        require(board.hasThreads(board::kIdleThreads), "the speaker channel does not stop");
-    }
+    host.play(board::speech(hostSpeech, kLeadFrames));
+    board::sleepFor(durationOf(kLeadFrames + frames / 2));
+    demo->lookAt(kSpeakerDirection);
+    changeSettings();
+    board::sleepFor(durationOf(frames / 2) + kTail);
+    host.stopPlaying();
+    require(board.hasThreads(board::kIdleThreads), "the speaker channel does not stop");
     const board::Heard heard = board.app->takeHeard();
     board::writeWav("/out/app_heard.wav", heard.left);
     require(heard.unequalFrames == 0, "the app's left and right channels differ");
     require(board::findWhole(hostSpeech, heard.left) >= 0,
             "what the app recorded does not contain the speech that the host played");
-    measureSpeaker(
-        heard, board.host.counter("speaker.frames") - board.host.counter("speaker.first_frames"));
-    board.host.command("flush speaker");
+    measureSpeaker(heard);
 }
 
 void MainJob::changeSettings() {
-    const Ns since = board::now();
-    board.host.command("volume speaker -1280");
-    board.host.command("mute speaker 1");
-    board.host.command("mute speaker 0");
-    board.host.command("volume mic 512");
-    send({3, static_cast<uint16_t>(-2560)});
-    require(board::waitFor(
-                [&] { return board.host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }),
-            "the app's volume does not reach the driver");
+    host.setVolume(kSpeakerDirection, -1280);
+    host.setMute(kSpeakerDirection, true);
+    host.setMute(kSpeakerDirection, false);
+    host.setVolume(kMicDirection, -512);
+    send({3, static_cast<uint16_t>(kAppsVolume)});
+    require(board::waitFor([&] { return host.volume(kSpeakerDirection) == kAppsVolume; }),
+            "the app's volume does not reach the host");
     send({7, 0});
 }
 
 // Compares every frame that was heard with what was played.
-void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
+void MainJob::measureSpeaker(const board::Heard& heard) {
+    const board::StreamPosition position = host.position(kSpeakerDirection);
+    const int64_t sent = position.frames;
     const board::Voice played = board::speech(hostSpeech, kLeadFrames);
     const int64_t first = board::find(heard.left, 0, board::render(played, 0, kRate));
     require(first >= 0, "what the app heard first is not what the host played");
@@ -178,10 +176,9 @@ void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
     speakerResult.received = exact;
     speakerResult.heldBack = first;
     speakerResult.lostOrRepeated = std::abs(wanted - exact);
-    speakerResult.xruns = board.host.counter("capture.xruns");
-    speakerResult.start = heard.blocks.front().at - board.host.counter("speaker.on_ns");
-    const Ns anchor =
-        board.host.frameTime("speaker", board.host.counter("speaker.first_frames") + first);
+    speakerResult.xruns = board.daemon.count("overrun...");
+    speakerResult.start = heard.blocks.front().at - timeOfEvent("speaker on");
+    const Ns anchor = position.timeOf(first);
     std::vector<Ns> latencies;
     for (const board::HeardBlock& block : heard.blocks) {
         const int64_t index = block.firstFrame - heard.blocks.front().firstFrame;
@@ -192,17 +189,31 @@ void MainJob::measureSpeaker(const board::Heard& heard, int64_t sent) {
     speakerResult.latency = board::spreadOf(std::move(latencies));
 }
 
+// The first of the host's with this text.
+Ns MainJob::timeOfEvent(const std::string& what) {
+    for (const board::TimelineEntry& entry : host.events(timeline.start)) {
+        if (entry.who == "host" && entry.what == what) {
+            return entry.at;
+        }
+    }
+    throw std::runtime_error("the host did not do this: " + what);
+}
+
 void MainJob::appSpeaks() {
     timeline.add(board::now(), "app", "plays Rear_Left.wav");
     const int64_t from = board.app->nextFrame() + kSettleFrames;
+    const size_t messages = board.app->messages().size();
     MicStream mic(&board, board::speech(appSpeech, from));
     mic.keepRecording();
     board.app->pauseSpeaking(false);
+    require(board.waitForChannel(kMicDirection.channel, true, messages),
+            "the app is not told of the microphone's stream");
     const Ns end =
         board::now() + durationOf(kSettleFrames + static_cast<int64_t>(appSpeech.size()));
-    board.host.command("mute mic 1");
-    board.host.command("mute mic 0");
+    host.setMute(kMicDirection, true);
+    host.setMute(kMicDirection, false);
     board::sleepUntil(end + kTail);
+    demo->lookAt(kMicDirection);
     mic.observe();
     board::writeWav("/out/host_heard.wav", mic.recorded());
     require(board::findWhole(appSpeech, mic.recorded()) >= 0,
@@ -216,17 +227,17 @@ void MainJob::appSpeaks() {
 // The app murmurs on.
 void MainJob::letClocksDrift(MicStream* mic) {
     for (const int ppm : kDriftPpm) {
-        board.host.command("ppb " + std::to_string(ppm * 1000));
+        host.setPpb(ppm * 1000);
         board::sleepFor(kDriftTime);
         mic->observe();
     }
-    board.host.command("ppb 0");
+    host.setPpb(0);
     require(mic->explained().count(FrameKind::kUnexplained) == 0,
             "frames were lost or repeated from app to host while the clocks drifted");
-    for (const board::MicLatency& latency : mic->latencies()) {
-        require(
-            latency.latency >= kLatencyMin && latency.latency <= kLatencyMax,
-            "the latency from app to host was " + std::to_string(latency.latency / kMs) + " ms");
+    const Ns prepared = durationOf(host.preparedFrames());
+    for (const board::MicLatency& frame : mic->latencies()) {
+        require(frame.latency >= kLatencyMin + prepared && frame.latency <= kLatencyMax + prepared,
+                "the latency from app to host was " + std::to_string(frame.latency / kMs) + " ms");
     }
 }
 
@@ -240,7 +251,7 @@ void MainJob::measureMic(const MicStream& mic) {
         explained.count(FrameKind::kUnexplained) * board::MicRecording::kFrame;
     micResult.gained = explained.count(FrameKind::kStretched);
     micResult.dropped = explained.count(FrameKind::kSqueezed);
-    micResult.xruns = board.host.counter("playback.xruns");
+    micResult.xruns = board.daemon.count("underrun...");
     micResult.start = mic.timeToSound();
     std::vector<Ns> latencies;
     for (const board::MicLatency& latency : mic.latencies()) {
@@ -285,10 +296,10 @@ void MainJob::putMessages() const {
 
 void MainJob::pullAndPlug() {
     timeline.add(board::now(), "user", "pulls the cable");
-    board.host.command("unplug");
+    host.unplug();
     board::sleepFor(kSecond);
     timeline.add(board::now(), "user", "plugs the cable in");
-    board.host.command("plug");
+    host.plug();
     board::sleepFor(kSecond / 2);
 }
 
@@ -298,9 +309,11 @@ void MainJob::speakOnceMore() {
 }
 
 void MainJob::checkMessages() {
+    std::vector<Message> wanted = {{0, 1}, {1, 1}, {3, 0xFB00}, {5, 1}, {5, 0}, {4, 0xFE00}, {1, 0},
+                                   {2, 1}, {6, 1}, {6, 0},      {2, 0}, {0, 0}, {0, 1}};
+    const std::vector<Message> atPlug = demo->toldAtPlug();
+    wanted.insert(wanted.end(), atPlug.begin(), atPlug.end());
     const std::vector<Message> told = board.app->messageValues();
-    const Message wanted[] = {{0, 1}, {1, 1}, {3, 0xFB00}, {5, 1}, {5, 0}, {4, 512}, {1, 0},
-                              {2, 1}, {6, 1}, {6, 0},      {2, 0}, {0, 0}, {0, 1}};
     auto at = told.begin();
     for (const Message& message : wanted) {
         at = std::find(at, told.end(), message);
@@ -308,6 +321,9 @@ void MainJob::checkMessages() {
                 "the app was not told, or not in order: " + board::meaningOf(message));
         ++at;
     }
+    require(told.size() == kOtherMessages + wanted.size(),
+            "the app was told " + std::to_string(told.size()) + " messages, not " +
+                std::to_string(kOtherMessages + wanted.size()));
 }
 
 void MainJob::report() {
@@ -316,49 +332,37 @@ void MainJob::report() {
     board::put("/out/timeline.txt", lines);
     fputs(lines.c_str(), stdout);
     putMessages();
-    const std::vector<Row> rows = table();
-    printf("\n%-40s %14s %14s\n", "", "host to app", "app to host");
-    std::string json = "{";
-    for (const Row& row : rows) {
-        printf("%-40s %14.*f %14.*f\n", row.title, row.decimals, row.toApp, row.decimals,
-               row.toHost);
-        char member[120];
-        snprintf(
-            member, sizeof member, "%s\n  \"%s\": {\"host_to_app\": %.*f, \"app_to_host\": %.*f}",
-            json.size() > 1 ? "," : "", row.key, row.decimals, row.toApp, row.decimals, row.toHost);
-        json += member;
-    }
-    board::put("/out/summary.json", json + "\n}\n");
+    std::vector<Row> rows = table();
+    const std::vector<Row> more = demo->report();
+    rows.insert(rows.end(), more.begin(), more.end());
+    printf("\n%s", board::tableText(rows).c_str());
+    board::put("/out/summary.json", board::tableJson(rows));
 }
 
 std::vector<Row> MainJob::table() const {
-    const auto count = [](const char* key, const char* title, int64_t a, int64_t b) {
-        return Row{key, title, static_cast<double>(a), static_cast<double>(b), 0};
-    };
-    const auto time = [](const char* key, const char* title, Ns a, Ns b) {
-        return Row{key, title, static_cast<double>(a) / kMs, static_cast<double>(b) / kMs, 2};
-    };
+    using board::countRow;
+    using board::timeRow;
     const board::Spread& a = speakerResult.latency;
     const board::Spread& b = micResult.latency;
     return {
-        count("frames_sent", "frames sent", speakerResult.sent, micResult.sent),
-        count("frames_received", "frames received", speakerResult.received, micResult.received),
-        count("frames_held_back", "  before the sound, at the start", speakerResult.heldBack,
-              micResult.heldBack),
-        count("frames_lost_or_repeated", "frames lost or repeated", speakerResult.lostOrRepeated,
-              micResult.lostOrRepeated),
-        count("samples_gained", "samples gained by latency control", speakerResult.gained,
-              micResult.gained),
-        count("samples_dropped", "samples dropped by latency control", speakerResult.dropped,
-              micResult.dropped),
-        count("xruns", "xruns", speakerResult.xruns, micResult.xruns),
-        time("start_ms", "start to first sound, ms", speakerResult.start, micResult.start),
-        time("latency_min_ms", "latency, smallest, ms", a.smallest, b.smallest),
-        time("latency_median_ms", "latency, median, ms", a.median, b.median),
-        time("latency_max_ms", "latency, largest, ms", a.largest, b.largest),
-        count("messages", "messages to the app, from the app",
-              static_cast<int64_t>(board.app->messages().size()),
-              static_cast<int64_t>(sentMessages.size())),
+        countRow("frames_sent", "frames sent", speakerResult.sent, micResult.sent),
+        countRow("frames_received", "frames received", speakerResult.received, micResult.received),
+        countRow("frames_held_back", "  before the sound, at the start", speakerResult.heldBack,
+                 micResult.heldBack),
+        countRow("frames_lost_or_repeated", "frames lost or repeated", speakerResult.lostOrRepeated,
+                 micResult.lostOrRepeated),
+        countRow("samples_gained", "samples gained by latency control", speakerResult.gained,
+                 micResult.gained),
+        countRow("samples_dropped", "samples dropped by latency control", speakerResult.dropped,
+                 micResult.dropped),
+        countRow("xruns", "xruns", speakerResult.xruns, micResult.xruns),
+        timeRow("start_ms", "start to first sound, ms", speakerResult.start, micResult.start),
+        timeRow("latency_min_ms", "latency, smallest, ms", a.smallest, b.smallest),
+        timeRow("latency_median_ms", "latency, median, ms", a.median, b.median),
+        timeRow("latency_max_ms", "latency, largest, ms", a.largest, b.largest),
+        countRow("messages", "messages to the app, from the app",
+                 static_cast<int64_t>(board.app->messages().size()),
+                 static_cast<int64_t>(sentMessages.size())),
     };
 }
 
@@ -369,6 +373,12 @@ void MainJob::requireCleanDirections() const {
                 std::to_string(result->lostOrRepeated) + " frames were lost or repeated " + name);
         require(result->xruns == 0, std::to_string(result->xruns) + " xruns " + name);
     }
+    // A packet is under way when a stream goes on.
+    const int64_t settling = (demo->settleMs() - 1) * kRate / 1000;
+    require(speakerResult.heldBack >= settling,
+            "the daemon was told too early that the host plays");
+    require(speakerResult.heldBack <= settling + kHeldBackMax,
+            "the daemon took too long to hear what the host plays");
 }
 
 void MainJob::run() {
@@ -385,13 +395,17 @@ void MainJob::run() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const auto has = [&](const char* option) {
+        return std::find(argv + 1, argv + argc, std::string(option)) != argv + argc;
+    };
     try {
         board::DaemonStarter starter;
-        if (argc > 1 && strcmp(argv[1], "--service") == 0) {
+        if (has("--service")) {
             board::joinServiceGroup();
             starter = board::startService;
         }
-        MainJob(std::move(starter)).run();
+        MainJob(has("--stand-in") ? board::makeStandInDemo(starter) : board::makeWireDemo(starter))
+            .run();
     } catch (const std::exception& failure) {
         fprintf(stderr, "run: %s\n", failure.what());
         return 1;

@@ -31,10 +31,17 @@ std::optional<int64_t> valueIn(const std::string& status, const std::string& nam
     return std::atoll(status.c_str() + colon + 1);
 }
 
-// What the bus does all the time, and the host while it enumerates.
+// What has ended a stream before it was stopped.
+std::string endOf(const PcmStream& stream) {
+    return stream.isOver() ? std::string(", over: ") + snd_strerror(stream.error()) : "";
+}
+
+// Of the control transfers only those by which the host sets something: the others are its reading
+// of descriptors and ranges.
 bool isWorthALine(const WireEvent& event) {
-    const bool isControl = event.text.rfind("control", 0) == 0;
-    return !isControl || event.text.rfind("control 21", 0) == 0;
+    constexpr char kAnyControl[] = "control";
+    constexpr char kSetCur[] = "control 21 01";
+    return event.text.rfind(kAnyControl, 0) != 0 || event.text.rfind(kSetCur, 0) == 0;
 }
 
 }  // namespace
@@ -62,7 +69,7 @@ void WireAudioHost::play(const Voice& voice) {
 
 void WireAudioHost::stopPlaying() {
     if (player) {
-        note("speaker off");
+        note("speaker off" + endOf(*player));
         player.reset();
     }
 }
@@ -76,7 +83,7 @@ void WireAudioHost::record() {
 
 void WireAudioHost::stopRecording() {
     if (recorder) {
-        note("mic off");
+        note("mic off" + endOf(*recorder));
         recorder.reset();
     }
 }
