@@ -71,7 +71,7 @@ function tableOf(heads, rows, kind = "") {
 
 // ---- The time line -------------------------------------------------------------------------------
 
-const LANES = ["user", "host", "driver", "daemon", "app"];
+const LANES = ["user", "host", "wire", "driver", "daemon", "app"];  // the wire is there, or the stand-in's driver
 const STREAMS = [["0", "USB"], ["1", "speaker"], ["2", "microphone"]];
 
 // The times from a message of this type with 1 to the next one with 0.
@@ -113,6 +113,7 @@ function drawTimeline(entries, messages) {
   const end = Math.ceil(Math.max(1, ...entries.map((entry) => entry.at)));
   const left = 86;
   const plot = new Plot(left, 0, WIDTH - left - 20, 0, [0, end], [0, 1]);
+  const lanes = LANES.filter((who) => entries.some((entry) => entry.who === who));
   const rows = [];
   const labels = labelsOf(entries).map((label) => {
     const x = plot.x(label.at);
@@ -126,7 +127,7 @@ function drawTimeline(entries, messages) {
   });
   const top = rows.length * 17 + 8;
   const lane = (i) => top + i * 20 + 10;
-  const bottom = lane(STREAMS.length + LANES.length - 1) + 14;
+  const bottom = lane(STREAMS.length + lanes.length - 1) + 14;
   let out = "";
   for (const { who, text, x, row, flipped } of labels) {
     const y = row * 17 + 12;
@@ -141,7 +142,7 @@ function drawTimeline(entries, messages) {
         height="12" rx="3" fill="var(--daemon)" opacity="0.35"><title>${name}: ${from} to ${to} s</title></rect>`;
     }
   });
-  LANES.forEach((who, i) => {
+  lanes.forEach((who, i) => {
     const y = lane(STREAMS.length + i);
     out += `<text x="${left - 10}" y="${y + 4}" text-anchor="end">${who}</text>
       <line class="grid" x1="${left}" x2="${WIDTH - 20}" y1="${y}" y2="${y}"/>`;
@@ -303,6 +304,15 @@ function drawSummary(summary) {
     : "Frames were lost or repeated, or a stream broke.";
 }
 
+// The host's card and mixer in the first column, and a column for each stream.
+function drawHost(text) {
+  if (text) {
+    const [card, playback, capture, mixer] = text.trimEnd().split("\n\n");
+    const columns = [`${card}\n\n${mixer}`, playback, capture].map((part) => `<pre>${escaped(part)}</pre>`);
+    put("host", `<h2>The host's view</h2><div class="views">${columns.join("")}</div>`);
+  }
+}
+
 function drawMessages(messages) {
   const rows = [...messages].sort((a, b) => a.t_s - b.t_s).map((m) =>
     ({ cells: [m.t_s, m.from === "app" ? '<span class="app">app says</span>' : '<span class="daemon">app is told</span>',
@@ -340,6 +350,7 @@ function draw() {
   drawTimeline(entries, messages);
   put("sound", `<div class="columns">${DIRECTIONS.map(drawDirection).join("")}</div>`);
   drawLatency(readCsv(textOf("latency.csv")), entries);
+  drawHost(textOf("host.txt"));
   drawMessages(messages);
   drawLog(readLog(textOf("daemon.log")));
   const summary = textOf("summary.json");
