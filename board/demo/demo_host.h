@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "board/demo/table.h"
@@ -18,8 +19,10 @@ class DemoHost {
     virtual DaemonBoard& board() = 0;
     // A stream runs: what the host shows of it is noted.
     virtual void lookAt(const Direction& direction) = 0;
-    // Rows for the table; what the host shows is left in /out. Throws when the bus lost something.
+    // Rows for the table; what the host shows is left in /out.
     virtual std::vector<Row> report() = 0;
+    // What went wrong on the bus, or an empty text.
+    virtual std::string findFault() = 0;
 
     // How long a stream is on before the daemon is told.
     virtual int settleMs() = 0;

@@ -390,6 +390,8 @@ void MainJob::run() {
     report();
     checkMessages();
     requireCleanDirections();
+    const std::string fault = demo->findFault();
+    require(fault.empty(), fault);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ class StandInDemo : public DemoHost {
     DaemonBoard& board() override { return standIn; }
     void lookAt(const Direction& /*direction*/) override {}
     std::vector<Row> report() override { return {}; }
+    std::string findFault() override { return ""; }
     int settleMs() override { return 0; }
     std::vector<Message> toldAtPlug() override { return {}; }
 
