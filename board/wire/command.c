@@ -215,7 +215,6 @@ static const struct file_operations command_fops = {
 	.owner = THIS_MODULE,
 	.open = stream_open,
 	.write = command_write,
-	.llseek = no_llseek,
 };
 
 static struct miscdevice command_device = {

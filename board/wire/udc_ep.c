@@ -127,7 +127,7 @@ static int ep_dequeue(struct usb_ep *usb_ep, struct usb_request *req)
 	return err;
 }
 
-static int halt(struct usb_ep *usb_ep, bool halted, bool wedged)
+static int change_halt(struct usb_ep *usb_ep, bool halted, bool wedged)
 {
 	struct wire_ep *ep = to_wire_ep(usb_ep);
 	unsigned long flags;
@@ -149,12 +149,12 @@ static int halt(struct usb_ep *usb_ep, bool halted, bool wedged)
 
 static int ep_set_halt(struct usb_ep *usb_ep, int value)
 {
-	return halt(usb_ep, value, false);
+	return change_halt(usb_ep, value, false);
 }
 
 static int ep_set_wedge(struct usb_ep *usb_ep)
 {
-	return halt(usb_ep, true, true);
+	return change_halt(usb_ep, true, true);
 }
 
 static const struct usb_ep_ops ep_ops = {

@@ -48,6 +48,7 @@ OF_SOURCES = (
     Check("tools/check/packaging", PACKAGING),
     Check("tools/check/packaging_test", ("tools/check/packaging", *PACKAGING)),
     Check("tools/report/report_test", ("tools/report", "tools/packages.sh")),
+    Check("tools/check/kernel", ("gadget", "board/wire")),
     Check("tools/check/style"),
     Check("tools/run-tests/run_tests_test", ("tools/run-tests",)),
     Check("tools/check/docs_test", ("tools/check/docs",)),
