@@ -37,7 +37,7 @@ class Check:
 
 PRODUCT = ("alsa", "buffer", "cable", "channel", "daemon", "ipc", "platform", "companion")
 PACKAGING = ("tests/packaging", "packaging", "Android.bp", "LICENSE", "tools/packages.sh", "tools/cmake",
-             "CMakeLists.txt", *PRODUCT)
+             "CMakeLists.txt", "gadget", *PRODUCT)
 
 # The slowest first.
 OF_SOURCES = (
