@@ -68,6 +68,10 @@ std::string UsbHost::attribute(const std::string& name) {
     return text.substr(0, text.find('\n'));
 }
 
+void UsbHost::configure(int configuration) {
+    put(kDevice + "bConfigurationValue", std::to_string(configuration));
+}
+
 void UsbHost::allowSuspend(bool allow) {
     put(kDevice + "power/autosuspend_delay_ms", "0");
     put(kDevice + "power/control", allow ? "auto" : "on");

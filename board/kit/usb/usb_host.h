@@ -25,6 +25,8 @@ class UsbHost {
     // A file of the device's, without its line end: "speed" gives "480" or "12". Empty without a
     // device.
     static std::string attribute(const std::string& name);
+    // Sets the device's configuration; 0 is none.
+    static void configure(int configuration);
     // Lets the host suspend a device that nobody uses, which it then does at once; or wakes it.
     static void allowSuspend(bool allow);
 };
