@@ -250,6 +250,7 @@ void Comparison::measure(const Subject& subject) {
 
 void compare(const char* key, const char* title, const std::vector<board::Direction>& directions,
              const std::vector<Subject>& subjects, const Options& options) {
+    loadLoopbackCard(2);
     putVoice(options.measured);
     Comparison comparison(key, title, directions, options.measured);
     for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {

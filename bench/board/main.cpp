@@ -12,6 +12,7 @@
 #include "bench/board/latency.h"
 #include "bench/board/options.h"
 #include "bench/board/profile.h"
+#include "bench/board/usb.h"
 
 namespace {
 
@@ -19,10 +20,16 @@ struct Section {
     const char* name;
     void (*measure)(const bench::Options& options);
 };
-constexpr Section kSections[] = {
-    {"speaker", bench::measureSpeaker}, {"microphone", bench::measureMicrophone},
-    {"both", bench::measureBoth},       {"profile", bench::measureProfile},
-    {"latency", bench::measureLatency}, {"growth", bench::measureGrowth}};
+constexpr Section kSections[] = {{"speaker", bench::measureSpeaker},
+                                 {"microphone", bench::measureMicrophone},
+                                 {"both", bench::measureBoth},
+                                 {"profile", bench::measureProfile},
+                                 {"latency", bench::measureLatency},
+                                 {"growth", bench::measureGrowth},
+                                 {"usb_speaker", bench::measureUsbSpeaker},
+                                 {"usb_microphone", bench::measureUsbMicrophone},
+                                 {"usb_both", bench::measureUsbBoth},
+                                 {"usb_drift", bench::measureUsbDrift}};
 
 }  // namespace
 

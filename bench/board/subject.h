@@ -17,6 +17,10 @@ struct Command {
     std::string output;              // and its standard output
 };
 
+// The words are those of `text` between blanks.
+Command commandOf(const std::string& text, const std::string& input = "",
+                  const std::string& output = "");
+
 struct Subject {
     std::string name;
     std::vector<Command> commands;  // measured together
@@ -42,6 +46,9 @@ class Processes {
   private:
     std::vector<pid_t> processIds;
 };
+
+// The card between alsaloop and the app; throws when it does not load.
+void loadLoopbackCard(int index);
 
 // The daemon first, then the minimal loops, then the programs of others. Helpers that speak play
 // kVoiceFile.

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cstdlib>
 #include <sstream>
+#include <stdexcept>
 
 #include "bench/board/subject.h"
 #include "board/kit/app.h"
@@ -23,50 +25,38 @@ constexpr char kGstTimes[] = "latency-time=5000 provide-clock=false ";
 constexpr char kGstStereo[] = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved ";
 constexpr char kAlsaloop[] = "/usr/bin/alsaloop -f S16_LE -c 1 -r 48000 --period=240 ";
 
-Command command(const std::string& text, const std::string& input = "",
-                const std::string& output = "") {
-    Command made;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        made.words.push_back(word);
-    }
-    made.input = input;
-    made.output = output;
-    return made;
-}
-
 Subject toApp(const std::string& name, const std::string& text) {
-    return {name, {command(text, "/dev/null", kFifoRx)}, {}, true};
+    return {name, {commandOf(text, "/dev/null", kFifoRx)}, {}, true};
 }
 
 Subject fromApp(const std::string& name, const std::string& text) {
-    return {name, {command(text, kFifoTx)}, {}, true};
+    return {name, {commandOf(text, kFifoTx)}, {}, true};
 }
 
 Subject daemon() {
-    return {"uafd", {command("/bench/uafd")}, {}, true};
+    return {"uafd", {commandOf("/bench/uafd")}, {}, true};
 }
 
 // The other side of alsaloop is the loopback card, hw:2, where the app is two programs: one hears
 // substream 0, the other speaks on substream 1.
 Command loopToApp(const std::string& mode) {
-    return command(kAlsaloop + std::string("--buffer=2400 -C hw:1 -P hw:2,0,0 -S ") + mode,
-                   "/dev/null");
+    return commandOf(kAlsaloop + std::string("--buffer=2400 -C hw:1 -P hw:2,0,0 -S ") + mode,
+                     "/dev/null");
 }
 
 Command loopFromApp(const std::string& mode) {
-    return command(kAlsaloop + std::string("--buffer=720 -C hw:2,1,1 -P hw:1 -S ") + mode,
-                   "/dev/null");
+    return commandOf(kAlsaloop + std::string("--buffer=720 -C hw:2,1,1 -P hw:1 -S ") + mode,
+                     "/dev/null");
 }
 
 Command appHears() {
-    return command(kArecord + std::string("--buffer-size=2400 -c 1 -D hw:2,1,0"), "/dev/null",
-                   kFifoRx);
+    return commandOf(kArecord + std::string("--buffer-size=2400 -c 1 -D hw:2,1,0"), "/dev/null",
+                     kFifoRx);
 }
 
 Command appSpeaks() {
-    return command(kAplay + std::string("--buffer-size=2400 -c 1 -D hw:2,0,1 ") + kVoiceFile,
-                   "/dev/null");
+    return commandOf(kAplay + std::string("--buffer-size=2400 -c 1 -D hw:2,0,1 ") + kVoiceFile,
+                     "/dev/null");
 }
 
 struct Mode {
@@ -77,13 +67,32 @@ constexpr Mode kModes[] = {{"none", "0"}, {"simple", "1"}, {"samplerate", "4"}};
 
 }  // namespace
 
+Command commandOf(const std::string& text, const std::string& input, const std::string& output) {
+    Command made;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        made.words.push_back(word);
+    }
+    made.input = input;
+    made.output = output;
+    return made;
+}
+
+void loadLoopbackCard(int index) {
+    const std::string command = "modprobe snd-aloop index=" + std::to_string(index);
+    if (system(command.c_str()) != 0) {
+        throw std::runtime_error("the loopback card does not load");
+    }
+}
+
 std::vector<Subject> speakerSubjects() {
     std::vector<Subject> subjects{
         daemon(),
         toApp("minimal loop", "/bench/minimal_speaker"),
         toApp("minimal loop, state and wait", "/bench/minimal_speaker --ask"),
         {"arecord, mono",
-         {command(kArecord + std::string("--buffer-size=2400 -c 1 -D hw:1"), "/dev/null", kFifoRx)},
+         {commandOf(kArecord + std::string("--buffer-size=2400 -c 1 -D hw:1"), "/dev/null",
+                    kFifoRx)},
          {},
          false},
         toApp("arecord, plughw, stereo",
@@ -133,8 +142,8 @@ std::vector<Subject> bothSubjects() {
     std::vector<Subject> subjects{
         daemon(),
         {"minimal loops, state and wait",
-         {command("/bench/minimal_speaker --ask", "/dev/null", kFifoRx),
-          command("/bench/minimal_mic --ask", kFifoTx)},
+         {commandOf("/bench/minimal_speaker --ask", "/dev/null", kFifoRx),
+          commandOf("/bench/minimal_mic --ask", kFifoTx)},
          {},
          true},
     };
