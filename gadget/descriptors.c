@@ -15,7 +15,10 @@
 /* bInterval of a millisecond: at full speed in milliseconds, at high speed 2^(N-1) microframes. */
 #define FULL_SPEED_INTERVAL	1
 #define HIGH_SPEED_INTERVAL	4
-/* The feedback never changes, so it need not be asked for often: each 2^5 ms. */
+/*
+ * The feedback never changes, so it need not be asked for often: each 2^5 ms. Linux counts microframes at
+ * high speed, so that it asks each 4 ms.
+ */
 #define FEEDBACK_REFRESH	5
 #define STATUS_BYTES		sizeof(struct uac1_status_word)
 
