@@ -6,7 +6,7 @@ set terminal svg noenhanced size 900,620 font "sans,12" background "white"
 set output picture
 set datafile separator tab
 set datafile missing "NaN"
-set multiplot layout 3,1 margins 0.34,0.96,0.08,0.94 spacing 0,0.11
+set multiplot layout 3,1 margins 0.38,0.96,0.08,0.94 spacing 0,0.11
 set yrange [*:*] reverse
 set offsets 0, 0, 0.5, 0.5
 set grid xtics
@@ -22,7 +22,7 @@ set xrange [0:200]
 plot table using (0):0:(0):2:($0-0.38):($0+0.38):(colour(strcol(1))):ytic(1) \
          every ::1 with boxxyerror lc rgb variable, \
      "" using 2:0:(sprintf(" %.2f", $2)) every ::1 with labels left
-set xrange [0:80]
+set xrange [0:130]
 set title "latency from the host's program to the app: median and largest, ms"
 plot table using (0):0:(0):6:($0-0.38):($0+0.38):(colour(strcol(1))):ytic(1) \
          every ::1::6 with boxxyerror lc rgb variable, \
