@@ -3,25 +3,16 @@
 // daemon's log is named after the case.
 #pragma once
 
-#include <algorithm>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "board/kit/board.h"
+#include "tests/board/case_name.h"
 
 namespace uafd {
 
 class BoardCase : public testing::Test, public board::Board {
   protected:
     BoardCase() : Board(caseName()) {}
-
-    static std::string caseName() {
-        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = std::string(info->test_suite_name()) + "." + info->name();
-        std::replace(name.begin(), name.end(), '/', '.');
-        return name;
-    }
 
     // Returns once both streams run.
     void bothOn() {

@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+// The daemon over the wire: whatever becomes of cable, bus, host and drivers, whichever streams are
+// on, the app is told of it and the daemon is whole afterwards.
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include "board/kit/files.h"
+#include "board/kit/usb/host_mixer.h"
+#include "board/kit/usb/usb_host.h"
+#include "tests/board/usb_daemon/wire_case.h"
+
+namespace uafd {
+namespace {
+
+using board::Direction;
+using board::kMicDirection;
+using board::kMs;
+using board::kSpeakerDirection;
+using board::put;
+using board::UsbHost;
+using board::WireBoard;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+constexpr board::Ns kHandled = 100 * kMs;  // by the daemon, a stop of both channels included
+constexpr char kConfiguration[] = "/sys/bus/usb/devices/1-1/bConfigurationValue";
+constexpr char kPullUp[] = "/sys/class/udc/ff300000.usb/soft_connect";
+constexpr Direction kDirections[] = {kSpeakerDirection, kMicDirection};
+
+// 0, or the errno that refused it.
+int unload(const char* module) {
+    return syscall(SYS_delete_module, module, O_NONBLOCK) == 0 ? 0 : errno;
+}
+
+void load(const std::string& module) {
+    ASSERT_EQ(system(("modprobe " + module).c_str()), 0);
+}
+
+void expectCard(bool there) {
+    ASSERT_TRUE(UsbHost::waitForCard(there));
+    board::sleepFor(kHandled);
+}
+
+// ---- What happens ------------------------------------------------------------------------------
+
+void pullAndPlug(WireBoard& board) {
+    board.host.unplug();
+    board::sleepFor(kHandled);
+    board.host.plug();
+}
+
+// The device takes a disturbance for a reset; the host's hub shuts the port.
+void disturb(WireBoard& board) {
+    board.wire.reset();
+    expectCard(false);
+}
+
+void reset(WireBoard& /*board*/) {
+    ASSERT_EQ(board::UsbDevice().reset(), 0);
+}
+
+void suspendAndResume(WireBoard& board) {
+    board.wire.suspend();
+    board::sleepFor(kHandled);
+    board.wire.resume();
+}
+
+void leaveConfiguration(WireBoard& /*board*/) {
+    put(kConfiguration, "0");
+    expectCard(false);
+    put(kConfiguration, "1");
+}
+
+void unbindAndBind(WireBoard& board) {
+    board.gadget.unbind();
+    expectCard(false);
+    board.gadget.bind();
+}
+
+void releasePullUp(WireBoard& /*board*/) {
+    put(kPullUp, "disconnect");
+    expectCard(false);
+    put(kPullUp, "connect");
+}
+
+// The gadget waits for a controller, and binds to it as soon as there is one.
+void reloadController(WireBoard& board) {
+    { const board::Wire closing(std::move(board.wire)); }
+    ASSERT_EQ(unload("usb_wire"), 0);
+    expectCard(false);
+    load("usb_wire");
+    board.wire = board::Wire();
+}
+
+// The daemon has the control device open.
+void failToUnloadDriver(WireBoard& /*board*/) {
+    EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);
+}
+
+// What becomes of the streams that are on.
+enum class Fate {
+    kStay,   // nothing: the app is told nothing of them
+    kPause,  // they go off and on again
+    kEnd,    // they go off
+};
+
+struct LinkEvent {
+    const char* name;
+    void (*happen)(WireBoard& board);
+    Fate fate;
+    bool loses;       // the daemon loses the host, and finds it again
+    bool enumerates;  // the host does: it tries each volume a step below, where that was 0
+};
+
+constexpr LinkEvent kLinkEvents[] = {
+    {"Unplug", pullAndPlug, Fate::kEnd, true, true},
+    {"Disturbance", disturb, Fate::kEnd, true, true},
+    {"Reset", reset, Fate::kEnd, true, true},
+    {"Suspend", suspendAndResume, Fate::kPause, false, false},
+    {"Configuration", leaveConfiguration, Fate::kEnd, false, true},
+    {"Unbind", unbindAndBind, Fate::kEnd, true, true},
+    {"PullUp", releasePullUp, Fate::kEnd, true, true},
+    {"Controller", reloadController, Fate::kEnd, true, true},
+    {"DriverInUse", failToUnloadDriver, Fate::kStay, false, false},
+};
+
+void PrintTo(const LinkEvent& event, std::ostream* out) {
+    *out << event.name;
+}
+
+// ---- In each state of the channels -------------------------------------------------------------
+
+class Link : public WireCase, public testing::WithParamInterface<std::tuple<LinkEvent, Streams>> {
+  protected:
+    std::vector<uint32_t> statesWanted() const {
+        return event.loses ? std::vector<uint32_t>{0, 1} : std::vector<uint32_t>{};
+    }
+    std::vector<uint32_t> streamStatesWanted(const Direction& direction) const {
+        if (!streams.has(direction) || event.fate == Fate::kStay) {
+            return {};
+        }
+        return event.fate == Fate::kEnd ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, 1};
+    }
+    std::vector<uint32_t> volumesWanted() const {
+        return event.enumerates ? std::vector<uint32_t>{0xFF00, 0} : std::vector<uint32_t>{};
+    }
+
+    const LinkEvent event = std::get<0>(GetParam());
+    const Streams streams = std::get<1>(GetParam());
+};
+
+TEST_P(Link, LeavesTheDaemonWhole) {
+    switchOn(streams);
+    forget();
+    event.happen(*this);
+    expectCard(true);
+    EXPECT_THAT(told(kUsbState), ElementsAreArray(statesWanted()));
+    for (const Direction& direction : kDirections) {
+        SCOPED_TRACE(direction.name);
+        EXPECT_THAT(told(direction.channel), ElementsAreArray(streamStatesWanted(direction)));
+        EXPECT_THAT(told(volumeOf(direction)), ElementsAreArray(volumesWanted()));
+        EXPECT_THAT(told(muteOf(direction)), IsEmpty());
+    }
+    EXPECT_TRUE(hasThreads((event.fate == Fate::kEnd ? kNoStream : streams).threads()));
+    expectWhole();
+}
+
+INSTANTIATE_TEST_SUITE_P(UsbDaemon, Link,
+                         testing::Combine(testing::ValuesIn(kLinkEvents),
+                                          testing::ValuesIn(kEveryStreams)),
+                         [](const auto& info) {
+                             return std::string(std::get<0>(info.param).name) + "_" +
+                                    std::get<1>(info.param).name;
+                         });
+
+}  // namespace
+}  // namespace uafd
