@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // setprop NAME VALUE: sets a system property of the simulated board, one file per property. Setting
 // "sys.usb.config", even to the value it has, re-enumerates the gadget, as the real board's
-// platform does; a restart of the USB controller is asked for in just this way.
+// platform does; a restart of the USB controller is asked for in just this way. With real USB the
+// gadget named "board" is bound again to the controller of the property "sys.usb.controller".
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <string>
 #include <unistd.h>
 
@@ -15,6 +17,8 @@ constexpr char kPropertyDir[] = "/run/properties/";
 constexpr char kUsbConfig[] = "sys.usb.config";
 constexpr char kUsbHost[] = "/dev/usb_host";
 constexpr char kReenumerate[] = "reenumerate";
+constexpr char kController[] = "/run/properties/sys.usb.controller";
+constexpr char kGadgetsController[] = "/sys/kernel/config/usb_gadget/board/UDC";
 
 bool writeFile(const char* path, int flags, const std::string& text) {
     const int fd = open(path, O_WRONLY | O_CLOEXEC | flags, 0644);
@@ -44,7 +48,18 @@ bool setProperty(const std::string& name, const std::string& value) {
     return true;
 }
 
+bool bindAgain() {
+    std::string controller;
+    std::getline(std::ifstream(kController), controller);
+    // Refused when it is not bound.
+    writeFile(kGadgetsController, 0, "\n");
+    return writeFile(kGadgetsController, 0, controller) || fail(kGadgetsController);
+}
+
 bool reenumerate() {
+    if (access(kUsbHost, F_OK) != 0) {
+        return bindAgain();
+    }
     return writeFile(kUsbHost, 0, kReenumerate) || fail(kUsbHost);
 }
 

@@ -186,5 +186,72 @@ INSTANTIATE_TEST_SUITE_P(UsbDaemon, Link,
                                     std::get<1>(info.param).name;
                          });
 
+class Daemon : public WireCase {};
+
+// The cable detector says that there is a host, and the gadget does not hear it: its configuration
+// is set once more.
+TEST_F(Daemon, RestartsAGadgetThatDoesNotHearItsHost) {
+    forget();
+    put(kPullUp, "disconnect");
+    ASSERT_TRUE(UsbHost::waitForCard(false));
+    ASSERT_TRUE(daemon.waitForLog(
+        "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
+        "property: uac"));
+    expectCard(true);
+    EXPECT_THAT(told(kUsbState), ElementsAre(0, 1));
+    expectWhole();
+}
+
+// Another daemon takes over in mid-stream, once the first has gone.
+TEST_F(Daemon, FindsWhatRunsAtItsStart) {
+    switchOn(kBothStreams);
+    daemon.stop();
+    forget();
+    daemon.start();
+    ASSERT_TRUE(waitUntilTold(kUsbState, 1));
+    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    EXPECT_THAT(told(kUsbState), ElementsAre(1));
+    for (const Direction& direction : kDirections) {
+        EXPECT_THAT(told(direction.channel), ElementsAre(1));
+        EXPECT_THAT(told(volumeOf(direction)), ElementsAre(0));
+        EXPECT_THAT(told(muteOf(direction)), ElementsAre(0));
+    }
+    expectWhole();
+}
+
+// A daemon, ended in mid-stream, and its gadget were there; the driver's module went and came.
+class ReloadedDriver {
+  protected:
+    explicit ReloadedDriver(const Streams& streams) {
+        {
+            WireBoard board(caseName() + ".before");
+            board.start(false);
+            if (streams.speaker) {
+                board.host.play(board::noise);
+            }
+            if (streams.mic) {
+                board.host.record();
+            }
+            EXPECT_TRUE(board.hasThreads(streams.threads()));
+            board.daemon.stop();
+            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);  // the gadget holds it
+        }
+        EXPECT_EQ(unload("usb_f_vexa"), 0);
+        EXPECT_FALSE(board::exists("/sys/class/android_usb"));
+    }
+};
+
+class DriverModule : ReloadedDriver, public WireCase, public testing::WithParamInterface<Streams> {
+  protected:
+    DriverModule() : ReloadedDriver(GetParam()) {}
+};
+
+TEST_P(DriverModule, ServesTheNextDaemon) {
+    expectWhole();
+}
+
+INSTANTIATE_TEST_SUITE_P(UsbDaemon, DriverModule, testing::ValuesIn(kEveryStreams),
+                         [](const auto& info) { return info.param.name; });
+
 }  // namespace
 }  // namespace uafd

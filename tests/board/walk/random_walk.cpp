@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// random_walk --seed N --steps M [--over app]: walks over everything, or over what an app may do,
-// and prints after which step something went wrong, and what. Every kStepsAProof steps and at the
-// end it proves the daemon whole. tools/random-walk runs it.
+// random_walk --seed N --steps M [--over app|wire]: walks over everything, over what an app may do,
+// or over both ends of the wire, and says after which step what went wrong. Every kStepsAProof
+// steps and at the end the daemon is proved whole. tools/random-walk runs it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <string>
 
-#include "tests/board/walk/walk.h"
+#include "tests/board/walk/simulated_walk.h"
+#include "tests/board/walk/wire_walk.h"
 
 namespace uafd {
 namespace {
@@ -27,33 +30,29 @@ const char* argument(int argc, char** argv, const char* name) {
 long number(int argc, char** argv, const char* name) {
     const char* const value = argument(argc, argv, name);
     if (value == nullptr) {
-        fprintf(stderr, "usage: random_walk --seed N --steps M [--over app]\n");
+        fprintf(stderr, "usage: random_walk --seed N --steps M [--over app|wire]\n");
         exit(2);
     }
     return strtol(value, nullptr, 10);
 }
 
-Scope scopeOf(int argc, char** argv) {
-    const char* const scope = argument(argc, argv, "--over");
-    return scope != nullptr && strcmp(scope, "app") == 0 ? Scope::kApp : Scope::kAll;
-}
-
-void printDelays(const board::RecordWatch& records) {
-    printf(
-        "measured: %lld records; the longest wait of one %s; the longest stop of the microphone "
-        "%s\n",
-        static_cast<long long>(records.read()), records.wait().text().c_str(),
-        records.micStop().text().c_str());
+std::unique_ptr<Walk> walkOf(int argc, char** argv) {
+    const auto seed = static_cast<uint64_t>(number(argc, argv, "--seed"));
+    const char* const over = argument(argc, argv, "--over");
+    if (over != nullptr && strcmp(over, "wire") == 0) {
+        return std::make_unique<WireWalk>(seed);
+    }
+    const bool isApps = over != nullptr && strcmp(over, "app") == 0;
+    return std::make_unique<SimulatedWalk>(seed, isApps ? Scope::kApp : Scope::kAll);
 }
 
 // Returns the exit status: 1 when something went wrong.
-int walk(long seed, long steps, Scope scope) {
-    Walk walk(static_cast<uint64_t>(seed), scope);
+int take(long steps, Walk* walk) {
     for (long step = 1; step <= steps; ++step) {
         printf("step %ld %lld ms ", step, static_cast<long long>(board::now() / board::kMs));
-        std::string wrong = walk.step();
+        std::string wrong = walk->step();
         if (wrong.empty() && (step % kStepsAProof == 0 || step == steps)) {
-            wrong = walk.prove();
+            wrong = walk->prove();
             if (wrong.empty()) {
                 printf("whole after %ld\n", step);
             }
@@ -63,7 +62,7 @@ int walk(long seed, long steps, Scope scope) {
             return 1;
         }
     }
-    printDelays(walk.records());
+    printf("measured: %s\n", walk->measured().c_str());
     return 0;
 }
 
@@ -74,8 +73,8 @@ using namespace uafd;
 
 int main(int argc, char** argv) {
     try {
-        return walk(number(argc, argv, "--seed"), number(argc, argv, "--steps"),
-                    scopeOf(argc, argv));
+        const std::unique_ptr<Walk> walk = walkOf(argc, argv);
+        return take(number(argc, argv, "--steps"), walk.get());
     } catch (const std::exception& failure) {
         printf("wrong: %s\n", failure.what());
         return 1;

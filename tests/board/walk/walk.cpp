@@ -21,35 +21,18 @@ constexpr std::ptrdiff_t kRealtimeThreads = 3;  // two workers and the FIFO's re
 constexpr board::Ns kPatience = 30 * kSecond;   // a suspend delays a channel by six seconds
 constexpr board::Ns kSyncPatience = 60 * kSecond;
 constexpr board::Ns kBusyWindow = kSecond;
-constexpr board::Ns kHandled = 50 * kMs;  // until a record is handled, whatever the app does
-constexpr board::Ns kMicStopped =
-    42 * kMs;  // from its off event: four passes of up to 10 ms, and the threads
 constexpr size_t kPendingMessages = 128;  // in the daemon, in a socket, and a few more
 
 }  // namespace
 
-Walk::Walk(uint64_t seed, Scope scope)
-    : random(seed), board("random_walk"), scope(scope), recordWatch(&board.host) {
-    board.start();
-    board.app.reset();
+void Walk::begin() {
+    board().start();
+    board().app.reset();
     startApp({});
-}
-
-void Walk::host(const std::string& command) {
-    const int error = board.host.tryCommand(command);
-    note(command + (error == 0 ? "" : " (refused)"));
 }
 
 void Walk::note(const std::string& what) {
     did += (did.empty() ? "" : ", ") + what;
-}
-
-std::string Walk::direction() {
-    return random.flip() ? "speaker" : "mic";
-}
-
-std::string Walk::pcm() {
-    return random.flip() ? "capture" : "playback";
 }
 
 void Walk::startApp(board::AppOptions options) {
@@ -63,19 +46,18 @@ void Walk::endApp() {
     watch.forget();
 }
 
+void Walk::announce(const char* name) {
+    printf("%s", name);
+    fflush(stdout);
+}
+
 std::string Walk::step() {
     did.clear();
-    const Action& action = chooseAction(random, scope);
-    printf("%s", action.name);
-    fflush(stdout);
-    action.run(*this);
-    if (scope == Scope::kApp) {
-        recordWatch.probe();
-    }
+    act();
     printf("%s%s\n", did.empty() ? "" : ": ", did.c_str());
     fflush(stdout);
     const board::Ns since = board::now();
-    const board::Ns cpu = board::cpuOf(board.daemon.pid());
+    const board::Ns cpu = board::cpuOf(board().daemon.pid());
     pause();
     return findOddity(since, cpu);
 }
@@ -93,11 +75,11 @@ void Walk::pause() {
 }
 
 std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
-    if (!board.daemon.isRunning()) {
+    if (!board().daemon.isRunning()) {
         return "the daemon has ended";
     }
     const board::Ns passed = board::now() - since;
-    const board::Ns used = board::cpuOf(board.daemon.pid()) - cpuBefore;
+    const board::Ns used = board::cpuOf(board().daemon.pid()) - cpuBefore;
     if (passed >= kBusyWindow && used > passed / 2) {
         return "the daemon was busy for " + std::to_string(used / kMs) + " of " +
                std::to_string(passed / kMs) + " ms";
@@ -113,7 +95,7 @@ std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
 }
 
 std::string Walk::findCrowd() {
-    const auto threads = board::threadsOf(board.daemon.pid());
+    const auto threads = board::threadsOf(board().daemon.pid());
     const auto realtime =
         std::count_if(threads.begin(), threads.end(),
                       [](const board::ThreadView& t) { return t.policy == SCHED_FIFO; });
@@ -124,7 +106,7 @@ std::string Walk::findCrowd() {
 }
 
 std::string Walk::findUnknownLine() {
-    const auto& lines = board.daemon.log();
+    const auto& lines = board().daemon.log();
     for (; seenLines < lines.size(); ++seenLines) {
         if (!isKnown(lines[seenLines])) {
             return "the log says: " + lines[seenLines].brief();
@@ -141,8 +123,8 @@ std::string Walk::findRepetition() {
     std::vector<Message> messages;
     if (app) {
         messages = app->messageValues(seenMessages);
-    } else if (board.app) {
-        messages = board.app->messageValues(seenMessages);
+    } else if (board().app) {
+        messages = board().app->messageValues(seenMessages);
     }
     seenMessages += messages.size();
     if (messagesAroundLoss > 0) {
@@ -155,24 +137,13 @@ std::string Walk::findRepetition() {
     return watch.repetition();
 }
 
-// Where records come by the hundred or reads fail, a record may wait until the ones before it are
-// done.
-std::string Walk::findDelay() {
-    recordWatch.look();
-    const board::Delay& delay = scope == Scope::kApp ? recordWatch.wait() : recordWatch.absence();
-    if (delay.time > kHandled) {
-        return "a record waited for " + delay.text();
-    }
-    if (scope == Scope::kApp && recordWatch.micStop().time > kMicStopped) {
-        return "the microphone stopped after " + recordWatch.micStop().text();
-    }
-    return "";
-}
-
 std::string Walk::prove() {
     std::string damage = makeSound();
     if (damage.empty()) {
-        damage = board.findDamage();
+        damage = board().findDamage();
+    }
+    if (damage.empty()) {
+        damage = proveMore();
     }
     if (damage.empty()) {
         damage = findUnknownLine();
@@ -183,7 +154,7 @@ std::string Walk::prove() {
     if (damage.empty()) {
         damage = findDelay();
     }
-    board.app.reset();
+    board().app.reset();
     startApp({});
     return damage;
 }
@@ -192,10 +163,10 @@ std::string Walk::prove() {
 // overwrites the answer. By the time of a second request the queue has been sent.
 bool Walk::syncUp() {
     const auto answered = [this] {
-        const auto messages = board.app->messageValues();
+        const auto messages = board().app->messageValues();
         return std::find(messages.begin(), messages.end(), Message{0, 1}) != messages.end();
     };
-    const auto lost = [this] { return board.daemon.count("queueMsg: overwriting*"); };
+    const auto lost = [this] { return board().daemon.count("queueMsg: overwriting*"); };
     const auto lostBefore = lost();
     board::App::send({7, 0});
     if (board::waitFor(answered, kSyncPatience)) {
@@ -208,27 +179,19 @@ bool Walk::syncUp() {
     return board::waitFor(answered, kSyncPatience);
 }
 
-// Ends every fault and brings everything back; after the next starts the daemon must be as good as
-// new.
+// After the next starts the daemon must be as good as new.
 std::string Walk::makeSound() {
     endApp();
-    for (const char* command : {"fault clear", "stall speaker 0", "stall mic 0", "ppb 0",
-                                "speaker off", "mic off", "cable 1", "usb_state CONFIGURED"}) {
-        board.host.command(command);
-    }
-    if (board.host.counter("card") < 0 || board.host.counter("bound") == 0) {
-        board.host.command("unbind");
-    }
-    board.host.command("bind");
+    restore();
     for (const char* fifo : {board::kFifoRx, board::kFifoTx}) {
         struct stat status {};
         if (stat(fifo, &status) == 0 && !S_ISFIFO(status.st_mode)) {
             unlink(fifo);
         }
     }
-    board.app = std::make_unique<board::App>();
+    board().app = std::make_unique<board::App>();
     seenMessages = 0;
-    if (!board.settle(kPatience)) {
+    if (!board().settle(kPatience)) {
         return "event records are not handled";
     }
     if (!syncUp()) {
@@ -236,14 +199,12 @@ std::string Walk::makeSound() {
     }
     // This start cleans up what a failed one may have left.
     board::sleepFor(kSecond);
-    board.host.command("speaker on");
-    board.host.command("mic on");
-    if (!board.hasThreads(board::kStreamingThreads, kPatience)) {
+    switchStreams(true);
+    if (!board().hasThreads(board::kStreamingThreads, kPatience)) {
         return "a stream does not start";
     }
-    board.host.command("speaker off");
-    board.host.command("mic off");
-    return board.hasThreads(board::kIdleThreads, kPatience) ? "" : "a stream does not stop";
+    switchStreams(false);
+    return board().hasThreads(board::kIdleThreads, kPatience) ? "" : "a stream does not stop";
 }
 
 }  // namespace uafd
