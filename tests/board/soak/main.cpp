@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs one soak: prints what it measured, writes it to /out/soak.txt, and fails with one sentence
-// for each thing that is wrong.
+// Runs one soak, with the simulated host or, with --wire, over real USB: prints what it measured,
+// writes it to /out/soak.txt, and fails with one sentence for each thing that is wrong.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "board/kit/files.h"
 #include "tests/board/soak/report.h"
+#include "tests/board/soak/simulated_soak.h"
+#include "tests/board/soak/wire_soak.h"
 
 namespace {
 
@@ -24,7 +29,9 @@ board::SoakPlan planOf(int count, char** arguments) {
         } else if (name == "--jitter-ms") {
             plan.jitterMs = value;
         } else if (name == "--minutes") {
-            plan.minutes = value;
+            plan.seconds = value * 60;
+        } else if (name == "--seconds") {
+            plan.seconds = value;
         } else if (name == "--seed") {
             plan.seed = value;
         } else if (name == "--calm-seconds") {
@@ -34,16 +41,29 @@ board::SoakPlan planOf(int count, char** arguments) {
     return plan;
 }
 
+bool isOverTheWire(int count, char** arguments) {
+    return std::any_of(arguments + 1, arguments + count,
+                       [](const char* argument) { return strcmp(argument, "--wire") == 0; });
+}
+
+std::unique_ptr<board::Soak> soakOf(int count, char** arguments) {
+    const board::SoakPlan plan = planOf(count, arguments);
+    if (isOverTheWire(count, arguments)) {
+        return std::make_unique<board::WireSoak>(plan);
+    }
+    return std::make_unique<board::SimulatedSoak>(plan);
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
     try {
-        board::Soak soak(planOf(count, arguments));
-        soak.run();
-        const std::string report = board::reportOf(soak);
+        const std::unique_ptr<board::Soak> soak = soakOf(count, arguments);
+        soak->run();
+        const std::string report = board::reportOf(*soak);
         board::put("/out/soak.txt", report);
         fputs(report.c_str(), stdout);
-        return board::problemsOf(soak).empty() ? 0 : 1;
+        return board::problemsOf(*soak).empty() ? 0 : 1;
     } catch (const std::exception& failure) {
         fprintf(stderr, "soak: %s\n", failure.what());
         return 2;

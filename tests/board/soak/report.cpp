@@ -96,8 +96,8 @@ void judge(Problems* problems, const std::string& name, const Tally& tally) {
 std::string reportOf(const Soak& soak) {
     const SoakPlan& plan = soak.plan;
     std::ostringstream out;
-    out << "ppm " << plan.ppm << "\njitter_ms " << plan.jitterMs << "\nminutes " << plan.minutes
-        << "\nseed " << plan.seed << '\n';
+    out << "ppm " << plan.ppm << "\njitter_ms " << plan.jitterMs << "\nminutes "
+        << plan.seconds / 60 << "\nseed " << plan.seed << '\n';
     addTally(out, "speaker", soak.speaker(), soak.result().begin);
     addTally(out, "mic", soak.mic(), soak.result().begin);
     out << "xruns " << soak.result().xruns << "\ngain_error " << soak.result().gainError << '\n';
@@ -125,7 +125,7 @@ std::vector<std::string> problemsOf(const Soak& soak) {
     judge(&problems, "mic", soak.mic());
     const int64_t micFrames =
         soak.mic().countsOf(State::kCalm).frames + soak.mic().countsOf(State::kStrained).frames;
-    const int64_t framesMin = soak.plan.minutes * 60L * kRate / 2;
+    const int64_t framesMin = int64_t{soak.plan.seconds} * kRate / 2;
     problems.add(std::min(soak.speaker().countsOf(State::kCalm).frames, micFrames) < framesMin,
                  "too little was streamed");
     problems.addCount("both", soak.result().xruns, "xruns");

@@ -32,22 +32,20 @@ void Soak::comeUp() {
     options.jitter = plan.jitterMs * kMs;
     options.jitterSeed = plan.seed;
     options.speaks = false;
-    board.start(true, options);
-    board.micService.reset();  // its millisecond ticks would cost time for nothing
-    board.host.command("ppb " + std::to_string(plan.ppm * 1000));
-    board.app->speak(spoken);
-    player = std::make_unique<HostPlayer>(spoken);
-    waitFor([this] { return player->queued() > kRate; });
-    board.app->takeHeard();
-    board.host.command("speaker on");
-    board.app->pauseSpeaking(false);
-    board.host.command("mic on");
+    board().start(true, options);
+    board().micService.reset();  // its millisecond ticks would cost time for nothing
+    AudioHost& host = board().audioHost();
+    host.setPpb(plan.ppm * 1000);
+    board().app->speak(spoken);
+    board().app->takeHeard();
+    host.play(spoken);
+    board().app->pauseSpeaking(false);
+    host.record();
     found.begin = now();
-    const auto values = board.host.counters();
-    speakerTally = std::make_unique<SpeakerTally>(kSpeakerWindow, values.at("speaker.on_frames"));
-    micTally =
-        std::make_unique<MicTally>(kMicWindow, values.at("mic.on_frames"),
-                                   [this](int64_t frame) { return board.app->timeOfFrame(frame); });
+    speakerTally = std::make_unique<SpeakerTally>(kSpeakerWindow, beginOf(kSpeakerDirection));
+    micTally = std::make_unique<MicTally>(
+        Window{kMicWindow.low + prepared(), kMicWindow.high + prepared()}, beginOf(kMicDirection),
+        [this](int64_t frame) { return board().app->timeOfFrame(frame); });
     anchor();
     settle();
 }
@@ -62,7 +60,7 @@ void Soak::settle() {
 // enough the daemon doubles its buffer.
 bool Soak::isStrained() {
     return plan.jitterMs > kJitterHeldMs &&
-           board.daemon.count("increased ssrs queue depth", logMark) == 0;
+           board().daemon.count("increased ssrs queue depth", logMark) == 0;
 }
 
 // Waits until the daemon has enlarged its buffer and the latency keeps to its window.
@@ -76,7 +74,8 @@ void Soak::bearStrain(Ns until) {
         look();
     }
     micTally->setState(State::kDisturbed);
-    micTally->setWindow(kMicWindowEnlarged);
+    micTally->setWindow(
+        {kMicWindowEnlarged.low + prepared(), kMicWindowEnlarged.high + prepared()});
     sleepUntil(std::min(until, now() + kSettling));
     look();
 }
@@ -106,14 +105,14 @@ void Soak::disturbOnce() {
     const auto number = static_cast<int64_t>(found.outcomes.size());
     const Disturbance disturbance = disturbanceOf(plan.seed, number + plan.seed);
     const int64_t atSecond = (now() - found.begin) / kSecond;
-    const int64_t opens = board.host.counter("playback.opens");
-    const size_t mark = board.daemon.mark();
-    disturb(&board, disturbance);
+    const int64_t opens = playbackOpens();
+    const size_t mark = board().daemon.mark();
+    disturb(disturbance);
     const Ns end = now();
     look();
     anchor();
     sleepUntil(end + kRecovery);
-    const bool reopened = board.host.counter("playback.opens") != opens;
+    const bool reopened = playbackOpens() != opens;
     if (reopened) {
         logMark = mark;
         settle();
@@ -135,23 +134,21 @@ void Soak::disturbOnce() {
 // Call this when both streams move again.
 void Soak::anchor() {
     sleepFor(2 * kMs);
-    speakerClock = StreamClock(board.host, "speaker");
-    micClock = StreamClock(board.host, "mic");
+    speakerClock = clockOf(kSpeakerDirection);
+    micClock = clockOf(kMicDirection);
 }
 
 void Soak::look() {
-    const auto values = board.host.counters();
-    if (values.at("playback.starts") != playbackStarts) {
-        playbackStarts = values.at("playback.starts");
-        micTally->restart(values.at("mic.start_frames"));
+    if (const std::optional<int64_t> first = newPlayback()) {
+        micTally->restart(*first);
     }
-    const Samples recorded = board.host.takeRecording();
-    micTally->addSent(board.app->takeSentBlocks());
+    const Samples recorded = board().audioHost().takeRecording();
+    micTally->addSent(board().app->takeSentBlocks());
     micTally->add(recorded, micClock);
-    const int64_t lostBlocks = board.app->lostBlocks();
+    const int64_t lostBlocks = board().app->lostBlocks();
     micTally->counts().lost += (lostBlocks - lostBlocksBefore) * kBlockFrames;
     lostBlocksBefore = lostBlocks;
-    speakerTally->add(board.app->takeHeard(), speakerClock);
+    speakerTally->add(board().app->takeHeard(), speakerClock);
 }
 
 // Once an hour; prints a line for the person who watches.
@@ -169,28 +166,26 @@ void Soak::noteHour() {
     fflush(stdout);
 }
 
-Holdings Soak::holdings() const {
-    return {memoryOf(board.daemon.pid()),
-            static_cast<int64_t>(descriptorsOf(board.daemon.pid()).size())};
+Holdings Soak::holdings() {
+    return {memoryOf(board().daemon.pid()),
+            static_cast<int64_t>(descriptorsOf(board().daemon.pid()).size())};
 }
 
 void Soak::finish() {
     found.last = holdings();
-    const auto values = board.host.counters();
-    found.xruns = values.at("playback.xruns") + values.at("capture.xruns");
+    found.xruns = xruns();
     for (const Outcome& outcome : found.outcomes) {
         found.xruns -= outcome.disturbance.kind == DisturbanceKind::kMicXrun ||
                                outcome.disturbance.kind == DisturbanceKind::kSpeakerXrun
                            ? 1
                            : 0;
     }
-    player.reset();
-    found.damage = board.findDamage();
+    found.damage = board().findDamage();
 }
 
 void Soak::run() {
     comeUp();
-    const Ns end = found.begin + plan.minutes * kMinute;
+    const Ns end = found.begin + plan.seconds * kSecond;
     stayCalm(now() + kLook);
     found.first = holdings();
     while (now() < end) {

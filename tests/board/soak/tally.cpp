@@ -7,7 +7,8 @@ namespace board {
 namespace {
 
 constexpr Ns kMinute = 60 * kSecond;
-constexpr size_t kWrongMax = 20;  // whose times are kept
+constexpr size_t kWrongMax = 20;         // whose times are kept
+constexpr int64_t kUsbFrameFrames = 48;  // audio frames in a millisecond of the host
 
 int64_t floorDivide(int64_t a, int64_t b) {
     return a / b - (a % b < 0 ? 1 : 0);
@@ -15,15 +16,11 @@ int64_t floorDivide(int64_t a, int64_t b) {
 
 }  // namespace
 
-StreamClock::StreamClock(const Host& host, const std::string& direction) {
-    const auto values = host.counters();
-    frames = values.at(direction + ".frames");
-    lastAt = values.at(direction + ".last_ns");
-    usbFrameNs = kMs / (1 + static_cast<double>(values.at("ppb")) / 1e9);
-}
+StreamClock::StreamClock(int64_t frames, Ns lastAt, double nsPerFrame)
+    : frames(frames), lastAt(lastAt), usbFrameNs(nsPerFrame * kUsbFrameFrames) {}
 
 Ns StreamClock::timeOf(int64_t frame) const {
-    const int64_t usbFrames = floorDivide(frame - frames, kFramesPerUsbFrame) + 1;
+    const int64_t usbFrames = floorDivide(frame - frames, kUsbFrameFrames) + 1;
     return lastAt + static_cast<Ns>(static_cast<double>(usbFrames) * usbFrameNs);
 }
 

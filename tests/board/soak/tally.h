@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "board/kit/clock.h"
-#include "board/kit/host.h"
 #include "tests/board/soak/latencies.h"
 
 namespace board {
@@ -49,7 +48,8 @@ struct Window {
 class StreamClock {
   public:
     StreamClock() = default;
-    StreamClock(const Host& host, const std::string& direction);
+    // `frames` have moved, the last of them at `lastAt`.
+    StreamClock(int64_t frames, Ns lastAt, double nsPerFrame);
     // When the USB frame that carried it moved.
     Ns timeOf(int64_t frame) const;
 

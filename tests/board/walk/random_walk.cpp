@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // random_walk --seed N --steps M [--over app|wire]: walks over everything, over what an app may do,
-// or over both ends of the wire, and says after which step what went wrong. Every kStepsAProof
-// steps and at the end the daemon is proved whole. tools/random-walk runs it.
+// or over both ends of the wire, and prints after which step something went wrong, and what. Every
+// kStepsAProof steps and at the end it proves the daemon whole. tools/random-walk runs it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
