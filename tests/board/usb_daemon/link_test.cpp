@@ -105,36 +105,24 @@ void reloadController(WireBoard& board) {
     board.wire = board::Wire();
 }
 
-// The daemon has the control device open.
-void failToUnloadDriver(WireBoard& /*board*/) {
-    EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);
-}
-
-// What becomes of the streams that are on.
-enum class Fate {
-    kStay,   // nothing: the app is told nothing of them
-    kPause,  // they go off and on again
-    kEnd,    // they go off
-};
-
 struct LinkEvent {
     const char* name;
     void (*happen)(WireBoard& board);
-    Fate fate;
-    bool loses;       // the daemon loses the host, and finds it again
-    bool enumerates;  // the host does: it tries each volume a step below, where that was 0
+    bool endsStreams;  // else those that are on go off, and on again
+    bool losesHost;    // the daemon does, and finds it again
+    bool losesCard;    // the function is unbound, and bound again
+    bool enumerates;   // the host does: it tries each volume a step below, where that was 0
 };
 
 constexpr LinkEvent kLinkEvents[] = {
-    {"Unplug", pullAndPlug, Fate::kEnd, true, true},
-    {"Disturbance", disturb, Fate::kEnd, true, true},
-    {"Reset", reset, Fate::kEnd, true, true},
-    {"Suspend", suspendAndResume, Fate::kPause, false, false},
-    {"Configuration", leaveConfiguration, Fate::kEnd, false, true},
-    {"Unbind", unbindAndBind, Fate::kEnd, true, true},
-    {"PullUp", releasePullUp, Fate::kEnd, true, true},
-    {"Controller", reloadController, Fate::kEnd, true, true},
-    {"DriverInUse", failToUnloadDriver, Fate::kStay, false, false},
+    {"Unplug", pullAndPlug, true, true, false, true},
+    {"Disturbance", disturb, true, true, false, true},
+    {"Reset", reset, true, true, false, true},
+    {"Suspend", suspendAndResume, false, false, false, false},
+    {"Configuration", leaveConfiguration, true, false, false, true},
+    {"Unbind", unbindAndBind, true, true, true, true},
+    {"PullUp", releasePullUp, true, true, false, true},
+    {"Controller", reloadController, true, true, true, true},
 };
 
 void PrintTo(const LinkEvent& event, std::ostream* out) {
@@ -146,13 +134,13 @@ void PrintTo(const LinkEvent& event, std::ostream* out) {
 class Link : public WireCase, public testing::WithParamInterface<std::tuple<LinkEvent, Streams>> {
   protected:
     std::vector<uint32_t> statesWanted() const {
-        return event.loses ? std::vector<uint32_t>{0, 1} : std::vector<uint32_t>{};
+        return event.losesHost ? std::vector<uint32_t>{0, 1} : std::vector<uint32_t>{};
     }
     std::vector<uint32_t> streamStatesWanted(const Direction& direction) const {
-        if (!streams.has(direction) || event.fate == Fate::kStay) {
+        if (!streams.has(direction)) {
             return {};
         }
-        return event.fate == Fate::kEnd ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, 1};
+        return event.endsStreams ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, 1};
     }
     std::vector<uint32_t> volumesWanted() const {
         return event.enumerates ? std::vector<uint32_t>{0xFF00, 0} : std::vector<uint32_t>{};
@@ -174,7 +162,10 @@ TEST_P(Link, LeavesTheDaemonWhole) {
         EXPECT_THAT(told(volumeOf(direction)), ElementsAreArray(volumesWanted()));
         EXPECT_THAT(told(muteOf(direction)), IsEmpty());
     }
-    EXPECT_TRUE(hasThreads((event.fate == Fate::kEnd ? kNoStream : streams).threads()));
+    const int bindings = event.losesCard ? 1 : 0;
+    EXPECT_EQ(said("UAC Vexa is disabled, bindcnt=0, bindbad=0"), bindings);
+    EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), bindings);
+    EXPECT_TRUE(hasThreads((event.endsStreams ? kNoStream : streams).threads()));
     expectWhole();
 }
 
@@ -233,8 +224,10 @@ class ReloadedDriver {
                 board.host.record();
             }
             EXPECT_TRUE(board.hasThreads(streams.threads()));
+            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);
+            EXPECT_TRUE(board.hasThreads(streams.threads()));
             board.daemon.stop();
-            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);  // the gadget holds it
+            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);  // the gadget holds it as well
         }
         EXPECT_EQ(unload("usb_f_vexa"), 0);
         EXPECT_FALSE(board::exists("/sys/class/android_usb"));

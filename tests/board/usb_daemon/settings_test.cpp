@@ -138,8 +138,8 @@ TEST_F(Settings, AreTheBoardsWhenAHostComes) {
     EXPECT_EQ(mixer.volume(kMicDirection), -5120);
     EXPECT_TRUE(mixer.isMuted(kSpeakerDirection));
     EXPECT_TRUE(mixer.isMuted(kMicDirection));
-    EXPECT_EQ(told(volumeOf(kSpeakerDirection)).back(), static_cast<uint16_t>(-3840));
-    EXPECT_EQ(told(volumeOf(kMicDirection)).back(), static_cast<uint16_t>(-5120));
+    EXPECT_TRUE(waitUntilTold(volumeOf(kSpeakerDirection), static_cast<uint16_t>(-3840)));
+    EXPECT_TRUE(waitUntilTold(volumeOf(kMicDirection), static_cast<uint16_t>(-5120)));
     expectWhole();
 }
 

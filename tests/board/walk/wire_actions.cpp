@@ -39,7 +39,9 @@ void interrupt(WireWalk& walk, const std::string& end, const std::function<void(
     if (walk.random.below(4) != 0) {
         board::sleepFor(walk.random.below(400) * kMs);
         walk.attempt(begin, begins);
-        walk.random.flip() && UsbHost::waitForCard();
+        if (walk.random.flip()) {
+            UsbHost::waitForCard();
+        }
     }
 }
 
