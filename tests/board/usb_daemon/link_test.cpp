@@ -45,84 +45,84 @@ int unload(const char* module) {
     return syscall(SYS_delete_module, module, O_NONBLOCK) == 0 ? 0 : errno;
 }
 
-void load(const std::string& module) {
-    ASSERT_EQ(system(("modprobe " + module).c_str()), 0);
-}
-
-void expectCard(bool there) {
-    ASSERT_TRUE(UsbHost::waitForCard(there));
-    board::sleepFor(kHandled);
-}
-
 // ---- What happens ------------------------------------------------------------------------------
 
-void pullAndPlug(WireBoard& board) {
+void pull(WireBoard& board) {
     board.host.unplug();
-    board::sleepFor(kHandled);
+}
+void plug(WireBoard& board) {
     board.host.plug();
 }
 
 // The device takes a disturbance for a reset; the host's hub shuts the port.
 void disturb(WireBoard& board) {
     board.wire.reset();
-    expectCard(false);
+    ASSERT_TRUE(UsbHost::waitForCard(false));
 }
 
 void reset(WireBoard& /*board*/) {
     ASSERT_EQ(board::UsbDevice().reset(), 0);
 }
 
-void suspendAndResume(WireBoard& board) {
+void suspend(WireBoard& board) {
     board.wire.suspend();
-    board::sleepFor(kHandled);
+}
+void resume(WireBoard& board) {
     board.wire.resume();
 }
 
 void leaveConfiguration(WireBoard& /*board*/) {
     put(kConfiguration, "0");
-    expectCard(false);
+}
+void enterConfiguration(WireBoard& /*board*/) {
     put(kConfiguration, "1");
 }
 
-void unbindAndBind(WireBoard& board) {
+void unbind(WireBoard& board) {
     board.gadget.unbind();
-    expectCard(false);
+}
+void bind(WireBoard& board) {
     board.gadget.bind();
 }
 
 void releasePullUp(WireBoard& /*board*/) {
     put(kPullUp, "disconnect");
-    expectCard(false);
+}
+void applyPullUp(WireBoard& /*board*/) {
     put(kPullUp, "connect");
 }
 
 // The gadget waits for a controller, and binds to it as soon as there is one.
-void reloadController(WireBoard& board) {
+void unloadController(WireBoard& board) {
     { const board::Wire closing(std::move(board.wire)); }
     ASSERT_EQ(unload("usb_wire"), 0);
-    expectCard(false);
-    load("usb_wire");
+}
+void loadController(WireBoard& board) {
+    ASSERT_EQ(system("modprobe usb_wire"), 0);
     board.wire = board::Wire();
 }
 
+void nothing(WireBoard& /*board*/) {}
+
 struct LinkEvent {
     const char* name;
-    void (*happen)(WireBoard& board);
-    bool endsStreams;  // else those that are on go off, and on again
-    bool losesHost;    // the daemon does, and finds it again
-    bool losesCard;    // the function is unbound, and bound again
-    bool enumerates;   // the host does: it tries each volume a step below, where that was 0
+    void (*begin)(WireBoard& board);
+    void (*end)(WireBoard& board);  // the host finds its way back
+    bool endsStreams;               // else those that are on go off, and on again
+    bool losesHost;                 // the daemon does, and finds it again
+    bool losesCard;                 // the function is unbound, and bound again
+    bool enumerates;  // the host does: it tries each volume a step below, where that was 0
 };
 
 constexpr LinkEvent kLinkEvents[] = {
-    {"Unplug", pullAndPlug, true, true, false, true},
-    {"Disturbance", disturb, true, true, false, true},
-    {"Reset", reset, true, true, false, true},
-    {"Suspend", suspendAndResume, false, false, false, false},
-    {"Configuration", leaveConfiguration, true, false, false, true},
-    {"Unbind", unbindAndBind, true, true, true, true},
-    {"PullUp", releasePullUp, true, true, false, true},
-    {"Controller", reloadController, true, true, true, true},
+    {"Unplug", pull, plug, true, true, false, true},
+    {"Disturbance", disturb, nothing, true, true, false, true},
+    {"Reset", reset, nothing, true, true, false, true},
+    {"Suspend", suspend, resume, false, false, false, false},
+    {"Configuration", leaveConfiguration, enterConfiguration, true, false, false, true},
+    {"Unbind", unbind, bind, true, true, true, true},
+    {"PullUp", releasePullUp, applyPullUp, true, true, false, true},
+    {"Controller", unloadController, loadController, true, true, true, true},
 };
 
 void PrintTo(const LinkEvent& event, std::ostream* out) {
@@ -136,11 +136,17 @@ class Link : public WireCase, public testing::WithParamInterface<std::tuple<Link
     std::vector<uint32_t> statesWanted() const {
         return event.losesHost ? std::vector<uint32_t>{0, 1} : std::vector<uint32_t>{};
     }
-    std::vector<uint32_t> streamStatesWanted(const Direction& direction) const {
-        if (!streams.has(direction)) {
-            return {};
+    // None of a stream that was off before.
+    std::vector<uint32_t> ifOn(const Direction& direction, std::vector<uint32_t> states) const {
+        return streams.has(direction) ? std::move(states) : std::vector<uint32_t>{};
+    }
+    // Whatever began, both streams are off by now.
+    void expectNoStream() {
+        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        for (const Direction& direction : kDirections) {
+            EXPECT_THAT(told(direction.channel), ElementsAreArray(ifOn(direction, {0})))
+                << direction.name;
         }
-        return event.endsStreams ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, 1};
     }
     std::vector<uint32_t> volumesWanted() const {
         return event.enumerates ? std::vector<uint32_t>{0xFF00, 0} : std::vector<uint32_t>{};
@@ -153,12 +159,18 @@ class Link : public WireCase, public testing::WithParamInterface<std::tuple<Link
 TEST_P(Link, LeavesTheDaemonWhole) {
     switchOn(streams);
     forget();
-    event.happen(*this);
-    expectCard(true);
+    event.begin(*this);
+    board::sleepFor(kHandled);
+    expectNoStream();
+    event.end(*this);
+    ASSERT_TRUE(UsbHost::waitForCard());
+    board::sleepFor(kHandled);
     EXPECT_THAT(told(kUsbState), ElementsAreArray(statesWanted()));
     for (const Direction& direction : kDirections) {
         SCOPED_TRACE(direction.name);
-        EXPECT_THAT(told(direction.channel), ElementsAreArray(streamStatesWanted(direction)));
+        EXPECT_THAT(
+            told(direction.channel),
+            ElementsAreArray(event.endsStreams ? ifOn(direction, {0}) : ifOn(direction, {0, 1})));
         EXPECT_THAT(told(volumeOf(direction)), ElementsAreArray(volumesWanted()));
         EXPECT_THAT(told(muteOf(direction)), IsEmpty());
     }
@@ -188,7 +200,8 @@ TEST_F(Daemon, RestartsAGadgetThatDoesNotHearItsHost) {
     ASSERT_TRUE(daemon.waitForLog(
         "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
         "property: uac"));
-    expectCard(true);
+    ASSERT_TRUE(UsbHost::waitForCard());
+    board::sleepFor(kHandled);
     EXPECT_THAT(told(kUsbState), ElementsAre(0, 1));
     expectWhole();
 }
