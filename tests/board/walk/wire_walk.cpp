@@ -83,7 +83,8 @@ void WireWalk::switchStreams(bool on) {
     }
 }
 
-// Checks that what the host sets reaches the app, and nothing else.
+// Checks that what the host sets reaches the app, and nothing else does; and that what the app sets
+// reaches the host.
 std::string WireWalk::proveMore() {
     ++proofs;
     for (const Direction& direction : {kSpeakerDirection, kMicDirection}) {
@@ -97,7 +98,11 @@ std::string WireWalk::proveMore() {
                    " does not reach the app";
         }
     }
-    return "";
+    const int volume = wired.host.volume(kSpeakerDirection) - 256;
+    board::App::send({kSpeakerDirection.channel + 2, static_cast<uint16_t>(volume)});
+    return board::waitFor([&] { return wired.host.volume(kSpeakerDirection) == volume; }, kSecond)
+               ? ""
+               : "the app's volume does not reach the host";
 }
 
 std::string WireWalk::measured() const {
