@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A random walk over what host, driver, app and cable can do to the daemon, and what must hold of
-// the daemon throughout. Each choice follows from the seed and the steps before, so fewer steps with
-// the same seed are the beginning of the same walk. One thread.
+// the daemon throughout. Each choice follows from the seed and the steps before, so fewer steps
+// with the same seed are the beginning of the same walk. One thread.
 #pragma once
 
 #include <memory>
