@@ -125,6 +125,17 @@ static int open_parts(uafd_companion* companion, const uafd_private_place* place
     return error;
 }
 
+static const char* unopened_of(unsigned parts) {
+    switch (parts & UAFD_SOUND) {
+        case UAFD_SPEAKER:
+            return FIFO_TX;
+        case UAFD_MIC:
+            return FIFO_RX;
+        default:
+            return NULL;
+    }
+}
+
 int uafd_companion_open_with(const uafd_options* options, uafd_companion** companion) {
     uafd_private_place place;
     *companion = NULL;
@@ -138,6 +149,9 @@ int uafd_companion_open_with(const uafd_options* options, uafd_companion** compa
     }
     opened->speaker = opened->keeper = opened->mic = -1;
     opened->socket = opened->probe = opened->wake = -1;
+    opened->group = place.group;
+    opened->mode = place.mode;
+    opened->unopened = unopened_of(options->parts);
     error = open_parts(opened, &place, options->parts);
     if (error != 0) {
         uafd_companion_close(opened);
@@ -152,6 +166,19 @@ int uafd_companion_open(const char* directory, unsigned parts, uafd_companion** 
     options.directory = directory;
     options.parts = parts;
     return uafd_companion_open_with(&options, companion);
+}
+
+// A daemon that waits has no socket yet, so this never disturbs one that runs. It waits in an open,
+// which ends when the other end is open for a moment.
+int uafd_companion_release_daemon(uafd_companion* companion) {
+    struct sockaddr_un folder = companion->daemon;  // for its path
+    if (companion->unopened == NULL || uafd_private_check_unused(&companion->daemon) != 0) {
+        return 0;
+    }
+    *strrchr(folder.sun_path, '/') = '\0';
+    const uafd_private_place place = {folder.sun_path, companion->group, companion->mode};
+    const int is_reader = strcmp(companion->unopened, FIFO_RX) == 0;
+    return uafd_private_touch_fifo(&place, companion->unopened, is_reader);
 }
 
 void uafd_companion_close(uafd_companion* companion) {

@@ -46,8 +46,7 @@ int uafd_private_socket(int* opened) {
     return *opened < 0 ? -errno : 0;
 }
 
-// 0 when nobody uses the address: there is no file, or one that an app left behind.
-static int check_unused(const struct sockaddr_un* address) {
+int uafd_private_check_unused(const struct sockaddr_un* address) {
     int probe = -1;
     const int failed = uafd_private_socket(&probe);
     if (failed != 0) {
@@ -65,7 +64,7 @@ static int bind_beside(int fd, const struct sockaddr_un* beside) {
     if (bind(fd, (const struct sockaddr*)beside, sizeof *beside) == 0) {
         return 0;
     }
-    int error = errno == EADDRINUSE ? check_unused(beside) : -errno;
+    int error = errno == EADDRINUSE ? uafd_private_check_unused(beside) : -errno;
     if (error != 0) {
         return error;
     }
@@ -94,7 +93,7 @@ int uafd_private_bind(int socket, const uafd_private_place* place, const char* n
     if (error != 0) {
         return error;
     }
-    error = check_unused(&address);
+    error = uafd_private_check_unused(&address);
     if (error == 0) {
         error = give_rights(beside.sun_path, place);
     }
@@ -175,4 +174,19 @@ int uafd_private_open_fifo(const uafd_private_place* place, const char* name, in
         return -errno;
     }
     return S_ISFIFO(found.st_mode) ? open_end(address.sun_path, O_WRONLY, writer) : -EEXIST;
+}
+
+int uafd_private_touch_fifo(const uafd_private_place* place, const char* name, int is_reader) {
+    struct sockaddr_un address;  // for its path
+    int end = -1;
+    int error = uafd_private_address(&address, place->directory, name);
+    if (error == 0) {
+        error = open_end(address.sun_path, is_reader ? O_RDONLY : O_WRONLY, &end);
+    }
+    if (error == 0) {
+        close(end);
+    } else if (error == -ENOENT) {
+        error = make_fifo(address.sun_path, place, name);
+    }
+    return error == -ENXIO ? 0 : error;
 }

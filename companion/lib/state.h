@@ -41,6 +41,9 @@ struct uafd_companion {
     int probe;                  // a socket that tries the daemon's
     int wake;                   // an eventfd
     struct sockaddr_un daemon;  // where messages go
+    const char* unopened;       // the only FIFO that was not opened, or null
+    gid_t group;                // of that FIFO if it is made
+    mode_t mode;                // the same
 
     // Used by reading.
     unsigned char partial[FRAME_BYTES];  // the received bytes of the speaker's next frame
@@ -72,10 +75,15 @@ typedef struct uafd_private_place {
 // that were opened.
 int uafd_private_address(struct sockaddr_un* address, const char* directory, const char* name);
 int uafd_private_socket(int* opened);
+// 0 when nobody uses the address: there is no file, or one that its owner left behind.
+int uafd_private_check_unused(const struct sockaddr_un* address);
 int uafd_private_bind(int socket, const uafd_private_place* place, const char* name);
 int uafd_private_leave_closed_socket(const uafd_private_place* place, const char* name);
 int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
                            int* writer);
+// Makes the FIFO if it is missing; otherwise opens and closes an end, if somebody has the other
+// one.
+int uafd_private_touch_fifo(const uafd_private_place* place, const char* name, int is_reader);
 
 // daemon.c. A number that identifies the daemon bound to the daemon's address, or NO_DAEMON.
 uint64_t uafd_private_look(const uafd_companion* companion);

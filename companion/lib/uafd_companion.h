@@ -78,6 +78,12 @@ int uafd_companion_open_with(const uafd_options* options, uafd_companion** compa
 // The same with the other options as they are in UAFD_OPTIONS_INIT.
 int uafd_companion_open(const char* directory, unsigned parts, uafd_companion** companion);
 
+// Lets a daemon start that waits for both FIFOs: if no daemon runs, opens the one that this app has
+// not opened for a moment, and makes it if it is missing. For an app that opened the speaker or the
+// microphone alone and cannot know whether there is another app; to be called five times a second
+// while nothing is heard, or while writing fails with -EPIPE. 0 or a negative errno.
+int uafd_companion_release_daemon(uafd_companion* companion);
+
 // Null is allowed. FIFOs and the socket file stay, for the daemon and the app that comes next.
 void uafd_companion_close(uafd_companion* companion);
 

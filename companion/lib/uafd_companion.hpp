@@ -28,6 +28,7 @@ class Companion {
         return open(options);
     }
     void close() { handle.reset(); }
+    int releaseDaemon() { return uafd_companion_release_daemon(get()); }
     bool isOpen() const { return handle != nullptr; }
 
     int wait() { return uafd_companion_wait(get()); }

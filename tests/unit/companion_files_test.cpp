@@ -349,5 +349,35 @@ TEST_F(CompanionFilesTest, AreTakenFromAnAppThatDiedWhileItOpened) {
     EXPECT_EQ(files(), std::set<std::string>{"usbAudioUdsIpcRx"});
 }
 
+// A daemon that starts waits for both FIFOs, and this app has opened one.
+TEST_F(CompanionFilesTest, ReleaseADaemonThatWaitsForTheOtherFifo) {
+    for (const unsigned part : {UAFD_SPEAKER, UAFD_MIC}) {
+        options.parts = part;
+        ASSERT_EQ(companion.open(options), 0);
+        ASSERT_EQ(companion.releaseDaemon(), 0);
+        EXPECT_EQ(statOf(part == UAFD_MIC ? "FifoRx" : "FifoTx").st_mode, S_IFIFO | 0660U);
+        auto opening = daemon.beginOpening();
+        while (opening.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
+            ASSERT_EQ(companion.releaseDaemon(), 0);
+        }
+        EXPECT_TRUE(daemon.finishOpening(std::move(opening)));
+        daemon.end();
+        companion.close();
+        std::filesystem::remove(daemon.path("FifoRx"));
+        std::filesystem::remove(daemon.path("FifoTx"));
+    }
+}
+
+TEST_F(CompanionFilesTest, AreLeftAloneWhileADaemonRuns) {
+    daemon.bindSocket();
+    ASSERT_EQ(open(UAFD_MIC), 0);
+    ASSERT_EQ(companion.releaseDaemon(), 0);
+    EXPECT_FALSE(std::filesystem::exists(daemon.path("FifoRx")));
+    companion.close();
+    daemon.end();
+    ASSERT_EQ(open(UAFD_SOUND), 0);
+    EXPECT_EQ(companion.releaseDaemon(), 0) << "both are open";
+}
+
 }  // namespace
 }  // namespace uafd
