@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # cmake -D FOLDERS="FOLDER;..." -P targets.cmake: prints what CMake would build in these folders and
-# below, without examples: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
+# below, without examples and without the ALSA plugins, which Android has no programs for: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
 # project's libraries that a target links. For this the commands that define targets are replaced by
 # ones that print, and the others by ones that do nothing.
 cmake_minimum_required(VERSION 3.25)
@@ -43,8 +43,9 @@ function(visit folder)
   _include(${folder}/CMakeLists.txt)
 endfunction()
 function(add_subdirectory folder)
-  if(NOT folder STREQUAL examples)
-    visit(${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  set(path ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  if(NOT path MATCHES "/companion/(alsa|examples)$")
+    visit(${path})
   endif()
 endfunction()
 foreach(command add_custom_target add_dependencies configure_file find_library find_path find_program
