@@ -1,0 +1,395 @@
+// SPDX-License-Identifier: Apache-2.0
+// The ALSA plugins with the daemon, as users of ALSA's own programs and of its library have them:
+// sound in both directions, the mixer, and what host and daemon do meanwhile.
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <alsa/asoundlib.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "board/kit/host_player.h"
+#include "tests/board/board_case.h"
+#include "tests/support/child_process.h"
+
+namespace uafd {
+namespace {
+
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::Ns;
+using testing::HasSubstr;
+using Words = std::vector<std::string>;
+
+const Words kNative = {"-q", "-t", "raw", "-f", "S16_LE", "-c", "2", "-r", "48000"};
+constexpr int kBlock = 480;  // 10 ms
+constexpr char kHeardFile[] = "/out/heard.raw";
+constexpr char kSaidFile[] = "/out/said.raw";
+
+board::Samples readRaw(const std::string& path) {
+    const std::string bytes = board::contents(path);
+    board::Samples samples(bytes.size() / sizeof(int16_t));
+    std::copy_n(bytes.data(), samples.size() * sizeof(int16_t),
+                reinterpret_cast<char*>(samples.data()));
+    return samples;
+}
+
+// The left channel of a native recording, whose right one must be the same.
+board::Samples heardIn(const std::string& path) {
+    const board::Samples both = readRaw(path);
+    board::Samples left;
+    for (size_t i = 0; i + 1 < both.size(); i += 2) {
+        EXPECT_EQ(both[i], both[i + 1]) << i;
+        left.push_back(both[i]);
+    }
+    return left;
+}
+
+void writeRaw(const std::string& path, const board::Samples& samples, int channels) {
+    std::ofstream file(path, std::ios::binary);
+    for (const int16_t sample : samples) {
+        for (int i = 0; i < channels; ++i) {
+            file.write(reinterpret_cast<const char*>(&sample), sizeof sample);
+        }
+    }
+}
+
+// A part of a recording without silence.
+struct Stretch {
+    size_t from;
+    size_t frames;
+};
+
+// In their order; silence is at least 10 ms long.
+std::vector<Stretch> stretchesOf(const board::Samples& heard) {
+    std::vector<Stretch> found;
+    int zeros = kBlock;
+    for (size_t i = 0; i < heard.size(); ++i) {
+        if (heard[i] != 0 && zeros >= kBlock) {
+            found.push_back({i, 0});
+        }
+        zeros = heard[i] == 0 ? zeros + 1 : 0;
+        if (!found.empty() && heard[i] != 0) {
+            found.back().frames = i - found.back().from + 1;
+        }
+    }
+    return found;
+}
+
+// How often a sample of the ramp is not the one before plus one.
+int breaksIn(const board::Samples& ramp, const Stretch& stretch) {
+    int breaks = 0;
+    for (size_t i = stretch.from + 1; i < stretch.from + stretch.frames; ++i) {
+        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
+    }
+    return breaks;
+}
+
+int upwardCrossings(const board::Samples& samples) {
+    int upward = 0;
+    for (size_t i = 1; i < samples.size(); ++i) {
+        upward += samples[i - 1] < 0 && samples[i] >= 0 ? 1 : 0;
+    }
+    return upward;
+}
+
+// One of ALSA's programs.
+class Program {
+  public:
+    Program(const std::string& name, const Words& options, const Words& more) {
+        Words words = {"/usr/bin/" + name};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), more.begin(), more.end());
+        process = std::make_unique<ChildProcess>(words);
+    }
+    ChildProcess* operator->() const { return process.get(); }
+    // Waits for its end, which must be a success.
+    void expectDone() const { EXPECT_EQ(process->wait(), 0) << process->errors(); }
+
+  private:
+    std::unique_ptr<ChildProcess> process;
+};
+
+class AlsaPlugin : public BoardCase {
+  protected:
+    // As the package links it.
+    static void SetUpTestSuite() {
+        std::filesystem::create_directories("/etc/alsa/conf.d");
+        std::filesystem::create_symlink("/usr/share/alsa/alsa.conf.d/60-uafd.conf",
+                                        "/etc/alsa/conf.d/60-uafd.conf");
+    }
+    ~AlsaPlugin() override {
+        if (pcm != nullptr) {
+            snd_pcm_close(pcm);
+        }
+    }
+    static Program record(const std::string& seconds, const std::string& device = "uafd",
+                          const Words& format = kNative) {
+        return {"arecord", format, {"-D", device, "-d", seconds, kHeardFile}};
+    }
+    static Program play(const std::string& device = "uafd", const Words& format = kNative) {
+        return {"aplay", format, {"-D", device, kSaidFile}};
+    }
+    // The plugin is the only app.
+    void startWithMic() {
+        micService = std::make_unique<board::MicService>();
+        startDaemon();
+    }
+    void openPcm(snd_pcm_stream_t direction, snd_pcm_uframes_t buffer) {
+        ASSERT_EQ(snd_pcm_open(&pcm, "uafd", direction, 0), 0);
+        ASSERT_EQ(snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2,
+                                     kRate, 0, static_cast<unsigned>(buffer * 1000000 / kRate)),
+                  0);
+    }
+    static board::Samples stereo(const board::Samples& mono) {
+        board::Samples both;
+        for (const int16_t sample : mono) {
+            both.push_back(sample);
+            both.push_back(static_cast<int16_t>(~sample));
+        }
+        return both;
+    }
+    snd_pcm_t* pcm = nullptr;
+};
+
+// The host's stream is off, on, off and on again; the recorder is the only app, and starts the
+// daemon.
+TEST_F(AlsaPlugin, RecordsWhatTheHostPlaysAndSilenceBetween) {
+    const board::HostPlayer player(board::ramp);
+    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    const Ns begun = board::now();
+    const Program recorder = record("3");
+    startWithMic();
+    board::sleepUntil(begun + kSecond);
+    host.command("speaker on");
+    board::sleepFor(kSecond / 2);
+    host.command("speaker off");
+    board::sleepFor(kSecond / 2);
+    host.command("speaker on");
+    recorder.expectDone();
+    const Ns took = board::now() - begun;
+    const board::Samples heard = heardIn(kHeardFile);
+    EXPECT_EQ(heard.size(), static_cast<size_t>(3 * kRate));
+    EXPECT_GT(took, 3 * kSecond);
+    EXPECT_LT(took, 3 * kSecond + 250 * kMs);
+    const std::vector<Stretch> sound = stretchesOf(heard);
+    ASSERT_EQ(sound.size(), 2U);
+    for (const Stretch& stretch : sound) {
+        EXPECT_EQ(breaksIn(heard, stretch), 0);
+        EXPECT_GT(stretch.frames, static_cast<size_t>(kRate / 2 - kRate / 10));
+    }
+    printf("3 s of recording took %ld ms; sound at frames %zu and %zu\n", took / kMs, sound[0].from,
+           sound[1].from);
+}
+
+TEST_F(AlsaPlugin, PlaysWhatTheHostRecordsAtTheClocksPace) {
+    const Program recorder = record("30");
+    startWithMic();
+    host.command("mic on");
+    // After silence, in which the daemon brings its buffer into the middle of its range.
+    const board::Samples said = board::render(board::noise, 1, kRate / 2);
+    board::Samples file(7 * kRate / 2);
+    file.insert(file.end(), said.begin(), said.end());
+    writeRaw(kSaidFile, file, 2);
+    board::sleepFor(kSecond / 5);
+    host.takeRecording();
+    const Ns begun = board::now();
+    play().expectDone();
+    const Ns took = board::now() - begun;
+    board::sleepFor(kSecond / 10);
+    const board::Samples recorded = host.takeRecording();
+    EXPECT_GE(board::findWhole(said, recorded), 0) << "it is not there to the bit";
+    EXPECT_GT(took, 4 * kSecond);
+    EXPECT_LT(took, 4 * kSecond + 150 * kMs);
+    printf("4 s of sound took %ld ms\n", took / kMs);
+}
+
+TEST_F(AlsaPlugin, ConvertsOtherFormatsWithPlug) {
+    const Words other = {"-q", "-t", "raw", "-f", "S16_LE", "-c", "1", "-r", "44100"};
+    const board::HostPlayer player(board::sine(441));
+    const Program recorder = record("2", "plug:uafd", other);
+    startWithMic();
+    bothOn();
+    board::Samples tone;
+    for (int i = 0; i < 44100; ++i) {
+        tone.push_back(board::sine(441)(static_cast<int64_t>(i) * kRate / 44100));
+    }
+    writeRaw(kSaidFile, tone, 1);
+    host.takeRecording();
+    play("plug:uafd", other).expectDone();
+    const board::Samples recorded = host.takeRecording();
+    EXPECT_NEAR(upwardCrossings(recorded), 441, 8);
+    recorder.expectDone();
+    const board::Samples heard = readRaw(kHeardFile);
+    EXPECT_EQ(heard.size(), 2U * 44100);
+    const auto sound = static_cast<int>((heard.size() - board::firstSound(heard)) / 100);
+    EXPECT_GT(sound, 441);
+    EXPECT_NEAR(upwardCrossings(heard), sound, 8);
+}
+
+// Both programs run on as if nothing had happened. A second one of either kind is refused.
+TEST_F(AlsaPlugin, OutlivesTheDaemon) {
+    const board::HostPlayer player(board::ramp);
+    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
+    const Program recorder = record("3");
+    startWithMic();
+    bothOn();
+    const Program player2 = play();
+    board::sleepFor(700 * kMs);
+    const Program second = {"arecord", kNative, {"-D", "uafd", "-d", "1", "/out/none.raw"}};
+    EXPECT_EQ(second->wait(), 1);
+    EXPECT_THAT(second->errors(), HasSubstr("an app has this part open already"));
+    EXPECT_THAT(second->errors(), HasSubstr("Device or resource busy"));
+    const Program third = play();
+    EXPECT_EQ(third->wait(), 1);
+    EXPECT_THAT(third->errors(), HasSubstr("Device or resource busy"));
+
+    daemon.stop();
+    board::sleepFor(kSecond / 2);
+    host.takeRecording();
+    daemon.start();
+    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    recorder.expectDone();
+    const board::Samples heard = heardIn(kHeardFile);
+    const std::vector<Stretch> sound = stretchesOf(heard);
+    ASSERT_EQ(sound.size(), 2U);
+    EXPECT_EQ(breaksIn(heard, sound[0]), 0);
+    EXPECT_EQ(breaksIn(heard, sound[1]), 0);
+    EXPECT_GT(sound[1].frames, static_cast<size_t>(kRate / 2));
+    const board::Samples recorded = host.takeRecording();
+    EXPECT_GT(recorded.size() - board::firstSound(recorded), static_cast<size_t>(kRate / 2));
+    player2.expectDone();
+}
+
+TEST_F(AlsaPlugin, PausesResumesAndDrains) {
+    const Program recorder = record("30");
+    startWithMic();
+    host.command("mic on");
+    board::sleepFor(kSecond / 5);
+    host.takeRecording();
+    openPcm(SND_PCM_STREAM_PLAYBACK, kRate);
+    const board::Samples said = board::render(board::noise, 1, kRate / 2);
+    const board::Samples both = stereo(said);
+    ASSERT_EQ(snd_pcm_writei(pcm, both.data(), said.size()), static_cast<long>(said.size()));
+    ASSERT_EQ(snd_pcm_start(pcm), 0);
+    board::sleepFor(205 * kMs);
+    ASSERT_EQ(snd_pcm_pause(pcm, 1), 0);
+    snd_pcm_sframes_t delay = 0;
+    ASSERT_EQ(snd_pcm_delay(pcm, &delay), 0);
+    EXPECT_EQ(delay, kRate / 2 - 20 * 480);
+    board::sleepFor(kSecond / 2);
+    EXPECT_EQ(snd_pcm_delay(pcm, &delay), 0);
+    EXPECT_EQ(delay, kRate / 2 - 20 * 480);
+    ASSERT_EQ(snd_pcm_pause(pcm, 0), 0);
+    const Ns resumed = board::now();
+    ASSERT_EQ(snd_pcm_drain(pcm), 0);
+    EXPECT_NEAR(static_cast<double>(board::now() - resumed) / kMs, 300, 5);
+    board::sleepFor(kSecond / 10);
+    const board::Samples recorded = host.takeRecording();
+    // Latency control makes the sound a little longer or shorter after each start.
+    const std::vector<Stretch> sound = stretchesOf(recorded);
+    ASSERT_EQ(sound.size(), 2U);
+    EXPECT_NEAR(static_cast<double>(sound[0].frames), 20 * kBlock, 300);
+    EXPECT_NEAR(static_cast<double>(sound[1].frames), 30 * kBlock, 300);
+    EXPECT_NEAR(static_cast<double>(sound[1].from - sound[0].from - sound[0].frames), kRate / 2,
+                kRate / 50);
+}
+
+// The host plays for a part of the minute in which the program does not read: the daemon must not
+// wait.
+TEST_F(AlsaPlugin, LetsAProgramStopReadingForAMinute) {
+    const board::HostPlayer player(board::ramp);
+    openPcm(SND_PCM_STREAM_CAPTURE, kRate / 2);
+    ASSERT_EQ(snd_pcm_start(pcm), 0);
+    startWithMic();
+    host.command("speaker on");
+    board::sleepFor(2 * kSecond);
+    const size_t mark = daemon.mark();
+    host.command("speaker off");
+    EXPECT_TRUE(hasThreads(board::kIdleThreads, 100 * kMs)) << "the stop waits for a reader";
+    board::sleepFor(58 * kSecond);
+    std::vector<int16_t> samples(2 * 4800);
+    EXPECT_EQ(snd_pcm_readi(pcm, samples.data(), 4800), -EPIPE);
+    EXPECT_EQ(snd_pcm_state(pcm), SND_PCM_STATE_XRUN);
+    ASSERT_EQ(snd_pcm_prepare(pcm), 0);
+    host.command("speaker on");
+    board::Samples heard;
+    while (heard.size() < static_cast<size_t>(kRate)) {
+        ASSERT_EQ(snd_pcm_readi(pcm, samples.data(), 4800), 4800);
+        for (size_t i = 0; i < samples.size(); i += 2) {
+            heard.push_back(samples[i]);
+        }
+    }
+    const std::vector<Stretch> sound = stretchesOf(heard);
+    ASSERT_EQ(sound.size(), 1U);
+    EXPECT_EQ(breaksIn(heard, sound[0]), 0);
+    EXPECT_GT(sound[0].frames, static_cast<size_t>(kRate / 2));
+    EXPECT_EQ(daemon.count("overrun*", mark), 0);
+}
+
+// As amixer sets it, and as a mixer that stays open follows the host.
+TEST_F(AlsaPlugin, HasTheHostsMixer) {
+    const Program recorder = record("30");
+    startDaemon();
+    const Ns since = board::now();
+    const Words mixer = {"-D", "uafd"};
+    const auto set = [&](const std::string& value) {
+        Program("amixer", mixer, {"-q", "--", "sset", "Speaker", value}).expectDone();
+    };
+    set("-10dB");
+    set("mute");
+    set("unmute");
+    EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -2560 0", since), 1);
+    EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
+    EXPECT_GE(host.countEvents("uac SET_SPK_MUTE 0 0", since), 1);
+
+    snd_ctl_t* ctl = nullptr;
+    ASSERT_EQ(snd_ctl_open(&ctl, "uafd", SND_CTL_NONBLOCK), 0);
+    ASSERT_EQ(snd_ctl_subscribe_events(ctl, 1), 0);
+    const Program second("amixer", mixer, {"scontrols"});
+    EXPECT_EQ(second->wait(), 1);
+    EXPECT_THAT(second->errors(), HasSubstr("Device or resource busy"));
+    for (const char* command : {"volume speaker -1280", "mute speaker 1", "volume mic -512"}) {
+        host.command(command);
+    }
+    snd_ctl_event_t* event = nullptr;
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_event_alloca(&event);
+    snd_ctl_elem_value_alloca(&value);
+    for (const auto& [number, now] : std::map<unsigned, long>{{1, -1280}, {2, 0}, {3, -512}}) {
+        ASSERT_TRUE(board::waitFor([&] { return snd_ctl_read(ctl, event) == 1; }));
+        EXPECT_EQ(snd_ctl_event_elem_get_numid(event), number);
+        snd_ctl_elem_value_set_numid(value, number);
+        ASSERT_EQ(snd_ctl_elem_read(ctl, value), 0);
+        EXPECT_EQ(snd_ctl_elem_value_get_integer(value, 0), now);
+    }
+    snd_ctl_close(ctl);
+}
+
+// Programs that are killed in the middle of a stream leave the daemon whole.
+TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
+    const board::HostPlayer player(board::ramp);
+    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
+    {
+        const Program recorder = record("30");
+        startWithMic();
+        bothOn();
+        const Program speaker = play();
+        board::sleepFor(kSecond / 2);
+    }
+    app = std::make_unique<board::App>();
+    host.command("speaker off");
+    host.command("mic off");
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
+}  // namespace uafd
