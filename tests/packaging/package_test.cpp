@@ -2,6 +2,7 @@
 // The Debian package on a board with systemd. Installed, it runs the daemon as a service without
 // privileges; the service does its main job, is restarted when it dies, and is gone when the
 // package is removed. The cases are one story, in this order.
+#include <algorithm>
 #include <csignal>
 #include <sched.h>
 #include <string>
@@ -178,6 +179,32 @@ TEST(Package, TellsAnAppOfAnotherGroup) {
         << check.output();
     EXPECT_NE(check.output().find("0 passed, 1 failed, 9 not tried"), std::string::npos);
     EXPECT_FALSE(board::exists(board::kSocketRx));
+}
+
+TEST(Package, MakesTheHostAnAlsaDevice) {
+    outputOf("dpkg -i /packages/libasound2-plugin-uafd_*.deb 2>&1");
+    EXPECT_EQ(outputOf("arecord -L | grep -x uafd"), "uafd");
+    board::Host host;
+    host.reset();
+    const board::HostPlayer player(board::noise);
+    host.command("speaker on");
+    ChildProcess recorder({"/usr/bin/arecord", "-q", "-D", "uafd", "-t", "raw", "-f", "S16_LE",
+                           "-c", "2", "-r", "48000", "-d", "1"},
+                          becomeAppOfTheGroup);
+    EXPECT_EQ(recorder.wait(), 0) << recorder.errors();
+    const std::string heard = recorder.output();
+    EXPECT_EQ(heard.size(), 4U * board::kRate);
+    EXPECT_GT(heard.size() - std::count(heard.begin(), heard.end(), '\0'), 2U * board::kRate);
+    const board::Ns since = board::now();
+    ChildProcess mixer({"/usr/bin/amixer", "-D", "uafd", "--", "sset", "Speaker", "-10dB"},
+                       becomeAppOfTheGroup);
+    EXPECT_EQ(mixer.wait(), 0) << mixer.errors();
+    EXPECT_TRUE(
+        waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }));
+    host.reset();
+    // The daemon may write to the socket that the mixer left behind.
+    EXPECT_EQ(outputOf("stat -c '%a %G' /tmp/usbAudioUdsIpcRx"), "660 uafd");
+    unlink(board::kSocketRx);
 }
 
 // Covers the daemon's setprop, the path unit that notices it, and the service that the unit starts.
