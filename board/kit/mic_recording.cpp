@@ -11,6 +11,9 @@ constexpr int kFrame = MicRecording::kFrame;
 constexpr int kStretchedInput = kFrame - 1;
 constexpr int kSqueezedInput = kFrame + 1;
 constexpr int64_t kLossMax = 2 * kRate;  // how far ahead a lost place is looked for
+// A search takes far longer than its frame. After this many in vain, all that follows counts as
+// unexplained.
+constexpr int kSearchesMax = 50;
 
 struct Shape {
     int consumed;
@@ -65,7 +68,7 @@ FrameKind MicRecording::explain(const int16_t* frame) {
     lead = 0;
     skipped = 0;
     FrameKind kind = FrameKind::kUnexplained;
-    if (mayFail == 0) {
+    if (searches == kSearchesMax) {
         return kind;
     }
     if (!priming && follow(frame, 0, &kind)) {
@@ -87,9 +90,7 @@ FrameKind MicRecording::explain(const int16_t* frame) {
         priming = true;
         return FrameKind::kStarved;
     }
-    if (!findAgain(frame, &kind)) {
-        --mayFail;  // to look for a place takes far longer than the frame
-    }
+    searches = findAgain(frame, &kind) ? 0 : searches + 1;
     return FrameKind::kUnexplained;
 }
 

@@ -55,7 +55,7 @@ class MicRecording {
     int64_t lead = 0;     // of the frame explained last
     int64_t skipped = 0;  // before the frame explained last
     bool priming = true;  // silence may precede what comes next
-    int mayFail = 50;     // frames for which no place is found, until the rest counts as lost
+    int searches = 0;     // in a row that found no place
     int64_t counts[6] = {};
 };
 
