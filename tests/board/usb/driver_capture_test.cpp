@@ -58,7 +58,7 @@ std::string result(int status, const std::string& data) {
     return ":" + error + " " + std::to_string(data.size()) + " bytes\n" + hex(data);
 }
 
-// By the document that defines it: "Universal Serial Bus Specification" 2.0, or the class's.
+// As USB 2.0 and the audio class call the request. The two use the same numbers for different ones.
 const char* nameOf(uint8_t type, uint8_t request) {
     const bool isClass = (type & 0x60) == 0x20;
     constexpr struct {
