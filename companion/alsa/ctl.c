@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // ALSA's control plugin: a mixer of type uafd has the host's volumes and mutes. The speaker's can
-// be set; the microphone's are the host's. Values are in the gadget driver's unit, 1/256 dB. The
-// daemon tells a volume or mute only when it changes and when it starts itself; until then the
-// mixer assumes the loudest volume, not muted.
+// be set; the microphone's are the host's. A volume is counted in the gadget driver's steps, from
+// the softest on, as mixers look for the next louder or softer one by adding or subtracting 1. The
+// daemon tells a volume or mute only when it changes and when it starts itself, and cannot be
+// asked; until then the mixer assumes the loudest volume, not muted.
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
@@ -33,8 +34,9 @@ static const struct {
 typedef struct uafd_ctl {
     snd_ctl_ext_t ext;
     uafd_companion* companion;
-    uafd_range volume;
-    long values[ELEMENTS];    // a switch is 1 when it is not muted
+    uafd_range volume;        // in the driver's unit, 1/256 dB
+    long steps;               // in that range
+    long values[ELEMENTS];    // a volume in steps; a switch is 1 when it is not muted
     unsigned changed;         // a bit for each element with a change that was not read
     unsigned tlv[TLV_WORDS];  // the volumes' range in dB
 } uafd_ctl;
@@ -48,14 +50,23 @@ static long clamp(long value, long min, long max) {
     return value > max ? max : value;
 }
 
+static long nearest_step(const uafd_ctl* ctl, long volume) {
+    const uafd_range* const range = &ctl->volume;
+    const long offset = clamp(volume, range->min, range->max) - range->min;
+    return clamp((offset + range->step / 2) / range->step, 0, ctl->steps);
+}
+
+static long volume_of(const uafd_ctl* ctl, long steps) {
+    return ctl->volume.min + steps * ctl->volume.step;
+}
+
 static void apply(uafd_ctl* ctl, const uafd_event* event) {
     for (unsigned i = 0; i < ELEMENTS; ++i) {
         if (event->type != elements[i].event) {
             continue;
         }
-        const long value = elements[i].is_volume
-                               ? clamp(event->value, ctl->volume.min, ctl->volume.max)
-                               : event->value == 0;
+        const long value =
+            elements[i].is_volume ? nearest_step(ctl, event->value) : event->value == 0;
         if (value != ctl->values[i]) {
             ctl->values[i] = value;
             ctl->changed |= 1U << i;
@@ -118,11 +129,10 @@ static int on_get_attribute(snd_ctl_ext_t* ext, snd_ctl_ext_key_t key, int* type
 
 static int on_get_integer_info(snd_ctl_ext_t* ext, snd_ctl_ext_key_t key, long* min, long* max,
                                long* step) {
-    const uafd_range* const range = &((uafd_ctl*)ext->private_data)->volume;
     (void)key;
-    *min = range->min;
-    *max = range->max;
-    *step = range->step;
+    *min = 0;
+    *max = ((uafd_ctl*)ext->private_data)->steps;
+    *step = 1;
     return 0;
 }
 
@@ -136,20 +146,14 @@ static int on_read_integer(snd_ctl_ext_t* ext, snd_ctl_ext_key_t key, long* valu
     return 0;
 }
 
-static long nearest_step(const uafd_range* range, long value) {
-    const long offset = clamp(value, range->min, range->max) - range->min;
-    const long steps = (offset + range->step / 2) / range->step;
-    return clamp(range->min + steps * range->step, range->min, range->max);
-}
-
 // Sends a value also when it is the present one: the host's may be another that was never told.
 static int on_write_integer(snd_ctl_ext_t* ext, snd_ctl_ext_key_t key, long* value) {
     uafd_ctl* const ctl = ext->private_data;
     const long before = ctl->values[key];
     int error = -EPERM;
     if (key == SPEAKER_VOLUME) {
-        *value = nearest_step(&ctl->volume, *value);
-        error = uafd_companion_set_speaker_volume(ctl->companion, (int16_t)*value);
+        *value = clamp(*value, 0, ctl->steps);
+        error = uafd_companion_set_speaker_volume(ctl->companion, (int16_t)volume_of(ctl, *value));
     } else if (key == SPEAKER_SWITCH) {
         *value = *value != 0;
         error = uafd_companion_set_speaker_mute(ctl->companion, !*value);
@@ -206,12 +210,13 @@ static const snd_ctl_ext_callback_t callbacks = {
 
 static void fill(uafd_ctl* ctl) {
     snd_ctl_ext_t* const ext = &ctl->ext;
+    ctl->steps = (ctl->volume.max - ctl->volume.min) / ctl->volume.step;
     const unsigned tlv[TLV_WORDS] = {SND_CTL_TLVT_DB_MINMAX, 2 * sizeof *tlv,
                                      (unsigned)CENTIBELS(ctl->volume.min),
-                                     (unsigned)CENTIBELS(ctl->volume.max)};
+                                     (unsigned)CENTIBELS(volume_of(ctl, ctl->steps))};
     memcpy(ctl->tlv, tlv, sizeof tlv);
     for (unsigned i = 0; i < ELEMENTS; ++i) {
-        ctl->values[i] = elements[i].is_volume ? ctl->volume.max : 1;
+        ctl->values[i] = elements[i].is_volume ? ctl->steps : 1;
     }
     ext->version = SND_CTL_EXT_VERSION;
     snprintf(ext->id, sizeof ext->id, "uafd");

@@ -364,7 +364,7 @@ TEST_F(AlsaPlugin, HasTheHostsMixer) {
     snd_ctl_elem_value_t* value = nullptr;
     snd_ctl_event_alloca(&event);
     snd_ctl_elem_value_alloca(&value);
-    for (const auto& [number, now] : std::map<unsigned, long>{{1, -1280}, {2, 0}, {3, -512}}) {
+    for (const auto& [number, now] : std::map<unsigned, long>{{1, 95}, {2, 0}, {3, 98}}) {
         ASSERT_TRUE(board::waitFor([&] { return snd_ctl_read(ctl, event) == 1; }));
         EXPECT_EQ(snd_ctl_event_elem_get_numid(event), number);
         snd_ctl_elem_value_set_numid(value, number);

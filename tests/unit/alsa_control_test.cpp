@@ -103,11 +103,11 @@ TEST_F(AlsaControl, HasVolumesAndSwitches) {
     }
     snd_ctl_elem_list_free_space(list);
     EXPECT_EQ(described,
-              "Speaker Playback Volume rw -25600..0 by 256\n"
+              "Speaker Playback Volume rw 0..100 by 1\n"
               "Speaker Playback Switch rw\n"
-              "Mic Capture Volume r -25600..0 by 256\n"
+              "Mic Capture Volume r 0..100 by 1\n"
               "Mic Capture Switch r\n");
-    EXPECT_THAT(values(), ElementsAre(0, 1, 0, 1));
+    EXPECT_THAT(values(), ElementsAre(100, 1, 100, 1));
 }
 
 TEST_F(AlsaControl, FollowsTheHost) {
@@ -118,14 +118,14 @@ TEST_F(AlsaControl, FollowsTheHost) {
     EXPECT_TRUE(isReadable());
     EXPECT_THAT(changes(), ElementsAre(kSpeakerVolume));
     EXPECT_FALSE(isReadable());
-    EXPECT_THAT(values(), ElementsAre(-1280, 1, 0, 1));
+    EXPECT_THAT(values(), ElementsAre(95, 1, 100, 1));
     daemon.send(5, 1);
     daemon.send(4, static_cast<uint32_t>(-512));
     daemon.send(6, 1);
     daemon.send(6, 1);
-    EXPECT_THAT(values(), ElementsAre(-1280, 1, 0, 1)) << "a subscriber takes the events first";
+    EXPECT_THAT(values(), ElementsAre(95, 1, 100, 1)) << "a subscriber takes the events first";
     EXPECT_THAT(changes(), ElementsAre(kSpeakerSwitch, kMicVolume, kMicSwitch));
-    EXPECT_THAT(values(), ElementsAre(-1280, 0, -512, 0));
+    EXPECT_THAT(values(), ElementsAre(95, 0, 98, 0));
     daemon.send(6, 1);
     EXPECT_THAT(changes(), ElementsAre()) << "it is muted already";
 }
@@ -134,45 +134,48 @@ TEST_F(AlsaControl, IsUpToDateWithoutEvents) {
     openMixer();
     daemon.send(3, static_cast<uint32_t>(-1280));
     daemon.send(5, 1);
-    EXPECT_THAT(values(), ElementsAre(-1280, 0, 0, 1));
+    EXPECT_THAT(values(), ElementsAre(95, 0, 100, 1));
 }
 
 TEST_F(AlsaControl, SetsTheSpeaker) {
     openMixer();
-    EXPECT_EQ(set(kSpeakerVolume, -2560), 1);
+    EXPECT_EQ(set(kSpeakerVolume, 90), 1);
     EXPECT_EQ(set(kSpeakerSwitch, 0), 1);
     EXPECT_EQ(set(kSpeakerSwitch, 0), 0);
     EXPECT_EQ(set(kSpeakerSwitch, 1), 1);
     EXPECT_THAT(daemon.messages(),
                 ElementsAre(Message{3, 0xF600}, Message{5, 1}, Message{5, 1}, Message{5, 0}));
-    EXPECT_THAT(values(), ElementsAre(-2560, 1, 0, 1));
-    EXPECT_EQ(set(kMicVolume, -256), -EPERM);
+    EXPECT_THAT(values(), ElementsAre(90, 1, 100, 1));
+    EXPECT_EQ(set(kMicVolume, 99), -EPERM);
     EXPECT_EQ(set(kMicSwitch, 0), -EPERM);
     EXPECT_THAT(daemon.messages(), ElementsAre());
 }
 
-TEST_F(AlsaControl, KeepsVolumesInRangeAndSetsSteps) {
+TEST_F(AlsaControl, KeepsVolumesInRangeAndCountsSteps) {
     openMixer();
-    EXPECT_EQ(set(kSpeakerVolume, -1400), 1);
-    EXPECT_EQ(set(kSpeakerVolume, -1410), 1);
-    EXPECT_EQ(set(kSpeakerVolume, -30000), 1);
-    EXPECT_EQ(set(kSpeakerVolume, 30000), 1);
-    EXPECT_THAT(daemon.messages(), ElementsAre(Message{3, 0xFB00}, Message{3, 0xFA00},
-                                               Message{3, 0x9C00}, Message{3, 0}));
+    EXPECT_EQ(set(kSpeakerVolume, 95), 1);
+    EXPECT_EQ(set(kSpeakerVolume, -1), 1);
+    EXPECT_EQ(set(kSpeakerVolume, 101), 1);
+    EXPECT_THAT(daemon.messages(),
+                ElementsAre(Message{3, 0xFB00}, Message{3, 0x9C00}, Message{3, 0}));
+    daemon.send(3, static_cast<uint32_t>(-1400));
+    EXPECT_EQ(value(kSpeakerVolume), 95);
+    daemon.send(3, static_cast<uint32_t>(-1410));
+    EXPECT_EQ(value(kSpeakerVolume), 94);
     daemon.send(3, 0x8000);
-    EXPECT_EQ(value(kSpeakerVolume), -25600);
-    daemon.send(3, 100);
     EXPECT_EQ(value(kSpeakerVolume), 0);
+    daemon.send(3, 100);
+    EXPECT_EQ(value(kSpeakerVolume), 100);
 }
 
 TEST_F(AlsaControl, TakesTheRangeFromTheConfiguration) {
     const AlsaConfig other("ctl.other { type uafd directory \"" + folder.path() +
-                           "\" volume_min -12800 volume_max 512 volume_step 128 }\n"
+                           "\" volume_min -12800 volume_max 575 volume_step 128 }\n"
                            "ctl.wrong { type uafd volume_min 5 }\n");
     ASSERT_EQ(open("other", other), 0) << other.said();
     daemon.messages();
-    EXPECT_EQ(value(kSpeakerVolume), 512);
-    EXPECT_EQ(set(kSpeakerVolume, -130), 1);
+    EXPECT_EQ(value(kSpeakerVolume), 104) << "the rest of the range is no whole step";
+    EXPECT_EQ(set(kSpeakerVolume, 99), 1);
     EXPECT_THAT(daemon.messages(), ElementsAre(Message{3, 0xFF80}));
     snd_ctl_t* wrong = nullptr;
     EXPECT_EQ(snd_ctl_open_lconf(&wrong, "wrong", 0, other.get()), -EINVAL);
@@ -193,10 +196,10 @@ TEST_F(AlsaControl, GivesItsSocketTheFifosGroup) {
 TEST_F(AlsaControl, TellsThatNoDaemonRuns) {
     openMixer();
     daemon.end();
-    EXPECT_EQ(set(kSpeakerVolume, -2560), -ECONNREFUSED);
-    EXPECT_EQ(value(kSpeakerVolume), 0);
+    EXPECT_EQ(set(kSpeakerVolume, 90), -ECONNREFUSED);
+    EXPECT_EQ(value(kSpeakerVolume), 100);
     daemon.bindSocket();
-    EXPECT_EQ(set(kSpeakerVolume, -2560), 1);
+    EXPECT_EQ(set(kSpeakerVolume, 90), 1);
 }
 
 TEST_F(AlsaControl, IsForOneProgram) {
@@ -235,6 +238,11 @@ TEST_F(AlsaControl, IsASimpleMixer) {
     int isOn = 1;
     ASSERT_EQ(snd_mixer_selem_get_playback_switch(speaker, SND_MIXER_SCHN_MONO, &isOn), 0);
     EXPECT_EQ(isOn, 0);
+    // As alsamixer's keys do: a little softer is the next step, however little.
+    ASSERT_EQ(snd_mixer_selem_set_playback_dB_all(speaker, -1039, -1), 0);
+    EXPECT_THAT(daemon.messages(), Contains(Message{3, 0xF500}));
+    ASSERT_EQ(snd_mixer_selem_get_playback_dB(speaker, SND_MIXER_SCHN_MONO, &decibels), 0);
+    EXPECT_EQ(decibels, -1100);
     snd_mixer_elem_t* const microphone = snd_mixer_elem_next(speaker);
     ASSERT_NE(microphone, nullptr);
     EXPECT_STREQ(snd_mixer_selem_get_name(microphone), "Mic");
