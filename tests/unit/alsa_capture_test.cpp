@@ -191,16 +191,22 @@ TEST_F(AlsaCapture, ClosesInEveryState) {
     }
 }
 
+// In the child the stream is dead, and closing it there does not give the FIFO to others.
 TEST_F(AlsaCapture, GoesOnInAParentWhoseChildCloses) {
     openRunning();
     const pid_t child = fork();
     if (child == 0) {
+        const snd_pcm_sframes_t available = snd_pcm_avail_update(pcm);
         snd_pcm_close(pcm);
-        _exit(0);
+        _exit(available < 0 ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+    snd_pcm_t* second = nullptr;
+    EXPECT_EQ(
+        snd_pcm_open_lconf(&second, device().c_str(), SND_PCM_STREAM_CAPTURE, 0, config.get()),
+        -EBUSY);
     daemon.play(samplesFrom(3000, 240));
     EXPECT_EQ(readSound(240), samplesFrom(3000, 240));
 }
