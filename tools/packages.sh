@@ -72,3 +72,32 @@ unpack() {
     dpkg-deb --fsys-tarfile "$deb" | tar -x -C "$into" "${options[@]}" || die "could not unpack $deb"
   done
 }
+
+# The libraries that a program or library names.
+needed_by() { # FILE
+  aarch64-linux-gnu-readelf -d "$1" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'
+}
+
+# copy_with_libraries STAGE FROM BASE_INITRAMFS FILE...: copies files of the folder FROM, each to its own place
+# below STAGE, and all libraries that they need and the board's base image lacks into one folder.
+copy_with_libraries() {
+  local stage=$1 from=$2 lib=$1/usr/lib/aarch64-linux-gnu todo=() name file
+  local -A seen=()
+  while read -r name; do seen[${name##*/}]=1; done < <(cpio --quiet -t <"$3")
+  shift 3
+  (cd "$from" && cp -a --parents "$@" "$stage")
+  todo=("${@/#/$from/}")
+  mkdir -p "$lib"
+  while ((${#todo[@]})); do
+    file=${todo[-1]}
+    unset 'todo[-1]'
+    while read -r name; do
+      [[ -z ${seen[$name]:-} ]] || continue
+      seen[$name]=1
+      file=$(find "$from" -name "$name" -print -quit)
+      [[ $file ]] || die "no package has $name"
+      cp -L "$file" "$lib/"
+      todo+=("$file")
+    done < <(needed_by "$file")
+  done
+}

@@ -3,7 +3,6 @@
 // sound in both directions, the mixer, and what host and daemon do meanwhile.
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -16,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "board/kit/host_player.h"
+#include "tests/board/alsa_device.h"
+#include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 
@@ -34,25 +35,6 @@ constexpr int kBlock = 480;  // 10 ms
 constexpr char kHeardFile[] = "/out/heard.raw";
 constexpr char kSaidFile[] = "/out/said.raw";
 
-board::Samples readRaw(const std::string& path) {
-    const std::string bytes = board::contents(path);
-    board::Samples samples(bytes.size() / sizeof(int16_t));
-    std::copy_n(bytes.data(), samples.size() * sizeof(int16_t),
-                reinterpret_cast<char*>(samples.data()));
-    return samples;
-}
-
-// The left channel of a native recording, whose right one must be the same.
-board::Samples heardIn(const std::string& path) {
-    const board::Samples both = readRaw(path);
-    board::Samples left;
-    for (size_t i = 0; i + 1 < both.size(); i += 2) {
-        EXPECT_EQ(both[i], both[i + 1]) << i;
-        left.push_back(both[i]);
-    }
-    return left;
-}
-
 void writeRaw(const std::string& path, const board::Samples& samples, int channels) {
     std::ofstream file(path, std::ios::binary);
     for (const int16_t sample : samples) {
@@ -60,37 +42,6 @@ void writeRaw(const std::string& path, const board::Samples& samples, int channe
             file.write(reinterpret_cast<const char*>(&sample), sizeof sample);
         }
     }
-}
-
-// A part of a recording without silence.
-struct Stretch {
-    size_t from;
-    size_t frames;
-};
-
-// In their order; silence is at least 10 ms long.
-std::vector<Stretch> stretchesOf(const board::Samples& heard) {
-    std::vector<Stretch> found;
-    int zeros = kBlock;
-    for (size_t i = 0; i < heard.size(); ++i) {
-        if (heard[i] != 0 && zeros >= kBlock) {
-            found.push_back({i, 0});
-        }
-        zeros = heard[i] == 0 ? zeros + 1 : 0;
-        if (!found.empty() && heard[i] != 0) {
-            found.back().frames = i - found.back().from + 1;
-        }
-    }
-    return found;
-}
-
-// How often a sample of the ramp is not the one before plus one.
-int breaksIn(const board::Samples& ramp, const Stretch& stretch) {
-    int breaks = 0;
-    for (size_t i = stretch.from + 1; i < stretch.from + stretch.frames; ++i) {
-        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
-    }
-    return breaks;
 }
 
 int upwardCrossings(const board::Samples& samples) {
@@ -120,12 +71,7 @@ class Program {
 
 class AlsaPlugin : public BoardCase {
   protected:
-    // As the package links it.
-    static void SetUpTestSuite() {
-        std::filesystem::create_directories("/etc/alsa/conf.d");
-        std::filesystem::create_symlink("/usr/share/alsa/alsa.conf.d/60-uafd.conf",
-                                        "/etc/alsa/conf.d/60-uafd.conf");
-    }
+    static void SetUpTestSuite() { installAlsaDevice(); }
     ~AlsaPlugin() override {
         if (pcm != nullptr) {
             snd_pcm_close(pcm);
@@ -385,6 +331,8 @@ TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
         const Program speaker = play();
         board::sleepFor(kSecond / 2);
     }
+    EXPECT_TRUE(board::waitFor([&] { return daemon.count("handler: 13") > 0; }))
+        << "the daemon did not write without a reader";
     app = std::make_unique<board::App>();
     host.command("speaker off");
     host.command("mic off");

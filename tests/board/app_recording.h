@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a program recorded from the daemon: stereo, 16 bits, 48000 Hz, of which both channels are
+// the host's, in a file. One thread.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "board/kit/files.h"
+#include "board/kit/sound.h"
+
+namespace uafd {
+
+constexpr size_t kWavHeader = 44;
+
+// Both channels, after a header of so many bytes.
+inline board::Samples readRaw(const std::string& path, size_t header = 0) {
+    const std::string bytes = board::contents(path);
+    const size_t used = std::min(header, bytes.size());
+    board::Samples samples((bytes.size() - used) / sizeof(int16_t));
+    std::copy_n(bytes.data() + used, samples.size() * sizeof(int16_t),
+                reinterpret_cast<char*>(samples.data()));
+    return samples;
+}
+
+// The left channel. The right one must be the same.
+inline board::Samples heardIn(const std::string& path, size_t header = 0) {
+    const board::Samples both = readRaw(path, header);
+    board::Samples left;
+    size_t different = 0;
+    for (size_t i = 0; i + 1 < both.size(); i += 2) {
+        different += both[i] != both[i + 1] ? 1 : 0;
+        left.push_back(both[i]);
+    }
+    EXPECT_EQ(different, 0U) << path;
+    return left;
+}
+
+// A part of a recording without silence.
+struct Stretch {
+    size_t from;
+    size_t frames;
+};
+
+// In their order; silence is at least 10 ms long.
+inline std::vector<Stretch> stretchesOf(const board::Samples& heard) {
+    constexpr int kSilenceFrames = 480;
+    std::vector<Stretch> found;
+    int zeros = kSilenceFrames;
+    for (size_t i = 0; i < heard.size(); ++i) {
+        if (heard[i] != 0 && zeros >= kSilenceFrames) {
+            found.push_back({i, 0});
+        }
+        zeros = heard[i] == 0 ? zeros + 1 : 0;
+        if (!found.empty() && heard[i] != 0) {
+            found.back().frames = i - found.back().from + 1;
+        }
+    }
+    return found;
+}
+
+// How often a sample of the ramp is not the one before plus one.
+inline int breaksIn(const board::Samples& ramp, const Stretch& stretch) {
+    int breaks = 0;
+    for (size_t i = stretch.from + 1; i < stretch.from + stretch.frames; ++i) {
+        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
+    }
+    return breaks;
+}
+
+}  // namespace uafd

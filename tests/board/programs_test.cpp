@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programs that know ALSA and nothing of the daemon as its apps, started by the commands of
+// docs/recipes.md: sound in both directions to the bit, the mixer in a terminal, and programs that
+// are stopped and killed.
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include "board/kit/host_player.h"
+#include "tests/board/alsa_device.h"
+#include "tests/board/app_recording.h"
+#include "tests/board/board_case.h"
+#include "tests/support/child_process.h"
+
+namespace uafd {
+namespace {
+
+using board::kMs;
+using board::kRate;
+using board::kSecond;
+using board::Ns;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+
+constexpr char kFolder[] = "/out";
+constexpr char kHeardFile[] = "/out/heard.wav";
+constexpr char kSongFile[] = "/out/song.wav";
+
+// ---- The document's commands --------------------------------------------------------------------
+
+// By their names, which are those of their fences: "```sh recipe NAME".
+const std::map<std::string, std::string>& recipes() {
+    static const std::map<std::string, std::string> found = [] {
+        const std::string kFence = "```sh recipe ";
+        std::istringstream document(board::contents("/recipes/recipes.md"));
+        std::map<std::string, std::string> read;
+        for (std::string line; std::getline(document, line);) {
+            if (line.rfind(kFence, 0) == 0) {
+                std::string& command = read[line.substr(kFence.size())];
+                while (std::getline(document, line) && line != "```") {
+                    command += line + "\n";
+                }
+            }
+        }
+        return read;
+    }();
+    return found;
+}
+
+std::set<std::string> namesOf(const std::map<std::string, std::string>& commands) {
+    std::set<std::string> names;
+    for (const auto& [name, command] : commands) {
+        names.insert(name);
+    }
+    return names;
+}
+
+std::set<std::string>& triedRecipes() {
+    static std::set<std::string> names;
+    return names;
+}
+
+const std::string& commandOf(const std::string& name) {
+    triedRecipes().insert(name);
+    return recipes().at(name);
+}
+
+// A recipe's program, in the folder of the files that it names.
+class Recipe : public ChildProcess {
+  public:
+    explicit Recipe(const std::string& name)
+        : ChildProcess({"/bin/sh", "-c", "exec " + commandOf(name)}, [] {
+              if (chdir(kFolder) != 0) {
+                  _exit(126);
+              }
+          }) {}
+    void expectDone() { EXPECT_EQ(wait(), 0) << errors(); }
+};
+
+// A terminal of 100 by 30 characters in which a recipe's program runs.
+class Terminal {
+  public:
+    explicit Terminal(const std::string& name) {
+        EXPECT_EQ(tell({"new-session", "-d", "-x", "100", "-y", "30", commandOf(name)}), 0);
+    }
+    ~Terminal() { tell({"kill-server"}); }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    std::string text() const {
+        std::string shown;
+        tell({"capture-pane", "-p"}, &shown);
+        return shown;
+    }
+    bool shows(const std::string& what) const {
+        return board::waitFor([&] { return text().find(what) != std::string::npos; });
+    }
+    void press(const std::string& key) const { EXPECT_EQ(tell({"send-keys", key}), 0); }
+    bool isOpen() const { return tell({"has-session"}) == 0; }
+
+  private:
+    static int tell(const std::vector<std::string>& words, std::string* said = nullptr) {
+        std::vector<std::string> command = {"/usr/bin/tmux", "-S", "/tmp/terminal"};
+        command.insert(command.end(), words.begin(), words.end());
+        ChildProcess tmux(command);
+        const int status = tmux.wait();
+        if (said != nullptr) {
+            *said = tmux.output();
+        }
+        return status;
+    }
+};
+
+// ---- The board ----------------------------------------------------------------------------------
+
+struct Pair {
+    std::string recorder;
+    std::string player;
+};
+const Pair kAlsaUtils = {"arecord", "aplay"};
+const Pair kSox = {"sox-record", "sox-play"};
+const Pair kGstreamer = {"gstreamer-record", "gstreamer-play"};
+const Pair kPulseAudio = {"pulseaudio-record", "pulseaudio-play"};
+
+class Programs : public BoardCase {
+  protected:
+    static void SetUpTestSuite() {
+        installAlsaDevice();
+        setenv("HOME", "/tmp", 1);
+        setenv("XDG_RUNTIME_DIR", "/run", 1);
+    }
+    static void TearDownTestSuite() {
+        if (testing::GTEST_FLAG(filter) == "*") {
+            EXPECT_THAT(triedRecipes(), ElementsAreArray(namesOf(recipes())));
+        }
+    }
+    // First silence, in which the daemon brings its buffer into the middle of its range, and at the
+    // end, where the buffer runs empty, a little more.
+    static board::Samples writeSong() {
+        board::Samples song = board::render(board::noise, 1, kRate / 2);
+        board::Samples file(7 * kRate / 2);
+        file.insert(file.end(), song.begin(), song.end());
+        file.resize(file.size() + kRate / 5);
+        board::writeWav(kSongFile, file);
+        return song;
+    }
+    void startSoundServer() {
+        std::filesystem::remove_all("/run/pulse");  // of one that was killed
+        server = std::make_unique<Recipe>("pulseaudio");
+        ASSERT_TRUE(board::waitFor([] { return board::exists("/run/pulse/native"); }));
+        Recipe("pulseaudio-source").expectDone();
+        Recipe("pulseaudio-sink").expectDone();
+    }
+    // The recorder is there first, and lets the daemon start.
+    void expectBothWaysToTheBit(const Pair& pair) {
+        const board::HostPlayer speaker(board::ramp);
+        const board::Samples song = writeSong();
+        Recipe recorder(pair.recorder);
+        micService = std::make_unique<board::MicService>();
+        startDaemon();
+        bothOn();
+        host.takeRecording();
+        Recipe(pair.player).expectDone();
+        board::sleepFor(kSecond / 10);
+        const board::Samples recorded = host.takeRecording();
+        EXPECT_GE(board::findWhole(song, recorded), 0) << "it is not there to the bit";
+        recorder.send(SIGINT);
+        recorder.wait();
+        const board::Samples heard = heardIn(kHeardFile, kWavHeader);
+        EXPECT_EQ(board::readWav(kHeardFile).size(), heard.size()) << "the header is not right";
+        const std::vector<Stretch> sound = stretchesOf(heard);
+        ASSERT_EQ(sound.size(), 1U) << recorder.errors();
+        EXPECT_EQ(breaksIn(heard, sound[0]), 0);
+        EXPECT_GT(sound[0].frames, static_cast<size_t>(3 * kRate));
+    }
+    std::unique_ptr<Recipe> server;
+};
+
+TEST_F(Programs, AlsaUtils) {
+    expectBothWaysToTheBit(kAlsaUtils);
+}
+
+TEST_F(Programs, Sox) {
+    expectBothWaysToTheBit(kSox);
+}
+
+TEST_F(Programs, Gstreamer) {
+    expectBothWaysToTheBit(kGstreamer);
+}
+
+TEST_F(Programs, PulseAudio) {
+    startSoundServer();
+    expectBothWaysToTheBit(kPulseAudio);
+}
+
+// A terminal needs what the system of a larger board has set up.
+TEST_F(Programs, Alsamixer) {
+    std::filesystem::create_directory("/dev/pts");
+    ASSERT_EQ(mount("pts", "/dev/pts", "devpts", 0, nullptr), 0);
+    setenv("LC_ALL", "C.UTF-8", 1);
+    const Recipe recorder("arecord");
+    startDaemon();
+    Ns since = board::now();
+    const Terminal terminal("alsamixer");
+    ASSERT_TRUE(terminal.shows("Item: Speaker [dB gain: 0.00]")) << terminal.text();
+    host.command("volume speaker -2560");
+    EXPECT_TRUE(terminal.shows("Item: Speaker [dB gain: -10.00]")) << terminal.text();
+    host.command("mute speaker 1");
+    EXPECT_TRUE(terminal.shows("│MM│")) << terminal.text();
+    terminal.press("m");
+    EXPECT_TRUE(board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 0", since) > 0; }));
+    terminal.press("Down");
+    EXPECT_TRUE(
+        board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -2816", since) > 0; }));
+    EXPECT_TRUE(terminal.shows("Item: Speaker [dB gain: -11.00]")) << terminal.text();
+    board::put("/out/alsamixer.txt", terminal.text());
+    terminal.press("F4");
+    EXPECT_TRUE(terminal.shows("Item: Mic [dB gain: 0.00]")) << terminal.text();
+    board::put("/out/alsamixer-capture.txt", terminal.text());
+    terminal.press("Escape");
+    EXPECT_TRUE(board::waitFor([&] { return !terminal.isOpen(); }));
+
+    since = board::now();
+    Recipe("amixer").expectDone();
+    EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -2560 0", since), 1);
+}
+
+// A program that is stopped does not read: the daemon waits for it until it is killed.
+TEST_F(Programs, LeaveTheDaemonWholeWhenTheyAreStoppedAndKilled) {
+    const board::HostPlayer speaker(board::ramp);
+    writeSong();
+    for (const Pair& pair : {kAlsaUtils, kSox, kGstreamer, kPulseAudio}) {
+        std::filesystem::remove(kHeardFile);
+        if (pair.recorder == kPulseAudio.recorder) {
+            startSoundServer();
+        }
+        const Recipe recorder(pair.recorder);
+        if (!daemon.isRunning()) {
+            micService = std::make_unique<board::MicService>();
+            startDaemon();
+            bothOn();
+        }
+        const Recipe player(pair.player);
+        ASSERT_TRUE(board::waitFor([] { return board::contents(kHeardFile).size() > 60000; }))
+            << pair.recorder << ": " << recorder.errors();
+        for (const Recipe* process :
+             {static_cast<const Recipe*>(server.get()), &recorder, &player}) {
+            if (process != nullptr) {
+                process->send(SIGSTOP);
+            }
+        }
+        board::sleepFor(kSecond / 4);
+    }
+    server = nullptr;
+    app = std::make_unique<board::App>();
+    EXPECT_EQ(findDamage(), "");
+}
+
+}  // namespace
+}  // namespace uafd
