@@ -7,6 +7,7 @@
 #include <exception>
 #include <limits>
 
+#include "bench/board/apps.h"
 #include "bench/board/cost.h"
 #include "bench/board/growth.h"
 #include "bench/board/latency.h"
@@ -29,7 +30,9 @@ constexpr Section kSections[] = {{"speaker", bench::measureSpeaker},
                                  {"usb_speaker", bench::measureUsbSpeaker},
                                  {"usb_microphone", bench::measureUsbMicrophone},
                                  {"usb_both", bench::measureUsbBoth},
-                                 {"usb_drift", bench::measureUsbDrift}};
+                                 {"usb_drift", bench::measureUsbDrift},
+                                 {"apps_recording", bench::measureAppsRecording},
+                                 {"apps_playing", bench::measureAppsPlaying}};
 
 }  // namespace
 

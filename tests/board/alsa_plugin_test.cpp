@@ -14,8 +14,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "board/kit/alsa_device.h"
 #include "board/kit/host_player.h"
-#include "tests/board/alsa_device.h"
 #include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
@@ -71,7 +71,7 @@ class Program {
 
 class AlsaPlugin : public BoardCase {
   protected:
-    static void SetUpTestSuite() { installAlsaDevice(); }
+    static void SetUpTestSuite() { board::installAlsaDevice(); }
     ~AlsaPlugin() override {
         if (pcm != nullptr) {
             snd_pcm_close(pcm);

@@ -18,8 +18,8 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include "board/kit/alsa_device.h"
 #include "board/kit/host_player.h"
-#include "tests/board/alsa_device.h"
 #include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
@@ -137,7 +137,7 @@ const Pair kPulseAudio = {"pulseaudio-record", "pulseaudio-play"};
 class Programs : public BoardCase {
   protected:
     static void SetUpTestSuite() {
-        installAlsaDevice();
+        board::installAlsaDevice();
         setenv("HOME", "/tmp", 1);
         setenv("XDG_RUNTIME_DIR", "/run", 1);
     }

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-namespace uafd {
+namespace board {
 
 inline void installAlsaDevice() {
     std::filesystem::create_directories("/etc/alsa/conf.d");
@@ -13,4 +13,4 @@ inline void installAlsaDevice() {
                                     "/etc/alsa/conf.d/60-uafd.conf");
 }
 
-}  // namespace uafd
+}  // namespace board
