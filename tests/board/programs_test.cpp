@@ -32,7 +32,6 @@ using board::kRate;
 using board::kSecond;
 using board::Ns;
 using testing::ElementsAreArray;
-using testing::HasSubstr;
 
 constexpr char kFolder[] = "/out";
 constexpr char kHeardFile[] = "/out/heard.wav";
@@ -141,6 +140,7 @@ class Programs : public BoardCase {
         setenv("HOME", "/tmp", 1);
         setenv("XDG_RUNTIME_DIR", "/run", 1);
     }
+    // A recipe that no case has tried must not be in the document.
     static void TearDownTestSuite() {
         if (testing::GTEST_FLAG(filter) == "*") {
             EXPECT_THAT(triedRecipes(), ElementsAreArray(namesOf(recipes())));
