@@ -14,10 +14,6 @@
 namespace uafd {
 namespace {
 
-constexpr char kFifoRx[] = "usbAudioFifoRx";
-constexpr char kFifoTx[] = "usbAudioFifoTx";
-constexpr char kSocketRx[] = "usbAudioUdsIpcRx";
-constexpr char kSocketTx[] = "usbAudioUdsIpcTx";
 constexpr const char* kFifos[] = {kFifoRx, kFifoTx};
 constexpr char kDaemonUser[] = "uafd";  // the Debian package's
 constexpr mode_t kRead = 4;
@@ -36,10 +32,6 @@ struct Someone {
 std::string directory() {
     const char* const given = directoryOption.orNull();
     return given == nullptr ? "/tmp" : given;
-}
-
-std::string pathOf(const std::string& name) {
-    return directory() + "/" + name;
 }
 
 std::optional<struct stat> find(const std::string& path) {
@@ -185,6 +177,10 @@ std::string obstacleOf(const Someone& app, const std::optional<Someone>& daemon,
 }
 
 }  // namespace
+
+std::string pathOf(const std::string& name) {
+    return directory() + "/" + name;
+}
 
 uafd_options optionsFor(unsigned parts) {
     static std::string group;

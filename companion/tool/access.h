@@ -11,6 +11,15 @@
 
 namespace uafd {
 
+// The files that app and daemon share. Names are seen from the app.
+constexpr char kFifoRx[] = "usbAudioFifoRx";
+constexpr char kFifoTx[] = "usbAudioFifoTx";
+constexpr char kSocketRx[] = "usbAudioUdsIpcRx";  // the app's
+constexpr char kSocketTx[] = "usbAudioUdsIpcTx";  // the daemon's
+
+// The path of one of them, in --directory.
+std::string pathOf(const std::string& name);
+
 // The options for opening these parts, in --directory. New files get the group of --group,
 // otherwise that of the daemon's files if this process may set it. The texts are valid until the
 // next call.

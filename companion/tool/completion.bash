@@ -9,7 +9,7 @@ _uafd_companion() {
     help=$("$1" --help | sed '/^Options of/,/^$/{/every/,$!d}') # the common options alone
   fi
   argument=$(sed -n "1s/^Usage: uafd-companion $command \[*\([^] ]*\).*/\1/p" <<<"$help")
-  if [[ $before == --directory ]]; then
+  if [[ $before == --@(directory|sysroot) ]]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
   elif grep -qe "^ .*$before [A-Z]" <<<"$help" && [[ $before == --* ]]; then

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <optional>
 #include <string>
 
@@ -36,16 +35,6 @@ constexpr Words kWords[] = {
 constexpr char kRunning[] = "running";
 constexpr char kUnreachable[] = "unreachable";  // this user may not use the daemon's files
 
-void printTime(bool isJson) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm parts{};
-    isJson ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts);
-    char text[32];
-    strftime(text, sizeof text, isJson ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &parts);
-    printf("%s.%03ld", text, now.tv_nsec / 1000000);
-}
-
 class Events final : public Command, private Handler {
   public:
     Events() noexcept : Command("events", "", "print the daemon's messages, with the time") {}
@@ -71,13 +60,11 @@ void Events::onEvent(const uafd_event& event) {
     const Words& words = kWords[event.type];
     const char* const value = words.values[event.value != 0 ? 1 : 0];
     if (json) {
-        printf("{\"time\":\"");
-        printTime(true);
-        printf("Z\",\"event\":\"%s\",\"value\":%d}\n", words.name, event.value);
+        printf("{\"time\":\"%s\",\"event\":\"%s\",\"value\":%d}\n", timeText(true).c_str(),
+               words.name, event.value);
     } else {
-        printTime(false);
-        value == nullptr ? printf(" %s %d\n", words.subject, event.value)
-                         : printf(" %s %s\n", words.subject, value);
+        printf("%s %s %s\n", timeText(false).c_str(), words.subject,
+               value == nullptr ? std::to_string(event.value).c_str() : value);
     }
     fflush(stdout);
     ++printed;

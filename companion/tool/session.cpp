@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <string>
 
@@ -64,16 +65,28 @@ void complain(int error, unsigned parts) {
     failed("opening", reason);
 }
 
-int msUntil(int64_t due) {
-    return static_cast<int>(std::max<int64_t>((due - nowNs() + kNsPerMs - 1) / kNsPerMs, 0));
-}
-
 }  // namespace
 
 int64_t nowNs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+}
+
+int msUntil(int64_t dueNs) {
+    return static_cast<int>(std::max<int64_t>((dueNs - nowNs() + kNsPerMs - 1) / kNsPerMs, 0));
+}
+
+std::string timeText(bool isUtc) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm parts{};
+    isUtc ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts);
+    char text[32];
+    const size_t size =
+        strftime(text, sizeof text, isUtc ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &parts);
+    snprintf(text + size, sizeof text - size, ".%03ld%s", now.tv_nsec / kNsPerMs, isUtc ? "Z" : "");
+    return text;
 }
 
 int Session::tryOpen(unsigned parts) {

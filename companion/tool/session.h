@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <uafd_companion.hpp>
 
 namespace uafd {
@@ -72,5 +73,9 @@ class Session {
 
 // The time of CLOCK_MONOTONIC.
 int64_t nowNs();
+// From now until then, in milliseconds rounded up; 0 when it is over.
+int msUntil(int64_t dueNs);
+// The date and time with milliseconds: UTC in the form of ISO 8601, or local.
+std::string timeText(bool isUtc);
 
 }  // namespace uafd

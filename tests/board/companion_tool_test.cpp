@@ -2,6 +2,8 @@
 // The companion tool on the board as its user sees it: the tool talks to the daemon, and the host
 // is at the other end of the cable.
 #include <atomic>
+#include <cmath>
+#include <cstdlib>
 #include <fcntl.h>
 #include <grp.h>
 #include <string>
@@ -172,6 +174,40 @@ TEST_F(CompanionTool, RecordsForAsLongAsItIsAskedTo) {
     EXPECT_EQ(tool->wait(), 0);
     EXPECT_NEAR(static_cast<double>(board::now() - begin) / kSecond, 3, 0.5);
     EXPECT_EQ(board::readWav("/out/heard.wav").size(), 0U);
+}
+
+// The number after "KEY": in an object's part that begins with "PART".
+double valueIn(const std::string& json, const std::string& part, const std::string& key) {
+    const size_t begin = json.find("\"" + part + "\":{");
+    const std::string mark = "\"" + key + "\":";
+    const size_t at = begin == std::string::npos ? begin : json.find(mark, begin);
+    return at == std::string::npos ? NAN : strtod(json.c_str() + at + mark.size(), nullptr);
+}
+
+TEST_F(CompanionTool, WatchesDaemonAndAppFromOutside) {
+    const board::HostPlayer player(board::noise);
+    bothOn();
+    startWithDaemon({"loop"});
+    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    board::sleepFor(kSecond / 10);  // the first periods of a stream move at once
+    ChildProcess top({kTool, "top", "--once", "--json"});
+    EXPECT_EQ(top.wait(), 0) << top.errors();
+    const std::string seen = top.output();
+    printf("%s", seen.c_str());
+    EXPECT_THAT(seen, HasSubstr(R"("daemon":"running","pid":)" + std::to_string(daemon.pid())));
+    EXPECT_THAT(seen, HasSubstr(R"("usb_state":1,"card":1,"messages_taken":1,)"));
+    for (const char* stream : {"speaker", "mic"}) {
+        EXPECT_EQ(valueIn(seen, stream, "on"), 1);
+        EXPECT_NEAR(valueIn(seen, stream, "frames_per_second"), kRate, kRate / 50) << stream;
+        EXPECT_GT(valueIn(seen, stream, "waiting_frames"), -1);
+        EXPECT_LE(valueIn(seen, stream, "waiting_frames"), 2400);
+        EXPECT_EQ(valueIn(seen, stream, "restarts"), 0);
+        EXPECT_EQ(valueIn(seen, stream, "daemon_end_open"), 1);
+    }
+    EXPECT_THAT(seen, HasSubstr(R"("app_name":"uafd-companion")"));
+    ChildProcess page({kTool, "top", "--once", "--interval", "0.1"});
+    EXPECT_EQ(page.wait(), 0);
+    printf("%s", page.output().c_str());
 }
 
 TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {

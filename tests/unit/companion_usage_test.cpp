@@ -22,7 +22,7 @@ TEST_F(ToolTest, HelpsItself) {
     EXPECT_EQ(run({"--help"}), 0);
     const std::string help = tool->output();
     for (const char* command : {"check", "events", "latency", "loop", "meter", "mute on|off",
-                                "play [FILE]", "record FILE", "status", "volume N"}) {
+                                "play [FILE]", "record FILE", "status", "top", "volume N"}) {
         EXPECT_THAT(help, HasSubstr(std::string("\n  ") + command + " "));
     }
     EXPECT_EQ(run({"-h"}), 0);
@@ -69,7 +69,7 @@ std::set<std::string> completionsOf(const std::string& words) {
 TEST_F(ToolTest, IsCompletedByTheShell) {
     EXPECT_THAT(completionsOf("''"),
                 UnorderedElementsAre("check", "events", "latency", "loop", "meter", "mute", "play",
-                                     "record", "status", "volume"));
+                                     "record", "status", "top", "volume"));
     EXPECT_THAT(completionsOf("re"), ElementsAre("record"));
     EXPECT_THAT(completionsOf("--v"), ElementsAre("--version"));
     EXPECT_THAT(completionsOf("record --"),
@@ -85,6 +85,7 @@ TEST_F(ToolTest, IsCompletedByTheShell) {
     EXPECT_THAT(completionsOf("sing ''"), ElementsAre());
     folder.write("notes", "");
     EXPECT_THAT(completionsOf("loop --directory " + folder.path()), ElementsAre(folder.path()));
+    EXPECT_THAT(completionsOf("top --sysroot " + folder.path()), ElementsAre(folder.path()));
 }
 
 struct Misuse {
