@@ -207,6 +207,19 @@ TEST(Package, MakesTheHostAnAlsaDevice) {
     unlink(board::kSocketRx);
 }
 
+// The board has no Python, so the module is only found where Debian's looks; with the library it is
+// used on the development machine.
+TEST(Package, HasThePythonModule) {
+    outputOf(
+        "dpkg -i --force-depends /packages/libuafd-companion1_*.deb "
+        "/packages/python3-uafd-companion_*.deb 2>&1");
+    EXPECT_EQ(outputOf("dpkg-query -W -f '${db:Status-Status}' python3-uafd-companion"),
+              "installed");
+    EXPECT_TRUE(board::exists("/usr/lib/python3/dist-packages/uafd_companion.py"));
+    EXPECT_TRUE(board::exists("/usr/share/doc/python3-uafd-companion/examples/record.py"));
+    EXPECT_TRUE(board::exists("/usr/lib/aarch64-linux-gnu/libuafd_companion.so.1"));
+}
+
 // Covers the daemon's setprop, the path unit that notices it, and the service that the unit starts.
 // The simulated board has no controller on which the service could act.
 TEST(Package, RestartsTheGadgetThatDoesNotNoticeItsCable) {
