@@ -41,8 +41,8 @@ std::string outputOf(const std::string& command) {
     return output;
 }
 
-std::string serviceProperty(const std::string& key) {
-    return outputOf("systemctl show --value --property=" + key + " uafd.service");
+std::string serviceProperty(const std::string& key, const std::string& unit) {
+    return outputOf("systemctl show --value --property=" + key + " " + unit);
 }
 
 pid_t servicePid() {

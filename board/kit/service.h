@@ -12,8 +12,8 @@ namespace board {
 // Runs a command and returns what it printed, without the last line end.
 std::string outputOf(const std::string& command);
 
-// "key" of the service, as systemctl shows it.
-std::string serviceProperty(const std::string& key);
+// "key" of a service, by default the daemon's, as systemctl shows it.
+std::string serviceProperty(const std::string& key, const std::string& unit = "uafd.service");
 // The daemon's process; 0 when none runs.
 pid_t servicePid();
 

@@ -6,16 +6,16 @@ _uafd_companion() {
   if ((COMP_CWORD > 1)); then
     help=$("$1" "$command" --help 2>/dev/null)
   else
-    help=$("$1" --help | sed '/^Options of/,/^$/{/every/,$!d}') # the common options alone
+    help=$("$1" --help | sed '/^Options of/,/^$/{/^Options of every/,$!d}') # the common options alone
   fi
   argument=$(sed -n "1s/^Usage: uafd-companion $command \[*\([^] ]*\).*/\1/p" <<<"$help")
   if [[ $before == --@(directory|sysroot) ]]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
   elif grep -qe "^ .*$before [A-Z]" <<<"$help" && [[ $before == --* ]]; then
-    return # a number
+    return # a number or a name
   elif [[ $word == -* ]]; then
-    words=$(grep -oe '--[a-z]*' <<<"$help")
+    words=$(grep -oe '--[a-z-]*' <<<"$help")
   elif ((COMP_CWORD == 1)); then
     words=$(sed -n '/^Commands:/,/^$/s/^  \([a-z]*\).*/\1/p' <<<"$help")
   elif [[ $argument == FILE ]]; then

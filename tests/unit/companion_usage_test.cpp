@@ -68,13 +68,14 @@ std::set<std::string> completionsOf(const std::string& words) {
 
 TEST_F(ToolTest, IsCompletedByTheShell) {
     EXPECT_THAT(completionsOf("''"),
-                UnorderedElementsAre("check", "events", "latency", "loop", "meter", "mute", "play",
-                                     "record", "status", "top", "volume"));
+                UnorderedElementsAre("bridge", "check", "events", "latency", "loop", "meter",
+                                     "mute", "play", "record", "status", "top", "volume"));
     EXPECT_THAT(completionsOf("re"), ElementsAre("record"));
     EXPECT_THAT(completionsOf("--v"), ElementsAre("--version"));
     EXPECT_THAT(completionsOf("record --"),
                 UnorderedElementsAre("--seconds", "--raw", "--directory", "--group", "--help",
                                      "--version"));
+    EXPECT_THAT(completionsOf("bridge --ap"), ElementsAre("--apply-volume"));
     EXPECT_THAT(completionsOf("mute o"), ElementsAre("off", "on"));
     EXPECT_THAT(completionsOf("loop --seconds ''"), ElementsAre());
     EXPECT_THAT(completionsOf("loop ''"), ElementsAre());
@@ -143,6 +144,12 @@ INSTANTIATE_TEST_SUITE_P(
                {"volume", "-32769"},
                "volume -32769: needs a whole number from -32768 to 32767; see uafd-companion "
                "--help"},
+        Misuse{"NoDirection",
+               {"bridge", "--speaker", "none", "--microphone", "none"},
+               "bridge: speaker and microphone are both none; see uafd-companion --help"},
+        Misuse{"TooShortALatency",
+               {"bridge", "--latency", "1"},
+               "--latency 1: needs a number from 5 to 500; see uafd-companion --help"},
         Misuse{
             "NoMute", {"mute", "maybe"}, "mute maybe: needs on or off; see uafd-companion --help"}),
     [](const auto& info) { return std::string(info.param.name); });
