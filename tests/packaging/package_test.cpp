@@ -220,6 +220,49 @@ TEST(Package, HasThePythonModule) {
     EXPECT_TRUE(board::exists("/usr/lib/aarch64-linux-gnu/libuafd_companion.so.1"));
 }
 
+bool hasSound(const std::string& bytes) {
+    return bytes.size() - static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\0')) >
+           bytes.size() / 4;
+}
+
+// The card is the kernel's loopback: its other end is the ear and the mouth of the board's user.
+TEST(Package, MakesAHeadsetOfACard) {
+    outputOf("modprobe snd-aloop index=5; dpkg -i /packages/uafd-bridge_*.deb 2>&1");
+    EXPECT_EQ(serviceProperty("UnitFileState", "uafd-bridge"), "disabled");
+    EXPECT_EQ(serviceProperty("ActiveState", "uafd-bridge"), "inactive");
+    outputOf("sed -i s/=default/=hw:5,0,0/ /etc/default/uafd-bridge");
+    outputOf("systemctl start uafd-bridge");
+    board::Host host;
+    host.reset();
+    const board::HostPlayer player(board::noise);
+    host.command("speaker on");
+    host.command("mic on");
+    ChildProcess mouth({"/usr/bin/aplay", "-q", "-D", "hw:5,1,0", "-t", "raw", "-f", "S16_LE", "-c",
+                        "2", "-r", "48000", "-d", "5", "/dev/urandom"});
+    const auto hostHears = [&] {
+        const board::Samples recorded = host.takeRecording();
+        return hasSound(
+            {reinterpret_cast<const char*>(recorded.data()), recorded.size() * sizeof recorded[0]});
+    };
+    board::sleepFor(kSecond / 2);
+    host.takeRecording();
+    board::sleepFor(kSecond / 4);
+    EXPECT_TRUE(hostHears());
+    EXPECT_TRUE(hasSound(outputOf("arecord -q -D hw:5,1,0 -t raw -f S16_LE -c 2 -r 48000 -d 1")));
+    const std::string process = "/proc/" + serviceProperty("MainPID", "uafd-bridge") + "/";
+    EXPECT_EQ(outputOf("tr '\\0' ' ' <" + process + "cmdline"),
+              "/usr/bin/uafd-companion bridge --speaker hw:5,0,0 --microphone hw:5,0,0 "
+              "--apply-volume ");
+    EXPECT_EQ(outputOf("stat -c %U " + process), "uafd");
+    EXPECT_EQ(outputOf("cut -d' ' -f40,41 " + process + "stat"), "20 1") << "SCHED_FIFO";
+    EXPECT_EQ(outputOf("sed -n 's/^CapEff:\t//p' " + process + "status"), "0000000000000000");
+    outputOf("dpkg -P uafd-bridge 2>&1");
+    EXPECT_FALSE(board::exists(process));
+    EXPECT_FALSE(board::exists(board::kSocketRx));
+    EXPECT_FALSE(board::exists("/etc/default/uafd-bridge"));
+    host.reset();
+}
+
 // Covers the daemon's setprop, the path unit that notices it, and the service that the unit starts.
 // The simulated board has no controller on which the service could act.
 TEST(Package, RestartsTheGadgetThatDoesNotNoticeItsCable) {

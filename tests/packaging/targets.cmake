@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # cmake -D FOLDERS="FOLDER;..." -P targets.cmake: prints what CMake would build in these folders and
-# below, without examples and without the ALSA plugins, which Android has no programs for: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the
-# project's libraries that a target links. For this the commands that define targets are replaced by
+# below, without examples and without what needs ALSA as programs have it on other systems, the plugins and
+# the bridge: a line "TARGET FILE" for each source and "TARGET LIBRARY" for each of the project's libraries
+# that a target links. For this the commands that define targets are replaced by
 # ones that print, and the others by ones that do nothing.
 cmake_minimum_required(VERSION 3.25)
 
@@ -44,14 +45,14 @@ function(visit folder)
 endfunction()
 function(add_subdirectory folder)
   set(path ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
-  if(NOT path MATCHES "/companion/(alsa|examples)$")
+  if(NOT path MATCHES "/companion/(alsa|bridge|examples)$")
     visit(${path})
   endif()
 endfunction()
 foreach(command add_custom_target add_dependencies configure_file find_library find_path find_program
     include install set_property
     set_source_files_properties set_target_properties target_compile_options
-    target_include_directories target_link_options uafd_install_gz write_basic_package_version_file)
+    target_include_directories target_link_options target_sources uafd_install_gz write_basic_package_version_file)
   cmake_language(EVAL CODE "function(${command})\nendfunction()")
 endforeach()
 
