@@ -31,6 +31,8 @@ AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& p
       pid(fork()) {
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // Not the parent's streams: they would be open for as long as the app lives.
+        close_range(STDERR_FILENO + 1, ~0U, 0);
         live(options, prepare);
     }
 }

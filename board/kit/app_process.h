@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A companion app in a separate process, for tests in which it dies or freezes. It speaks noise and
-// listens; counters and messages that outlive it show what it received.
+// listens; counters and messages that outlive it show what it received. It has none of its parent's
+// files.
 #pragma once
 
 #include <cstdint>
