@@ -23,8 +23,8 @@ constexpr board::Ns kLastBlock = 15 * kMs;  // until the app has written what it
 // Until the host takes from the daemon what the app says. What the app says earlier waits in the
 // buffer, which may then have too little or too much for a moment.
 constexpr board::Ns kMicFlows = 40 * kMs;
-// When the app begins to speak, the frame buffer may run dry once and drop a block, depending on
-// the phase between the app's blocks and the daemon's frames.
+// When the app begins to speak, the frame buffer may drop a block, depending on the phase between
+// the app's blocks and the daemon's frames. It may also run dry once, then or later.
 constexpr board::Ns kMicSettles = 100 * kMs;
 // What the app misses of a stream: it is on for 10 ms before the daemon is told, and the daemon
 // holds back until the phase is right.
@@ -110,16 +110,14 @@ void WireCase::expectSound(board::Ns time) {
     app->pauseSpeaking(false);
     board::sleepFor(kMicSettles);
     mic.observe();
-    const int64_t starved = mic.explained().count(FrameKind::kStarved);
     const int64_t unexplained = mic.explained().count(FrameKind::kUnexplained);
-    EXPECT_LE(starved, 1);
     EXPECT_LE(unexplained, 1);
     board::sleepFor(time);
     EXPECT_TRUE(hasThreads(board::kStreamingThreads));
     mic.observe();
     expectHeard();
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), unexplained);
-    EXPECT_EQ(mic.explained().count(FrameKind::kStarved), starved);
+    EXPECT_LE(mic.explained().count(FrameKind::kStarved), 1);
     EXPECT_GT(mic.explained().count(FrameKind::kCopied), 10);
     switchOff();
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
