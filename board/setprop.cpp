@@ -48,17 +48,18 @@ bool setProperty(const std::string& name, const std::string& value) {
     return true;
 }
 
-bool bindAgain() {
+// Refused when it is not bound, or has no controller; whoever sets a property does not hear of it.
+void bindAgain() {
     std::string controller;
     std::getline(std::ifstream(kController), controller);
-    // Refused when it is not bound.
     writeFile(kGadgetsController, 0, "\n");
-    return writeFile(kGadgetsController, 0, controller) || fail(kGadgetsController);
+    writeFile(kGadgetsController, 0, controller);
 }
 
 bool reenumerate() {
     if (access(kUsbHost, F_OK) != 0) {
-        return bindAgain();
+        bindAgain();
+        return true;
     }
     return writeFile(kUsbHost, 0, kReenumerate) || fail(kUsbHost);
 }

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -17,6 +16,7 @@
 #include "board/kit/process_view.h"
 #include "board/kit/statistics.h"
 #include "board/kit/usb/kernel_gadget.h"
+#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 #include "board/kit/usb/wire.h"
 
@@ -273,9 +273,7 @@ void UsbComparison::measure(const UsbSubject& subject, const std::string& name, 
 
 void loadCards() {
     // With the cable detector.
-    if (system("modprobe usb_board") != 0) {
-        throw std::runtime_error("the board's first card does not load");
-    }
+    board::loadModule("usb_board");
     loadLoopbackCard(3);
 }
 

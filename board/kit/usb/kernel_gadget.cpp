@@ -23,7 +23,7 @@ const std::map<std::string, std::string> kMono = {{"c_chmask", "1"},    {"c_srat
                                                   {"c_ssize", "2"},     {"p_chmask", "1"},
                                                   {"p_srate", "48000"}, {"p_ssize", "2"}};
 
-void make(const std::string& folder) {
+void makeFolder(const std::string& folder) {
     if (mkdir(folder.c_str(), 0755) != 0) {
         fail("making " + folder);
     }
@@ -34,45 +34,52 @@ std::string firstLine(const std::string& path) {
     return text.substr(0, text.find('\n'));
 }
 
-bool isAudio(const std::string& function) {
-    return function.compare(0, 3, "uac") == 0;
+// What is given, and for an audio function of the kernel's what makes it mono.
+std::map<std::string, std::string> attributesOf(const std::string& function,
+                                                std::map<std::string, std::string> given) {
+    if (function.compare(0, 3, "uac") == 0) {
+        given.insert(kMono.begin(), kMono.end());
+    }
+    return given;
 }
 
 }  // namespace
 
 KernelGadget::KernelGadget(const std::string& function,
                            const std::map<std::string, std::string>& attributes)
-    : functionFolder(kGadget + "/functions/" + function + ".0") {
-    make(kGadget);
+    : functionFolder(kGadget + "/functions/" + function + ".0"),
+      attributes(attributesOf(function, attributes)) {
+    make();
+}
+
+KernelGadget::~KernelGadget() {
+    takeApart();
+}
+
+void KernelGadget::make() {
+    makeFolder(kGadget);
     put(kGadget + "/idVendor", kTestVendor);
     put(kGadget + "/idProduct", kTestProduct);
-    make(kStrings);
+    makeFolder(kStrings);
     put(kStrings + "/manufacturer", "uafd");
     put(kStrings + "/product", "Board");
-    make(kConfiguration);
-    make(functionFolder);
-    if (isAudio(function)) {
-        makeFunction(kMono);
+    makeFolder(kConfiguration);
+    makeFolder(functionFolder);
+    for (const auto& [name, value] : attributes) {
+        put(functionFolder + "/" + name, value);
     }
-    makeFunction(attributes);
     if (symlink(functionFolder.c_str(), kLink.c_str()) != 0) {
         fail("linking " + functionFolder);
     }
 }
 
-KernelGadget::~KernelGadget() {
-    if (contents(kGadget + "/UDC") != "\n") {
+void KernelGadget::takeApart() {
+    if (contents(kGadget + "/UDC").size() > 1) {  // a name; else a line end, or no gadget
         unbind();
     }
     unlink(kLink.c_str());
     for (const std::string& folder : {functionFolder, kConfiguration, kStrings, kGadget}) {
         rmdir(folder.c_str());
-    }
-}
-
-void KernelGadget::makeFunction(const std::map<std::string, std::string>& attributes) const {
-    for (const auto& [name, value] : attributes) {
-        put(functionFolder + "/" + name, value);
     }
 }
 

@@ -12,27 +12,30 @@ constexpr char kUdc[] = "ff300000.usb";
 
 class KernelGadget {
   public:
-    // `function` is "vexa", our driver's, or a name of the kernel's: "uac1", "uac2", "SourceSink";
-    // uac1 and uac2 are mono at 48 kHz, 16 bit each way unless `attributes` say otherwise. Not
-    // bound yet.
+    // Makes it. `function` is "vexa", our driver's, or a name of the kernel's: "uac1", "uac2",
+    // "SourceSink"; uac1 and uac2 are mono at 48 kHz, 16 bit each way unless `attributes` say
+    // otherwise. Not bound yet.
     explicit KernelGadget(const std::string& function,
                           const std::map<std::string, std::string>& attributes = {});
-    // Unbinds it and takes it apart.
+    // Takes it apart.
     ~KernelGadget();
     KernelGadget(const KernelGadget&) = delete;
     KernelGadget& operator=(const KernelGadget&) = delete;
 
     void bind();
     void unbind();
+    // Unbinds it and takes it apart, so that the function's module can be unloaded.
+    void takeApart();
+    // Makes it as it was before, not bound.
+    void make();
     // The value of one of the function's attributes, without its line end.
     std::string attribute(const std::string& name) const;
     // What the kernel's controller says of the link: "not attached", "configured" and so on.
     static std::string state();
 
   private:
-    void makeFunction(const std::map<std::string, std::string>& attributes) const;
-
     const std::string functionFolder;  // its folder's path
+    const std::map<std::string, std::string> attributes;
 };
 
 }  // namespace board

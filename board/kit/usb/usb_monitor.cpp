@@ -2,11 +2,12 @@
 #include "board/kit/usb/usb_monitor.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 
 #include <sys/ioctl.h>
+
+#include "board/kit/usb/kernel_module.h"
 
 namespace board {
 namespace {
@@ -66,9 +67,7 @@ struct UsbMonitor::Event {
 };
 
 UsbMonitor::UsbMonitor() {
-    if (system("modprobe usbmon") != 0) {
-        fail("loading usbmon");
-    }
+    loadModule("usbmon");
     file = Fd::open("/dev/usbmon0", O_RDONLY | O_NONBLOCK);
 }
 

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kit/usb/wire_board.h"
 
-#include <cstdlib>
-#include <stdexcept>
+#include <cerrno>
 #include <utility>
 
+#include "board/kit/files.h"
+#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 
 namespace board {
@@ -12,11 +13,22 @@ namespace {
 
 constexpr char kReadsRecord[] = "control_read";  // where the driver keeps its reader
 
+// A process that has just been forked still has our files until it runs for the first time.
+void unloadOrFail(const char* module) {
+    int error = 0;
+    waitFor([&] {
+        error = unloadModule(module);
+        return error != EWOULDBLOCK;
+    });
+    if (error != 0) {
+        errno = error;
+        fail(std::string("unloading ") + module);
+    }
+}
+
 // Restored before the gadget is made; the board's own card comes first, so that it is card 0.
 Wire readyWire() {
-    if (system("modprobe usb_board") != 0) {
-        throw std::runtime_error("the board's own card did not load");
-    }
+    loadModule("usb_board");
     Wire wire;
     wire.restore();
     return wire;
@@ -35,6 +47,22 @@ WireBoard::~WireBoard() {
     daemon.stop();
     app.reset();
     micService.reset();
+}
+
+void WireBoard::unloadController() {
+    { const Wire closing(std::move(wire)); }
+    unloadOrFail("usb_wire");
+}
+
+void WireBoard::loadController() {
+    loadModule("usb_wire");
+    wire = Wire();
+}
+
+void WireBoard::reloadDriver() {
+    gadget.takeApart();
+    unloadOrFail("usb_f_vexa");
+    gadget.make();  // the kernel loads it
 }
 
 // The only reader sleeps: no record waits for it.

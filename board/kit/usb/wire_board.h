@@ -26,6 +26,13 @@ class WireBoard : public DaemonBoard {
 
     AudioHost& audioHost() override { return host; }
 
+    // The controllers' module goes, whatever runs on the wire, which nobody may use before it is
+    // there again. The gadget waits for a controller, and binds to it as soon as there is one.
+    void unloadController();
+    void loadController();
+    // The driver's module goes and comes. No daemon may run; the gadget is not bound afterwards.
+    void reloadDriver();
+
     Wire wire;
     KernelGadget gadget;
     WireAudioHost host{&wire, &gadget};

@@ -12,11 +12,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "board/kit/sound.h"
+#include "board/kit/usb/kernel_module.h"
 #include "tests/board/usb/driver_case.h"
 
 namespace uafd {
@@ -37,7 +37,7 @@ constexpr int kCycles = 20;
 
 // 0, or the errno that refused it.
 int unload() {
-    return syscall(SYS_delete_module, "usb_f_vexa", O_NONBLOCK) == 0 ? 0 : errno;
+    return board::unloadModule("usb_f_vexa");
 }
 
 int write(const std::string& path, const std::string& text) {

@@ -3,21 +3,18 @@
 // on, the app is told of it and the daemon is whole afterwards.
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <fcntl.h>
 #include <ostream>
 #include <string>
 #include <tuple>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
 #include "board/kit/files.h"
 #include "board/kit/usb/host_mixer.h"
+#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 #include "tests/board/usb_daemon/wire_case.h"
 
@@ -39,11 +36,6 @@ constexpr board::Ns kHandled = 100 * kMs;  // by the daemon, a stop of both chan
 constexpr char kConfiguration[] = "/sys/bus/usb/devices/1-1/bConfigurationValue";
 constexpr char kPullUp[] = "/sys/class/udc/ff300000.usb/soft_connect";
 constexpr Direction kDirections[] = {kSpeakerDirection, kMicDirection};
-
-// 0, or the errno that refused it.
-int unload(const char* module) {
-    return syscall(SYS_delete_module, module, O_NONBLOCK) == 0 ? 0 : errno;
-}
 
 // ---- What happens ------------------------------------------------------------------------------
 
@@ -92,14 +84,11 @@ void applyPullUp(WireBoard& /*board*/) {
     put(kPullUp, "connect");
 }
 
-// The gadget waits for a controller, and binds to it as soon as there is one.
 void unloadController(WireBoard& board) {
-    { const board::Wire closing(std::move(board.wire)); }
-    ASSERT_EQ(unload("usb_wire"), 0);
+    board.unloadController();
 }
 void loadController(WireBoard& board) {
-    ASSERT_EQ(system("modprobe usb_wire"), 0);
-    board.wire = board::Wire();
+    board.loadController();
 }
 
 void nothing(WireBoard& /*board*/) {}
@@ -237,12 +226,13 @@ class ReloadedDriver {
                 board.host.record();
             }
             EXPECT_TRUE(board.hasThreads(streams.threads()));
-            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);
+            EXPECT_EQ(board::unloadModule("usb_f_vexa"), EWOULDBLOCK);
             EXPECT_TRUE(board.hasThreads(streams.threads()));
             board.daemon.stop();
-            EXPECT_EQ(unload("usb_f_vexa"), EWOULDBLOCK);  // the gadget holds it as well
+            EXPECT_EQ(board::unloadModule("usb_f_vexa"),
+                      EWOULDBLOCK);  // the gadget holds it as well
         }
-        EXPECT_EQ(unload("usb_f_vexa"), 0);
+        EXPECT_EQ(board::unloadModule("usb_f_vexa"), 0);
         EXPECT_FALSE(board::exists("/sys/class/android_usb"));
     }
 };

@@ -46,6 +46,13 @@ void Walk::endApp() {
     watch.forget();
 }
 
+void Walk::restartDaemon(const std::function<void()>& between) {
+    board().daemon.stop();
+    between();
+    startApp({});
+    board().startDaemon();
+}
+
 void Walk::announce(const char* name) {
     printf("%s", name);
     fflush(stdout);

@@ -4,6 +4,7 @@
 // with the same seed are the beginning of the same walk. One thread.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -40,6 +41,9 @@ class Walk {
     std::string number(int64_t limit) { return std::to_string(random.below(limit)); }
     void startApp(board::AppOptions options);
     void endApp();
+    // Ends the daemon, does `between`, and starts another with a new app, for whose FIFOs a daemon
+    // waits.
+    void restartDaemon(const std::function<void()>& between);
 
   protected:
     explicit Walk(uint64_t seed) : random(seed) {}

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The actions of a walk over both ends of the wire.
 #include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <sys/syscall.h>
+#include <stdexcept>
 
 #include "board/kit/files.h"
+#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 #include "tests/board/walk/app_actions.h"
 #include "tests/board/walk/wire_walk.h"
@@ -140,13 +138,48 @@ void releasePullUp(WireWalk& walk) {
         [] { put(kPullUp, "connect"); });
 }
 
-// Is refused: the gadget and the daemon use it.
+// ---- Modules -----------------------------------------------------------------------------------
+
+// In three of four cases it comes back after a random time, or one that had gone before does.
+void changeController(WireWalk& walk) {
+    if (walk.hasController()) {
+        walk.note("controller unloaded");
+        walk.wired.unloadController();
+    }
+    if (walk.random.below(4) != 0) {
+        board::sleepFor(walk.random.below(400) * kMs);
+        walk.note("controller loaded");
+        walk.wired.loadController();
+        if (walk.random.flip()) {
+            UsbHost::waitForCard();
+        }
+    }
+}
+
+// Must be refused: the gadget and the daemon use it.
 void unloadDriver(WireWalk& walk) {
-    walk.attempt("the driver is unloaded", [] {
-        if (syscall(SYS_delete_module, "usb_f_vexa", O_NONBLOCK) != 0) {
-            board::fail("unloading");
+    walk.note("the driver is unloaded");
+    if (board::unloadModule("usb_f_vexa") != EWOULDBLOCK) {
+        throw std::runtime_error("a driver in use is unloaded");
+    }
+}
+
+// As in an update. In three of four cases the gadget is bound again, before the daemon is there or
+// after.
+void reloadDriver(WireWalk& walk) {
+    const auto bind = [&walk] { walk.attempt("bind", [&] { walk.wired.gadget.bind(); }); };
+    const int64_t binding = walk.random.below(8);
+    walk.restartDaemon([&] {
+        walk.note("driver reloaded");
+        walk.wired.reloadDriver();
+        if (binding < 3) {
+            bind();
+            board::sleepFor(walk.random.below(400) * kMs);
         }
     });
+    if (binding >= 3 && binding < 6) {
+        bind();
+    }
 }
 
 }  // namespace
@@ -167,7 +200,9 @@ std::vector<Action<WireWalk>> wireActions() {
         {"packets go wrong", 6, spoilPackets},
         {"the gadget is unbound", 5, unbind},
         {"the gadget lets go of the bus", 3, releasePullUp},
-        {"the driver's module is to go", 2, unloadDriver},
+        {"the controllers' module changes", 4, changeController},
+        {"the driver's module is to go", 1, unloadDriver},
+        {"the driver's module changes", 4, reloadDriver},
         {"the app starts", 6, restartApp},
         {"the app dies", 4, killApp},
         {"the app is stopped", 3, freezeApp},

@@ -40,6 +40,10 @@ void WireWalk::attemptOnHost(const std::string& what, const std::function<void()
     });
 }
 
+bool WireWalk::hasController() {
+    return board::exists("/proc/usb_wire");
+}
+
 Direction WireWalk::direction() {
     return random.flip() ? kSpeakerDirection : kMicDirection;
 }
@@ -66,6 +70,9 @@ void WireWalk::act() {
 void WireWalk::restore() {
     wired.host.stopPlaying();
     wired.host.stopRecording();
+    if (!hasController()) {
+        wired.loadController();
+    }
     wired.wire.command("clear");
     attempt("unbind", [this] { wired.gadget.unbind(); });
     UsbHost::waitForCard(false);

@@ -27,6 +27,8 @@ class WireWalk : public Walk {
     void attempt(const std::string& what, const std::function<void()>& deed);
     // Likewise; refused while the host has no card.
     void attemptOnHost(const std::string& what, const std::function<void()>& deed);
+    // False while the controllers' module is away: the host has no bus then.
+    static bool hasController();
     board::Direction direction();
     // Switches a stream of the host. One that is on is switched off before it goes on again.
     void switchStream(const board::Direction& direction, bool on);
