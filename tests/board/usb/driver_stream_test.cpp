@@ -11,6 +11,7 @@
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "board/kit/sound.h"
+#include "board/kit/usb/usb_monitor.h"
 #include "tests/board/uevents.h"
 #include "tests/board/usb/driver_case.h"
 #include "tests/board/usb/sound_gaps.h"
@@ -34,6 +35,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr int64_t kEnoughFrames = 24000;
+constexpr uint8_t kFeedbackIn = 0x83;
 constexpr char kStatePath[] = "/sys/class/android_usb/android0/state";
 constexpr uint32_t kSpeakerActive = 2;
 constexpr uint32_t kMicActive = 3;
@@ -44,6 +46,7 @@ class Sound : public DriverCase {
     void expectSound(bool fullSpeed, int64_t ppb) {
         enumerate({}, fullSpeed);
         wire.setPpb(ppb);
+        board::UsbMonitor monitor;
         PcmRecorder app(kDriverPcm);
         PcmRecorder hostMic(kHostPcm);
         PcmPlayer appMic(kDriverPcm, noise);
@@ -60,6 +63,24 @@ class Sound : public DriverCase {
         EXPECT_THAT(findGaps(hostMic.recording(), noise), IsEmpty());
         EXPECT_LT(board::firstSound(app.recording()), kEnoughFrames / 2U);
         EXPECT_LT(board::firstSound(hostMic.recording()), kEnoughFrames / 2U);
+        expectFeedback(&monitor, fullSpeed);
+    }
+
+  private:
+    // 48 frames a packet, as 10.14 or 16.16 bits. A host disregards what makes no sense to it.
+    static void expectFeedback(board::UsbMonitor* monitor, bool fullSpeed) {
+        const std::string wanted =
+            fullSpeed ? std::string("\x00\x00\x0c", 3) : std::string("\x00\x00\x30\x00", 4);
+        int answers = 0;
+        for (const board::UsbTransfer& transfer : monitor->take()) {
+            for (const board::UsbPacket& packet : transfer.packets) {
+                if (transfer.endpoint == kFeedbackIn && !packet.data.empty()) {
+                    EXPECT_EQ(packet.data, wanted);
+                    ++answers;
+                }
+            }
+        }
+        EXPECT_GE(answers, 10);
     }
 };
 
