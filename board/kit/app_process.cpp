@@ -17,6 +17,7 @@ namespace board {
 struct AppProcess::Progress {
     explicit Progress(bool speaks) : speakingPaused(!speaks) {}
 
+    std::atomic<bool> began{false};
     std::atomic<bool> speakingPaused;
     std::atomic<bool> listeningPaused{false};
     std::atomic<int64_t> heardSound{0};
@@ -33,8 +34,11 @@ AppProcess::AppProcess(const AppOptions& options, const std::function<void()>& p
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         // Not the parent's streams: they would be open for as long as the app lives.
         close_range(STDERR_FILENO + 1, ~0U, 0);
+        progress->began = true;
         live(options, prepare);
     }
+    // One that is frozen before would keep them.
+    waitFor([this] { return progress->began.load(); });
 }
 
 AppProcess::~AppProcess() {
