@@ -66,7 +66,8 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
         }
     }
     EXPECT_EQ(counts, (std::set<int>{0, 1, 2, 3}));
-    for (size_t i = 1; i < heard.size(); ++i) {
+    // The host may have played nothing yet when its stream began.
+    for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
         ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
     }
     // The next on event came too late: the channel has stopped, and starts again.
