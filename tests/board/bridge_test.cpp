@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <sched.h>
 #include <string>
 #include <vector>
 
@@ -71,12 +72,16 @@ class Bridge : public BoardCase {
                       std::to_string(100000 - ppm / 10)}),
             0);
     }
+    // At the priority that its service has.
     void start(const Words& options = {}, const std::string& speaker = kCard,
                const std::string& microphone = kCard) {
         Words words = {"/bin/uafd-companion", "bridge",  "--json", "--speaker", speaker,
                        "--microphone",        microphone};
         words.insert(words.end(), options.begin(), options.end());
-        bridge = std::make_unique<ChildProcess>(words);
+        bridge = std::make_unique<ChildProcess>(words, [] {
+            const sched_param priority{20};
+            sched_setscheduler(0, SCHED_FIFO, &priority);
+        });
     }
     void startWithDaemon(const Words& options = {}) {
         micService = std::make_unique<board::MicService>();
