@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Volume and mute applied to samples, without clicks: a gain that changes at most by 1 in kRampS.
-// One thread.
+// Volume and mute applied to samples, without clicks: a gain that changes at most by 1 in
+// kRampFrames. One thread.
 #pragma once
 
 #include <cstddef>
