@@ -18,6 +18,7 @@
 #include "board/kit/host_player.h"
 #include "board/kit/process_view.h"
 #include "board/kit/service.h"
+#include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 
@@ -108,15 +109,6 @@ class Bridge : public BoardCase {
                                                     "raw", "-f", "S16_LE", "-c", "2", "-r", "48000",
                                                     kSaidFile});
     }
-    // What the user heard, left channel.
-    static board::Samples heard() {
-        const std::string bytes = board::contents(kHeardFile);
-        board::Samples samples(bytes.size() / 4);
-        for (size_t i = 0; i < samples.size(); ++i) {
-            std::copy_n(bytes.data() + 4 * i, 2, reinterpret_cast<char*>(&samples[i]));
-        }
-        return samples;
-    }
     // The tone, from `from` seconds on, without a click.
     static void expectTone(const char* who, const board::Samples& sound, double from) {
         const auto begin = static_cast<size_t>(from * kRate);
@@ -149,7 +141,7 @@ class Bridge : public BoardCase {
         });
         const auto ear = listen(1);
         EXPECT_EQ(ear->wait(), 0) << ear->errors();
-        return isHeardByHost && peakOf(heard()) > 7000;
+        return isHeardByHost && peakOf(heardIn(kHeardFile)) > 7000;
     }
     void endBridge() {
         bridge->send(SIGINT);
@@ -211,7 +203,7 @@ TEST_F(Bridge, MakesTheBoardAHeadsetWhateverTheClocks) {
         EXPECT_NEAR(lastOf(told, direction, "latency_ms"), 20, 6) << direction;
     }
     EXPECT_EQ(ear->wait(), 0) << ear->errors();
-    expectTone("the user hears", heard(), 2);
+    expectTone("the user hears", heardIn(kHeardFile), 2);
     expectTone("the host hears", recorded, 0);
     endBridge();
     EXPECT_EQ(findDamage(), "");
@@ -258,7 +250,7 @@ TEST_F(Bridge, AppliesVolumeAndMuteInBothDirections) {
     host.takeRecording();
     board::sleepFor(kSecond / 5);
     EXPECT_EQ(peakOf(host.takeRecording()), 0);
-    const board::Samples sound = heard();
+    const board::Samples sound = heardIn(kHeardFile);
     const auto second = [&](double from) {
         const auto at = sound.begin() + static_cast<std::ptrdiff_t>(from * kRate);
         return peakOf(board::Samples(at, at + kRate / 5));
