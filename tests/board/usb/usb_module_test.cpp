@@ -67,6 +67,17 @@ TEST_F(Module, GoesWhenNothingIsBound) {
     expectSound();
 }
 
+// Its timer is set for the command, and nothing else sets it again.
+TEST_F(Module, GoesWithACommandPlanned) {
+    {
+        Wire wire;
+        wire.unplug(wire.uframeIn(100));
+    }
+    reload();
+    board::sleepFor(150 * board::kMs);
+    expectSound();
+}
+
 TEST_F(Module, StaysWhileItsCommandsAreOpen) {
     {
         const Wire wire;
@@ -94,6 +105,18 @@ TEST_F(Module, GoesInMidEnumeration) {
     for (const board::Ns delay : {1, 120, 200, 300, 390}) {
         gadget->bind();
         board::sleepFor(delay * board::kMs);
+        reload();
+        gadget->unbind();
+    }
+    expectSound();
+}
+
+TEST_F(Module, GoesWhileTheHostWaitsForItsFirstTransfer) {
+    gadget = std::make_unique<KernelGadget>("uac2");
+    for (const char* command : {"suspend", "poll all 0"}) {
+        Wire().command(command);
+        gadget->bind();
+        board::sleepFor(500 * board::kMs);
         reload();
         gadget->unbind();
     }
