@@ -276,27 +276,64 @@ TEST_F(Module, ReenumeratesWithTheCableAndWithoutAFault) {
 
 TEST_F(Module, RefusesWhatItDoesNotUnderstand) {
     for (const char* text : {"",
+                             "  ",
                              "nonsense",
                              "bind now",
+                             "bind 1 2",
+                             "unbind now",
+                             "card",
+                             "card eject",
+                             "card add x",
+                             "card remove 1",
                              "speaker",
                              "speaker maybe",
-                             "volume speaker 32768",
+                             "speaker on 1",
                              "volume both 1",
+                             "volume mic loud",
+                             "volume speaker 32768",
+                             "volume speaker -32769",
+                             "mute mic",
                              "mute mic 2",
+                             "mute mic -1",
                              "record 1",
+                             "record x 1",
+                             "record 1 x",
+                             "record 1 1 x",
+                             "ppb fast",
                              "ppb 100000001",
-                             "cable perhaps",
-                             "card eject",
-                             "fault nothing 1",
-                             "fault read",
-                             "fault read -1",
-                             "fault read 5 often",
-                             "fault clear all",
-                             "xrun mic at=x",
+                             "ppb -100000001",
+                             "flush both",
                              "stall mic",
-                             "usb_state A loudly"}) {
+                             "stall mic 2",
+                             "stall both 1",
+                             "xrun mic 5",
+                             "xrun mic at=x",
+                             "suspend both",
+                             "usb_state",
+                             "usb_state A loudly",
+                             "uevent",
+                             "cable perhaps",
+                             "cable 1 1",
+                             "unplug now",
+                             "plug now",
+                             "reenumerate now",
+                             "fault read",
+                             "fault read x",
+                             "fault read -1",
+                             "fault nothing 1",
+                             "fault read 5 often",
+                             "fault read 5 after=x",
+                             "fault read 5 times=x",
+                             "fault clear all",
+                             "fault clear read now"}) {
         EXPECT_EQ(command(text), EINVAL) << text;
     }
+    EXPECT_EQ(command("log " + std::string(3997, 'x')), E2BIG);
+    std::string words = "log";
+    for (int i = 0; i < 40; ++i) {
+        words += " x";
+    }
+    EXPECT_EQ(command(words), E2BIG);
 }
 
 TEST_F(Module, StampsItsLogAndTellsAReaderWhatItMissed) {
