@@ -46,11 +46,14 @@ class Transfers : public UsbCase {
     static constexpr uint8_t kIsoIn = 0x82;
     static constexpr int kPackets = 64;
 
-    void start(bool fullSpeed = false, const std::string& pattern = "0") {
+    // `answer` is how many bytes the gadget sends at a time, bulk.
+    void start(bool fullSpeed = false, const std::string& pattern = "0",
+               const std::string& answer = "4096") {
         wire.setFullSpeed(fullSpeed);
         gadget = std::make_unique<board::KernelGadget>(
             "SourceSink",
-            std::map<std::string, std::string>{{"pattern", pattern}, {"isoc_maxpacket", "64"}});
+            std::map<std::string, std::string>{
+                {"pattern", pattern}, {"isoc_maxpacket", "64"}, {"bulk_buflen", answer}});
         gadget->bind();
         ASSERT_TRUE(
             waitFor([] { return UsbHost::attribute("bConfigurationValue") == "1"; }, 2 * kSecond));
@@ -109,6 +112,15 @@ TEST_F(Transfers, PassTheKernelsTestsAtHighSpeed) {
 
 TEST_F(Transfers, PassTheKernelsTestsAtFullSpeed) {
     runKernelTests(true);
+}
+
+// The kernel's tests ask for no more than the gadget has.
+TEST_F(Transfers, EndWithAShortPacket) {
+    start(false, "0", "1000");
+    UsbDevice device;
+    device.claim(1);
+    std::string data(4096, '\0');
+    EXPECT_EQ(device.bulk(kBulkIn, &data), 1000);
 }
 
 TEST_F(Transfers, LoseIsochronousInPackets) {
