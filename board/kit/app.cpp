@@ -241,10 +241,10 @@ void App::writeChunk(int64_t firstByte) {
         const std::lock_guard<std::mutex> lock(mutex);
         voice = currentVoice;
     }
+    const Samples left = render(voice, firstFrame, static_cast<int64_t>(frames));
     for (size_t i = 0; i < frames; ++i) {
-        const int16_t left = voice(firstFrame + static_cast<int64_t>(i));
-        stereo[2 * i] = left;
-        stereo[2 * i + 1] = options.equalChannels ? left : static_cast<int16_t>(~left);
+        stereo[2 * i] = left[i];
+        stereo[2 * i + 1] = options.equalChannels ? left[i] : static_cast<int16_t>(~left[i]);
     }
     const auto* bytes = reinterpret_cast<const std::byte*>(stereo.data()) + skippedBytes;
     const ssize_t written = write(tx.get(), bytes, options.chunkBytes);

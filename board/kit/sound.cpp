@@ -82,8 +82,12 @@ Voice speech(Samples samples, int64_t from) {
 
 Samples render(const Voice& voice, int64_t from, int64_t frames) {
     Samples samples(static_cast<size_t>(frames));
-    for (size_t i = 0; i < samples.size(); ++i) {
-        samples[i] = voice(from + static_cast<int64_t>(i));
+    // Most voices are plain functions. Called without the wrapper, which the tests' unoptimised
+    // code brings along, they take a tenth of the instructions.
+    if (const auto* const function = voice.target<int16_t (*)(int64_t)>()) {
+        std::generate(samples.begin(), samples.end(), [&] { return (*function)(from++); });
+    } else {
+        std::generate(samples.begin(), samples.end(), [&] { return voice(from++); });
     }
     return samples;
 }
