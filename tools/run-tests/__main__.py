@@ -9,12 +9,13 @@ import sys
 import checks
 import memory
 from preset import Preset
-from tally import Tally
+from tally import Tally, quietly
 
 # The parts of a chain run one after the other. The board's tests run in parallel to the rest, so that no
-# processor is idle during the last program of a build.
-CHAINS = (("checks", "host", "host-asan", "host-tsan"), ("board",))
-PARTS = {"all": ("checks", "host", "host-asan", "host-tsan", "board"), "unit": ("host-asan", "host-tsan")}
+# processor is idle during the last program of a build. On a new machine the board's packages are fetched
+# meanwhile: "setup" waits for them, as all but the unit tests need some.
+CHAINS = (("host-asan", "setup", "checks", "host", "host-tsan"), ("board",))
+PARTS = {"all": [link for chain in CHAINS for link in chain], "unit": ("host-asan", "host-tsan")}
 
 
 def main(arguments):
@@ -26,9 +27,11 @@ def main(arguments):
 
     def run(chain):
         for link in chain:
-            if link not in PARTS.get(part, (part,)):
+            if link not in PARTS.get(part, (part, "setup")):
                 continue
-            if link == "checks":
+            if link == "setup":
+                quietly(["tools/setup"])
+            elif link == "checks":
                 checks.run(checks.OF_SOURCES, tally, passed)
             else:
                 Preset(link, tally, passed).run(*name)

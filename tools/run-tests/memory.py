@@ -54,14 +54,13 @@ def contents_of(paths):
 
 @functools.lru_cache(maxsize=None)
 def machine():
-    """Kernel, installed packages, the board's packages, and how tests are run."""
+    """Kernel, installed packages, what the board's packages are, and how tests are run."""
     packages = subprocess.run(
         ["dpkg-query", "-W", "-f", "${Package} ${Architecture} ${Version}\\n"],
         stdout=subprocess.PIPE, text=True, check=True).stdout
-    board = ROOT / "build" / "arm64" / "stamp"
+    how = (pathlib.Path(__file__).parent, ROOT / "tools" / "setup", ROOT / "tools" / "packages.sh")
     variables = sorted(item for item in os.environ.items() if VARIABLES.match(item[0]))
-    return [os.uname().release, packages, board.read_text() if board.exists() else "",
-            list(contents_of([pathlib.Path(__file__).parent])), variables]
+    return [os.uname().release, packages, list(contents_of(how)), variables]
 
 
 def key_of(words, paths):
