@@ -180,9 +180,9 @@ TEST_F(LogReader, MayStandStill) {
     constexpr int changes = 2000;  // more lines than a pipe holds
     for (int i = 0; i < changes; ++i) {
         host.command("mute speaker " + std::to_string(i % 2));
+        // More than the daemon's queue holds at once would be lost.
+        ASSERT_TRUE(app->waitForMessages(messages + static_cast<size_t>(i) + 1));
     }
-    EXPECT_TRUE(settle());
-    EXPECT_TRUE(app->waitForMessages(messages + changes));
     EXPECT_EQ(findDamage(), "");
     const size_t mark = daemon.mark();
     reader->thaw();
