@@ -52,7 +52,8 @@ endfunction()
 foreach(command add_custom_target add_dependencies configure_file find_library find_path find_program
     include install set_property
     set_source_files_properties set_target_properties target_compile_options
-    target_include_directories target_link_options target_sources uafd_install_gz write_basic_package_version_file)
+    target_include_directories target_link_options target_precompile_headers target_sources uafd_install_gz
+    write_basic_package_version_file)
   cmake_language(EVAL CODE "function(${command})\nendfunction()")
 endforeach()
 
