@@ -151,7 +151,9 @@ TEST(Package, KeepsSocketsAndFifosWhereTmpIsAged) {
 }
 
 TEST(Package, DoesTheMainJob) {
-    EXPECT_EQ(outputOf("/tests/main_job --stand-in --service 2>&1 >/out/main_job.txt"), "");
+    // An app that systemd keeps from writing in time has its sound stretched.
+    EXPECT_EQ(outputOf("nice -n -20 /tests/main_job --stand-in --service 2>&1 >/out/main_job.txt"),
+              "");
     EXPECT_EQ(serviceProperty("NRestarts"), "0");
 }
 
