@@ -22,7 +22,26 @@ constexpr int64_t kSecondsPerDay = 86400;
 
 // One writer at a time: the room that poll() saw is still there at the write(). It is locked only
 // with SIGPIPE blocked, so that the SIGPIPE handler may log too.
-pthread_mutex_t outputMutex = PTHREAD_MUTEX_INITIALIZER;
+//
+// With priority inheritance an unlock hands the lock to the thread that waits. Otherwise a thread
+// that logs without a pause has the lock again before the waiting one has woken up, for as long as
+// it goes on: the source's buffer thread, whose FIFO is gone, until the worker has stopped it,
+// and the worker logs as well.
+struct OutputLock {
+    OutputLock() noexcept {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+        pthread_mutex_init(&mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+    ~OutputLock() = default;
+    OutputLock(const OutputLock&) = delete;
+    OutputLock& operator=(const OutputLock&) = delete;
+
+    pthread_mutex_t mutex{};
+};
+OutputLock output;
 
 struct CivilTime {
     int month, day, hour, minute, second, millisecond;
@@ -106,9 +125,9 @@ int writeLine(const char* line, size_t length) {
     pthread_sigmask(SIG_BLOCK, &pipeOnly, &before);
     sigpending(&pendingBefore);
 
-    pthread_mutex_lock(&outputMutex);
+    pthread_mutex_lock(&output.mutex);
     const int result = writeWithoutWaiting(line, length);
-    pthread_mutex_unlock(&outputMutex);
+    pthread_mutex_unlock(&output.mutex);
 
     // One that was pending before is somebody else's, and stays.
     if (result == -EPIPE && sigismember(&pendingBefore, SIGPIPE) == 0) {

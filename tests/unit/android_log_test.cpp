@@ -11,11 +11,15 @@
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <android/log.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+
+#include "tests/support/thread_state.h"
 
 namespace uafd {
 
@@ -33,6 +37,7 @@ timespec fakeNow = kSomeTime;
 std::atomic<int> betweenPollAndWrite{0};
 std::atomic<int> mostBetweenPollAndWrite{0};
 std::atomic<int> interruptedWrites{0};  // still to come
+void (*duringNextWrite)() = nullptr;
 
 }  // namespace
 
@@ -61,6 +66,9 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
         --interruptedWrites;
         errno = EINTR;
         return -1;
+    }
+    if (const auto action = std::exchange(duringNextWrite, nullptr)) {
+        action();
     }
     return __real_write(fd, data, size);
 }
@@ -307,6 +315,31 @@ TEST_F(AndroidLogTest, NoOtherThreadTakesTheRoomThatPollFound) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(1, mostBetweenPollAndWrite);
+}
+
+std::thread waiting;
+
+void letAThreadWait() {
+    std::atomic<pid_t> id{0};
+    waiting = std::thread([&id] {
+        id = gettid();
+        __android_log_print(ANDROID_LOG_DEBUG, "UAFCH", "waiting");
+    });
+    while (id == 0 || !isAsleep(id)) {
+        std::this_thread::yield();
+    }
+}
+
+TEST_F(AndroidLogTest, ALineThatWaitsComesBeforeTheNextOneOfTheWriter) {
+    for (int round = 0; round < 20; ++round) {
+        duringNextWrite = letAThreadWait;
+        const std::string first = printed("first");
+        __android_log_print(ANDROID_LOG_DEBUG, "UAFCH", "next");
+        waiting.join();
+        ASSERT_EQ("first\n", first);
+        ASSERT_THAT(nextWrite(), testing::EndsWith(": waiting\n"));
+        ASSERT_THAT(nextWrite(), testing::EndsWith(": next\n"));
+    }
 }
 
 }  // namespace
