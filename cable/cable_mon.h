@@ -3,6 +3,7 @@
 // the host has configured it and when the link is gone. On the board with the controller
 // "ff300000.usb" it also restarts the controller when the cable is plugged but the gadget does not
 // notice. main owns the one instance and calls start() once; the rest is the monitor thread's own.
+// Logs under the tag "UAFCBM".
 #pragma once
 
 #include <atomic>
@@ -22,10 +23,10 @@ constexpr char kCableControllerProperty[] = "sys.usb.controller";
 constexpr char kCableConfigProperty[] = "sys.usb.config";
 constexpr char kCableRkController[] = "ff300000.usb";
 
-constexpr int kCableCheckPeriodS = 1;     // receive timeout that paces the checks
-constexpr int32_t kCableNoAckChecks = 3;  // such checks in a row restart the controller
-constexpr uint32_t kCableUeventGroups = 15;
-constexpr size_t kCableUeventBytes = 2304;
+constexpr int kCableCheckPeriodS = 1;        // without a uevent, until the next check
+constexpr int32_t kCableNoAckChecks = 3;     // that find the fault in a row: restart the controller
+constexpr uint32_t kCableUeventGroups = 15;  // netlink groups 1 to 4, a bit each
+constexpr size_t kCableUeventBytes = 2304;   // a longer uevent is dropped
 
 class CableMon {
   public:
@@ -38,8 +39,9 @@ class CableMon {
     bool start();
 
   protected:
-    // Called by the monitor thread at every USB state change. A subclass sets it before start();
-    // its result is ignored.
+    // Called by the monitor thread with stateCbCtx and whether the gadget is configured, after
+    // every uevent that carries the gadget's state. A subclass sets it before start(); its result
+    // is ignored.
     int (*stateCb)(void* context, bool configured) = nullptr;
     void* stateCbCtx = nullptr;
 

@@ -45,6 +45,7 @@ class AppFifo {
     ssize_t read(void* block, size_t bytes);
     ssize_t write(const void* block, size_t bytes);
 
+    // Closes an open FIFO. Logs nothing.
     void close();
 
     // Whether the last call failed because waits were ended. An open FIFO is then still open.
@@ -54,13 +55,14 @@ class AppFifo {
 
     // Makes a thread that waits in openEnd look at the path again: an app that restarts may have
     // replaced the FIFO, and nobody can open the old one any more. Returns when the thread has
-    // looked, about a millisecond later, whatever the app does.
+    // looked, about a millisecond later, whatever the app does; at once when no thread waits there.
     void lookAgain();
 
     // Ends the wait of `user`, the thread that uses the FIFO, and every wait that it begins from
     // now on. Returns when that thread has set `userRunning` to 0, or at once when there is no such
     // thread. The caller joins it afterwards.
     void endWaits(pthread_t user, const std::atomic<int32_t>& userRunning);
+    // Whether endWaits was called and allowWaits has not undone it.
     bool waitsEnded() const { return ended.load(std::memory_order_acquire); }
     // Undoes endWaits. Call it before the next thread that uses the FIFO is created.
     void allowWaits();

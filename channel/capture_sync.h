@@ -32,7 +32,8 @@ constexpr uint64_t kSynchHoldLengthNs = 5000000;  // ... for this long are held 
 int64_t micCaptureTimestamp();
 
 // Decides on the period just read, `frames` frames or 0 after a timeout: 0 = write it, 1 = drop it,
-// -1 = synchronisation failed just now (logged), write it and all that follow.
+// -1 = synchronisation failed just now, write it and all that follow. Logs the end of the
+// synchronisation: "synch startup ok" (debug) or "synch startup failed" (error).
 int synchStartup(int frames, SynchStartupState* state);
 
 }  // namespace uafd

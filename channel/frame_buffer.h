@@ -61,9 +61,10 @@ class FrameBuffer {
 
     // The storage, of the larger size; it lives until destruction. False without memory.
     bool allocateStorage();
-    // Makes an empty frame buffer of the small size, unless there is one. A failure is only logged:
-    // every write and read then fails.
+    // Makes an empty frame buffer of the small size, unless there is one. A failure is only logged
+    // (error): every write and read then fails.
     void build();
+    // Frees what build made. The storage stays.
     void release();
 
     // ---- The buffer thread ---------------------------------------------------------------------

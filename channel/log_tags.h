@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The log tags of the two directions, one of which is a file's kLogTag.
+// The log tags of the two directions. A file that belongs to one direction has its tag as kLogTag.
 #pragma once
 
 namespace uafd {

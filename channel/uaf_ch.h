@@ -3,8 +3,9 @@
 // the gadget's events drive, the debounced stop, and the messages to the companion app. A derived
 // channel supplies only the stream: uafLoop, uafStart and uafStop.
 //
-// The event loop owns the channels and calls setDevName, intfUpdate, setVolume and setMute. The
-// worker thread calls isRunning once per pass and, after an I/O failure, intfUpdate(false).
+// The event loop calls setDevName, intfUpdate, setVolume and setMute. The worker thread calls
+// isRunning once per pass and, after an I/O failure, intfUpdate(false). Logs under the tag "UAFCH":
+// requests, stops and messages at debug level, failures as errors.
 #pragma once
 
 #include <atomic>
@@ -35,26 +36,27 @@ class UafCh {
   public:
     // `msgType` is the app message type of this channel's on and off messages.
     explicit UafCh(int msgType);
-    // Stops and joins nothing: the channels live as long as the process.
+    // Stops no stream and joins no thread: the channels live as long as the process.
     virtual ~UafCh();
     UafCh(const UafCh&) = delete;
     UafCh& operator=(const UafCh&) = delete;
 
     // The worker's body: runs on the worker thread until isRunning() returns false.
     virtual void uafLoop() = 0;
-    // Opens the stream, on the thread of intfUpdate(true), under intfMutex. Negative = failure.
+    // Opens the stream, on the thread of intfUpdate(true), under intfMutex. Negative on failure,
+    // which the derived channel logs, except when memory runs out.
     virtual int uafStart() = 0;
     // Closes the stream, on the worker thread, under intfMutex. Returns 0.
     virtual int uafStop() = 0;
 
-    // Sets both names to copies of the texts; null leaves a name unset. Event loop only; takes no
-    // lock, so a channel that is still stopping may find its names gone. Always 0.
+    // Sets both names to copies of the texts; a null text unsets the name. Event loop only; takes
+    // no lock, so a channel that is still stopping may find its names gone. Always 0. Logs nothing.
     int setDevName(const char* newFifoName, const char* newPcmName);
 
     // The state machine of on and off requests. Any thread but the source's buffer thread. Returns
     // 0, or -1 when a name is unset, the stream did not start, or its thread could not be created.
-    // A thread of the channel that waits for the app to open the FIFO looks at its path again. The
-    // app itself is never waited for.
+    // A thread of the channel that waits for the app to open the FIFO looks at its path again. Does
+    // not wait for the app.
     int intfUpdate(bool on);
 
     // The worker thread's entry: runs uafLoop of `channel`.
@@ -65,8 +67,9 @@ class UafCh {
     // runs, and an on request cancels the stop.
     bool isRunning();
 
-    // Queue one message for the app: the volume in the low 16 bits, or 1 for muted and 0 for not.
-    // Any thread; state and lock are not touched. Always 0.
+    // Queue one message of `type` for the app: the volume in the low 16 bits, in the gadget
+    // driver's unit, or 1 for muted and 0 for not. Any thread; state and lock are not touched.
+    // Always 0.
     int setVolume(int16_t volume, uint32_t type);
     int setMute(bool mute, uint32_t type);
 
@@ -76,9 +79,9 @@ class UafCh {
     static void adjCh(int16_t* buf, int inCh, int outCh, int frames);
 
   protected:
-    // intfUpdate(false) for the thread that a stop joins while the stop holds intfMutex. It never
-    // waits for the lock, and gives up with 0 once the stop has ended the FIFO's waits: in every
-    // state in which that can happen an off has no effect.
+    // intfUpdate(false) for the thread that a stop joins while it holds intfMutex. Does not wait in
+    // the lock but tries it every millisecond, and returns 0 without effect once the stop has ended
+    // the FIFO's waits: in every state in which that can happen, an off has no effect.
     int requestStop();
 
     // Called at the beginning and the end of every thread that reads the names: while one exists,

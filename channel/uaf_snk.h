@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The sink channel: moves the USB host's speaker audio to the companion app. The worker captures
 // mono periods of 5 ms from the gadget card, doubles each sample to stereo and writes them into the
-// app's FIFO. All of it runs on the worker thread; no lock is taken here.
+// app's FIFO. Everything but uafStart runs on the worker thread; no lock is taken here. Logs under
+// the tag "UAFSNK".
 #pragma once
 
 #include <cstdint>

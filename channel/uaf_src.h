@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The source channel: moves the companion app's microphone audio to the USB host. A buffer
-// thread reads the app's FIFO in 10 ms blocks, keeps the left channel and writes it into the frame
-// buffer; the worker takes 5 ms frames out of it and plays them into the gadget card.
-//
-// Both threads run at real-time priority. The frame buffer absorbs the app's jitter and the clock
-// difference between the app and the host.
+// The source channel: moves the companion app's microphone audio to the USB host. A buffer thread
+// reads the app's FIFO in 10 ms blocks, keeps the left channel and writes it into the frame buffer;
+// the worker takes 5 ms frames out of it and plays them into the gadget card. Both threads run at
+// real-time priority. Logs under the tag "UAFSRC".
 #pragma once
 
 #include <atomic>

@@ -14,7 +14,8 @@ class UafSrc;
 int drvCodecCardSearch(const char* driverName, int card);
 
 // Gives each channel the names of the gadget card's PCM and of its FIFO. Returns the card's index.
-// When there is no card, returns -1, logs an error (tag "UAFIFO") and leaves the names as they are.
+// When there is no card, returns -1 and leaves the names as they are. Logs either result under the
+// tag "UAFIFO", debug or error.
 int uafBind(UafSrc* src, UafSnk* snk);
 
 }  // namespace uafd

@@ -6,7 +6,7 @@
 
 namespace uafd {
 
-// Opens /dev/null in the place of each standard stream that was closed when the daemon was started.
+// Opens /dev/null in place of each standard stream that was closed when the daemon was started.
 // Otherwise the first files that it opens would get these numbers: the app would get log lines as
 // sound, and a FIFO with descriptor 0 counts as closed. Call it before anything opens a file. Logs
 // nothing.
@@ -14,7 +14,7 @@ void occupyStandardStreams();
 
 // Returns once the companion app holds the other end of both FIFOs: each is opened, which blocks
 // until then, and closed again. An open that fails, for whatever reason, is retried every 200 ms
-// without limit; the first failure and every 1500th after it are logged at debug level.
+// without limit. Logs at debug level: the first failure, every 1500th after it, and the end.
 void waitForFifos();
 
 // Creates the gadget control device's node, taking an existing one as it is, and opens it for

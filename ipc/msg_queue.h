@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The messages that wait for the app: a bounded list with its lock, and the last states queued,
-// with which a sync-up is answered. Any thread queues; one thread takes and sends.
+// with which a sync-up is answered. Any thread queues; one thread takes and sends. Logs under the
+// tag "UAFIPC".
 #pragma once
 
 #include <atomic>
@@ -25,8 +26,8 @@ static_assert(offsetof(UafIpcQueueEntry, next) == 0, "MsgQueue::tail is also the
 class MsgQueue {
   public:
     // Appends a copy; when kIpcQueueMax messages are pending it replaces the newest of them. A
-    // state message also updates the state in sync-up replies. A lost message is logged, not
-    // reported.
+    // state message also updates the state in sync-up replies. A message that is lost or replaced
+    // is logged (error), not reported to the caller.
     void queueMsg(const UsbAudioMsgT& msg);
 
     // Queues the answer to a sync-up: all three states when the USB host has configured the
@@ -38,8 +39,8 @@ class MsgQueue {
     // end.
     bool sendOldest(void (*send)(const UsbAudioMsgT& msg));
 
-    // Empties the list at a start. Frees nothing and leaves the count: the daemon starts before
-    // anything is queued.
+    // Empties the list at a start. Frees nothing and leaves the count, because nothing has been
+    // queued yet.
     void resetList();
 
   private:

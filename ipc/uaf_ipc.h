@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The app IPC service: one datagram per message between the daemon and the companion app. A receive
 // thread turns the app's requests into gadget requests and sync-up replies; a transmit thread
-// drains a bounded queue towards the app and waits for the app's socket while it is missing. main
-// owns the one instance and calls start() once. Any thread calls queueMsg(), which needs no
-// instance: the queue and the sending socket are static.
+// sends what is queued for the app and waits for the app's socket while it is missing. main owns
+// the one instance and calls start() once. Any thread calls queueMsg(), which needs no instance:
+// the queue and the sending socket are static. Logs under the tag "UAFIPC".
 #pragma once
 
 #include <atomic>
@@ -17,13 +17,13 @@
 
 namespace uafd {
 
-constexpr int kIpcSendRetriesMax = 20;   // per message, then it is dropped
+constexpr int kIpcSendRetriesMax = 20;   // per message, which is then dropped
 constexpr long kIpcSendRetryPauseS = 5;  // while the app's socket does not exist
 
 class UafIpc {
   public:
-    static const UsbAudioMsgT UafIpcConnectedMsg;
-    static const UsbAudioMsgT UafIpcDisconnectedMsg;
+    static const UsbAudioMsgT UafIpcConnectedMsg;     // USB state 1
+    static const UsbAudioMsgT UafIpcDisconnectedMsg;  // USB state 0
 
     UafIpc();
     // Stops no thread, closes no socket, frees no message: the threads last as long as the process.

@@ -71,14 +71,17 @@ typedef struct uafd_private_place {
     mode_t mode;
 } uafd_private_place;
 
-// files.c. Each returns 0 or a negative errno. Even after a failure the caller owns the descriptors
-// that were opened.
+// files.c. Each returns 0 or a negative errno; `name` is a file's name in the directory. Even after
+// a failure the caller owns the descriptors that were opened.
 int uafd_private_address(struct sockaddr_un* address, const char* directory, const char* name);
 int uafd_private_socket(int* opened);
 // 0 when nobody uses the address: there is no file, or one that its owner left behind.
 int uafd_private_check_unused(const struct sockaddr_un* address);
+// Binds the socket, in place of a file that nobody uses; -EBUSY when somebody does.
 int uafd_private_bind(int socket, const uafd_private_place* place, const char* name);
+// Leaves a socket's file that nobody is bound to, unless there is a file already.
 int uafd_private_leave_closed_socket(const uafd_private_place* place, const char* name);
+// Opens both ends of the FIFO, which it makes if it is missing; -EEXIST when the file is no FIFO.
 int uafd_private_open_fifo(const uafd_private_place* place, const char* name, int* reader,
                            int* writer);
 // Makes the FIFO if it is missing; otherwise opens and closes an end, if somebody has the other

@@ -52,9 +52,9 @@ typedef struct uafd_companion uafd_companion;
 typedef struct uafd_options {
     size_t size;            // sizeof(uafd_options)
     const char* directory;  // where the daemon looks; null is /tmp
-    unsigned parts;
-    unsigned mode;      // of FIFOs and socket that are made, whatever the umask; 0: 0660
-    const char* group;  // of these, by name or number; null: the default for new files
+    unsigned parts;         // to be opened: a sum of UAFD_SPEAKER, UAFD_EVENTS and UAFD_MIC
+    unsigned mode;          // of FIFOs and socket that are made, whatever the umask; 0: 0660
+    const char* group;      // of these, by name or number; null: the default for new files
 } uafd_options;
 
 #define UAFD_OPTIONS_INIT \
@@ -63,9 +63,8 @@ typedef struct uafd_options {
 // Opens the parts in an order in which neither side ever waits for the other, whether the daemon
 // already runs or not. At its start the daemon waits until both FIFOs are open, by one app or by
 // two. Existing FIFOs are used as they are. The socket replaces one that nobody is bound to. If
-// the sound is opened without the events and there is no socket, a closed socket is left there: the
-// daemon then drops its messages, which it would otherwise hold back for seconds, even from the
-// next app.
+// speaker or microphone is opened without the events and there is no socket, a closed socket is
+// left there: the daemon then drops its messages instead of keeping them for the next app.
 //
 // 0, or a negative errno, with *companion null and nothing open. Among these are
 //   -EBUSY   another app, or this one, has a part open already
@@ -78,21 +77,23 @@ int uafd_companion_open_with(const uafd_options* options, uafd_companion** compa
 // The same with the other options as they are in UAFD_OPTIONS_INIT.
 int uafd_companion_open(const char* directory, unsigned parts, uafd_companion** companion);
 
-// Lets a daemon start that waits for both FIFOs: if no daemon runs, opens the one that this app has
-// not opened for a moment, and makes it if it is missing. For an app that opened the speaker or the
-// microphone alone and cannot know whether there is another app; to be called five times a second
+// Lets a daemon start that waits for both FIFOs: if no daemon runs, opens for a moment the FIFO
+// that this app has not opened, and makes it if it is missing. For an app that opened the speaker
+// or the microphone alone and cannot know whether there is another app. Call it five times a second
 // while nothing is heard, or while writing fails with -EPIPE. 0 or a negative errno.
 int uafd_companion_release_daemon(uafd_companion* companion);
 
-// Null is allowed. FIFOs and the socket file stay, for the daemon and the app that comes next.
+// Closes everything and frees the companion, which may be null. FIFOs and the socket file stay, for
+// the daemon and the next app.
 void uafd_companion_close(uafd_companion* companion);
 
 // ---- Waiting ------------------------------------------------------------------------------------
 
-// Waits until something is ready, for a program without its own event loop. Sound and events stay
-// ready until they are read or taken; a block and a wake are reported once. The first block is due
-// at once, each later one UAFD_BLOCK_NS after the one before; when the program is more than two
-// blocks late, the due times start again from now. -EINTR after a signal.
+// Waits until something is ready, for a program without its own event loop; returns the sum of the
+// UAFD_READY numbers. Sound and events stay ready until they are read or taken; a block and a wake
+// are reported once. The first block is due at once, each later one UAFD_BLOCK_NS after the one
+// before; when the program is more than two blocks late, the due times start again from now.
+// -EINTR after a signal.
 int uafd_companion_wait(uafd_companion* companion);
 
 // The same for at most timeout_ms milliseconds, after which it returns 0; below 0 is for ever.
@@ -112,8 +113,8 @@ int uafd_companion_events_fd(const uafd_companion* companion);
 
 // ---- Sound --------------------------------------------------------------------------------------
 
-// Reads up to COUNT whole frames (two samples each, left first); returns how many, 0 when there are
-// none at present.
+// Reads up to `count` whole frames (two samples each, left first) into `samples`; returns how many,
+// 0 when there are none at present.
 int uafd_companion_read(uafd_companion* companion, int16_t* samples, size_t count);
 
 // Writes one block of UAFD_BLOCK_FRAMES frames, whole or not at all; the host hears the left
@@ -147,25 +148,25 @@ typedef struct uafd_event {
 // USB is not configured, the daemon reports no stream states: both are 0.) Volumes and mutes keep
 // their last values; a daemon that starts reports them again.
 //
-// The system does not report the daemon's end. So this function, when it has no other event, checks
-// whether the daemon's socket still takes connections, and waiting does so every 200 ms. A
-// program's own event loop must therefore call it every 200 ms, and when the descriptor is
-// readable.
+// The system does not report the daemon's end. So when this function has no other event, it checks
+// whether the daemon's socket still takes connections; waiting does so every 200 ms. A program's
+// own event loop must therefore call it every 200 ms, and when the descriptor is readable.
 int uafd_companion_next_event(uafd_companion* companion, uafd_event* event);
 
 // ---- Messages to the daemon ---------------------------------------------------------------------
 
 // 0; -ECONNREFUSED when no daemon runs, -EAGAIN when its socket is full, -EACCES when this process
-// may not send to it. Sync asks for the states; the library does that itself whenever it is needed.
+// may not send to it. sync asks for the states; the library does that itself whenever it is needed.
+// A volume is in the unit of the gadget driver; muted is 0 or not 0.
 int uafd_companion_sync(uafd_companion* companion);
 int uafd_companion_set_speaker_volume(uafd_companion* companion, int16_t volume);
 int uafd_companion_set_speaker_mute(uafd_companion* companion, int muted);
 
 // ---- About --------------------------------------------------------------------------------------
 
-// Since the opening.
+// Counted since the opening.
 typedef struct uafd_counts {
-    uint64_t frames_read;
+    uint64_t frames_read;      // returned by uafd_companion_read
     uint64_t blocks_taken;     // by the daemon's FIFO
     uint64_t blocks_refused;   // the FIFO was full: the host does not record, or more slowly
     uint64_t blocks_unread;    // nobody had the FIFO open for reading
@@ -175,6 +176,7 @@ typedef struct uafd_counts {
     uint64_t messages_failed;  // not taken
 } uafd_counts;
 
+// Copies the counts; resets nothing.
 void uafd_companion_counts(const uafd_companion* companion, uafd_counts* counts);
 
 // The meaning of a result below 0, in English, without a full stop. Valid until the thread's next

@@ -13,7 +13,7 @@ namespace uafd {
 
 class Companion {
   public:
-    // Closes what was open before.
+    // Closes what was open before. 0 or a negative errno.
     int open(const uafd_options& options) {
         close();
         uafd_companion* opened = nullptr;
