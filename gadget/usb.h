@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * What the USB files of the driver show each other: a function of USB Audio Class 1.0 on libcomposite.
+ * Results are 0 or a negative errno. What says nothing of its context is called in process context, where
+ * libcomposite binds and unbinds the function.
  *
  * Locks, outermost first:
  *   options.lock	options.c: the attributes; process context
@@ -55,9 +57,10 @@ struct vexa_options {
 	char card_id[16];
 };
 
+/* An instance with the default attributes, or an ERR_PTR: -EBUSY, also logged, when there is one already. */
 struct usb_function_instance *vexa_options_alloc(void);
 struct vexa_options *vexa_options_of(struct usb_function_instance *instance);
-/* -EBUSY: it is linked already. From here on the attributes are fixed. */
+/* Fixes the attributes for a function, until put. -EBUSY: a function has them already. */
 int vexa_options_get(struct vexa_options *options);
 void vexa_options_put(struct vexa_options *options);
 
@@ -95,10 +98,12 @@ enum vexa_string {
 	VEXA_STRINGS = VEXA_TERMINAL_STRING + VEXA_DIRS
 };
 
+/* These three in this order. Sets what the attributes say. */
 void vexa_descriptors_init(struct vexa_descriptors *descriptors, const struct vexa_options *options);
+/* Sets the interfaces' numbers and the strings' ids. */
 void vexa_descriptors_number(struct vexa_descriptors *descriptors, u8 control,
 			     const u8 streaming[VEXA_DIRS], const struct usb_string *strings);
-/* After the endpoints of full speed have got their addresses. */
+/* Lists the headers of each speed, after the endpoints of full speed have got their addresses. */
 void vexa_descriptors_finish(struct vexa_descriptors *descriptors, bool adaptive);
 
 /* pipe.c: an endpoint and the requests that keep it going */
@@ -118,10 +123,17 @@ struct vexa_pipe {
 	struct usb_request *requests[VEXA_REQUESTS_MAX];
 };
 
-/* Process context; the endpoint is the pipe's until it is freed. -ENOMEM frees what there was. */
+/*
+ * Makes @count requests of @size bytes. The endpoint is the pipe's until it is freed. -ENOMEM: nothing is
+ * left allocated.
+ */
 int vexa_pipe_alloc(struct vexa_pipe *pipe, struct usb_ep *ep, unsigned int count, size_t size);
 void vexa_pipe_free(struct vexa_pipe *pipe);
-/* Any context, one call at a time, without a lock that fill or done take. */
+/*
+ * Enables the endpoint and queues the requests; ends those under way and disables it. Any context, one call
+ * at a time, without a lock that fill or done take. A request that the controller refuses is logged and
+ * waits for another one to end.
+ */
 int vexa_pipe_open(struct vexa_pipe *pipe, struct usb_function *function);
 void vexa_pipe_close(struct vexa_pipe *pipe);
 
@@ -142,16 +154,21 @@ struct vexa_streaming {
 };
 
 void vexa_streaming_init(struct vexa_streaming *streaming, enum vexa_dir dir);
+/* Makes the requests; @feedback is NULL where there is none. -ENOMEM: nothing is left allocated. */
 int vexa_streaming_bind(struct vexa_streaming *streaming, struct usb_gadget *gadget,
 			const struct vexa_options *options, struct usb_ep *data,
 			struct usb_ep *feedback);
 void vexa_streaming_unbind(struct vexa_streaming *streaming);
-/* Any context. -EINVAL: there is no such alternate setting. */
+/*
+ * Any context. Tells the daemon of an end at once, of a beginning after options.settle_ms. -EINVAL: there is
+ * no such alternate setting.
+ */
 int vexa_streaming_set_alt(struct vexa_streaming *streaming, struct usb_function *function,
 			   unsigned int alt);
+/* Any context. A suspended bus ends the stream for the daemon, and a resumed one begins it again. */
 void vexa_streaming_suspend(struct vexa_streaming *streaming, bool suspended);
 
-/* status.c: the status interrupt, which tells the host to look again */
+/* status.c: the status interrupt, which tells the host to read the speaker's volume and mute again */
 
 struct vexa_status {
 	struct usb_ep *ep;
@@ -162,8 +179,10 @@ struct vexa_status {
 	bool again;		/* there was another change meanwhile */
 };
 
+/* Makes the request; -ENOMEM. Unbind frees it, when the endpoint is disabled. */
 int vexa_status_bind(struct vexa_status *status, struct usb_ep *ep);
 void vexa_status_unbind(struct vexa_status *status);
+/* Enables and disables the endpoint, as the host selects and leaves the interface; any context. */
 int vexa_status_enable(struct vexa_status *status, struct usb_function *function);
 void vexa_status_disable(struct vexa_status *status);
 /* The speaker's volume or mute was changed by a program; process context. */
@@ -178,11 +197,18 @@ struct vexa_control {
 	u8 selector;
 };
 
-/* Negative: the request is stalled. */
+/*
+ * Answers a request of the class, or takes the value that it sets; any context. Negative: the request is to
+ * be stalled.
+ */
 int vexa_request(struct vexa_control *control, struct usb_composite_dev *cdev,
 		 const struct usb_ctrlrequest *setup);
 
-/* link.c: the android_usb state, by what the bus does; nothing where the kernel has its own */
+/*
+ * link.c: the android_usb state, by what the bus does; nothing where the kernel has its own. Init and exit at
+ * the module's loading and unloading; bind and unbind with the function, whose gadget's callbacks lead through
+ * here in between.
+ */
 #if IS_ENABLED(CONFIG_USB_CONFIGFS_UEVENT)
 static inline int vexa_link_init(void) { return 0; }
 static inline void vexa_link_exit(void) {}

@@ -3,10 +3,11 @@
  * The gadget without its wire: the sound card, the control device with its records, and the android_usb
  * device. The driver puts USB on the other side of it, the simulated board a simulated host.
  *
- * "Speaker" is what the host plays, captured on the card; "mic" what it records, played on the card.
+ * "Speaker" is what the host plays, captured on the card; "mic" what it records, played on the card. A frame
+ * is one sample: signed, 16 bits, little-endian. Results are 0 or a negative errno. Nothing here logs.
  *
- * Locks. A caller may hold locks of its own; none of these is held while one is called, except for the
- * state lock around vexa_watcher.queued.
+ * Locks. A caller may hold locks of its own. The watcher is called with none of these held, except that
+ * queued is called under the state lock.
  *   PCM stream lock	the sound core's; held around trigger and pointer, taken by vexa_packet
  *   port lock		pcm.c: which PCM runs; inside the PCM stream lock; any context
  *   state lock		state.c: the state and the queue of records; any context
@@ -45,8 +46,10 @@ struct vexa_stream {
 /* What the card's PCM does. A module may wrap these operations and give the card its own. */
 extern const struct snd_pcm_ops vexa_pcm_ops;
 
+/* Gives a card, whose private data has room for VEXA_DIRS streams, its PCM device 0; process context. */
 int vexa_pcm_new(struct snd_card *card, const struct snd_pcm_ops *ops);
 struct vexa_stream *vexa_stream_of(struct snd_pcm_substream *substream);
+/* Whether it is the PCM of its direction that runs; any context, without a lock. */
 bool vexa_stream_runs(struct vexa_stream *stream);
 
 /*
@@ -55,28 +58,31 @@ bool vexa_stream_runs(struct vexa_stream *stream);
  */
 struct vexa_stream *vexa_get_running(enum vexa_dir dir);
 void vexa_put_running(struct vexa_stream *stream);
-/* Moves frames between @samples and the ring; true: a period has ended, to be told to the sound core. */
+/*
+ * Moves frames between @samples and the ring of a stream that the caller holds, at most a ring of them; any
+ * context. True: a period has ended, and the caller tells the sound core.
+ */
 bool vexa_move(struct vexa_stream *stream, void *samples, unsigned int frames);
-/* All of it for one packet; false: no PCM runs, nothing has moved. */
+/* Moves a packet between @samples and the PCM that runs; any context. False: no PCM runs, nothing has moved. */
 bool vexa_packet(enum vexa_dir dir, void *samples, unsigned int frames);
 
 /* card.c: at most one registered card. */
 
-/* What a card is called; any index when @index is negative. */
+/* What a card is called; the first free index when @index is negative. */
 struct vexa_card_name {
 	int index;
 	const char *id;
 	const char *where;	/* ends the long name */
 };
 
-/* -EBUSY: there is a card already, or the index is taken. */
+/* Process context. -EBUSY: there is a card already, or the index is taken; -EINVAL: no such index. */
 int vexa_card_add(struct device *parent, const struct vexa_card_name *name,
 		  const struct snd_pcm_ops *ops);
-/* Open streams are disconnected; the card goes with its last file. -ENODEV: there is no card. */
+/* Process context. Disconnects open streams; the last close frees the card. -ENODEV: there is no card. */
 int vexa_card_remove(void);
 int vexa_card_number(void);	/* -1: none */
 
-/* state.c: what the function's state is, and the records that tell the daemon of its changes. */
+/* state.c: the function's state, and the records that tell the daemon of its changes. Any context. */
 
 enum vexa_record_type {
 	VEXA_BIND,
@@ -96,8 +102,8 @@ struct vexa_state {
 	bool active[VEXA_DIRS];
 	s16 volumes[VEXA_DIRS];		/* 1/256 dB */
 	bool mutes[VEXA_DIRS];
-	u64 queued, read, dropped;	/* records */
-	unsigned int waiting;
+	u64 queued, read, dropped;	/* records since loading */
+	unsigned int waiting;		/* records in the queue */
 };
 
 /* For a module that wants to know; set before anything happens. */
@@ -112,17 +118,20 @@ extern wait_queue_head_t vexa_records_wait;
 
 void vexa_watch(const struct vexa_watcher *watcher);
 void vexa_get_state(struct vexa_state *state);
-/* What the host or the bus does: state and record in one; any context. -ENOSPC: the queue is full. */
+/* What the host or the bus does: state and record in one. -ENOSPC: the queue is full, the record is lost. */
 int vexa_set_bound(bool bound);	/* unbinding ends both streams without a record */
 int vexa_set_active(enum vexa_dir dir, bool active);
 int vexa_set_volume(enum vexa_dir dir, s16 volume);
 int vexa_set_mute(enum vexa_dir dir, bool mute);
-/* What a program does: state without a record. */
+/* What a program does to the speaker: state without a record; calls the watcher. Process context. */
 void vexa_program_volume(s16 volume);
 void vexa_program_mute(bool mute);
 /* Records that change nothing. The data counts up; -ENOSPC: some were dropped. */
 int vexa_record(u32 type, u32 data, unsigned int count);
-/* Drops what is queued, which is older than the answer, and queues the present state. */
+/*
+ * Drops what is queued, which is older than the answer, and queues the present state: UNBIND, or BIND, both
+ * volumes, both mutes, and an on for each stream that is on.
+ */
 void vexa_init_sync(void);
 bool vexa_take_record(struct vexa_record *record);	/* false: the queue is empty */
 bool vexa_has_record(void);
@@ -136,16 +145,18 @@ bool vexa_has_record(void);
 /* What the device does. A module may wrap these operations and give the device its own. */
 extern const struct file_operations vexa_control_fops;
 
+/* At the module's loading and unloading. -EBUSY: another driver has the number. */
 int vexa_control_init(const struct file_operations *fops);
 void vexa_control_exit(void);
 
-/* android0.c: /sys/class/android_usb/android0, for kernels that have none. */
+/* android0.c: /sys/class/android_usb/android0, for kernels that have none. Process context. */
 
 #define VEXA_STATE_LEN	32	/* room for a word of the state */
 
+/* At the module's loading and unloading. The state is DISCONNECTED at first. */
 int vexa_android0_init(void);
 void vexa_android0_exit(void);
-/* Shows @word as the state and, unless @quiet, sends it in a uevent; process context. */
+/* Shows @word as the state and, unless @quiet, sends it in a uevent. -EINVAL: the word is too long. */
 int vexa_android0_tell(const char *word, bool quiet);
 struct device *vexa_android0(void);
 
