@@ -3,6 +3,10 @@
  * What the files of the simulated board show each other. README.md is the contract with user space. The
  * gadget itself is the driver's own sources, gadget/; the host on its other side is simulated here.
  *
+ * Results are 0 or a negative errno. X_init and X_exit are called at the module's loading and unloading;
+ * X_show prints a part's counters into /proc/usb_host. What says nothing of its context is called in process
+ * context.
+ *
  * Locks, outermost first:
  *   gadget_mutex	whatever changes the simulated world as a whole: commands, unplugging
  *   host_stream.user_end	a queue's end at the test program: its device, and flushing
@@ -33,7 +37,7 @@ extern const char *const pcm_dir_names[VEXA_DIRS];	/* "capture", "playback" */
 /* core.c: the device that the sound cards hang from */
 extern struct device *board_device;
 
-/* event_log.c: any context */
+/* event_log.c: adds a line with the present time; a full log loses its oldest line. Any context. */
 __printf(1, 2) void event_log(const char *format, ...);
 int event_log_init(void);
 void event_log_exit(void);
@@ -65,14 +69,15 @@ enum fault_point {
 	FAULT_POINTS
 };
 
+/* Counts a call at the point. True: a fault fires, and *value is its VALUE. */
 bool fault_take(enum fault_point point, int *value);
 int fault_result(enum fault_point point);	/* 0, or the negative errno of a fault that fires */
-unsigned int fault_armings(enum fault_point point);
-int fault_command(int argc, char **argv);
+unsigned int fault_armings(enum fault_point point);	/* how often it was armed */
+int fault_command(int argc, char **argv);	/* the command fault; -EINVAL: not understood */
 void fault_show(struct seq_file *seq);
 
 /* uac_user.c: the gadget control device, with its log and its faults */
-void uac_wake_readers(void);
+void uac_wake_readers(void);	/* has waiting reads look for a fault; any context */
 void uac_user_show(struct seq_file *seq);
 int uac_user_init(void);
 
@@ -80,19 +85,19 @@ int uac_user_init(void);
 extern struct mutex gadget_mutex;
 extern int gadget_index;	/* the card's usual index */
 
-int gadget_bind(int index);
-void gadget_unbind(void);
-void gadget_plug(void);
-void gadget_unplug(void);
-int gadget_reenumerate(void);
-void gadget_stream(enum vexa_dir dir, bool on);
+int gadget_bind(int index);	/* adds the card if it is missing, then queues BIND */
+void gadget_unbind(void);	/* ends both streams, queues UNBIND, removes the card */
+void gadget_plug(void);		/* cable, CONNECTED, CONFIGURED */
+void gadget_unplug(void);	/* cable, DISCONNECTED, ends the streams that are on */
+int gadget_reenumerate(void);	/* DISCONNECTED, unbind, bind, and with a cable CONNECTED, CONFIGURED */
+void gadget_stream(enum vexa_dir dir, bool on);	/* the host switches a stream; queues the record */
 void gadget_function_show(struct seq_file *seq);
-int gadget_function_init(bool bound, bool plugged);
+int gadget_function_init(bool bound, bool plugged);	/* takes gadget_mutex itself */
 
 /* gadget_card.c: the card, with its log; under gadget_mutex */
 int gadget_card_add(int index);
 int gadget_card_remove(void);
-/* For a PCM operation, which must not take the mutex: does so on another thread. */
+/* For a PCM operation, which must not take the mutex: has another thread remove the card, and waits for it. */
 void gadget_card_remove_now(void);
 void gadget_card_exit(void);
 
@@ -117,13 +122,14 @@ enum pcm_count {
 
 extern const struct snd_pcm_ops gadget_pcm_ops;
 
-void gadget_pcm_count(enum vexa_dir dir, enum pcm_count what);
-void gadget_pcm_xrun(struct vexa_stream *stream);	/* these three on a pinned stream */
+void gadget_pcm_count(enum vexa_dir dir, enum pcm_count what);	/* any context */
+/* On a stream that vexa_get_running gave; any context: stops it, suspends it, tells of a period's end. */
+void gadget_pcm_xrun(struct vexa_stream *stream);
 void gadget_pcm_suspend(struct vexa_stream *stream);
 void gadget_pcm_period(struct vexa_stream *stream);
 void gadget_pcm_show(struct seq_file *seq);
 
-/* gadget_pcm_choices.c: faults in choosing hardware parameters */
+/* gadget_pcm_choices.c: gives a PCM that is opened the armed faults in choosing hardware parameters */
 int gadget_pcm_limit_choices(struct snd_pcm_substream *substream);
 
 /* host_clock.c: the host's clock and its two streams */
@@ -149,47 +155,50 @@ struct host_stream {
 
 struct host_stream *host_stream(enum vexa_dir dir);
 void host_stream_switch(enum vexa_dir dir, bool on);
-void host_stream_stall(enum vexa_dir dir, bool stalled);
-/* Has the PCM's operation started or stopped between two USB frames; false: it did not run before. */
+void host_stream_stall(enum vexa_dir dir, bool stalled);	/* no data moves although the stream is on */
+/* Starts or stops the PCM between two USB frames, under the PCM stream lock. Returns whether it ran before. */
 bool host_stream_trigger(struct snd_pcm_substream *substream, int command);
-int host_stream_injure(enum vexa_dir dir, enum injury injury);
+int host_stream_injure(enum vexa_dir dir, enum injury injury);	/* now; -ENXIO: no PCM runs */
+/* In the USB frame in which host_stream.frames reaches @frames; replaces what was planned. */
 void host_stream_injure_at(enum vexa_dir dir, enum injury injury, u64 frames);
-void host_stream_flush(enum vexa_dir dir);
-void host_clock_offset(int ppb);
+void host_stream_flush(enum vexa_dir dir);	/* empties the host's queue */
+void host_clock_offset(int ppb);		/* from the board's clock, parts per 10^9; positive is faster */
 void host_clock_show(struct seq_file *seq);
 int host_clock_init(void);
 void host_clock_exit(void);
 
 /*
- * usb_frame.c: under host_lock, with the PCM that runs, pinned, or NULL; true: a period of it has ended
+ * usb_frame.c: moves the 48 frames of the USB frame that is due at @ns; under host_lock. @stream is the PCM
+ * that runs, from vexa_get_running, or NULL. True: a period of it has ended.
  */
 bool usb_frame(struct host_stream *host, struct vexa_stream *stream, u64 ns);
 
 /* host_audio.c: the devices for the host's sound */
-bool host_audio_ready(struct host_stream *host);
+bool host_audio_ready(struct host_stream *host);	/* for a waiting program; any context */
 int host_audio_init(void);
 void host_audio_exit(void);
 
-/* host_command.c */
+/* host_command.c: /dev/usb_host */
 int host_command_init(void);
 void host_command_exit(void);
 
-/* android_usb.c: under gadget_mutex */
-int android_usb_state(const char *word, bool quiet);
+/* android_usb.c: under gadget_mutex; -EINVAL: not understood */
+int android_usb_state(const char *word, bool quiet);	/* as vexa_android0_tell, with a line in the log */
+/* The commands uevent and foreign: a uevent of android0, or of another subsystem. */
 int android_usb_uevent(bool foreign, int argc, char **argv);
 
 /* cable.c: the cable detector; under gadget_mutex */
 void cable_set(bool plugged);
 bool cable_plugged(void);
-struct device *cable_parent(void);
+struct device *cable_parent(void);	/* a platform device, whose uevents are of another subsystem */
 int cable_init(void);
 void cable_exit(void);
 
-/* board_card.c */
+/* board_card.c: the board's own card, a microphone that records silence */
 int board_card_init(void);
 void board_card_exit(void);
 
-/* counters.c */
+/* counters.c: /proc/usb_host */
 int counters_init(void);
 void counters_exit(void);
 

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 /*
- * What the files of the USB wire show each other. README.md is the contract with user space.
+ * What the files of the USB wire show each other. README.md is the contract with user space. Functions are
+ * described where they are defined.
  *
  * There is one lock, wire.lock, always taken with interrupts off. It guards everything in struct
  * wire, every pipe and every endpoint; the event log has a lock of its own, taken last. usbcore's
@@ -8,12 +9,12 @@
  *
  * No callback runs under it: a completion of the gadget's (wire_give_request), one of the host's
  * (wire_give_urb) and the gadget driver's own callbacks are called with the lock dropped and
- * interrupts still off. Who calls a function that says "drops the lock" must look at everything
+ * interrupts still off. A caller of a function that says "drops the lock" must check everything
  * again afterwards.
  *
- * An URB is given back in the timer and nowhere else, and the timer never runs twice at the same
- * time: the timer may drop the lock while it serves an URB, the URB stays. Its pipe goes, with the
- * last URB, as soon as the lock is dropped to give that back.
+ * Only the timer gives an URB back, and it never runs twice at the same time. So while it serves an
+ * URB it may drop the lock: the URB stays. A pipe may go as soon as the lock is dropped to give back
+ * its last URB.
  */
 #ifndef USB_WIRE_H
 #define USB_WIRE_H
