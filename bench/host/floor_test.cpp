@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "bench/host/contestants.h"
-#include "bench/host/interpolate_simd.h"
 #include "buffer/resample.h"
 
 namespace {

@@ -11,8 +11,6 @@
 #include <sstream>
 #include <vector>
 
-#include "bench/host/contestants.h"
-#include "bench/host/quality.h"
 #include "bench/host/results.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/host/quality.h"
-
 #include <array>
 #include <cmath>
+
+#include "bench/host/results.h"
 
 namespace bench {
 namespace {

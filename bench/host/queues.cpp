@@ -99,11 +99,14 @@ class MoodycamelReaderWriter {
 
 }  // namespace
 
-std::vector<QueueContestant> libraryQueues() {
-    return {queueContestant<Jack>(kJack), queueContestant<BoostSpsc>("boost spsc_queue"),
-            queueContestant<BoostCircular>("boost circular_buffer"),
-            queueContestant<MoodycamelReaderWriter>("moodycamel ReaderWriterQueue of frames"),
-            queueContestant<MoodycamelConcurrent>("moodycamel ConcurrentQueue")};
+std::vector<QueueContestant> queueContestants() {
+    std::vector<QueueContestant> all = ownQueues();
+    all.insert(all.end(),
+               {queueContestant<Jack>(kJack), queueContestant<BoostSpsc>("boost spsc_queue"),
+                queueContestant<BoostCircular>("boost circular_buffer"),
+                queueContestant<MoodycamelReaderWriter>("moodycamel ReaderWriterQueue of frames"),
+                queueContestant<MoodycamelConcurrent>("moodycamel ConcurrentQueue")});
+    return all;
 }
 
 }  // namespace bench

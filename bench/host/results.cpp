@@ -7,9 +7,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "bench/host/contestants.h"
-#include "bench/host/quality.h"
-
 namespace bench {
 namespace {
 
