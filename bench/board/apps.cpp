@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/apps.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -8,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/board/sections.h"
 #include "bench/board/subject.h"
 #include "bench/board/table.h"
 #include "board/kit/alsa_device.h"
@@ -158,14 +157,6 @@ void compare(const char* key, const char* title, const std::vector<App>& apps, b
     table.publish();
 }
 
-// More than an app has time for.
-void putVoice(Ns measured) {
-    const board::Samples noise = board::render(
-        board::noise, 0, 2 * (kSettling + measured + kSettling) / kSecond * board::kRate);
-    board::put(kVoiceFile,
-               {reinterpret_cast<const char*>(noise.data()), noise.size() * sizeof noise[0]});
-}
-
 }  // namespace
 
 void measureAppsRecording(const Options& options) {
@@ -173,7 +164,7 @@ void measureAppsRecording(const Options& options) {
 }
 
 void measureAppsPlaying(const Options& options) {
-    putVoice(options.measured);
+    putVoice(2 * (2 * kSettling + options.measured) / kSecond * board::kRate);
     compare("apps_playing", "Apps that the host hears", players(), false, options);
 }
 

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/cost.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <utility>
 
 #include <sys/stat.h>
 
+#include "bench/board/sections.h"
 #include "bench/board/subject.h"
 #include "bench/board/table.h"
 #include "board/kit/board.h"
@@ -181,44 +179,9 @@ class Session {
     std::unique_ptr<Processes> measured;
 };
 
-// What helpers say: more than they have time for.
-void putVoice(Ns measured) {
-    const board::Samples noise =
-        board::render(board::noise, 0, (kSettling + measured) / kSecond * board::kRate * 11 / 10);
-    board::put(kVoiceFile,
-               {reinterpret_cast<const char*>(noise.data()), noise.size() * sizeof noise[0]});
-}
-
-class Comparison {
-  public:
-    Comparison(const char* key, const char* title, std::vector<board::Direction> directions,
-               Ns measured)
-        : directions(std::move(directions)),
-          measured(measured),
-          table(key, title,
-                {{"instructions_per_s", "Mi/s", 3},
-                 {"to_uafd", "to uafd", 2},
-                 {"helpers_per_s", "app's side, Mi/s", 3},
-                 {"sound_percent", "sound, %", 1},
-                 {"latency_ms", "latency, ms", 2},
-                 {"start_ms", "start, ms", 1},
-                 {"private_kb", "private, kB", 0},
-                 {"program_kb", "program, kB", 1},
-                 {"threads", "threads", 0},
-                 {"sleeps_per_s", "wake-ups/s", 1},
-                 {"restarts", "restarts", 0}}) {}
-
-    void measure(const Subject& subject);
-    void publish() const { table.publish(); }
-
-  private:
-    const std::vector<board::Direction> directions;
-    const Ns measured;
-    Table table;
-    double uafdPerSecond = 0;  // its instructions, known first
-};
-
-void Comparison::measure(const Subject& subject) {
+// `uafdPerSecond`: the daemon's instructions, which are the first to be known.
+void measure(const Subject& subject, const std::vector<board::Direction>& directions, Ns measured,
+             double* uafdPerSecond, Table* table) {
     Session session(subject, directions);
     session.run(kSettling);
     const Ns start = session.startTime();
@@ -233,10 +196,10 @@ void Comparison::measure(const Subject& subject) {
         throw std::runtime_error(subject.name + " does not stream");
     }
     const double perSecond = static_cast<double>(after.cpu - before.cpu) / seconds / 1e6;
-    uafdPerSecond = subject.name == kDaemon ? perSecond : uafdPerSecond;
-    table.add(
+    *uafdPerSecond = subject.name == kDaemon ? perSecond : *uafdPerSecond;
+    table->add(
         subject.name,
-        {perSecond, perSecond / uafdPerSecond,
+        {perSecond, perSecond / *uafdPerSecond,
          subject.helpers.empty()
              ? Figure()
              : Figure(static_cast<double>(after.helpersCpu - before.helpersCpu) / seconds / 1e6),
@@ -251,12 +214,24 @@ void Comparison::measure(const Subject& subject) {
 void compare(const char* key, const char* title, const std::vector<board::Direction>& directions,
              const std::vector<Subject>& subjects, const Options& options) {
     loadLoopbackCard(2);
-    putVoice(options.measured);
-    Comparison comparison(key, title, directions, options.measured);
+    putVoice((kSettling + options.measured) / kSecond * board::kRate * 11 / 10);
+    Table table(key, title,
+                {{"instructions_per_s", "Mi/s", 3},
+                 {"to_uafd", "to uafd", 2},
+                 {"helpers_per_s", "app's side, Mi/s", 3},
+                 {"sound_percent", "sound, %", 1},
+                 {"latency_ms", "latency, ms", 2},
+                 {"start_ms", "start, ms", 1},
+                 {"private_kb", "private, kB", 0},
+                 {"program_kb", "program, kB", 1},
+                 {"threads", "threads", 0},
+                 {"sleeps_per_s", "wake-ups/s", 1},
+                 {"restarts", "restarts", 0}});
+    double uafdPerSecond = 0;
     for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {
-        comparison.measure(subjects[i]);
+        measure(subjects[i], directions, options.measured, &uafdPerSecond, &table);
     }
-    comparison.publish();
+    table.publish();
 }
 
 }  // namespace

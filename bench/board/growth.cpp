@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/growth.h"
-
 #include <algorithm>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
+#include "bench/board/sections.h"
 #include "bench/board/table.h"
 #include "board/kit/board.h"
 #include "board/kit/host_player.h"
@@ -33,30 +32,6 @@ struct Use {
     int64_t privateKb;
 };
 
-class Growth {
-  public:
-    Growth()
-        : table("growth", "What it costs as it grows",
-                {{"instructions_per_s", "Mi/s", 3},
-                 {"per_item", "ki each", 2},
-                 {"private_kb", "private, kB", 0}}) {}
-
-    void addMessages(int rate);
-    void addEvents(int rate);
-    void addPending();
-    void addChunks(size_t bytes, Ns measured);
-    void addUptime(Ns measured);
-    void publish() const { table.publish(); }
-
-  private:
-    // Lets `act(i)` happen so often a second, then `isDone` come true, and adds what that took; of
-    // each item, what it took beyond idling.
-    void measureItems(const board::Board& board, const std::string& name, int rate,
-                      const std::function<void(int)>& act, const std::function<bool()>& isDone);
-
-    Table table;
-};
-
 Use useOf(const board::Board& board) {
     return {board::cpuOf(board.daemon.pid()), board::memoryOf(board.daemon.pid()).privateKb};
 }
@@ -71,9 +46,10 @@ double mega(Ns cpu, Ns time) {
     return static_cast<double>(cpu) / 1e6 * kSecond / static_cast<double>(time);
 }
 
-void Growth::measureItems(const board::Board& board, const std::string& name, int rate,
-                          const std::function<void(int)>& act,
-                          const std::function<bool()>& isDone) {
+// Lets `act(i)` happen so often a second, then `isDone` come true, and adds what that took; of each
+// item, what it took beyond idling.
+void measureItems(Table* table, const board::Board& board, const std::string& name, int rate,
+                  const std::function<void(int)>& act, const std::function<bool()>& isDone) {
     const int items = static_cast<int>(std::min<Ns>(kMostItems, kLongest / kSecond * rate));
     Ns cpu = useOf(board).cpu;
     board::sleepFor(kBefore);
@@ -89,17 +65,17 @@ void Growth::measureItems(const board::Board& board, const std::string& name, in
     const Ns time = board::now() - from;
     const double forItems = static_cast<double>(use.cpu - cpu) -
                             static_cast<double>(idleCpu) * static_cast<double>(time) / kBefore;
-    table.add(name, {mega(use.cpu - cpu, time), forItems / items / 1000,
-                     static_cast<double>(use.privateKb)});
+    table->add(name, {mega(use.cpu - cpu, time), forItems / items / 1000,
+                      static_cast<double>(use.privateKb)});
 }
 
-void Growth::addMessages(int rate) {
+void addMessages(Table* table, int rate) {
     board::Board board("messages");
     board.start();
     const board::MessageSender sender;
     int last = 0;
     measureItems(
-        board, std::to_string(rate) + " messages of the app a second", rate,
+        table, board, std::to_string(rate) + " messages of the app a second", rate,
         [&](int i) {
             last = i + 1;
             sender.send(board::Message{3, static_cast<uint32_t>(last)});
@@ -107,12 +83,12 @@ void Growth::addMessages(int rate) {
         [&] { return board.host.counter("speaker.volume") == last; });
 }
 
-void Growth::addEvents(int rate) {
+void addEvents(Table* table, int rate) {
     board::Board board("events");
     board.start();
     uint32_t last = 0;
     measureItems(
-        board, std::to_string(rate) + " events of the host a second", rate,
+        table, board, std::to_string(rate) + " events of the host a second", rate,
         [&](int i) {
             last = static_cast<uint32_t>(i + 1);
             board.host.command("volume mic " + std::to_string(last));
@@ -125,7 +101,7 @@ void Growth::addEvents(int rate) {
 
 // An app that does not take its messages: its socket holds some, the daemon's queue the next, and
 // each further message replaces the newest.
-void Growth::addPending() {
+void addPending(Table* table) {
     board::AppOptions options;
     options.socket = false;
     board::Board board("pending");
@@ -140,14 +116,14 @@ void Growth::addPending() {
             board::sleepFor(10 * kMs);
         }
         const Use use = useOf(board);
-        table.add("up to " + std::to_string(pending) + " messages pending",
-                  {Figure(), static_cast<double>(use.cpu - cpu) / kPendingStep / 1000,
-                   static_cast<double>(use.privateKb)});
+        table->add("up to " + std::to_string(pending) + " messages pending",
+                   {Figure(), static_cast<double>(use.cpu - cpu) / kPendingStep / 1000,
+                    static_cast<double>(use.privateKb)});
     }
 }
 
 // A second of the microphone's.
-void Growth::addChunks(size_t bytes, Ns measured) {
+void addChunks(Table* table, size_t bytes, Ns measured) {
     board::AppOptions options;
     options.chunkBytes = bytes;
     board::Board board("chunks");
@@ -161,12 +137,12 @@ void Growth::addChunks(size_t bytes, Ns measured) {
         board.host.takeRecording();
     }
     const Use use = useOf(board);
-    table.add("microphone, written " + std::to_string(bytes) + " bytes at a time",
-              {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
+    table->add("microphone, written " + std::to_string(bytes) + " bytes at a time",
+               {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
 }
 
 // Streaming in the first hour and in the twenty-fourth, and the quiet hours between.
-void Growth::addUptime(Ns measured) {
+void addUptime(Table* table, Ns measured) {
     board::Board board("uptime");
     board.start();
     const Ns born = board::now();
@@ -184,8 +160,8 @@ void Growth::addUptime(Ns measured) {
             board.host.takeRecording();
         }
         const Use use = useOf(board);
-        table.add(std::string("both directions, ") + hour,
-                  {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
+        table->add(std::string("both directions, ") + hour,
+                   {mega(use.cpu - cpu, measured), Figure(), static_cast<double>(use.privateKb)});
         const size_t mark = board.app->messages().size();
         board.host.command("speaker off");
         board.host.command("mic off");
@@ -203,8 +179,8 @@ void Growth::addUptime(Ns measured) {
         // Who uses the same libraries decides what is private.
         board.micService = std::make_unique<board::MicService>();
         board.app = std::make_unique<board::App>();
-        table.add(std::string("idle, ") + hour,
-                  {perSecond, Figure(), static_cast<double>(useOf(board).privateKb)});
+        table->add(std::string("idle, ") + hour,
+                   {perSecond, Figure(), static_cast<double>(useOf(board).privateKb)});
     };
     stream("in the first hour");
     beQuiet("in the first hour", born + kHour);
@@ -216,19 +192,22 @@ void Growth::addUptime(Ns measured) {
 }  // namespace
 
 void measureGrowth(const Options& options) {
-    Growth growth;
+    Table table("growth", "What it costs as it grows",
+                {{"instructions_per_s", "Mi/s", 3},
+                 {"per_item", "ki each", 2},
+                 {"private_kb", "private, kB", 0}});
     for (const int rate : kRates) {
-        growth.addMessages(rate);
+        addMessages(&table, rate);
     }
     for (const int rate : kRates) {
-        growth.addEvents(rate);
+        addEvents(&table, rate);
     }
-    growth.addPending();
+    addPending(&table);
     for (const size_t chunk : kChunks) {
-        growth.addChunks(chunk, options.measured);
+        addChunks(&table, chunk, options.measured);
     }
-    growth.addUptime(options.measured);
-    growth.publish();
+    addUptime(&table, options.measured);
+    table.publish();
 }
 
 }  // namespace bench

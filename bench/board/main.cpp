@@ -7,13 +7,7 @@
 #include <exception>
 #include <limits>
 
-#include "bench/board/apps.h"
-#include "bench/board/cost.h"
-#include "bench/board/growth.h"
-#include "bench/board/latency.h"
-#include "bench/board/options.h"
-#include "bench/board/profile.h"
-#include "bench/board/usb.h"
+#include "bench/board/sections.h"
 
 namespace {
 

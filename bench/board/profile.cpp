@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/profile.h"
-
 #include <algorithm>
 #include <map>
 #include <stdexcept>
@@ -8,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/board/sections.h"
 #include "bench/board/symbols.h"
 #include "bench/board/table.h"
 #include "board/kit/perf_event.h"

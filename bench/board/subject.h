@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is measured: the daemon, or programs that do its work on the same gadget card. One thread.
+// What is measured: the daemon, or programs that do its work on the same gadget card or over USB;
+// and their processes. One thread.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -50,11 +53,33 @@ class Processes {
 // The card between alsaloop and the app; throws when it does not load.
 void loadLoopbackCard(int index);
 
-// The daemon first, then the minimal loops, then the programs of others. Helpers that speak play
-// kVoiceFile.
+// Noise, for programs that stand for an app which speaks. They need more of it than they have time
+// to play.
 constexpr char kVoiceFile[] = "/tmp/voice.raw";
+void putVoice(int64_t samples);
+
+// The daemon first, then the minimal loops, then the programs of others.
 std::vector<Subject> speakerSubjects();
 std::vector<Subject> micSubjects();
 std::vector<Subject> bothSubjects();
+
+// Over USB: a gadget, and the programs between its card and the app.
+struct UsbSubject {
+    std::string name;
+    std::string function;  // the gadget's, in configfs
+    std::map<std::string, std::string> attributes;
+    size_t channels;  // of the gadget's streams
+    std::vector<Command> commands;
+    // The app plays and records on the loopback card instead of the FIFOs.
+    bool usesLoopback;
+};
+
+// The loopback card's sides for the app; the programs have the others.
+constexpr char kAppHears[] = "hw:3,1,0";
+constexpr char kAppSpeaks[] = "hw:3,0,1";
+
+// The daemon first; at the end each gadget with nobody at its card. They do what both directions
+// have in common.
+std::vector<UsbSubject> usbSubjects(bool speaker, bool mic);
 
 }  // namespace bench

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/board/usb.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
+#include "bench/board/sections.h"
+#include "bench/board/subject.h"
 #include "bench/board/table.h"
 #include "bench/board/usb_sound.h"
-#include "bench/board/usb_subject.h"
 #include "board/kit/app.h"
 #include "board/kit/files.h"
 #include "board/kit/process_view.h"
@@ -78,10 +78,10 @@ class AppEnd {
     AppEnd(bool usesLoopback, bool speaker, bool mic) {
         if (usesLoopback) {
             if (mic) {
-                player = std::make_unique<TimedPlayer>(kAppSpeaks);
+                player = std::make_unique<TimedPlayer>(kAppSpeaks, End::kApp, 1);
             }
             if (speaker) {
-                recorder = std::make_unique<TimedRecorder>(kAppHears);
+                recorder = std::make_unique<TimedRecorder>(kAppHears, End::kApp, 1);
             }
             return;
         }
@@ -93,11 +93,11 @@ class AppEnd {
     }
 
     void stop() {
-        for (TimedPcm* pcm :
-             {static_cast<TimedPcm*>(player.get()), static_cast<TimedPcm*>(recorder.get())}) {
-            if (pcm != nullptr) {
-                pcm->stop();
-            }
+        if (player) {
+            player->stop();
+        }
+        if (recorder) {
+            recorder->stop();
         }
     }
     std::vector<Block> played() const {
@@ -115,11 +115,7 @@ class AppEnd {
             return {recorder->samples(), recorder->blocks()};
         }
         board::Heard heard = app->takeHeard();
-        HeardRamp ramp{std::move(heard.left), {}};
-        for (const board::HeardBlock& block : heard.blocks) {
-            ramp.blocks.push_back({block.at, block.firstFrame});
-        }
-        return ramp;
+        return {std::move(heard.left), std::move(heard.blocks)};
     }
 
   private:
@@ -135,10 +131,12 @@ class UsbSession {
         : connection(subject, hostPpb) {
         app.emplace(subject.usesLoopback, speaker, mic);
         if (speaker) {
-            hostPlayer = std::make_unique<TimedPlayer>(board::kHostPcm, subject.channels);
+            hostPlayer =
+                std::make_unique<TimedPlayer>(board::kHostPcm, End::kHost, subject.channels);
         }
         if (mic) {
-            hostRecorder = std::make_unique<TimedRecorder>(board::kHostPcm, subject.channels);
+            hostRecorder =
+                std::make_unique<TimedRecorder>(board::kHostPcm, End::kHost, subject.channels);
         }
         // The daemon sees to its own scheduling.
         programs =
@@ -186,40 +184,6 @@ class UsbSession {
     std::unique_ptr<Processes> programs;
 };
 
-// The host's clock is so slow that it passes an app's block of 10 ms in that time: all phases
-// between the two occur.
-int64_t slowPpb(Ns measured) {
-    return -10 * kMs * kSecond / measured;
-}
-
-class UsbComparison {
-  public:
-    UsbComparison(const char* key, const char* title, bool speaker, bool mic, Ns measured)
-        : speaker(speaker),
-          mic(mic),
-          measured(measured),
-          table(key, title,
-                {{"all_per_s", "all, Mi/s", 3},
-                 {"programs_per_s", "programs, Mi/s", 3},
-                 {"ends_per_s", "host and app, Mi/s", 3},
-                 {"interrupts_per_s", "interrupts, Mi/s", 3},
-                 {"speaker_ms", "to app, median, ms", 2},
-                 {"speaker_max_ms", "max, ms", 2},
-                 {"mic_ms", "to host, median, ms", 2},
-                 {"mic_max_ms", "max, ms", 2},
-                 {"sound_percent", "sound, %", 1},
-                 {"breaks", "breaks", 0}}) {}
-
-    void measure(const UsbSubject& subject, const std::string& name, int64_t hostPpb);
-    void publish() const { table.publish(); }
-
-  private:
-    const bool speaker;
-    const bool mic;
-    const Ns measured;
-    Table table;
-};
-
 constexpr size_t kFigures = 10;  // columns of the table
 
 void addLatency(const Passage& passage, std::vector<Figure>* figures) {
@@ -229,14 +193,23 @@ void addLatency(const Passage& passage, std::vector<Figure>* figures) {
     figures->push_back(isThere ? Figure(static_cast<double>(spread.largest) / kMs) : Figure());
 }
 
-void UsbComparison::measure(const UsbSubject& subject, const std::string& name, int64_t hostPpb) {
+// What streams, and for how long.
+struct Task {
+    bool speaker;
+    bool mic;
+    Ns measured;
+};
+
+void measure(const UsbSubject& subject, const std::string& name, int64_t hostPpb, const Task& task,
+             Table* table) {
+    const auto [speaker, mic, measured] = task;
     const bool isAlone = subject.commands.empty();
     UsbSession session(subject, speaker, mic, hostPpb);
     const bool hasSettled = session.run(kSettling);
     const Ns from = board::now();
     const Work before = session.work();
     if (!hasSettled || !session.run(isAlone ? std::min(measured, kUndisturbed) : measured)) {
-        table.add(name, std::vector<Figure>(kFigures));
+        table->add(name, std::vector<Figure>(kFigures));
         fprintf(stderr, "%-40s has ended\n", name.c_str());
         return;
     }
@@ -267,54 +240,71 @@ void UsbComparison::measure(const UsbSubject& subject, const std::string& name, 
         figures.emplace_back(100 * sound);
         figures.emplace_back(static_cast<double>(toApp.breaks + toHost.breaks));
     }
-    table.add(name, figures);
+    table->add(name, figures);
     fprintf(stderr, "%-40s %8.3f Mi/s\n", name.c_str(), perSecond(all));
 }
 
-void loadCards() {
+// How a host's clock is off.
+struct HostClock {
+    const char* name;  // after the subject's
+    int64_t ppb;
+};
+
+// So slow that the host passes an app's block of 10 ms in that time: all phases between the two
+// occur.
+std::vector<HostClock> slowClock(Ns measured) {
+    return {{"", -10 * kMs * kSecond / measured}};
+}
+
+void compare(const char* key, const char* title, bool speaker, bool mic, const Options& options,
+             const std::vector<HostClock>& clocks) {
     // With the cable detector.
     board::loadModule("usb_board");
     loadLoopbackCard(3);
-}
-
-void compare(const char* key, const char* title, bool speaker, bool mic, const Options& options) {
-    loadCards();
-    UsbComparison comparison(key, title, speaker, mic, options.measured);
+    Table table(key, title,
+                {{"all_per_s", "all, Mi/s", 3},
+                 {"programs_per_s", "programs, Mi/s", 3},
+                 {"ends_per_s", "host and app, Mi/s", 3},
+                 {"interrupts_per_s", "interrupts, Mi/s", 3},
+                 {"speaker_ms", "to app, median, ms", 2},
+                 {"speaker_max_ms", "max, ms", 2},
+                 {"mic_ms", "to host, median, ms", 2},
+                 {"mic_max_ms", "max, ms", 2},
+                 {"sound_percent", "sound, %", 1},
+                 {"breaks", "breaks", 0}});
     const std::vector<UsbSubject> subjects = usbSubjects(speaker, mic);
     for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {
-        comparison.measure(subjects[i], subjects[i].name, slowPpb(options.measured));
+        for (const HostClock& clock : clocks) {
+            // Where nobody is at the card, nobody follows a clock.
+            if (clocks.size() == 1 || !subjects[i].commands.empty()) {
+                measure(subjects[i], subjects[i].name + clock.name, clock.ppb,
+                        {speaker, mic, options.measured}, &table);
+            }
+        }
     }
-    comparison.publish();
+    table.publish();
 }
 
 }  // namespace
 
 void measureUsbSpeaker(const Options& options) {
     compare("usb_speaker", "Speaker over USB: from the host's program to the app", true, false,
-            options);
+            options, slowClock(options.measured));
 }
 
 void measureUsbMicrophone(const Options& options) {
     compare("usb_microphone", "Microphone over USB: from the app to the host's program", false,
-            true, options);
+            true, options, slowClock(options.measured));
 }
 
 void measureUsbBoth(const Options& options) {
-    compare("usb_both", "Both directions over USB at once", true, true, options);
+    compare("usb_both", "Both directions over USB at once", true, true, options,
+            slowClock(options.measured));
 }
 
 void measureUsbDrift(const Options& options) {
-    loadCards();
-    UsbComparison comparison("usb_drift", "Both directions over USB, the host's clock 0.1 % off",
-                             true, true, options.measured);
-    const std::vector<UsbSubject> subjects = usbSubjects(true, true);
-    for (size_t i = 0; i < std::min(subjects.size(), options.subjects); ++i) {
-        if (!subjects[i].commands.empty()) {
-            comparison.measure(subjects[i], subjects[i].name + ", fast", kDriftPpb);
-            comparison.measure(subjects[i], subjects[i].name + ", slow", -kDriftPpb);
-        }
-    }
-    comparison.publish();
+    compare("usb_drift", "Both directions over USB, the host's clock 0.1 % off", true, true,
+            options, {{", fast", kDriftPpb}, {", slow", -kDriftPpb}});
 }
 
 }  // namespace bench

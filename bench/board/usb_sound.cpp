@@ -11,9 +11,11 @@ namespace {
 using board::kMs;
 using board::Ns;
 
-// The host's, which all phases of its periods to those of the gadget's programs occur with.
-constexpr Buffers kHostBuffers{256, 768};
-constexpr Buffers kAppBuffers{240, 2400};
+constexpr int64_t kAppPeriodFrames = 240;
+constexpr int64_t kAppBufferFrames = 2400;
+// With these, all phases of a host's periods to those of the gadget's programs occur.
+constexpr int64_t kHostPeriodFrames = 256;
+constexpr int64_t kHostBufferFrames = 768;
 constexpr int64_t kAppBlockFrames = 480;
 constexpr Ns kAppBlock = 10 * kMs;
 constexpr int kWaitMs = 100;
@@ -24,15 +26,18 @@ void require(int result, const std::string& what) {
     }
 }
 
+int64_t periodFramesOf(End end) {
+    return end == End::kHost ? kHostPeriodFrames : kAppPeriodFrames;
+}
+
 }  // namespace
 
-TimedPcm::TimedPcm(const std::string& pcm, snd_pcm_stream_t direction, Buffers buffers,
-                   size_t channels)
-    : buffers(buffers), channels(channels) {
+TimedPcm::TimedPcm(const std::string& pcm, snd_pcm_stream_t direction, End end, size_t channels)
+    : end(end), channels(channels) {
     snd_pcm_hw_params_t* hw;
     snd_pcm_hw_params_alloca(&hw);
-    auto period = static_cast<snd_pcm_uframes_t>(buffers.periodFrames);
-    auto buffer = static_cast<snd_pcm_uframes_t>(buffers.frames);
+    auto period = static_cast<snd_pcm_uframes_t>(periodFramesOf(end));
+    snd_pcm_uframes_t buffer = end == End::kHost ? kHostBufferFrames : kAppBufferFrames;
     require(snd_pcm_open(&handle, pcm.c_str(), direction, 0), pcm);
     require(snd_pcm_hw_params_any(handle, hw), pcm);
     require(snd_pcm_hw_params_set_access(handle, hw, SND_PCM_ACCESS_RW_INTERLEAVED), "access");
@@ -74,32 +79,19 @@ void TimedPcm::run() {
     }
 }
 
-TimedPlayer::TimedPlayer(const std::string& pcm, size_t channels)
-    : TimedPcm(pcm, SND_PCM_STREAM_PLAYBACK, kHostBuffers, channels),
-      isApp(false),
-      blockFrames(kHostBuffers.periodFrames) {
+TimedPlayer::TimedPlayer(const std::string& pcm, End end, size_t channels)
+    : TimedPcm(pcm, SND_PCM_STREAM_PLAYBACK, end, channels), nextAt(board::now()) {
     start();
-}
-
-TimedPlayer::TimedPlayer(const std::string& pcm)
-    : TimedPcm(pcm, SND_PCM_STREAM_PLAYBACK, kAppBuffers, 1),
-      isApp(true),
-      blockFrames(kAppBlockFrames),
-      nextAt(board::now()) {
-    start();
-}
-
-void TimedPlayer::writeSilence() {
-    const board::Samples silence(static_cast<size_t>(buffers.periodFrames));
-    snd_pcm_writei(handle, silence.data(), silence.size());
 }
 
 snd_pcm_sframes_t TimedPlayer::move() {
-    if (isApp) {
+    const int64_t blockFrames = end == End::kHost ? kHostPeriodFrames : kAppBlockFrames;
+    if (end == End::kApp) {
         board::sleepUntil(nextAt);
         nextAt += kAppBlock;
         if (snd_pcm_state(handle) == SND_PCM_STATE_PREPARED) {
-            writeSilence();
+            const board::Samples silence(kAppPeriodFrames);
+            snd_pcm_writei(handle, silence.data(), silence.size());
         }
     } else if (snd_pcm_wait(handle, kWaitMs) == 0) {
         return 0;
@@ -115,13 +107,8 @@ snd_pcm_sframes_t TimedPlayer::move() {
     return written;
 }
 
-TimedRecorder::TimedRecorder(const std::string& pcm, size_t channels)
-    : TimedPcm(pcm, SND_PCM_STREAM_CAPTURE, kHostBuffers, channels) {
-    start();
-}
-
-TimedRecorder::TimedRecorder(const std::string& pcm)
-    : TimedPcm(pcm, SND_PCM_STREAM_CAPTURE, kAppBuffers, 1) {
+TimedRecorder::TimedRecorder(const std::string& pcm, End end, size_t channels)
+    : TimedPcm(pcm, SND_PCM_STREAM_CAPTURE, end, channels) {
     start();
 }
 
@@ -129,9 +116,9 @@ snd_pcm_sframes_t TimedRecorder::move() {
     if (snd_pcm_wait(handle, kWaitMs) == 0) {
         return 0;
     }
-    board::Samples block(static_cast<size_t>(buffers.periodFrames) * channels);
-    const snd_pcm_sframes_t got =
-        snd_pcm_readi(handle, block.data(), static_cast<snd_pcm_uframes_t>(buffers.periodFrames));
+    const auto frames = static_cast<snd_pcm_uframes_t>(periodFramesOf(end));
+    board::Samples block(frames * channels);
+    const snd_pcm_sframes_t got = snd_pcm_readi(handle, block.data(), frames);
     moved.push_back({board::now(), static_cast<int64_t>(recorded.size())});
     for (snd_pcm_sframes_t i = 0; i < got; ++i) {
         recorded.push_back(block[static_cast<size_t>(i) * channels]);

@@ -11,21 +11,17 @@
 
 #include <alsa/asoundlib.h>
 
+#include "board/kit/app.h"
 #include "board/kit/clock.h"
 #include "board/kit/sound.h"
 
 namespace bench {
 
-// Frames that were handed over together, from `firstFrame` on to the next block's.
-struct Block {
-    board::Ns at;
-    int64_t firstFrame;
-};
+// Frames that were handed over together, from the first one on to the next block's.
+using Block = board::HeardBlock;
 
-struct Buffers {
-    int64_t periodFrames;
-    int64_t frames;
-};
+// Whose program it is: an app's has the larger buffer.
+enum class End { kHost, kApp };
 
 // An open PCM of 16 bit at 48 kHz, moved by a thread of its own until it is destroyed. An xrun
 // starts it again. Throws when the card refuses. One thread owns it.
@@ -40,12 +36,12 @@ class TimedPcm {
     void stop();
 
   protected:
-    TimedPcm(const std::string& pcm, snd_pcm_stream_t direction, Buffers buffers, size_t channels);
+    TimedPcm(const std::string& pcm, snd_pcm_stream_t direction, End end, size_t channels);
     void start();
     // Moves a block; a negative error starts the PCM again.
     virtual snd_pcm_sframes_t move() = 0;
 
-    const Buffers buffers;
+    const End end;
     const size_t channels;
     snd_pcm_t* handle = nullptr;
     std::vector<Block> moved;
@@ -57,31 +53,24 @@ class TimedPcm {
     std::thread thread;
 };
 
-// Plays the ramp on every channel, a block as soon as there is room for it, or at the board's clock
-// as the app does it that writes into a FIFO.
+// Plays the ramp on every channel: a host's program a block as soon as there is room for it, an app
+// a block each 10 ms of the board's clock, 5 ms of silence ahead of the first, as one that writes
+// into a FIFO.
 class TimedPlayer : public TimedPcm {
   public:
-    // A host's.
-    TimedPlayer(const std::string& pcm, size_t channels);
-    // An app's: a block each 10 ms, 5 ms of silence ahead of the first.
-    explicit TimedPlayer(const std::string& pcm);
+    TimedPlayer(const std::string& pcm, End end, size_t channels);
     ~TimedPlayer() override { stop(); }
 
   private:
     snd_pcm_sframes_t move() override;
-    void writeSilence();
 
-    const bool isApp;
-    const int64_t blockFrames;
-    board::Ns nextAt = 0;
+    board::Ns nextAt;  // an app's next block
     int64_t frame = 0;
 };
 
 class TimedRecorder : public TimedPcm {
   public:
-    // A host's, and an app's.
-    TimedRecorder(const std::string& pcm, size_t channels);
-    explicit TimedRecorder(const std::string& pcm);
+    TimedRecorder(const std::string& pcm, End end, size_t channels);
     ~TimedRecorder() override { stop(); }
 
     // The first channel; only after stop().
