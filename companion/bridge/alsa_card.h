@@ -3,15 +3,27 @@
 // channels, 16 bits, periods of 5 ms. One thread.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <alsa/asoundlib.h>
 
-#include "companion/bridge/card.h"
+#include "companion/bridge/path.h"
 
 namespace uafd {
+
+// The formats of a card that the functions below know, the preferred one first.
+const std::vector<snd_pcm_format_t>& knownFormats();
+
+// From one channel of floating-point numbers, -1 to 1, writes frames of `channels` equal samples to
+// `bytes`. What is louder than full scale is limited to it.
+void toCard(const float* mono, size_t frames, snd_pcm_format_t format, unsigned channels,
+            unsigned char* bytes);
+// Reads the first channel of each frame.
+void fromCard(const unsigned char* bytes, size_t frames, snd_pcm_format_t format, unsigned channels,
+              float* mono);
 
 class AlsaCard final : public Card {
   public:

@@ -3,12 +3,20 @@
 // kRampFrames. One thread.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <cstdint>
 
 namespace uafd {
 
 // The factor of a volume in 1/256 dB; at most 1. The lowest volume of the USB classes is silence.
-float factorOf(int volume);
+inline float factorOf(int volume) {
+    constexpr float unitsPerDb = 256;
+    return volume <= INT16_MIN
+               ? 0
+               : std::pow(10.0F, static_cast<float>(std::min(volume, 0)) / unitsPerDb / 20);
+}
 
 class Gain {
   public:
@@ -18,7 +26,14 @@ class Gain {
     void setMute(bool mute) { isMuted = mute; }
     // Begins again from silence.
     void fadeIn() { current = 0; }
-    void apply(float* samples, size_t count);
+    void apply(float* samples, size_t count) {
+        constexpr float step = 1.0F / kRampFrames;
+        const float target = isMuted ? 0 : volumeFactor;
+        for (size_t i = 0; i < count; ++i) {
+            current = std::clamp(target, current - step, current + step);
+            samples[i] *= current;
+        }
+    }
 
   private:
     float volumeFactor = 1;

@@ -112,9 +112,7 @@ void Microphone::give(int16_t* block, int64_t nowNs) {
         filled = target;
         control->restart();
     }
-    control->update(static_cast<double>(filled) - static_cast<double>(target),
-                    static_cast<double>(nowNs - controlNs) / kNsPerSecond);
-    controlNs = nowNs;
+    steer(nowNs);
     put(UAFD_BLOCK_FRAMES, false, block);
 }
 

@@ -5,22 +5,17 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <vector>
 
-#include "companion/bridge/card.h"
-#include "companion/bridge/fill_control.h"
-#include "companion/bridge/gain.h"
 #include "companion/bridge/path.h"
-#include "companion/bridge/resampler.h"
 
 namespace uafd {
 
-class Microphone {
+class Microphone : public Path {
   public:
     // `latencyMs`: of the sound in the bridge, with its block; more where the card's periods need
     // it.
-    explicit Microphone(double latencyMs) : latencyMs(latencyMs) {}
+    explicit Microphone(double latencyMs) : Path(latencyMs) {}
 
     // The card to hear, or null. 0, or -ENOMEM.
     int attach(Card* newCard);
@@ -30,10 +25,7 @@ class Microphone {
     // The daemon has taken the block.
     void onTaken() { refusedBlocks = 0; }
 
-    Gain gain;
     PathFacts facts() const;
-    // The largest sample since the last call, 1 is full scale.
-    float takePeak() { return peak.take(); }
 
   private:
     int stop();
@@ -42,20 +34,10 @@ class Microphone {
     void give(int16_t* block, int64_t nowNs);
     void put(size_t frames, bool fadesOut, int16_t* block);
 
-    const double latencyMs;
-    Card* card = nullptr;
-    Resampler resampler;
-    std::optional<FillControl> control;
-    size_t target = 0;  // frames waiting when a block is due
     std::vector<float> caught;
     std::vector<float> waiting;
-    bool isRunning = false;  // the card
     bool isFlowing = false;  // enough is waiting
-    size_t filled = 0;       // frames that waited for the last block
-    int64_t controlNs = 0;   // when the control loop was last asked
     int refusedBlocks = 0;   // since the daemon last took one
-    PathCounts counts;
-    Peak peak;
 };
 
 }  // namespace uafd

@@ -83,7 +83,7 @@ int Speaker::begin(int64_t nowNs) {
     isRunning = result >= 0;
     control->restart();
     controlNs = nowNs;
-    filled = static_cast<int>(target);
+    filled = target;
     return result;
 }
 
@@ -102,10 +102,8 @@ int Speaker::goOn(int64_t nowNs) {
     if (result < 0) {
         return result;
     }
-    filled = static_cast<int>(frames);
-    control->update(filled - static_cast<double>(target),
-                    static_cast<double>(nowNs - controlNs) / kNsPerSecond);
-    controlNs = nowNs;
+    filled = frames;
+    steer(nowNs);
     return 0;
 }
 
@@ -122,7 +120,7 @@ PathFacts Speaker::facts() const {
     facts.isRunning = isRunning;
     facts.counts = counts;
     if (isRunning) {
-        facts.latencyMs = 1000 * filled / card->rate();
+        facts.latencyMs = 1000 * static_cast<double>(filled) / card->rate();
         facts.ppm = -control->correction() * kPpm;
     }
     return facts;

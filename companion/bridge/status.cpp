@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "companion/bridge/json.h"
+
 namespace uafd {
 namespace {
 
@@ -34,30 +36,18 @@ std::string lineOf(const SideStatus& side) {
     return text;
 }
 
-std::string quoted(const std::string& text) {
-    std::string result = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            result += '\\';
-        }
-        result += static_cast<unsigned char>(c) < ' ' ? ' ' : c;
-    }
-    return result + "\"";
-}
-
 std::string jsonOf(const SideStatus& side) {
-    if (side.device.empty()) {
-        return "null";
-    }
     const PathFacts& facts = side.facts;
-    char text[256];
-    snprintf(text, sizeof text,
-             ",\"card\":%s,\"running\":%s,\"peak_db\":%.1f,\"latency_ms\":%.1f,\"ppm\":%.1f,"
-             "\"xruns\":%" PRId64 ",\"lost_frames\":%" PRId64 "}",
-             side.hasCard ? "true" : "false", facts.isRunning ? "true" : "false",
-             decibels(side.peak), facts.latencyMs, facts.ppm, facts.counts.xruns,
-             facts.counts.lostFrames);
-    return "{\"device\":" + quoted(side.device) + text;
+    return Json()
+        .word("device", side.device)
+        .flag("card", side.hasCard)
+        .flag("running", facts.isRunning)
+        .number("peak_db", decibels(side.peak))
+        .number("latency_ms", facts.latencyMs)
+        .number("ppm", facts.ppm)
+        .whole("xruns", facts.counts.xruns)
+        .whole("lost_frames", facts.counts.lostFrames)
+        .done();
 }
 
 }  // namespace
@@ -68,11 +58,12 @@ std::string lineOf(const SideStatus& speaker, const SideStatus& microphone) {
 
 std::string jsonOf(double seconds, bool hasDaemon, const SideStatus& speaker,
                    const SideStatus& microphone) {
-    char text[80];
-    snprintf(text, sizeof text, "{\"seconds\":%.1f,\"daemon\":%s", seconds,
-             hasDaemon ? "true" : "false");
-    return std::string(text) + ",\"" + speaker.name + "\":" + jsonOf(speaker) + ",\"" +
-           microphone.name + "\":" + jsonOf(microphone) + "}";
+    Json json;
+    json.number("seconds", seconds).flag("daemon", hasDaemon);
+    for (const SideStatus* side : {&speaker, &microphone}) {
+        json.raw(side->name, side->device.empty() ? "null" : jsonOf(*side));
+    }
+    return json.done();
 }
 
 }  // namespace uafd

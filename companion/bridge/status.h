@@ -10,12 +10,12 @@ namespace uafd {
 
 // One direction.
 struct SideStatus {
-    const char* shortName;  // on a terminal
-    const char* name;       // in JSON
-    std::string device;     // its ALSA name; empty when the bridge leaves this direction out
-    bool hasCard;           // the device is open
-    float peak;             // 1 is full scale
-    PathFacts facts;
+    const char* shortName;    // on a terminal
+    const char* name;         // in JSON
+    std::string device = {};  // its ALSA name; empty when the bridge leaves this direction out
+    bool hasCard = false;     // the device is open
+    float peak = 0;           // 1 is full scale
+    PathFacts facts = {};
 };
 
 // At most 80 characters.

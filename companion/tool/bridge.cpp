@@ -3,7 +3,7 @@
 // hears goes to the host. With it a board is a USB headset.
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+#include <type_traits>
 #include <unistd.h>
 
 #include "companion/bridge/alsa_card.h"
@@ -43,12 +43,50 @@ std::string reasonOf(int error) {
            (error == -EINVAL && *alsaSaid != '\0' ? std::string(": ") + alsaSaid : "");
 }
 
-// A direction's card. The bridge goes on when it is lost, and takes it again when it is back.
+// A direction and its card. The bridge goes on when the card is lost, and takes it again when it is
+// back.
+template <typename Direction>
 class Side {
   public:
-    Side(const char* name, const char* device, bool isPlayback, double latencyMs)
-        : name(name), latencyMs(latencyMs), card(device, isPlayback) {}
+    Side(const char* shortName, const char* name, const char* device, double latencyMs)
+        : direction(latencyMs),
+          shortName(shortName),
+          name(name),
+          latencyMs(latencyMs),
+          card(device, std::is_same_v<Direction, Speaker>) {}
 
+    // False, with a message, when there is no such card.
+    bool begin() {
+        int error = open();
+        error = error == 0 ? direction.attach(&card) : error;
+        if (error < 0) {
+            tell(reasonOf(error));
+        }
+        return error == 0;
+    }
+    // What the direction has returned: an error loses the card.
+    void check(int result) {
+        if (result < 0) {
+            direction.attach(nullptr);
+            card.close();
+            tell(reasonOf(result) + "; waiting for it");
+        }
+    }
+    // To be called on every tick.
+    void keep() {
+        check(card.isOpen() && card.isGone() ? -ENODEV : 0);
+        if (!card.isOpen() && ++ticks % kRetryTicks == 0 && open() == 0) {
+            check(direction.attach(&card));
+        }
+    }
+    SideStatus status() {
+        return {shortName,        name, card.name(), card.isOpen(), direction.takePeak(),
+                direction.facts()};
+    }
+
+    Direction direction;
+
+  private:
     // 0 or a negative errno.
     int open() {
         *alsaSaid = '\0';
@@ -58,23 +96,11 @@ class Side {
         }
         return error;
     }
-    // Whether the card was lost and is back now. To be called on every tick.
-    bool reopen() { return !card.isOpen() && ++ticks % kRetryTicks == 0 && open() == 0; }
-    void lose(int why) {
-        card.close();
-        tell(reasonOf(why) + "; waiting for it");
-    }
-    Card* opened() { return &card; }
-    bool isLost() const { return card.isOpen() && card.isGone(); }
-    bool isOpen() const { return card.isOpen(); }
-    void fail(int error) const { tell(reasonOf(error)); }
-    const std::string& device() const { return card.name(); }
-
-  private:
     void tell(const std::string& what) const {
         failed(std::string(name) + " " + card.name(), what);
     }
 
+    const char* const shortName;
     const char* const name;
     const double latencyMs;
     AlsaCard card;
@@ -91,20 +117,10 @@ class Bridge final : public Command, private Handler {
     void onSound(const int16_t* samples, int frames) override;
     void onEvent(const uafd_event& event) override;
     void fillBlock(int16_t* samples) override;
-    void onBlockTaken() override { microphone->onTaken(); }
+    void onBlockTaken() override { microphone->direction.onTaken(); }
     void onTick() override;
     bool isDone() override { return false; }
 
-    void create();
-    template <typename Path>
-    bool openCard(std::optional<Side>* side, std::optional<Path>* path);
-    template <typename Path>
-    void keep(std::optional<Side>* side, std::optional<Path>* path);
-    template <typename Path>
-    void check(int result, std::optional<Side>* side, std::optional<Path>* path);
-    template <typename Path>
-    static SideStatus statusOf(const char* shortName, const char* longName,
-                               const std::optional<Side>& side, std::optional<Path>* path);
     void print();
 
     Text speakerDevice{&options, "speaker", "DEVICE",
@@ -118,45 +134,26 @@ class Bridge final : public Command, private Handler {
     Number<double> seconds{&options, "seconds", "N", kLeastS, kDayS, 0, kSecondsHelp};
 
     // A direction that is left out has none.
-    std::optional<Side> speakerSide;
-    std::optional<Side> microphoneSide;
-    std::optional<Speaker> speaker;
-    std::optional<Microphone> microphone;
+    std::optional<Side<Speaker>> speaker;
+    std::optional<Side<Microphone>> microphone;
     Session session;
     const bool isTerminal = isatty(STDOUT_FILENO) != 0;
     int64_t beginNs = 0;
     int ticks = 0;
 };
 
-const char* deviceOf(const Text& option) {
-    return option.orNull() == nullptr ? kDefault : option.orNull();
-}
-
-void Bridge::create() {
-    if (strcmp(deviceOf(speakerDevice), kNone) != 0) {
-        speakerSide.emplace("speaker", deviceOf(speakerDevice), true, *latency);
-        speaker.emplace(*latency);
+template <typename Direction>
+void create(std::optional<Side<Direction>>* side, const char* shortName, const char* name,
+            const Text& device, double latencyMs) {
+    const std::string given = device.orNull() == nullptr ? kDefault : device.orNull();
+    if (given != kNone) {
+        side->emplace(shortName, name, given.c_str(), latencyMs);
     }
-    if (strcmp(deviceOf(microphoneDevice), kNone) != 0) {
-        microphoneSide.emplace("microphone", deviceOf(microphoneDevice), false, *latency);
-        microphone.emplace(*latency);
-    }
-}
-
-template <typename Path>
-bool Bridge::openCard(std::optional<Side>* side, std::optional<Path>* path) {
-    int error = *side ? (*side)->open() : 0;
-    if (*side && error == 0) {
-        error = (*path)->attach((*side)->opened());
-    }
-    if (error < 0) {
-        (*side)->fail(error);
-    }
-    return error == 0;
 }
 
 int Bridge::run(const std::string& /*argument*/) {
-    create();
+    create(&speaker, "spk", "speaker", speakerDevice, *latency);
+    create(&microphone, "mic", "microphone", microphoneDevice, *latency);
     if (!speaker && !microphone) {
         return misused("bridge: speaker and microphone are both none");
     }
@@ -164,7 +161,7 @@ int Bridge::run(const std::string& /*argument*/) {
     const unsigned parts = (speaker ? UAFD_SPEAKER : 0U) | (microphone ? UAFD_MIC : 0U) |
                            (applyVolume ? UAFD_EVENTS : 0U);
     // The cards come first: with a wrong name nothing else has happened.
-    if (!openCard(&speakerSide, &speaker) || !openCard(&microphoneSide, &microphone) ||
+    if ((speaker && !speaker->begin()) || (microphone && !microphone->begin()) ||
         !session.open(parts)) {
         return kExitFailed;
     }
@@ -176,20 +173,12 @@ int Bridge::run(const std::string& /*argument*/) {
     return isRun ? kExitDone : kExitFailed;
 }
 
-template <typename Path>
-void Bridge::check(int result, std::optional<Side>* side, std::optional<Path>* path) {
-    if (result < 0) {
-        (*path)->attach(nullptr);
-        (*side)->lose(result);
-    }
-}
-
 void Bridge::onSound(const int16_t* samples, int frames) {
-    check(speaker->play(samples, static_cast<size_t>(frames), nowNs()), &speakerSide, &speaker);
+    speaker->check(speaker->direction.play(samples, static_cast<size_t>(frames), nowNs()));
 }
 
 void Bridge::fillBlock(int16_t* samples) {
-    check(microphone->fill(samples, nowNs()), &microphoneSide, &microphone);
+    microphone->check(microphone->direction.fill(samples, nowNs()));
 }
 
 void Bridge::onEvent(const uafd_event& event) {
@@ -197,51 +186,32 @@ void Bridge::onEvent(const uafd_event& event) {
         return;
     }
     if (event.type == UAFD_SPEAKER_VOLUME && speaker) {
-        speaker->gain.setVolume(event.value);
+        speaker->direction.gain.setVolume(event.value);
     } else if (event.type == UAFD_SPEAKER_MUTE && speaker) {
-        speaker->gain.setMute(event.value != 0);
+        speaker->direction.gain.setMute(event.value != 0);
     } else if (event.type == UAFD_MIC_VOLUME && microphone) {
-        microphone->gain.setVolume(event.value);
+        microphone->direction.gain.setVolume(event.value);
     } else if (event.type == UAFD_MIC_MUTE && microphone) {
-        microphone->gain.setMute(event.value != 0);
-    }
-}
-
-template <typename Path>
-void Bridge::keep(std::optional<Side>* side, std::optional<Path>* path) {
-    if (!*side) {
-        return;
-    }
-    check((*side)->isLost() ? -ENODEV : 0, side, path);
-    if ((*side)->reopen()) {
-        check((*path)->attach((*side)->opened()), side, path);
+        microphone->direction.gain.setMute(event.value != 0);
     }
 }
 
 void Bridge::onTick() {
-    keep(&speakerSide, &speaker);
-    keep(&microphoneSide, &microphone);
     if (speaker) {
-        check(speaker->watch(nowNs()), &speakerSide, &speaker);
+        speaker->keep();
+        speaker->check(speaker->direction.watch(nowNs()));
+    }
+    if (microphone) {
+        microphone->keep();
     }
     if (++ticks % (json ? kJsonTicks : kLineTicks) == 0 && (json || isTerminal)) {
         print();
     }
 }
 
-template <typename Path>
-SideStatus Bridge::statusOf(const char* shortName, const char* longName,
-                            const std::optional<Side>& side, std::optional<Path>* path) {
-    if (!side) {
-        return {shortName, longName, "", false, 0, {}};
-    }
-    return {shortName,           longName,        side->device(), side->isOpen(),
-            (*path)->takePeak(), (*path)->facts()};
-}
-
 void Bridge::print() {
-    const SideStatus out = statusOf("spk", "speaker", speakerSide, &speaker);
-    const SideStatus in = statusOf("mic", "microphone", microphoneSide, &microphone);
+    const SideStatus out = speaker ? speaker->status() : SideStatus{"spk", "speaker"};
+    const SideStatus in = microphone ? microphone->status() : SideStatus{"mic", "microphone"};
     if (json) {
         const double sinceStart = static_cast<double>(nowNs() - beginNs) / kNsPerSecond;
         printf("%s\n", jsonOf(sinceStart, session.isOn(UAFD_DAEMON_STATE), out, in).c_str());

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "companion/bridge/json.h"
 #include "companion/tool/level.h"
 
 namespace uafd {
@@ -196,34 +197,6 @@ Line lineOf(const char* label, Piece word, const std::string& rest) {
 }
 
 // ---- JSON --------------------------------------------------------------------------------------
-
-// An object under construction. Absent values become null.
-class Json {
-  public:
-    Json& raw(const char* key, const std::string& value) {
-        text += (text.empty() ? "\"" : ",\"") + std::string(key) + "\":" + value;
-        return *this;
-    }
-    // An empty text is null.
-    Json& word(const char* key, const std::string& value) {
-        std::string quoted = "\"";
-        for (const char letter : value) {
-            quoted += letter == '"' || letter == '\\' ? std::string("\\") + letter
-                                                      : std::string(1, letter);
-        }
-        return raw(key, value.empty() ? "null" : quoted + "\"");
-    }
-    Json& whole(const char* key, std::optional<int64_t> value) {
-        return raw(key, value ? std::to_string(*value) : "null");
-    }
-    Json& number(const char* key, std::optional<double> value) {
-        return raw(key, value ? format("%.1f", *value) : "null");
-    }
-    std::string done() const { return "{" + text + "}"; }
-
-  private:
-    std::string text;
-};
 
 template <typename Value>
 std::optional<int64_t> wholeIf(bool isKnown, Value value) {

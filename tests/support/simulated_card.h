@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "companion/bridge/card.h"
+#include "companion/bridge/path.h"
 
 namespace uafd {
 

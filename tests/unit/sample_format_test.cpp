@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "companion/bridge/sample_format.h"
-
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "companion/bridge/alsa_card.h"
 
 namespace uafd {
 namespace {
