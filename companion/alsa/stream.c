@@ -13,8 +13,6 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 
-#include "stream_thread.h"
-
 #define FRAME_BYTES (UAFD_CHANNELS * sizeof(int16_t))
 
 // ---- Opening and closing ------------------------------------------------------------------------

@@ -89,3 +89,15 @@ int uafd_stream_delay(uafd_stream* stream, long* frames);
 // 1 if the program has something to do, 0 if not; -EPIPE after an xrun. Afterwards `ready` tells
 // it.
 int uafd_stream_is_ready(uafd_stream* stream);
+
+// ---- Internal: what the thread and the calls of the program share
+// ---------------------------------
+//
+// The lock is held wherever a stream is given.
+
+void* uafd_stream_thread(void* argument);  // takes the stream, and its lock
+int64_t uafd_stream_now(void);
+// Frames with which the program can do something: to be taken, or room for them.
+long uafd_stream_available(const uafd_stream* stream);
+// Makes `ready` readable, or not.
+void uafd_stream_signal(uafd_stream* stream);

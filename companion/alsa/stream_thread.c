@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #define _POSIX_C_SOURCE 200809L
 
-#include "stream_thread.h"
-
 #include <poll.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "stream.h"
 
 #define LATE_BLOCKS_MAX 2
 #define NS_PER_MS 1000000LL

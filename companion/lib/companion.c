@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening and closing, and what an open companion can be asked.
+// Opening and closing, what an open companion can be asked, the version, and errors in words.
 #define _POSIX_C_SOURCE 200809L
 
 #include <errno.h>
@@ -205,4 +205,49 @@ int uafd_companion_mic_fd(const uafd_companion* companion) {
 
 int uafd_companion_events_fd(const uafd_companion* companion) {
     return companion->bound ? companion->socket : -1;
+}
+
+const char* uafd_companion_version(void) {
+    return UAFD_COMPANION_VERSION;
+}
+
+const char* uafd_companion_error_text(int result) {
+    static const struct {
+        int error;
+        const char* text;
+    } texts[] = {
+        {EACCES, "a file or the folder is not for this user and group"},
+        {EAGAIN, "the other side is full at present"},
+        {EBADF, "this part was not opened"},
+        {EBUSY, "an app has this part open already"},
+        {ECONNREFUSED, "no daemon runs"},
+        {EEXIST, "something that is no FIFO has a FIFO's name"},
+        {EINTR, "a signal came"},
+        {EINVAL, "an option is not understood"},
+        {ENAMETOOLONG, "the folder's name is too long"},
+        {ENOENT, "there is no such folder"},
+        {EPERM, "not allowed: another user's file is in the way, or the group is not this user's"},
+        {EPIPE, "the daemon does not read"},
+    };
+    for (size_t i = 0; i < sizeof texts / sizeof *texts; ++i) {
+        if (-result == texts[i].error) {
+            return texts[i].text;
+        }
+    }
+    return result < 0 ? strerror(-result) : "no error";
+}
+
+static uint64_t count_of(const uafd_companion* companion, int counter) {
+    return atomic_load_explicit(&companion->counts[counter], memory_order_relaxed);
+}
+
+void uafd_companion_counts(const uafd_companion* companion, uafd_counts* counts) {
+    counts->frames_read = count_of(companion, FRAMES_READ);
+    counts->blocks_taken = count_of(companion, BLOCKS_TAKEN);
+    counts->blocks_refused = count_of(companion, BLOCKS_REFUSED);
+    counts->blocks_unread = count_of(companion, BLOCKS_UNREAD);
+    counts->events = count_of(companion, EVENTS);
+    counts->datagrams_bad = count_of(companion, DATAGRAMS_BAD);
+    counts->messages_sent = count_of(companion, MESSAGES_SENT);
+    counts->messages_failed = count_of(companion, MESSAGES_FAILED);
 }

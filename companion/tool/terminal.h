@@ -27,7 +27,6 @@ class Terminal {
     Input wait(int timeoutMs);
 
     size_t columns() const { return columnCount; }
-    size_t rows() const { return rowCount; }
     // Shows these lines from the top, as many as fit.
     void show(const std::vector<std::string>& lines) const;
 
