@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/drift/cases.h"
+#include "tools/drift/mic_simulation.h"
 
 namespace uafd {
 namespace {

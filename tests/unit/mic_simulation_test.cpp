@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/drift/measure.h"
-
 namespace uafd {
 namespace {
 

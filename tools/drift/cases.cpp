@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/drift/cases.h"
-
+// The common cases of an app.
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
-#include "tools/drift/measure.h"
+#include "tools/drift/mic_simulation.h"
 
 namespace drift {
 namespace {
@@ -60,10 +59,6 @@ constexpr Case kCases[] = {
     {"writes of 1024 frames (4096 bytes)", 50, 1024, 0, 0, false},
     {"writes of 40 ms (7680 bytes)", 50, 1920, 0, 0, false},
 };
-
-double inMs(Ns time) {
-    return static_cast<double>(time) / kMs;
-}
 
 // The worst of all phases; for the corrections, the mean.
 struct Worst {

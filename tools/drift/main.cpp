@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <getopt.h>
 
+#include <android/log.h>
+
 #include "channel/uaf_ch.h"
-#include "tools/drift/cases.h"
-#include "tools/drift/measure.h"
+#include "tools/drift/mic_simulation.h"
 
 namespace {
 
+using drift::inMs;
 using drift::kMs;
 using drift::kSecond;
 using drift::Ns;
@@ -109,10 +111,6 @@ double msOf(int64_t samples) {
     return static_cast<double>(samples) * 1000 / uafd::kSampleRateHz;
 }
 
-double inMs(Ns time) {
-    return static_cast<double>(time) / kMs;
-}
-
 // The field is empty where there is no latency.
 void writeRow(FILE* file, const drift::Reading& reading, const drift::Counts& counts) {
     char latency[32] = "";
@@ -180,6 +178,12 @@ int simulate(const Options& options) {
 }
 
 }  // namespace
+
+// In place of the daemon's log: the simulation counts what the frame buffer would log.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*): Android's name
+int __android_log_print(int /*prio*/, const char* /*tag*/, const char* /*fmt*/, ...) {
+    return 0;
+}
 
 int main(int argc, char** argv) {
     const Options options = optionsOf(argc, argv);

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
+#include "channel/uaf_ch.h"
 #include "channel/uaf_src.h"
 
 namespace drift {
@@ -18,7 +20,41 @@ constexpr int64_t kMillion = 1000000;
 // Any contents will do: only their way through the buffer matters.
 constexpr int16_t kBlock[uafd::kFifoBlockFrames] = {};
 
+bool holds(const Pause& pause, Ns at) {
+    return at >= pause.at && at < pause.at + pause.length;
+}
+
 }  // namespace
+
+Ns dueOf(const Scenario& scenario, int64_t frame) {
+    return scenario.phase + frame * kSecond / uafd::kSampleRateHz;
+}
+
+AppWrites::AppWrites(const Scenario& scenario) : scenario(scenario), engine(scenario.seed) {}
+
+AppWrite AppWrites::next() {
+    for (;;) {
+        const int64_t frame = block++ * scenario.blockFrames;
+        const auto lateness = static_cast<uint64_t>(scenario.jitter) + 1;
+        const Ns at = dueOf(scenario, frame) + static_cast<Ns>(engine() % lateness);
+        if (!isDropped(at)) {
+            lastAt = std::max(lastAt, delayed(at));
+            return {lastAt, frame};
+        }
+    }
+}
+
+bool AppWrites::isDropped(Ns at) const {
+    return std::any_of(scenario.pauses.begin(), scenario.pauses.end(),
+                       [at](const Pause& pause) { return pause.dropped && holds(pause, at); });
+}
+
+Ns AppWrites::delayed(Ns at) const {
+    for (const Pause& pause : scenario.pauses) {
+        at = !pause.dropped && holds(pause, at) ? pause.at + pause.length : at;
+    }
+    return at;
+}
 
 MicSimulation::MicSimulation(const Scenario& scenario)
     : scenario(scenario), writes(scenario), nextWrite(writes.next()) {
@@ -170,6 +206,38 @@ int64_t MicSimulation::queued() const {
         samples += span.source == Source::kApp ? span.count : 0;
     }
     return samples;
+}
+
+Measured measure(const Scenario& scenario, Ns time, const Look& look) {
+    MicSimulation simulation(scenario);
+    std::vector<Ns> depths;
+    std::vector<Ns> latencies;
+    Counts settled;
+    Reading reading{};
+    while (reading.at < time) {
+        reading = simulation.read();
+        if (look) {
+            look(reading, simulation.counts());
+        }
+        if (reading.at < kSettling) {
+            settled = simulation.counts();
+            continue;
+        }
+        depths.push_back(reading.depth * kSecond / uafd::kSampleRateHz);
+        if (reading.latency >= 0) {
+            latencies.push_back(reading.latency);
+        }
+    }
+    const Counts& counts = simulation.counts();
+    const double seconds = static_cast<double>(time - kSettling) / kSecond;
+    Measured measured;
+    measured.depth = board::spreadOf(std::move(depths));
+    measured.latency = board::spreadOf(std::move(latencies));
+    measured.stretchesPerSecond =
+        static_cast<double>(counts.stretches - settled.stretches) / seconds;
+    measured.squeezesPerSecond = static_cast<double>(counts.squeezes - settled.squeezes) / seconds;
+    measured.counts = counts;
+    return measured;
 }
 
 }  // namespace drift

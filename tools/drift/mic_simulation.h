@@ -7,12 +7,69 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
 
+#include "board/kit/clock.h"
+#include "board/kit/statistics.h"
 #include "channel/frame_buffer.h"
-#include "tools/drift/app_writes.h"
-#include "tools/drift/scenario.h"
 
 namespace drift {
+
+using board::kMs;
+using board::kSecond;
+using board::Ns;
+
+inline double inMs(Ns time) {
+    return static_cast<double>(time) / kMs;
+}
+
+// A time in which the app writes nothing.
+struct Pause {
+    Ns at;
+    Ns length;
+    bool dropped;  // skips what was due meanwhile; otherwise all of it is written at the end
+};
+
+struct Scenario {
+    int ppm = 0;             // by how much the host's clock is faster than the app's
+    int blockFrames = 480;   // of one write
+    Ns jitter = 0;           // each write is late by up to this, uniformly distributed
+    Ns phase = 5 * kMs / 2;  // of the first write, from the start of the host's stream
+    uint64_t seed = 0;       // decides how late each write is
+    std::vector<Pause> pauses;
+};
+
+// ---- The app -----------------------------------------------------------------------------------
+
+// When the app's clock reaches this frame.
+Ns dueOf(const Scenario& scenario, int64_t frame);
+
+struct AppWrite {
+    Ns at;
+    int64_t firstFrame;
+};
+
+class AppWrites {
+  public:
+    explicit AppWrites(const Scenario& scenario);
+
+    // The next write, of the scenario's blockFrames; never before the previous one.
+    AppWrite next();
+
+  private:
+    bool isDropped(Ns at) const;
+    Ns delayed(Ns at) const;
+
+    const Scenario scenario;
+    std::mt19937_64 engine;
+    int64_t block = 0;
+    Ns lastAt = 0;
+};
+
+// ---- The simulation ----------------------------------------------------------------------------
 
 // One read by the worker, 5 ms of sound.
 struct Reading {
@@ -82,5 +139,28 @@ class MicSimulation {
     int64_t playedSamples = 0;
     unsigned passes = 0;
 };
+
+// ---- What a scenario does to the sound ---------------------------------------------------------
+
+// By then a stream's depth and latency are in their ranges, whatever the clocks' difference is.
+constexpr Ns kSettling = 3 * kSecond;
+
+struct Measured {
+    // These count from kSettling on.
+    board::Spread depth;    // of the frame buffer before a read, ns of sound
+    board::Spread latency;  // of the app's samples
+    double stretchesPerSecond = 0;
+    double squeezesPerSecond = 0;
+    // Counts from the beginning.
+    Counts counts;
+};
+
+using Look = std::function<void(const Reading& reading, const Counts& counts)>;
+
+// Simulates the scenario for `time` and passes every read to `look`, if there is one.
+Measured measure(const Scenario& scenario, Ns time, const Look& look = {});
+
+// The common cases of an app, simulated: a Markdown table with a row for each, as in docs/drift.md.
+std::string tableOfCases();
 
 }  // namespace drift
