@@ -312,12 +312,10 @@ class ServiceRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void fuzz::execute(Input& input) {
     service();
     const fuzz::Faked faked;
-    fuzz::Input input(data, size);
     ServiceRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

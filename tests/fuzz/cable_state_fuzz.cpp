@@ -16,6 +16,7 @@ const int fuzz::kMaxInputBytes = 32;
 namespace {
 
 using fake_log::kCableLog;
+using fuzz::beginsWith;
 using fuzz::require;
 
 constexpr size_t kLineCharacters = 31;  // the most that is read of a state file
@@ -33,10 +34,6 @@ const std::string kWords[] = {"CONFIGURED\n",
                               "\n",
                               "CONF",
                               "DISC"};
-
-bool beginsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 // The part of a file that counts: its first line, as far as it is read, up to a zero byte.
 std::string lineOf(const std::string& text) {
@@ -78,8 +75,7 @@ class StateRun {
         const uint8_t how = input.byte();
         File file;
         for (int i = how & 7; i > 0; i--) {
-            const uint8_t c = input.byte();
-            file.text += c < std::size(kWords) ? kWords[c] : std::string(1, static_cast<char>(c));
+            file.text += fuzz::expand(std::string(1, static_cast<char>(input.byte())), kWords);
         }
         if (how >= 232) {
             file.openError = fuzz::errorOf(how);
@@ -157,10 +153,8 @@ class StateRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     StateRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

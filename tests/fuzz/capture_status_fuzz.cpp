@@ -131,10 +131,7 @@ class CaptureRun {
         const uint8_t how = input.byte();
         TextFile file;
         const bool isId = path == kIdFile;
-        for (const char c : input.text(isId ? how % 4 : how % 16)) {
-            const auto index = static_cast<unsigned char>(c);
-            file.text += index < std::size(kWords) ? kWords[index] : std::string(1, c);
-        }
+        file.text = fuzz::expand(input.text(isId ? how % 4 : how % 16), kWords);
         if (how >= 240) {
             file.missing = true;
             files.refuse(path, ENOENT);
@@ -253,10 +250,8 @@ class CaptureRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     CaptureRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

@@ -300,10 +300,8 @@ class DeviceRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     DeviceRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

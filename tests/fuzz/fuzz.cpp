@@ -24,6 +24,10 @@ void requireSame(const std::string& expected, const std::string& actual, const c
     }
 }
 
+bool beginsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
 uint32_t Input::number(int bytes) {
     uint32_t value = 0;
     for (int i = 0; i < bytes; i++) {
@@ -55,6 +59,12 @@ int32_t Input::size(int32_t limit) {
 }
 
 }  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzz::Input input(data, size);
+    fuzz::execute(input);
+    return 0;
+}
 
 // Executions are short and many. It would take most of the time to remember the stack of each
 // allocation and to keep megabytes of freed blocks out of use. With fewer than two callers

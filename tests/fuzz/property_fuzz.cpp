@@ -45,15 +45,6 @@ const std::string kWords[] = {std::string(1, '\0'),
                               "/",
                               "."};
 
-std::string expand(const std::string& text) {
-    std::string bytes;
-    for (const char c : text) {
-        const auto index = static_cast<unsigned char>(c);
-        bytes += index < std::size(kWords) ? kWords[index] : std::string(1, c);
-    }
-    return bytes;
-}
-
 class PropertyRun {
   public:
     explicit PropertyRun(fuzz::Input& input) : input(input) {
@@ -66,9 +57,9 @@ class PropertyRun {
     }
 
     void run() {
-        const std::string name = nameOf(expand(input.text(input.byte() % 8)));
-        const std::string controller = expand(input.text(input.byte() % 8));
-        const std::string config = expand(input.text(input.byte() % 16));
+        const std::string name = nameOf(word(8));
+        const std::string controller = word(8);
+        const std::string config = word(16);
         cable.properties[kFolder + name] = config;
         get(name);
         cable.properties[kFolder + "sys.usb.controller"] = controller;
@@ -77,6 +68,10 @@ class PropertyRun {
     }
 
   private:
+    std::string word(int lengthLimit) {
+        return fuzz::expand(input.text(static_cast<size_t>(input.byte() % lengthLimit)), kWords);
+    }
+
     // The name as the call gets it: up to a zero byte, and sometimes long.
     static std::string nameOf(const std::string& text) {
         std::string name = text.substr(0, text.find('\0'));
@@ -171,10 +166,8 @@ class PropertyRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     PropertyRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

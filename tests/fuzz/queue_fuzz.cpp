@@ -137,13 +137,11 @@ class QueueRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     QueueRun run(input);
     while (!input.empty()) {
         run.step();
     }
-    return 0;
 }
 
 }  // namespace uafd

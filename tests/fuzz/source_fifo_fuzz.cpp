@@ -201,10 +201,8 @@ class SourceRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     SourceRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd

@@ -165,13 +165,11 @@ class SsrsRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     SsrsRun run(input);
     while (!input.empty()) {
         run.step();
     }
-    return 0;
 }
 
 }  // namespace uafd

@@ -20,14 +20,14 @@ const int fuzz::kMaxInputBytes = 64;
 namespace {
 
 using fake_log::kCableLog;
+using fuzz::beginsWith;
 using fuzz::require;
 using Message = IpcService::Message;
 
 constexpr size_t kParamsMax = 32;
 constexpr char kController[] = "/run/properties/sys.usb.controller";
 
-// What the bytes below the space stand for, so that inputs easily contain the words of a uevent; 0
-// and 18 end a field.
+// 0 and 18 end a field.
 const std::string kWords[] = {std::string(1, '\0'),
                               "change@/devices/virtual/android_usb/android0",
                               "ACTION=",
@@ -47,19 +47,6 @@ const std::string kWords[] = {std::string(1, '\0'),
                               "SUBSYSTEM=android_usb",
                               "@",
                               std::string("a\0b\0", 4)};
-
-std::string expand(const std::string& text) {
-    std::string bytes;
-    for (const char c : text) {
-        const auto index = static_cast<unsigned char>(c);
-        bytes += index < std::size(kWords) ? kWords[index] : std::string(1, c);
-    }
-    return bytes;
-}
-
-bool beginsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 // What a uevent's text says.
 struct Reading {
@@ -131,7 +118,8 @@ class UeventRun {
             expected.push_back(fuzz::cableReceiveError(cable.watched, error));
             return cable.fail(error);
         }
-        const std::string bytes = expand(input.text(argument < 28 ? argument : input.byte()));
+        const std::string bytes =
+            fuzz::expand(input.text(argument < 28 ? argument : input.byte()), kWords);
         const size_t n = std::min<size_t>(bytes.size(), header.msg_iov->iov_len);
         memcpy(header.msg_iov->iov_base, bytes.data(), n);
         errno = 0;
@@ -193,10 +181,8 @@ class UeventRun {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Input input(data, size);
+void fuzz::execute(Input& input) {
     UeventRun(input).run();
-    return 0;
 }
 
 }  // namespace uafd
