@@ -20,8 +20,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include "tests/process/wires.h"
-
 namespace uafd::process {
 
 namespace {

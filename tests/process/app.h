@@ -8,7 +8,7 @@
 
 #include <sys/types.h>
 
-#include "tests/process/root.h"
+#include "tests/process/daemon.h"
 
 namespace uafd::process {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The daemon's process from a test's view: the test starts it, plays the gadget driver and the
-// kernel for it, receives its requests and reads the sanitizers' reports. One thread.
+// kernel for it, receives its requests and reads the sanitizers' reports; and the folder that is
+// its root. One thread.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +11,41 @@
 
 #include <sys/types.h>
 
-#include "tests/process/root.h"
-#include "tests/process/wires.h"
+#include "tests/process/outside.h"
+#include "tests/support/temp_dir.h"
 
 namespace uafd::process {
+
+constexpr char kFifoRx[] = "/tmp/usbAudioFifoRx";
+constexpr char kFifoTx[] = "/tmp/usbAudioFifoTx";
+constexpr char kSocketRx[] = "/tmp/usbAudioUdsIpcRx";  // the app's
+constexpr char kSocketTx[] = "/tmp/usbAudioUdsIpcTx";  // the daemon's
+
+// What the daemon's process finds below its root: the app's FIFOs and the files of the kernel and
+// of the platform. The files are removed with the object.
+class Root {
+  public:
+    // Sets up a configured gadget, a plugged cable, a controller that is watched, and the board's
+    // own capture running; no FIFO.
+    Root();
+
+    const std::string& path() const { return folder.path(); }
+    std::string path(const std::string& name) const { return folder.path() + name; }
+    std::string contents(const std::string& name) const;
+
+    void makeFifos() const;
+    void removeFifo(const std::string& name) const;
+    // Writes the gadget's state file and the cable detector's.
+    void setUsbState(const std::string& word) const;
+    void setCable(bool plugged) const;
+    // Whether the board's own card captures.
+    void setOwnCapture(bool running) const;
+
+  private:
+    void put(const std::string& name, const std::string& text) const;
+
+    TempDir folder;
+};
 
 class Daemon {
   public:

@@ -106,12 +106,6 @@ void obey(const std::string& command) {
         answer(words);
     } else if (verb == "refuse") {
         refuse(words);
-    } else if (verb == "xrun") {
-        outside::xrun(streamIn(words));
-    } else if (verb == "suspend") {
-        outside::suspend(streamIn(words));
-    } else if (verb == "lag") {
-        outside::lag(streamIn(words));
     } else if (verb == "stall") {
         const outside::Stream stream = streamIn(words);
         outside::stall(stream, valueIn(words));
@@ -123,7 +117,7 @@ void obey(const std::string& command) {
         plant(defect);
     } else if (verb == "end") {
         end();
-    } else {
+    } else if (!outside::upset(verb, streamIn(words))) {
         ADD_FAILURE() << "no such command: " << command;
     }
 }

@@ -17,7 +17,6 @@
 #include <sys/un.h>
 
 #include "daemon/uac_user.h"
-#include "tests/process/wires.h"
 #include "tests/support/fake_alsa.h"
 #include "tests/support/fake_pcm.h"
 #include "tests/support/fake_sys.h"
@@ -385,16 +384,16 @@ bool refuse(const std::string& call, int error, int times) {
     return true;
 }
 
-void xrun(Stream stream) {
-    wanted[stream].xruns.store(1, std::memory_order_relaxed);
-}
-
-void suspend(Stream stream) {
-    wanted[stream].suspends.store(1, std::memory_order_relaxed);
-}
-
-void lag(Stream stream) {
-    wanted[stream].lags.store(1, std::memory_order_relaxed);
+bool upset(const std::string& how, Stream stream) {
+    Wanted& wishes = wanted[stream];
+    std::atomic<int>* const wish = how == "xrun"      ? &wishes.xruns
+                                   : how == "suspend" ? &wishes.suspends
+                                   : how == "lag"     ? &wishes.lags
+                                                      : nullptr;
+    if (wish != nullptr) {
+        wish->store(1, std::memory_order_relaxed);
+    }
+    return wish != nullptr;
 }
 
 void stall(Stream stream, bool stalled) {

@@ -69,33 +69,41 @@ std::string ueventOf(const std::string& action, const std::string& subsystem,
 }  // namespace
 
 const Storm::Action Storm::kActions[] = {
-    {4, "bind", &Storm::bindAgain},
-    {4, "unbind and bind", &Storm::unbindAndBind},
-    {16, "switch one stream", &Storm::switchOne},
-    {12, "switch both streams", &Storm::switchBoth},
-    {8, "switch many times", &Storm::switchManyTimes},
-    {4, "volumes and mutes", &Storm::volumesAndMutes},
-    {1, "invalid record", &Storm::invalidRecord},
-    {2, "odd record", &Storm::oddRecord},
-    {4, "kill the app", &Storm::killApp},
-    {8, "restart the app", &Storm::restartApp},
-    {3, "replace the FIFOs", &Storm::replaceFifos},
-    {3, "pause the app", &Storm::pauseApp},
-    {2, "flood a silent app", &Storm::floodSilentApp},
-    {6, "wake the app", &Storm::wakeApp},
-    {3, "sync-ups", &Storm::syncUps},
-    {3, "odd datagrams", &Storm::oddDatagrams},
-    {4, "USB states", &Storm::usbStates},
-    {2, "odd uevents", &Storm::oddUevents},
-    {2, "the board's own capture", &Storm::switchOwnCapture},
-    {1, "cable fault", &Storm::cableFault},
-    {6, "failing step", &Storm::failStep},
-    {3, "refused call", &Storm::refuseCall},
-    {8, "xrun or suspend", &Storm::stopPcm},
-    {3, "stall", &Storm::stallStream},
-    {3, "lag", &Storm::lag},
-    {1, "pull the card", &Storm::pullCard},
-    {6, "plug the card", &Storm::plugCard},
+    {4, "bind", [](Storm& s) { s.bindAgain(); }},
+    {4, "unbind and bind", [](Storm& s) { s.unbindAndBind(); }},
+    {16, "switch one stream",
+     [](Storm& s) { s.daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE + s.upTo(2), s.upTo(2)); }},
+    {12, "switch both streams", [](Storm& s) { s.switchBoth(); }},
+    {8, "switch many times", [](Storm& s) { s.switchManyTimes(); }},
+    {4, "volumes and mutes", [](Storm& s) { s.sendVolumes(1 + s.upTo(16)); }},
+    {1, "invalid record", [](Storm& s) { s.daemon.record(8 + s.upTo(1000), s.draw()); }},
+    {2, "odd record", [](Storm& s) { s.oddRecord(); }},
+    {4, "kill the app", [](Storm& s) { s.app.kill(); }},
+    {8, "restart the app", [](Storm& s) { s.restartApp(); }},
+    {3, "replace the FIFOs", [](Storm& s) { s.replaceFifos(); }},
+    {3, "pause the app", [](Storm& s) { s.app.pause(true); }},
+    {2, "flood a silent app", [](Storm& s) { s.floodSilentApp(); }},
+    {6, "wake the app", [](Storm& s) { s.app.pause(false); }},
+    {3, "sync-ups", [](Storm& s) { s.syncUps(); }},
+    {3, "odd datagrams", [](Storm& s) { s.oddDatagrams(); }},
+    {4, "USB states", [](Storm& s) { s.usbStates(); }},
+    {2, "odd uevents", [](Storm& s) { s.oddUevents(); }},
+    {2, "the board's own capture", [](Storm& s) { s.root.setOwnCapture(s.upTo(2) == 0); }},
+    {1, "cable fault", [](Storm& s) { s.cableFault(); }},
+    {6, "failing step", [](Storm& s) { s.failStep(); }},
+    {3, "refused call", [](Storm& s) { s.refuseCall(); }},
+    {8, "xrun or suspend",
+     [](Storm& s) {
+         s.daemon.command(text(s.upTo(3) == 0 ? "suspend" : "xrun", s.eitherStream()));
+     }},
+    {3, "stall",
+     [](Storm& s) {
+         s.daemon.command(
+             text("stall", std::string(s.eitherStream()) + (s.upTo(2) == 0 ? " 0" : " 1")));
+     }},
+    {3, "lag", [](Storm& s) { s.daemon.command(text("lag", s.eitherStream())); }},
+    {1, "pull the card", [](Storm& s) { s.pullCard(); }},
+    {6, "plug the card", [](Storm& s) { s.plugCard(); }},
 };
 
 Storm::Storm(uint32_t seed) : daemon(root), app(root), random(seed) {}
@@ -122,7 +130,7 @@ void Storm::act() {
         ++action;
     }
     ++doneCounts[action->name];
-    (this->*action->act)();
+    action->act(*this);
 }
 
 bool Storm::rage(int steps) {
@@ -157,7 +165,7 @@ bool Storm::calmDown() {
     sendUsbState("CONFIGURED");
     root.makeFifos();
     app.kill();
-    wakeApp();
+    app.pause(false);
     restartApp();
     app.waitUntilListening();
     if (!daemon.settle()) {
@@ -210,10 +218,6 @@ void Storm::unbindAndBind() {
     daemon.record(F_UAC_VEXA_USER_EVT_BIND, 0);
 }
 
-void Storm::switchOne() {
-    daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE + upTo(2), upTo(2));
-}
-
 void Storm::switchBoth() {
     const uint32_t on = upTo(2);
     daemon.record(F_UAC_VEXA_USER_EVT_SPK_ACTIVE, on);
@@ -230,18 +234,10 @@ void Storm::switchManyTimes() {
     }
 }
 
-void Storm::volumesAndMutes() {
-    sendVolumes(1 + upTo(16));
-}
-
 void Storm::sendVolumes(uint32_t count) {
     for (uint32_t left = count; left > 0; --left) {
         daemon.record(F_UAC_VEXA_USER_EVT_SPK_VOLUME + upTo(4), draw());
     }
-}
-
-void Storm::invalidRecord() {
-    daemon.record(8 + upTo(1000), draw());
 }
 
 // A record that is too short: the daemon keeps the other bytes of the record before.
@@ -250,10 +246,6 @@ void Storm::oddRecord() {
 }
 
 // ---- The app -----------------------------------------------------------------------------------
-
-void Storm::killApp() {
-    app.kill();
-}
 
 void Storm::restartApp() {
     root.makeFifos();
@@ -268,18 +260,10 @@ void Storm::replaceFifos() {
     restartApp();
 }
 
-void Storm::pauseApp() {
-    app.pause(true);
-}
-
 // Queues more messages than the daemon keeps and the app's socket takes.
 void Storm::floodSilentApp() {
-    pauseApp();
+    app.pause(true);
     sendVolumes(140);
-}
-
-void Storm::wakeApp() {
-    app.pause(false);
 }
 
 void Storm::syncUps() {
@@ -322,10 +306,6 @@ void Storm::cableFault() {
     });
 }
 
-void Storm::switchOwnCapture() {
-    root.setOwnCapture(upTo(2) == 0);
-}
-
 // ---- Faults ------------------------------------------------------------------------------------
 
 void Storm::failStep() {
@@ -340,18 +320,6 @@ void Storm::refuseCall() {
     daemon.command(text("refuse", std::string(refused.call) + ' ' + std::to_string(refused.error) +
                                       ' ' + std::to_string(1 + upTo(2))));
     switchBoth();
-}
-
-void Storm::stopPcm() {
-    daemon.command(text(upTo(3) == 0 ? "suspend" : "xrun", eitherStream()));
-}
-
-void Storm::stallStream() {
-    daemon.command(text("stall", std::string(eitherStream()) + (upTo(2) == 0 ? " 0" : " 1")));
-}
-
-void Storm::lag() {
-    daemon.command(text("lag", eitherStream()));
 }
 
 void Storm::pullCard() {
