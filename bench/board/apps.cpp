@@ -9,9 +9,9 @@
 #include "bench/board/sections.h"
 #include "bench/board/subject.h"
 #include "bench/board/table.h"
-#include "board/kit/alsa_device.h"
+#include "board/kit/service.h"
 #include "board/kit/board.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 
 namespace bench {
 namespace {

@@ -10,7 +10,7 @@
 #include "bench/board/subject.h"
 #include "bench/board/table.h"
 #include "board/kit/board.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/ramp_check.h"
 
 namespace bench {

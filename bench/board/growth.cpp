@@ -8,7 +8,7 @@
 #include "bench/board/sections.h"
 #include "bench/board/table.h"
 #include "board/kit/board.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 
 namespace bench {
 namespace {

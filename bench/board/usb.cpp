@@ -16,7 +16,6 @@
 #include "board/kit/process_view.h"
 #include "board/kit/statistics.h"
 #include "board/kit/usb/kernel_gadget.h"
-#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 #include "board/kit/usb/wire.h"
 

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "board/demo/table.h"
-#include "board/kit/daemon_board.h"
+#include "board/demo/report.h"
 
 namespace board {
 

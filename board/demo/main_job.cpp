@@ -15,11 +15,9 @@
 #include <vector>
 
 #include "board/demo/demo_host.h"
-#include "board/demo/table.h"
 #include "board/kit/mic_stream.h"
 #include "board/kit/service.h"
 #include "board/kit/statistics.h"
-#include "board/kit/timeline.h"
 
 namespace {
 

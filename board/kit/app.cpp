@@ -26,6 +26,9 @@ constexpr int kPriority = 40;
 constexpr int64_t kFrameBytes = 4;
 constexpr int64_t kBytesPerSecond = kFrameBytes * kRate;
 constexpr size_t kPeriodBytes = 960;
+constexpr uint32_t kUsb = 0;  // messages of a state
+constexpr uint32_t kSpeaker = 1;
+constexpr uint32_t kMic = 2;
 
 sockaddr_un addressOf(const char* path) {
     sockaddr_un address{};
@@ -59,6 +62,18 @@ Ns delayOf(int64_t chunk, const AppOptions& options) {
 }
 
 }  // namespace
+
+std::string meaningOf(Message message) {
+    static const char* const kNames[] = {"USB configured",  "speaker on",        "microphone on",
+                                         "speaker volume",  "microphone volume", "speaker mute",
+                                         "microphone mute", "sync-up, please"};
+    const bool known = message.type < sizeof kNames / sizeof kNames[0];
+    const bool isVolume = message.type == 3 || message.type == 4;
+    const int value =
+        isVolume ? static_cast<int16_t>(message.data & 0xFFFF) : static_cast<int>(message.data);
+    return (known ? std::string(kNames[message.type]) : "type " + std::to_string(message.type)) +
+           " = " + std::to_string(value);
+}
 
 MessageSocket::MessageSocket()
     : descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
@@ -254,6 +269,31 @@ void App::writeChunk(int64_t firstByte) {
     } else {
         ++blocksLost;
     }
+}
+
+void ChannelWatch::see(const std::vector<Message>& messages) {
+    for (size_t i = 0; i < messages.size(); ++i) {
+        const bool isAnswer = messages[i] == Message{kUsb, 1} && i + 2 < messages.size() &&
+                              messages[i + 1].type == kSpeaker && messages[i + 2].type == kMic;
+        see(messages[i], false);
+        if (isAnswer) {
+            see(messages[i + 1], true);
+            see(messages[i + 2], true);
+            i += 2;
+        }
+    }
+}
+
+void ChannelWatch::see(Message message, bool mayRepeat) {
+    if (message.type != kSpeaker && message.type != kMic) {
+        return;
+    }
+    std::optional<bool>& known = told[message.type - 1];
+    const bool on = message.data != 0;
+    if (known == on && !mayRepeat && firstRepetition.empty()) {
+        firstRepetition = "told again: " + meaningOf(message);
+    }
+    known = on;
 }
 
 }  // namespace board

@@ -1,18 +1,38 @@
 // SPDX-License-Identifier: Apache-2.0
 // The USB host as its user has it: plays, records, moves volumes, and has a clock and a cable. One
 // interface for the simulated host and for a real one on the wire. What fails throws. One thread.
+// Also the two directions of sound, as each side names them.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "board/kit/clock.h"
-#include "board/kit/direction.h"
 #include "board/kit/sound.h"
 
 namespace board {
+
+struct Direction {
+    const char* name;  // the host's stream, in its commands and counters
+    const char* pcm;   // the gadget card's, in the driver's events and fault points
+    const char* tag;   // of the daemon's channel, in its log
+    uint32_t channel;  // the channel's message type, {channel, 1} when it goes on
+    uint32_t record;   // the control device's record of the host switching it
+};
+
+constexpr Direction kSpeakerDirection{"speaker", "capture", "UAFSNK", 1, 2};
+constexpr Direction kMicDirection{"mic", "playback", "UAFSRC", 2, 3};
+
+inline bool operator==(const Direction& a, const Direction& b) {
+    return a.channel == b.channel;
+}
+
+inline void PrintTo(const Direction& direction, std::ostream* out) {
+    *out << direction.name;
+}
 
 // How far a stream has got. Frames are counted from the first of what the host plays, or of what it
 // records.
@@ -21,7 +41,11 @@ struct StreamPosition {
     Ns at;              // when the newest of them did; frames move by the USB frame
     double nsPerFrame;  // of the host's clock as it is now
     // When frame `frame` moved; right if the clock's offset has not changed since.
-    Ns timeOf(int64_t frame) const;
+    Ns timeOf(int64_t frame) const {
+        const int64_t usbFrames = (frames - 1) / kFramesPerUsbFrame - frame / kFramesPerUsbFrame;
+        return at -
+               static_cast<Ns>(static_cast<double>(usbFrames * kFramesPerUsbFrame) * nsPerFrame);
+    }
 };
 
 // Something that happened, in the words of the time line.

@@ -3,7 +3,9 @@
 // board tests. Sleeping costs no real time, so waiting is by polling a condition. Any thread.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
+#include <ctime>
 
 namespace board {
 
@@ -11,9 +13,21 @@ using Ns = int64_t;
 constexpr Ns kMs = 1000000;
 constexpr Ns kSecond = 1000 * kMs;
 
-Ns now();
-void sleepUntil(Ns at);
-void sleepFor(Ns time);
+inline Ns now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * kSecond + time.tv_nsec;
+}
+
+inline void sleepUntil(Ns at) {
+    const timespec time{at / kSecond, at % kSecond};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr) == EINTR) {
+    }
+}
+
+inline void sleepFor(Ns time) {
+    sleepUntil(now() + time);
+}
 
 // True as soon as the condition holds, false when it does not within `limit` of virtual time.
 template <typename Condition>

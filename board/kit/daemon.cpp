@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kit/daemon.h"
 
+#include <algorithm>
 #include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <unistd.h>
 #include <utility>
 
@@ -18,6 +20,12 @@ namespace board {
 namespace {
 
 constexpr char kProgram[] = "/bin/uafd";
+
+// As for matches().
+constexpr char kSoundLibrary[] = "ALSA lib *";  // its own complaints, beside the log
+constexpr const char* kKnown[] = {
+#include "known_lines.inc"
+};
 
 // How far CLOCK_REALTIME is ahead of the board's clock.
 Ns realtimeAhead() {
@@ -88,6 +96,15 @@ bool matchesFrom(const char* text, const char* wanted) {
 
 bool matches(const std::string& text, const std::string& wanted) {
     return matchesFrom(text.c_str(), wanted.c_str());
+}
+
+bool isKnown(const LogLine& line) {
+    if (line.tag.empty()) {
+        return matches(line.text, kSoundLibrary);
+    }
+    const std::string brief = line.brief();
+    return std::any_of(std::begin(kKnown), std::end(kKnown),
+                       [&](const char* known) { return matches(brief, known); });
 }
 
 std::string LogLine::brief() const {

@@ -73,4 +73,9 @@ class Daemon {
 // Whether a log text is what is wanted; in `wanted` '#' stands for any number, '*' for anything.
 bool matches(const std::string& text, const std::string& wanted);
 
+// Whether a working daemon may write the line while the world around it misbehaves: those lines of
+// docs/log.md without "!!". Lines that report a defect, such as a failed lock or an unknown state,
+// are not included.
+bool isKnown(const LogLine& line);
+
 }  // namespace board

@@ -3,9 +3,12 @@
 // whose contract is board/module/README.md. One thread at a time.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "board/kit/clock.h"
@@ -13,8 +16,6 @@
 #include "board/kit/sound.h"
 
 namespace board {
-
-constexpr int64_t kFramesPerUsbFrame = 48;  // a millisecond of the host
 
 struct HostEvent {
     Ns at;
@@ -55,6 +56,29 @@ class Host {
     Fd mic;
     std::string partialLine;
     std::vector<HostEvent> seenEvents;
+};
+
+// The host plays: keeps the speaker device filled with `voice`, from frame 0 on, for as long as
+// this lives, or until `frames` are queued. Has a thread of its own.
+class HostPlayer {
+  public:
+    explicit HostPlayer(Voice voice, int64_t frames = std::numeric_limits<int64_t>::max());
+    // What is queued stays queued.
+    ~HostPlayer();
+    HostPlayer(const HostPlayer&) = delete;
+    HostPlayer& operator=(const HostPlayer&) = delete;
+
+    // Frames handed to the device so far.
+    int64_t queued() const { return queuedFrames; }
+
+  private:
+    void run();
+
+    const Voice voice;
+    const int64_t frameLimit;
+    std::atomic<int64_t> queuedFrames{0};
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 }  // namespace board

@@ -9,10 +9,9 @@ namespace board {
 namespace {
 
 constexpr int64_t kBlockFrames = 480;
-constexpr int64_t kUsbFrameFrames = 48;
 // The time between the daemon's read and the USB frame that takes the first sample of it out of the
 // card's ring: two periods, and the USB frame itself.
-constexpr int64_t kRingFrames = 2 * 240 + kUsbFrameFrames;
+constexpr int64_t kRingFrames = 2 * 240 + kFramesPerUsbFrame;
 constexpr double kNsPerFrame = static_cast<double>(kSecond) / kRate;
 
 }  // namespace
@@ -84,7 +83,7 @@ void MicStream::addLatency(const MicFrame& frame, const StreamPosition& recorded
     const double sentAt = static_cast<double>(blocks[block].at) +
                           static_cast<double>(frame.sentAt % kBlockFrames) * kNsPerFrame;
     // The newest frames all moved at the same time.
-    const int64_t newest = recorded.frames - kUsbFrameFrames;
+    const int64_t newest = recorded.frames - kFramesPerUsbFrame;
     const auto since = static_cast<double>(frame.recordedAt + frame.lead - newest);
     const double recordedAt = static_cast<double>(recorded.at) + since * recorded.nsPerFrame;
     const auto ahead = static_cast<double>(kRingFrames + board->audioHost().preparedFrames());

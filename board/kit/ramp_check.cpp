@@ -7,7 +7,6 @@
 namespace board {
 namespace {
 
-constexpr int64_t kUsbFrame = 48;  // audio frames in a millisecond of the host
 constexpr int64_t kAround = 4800;  // how far off a section continues the one before
 constexpr int64_t kNames = 65536;  // frames that the ramp's values tell apart
 constexpr size_t kShortest = 4;    // samples of a section; what is shorter is strange
@@ -86,9 +85,9 @@ Ns framesTime(int64_t frames) {
 // Adds the USB frames up to `frames` that are not among the points yet. The host's clock moves one
 // each millisecond, the last at `lastAt`.
 void addUsbFrames(std::vector<Point>* points, int64_t frames, Ns lastAt) {
-    const int64_t count = frames / kUsbFrame;
+    const int64_t count = frames / kFramesPerUsbFrame;
     for (auto i = static_cast<int64_t>(points->size()); i < count; ++i) {
-        points->push_back({lastAt - (count - 1 - i) * kMs, i * kUsbFrame});
+        points->push_back({lastAt - (count - 1 - i) * kMs, i * kFramesPerUsbFrame});
     }
 }
 

@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
+#include "board/kit/audio_host.h"
 #include "board/kit/board.h"
-#include "board/kit/direction.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/statistics.h"
 
 namespace board {

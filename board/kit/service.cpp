@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <grp.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -75,6 +76,12 @@ void becomeUnprivileged() {
         setuid(kSomebody) != 0) {
         fail("dropping privileges");
     }
+}
+
+void installAlsaDevice() {
+    std::filesystem::create_directories("/etc/alsa/conf.d");
+    std::filesystem::create_symlink("/usr/share/alsa/alsa.conf.d/60-uafd.conf",
+                                    "/etc/alsa/conf.d/60-uafd.conf");
 }
 
 }  // namespace board

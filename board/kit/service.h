@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon as the service of the installed package, and an app as the man page describes it.
+// What the package installs: the daemon as a service with an app as the man page describes it, and
+// the device uafd for the programs that use ALSA.
 // Throws when a program fails. One thread.
 #pragma once
 
@@ -24,5 +25,9 @@ pid_t startService(const std::string& logPath);
 void joinServiceGroup();
 // Drops its privileges too, except that to real-time threads, which an app has.
 void becomeUnprivileged();
+
+// Links the device's configuration into /etc, as the package does. Only where it is needed, as
+// reading it changes the costs that other tests measure.
+void installAlsaDevice();
 
 }  // namespace board

@@ -10,6 +10,7 @@
 namespace board {
 
 constexpr int kRate = 48000;
+constexpr int64_t kFramesPerUsbFrame = 48;  // a millisecond of the host
 
 using Samples = std::vector<int16_t>;
 

@@ -29,71 +29,79 @@
 
 struct seq_file;
 
-#define UFRAME_NS	125000		/* a microframe on the host's clock */
-#define NEVER		U64_MAX		/* a microframe that does not come */
-#define ENDPOINTS	8		/* endpoint 0, and 1 to 7 in each direction */
-#define ADDRESSES	(2 * ENDPOINTS)	/* number * 2 + in; endpoint 0 is 0 */
-#define PPB_LIMIT	100000000
+#define UFRAME_NS 125000          /* a microframe on the host's clock */
+#define NEVER U64_MAX             /* a microframe that does not come */
+#define ENDPOINTS 8               /* endpoint 0, and 1 to 7 in each direction */
+#define ADDRESSES (2 * ENDPOINTS) /* number * 2 + in; endpoint 0 is 0 */
+#define PPB_LIMIT 100000000
 #define PORT_CHANGE(bit) ((u32)(USB_PORT_STAT_C_##bit) << 16)
 
-struct wire_request {			/* a request of the gadget's */
-	struct usb_request req;
-	struct list_head link;		/* empty: not queued */
+struct wire_request { /* a request of the gadget's */
+    struct usb_request req;
+    struct list_head link; /* empty: not queued */
 };
 
-struct wire_ep {			/* an endpoint of the device controller */
-	struct usb_ep ep;
-	char name[8];
-	unsigned int address;		/* 0 to ADDRESSES - 1 */
-	const struct usb_endpoint_descriptor *desc;	/* NULL: not enabled */
-	struct list_head requests;
-	bool halted, wedged;
+struct wire_ep { /* an endpoint of the device controller */
+    struct usb_ep ep;
+    char name[8];
+    unsigned int address;                       /* 0 to ADDRESSES - 1 */
+    const struct usb_endpoint_descriptor* desc; /* NULL: not enabled */
+    struct list_head requests;
+    bool halted, wedged;
 };
 
-struct wire_pipe {			/* an endpoint as the host sees it, from its first URB on */
-	struct list_head link;		/* in wire.pipes */
-	struct usb_host_endpoint *hep;	/* whose hcpriv this is */
-	unsigned int address;
-	u64 next;			/* the microframe of the next packet, at the earliest */
-	int packet;			/* of the first URB, isochronous: the next one */
-	int tries;			/* of the present packet that went wrong */
-	bool asked;			/* control: the gadget has the first URB's setup packet */
+struct wire_pipe {                 /* an endpoint as the host sees it, from its first URB on */
+    struct list_head link;         /* in wire.pipes */
+    struct usb_host_endpoint* hep; /* whose hcpriv this is */
+    unsigned int address;
+    u64 next;   /* the microframe of the next packet, at the earliest */
+    int packet; /* of the first URB, isochronous: the next one */
+    int tries;  /* of the present packet that went wrong */
+    bool asked; /* control: the gadget has the first URB's setup packet */
 };
 
 enum wire_fault { FAULT_NONE, FAULT_LOST, FAULT_CRC, FAULT_BABBLE, FAULTS };
 
 enum wire_kind {
-	DO_PLUG, DO_UNPLUG, DO_SPEED, DO_PPB, DO_RESET, DO_SUSPEND, DO_RESUME, DO_POLL, DO_FAULT,
+    DO_PLUG,
+    DO_UNPLUG,
+    DO_SPEED,
+    DO_PPB,
+    DO_RESET,
+    DO_SUSPEND,
+    DO_RESUME,
+    DO_POLL,
+    DO_FAULT,
 };
 
-struct wire_action {			/* what a command asks for */
-	enum wire_kind kind;
-	u64 at;				/* the microframe; when planned */
-	unsigned int address;		/* DO_POLL, DO_FAULT */
-	int value;			/* DO_SPEED, DO_PPB, DO_POLL, DO_FAULT */
-	unsigned int times;		/* DO_FAULT; 0: until cleared */
+struct wire_action { /* what a command asks for */
+    enum wire_kind kind;
+    u64 at;               /* the microframe; when planned */
+    unsigned int address; /* DO_POLL, DO_FAULT */
+    int value;            /* DO_SPEED, DO_PPB, DO_POLL, DO_FAULT */
+    unsigned int times;   /* DO_FAULT; 0: until cleared */
 };
 
-#define PLANNED_MAX	64
-#define ALL_ADDRESSES	ADDRESSES	/* an action's address that means every one */
+#define PLANNED_MAX 64
+#define ALL_ADDRESSES ADDRESSES /* an action's address that means every one */
 
 struct wire_clock {
-	int ppb;
-	u64 divisor;			/* 10^9 + ppb */
-	u64 step, step_rest;		/* a microframe: ns, and the rest in parts of the divisor */
-	u64 base, base_ns, base_rest;	/* a microframe in the past, when it began */
-	u64 since, since_ns;		/* the first microframe with this offset, when it began */
+    int ppb;
+    u64 divisor;                  /* 10^9 + ppb */
+    u64 step, step_rest;          /* a microframe: ns, and the rest in parts of the divisor */
+    u64 base, base_ns, base_rest; /* a microframe in the past, when it began */
+    u64 since, since_ns;          /* the first microframe with this offset, when it began */
 };
 
-struct wire_count {			/* of one address, since loading */
-	u64 packets, bytes;		/* that moved */
-	u64 lost, empty;		/* isochronous packets that found no request: OUT, IN */
-	u64 errors;			/* that the host met */
-	u64 faults;			/* that were injected */
-	u64 late;			/* served in a later microframe than their own */
-	u64 restarts;			/* of an isochronous stream that had run dry */
-	u64 last, last_ns;		/* the microframe of the newest packet, when it began */
-	unsigned int type;		/* USB_ENDPOINT_XFER_ */
+struct wire_count {     /* of one address, since loading */
+    u64 packets, bytes; /* that moved */
+    u64 lost, empty;    /* isochronous packets that found no request: OUT, IN */
+    u64 errors;         /* that the host met */
+    u64 faults;         /* that were injected */
+    u64 late;           /* served in a later microframe than their own */
+    u64 restarts;       /* of an isochronous stream that had run dry */
+    u64 last, last_ns;  /* the microframe of the newest packet, when it began */
+    unsigned int type;  /* USB_ENDPOINT_XFER_ */
 };
 
 /**
@@ -129,42 +137,42 @@ struct wire_count {			/* of one address, since loading */
  * @late_ns_max: the longest time from a packet's microframe to its move
  */
 struct wire {
-	spinlock_t lock;		/* see above */
-	struct hrtimer timer;
-	bool ticking;
-	struct wire_clock clock;
+    spinlock_t lock; /* see above */
+    struct hrtimer timer;
+    bool ticking;
+    struct wire_clock clock;
 
-	struct wire_action planned[PLANNED_MAX];
-	unsigned int planned_count;
-	bool silent;
-	unsigned long unpolled;
-	struct {
-		enum wire_fault kind;
-		unsigned int times;
-	} fault[ADDRESSES];
+    struct wire_action planned[PLANNED_MAX];
+    unsigned int planned_count;
+    bool silent;
+    unsigned long unpolled;
+    struct {
+        enum wire_fault kind;
+        unsigned int times;
+    } fault[ADDRESSES];
 
-	struct usb_hcd *hcd;
-	struct list_head pipes;
-	bool unlinked;
-	u32 port;
-	u64 reset_ns;
-	bool news;
-	bool hub_suspended;
-	bool full_speed;
-	bool plugged;
+    struct usb_hcd* hcd;
+    struct list_head pipes;
+    bool unlinked;
+    u32 port;
+    u64 reset_ns;
+    bool news;
+    bool hub_suspended;
+    bool full_speed;
+    bool plugged;
 
-	struct usb_gadget gadget;
-	struct usb_gadget_driver *driver;
-	bool callbacks;
-	bool pullup;
-	bool remote_wakeup;
-	u64 idle_since;
-	bool suspended;
-	enum usb_device_state state;
-	struct wire_ep in[ENDPOINTS], out[ENDPOINTS];
+    struct usb_gadget gadget;
+    struct usb_gadget_driver* driver;
+    bool callbacks;
+    bool pullup;
+    bool remote_wakeup;
+    u64 idle_since;
+    bool suspended;
+    enum usb_device_state state;
+    struct wire_ep in[ENDPOINTS], out[ENDPOINTS];
 
-	struct wire_count count[ADDRESSES];
-	u64 late_ns_max;
+    struct wire_count count[ADDRESSES];
+    u64 late_ns_max;
 };
 
 extern struct wire wire;
@@ -183,31 +191,31 @@ u64 wire_uframe_ns(u64 uframe);
 void wire_schedule_init(void);
 void wire_arm(void);
 void wire_kick(unsigned int address, u64 uframe);
-int wire_plan(const struct wire_action *action);
-struct urb *wire_first_urb(const struct wire_pipe *pipe);
-u64 wire_interval(const struct urb *urb);
-u64 wire_slot(u64 uframe, const struct urb *urb);
+int wire_plan(const struct wire_action* action);
+struct urb* wire_first_urb(const struct wire_pipe* pipe);
+u64 wire_interval(const struct urb* urb);
+u64 wire_slot(u64 uframe, const struct urb* urb);
 
 /* transfer.c, all under the lock */
-struct wire_ep *wire_ep_at(unsigned int address);
+struct wire_ep* wire_ep_at(unsigned int address);
 unsigned int wire_address(u8 descriptor_address);
-struct wire_request *wire_first_request(struct wire_ep *ep);
-void wire_give_request(struct wire_ep *ep, struct wire_request *request, int status);
-void wire_give_urb(struct urb *urb, int status);
-bool wire_try_again(struct wire_pipe *pipe, enum wire_fault fault);
+struct wire_request* wire_first_request(struct wire_ep* ep);
+void wire_give_request(struct wire_ep* ep, struct wire_request* request, int status);
+void wire_give_urb(struct urb* urb, int status);
+bool wire_try_again(struct wire_pipe* pipe, enum wire_fault fault);
 int wire_fault_status(enum wire_fault fault);
-void wire_serve_iso(struct wire_pipe *pipe, struct urb *urb, u64 uframe);
-void wire_serve_data(struct wire_pipe *pipe, struct urb *urb, u64 uframe);
+void wire_serve_iso(struct wire_pipe* pipe, struct urb* urb, u64 uframe);
+void wire_serve_data(struct wire_pipe* pipe, struct urb* urb, u64 uframe);
 
 /* control.c, under the lock */
-void wire_serve_control(struct wire_pipe *pipe, struct urb *urb, u64 uframe);
+void wire_serve_control(struct wire_pipe* pipe, struct urb* urb, u64 uframe);
 
 /* fault.c, under the lock */
 enum wire_fault wire_fault_take(unsigned int address, u64 uframe);
-void wire_act(const struct wire_action *action, u64 uframe);
-const char *wire_address_name(unsigned int address);
-int wire_address_parse(const char *name);
-int wire_fault_parse(const char *name);
+void wire_act(const struct wire_action* action, u64 uframe);
+const char* wire_address_name(unsigned int address);
+int wire_address_parse(const char* name);
+int wire_fault_parse(const char* name);
 
 /* link.c, all under the lock but wire_tell_hub, which must not be called under it */
 bool wire_link_up(void);
@@ -222,21 +230,21 @@ void wire_tell_hub(void);
 
 /* hcd.c */
 extern const struct hc_driver wire_hc_driver;
-int wire_frame_number(struct usb_hcd *hcd);
+int wire_frame_number(struct usb_hcd* hcd);
 
 /* root_hub.c, the root hub's part of hc_driver */
-int wire_hub_status(struct usb_hcd *hcd, char *buffer);
-int wire_hub_control(struct usb_hcd *hcd, u16 request, u16 value, u16 index, char *buffer,
-		     u16 length);
-int wire_bus_suspend(struct usb_hcd *hcd);
-int wire_bus_resume(struct usb_hcd *hcd);
+int wire_hub_status(struct usb_hcd* hcd, char* buffer);
+int wire_hub_control(struct usb_hcd* hcd, u16 request, u16 value, u16 index, char* buffer,
+                     u16 length);
+int wire_bus_suspend(struct usb_hcd* hcd);
+int wire_bus_resume(struct usb_hcd* hcd);
 
 /* udc.c */
-int wire_udc_add(struct device *parent);
+int wire_udc_add(struct device* parent);
 void wire_udc_remove(void);
 
 /* udc_ep.c */
-void wire_ep_init(struct wire_ep *ep, int number, bool in);
+void wire_ep_init(struct wire_ep* ep, int number, bool in);
 
 /* command.c, counters.c, event_log.c */
 int wire_command_init(void);
@@ -247,6 +255,6 @@ int wire_log_init(void);
 void wire_log_exit(void);
 
 /* Any context. */
-__printf(2, 3) void wire_log(u64 uframe, const char *format, ...);
+__printf(2, 3) void wire_log(u64 uframe, const char* format, ...);
 
 #endif

@@ -15,7 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/process_view.h"
 #include "board/kit/service.h"
 #include "tests/board/app_recording.h"

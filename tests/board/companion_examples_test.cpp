@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 

@@ -17,7 +17,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/board_case.h"
 
 namespace uafd {

@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_ends.h"

@@ -12,7 +12,7 @@
 
 #include <sys/utsname.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/board_case.h"
 #include "tests/board/cost_expected.h"
 

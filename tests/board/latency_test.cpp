@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "board/kit/answer_times.h"
 #include "board/kit/hogs.h"
 #include "board/kit/statistics.h"
 #include "board/kit/streaming.h"

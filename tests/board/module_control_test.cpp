@@ -212,7 +212,7 @@ constexpr char kChange[] =
     "DEVPATH=/devices/virtual/android_usb/android0 SUBSYSTEM=android_usb";
 
 TEST_F(Module, ShowsTheUsbStateInAFileAndAUevent) {
-    Uevents uevents;
+    UeventListener uevents;
     EXPECT_EQ(command("usb_state DISCONNECTED"), 0);
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
     EXPECT_THAT(uevents.ofSubsystem("android_usb"),
@@ -224,7 +224,7 @@ TEST_F(Module, ShowsTheUsbStateInAFileAndAUevent) {
 }
 
 TEST_F(Module, SendsUeventsOfAnyKind) {
-    Uevents uevents;
+    UeventListener uevents;
     EXPECT_EQ(command("uevent change"), 0);
     EXPECT_EQ(command("uevent add USB_STATE=CONFIGURED A=1"), 0);
     EXPECT_EQ(command("foreign change USB_STATE=CONFIGURED"), 0);

@@ -18,9 +18,9 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include "board/kit/alsa_device.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/mic_recording.h"
+#include "board/kit/service.h"
 #include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/statistics.h"
 #include "tests/board/board_case.h"
 

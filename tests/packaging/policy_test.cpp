@@ -22,7 +22,7 @@
 
 #include "board/kit/board.h"
 #include "board/kit/files.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/service.h"
 #include "tests/support/child_process.h"
 

@@ -9,8 +9,8 @@
 
 #include <alsa/asoundlib.h>
 
+#include "board/kit/audio_host.h"
 #include "board/kit/clock.h"
-#include "board/kit/direction.h"
 
 namespace board {
 

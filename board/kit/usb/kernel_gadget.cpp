@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kit/usb/kernel_gadget.h"
 
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <stdexcept>
 #include <unistd.h>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "board/kit/files.h"
 
@@ -97,6 +102,16 @@ std::string KernelGadget::attribute(const std::string& name) const {
 
 std::string KernelGadget::state() {
     return firstLine(std::string("/sys/class/udc/") + kUdc + "/state");
+}
+
+int unloadModule(const std::string& name) {
+    return syscall(SYS_delete_module, name.c_str(), O_NONBLOCK) == 0 ? 0 : errno;
+}
+
+void loadModule(const std::string& name) {
+    if (system(("modprobe " + name).c_str()) != 0) {
+        throw std::runtime_error("the module " + name + " does not load");
+    }
 }
 
 }  // namespace board

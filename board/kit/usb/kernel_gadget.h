@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A gadget made through configfs, of our driver's function or of one of the kernel's own, which is
-// what a board without our driver has. What fails throws. One thread.
+// what a board without our driver has, and kernel modules that come and go while the board runs.
+// What fails throws. One thread.
 #pragma once
 
 #include <map>
@@ -37,5 +38,10 @@ class KernelGadget {
     const std::string functionFolder;  // its folder's path
     const std::map<std::string, std::string> attributes;
 };
+
+// Returns 0, or the errno that refused it; does not wait until the module is out of use.
+int unloadModule(const std::string& name);
+// With what it depends on; nothing when it is loaded already.
+void loadModule(const std::string& name);
 
 }  // namespace board

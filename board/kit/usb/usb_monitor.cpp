@@ -7,7 +7,7 @@
 
 #include <sys/ioctl.h>
 
-#include "board/kit/usb/kernel_module.h"
+#include "board/kit/usb/kernel_gadget.h"
 
 namespace board {
 namespace {

@@ -5,7 +5,7 @@
 #include <csignal>
 
 #include "board/kit/app_process.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/mic_stream.h"
 #include "tests/board/scenarios/scenario.h"
 

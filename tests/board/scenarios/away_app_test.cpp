@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "board/kit/app_process.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/mic_recording.h"
 #include "board/kit/record_watch.h"
 #include "tests/board/scenarios/scenario.h"

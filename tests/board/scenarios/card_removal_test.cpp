@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "board/kit/direction.h"
-#include "board/kit/host_player.h"
+#include "board/kit/audio_host.h"
+#include "board/kit/host.h"
 #include "tests/board/board_case.h"
 
 namespace uafd {

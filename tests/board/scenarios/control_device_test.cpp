@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/scenarios/record_case.h"
 
 namespace uafd {

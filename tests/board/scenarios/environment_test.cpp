@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/scenarios/scenario.h"
 
 namespace uafd {

@@ -10,7 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/scenarios/scenario.h"
 
 namespace uafd {

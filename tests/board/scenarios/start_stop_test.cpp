@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <set>
 
-#include "board/kit/channel_watch.h"
-#include "board/kit/host_player.h"
+#include "board/kit/app.h"
+#include "board/kit/host.h"
 #include "board/kit/random.h"
 #include "tests/board/scenarios/record_case.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "board/kit/direction.h"
+#include "board/kit/audio_host.h"
 #include "board/kit/ramp_check.h"
 #include "tests/board/board_case.h"
 #include "tests/board/scenarios/stream_log.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "board/kit/direction.h"
+#include "board/kit/audio_host.h"
 
 namespace uafd {
 

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uevents that are not the gadget's: sent by processes, to other groups, too long, without a
 // subsystem, and more of them than the daemon can read.
-#include "board/kit/uevent.h"
-
 #include <gmock/gmock.h>
 
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "tests/board/scenarios/scenario.h"
+#include "tests/board/uevents.h"
 
 namespace uafd {
 namespace {
@@ -14,7 +13,6 @@ namespace {
 using board::kMs;
 using board::kSecond;
 using board::Message;
-using board::ueventText;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -62,7 +60,7 @@ class Uevents : public Scenario {
                     ElementsAre(Message{0, 0}, Message{0, 1}));
     }
 
-    board::UeventSender sender;
+    UeventSender sender;
 
   private:
     size_t messageMark = 0;

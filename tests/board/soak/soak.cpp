@@ -21,11 +21,45 @@ constexpr Window kSpeakerWindow = {3500000, 5500000};
 constexpr Window kMicWindow = {15 * kMs, 24 * kMs};
 constexpr Window kMicWindowEnlarged = {28 * kMs, 42 * kMs};
 
+struct Kind {
+    const char* name;
+    Ns shortest;
+    Ns longest;
+};
+
+// A stream's pause may be shorter or longer than the time for which a channel waits before it
+// stops.
+constexpr Kind kKinds[kDisturbanceKinds] = {
+    {"app_late", 15 * kMs, 40 * kMs},
+    {"app_deaf", 15 * kMs, 40 * kMs},
+    {"mic_xrun", 0, 0},
+    {"speaker_xrun", 0, 0},
+    {"mic_stall", 15 * kMs, 300 * kMs},
+    {"speaker_stall", 15 * kMs, 300 * kMs},
+    {"mic_off", 5 * kMs, 300 * kMs},
+    {"speaker_off", 5 * kMs, 300 * kMs},
+};
+
+const Kind& kindOf(DisturbanceKind kind) {
+    return kKinds[static_cast<size_t>(kind)];
+}
+
 int16_t spoken(int64_t frame) {
     return tone().at(frame);
 }
 
 }  // namespace
+
+Disturbance disturbanceOf(int64_t seed, int64_t number) {
+    const auto kind = static_cast<DisturbanceKind>(number % kDisturbanceKinds);
+    const Kind& limits = kindOf(kind);
+    const auto draw = static_cast<uint16_t>(noise(number + (seed << 32)));
+    return {kind, limits.shortest + (limits.longest - limits.shortest) * draw / 65536};
+}
+
+const char* nameOf(DisturbanceKind kind) {
+    return kindOf(kind).name;
+}
 
 void Soak::comeUp() {
     AppOptions options;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A soak: both directions stream for virtual minutes or hours while the host's clock runs fast or
 // slow, the app's writes come late, and now and then something is disturbed. Every frame is
-// checked. With the simulated host, or over the wire. One thread.
+// checked. One thread.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "board/kit/audio_host.h"
 #include "board/kit/daemon_board.h"
-#include "board/kit/direction.h"
 #include "board/kit/process_view.h"
-#include "tests/board/soak/disturbance.h"
-#include "tests/board/soak/mic_tally.h"
-#include "tests/board/soak/speaker_tally.h"
+#include "tests/board/soak/tally.h"
 
 namespace board {
 
@@ -26,6 +24,29 @@ struct SoakPlan {
     int64_t seed = 0;     // decides the jitter and the disturbances
     int calmSeconds = 0;  // between two disturbances; 0 for no disturbance
 };
+
+// An app that is late or stops reading for a moment, xruns, a host that pauses or closes its
+// streams.
+enum class DisturbanceKind {
+    kAppLate,       // the app pauses its writes, then catches up
+    kAppDeaf,       // the app reads nothing
+    kMicXrun,       // the playback stops with an xrun
+    kSpeakerXrun,   // the capture does
+    kMicStall,      // the host takes nothing
+    kSpeakerStall,  // the host sends nothing
+    kMicOff,        // the host closes its microphone and opens it again
+    kSpeakerOff,    // the same of its speaker
+};
+constexpr int kDisturbanceKinds = 8;
+
+struct Disturbance {
+    DisturbanceKind kind;
+    Ns length;  // 0 for an xrun
+};
+
+// Disturbance `number` of the soak with this seed; the kinds take turns.
+Disturbance disturbanceOf(int64_t seed, int64_t number);
+const char* nameOf(DisturbanceKind kind);
 
 // A disturbance and what followed.
 struct Outcome {
@@ -123,5 +144,10 @@ class Soak {
     int64_t lostBlocksBefore = 0;
     SoakResult found;
 };
+
+// With the simulated host, which can disturb it; and over the wire, with the kernel's own host and
+// undisturbed: that throws when the plan has disturbances.
+std::unique_ptr<Soak> simulatedSoak(const SoakPlan& plan);
+std::unique_ptr<Soak> wireSoak(const SoakPlan& plan);
 
 }  // namespace board

@@ -16,7 +16,7 @@
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "board/kit/sound.h"
-#include "board/kit/usb/kernel_module.h"
+#include "board/kit/usb/kernel_gadget.h"
 #include "tests/board/usb/driver_case.h"
 
 namespace uafd {

@@ -318,7 +318,7 @@ class Bus : public DriverCase {};
 TEST_F(Bus, IsShownAsAndroidDoes) {
     make();
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
-    Uevents uevents;
+    UeventListener uevents;
     const auto states = [&uevents] {
         std::vector<std::string> states;
         for (const std::string& event : uevents.ofSubsystem("android_usb")) {

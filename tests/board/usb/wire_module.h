@@ -9,7 +9,6 @@
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "board/kit/usb/kernel_gadget.h"
-#include "board/kit/usb/kernel_module.h"
 #include "board/kit/usb/usb_host.h"
 
 // 0, or the errno that refused it.

@@ -14,7 +14,7 @@
 
 #include "board/kit/files.h"
 #include "board/kit/usb/host_mixer.h"
-#include "board/kit/usb/kernel_module.h"
+#include "board/kit/usb/kernel_gadget.h"
 #include "board/kit/usb/usb_host.h"
 #include "tests/board/usb_daemon/wire_case.h"
 

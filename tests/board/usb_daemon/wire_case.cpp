@@ -4,8 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "board/kit/daemon.h"
 #include "board/kit/files.h"
-#include "board/kit/known_log.h"
 #include "board/kit/mic_stream.h"
 #include "board/kit/sound.h"
 

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "board/kit/direction.h"
+#include "board/kit/audio_host.h"
 #include "board/kit/usb/wire_board.h"
 #include "tests/board/case_name.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/board/walk/app_actions.h"
+// What an app may do in any walk.
 
 #include <unistd.h>
 #include <vector>
@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 
 #include "board/kit/files.h"
-#include "tests/board/walk/action.h"
+#include "tests/board/walk/walk.h"
 
 namespace uafd {
 

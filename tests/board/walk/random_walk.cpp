@@ -9,8 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "tests/board/walk/simulated_walk.h"
-#include "tests/board/walk/wire_walk.h"
+#include "tests/board/walk/walk.h"
 
 namespace uafd {
 namespace {
@@ -40,10 +39,9 @@ std::unique_ptr<Walk> walkOf(int argc, char** argv) {
     const auto seed = static_cast<uint64_t>(number(argc, argv, "--seed"));
     const char* const over = argument(argc, argv, "--over");
     if (over != nullptr && strcmp(over, "wire") == 0) {
-        return std::make_unique<WireWalk>(seed);
+        return wireWalk(seed);
     }
-    const bool isApps = over != nullptr && strcmp(over, "app") == 0;
-    return std::make_unique<SimulatedWalk>(seed, isApps ? Scope::kApp : Scope::kAll);
+    return simulatedWalk(seed, over != nullptr && strcmp(over, "app") == 0);
 }
 
 // Returns the exit status: 1 when something went wrong.

@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "board/kit/known_log.h"
+#include "board/kit/daemon.h"
 
 namespace uafd {
 namespace {

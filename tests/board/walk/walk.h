@@ -4,12 +4,16 @@
 // with the same seed are the beginning of the same walk. One thread.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
+#include <vector>
 
+#include "board/kit/app.h"
 #include "board/kit/app_process.h"
-#include "board/kit/channel_watch.h"
 #include "board/kit/daemon_board.h"
 #include "board/kit/random.h"
 
@@ -85,5 +89,51 @@ class Walk {
     size_t seenLines = 0;
     std::string did;  // the step's actions, to explain a failure
 };
+
+// An action of a kind of walk, and the choice among them.
+template <typename Kind>
+struct Action {
+    const char* name;
+    int weight;  // how often it is chosen, relative to the others
+    std::function<void(Kind& walk)> run;
+};
+
+template <typename Kind>
+const Action<Kind>& chooseAction(board::Random& random, const std::vector<Action<Kind>>& actions) {
+    const int64_t weights = std::accumulate(
+        actions.begin(), actions.end(), int64_t{0},
+        [](int64_t sum, const Action<Kind>& action) { return sum + action.weight; });
+    int64_t at = random.below(weights);
+    auto action = actions.begin();
+    while (at >= action->weight) {
+        at -= action->weight;
+        ++action;
+    }
+    return *action;
+}
+
+template <typename Item, size_t count, typename Kind>
+Item pick(Kind& walk, const Item (&items)[count]) {
+    return items[walk.random.below(count)];
+}
+
+// What an app may do in any walk.
+void restartApp(Walk& walk);
+void killApp(Walk& walk);
+void freezeApp(Walk& walk);
+void thawApp(Walk& walk);
+void slowApp(Walk& walk);
+void loseSocket(Walk& walk);
+void changeFifo(Walk& walk);
+void sendMessage(Walk& walk);
+void sendOddDatagram(Walk& walk);
+void passTime(Walk& walk);
+
+// With the simulated host, which covers faults of driver and cable as well, or, over the app, only
+// all that an app may do: there the host streams, binds and sets volumes as any host does.
+std::unique_ptr<Walk> simulatedWalk(uint64_t seed, bool overApp);
+// Over both ends of the wire: what a user does with cable and host, faults of the bus, what the
+// board's system does with the gadget, and apps that come and go.
+std::unique_ptr<Walk> wireWalk(uint64_t seed);
 
 }  // namespace uafd

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What happened on a board, put in the order of the virtual clock and made readable. One thread.
+// What the main job shows: what happened on its board, in the order of the virtual clock, and the
+// closing table, a row for each measure, a column for each direction. One thread.
 #pragma once
 
 #include <string>
@@ -27,7 +28,20 @@ class Timeline {
     std::vector<TimelineEntry> entries;
 };
 
-// What a message to or from the app means.
-std::string meaningOf(Message message);
+struct Row {
+    const char* key;    // in the summary
+    const char* title;  // in the printed table
+    double toApp;
+    double toHost;
+    int decimals;
+};
+
+Row countRow(const char* key, const char* title, int64_t toApp, int64_t toHost);
+// Shown in milliseconds.
+Row timeRow(const char* key, const char* title, Ns toApp, Ns toHost);
+
+std::string tableText(const std::vector<Row>& rows);
+// {"KEY": {"host_to_app": N, "app_to_host": N}, ...}
+std::string tableJson(const std::vector<Row>& rows);
 
 }  // namespace board

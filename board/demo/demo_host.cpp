@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The main job's board with real USB, and what its host shows: its card, its streams, its mixer and
-// what went over the wire.
+// The main job's boards: one with the simulated gadget and host, and one with real USB and what its
+// host shows: its card, its streams, its mixer and what went over the wire.
+#include "board/demo/demo_host.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <string>
 #include <utility>
 
-#include "board/demo/demo_host.h"
+#include "board/kit/board.h"
 #include "board/kit/files.h"
 #include "board/kit/usb/host_mixer.h"
 #include "board/kit/usb/wire_board.h"
@@ -18,10 +20,24 @@ namespace {
 constexpr char kStreams[] = "/proc/asound/card2/stream0";
 constexpr char kCards[] = "/proc/asound/cards";
 constexpr int64_t kFrameBytes = sizeof(int16_t);
-constexpr int64_t kPacketFrames = 48;
 constexpr double kUnitsPerDb = 256;     // of volumes
 constexpr int kStep = 256;              // the driver's, in these units
 constexpr uint32_t kVolumeMessage = 2;  // a channel's message type to that of its volume
+
+class StandInDemo : public DemoHost {
+  public:
+    explicit StandInDemo(DaemonStarter starter) : standIn("daemon", std::move(starter)) {}
+
+    DaemonBoard& board() override { return standIn; }
+    void lookAt(const Direction& /*direction*/) override {}
+    std::vector<Row> report() override { return {}; }
+    std::string findFault() override { return ""; }
+    int settleMs() override { return 0; }
+    std::vector<Message> toldAtPlug() override { return {}; }
+
+  private:
+    Board standIn;
+};
 
 // From the line that begins with `from` to before the next that begins with `to`, or to the end.
 std::string part(const std::string& text, const std::string& from, const std::string& to) {
@@ -120,7 +136,7 @@ std::vector<Row> WireDemo::report() {
 std::string WireDemo::findFault() {
     for (const Direction& direction : {kSpeakerDirection, kMicDirection}) {
         const Traffic traffic = trafficOf(direction);
-        if (traffic.failed != 0 || traffic.frames != traffic.packets * kPacketFrames) {
+        if (traffic.failed != 0 || traffic.frames != traffic.packets * kFramesPerUsbFrame) {
             return std::string("USB packets of the ") + direction.name +
                    " were lost, empty, wrong or not full";
         }
@@ -132,6 +148,10 @@ std::string WireDemo::findFault() {
 
 std::unique_ptr<DemoHost> makeWireDemo(DaemonStarter starter) {
     return std::make_unique<WireDemo>(std::move(starter));
+}
+
+std::unique_ptr<DemoHost> makeStandInDemo(DaemonStarter starter) {
+    return std::make_unique<StandInDemo>(std::move(starter));
 }
 
 }  // namespace board

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "board/kit/timeline.h"
+#include "board/demo/report.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -47,16 +47,36 @@ std::string Timeline::text() const {
     return text;
 }
 
-std::string meaningOf(Message message) {
-    static const char* const kNames[] = {"USB configured",  "speaker on",        "microphone on",
-                                         "speaker volume",  "microphone volume", "speaker mute",
-                                         "microphone mute", "sync-up, please"};
-    const bool known = message.type < sizeof kNames / sizeof kNames[0];
-    const bool isVolume = message.type == 3 || message.type == 4;
-    const int value =
-        isVolume ? static_cast<int16_t>(message.data & 0xFFFF) : static_cast<int>(message.data);
-    return (known ? std::string(kNames[message.type]) : "type " + std::to_string(message.type)) +
-           " = " + std::to_string(value);
+Row countRow(const char* key, const char* title, int64_t toApp, int64_t toHost) {
+    return {key, title, static_cast<double>(toApp), static_cast<double>(toHost), 0};
+}
+
+Row timeRow(const char* key, const char* title, Ns toApp, Ns toHost) {
+    return {key, title, static_cast<double>(toApp) / kMs, static_cast<double>(toHost) / kMs, 2};
+}
+
+std::string tableText(const std::vector<Row>& rows) {
+    char line[120];
+    snprintf(line, sizeof line, "%-40s %14s %14s\n", "", "host to app", "app to host");
+    std::string text = line;
+    for (const Row& row : rows) {
+        snprintf(line, sizeof line, "%-40s %14.*f %14.*f\n", row.title, row.decimals, row.toApp,
+                 row.decimals, row.toHost);
+        text += line;
+    }
+    return text;
+}
+
+std::string tableJson(const std::vector<Row>& rows) {
+    std::string json = "{";
+    for (const Row& row : rows) {
+        char member[120];
+        snprintf(
+            member, sizeof member, "%s\n  \"%s\": {\"host_to_app\": %.*f, \"app_to_host\": %.*f}",
+            json.size() > 1 ? "," : "", row.key, row.decimals, row.toApp, row.decimals, row.toHost);
+        json += member;
+    }
+    return json + "\n}\n";
 }
 
 }  // namespace board
