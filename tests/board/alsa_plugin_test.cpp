@@ -84,11 +84,6 @@ class AlsaPlugin : public BoardCase {
     static Program play(const std::string& device = "uafd", const Words& format = kNative) {
         return {"aplay", format, {"-D", device, kSaidFile}};
     }
-    // The plugin is the only app.
-    void startWithMic() {
-        micService = std::make_unique<board::MicService>();
-        startDaemon();
-    }
     void openPcm(snd_pcm_stream_t direction, snd_pcm_uframes_t buffer) {
         ASSERT_EQ(snd_pcm_open(&pcm, "uafd", direction, 0), 0);
         ASSERT_EQ(snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2,
@@ -113,7 +108,7 @@ TEST_F(AlsaPlugin, RecordsWhatTheHostPlaysAndSilenceBetween) {
     ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
     const Ns begun = board::now();
     const Program recorder = record("3");
-    startWithMic();
+    startWithoutApp();
     board::sleepUntil(begun + kSecond);
     host.command("speaker on");
     board::sleepFor(kSecond / 2);
@@ -138,7 +133,7 @@ TEST_F(AlsaPlugin, RecordsWhatTheHostPlaysAndSilenceBetween) {
 
 TEST_F(AlsaPlugin, PlaysWhatTheHostRecordsAtTheClocksPace) {
     const Program recorder = record("30");
-    startWithMic();
+    startWithoutApp();
     host.command("mic on");
     // After silence, in which the daemon brings its buffer into the middle of its range.
     const board::Samples said = board::render(board::noise, 1, kRate / 2);
@@ -162,7 +157,7 @@ TEST_F(AlsaPlugin, ConvertsOtherFormatsWithPlug) {
     const Words other = {"-q", "-t", "raw", "-f", "S16_LE", "-c", "1", "-r", "44100"};
     const board::HostPlayer player(board::sine(441));
     const Program recorder = record("2", "plug:uafd", other);
-    startWithMic();
+    startWithoutApp();
     bothOn();
     board::Samples tone;
     for (int i = 0; i < 44100; ++i) {
@@ -186,7 +181,7 @@ TEST_F(AlsaPlugin, OutlivesTheDaemon) {
     const board::HostPlayer player(board::ramp);
     writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
     const Program recorder = record("3");
-    startWithMic();
+    startWithoutApp();
     bothOn();
     const Program player2 = play();
     board::sleepFor(700 * kMs);
@@ -217,7 +212,7 @@ TEST_F(AlsaPlugin, OutlivesTheDaemon) {
 
 TEST_F(AlsaPlugin, PausesResumesAndDrains) {
     const Program recorder = record("30");
-    startWithMic();
+    startWithoutApp();
     host.command("mic on");
     board::sleepFor(kSecond / 5);
     host.takeRecording();
@@ -255,7 +250,7 @@ TEST_F(AlsaPlugin, LetsAProgramStopReadingForAMinute) {
     const board::HostPlayer player(board::ramp);
     openPcm(SND_PCM_STREAM_CAPTURE, kRate / 2);
     ASSERT_EQ(snd_pcm_start(pcm), 0);
-    startWithMic();
+    startWithoutApp();
     host.command("speaker on");
     board::sleepFor(2 * kSecond);
     const size_t mark = daemon.mark();
@@ -326,7 +321,7 @@ TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
     writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
     {
         const Program recorder = record("30");
-        startWithMic();
+        startWithoutApp();
         bothOn();
         const Program speaker = play();
         board::sleepFor(kSecond / 2);
@@ -334,8 +329,7 @@ TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
     EXPECT_TRUE(board::waitFor([&] { return daemon.count("handler: 13") > 0; }))
         << "the daemon did not write without a reader";
     app = std::make_unique<board::App>();
-    host.command("speaker off");
-    host.command("mic off");
+    bothOff();
     EXPECT_EQ(findDamage(), "");
 }
 

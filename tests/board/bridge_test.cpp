@@ -147,8 +147,7 @@ class Bridge : public BoardCase {
         bridge->send(SIGINT);
         EXPECT_EQ(bridge->wait(), 0) << bridge->errors();
         app = std::make_unique<board::App>();
-        host.command("speaker off");
-        host.command("mic off");
+        bothOff();
     }
     void printLast() const {
         const std::string json = bridge->output();

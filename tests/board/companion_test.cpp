@@ -134,10 +134,6 @@ class CompanionLibrary : public BoardCase {
         library.emplace();
         startDaemon();
     }
-    void bothOn() {
-        host.command("speaker on");
-        host.command("mic on");
-    }
     bool hears(int64_t frames) {
         int64_t sound = 0;
         library->takeHeard();
@@ -166,8 +162,7 @@ class CompanionLibrary : public BoardCase {
     }
     // Another app shows that the daemon is intact.
     void expectWhole() {
-        host.command("speaker off");
-        host.command("mic off");
+        bothOff();
         EXPECT_TRUE(hasThreads(board::kIdleThreads));
         library.reset();
         app = std::make_unique<board::App>();
@@ -199,7 +194,7 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     const board::HostPlayer player(board::ramp);
     ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
     const uafd_counts before = library->counts();
-    bothOn();
+    switchBoth(true);
     EXPECT_TRUE(isHeard());
     board::sleepFor(kSecond);
     const uafd_counts after = library->counts();
@@ -259,7 +254,7 @@ TEST_F(CompanionLibrary, LetsADaemonThatWaitsStart) {
 TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     start();
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     ASSERT_TRUE(hears(kRate / 2));
     library->takeEvents();
     daemon.stop();
@@ -311,7 +306,7 @@ TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
 // about streams.
 TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
     start();
-    bothOn();
+    switchBoth(true);
     ASSERT_TRUE(believes(1, 1, 1));
     daemon.stop();
     host.command("unplug");
@@ -368,7 +363,7 @@ TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
     std::optional<LibraryApp> listener(UAFD_SPEAKER);
     startDaemon();
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     EXPECT_TRUE(isHeard());
     EXPECT_TRUE(believes(1, 1, 1));
     EXPECT_TRUE(board::waitFor([&] { return listener->counts().frames_read > kRate; }));
@@ -379,7 +374,7 @@ TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
 TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
     start();
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     ASSERT_TRUE(hears(kRate / 2));
     library.reset();
     board::sleepFor(100 * kMs);
@@ -400,7 +395,7 @@ TEST_F(CompanionLibrary, RunsTheExample) {
         _exit(127);
     }
     startDaemon();
-    bothOn();
+    switchBoth(true);
     int status = -1;
     rusage used{};
     ASSERT_EQ(wait4(example, &status, 0, &used), example);

@@ -43,10 +43,6 @@ class CompanionTool : public BoardCase {
         daemon.start();
         ASSERT_TRUE(daemon.waitForLog("Fifos observed*"));
     }
-    void bothOn() {
-        host.command("speaker on");
-        host.command("mic on");
-    }
     // Its output, once it has ended with success.
     std::string outputAfter(int status) {
         EXPECT_EQ(tool->wait(), status) << tool->errors();
@@ -98,7 +94,7 @@ constexpr char kAllPassed[] =
 
 TEST_F(CompanionTool, FindsTheDaemonGood) {
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     const Ns since = board::now();
     startWithDaemon({"check", "--volume", "-1280"});
     EXPECT_EQ(outputAfter(0), kAllPassed);
@@ -112,7 +108,7 @@ TEST_F(CompanionTool, FindsTheDaemonGood) {
 
 TEST_F(CompanionTool, FindsThatAFrozenDaemonDoesNotAnswer) {
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     startWithDaemon({"loop"});
     ASSERT_TRUE(hasThreads(board::kStreamingThreads));
     daemon.freeze();
@@ -138,7 +134,7 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
     const board::HostPlayer player(board::ramp);
     ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "1"});
-    bothOn();
+    switchBoth(true);
     EXPECT_EQ(outputAfter(0), "");
     const board::Samples heard = board::readWav("/out/heard.wav");
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate / 2));
@@ -186,7 +182,7 @@ double valueIn(const std::string& json, const std::string& part, const std::stri
 
 TEST_F(CompanionTool, WatchesDaemonAndAppFromOutside) {
     const board::HostPlayer player(board::noise);
-    bothOn();
+    switchBoth(true);
     startWithDaemon({"loop"});
     ASSERT_TRUE(hasThreads(board::kStreamingThreads));
     board::sleepFor(kSecond / 10);  // the first periods of a stream move at once
@@ -212,7 +208,7 @@ TEST_F(CompanionTool, WatchesDaemonAndAppFromOutside) {
 
 TEST_F(CompanionTool, MeasuresTheLatencyOfACable) {
     const HostCable cable;
-    bothOn();
+    switchBoth(true);
     startWithDaemon({"latency", "--count", "3"});
     const std::string output = outputAfter(0);
     double median = 0;

@@ -15,9 +15,6 @@ using board::Message;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr uint32_t kSpeaker = 1;
-constexpr uint32_t kMic = 2;
-
 class Events : public BoardCase {
   protected:
     void SetUp() override {
@@ -27,19 +24,15 @@ class Events : public BoardCase {
 
     // Delivers a raw record; nothing changes on the host's side.
     void deliver(uint32_t type, uint32_t data) {
-        logMark = daemon.mark();
-        messageMark = app->messages().size();
-        host.command("record " + std::to_string(type) + " " + std::to_string(data));
+        look();
+        queue(type, data);
         ASSERT_TRUE(settle());
         board::sleepFor(50 * kMs);
     }
 
-    int said(const std::string& text) { return daemon.count(text, logMark); }
-    std::vector<Message> told() const { return app->messageValues(messageMark); }
     // Sends the message; returns the requests that reached the driver.
     std::vector<std::string> requestsAfter(Message message) {
-        logMark = daemon.mark();
-        messageMark = app->messages().size();
+        look();
         const board::Ns since = board::now();
         EXPECT_EQ(app->send(message), 0);
         board::sleepFor(50 * kMs);
@@ -49,10 +42,6 @@ class Events : public BoardCase {
         }
         return requests;
     }
-
-  private:
-    size_t logMark = 0;
-    size_t messageMark = 0;
 };
 
 // ---- Event records -----------------------------------------------------------------------------
@@ -90,9 +79,7 @@ TEST_F(Events, BindWithoutACardLeavesTheDaemonUnbound) {
 }
 
 TEST_F(Events, UnbindStopsBothChannelsAndForgetsTheCard) {
-    host.command("speaker on");
-    host.command("mic on");
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    bothOn();
     deliver(1, 0);
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
     EXPECT_THAT(told(), testing::UnorderedElementsAre(Message{kSpeaker, 0}, Message{kMic, 0}));
@@ -248,7 +235,7 @@ TEST_P(Channel, StoppedIgnoresAnOffEvent) {
 TEST_P(Channel, RunningIsStoppedOnceByTwoOffEvents) {
     deliver(event(), 1);
     const size_t messages = app->messages().size();
-    host.command("record " + std::to_string(event()) + " 0");
+    queue(event(), 0);
     deliver(event(), 0);
     EXPECT_TRUE(hasThreads(board::kIdleThreads));
     EXPECT_EQ(app->messageValues(messages), (std::vector<Message>{{channel(), 0}}));
@@ -259,7 +246,7 @@ TEST_P(Channel, StoppingIsCancelledByAnOnEvent) {
     deliver(event(), 1);
     const size_t messages = app->messages().size();
     const board::Ns since = board::now();
-    host.command("record " + std::to_string(event()) + " 0");
+    queue(event(), 0);
     board::sleepFor(6 * kMs);
     deliver(event(), 1);
     EXPECT_EQ(said("intfUpdate to 1, current state 2"), 1);
@@ -285,9 +272,8 @@ TEST_P(Channel, StaysStoppedWhenItsStartFailsAndStartsTheNextTime) {
     EXPECT_EQ(findDamage(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Channel, testing::Values(kSpeaker, kMic), [](const auto& info) {
-    return info.param == kSpeaker ? "Speaker" : "Mic";
-});
+INSTANTIATE_TEST_SUITE_P(Both, Channel, testing::Values(1, 2),
+                         [](const auto& info) { return info.param == 1 ? "Speaker" : "Mic"; });
 
 }  // namespace
 }  // namespace uafd

@@ -190,8 +190,7 @@ class Programs : public BoardCase {
         const board::HostPlayer speaker(board::ramp);
         const board::Samples song = writeSong();
         Recipe recorder(pair.recorder);
-        micService = std::make_unique<board::MicService>();
-        startDaemon();
+        startWithoutApp();
         bothOn();
         Recipe(pair.player).expectDone();
         board::sleepFor(kSecond / 10);
@@ -268,8 +267,7 @@ TEST_F(Programs, LeaveTheDaemonWholeWhenTheyAreStoppedAndKilled) {
         }
         const Recipe recorder(pair.recorder);
         if (!daemon.isRunning()) {
-            micService = std::make_unique<board::MicService>();
-            startDaemon();
+            startWithoutApp();
             bothOn();
         }
         const Recipe player(pair.player);

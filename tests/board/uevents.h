@@ -17,7 +17,8 @@ namespace uafd {
 
 class UeventListener {
   public:
-    UeventListener() : descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
+    UeventListener()
+        : descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT)) {
         sockaddr_nl address{};
         address.nl_family = AF_NETLINK;
         address.nl_groups = 1;

@@ -13,7 +13,7 @@
 #include "board/kit/host.h"
 #include "board/kit/mic_recording.h"
 #include "board/kit/record_watch.h"
-#include "tests/board/scenarios/scenario.h"
+#include "tests/board/board_case.h"
 
 namespace uafd {
 namespace {
@@ -58,7 +58,7 @@ class AwayApp : public Scenario {
             limit);
     }
     // The host does something, and the app must be told in time.
-    void expectTold(const char* command, Message wanted, Ns limit) {
+    void expectToldInTime(const char* command, Message wanted, Ns limit) {
         SCOPED_TRACE(command);
         messageSocket->take();
         host.command(command);
@@ -77,15 +77,15 @@ class AwayApp : public Scenario {
     // Does everything that the host may do meanwhile.
     void hostGoesOn() {
         board::sleepFor(200 * kMs);  // until everything that can wait for the app waits
-        expectTold("mic off", {kMic, 0}, kStopped);
-        expectTold("volume speaker 7", {3, 7}, kHandled);
-        expectTold("mic on", {kMic, 1}, kHandled);
+        expectToldInTime("mic off", {kMic, 0}, kStopped);
+        expectToldInTime("volume speaker 7", {3, 7}, kHandled);
+        expectToldInTime("mic on", {kMic, 1}, kHandled);
         bothOff();
-        expectTold("mute speaker 1", {5, 1}, kHandled);
+        expectToldInTime("mute speaker 1", {5, 1}, kHandled);
         bothOn();
-        expectTold("unbind", {kMic, 0}, kStopped);
+        expectToldInTime("unbind", {kMic, 0}, kStopped);
         host.command("bind");
-        expectTold("mic on", {kMic, 1}, kHandled);
+        expectToldInTime("mic on", {kMic, 1}, kHandled);
     }
 
     // The app is back: the speaker's stop, which the unbind began, ends now, and both directions
@@ -121,13 +121,17 @@ class AwayApp : public Scenario {
         EXPECT_GT(explained.frames(), time / (5 * kMs) * 9 / 10);
     }
     // Puts back the app with which the daemon is proved whole.
-    void restoreApp() {
+    void TearDown() override {
+        if (HasFatalFailure()) {
+            return;
+        }
         printf("longest wait of a record %s, longest stop of the microphone %s\n",
                watch->wait().text().c_str(), watch->micStop().text().c_str());
         process.reset();
         player.reset();
         messageSocket.reset();
         app = std::make_unique<App>();
+        Scenario::TearDown();
     }
 
     std::optional<board::MessageSocket> messageSocket;
@@ -144,8 +148,6 @@ TEST_F(AwayApp, OnlyRecords) {
     hostGoesOn();
     process->pauseSpeaking(false);
     expectBothStream();
-    restoreApp();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_F(AwayApp, IsKilled) {
@@ -156,8 +158,6 @@ TEST_F(AwayApp, IsKilled) {
     hostGoesOn();
     startApp();
     expectBothStream();
-    restoreApp();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_F(AwayApp, IsStopped) {
@@ -168,9 +168,6 @@ TEST_F(AwayApp, IsStopped) {
     hostGoesOn();
     process->thaw();
     expectBothStream();
-    restoreApp();
-    EXPECT_EQ(findDamage(), "");
 }
-
 }  // namespace
 }  // namespace uafd

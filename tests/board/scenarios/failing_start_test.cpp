@@ -101,7 +101,6 @@ class FailingStart : public StreamCase {
 TEST_P(FailingStart, InOpening) {
     arm("open 5");
     expectFailure({}, kOpen);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FailingStart, InEachHardwareParameter) {
@@ -111,7 +110,6 @@ TEST_P(FailingStart, InEachHardwareParameter) {
         expectFailure({"E UAFSND: error at setHwParams@" + std::to_string(row.step) + ": rc=-5"},
                       kHardware);
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FailingStart, InEachSoftwareParameter) {
@@ -121,14 +119,12 @@ TEST_P(FailingStart, InEachSoftwareParameter) {
         expectFailure({"E UAFSND: error at setSwParams@" + std::to_string(row.step) + ": err=-5"},
                       kSoftware);
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 // The first data are the capture's start and the silence that starts the playback.
 TEST_P(FailingStart, InTheFirstData) {
     arm(either("start 5", "ack 5"));
     expectFailure({}, kFirstData);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FailingStart, ManyTimesInARow) {
@@ -144,7 +140,6 @@ TEST_P(FailingStart, ManyTimesInARow) {
     // The microphone's buffer thread stays, and is idle.
     EXPECT_TRUE(hasThreads(board::kIdleThreads + either(0U, 1U)));
     expectStartable();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FailingStart, IsNoneAtAnotherRate) {
@@ -164,10 +159,8 @@ TEST_P(FailingStart, IsNoneAtAnotherRate) {
     EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 1}}));
     EXPECT_TRUE(sound.breaks().empty());
     EXPECT_GT(sound.sections().back().frames, kSecond / kMs * 48 * 9 / 10);
-    EXPECT_EQ(findDamage(), "");
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(FailingStart);
-
 }  // namespace
 }  // namespace uafd

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 
 #include "board/kit/host.h"
-#include "tests/board/scenarios/scenario.h"
+#include "tests/board/board_case.h"
 
 namespace uafd {
 namespace {
@@ -48,7 +48,6 @@ TEST_P(FifoName, IsDeletedUnderAnOpenFifoWhichGoesOn) {
     bothOff();
     ASSERT_TRUE(hasThreads(board::kIdleThreads));
     bringAppBack();
-    EXPECT_EQ(findDamage(), "");
 }
 
 // The speaker's sound goes into the file; the microphone's comes from it, up to its end.
@@ -64,7 +63,6 @@ TEST_P(FifoName, BecomesAFileWhileBothChannelsRun) {
     bothOff();
     EXPECT_TRUE(settle());
     bringAppBack();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FifoName, IsAFileWhenBothChannelsStart) {
@@ -72,12 +70,10 @@ TEST_P(FifoName, IsAFileWhenBothChannelsStart) {
     app.reset();
     putAFile();
     app = std::make_unique<App>();  // makes the other FIFO
-    host.command("speaker on");
-    host.command("mic on");
+    switchBoth(true);
     ASSERT_TRUE(daemon.waitForLog(std::string(GetParam()) + " opened buffer size -1"));
     expectNobodyBusy();
     bringAppBack();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FifoName, IsAFolderWhenBothChannelsStart) {
@@ -85,15 +81,13 @@ TEST_P(FifoName, IsAFolderWhenBothChannelsStart) {
     app.reset();
     unlink(GetParam());
     mkdir(GetParam(), 0755);
-    host.command("speaker on");
-    host.command("mic on");
+    switchBoth(true);
     expectNobodyBusy();
     const std::string refusal =
         isRx() ? std::string("failed to open ") + kFifoRx
                : std::string("closing ") + GetParam() + ", failed to read rc=-1, expect 1920";
     EXPECT_GE(daemon.count(refusal), 1);
     bringAppBack();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(FifoName, IsAFileWhenTheDaemonStarts) {
@@ -104,13 +98,11 @@ TEST_P(FifoName, IsAFileWhenTheDaemonStarts) {
     app = std::make_unique<App>();
     startDaemon();
     bringAppBack();
-    EXPECT_EQ(findDamage(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, FifoName, testing::Values(board::kFifoRx, board::kFifoTx),
                          [](const auto& info) {
                              return info.param == board::kFifoRx ? "Rx" : "Tx";
                          });
-
 }  // namespace
 }  // namespace uafd

@@ -29,7 +29,7 @@ constexpr Ns kPeriodTime = 5 * kMs;
 
 int minutes = 1;
 
-class FrequentXruns : public BoardCase {
+class FrequentXruns : public Scenario {
   protected:
     // Every break comes within `reach` of an xrun, no loss is larger than what the driver held, and
     // the latency never leaves its bounds.
@@ -55,8 +55,7 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     start();
     RampCheck heard(this, board::kSpeakerDirection);
     RampCheck recorded(this, board::kMicDirection);
-    host.command("speaker on");
-    host.command("mic on");
+    switchBoth(true);
     board::sleepFor(kSettling);
     const size_t mark = daemon.mark();
     std::vector<Ns> xruns;
@@ -80,9 +79,7 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     EXPECT_EQ(daemon.count("ready ", mark), 2 * count);
     check("speaker", &heard, xruns, kPeriod + kUsbFrame, 9 * kMs);
     check("microphone", &recorded, xruns, kRing + kUsbFrame, 25 * kMs);
-    EXPECT_EQ(findDamage(), "");
 }
-
 }  // namespace
 }  // namespace uafd
 

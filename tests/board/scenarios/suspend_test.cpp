@@ -76,7 +76,6 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
         EXPECT_NEAR(static_cast<double>(took), static_cast<double>(row.seconds * kSecond), kMs);
         expectHealthy(&sound, again + healthyAfter);
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 // What was copied before the transfer failed does not count: a read's period is heard twice, a
@@ -96,7 +95,6 @@ TEST_P(Suspend, InATransferCostsAPeriod) {
     EXPECT_EQ(losses[0].silent, 0);
     EXPECT_NEAR(static_cast<double>(losses[0].lost), static_cast<double>(either(-240, 240)), 1);
     expectHealthy(&sound, before.at + kHealing);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
@@ -115,7 +113,6 @@ TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
     expectStopped(before, suspendMet(direction()) + failedPrepare(direction(), "suspend", 1) +
                               times(3, restart));
     expectStartable();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Suspend, LeavesTheOtherWayAlone) {
@@ -133,7 +130,6 @@ TEST_P(Suspend, LeavesTheOtherWayAlone) {
         EXPECT_LT(gap.at, from);
     }
     EXPECT_GE(sound.sections().back().end, from + 4 * kSecond - 20 * kMs);
-    EXPECT_EQ(findDamage(), "");
 }
 
 // The channel's thread asks the driver once a second and sees nothing else meanwhile.
@@ -148,7 +144,6 @@ TEST_P(Suspend, OutlastsTheHostsStop) {
     expectStopped(before, suspendMet(direction()) + stopRequest(1) + ready(), 4 * kSecond);
     EXPECT_GE(board::now(), before.at + 3 * kSecond);
     expectStartable();
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
@@ -169,10 +164,8 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
                   ready());
     EXPECT_TRUE(told(before).empty());
     expectHealthy(&sound, before.at + 3 * kSecond + kHealing);
-    EXPECT_EQ(findDamage(), "");
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(Suspend);
-
 }  // namespace
 }  // namespace uafd

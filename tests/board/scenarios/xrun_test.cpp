@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The gadget driver loses its stream for a moment, whatever the daemon is doing: the daemon
-// restarts the stream at once, and no more sound is lost than the driver held.
+// restarts the stream at once, and no more sound is lost than the driver held. Or the driver
+// refuses to restart it, or fails in the middle of it: the channel stops after three more passes,
+// tells the app, and starts at the host's next on event.
 #include <cerrno>
 
 #include "tests/board/scenarios/stream_case.h"
@@ -13,6 +15,9 @@ using board::kMs;
 using board::Message;
 using board::Ns;
 using board::RampCheck;
+using stream_log::failedPrepare;
+using stream_log::failure;
+using stream_log::kickStart;
 using stream_log::ready;
 using stream_log::recovery;
 using stream_log::stop;
@@ -83,7 +88,6 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
                     static_cast<double>(either(i * kUsbFrame, kRing - i * kUsbFrame)),
                     either(0, 3));
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Xrun, TenTimesInARow) {
@@ -98,7 +102,6 @@ TEST_P(Xrun, TenTimesInARow) {
     EXPECT_TRUE(told(before).empty());
     EXPECT_LE(sound.lost(), 10 * either(kUsbFrame, kRing));
     expectHealthy(&sound, before.at + kHealing);
-    EXPECT_EQ(findDamage(), "");
 }
 
 // A read has taken its period by then; a write's period is lost with what the driver held.
@@ -117,7 +120,6 @@ TEST_P(Xrun, InATransfer) {
         expectHealthy(&sound, before.at + kHealing);
     }
     EXPECT_LE(sound.lost(), either(int64_t{0}, 11 * kRing));
-    EXPECT_EQ(findDamage(), "");
 }
 
 // This includes the time in which the speaker's beginning is held back and the microphone's buffer
@@ -143,7 +145,6 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
                   (std::vector<Message>{{direction().channel, 1}, {direction().channel, 0}}));
     }
     EXPECT_GE(overruns(before), milliseconds - 1);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Xrun, WhileTheAppPauses) {
@@ -164,7 +165,6 @@ TEST_P(Xrun, WhileTheAppPauses) {
     expectLog(before, recovery(direction()));
     EXPECT_EQ(requests(before), kRestart);
     expectHealthy(&sound, goesOn + kHealing);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Xrun, WhileTheAppIsAway) {
@@ -179,7 +179,6 @@ TEST_P(Xrun, WhileTheAppIsAway) {
     waitForStarts(1, before);
     EXPECT_EQ(overruns(before), 1);
     EXPECT_EQ(requests(before), kRestart);
-    EXPECT_EQ(findDamage(), "");
 }
 
 TEST_P(Xrun, WhileTheHostStalls) {
@@ -203,7 +202,6 @@ TEST_P(Xrun, WhileTheHostStalls) {
     expectLog(before, stall + recovery(direction()) + either(Lines{}, end + stall) + end);
     EXPECT_EQ(requests(before), kRestart);
     expectHealthy(&sound, goesOn + kHealing);
-    EXPECT_EQ(findDamage(), "");
 }
 
 // The xrun strikes in each pass that a stop waits for: the current one and three more. After the
@@ -229,7 +227,6 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
         EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 0}}));
         host.command(std::string(direction().name) + " off");
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 // A read needs a running stream, so the speaker's channel stops. A write that fails to start the
@@ -242,8 +239,7 @@ TEST_P(Xrun, WhoseFirstRestartFails) {
     arm("start 5");
     command("xrun");
     if (isSpeaker()) {
-        expectStopped(before,
-                      recovery(direction()) + stream_log::failure(direction(), kRestartFailed, 1));
+        expectStopped(before, recovery(direction()) + failure(direction(), kRestartFailed, 1));
         expectStartable();
     } else {
         board::sleepFor(kHealing + kLook);
@@ -251,10 +247,65 @@ TEST_P(Xrun, WhoseFirstRestartFails) {
         expectLog(before, recovery(direction()));
         expectHealthy(&sound, before.at + kHealing);
     }
-    EXPECT_EQ(findDamage(), "");
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(Xrun);
+// ---- Recoveries that fail ----------------------------------------------------------------------
 
+class FailedRecovery : public StreamCase {
+  protected:
+    // The lines of `pass` in each state: in the pass that fails first, and in the three passes that
+    // a stop waits for.
+    template <typename Pass>
+    static Lines everyPass(Pass&& pass) {
+        return pass(1) + pass(2) + pass(2) + pass(2);
+    }
+    static Lines transferFails(int state) {
+        return failure(direction(),
+                       either("stopping, unexpected read error",
+                              "stopping, unexpected write error(Input/output error)"),
+                       state);
+    }
+    static Lines restartFails(int state) {
+        return isSpeaker() ? failure(direction(),
+                                     "stopping, ALSA failed to start: Input/output error", state)
+                           : kickStart(direction()) + transferFails(state);
+    }
+
+    // The faults strike the running stream: the channel stops, with these lines in its log.
+    void expectStop(const char* name, const std::vector<std::string>& faults, const Lines& log) {
+        SCOPED_TRACE(name);
+        board::sleepFor(100 * kMs);
+        const Moment before = mark();
+        for (const std::string& fault : faults) {
+            fault == "xrun" ? command(fault) : arm(fault);
+        }
+        expectStopped(before, log);
+        host.command("fault clear");
+        expectStartable();
+    }
+};
+
+TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
+    switchOn();
+    expectStop(
+        "one prepare fails", {"prepare 5", "xrun"},
+        xrunMet(direction()) + failedPrepare(direction(), "underrun", 1) + recovery(direction()));
+    expectStop(
+        "one prepare fails after a transfer", {"prepare 5", "transfer 32"},
+        xrunMet(direction()) + failedPrepare(direction(), "underrun", 1) + recovery(direction()));
+    expectStop("every prepare fails", {"prepare 5 times=0", "xrun"}, everyPass([](int state) {
+                   return xrunMet(direction()) + failedPrepare(direction(), "underrun", state);
+               }));
+    // A playback ring that never plays is full after three writes; the driver then delays each
+    // further write by a tenth of a second.
+    const Lines full = kickStart(direction()) + Lines{"D UAFSRC: timeout0, rc=0"};
+    expectStop("every start fails", {"start 5 times=0", "xrun"},
+               recovery(direction()) + either(Lines{}, full) + everyPass(restartFails));
+    expectStop("one transfer fails", {"ack 5"}, transferFails(1));
+    expectStop("every transfer fails", {"ack 5 times=0"}, everyPass(transferFails));
+}
+
+INSTANTIATE_BOTH_DIRECTIONS(FailedRecovery);
 }  // namespace
 }  // namespace uafd

@@ -13,7 +13,7 @@
 
 #include "board/kit/audio_host.h"
 #include "board/kit/usb/wire_board.h"
-#include "tests/board/case_name.h"
+#include "tests/board/board_case.h"
 
 namespace uafd {
 
