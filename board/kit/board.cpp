@@ -26,7 +26,7 @@ void SimulatedAudioHost::play(const Voice& voice) {
     player.reset();
     host->command("flush speaker");
     player = std::make_unique<HostPlayer>(voice);
-    waitFor([this] { return player->queued() > 0; });
+    player->fill(1);
     host->command("speaker on");
 }
 

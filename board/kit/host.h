@@ -42,6 +42,10 @@ class Host {
     std::vector<HostEvent> eventsSince(Ns since);
     // How many events from `since` on have this text at their beginning.
     int countEvents(const std::string& beginning, Ns since);
+    // True as soon as there are so many.
+    bool waitForEvents(const std::string& beginning, Ns since, int count = 1) {
+        return waitFor([&] { return countEvents(beginning, since) == count; });
+    }
 
     // When frame `frame` of a stream ("speaker" or "mic") moved, by the host's clock. Correct if
     // the clock's offset has not changed since.
@@ -70,6 +74,10 @@ class HostPlayer {
 
     // Frames handed to the device so far.
     int64_t queued() const { return queuedFrames; }
+    // Waits until there are so many.
+    bool fill(int64_t frames = kRate) const {
+        return waitFor([&] { return queued() >= frames; });
+    }
 
   private:
     void run();

@@ -98,7 +98,7 @@ RampCheck::RampCheck(Board* board, const Direction& direction)
     board->host.command(std::string("flush ") + direction.name);
     if (isSpeaker()) {
         player = std::make_unique<HostPlayer>(ramp);
-        waitFor([this] { return player->queued() > kRate; });
+        player->fill();
         board->app->takeHeard();
     } else {
         board->app->speak(ramp);

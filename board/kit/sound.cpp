@@ -106,6 +106,44 @@ int64_t findWhole(const Samples& part, const Samples& whole) {
     return found == whole.end() ? -1 : found - whole.begin();
 }
 
+std::vector<Gap> findGaps(const Samples& recording, const Voice& voice) {
+    constexpr int64_t kLongestGap = 4800;
+    std::vector<Gap> gaps;
+    int64_t frame = 0;  // of the voice
+    for (size_t i = firstSound(recording); i < recording.size(); ++i, ++frame) {
+        if (recording[i] == voice(frame)) {
+            continue;
+        }
+        const int64_t missing = find(recording, i, render(voice, frame, kLongestGap));
+        gaps.push_back({static_cast<int64_t>(i), missing});
+        if (missing < 0) {
+            break;
+        }
+        frame += missing;
+    }
+    return gaps;
+}
+
+int breaksIn(const Samples& recording, size_t from, size_t to) {
+    int breaks = 0;
+    for (size_t i = from + 1; i < to; ++i) {
+        breaks += recording[i] == ramp(recording[i - 1] + 1) ? 0 : 1;
+    }
+    return breaks;
+}
+
+int breaksIn(const Samples& recording) {
+    return breaksIn(recording, firstSound(recording), recording.size());
+}
+
+int upwardCrossings(const Samples& samples, size_t from, size_t to) {
+    int upward = 0;
+    for (size_t i = from + 1; i < to; ++i) {
+        upward += samples[i - 1] < 0 && samples[i] >= 0 ? 1 : 0;
+    }
+    return upward;
+}
+
 int largestSecondDifference(const Samples& samples, size_t from, size_t to) {
     int largest = 0;
     for (size_t i = from + 2; i < to; ++i) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,24 @@ int64_t find(const Samples& heard, size_t from, const Samples& played);
 // The position at which `whole` contains all of `part`; -1 if there is none.
 int64_t findWhole(const Samples& part, const Samples& whole);
 
+// Where a recording misses frames.
+struct Gap {
+    int64_t at;       // the recording's frame before which frames are missing
+    int64_t missing;  // how many; -1: what follows is not of the voice
+    bool operator==(const Gap& other) const { return at == other.at && missing == other.missing; }
+};
+inline void PrintTo(const Gap& gap, std::ostream* out) {
+    *out << gap.missing << " before frame " << gap.at;
+}
+// The recording is silence and then `voice`, in which every stretch occurs once, from its first
+// frame on.
+std::vector<Gap> findGaps(const Samples& recording, const Voice& voice);
+// How often a recording of the ramp breaks: in [from, to), or from its first sound on.
+int breaksIn(const Samples& recording, size_t from, size_t to);
+int breaksIn(const Samples& recording);
+
+// How often the samples in [from, to) cross zero upwards: a tone's periods.
+int upwardCrossings(const Samples& samples, size_t from, size_t to);
 // The largest second difference of the samples in [from, to): a click is a large one.
 int largestSecondDifference(const Samples& samples, size_t from, size_t to);
 

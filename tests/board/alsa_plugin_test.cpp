@@ -3,7 +3,6 @@
 // sound in both directions, the mixer, and what host and daemon do meanwhile.
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,23 +33,6 @@ const Words kNative = {"-q", "-t", "raw", "-f", "S16_LE", "-c", "2", "-r", "4800
 constexpr int kBlock = 480;  // 10 ms
 constexpr char kHeardFile[] = "/out/heard.raw";
 constexpr char kSaidFile[] = "/out/said.raw";
-
-void writeRaw(const std::string& path, const board::Samples& samples, int channels) {
-    std::ofstream file(path, std::ios::binary);
-    for (const int16_t sample : samples) {
-        for (int i = 0; i < channels; ++i) {
-            file.write(reinterpret_cast<const char*>(&sample), sizeof sample);
-        }
-    }
-}
-
-int upwardCrossings(const board::Samples& samples) {
-    int upward = 0;
-    for (size_t i = 1; i < samples.size(); ++i) {
-        upward += samples[i - 1] < 0 && samples[i] >= 0 ? 1 : 0;
-    }
-    return upward;
-}
 
 // One of ALSA's programs.
 class Program {
@@ -105,7 +87,7 @@ class AlsaPlugin : public BoardCase {
 // daemon.
 TEST_F(AlsaPlugin, RecordsWhatTheHostPlaysAndSilenceBetween) {
     const board::HostPlayer player(board::ramp);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    ASSERT_TRUE(player.fill());
     const Ns begun = board::now();
     const Program recorder = record("3");
     startWithoutApp();
@@ -139,7 +121,7 @@ TEST_F(AlsaPlugin, PlaysWhatTheHostRecordsAtTheClocksPace) {
     const board::Samples said = board::render(board::noise, 1, kRate / 2);
     board::Samples file(7 * kRate / 2);
     file.insert(file.end(), said.begin(), said.end());
-    writeRaw(kSaidFile, file, 2);
+    writeRaw(kSaidFile, file);
     board::sleepFor(kSecond / 5);
     host.takeRecording();
     const Ns begun = board::now();
@@ -167,19 +149,19 @@ TEST_F(AlsaPlugin, ConvertsOtherFormatsWithPlug) {
     host.takeRecording();
     play("plug:uafd", other).expectDone();
     const board::Samples recorded = host.takeRecording();
-    EXPECT_NEAR(upwardCrossings(recorded), 441, 8);
+    EXPECT_NEAR(board::upwardCrossings(recorded, 0, recorded.size()), 441, 8);
     recorder.expectDone();
     const board::Samples heard = readRaw(kHeardFile);
     EXPECT_EQ(heard.size(), 2U * 44100);
     const auto sound = static_cast<int>((heard.size() - board::firstSound(heard)) / 100);
     EXPECT_GT(sound, 441);
-    EXPECT_NEAR(upwardCrossings(heard), sound, 8);
+    EXPECT_NEAR(board::upwardCrossings(heard, 0, heard.size()), sound, 8);
 }
 
 // Both programs run on as if nothing had happened. A second one of either kind is refused.
 TEST_F(AlsaPlugin, OutlivesTheDaemon) {
     const board::HostPlayer player(board::ramp);
-    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
+    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate));
     const Program recorder = record("3");
     startWithoutApp();
     bothOn();
@@ -318,7 +300,7 @@ TEST_F(AlsaPlugin, HasTheHostsMixer) {
 // Programs that are killed in the middle of a stream leave the daemon whole.
 TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
     const board::HostPlayer player(board::ramp);
-    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate), 2);
+    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate));
     {
         const Program recorder = record("30");
         startWithoutApp();

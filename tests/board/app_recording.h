@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a program recorded from the daemon: stereo, 16 bits, 48000 Hz, of which both channels are
-// the host's, in a file. One thread.
+// What a program recorded from the daemon or plays to it: stereo, 16 bits, 48000 Hz, in a file. Of
+// what was recorded both channels are the host's. One thread.
 #pragma once
 
 #include <algorithm>
@@ -15,6 +15,15 @@
 namespace uafd {
 
 constexpr size_t kWavHeader = 44;
+
+// The same in each channel.
+inline void writeRaw(const std::string& path, const board::Samples& samples, int channels = 2) {
+    board::Samples all;
+    for (const int16_t sample : samples) {
+        all.insert(all.end(), static_cast<size_t>(channels), sample);
+    }
+    board::put(path, {reinterpret_cast<const char*>(all.data()), all.size() * sizeof all[0]});
+}
 
 // Both channels, after a header of so many bytes.
 inline board::Samples readRaw(const std::string& path, size_t header = 0) {
@@ -62,13 +71,8 @@ inline std::vector<Stretch> stretchesOf(const board::Samples& heard) {
     return found;
 }
 
-// How often a sample of the ramp is not the one before plus one.
-inline int breaksIn(const board::Samples& ramp, const Stretch& stretch) {
-    int breaks = 0;
-    for (size_t i = stretch.from + 1; i < stretch.from + stretch.frames; ++i) {
-        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
-    }
-    return breaks;
+inline int breaksIn(const board::Samples& recording, const Stretch& stretch) {
+    return board::breaksIn(recording, stretch.from, stretch.from + stretch.frames);
 }
 
 }  // namespace uafd

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <sched.h>
 #include <string>
@@ -96,13 +95,7 @@ class Bridge : public BoardCase {
     }
     // What the user will say: a tone.
     static void prepareSpeech(int seconds) {
-        std::ofstream file(kSaidFile, std::ios::binary);
-        for (const int16_t sample :
-             board::render(board::sine(kToneHz), 0, int64_t{kRate} * seconds)) {
-            for (int i = 0; i < 2; ++i) {
-                file.write(reinterpret_cast<const char*>(&sample), sizeof sample);
-            }
-        }
+        writeRaw(kSaidFile, board::render(board::sine(kToneHz), 0, int64_t{kRate} * seconds));
     }
     static std::unique_ptr<ChildProcess> speak() {
         return std::make_unique<ChildProcess>(Words{"/usr/bin/aplay", "-q", "-D", kUsersCard, "-t",

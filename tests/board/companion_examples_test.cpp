@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "board/kit/host.h"
+#include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 #include "tests/support/child_process.h"
 
@@ -28,6 +29,12 @@ class CompanionExamples : public BoardCase {
         words[0].insert(0, "/tests/example_");
         return example.emplace(words);
     }
+    void expectToSay(const std::string& line) {
+        EXPECT_TRUE(board::waitFor([&] {
+            return example->output().find(line) != std::string::npos;
+        })) << example->output();
+    }
+
     uafd::Companion other;
     std::optional<ChildProcess> example;
 };
@@ -38,15 +45,9 @@ TEST_F(CompanionExamples, RecordsAndLetsTheDaemonStart) {
     startDaemon();
     host.command("speaker on");
     EXPECT_EQ(example->wait(), 0) << example->errors();
-    const std::string bytes = board::contents("/out/heard.raw");
-    ASSERT_EQ(bytes.size(), 5U * kRate * 4);
-    const auto* const samples = reinterpret_cast<const int16_t*>(bytes.data());
-    int breaks = 0;
-    for (size_t i = 2; i < bytes.size() / 2; i += 2) {
-        EXPECT_EQ(samples[i], samples[i + 1]) << i;
-        breaks += samples[i] != static_cast<int16_t>(samples[i - 2] + 1) ? 1 : 0;
-    }
-    EXPECT_LE(breaks, 1) << "one from silence to sound";
+    const board::Samples heard = heardIn("/out/heard.raw");
+    EXPECT_EQ(heard.size(), 5U * kRate);
+    EXPECT_EQ(board::breaksIn(heard), 0);
 }
 
 TEST_F(CompanionExamples, LetsTheHostRecordATone) {
@@ -58,14 +59,10 @@ TEST_F(CompanionExamples, LetsTheHostRecordATone) {
     const board::Samples recorded = host.takeRecording();
     const size_t first = board::firstSound(recorded);
     ASSERT_GT(recorded.size() - first, 4U * kRate);
-    int turns = 0;
-    int peak = 0;
-    for (size_t i = first + 1; i < first + 4 * kRate; ++i) {
-        turns += recorded[i - 1] < 0 && recorded[i] >= 0 ? 1 : 0;
-        peak = std::max(peak, std::abs(int{recorded[i]}));
-    }
-    EXPECT_NEAR(turns, 4 * 440, 5);
-    EXPECT_NEAR(peak, 8000, 10);
+    const board::Samples tone(recorded.begin() + static_cast<std::ptrdiff_t>(first),
+                              recorded.begin() + static_cast<std::ptrdiff_t>(first) + 4 * kRate);
+    EXPECT_NEAR(board::upwardCrossings(tone, 0, tone.size()), 4 * 440, 5);
+    EXPECT_NEAR(*std::max_element(tone.begin(), tone.end()), 8000, 10);
 }
 
 TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
@@ -73,18 +70,15 @@ TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
     startDaemon();
     const board::Ns since = board::now();
     start({"volume", "-1280"});
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -1280 0", since) == 1; }));
-    const auto told = [this] { return example->output(); };
-    EXPECT_TRUE(board::waitFor([&] { return told().find("microphone 0\n") != std::string::npos; }));
-    EXPECT_THAT(told(), StartsWith("daemon 1\nusb 1\nspeaker 0\nmicrophone 0\n"));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME -1280 0", since));
+    expectToSay("microphone 0\n");
+    EXPECT_THAT(example->output(), StartsWith("daemon 1\nusb 1\nspeaker 0\nmicrophone 0\n"));
     host.command("volume speaker -512");
-    EXPECT_TRUE(
-        board::waitFor([&] { return told().find("speaker volume -512\n") != std::string::npos; }));
+    expectToSay("speaker volume -512\n");
     host.command("mic on");
-    EXPECT_TRUE(board::waitFor([&] { return told().find("microphone 1\n") != std::string::npos; }));
+    expectToSay("microphone 1\n");
     daemon.stop();
-    EXPECT_TRUE(board::waitFor([&] { return told().find("daemon 0\n") != std::string::npos; }));
+    expectToSay("daemon 0\n");
 }
 
 // Each example reports in one line what is wrong.

@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 
 #include "board/kit/host.h"
+#include "tests/board/app_recording.h"
 #include "tests/board/board_case.h"
 
 namespace uafd {
@@ -31,15 +32,6 @@ using testing::ElementsAre;
 using Event = std::pair<uafd_event_type, int>;
 
 constexpr int64_t kBlock = UAFD_BLOCK_FRAMES;
-
-// How often a recorded ramp is broken, counted from its first sound.
-int breaksIn(const board::Samples& ramp) {
-    int breaks = 0;
-    for (size_t i = board::firstSound(ramp) + 1; i < ramp.size(); ++i) {
-        breaks += ramp[i] != static_cast<int16_t>(ramp[i - 1] + 1) ? 1 : 0;
-    }
-    return breaks;
-}
 
 // An app that uses the library in a thread of its own: it sends noise, and keeps the sound and the
 // events that it receives.
@@ -192,7 +184,7 @@ class CompanionLibrary : public BoardCase {
 TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     start();
     const board::HostPlayer player(board::ramp);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    ASSERT_TRUE(player.fill());
     const uafd_counts before = library->counts();
     switchBoth(true);
     EXPECT_TRUE(isHeard());
@@ -200,7 +192,7 @@ TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     const uafd_counts after = library->counts();
     const board::Samples heard = library->takeHeard();
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate));
-    EXPECT_EQ(breaksIn(heard), 0);
+    EXPECT_EQ(board::breaksIn(heard), 0);
     EXPECT_GE(after.frames_read - before.frames_read, heard.size());
     EXPECT_GT(after.blocks_taken, before.blocks_taken + 100);
 }
@@ -237,8 +229,7 @@ TEST_F(CompanionLibrary, SetsVolumeAndMute) {
     EXPECT_EQ(library->companion.setSpeakerVolume(-2560), 0);
     EXPECT_EQ(library->companion.setSpeakerMute(true), 0);
     EXPECT_EQ(library->companion.setSpeakerMute(false), 0);
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 0 0", since) == 1; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_MUTE 0 0", since));
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -2560 0", since), 1);
 }
@@ -402,20 +393,12 @@ TEST_F(CompanionLibrary, RunsTheExample) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(used.ru_utime.tv_sec + used.ru_stime.tv_sec, 0)
         << "it used the processor for a second";
-    const std::string bytes = board::contents("/out/heard.raw");
-    board::Samples left;
-    for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
-        left.push_back(*reinterpret_cast<const int16_t*>(bytes.data() + i));
-    }
+    const board::Samples left = heardIn("/out/heard.raw");
     ASSERT_GT(left.size(), static_cast<size_t>(4 * kRate));
-    EXPECT_EQ(breaksIn(left), 0);
+    EXPECT_EQ(board::breaksIn(left), 0);
     // The tone's period is 109 frames; latency control bends it by a sample now and then.
     const board::Samples recorded = host.takeRecording();
-    int upward = 0;
-    for (size_t i = 1; i < recorded.size(); ++i) {
-        upward += recorded[i - 1] < 0 && recorded[i] >= 0 ? 1 : 0;
-    }
-    EXPECT_NEAR(upward, 4.5 * 440, 0.5 * 440);
+    EXPECT_NEAR(board::upwardCrossings(recorded, 0, recorded.size()), 4.5 * 440, 0.5 * 440);
 }
 
 }  // namespace

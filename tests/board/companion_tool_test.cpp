@@ -132,16 +132,14 @@ TEST_F(CompanionTool, FindsWhatTheHostLeavesUndone) {
 
 TEST_F(CompanionTool, RecordsPlaysAndTells) {
     const board::HostPlayer player(board::ramp);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    ASSERT_TRUE(player.fill());
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "1"});
     switchBoth(true);
     EXPECT_EQ(outputAfter(0), "");
     const board::Samples heard = board::readWav("/out/heard.wav");
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate / 2));
     ASSERT_LE(heard.size(), static_cast<size_t>(kRate));
-    for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
-        ASSERT_EQ(heard[i], static_cast<int16_t>(heard[i - 1] + 1)) << i;
-    }
+    EXPECT_EQ(board::breaksIn(heard), 0);
 
     const board::Samples speech = board::render(board::noise, 0, kRate);
     board::writeWav("/out/said.wav", speech);

@@ -223,5 +223,6 @@ TEST_F(Faults, TheGadgetIsReboundInMidStreamAtOnce) {
         ASSERT_TRUE(settle());
     }
 }
+
 }  // namespace
 }  // namespace uafd

@@ -239,10 +239,9 @@ TEST_F(Programs, Alsamixer) {
     host.command("mute speaker 1");
     EXPECT_TRUE(terminal.shows("│MM│")) << terminal.text();
     terminal.press("m");
-    EXPECT_TRUE(board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 0", since) > 0; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_MUTE 0", since));
     terminal.press("Down");
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -2816", since) > 0; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME -2816", since));
     EXPECT_TRUE(terminal.shows("Item: Speaker [dB gain: -11.00]")) << terminal.text();
     board::put("/out/alsamixer.txt", terminal.text());
     terminal.press("F4");

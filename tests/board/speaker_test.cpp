@@ -29,7 +29,7 @@ class Speaker : public BoardCase {
         host.command("flush speaker");
         app->takeHeard();
         const HostPlayer player(noise);
-        board::waitFor([&] { return player.queued() > kRate; });
+        player.fill();
         const size_t messages = app->messages().size();
         onAt = board::now();
         host.command("speaker on");
@@ -146,7 +146,7 @@ TEST_F(Speaker, HoldsBackOnePeriodInHalfOfThePhases) {
 TEST_F(Speaker, FillsAStalledStreamWithSilence) {
     start();
     const HostPlayer player(noise);
-    board::waitFor([&] { return player.queued() > kRate; });
+    player.fill();
     host.command("speaker on");
     board::sleepFor(500 * kMs);
     host.command("stall speaker 1");

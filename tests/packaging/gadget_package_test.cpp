@@ -16,7 +16,6 @@
 #include "board/kit/usb/pcm_stream.h"
 #include "board/kit/usb/usb_host.h"
 #include "board/kit/usb/wire.h"
-#include "tests/board/usb/sound_gaps.h"
 #include "tests/support/child_process.h"
 
 namespace uafd {
@@ -143,8 +142,8 @@ TEST(GadgetPackage, StreamsOverUsbAfterUp) {
     ASSERT_LT(first + board::kRate / 4, heard.size());
     const int64_t from = board::find(heard, first, board::render(board::noise, 0, board::kRate));
     ASSERT_GE(from, 0);
-    EXPECT_EQ(findGaps(heard, [&](int64_t frame) { return board::noise(from + frame); }),
-              std::vector<Gap>());
+    EXPECT_EQ(board::findGaps(heard, [&](int64_t frame) { return board::noise(from + frame); }),
+              std::vector<board::Gap>());
 
     // What the host plays comes back to it.
     ChildProcess loop({"/usr/bin/uafd-companion", "loop"}, becomeAppOfTheGroup);

@@ -201,8 +201,7 @@ TEST(Package, MakesTheHostAnAlsaDevice) {
     ChildProcess mixer({"/usr/bin/amixer", "-D", "uafd", "--", "sset", "Speaker", "-10dB"},
                        becomeAppOfTheGroup);
     EXPECT_EQ(mixer.wait(), 0) << mixer.errors();
-    EXPECT_TRUE(
-        waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME -2560 0", since) == 1; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME -2560 0", since));
     host.reset();
     // The daemon may write to the socket that the mixer left behind.
     EXPECT_EQ(outputOf("stat -c '%a %G' /tmp/usbAudioUdsIpcRx"), "660 uafd");

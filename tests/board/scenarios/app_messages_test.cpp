@@ -223,8 +223,7 @@ TEST_F(AppSocket, SendsAMessageWithEveryDatagramOfEightBytesOrMore) {
         const Ns since = board::now();
         ASSERT_EQ(app->sendBytes(bytes.data(), size), 0);
         app->send({3, 0});  // once this is handled, so is what came before it
-        ASSERT_TRUE(
-            board::waitFor([&] { return host.countEvents("uac SET_SPK_VOLUME 0 0", since) == 1; }));
+        ASSERT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME 0 0", since));
         const bool isMessage = size >= sizeof(Message);
         EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), isMessage ? 1 : 0);
         EXPECT_EQ(daemon.count("unexpected msg size: " + std::to_string(size)), isMessage ? 0 : 1);
@@ -249,8 +248,7 @@ TEST_F(AppSocket, ThatGetsAnEmptyDatagramHearsTheDaemonStill) {
     missingThreads = 0;
     startDaemon();
     EXPECT_EQ(app->send({5, 1}), 0);
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_MUTE 1 0", since));
 }
 
 // ---- Sync-ups ----------------------------------------------------------------------------------
@@ -346,5 +344,6 @@ TEST_F(SyncUp, DuringStartsAndStopsNeverLeavesTheAppWithAnOldState) {
         }
     }
 }
+
 }  // namespace
 }  // namespace uafd

@@ -133,7 +133,7 @@ int64_t expectWholePeriods(const board::Samples& heard) {
 
 TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
     const HostPlayer player(board::ramp);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    ASSERT_TRUE(player.fill());
     host.command("speaker on");
     ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
     board::Samples heard = app->takeHeard().left;
@@ -171,7 +171,7 @@ TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
 // daemon stays whole.
 TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
     const HostPlayer player(board::ramp);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > kRate; }));
+    ASSERT_TRUE(player.fill());
     host.command("speaker on");
     ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
     app->listenSlowly(kPeriodTime * 4);
@@ -292,5 +292,6 @@ TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
 
 INSTANTIATE_TEST_SUITE_P(Of, ChunkSize, testing::Values(1, 3, 959, 960, 961, 1919, 1920, 4096),
                          [](const auto& info) { return std::to_string(info.param) + "Bytes"; });
+
 }  // namespace
 }  // namespace uafd

@@ -169,5 +169,6 @@ TEST_F(AwayApp, IsStopped) {
     process->thaw();
     expectBothStream();
 }
+
 }  // namespace
 }  // namespace uafd

@@ -275,5 +275,6 @@ TEST_F(CableFault, WithoutRecoveryRestartsAgainAndAgainAndWearsNothingOut) {
                               std::to_string(daemon.pid()) + "/children"),
               "");
 }
+
 }  // namespace
 }  // namespace uafd

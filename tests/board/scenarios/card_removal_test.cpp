@@ -57,9 +57,7 @@ class CardRemoval : public Scenario {
         if (state != State::kStopped) {
             const Ns before = board::now();
             command(direction, "on");
-            ASSERT_TRUE(board::waitFor([&] {
-                return host.countEvents(std::string(direction.pcm) + " start 0", before) > 0;
-            }));
+            ASSERT_TRUE(host.waitForEvents(std::string(direction.pcm) + " start 0", before));
         }
         if (state == State::kSuspended) {
             host.command(std::string("fault ") + direction.pcm + ".resume 11 times=0");
@@ -108,7 +106,7 @@ class CardRemoval : public Scenario {
         ASSERT_TRUE(settle());
         host.command("flush speaker");
         const board::HostPlayer player(board::noise, board::kRate / 2);
-        ASSERT_TRUE(board::waitFor([&] { return player.queued() == board::kRate / 2; }));
+        ASSERT_TRUE(player.fill(board::kRate / 2));
         app->takeHeard();
         host.takeRecording();
         switchBoth(true);
@@ -204,5 +202,6 @@ TEST_F(CardRemoval, WhileTheAppIsAway) {
         ASSERT_NO_FATAL_FAILURE(expectSound());
     }
 }
+
 }  // namespace
 }  // namespace uafd

@@ -74,9 +74,7 @@ class ControlDevice : public RecordCase {
         const board::Samples heard = app->takeHeard().left;
         const auto after = host.counters();
         ASSERT_GT(heard.size(), 4800U);
-        for (size_t i = 1; i < heard.size(); ++i) {
-            ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
-        }
+        EXPECT_EQ(board::breaksIn(heard, 0, heard.size()), 0);
         for (const char* key : {"capture.xruns", "playback.xruns", "capture.stops",
                                 "playback.stops", "mic.silent", "mic.stale", "speaker.lost"}) {
             EXPECT_EQ(after.at(key), before.at(key)) << key;
@@ -208,8 +206,7 @@ TEST_F(ControlDevice, ARefusedMuteIsLoggedAndForgotten) {
     app->send({5, 1});
     ASSERT_TRUE(board::waitFor([&] { return said("rxLoop: ioctl failed: <-1:5>") == 1; }));
     app->send({5, 1});
-    EXPECT_TRUE(
-        board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; }));
+    EXPECT_TRUE(host.waitForEvents("uac SET_SPK_MUTE 1 0", since));
 }
 
 // ---- Many records ------------------------------------------------------------------------------
@@ -414,5 +411,6 @@ TEST_F(Binding, ChangesInABurstEndAsTheLastRecordSays) {
         EXPECT_TRUE(hasThreads(last != 0 ? board::kStreamingThreads : board::kIdleThreads));
     }
 }
+
 }  // namespace
 }  // namespace uafd

@@ -66,8 +66,7 @@ class Environment : public Scenario {
     // The driver shows what the daemon does with the app's messages.
     bool answersTheApp() {
         const board::Ns since = board::now();
-        return app->send({5, 1}) == 0 &&
-               board::waitFor([&] { return host.countEvents("uac SET_SPK_MUTE 1 0", since) == 1; });
+        return app->send({5, 1}) == 0 && host.waitForEvents("uac SET_SPK_MUTE 1 0", since);
     }
     // Starts only the app; the daemon comes later.
     void startApp() { app = std::make_unique<board::App>(); }
@@ -288,7 +287,7 @@ class Streaming : public NoMoreMemory {
         start();
         host.command("flush speaker");
         player = std::make_unique<board::HostPlayer>(board::noise);
-        ASSERT_TRUE(board::waitFor([this] { return player->queued() > kRate; }));
+        ASSERT_TRUE(player->fill());
         app->speak(board::noise);
         bothOn();
         ASSERT_TRUE(hostHears());
@@ -362,5 +361,6 @@ TEST_F(Streaming, GoesOnWhileAnotherProcessTakesAllMemory) {
     expectExact();
     bothOff();
 }
+
 }  // namespace
 }  // namespace uafd

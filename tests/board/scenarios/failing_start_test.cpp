@@ -162,5 +162,6 @@ TEST_P(FailingStart, IsNoneAtAnotherRate) {
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(FailingStart);
+
 }  // namespace
 }  // namespace uafd

@@ -104,5 +104,6 @@ INSTANTIATE_TEST_SUITE_P(Each, FifoName, testing::Values(board::kFifoRx, board::
                          [](const auto& info) {
                              return info.param == board::kFifoRx ? "Rx" : "Tx";
                          });
+
 }  // namespace
 }  // namespace uafd

@@ -80,6 +80,7 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     check("speaker", &heard, xruns, kPeriod + kUsbFrame, 9 * kMs);
     check("microphone", &recorded, xruns, kRing + kUsbFrame, 25 * kMs);
 }
+
 }  // namespace
 }  // namespace uafd
 

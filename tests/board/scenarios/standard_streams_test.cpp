@@ -58,9 +58,8 @@ class StandardStreams : public BoardCase {
         // The sound is silence until the host's player has begun.
         const size_t first = board::firstSound(heard.left);
         ASSERT_LT(first, heard.left.size());
-        for (size_t i = first; i < heard.left.size(); ++i) {
-            ASSERT_EQ(heard.left[i], board::ramp(static_cast<int64_t>(i - first) + 1)) << i;
-        }
+        EXPECT_EQ(heard.left[first], 1);
+        EXPECT_EQ(board::breaksIn(heard.left), 0);
         bothOff();
         EXPECT_TRUE(hasThreads(board::kIdleThreads));
     }

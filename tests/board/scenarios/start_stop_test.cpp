@@ -67,9 +67,7 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
     }
     EXPECT_EQ(counts, (std::set<int>{0, 1, 2, 3}));
     // The host may have played nothing yet when its stream began.
-    for (size_t i = board::firstSound(heard) + 1; i < heard.size(); ++i) {
-        ASSERT_EQ(static_cast<int16_t>(heard[i] - heard[i - 1]), 1) << "frame " << i;
-    }
+    EXPECT_EQ(board::breaksIn(heard), 0);
     // The next on event came too late: the channel has stopped, and starts again.
     EXPECT_EQ(said("start, opening hw:1"), 1);
     expectTold({{channel(), 0}, {channel(), 1}});

@@ -167,5 +167,6 @@ TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(Suspend);
+
 }  // namespace
 }  // namespace uafd

@@ -146,7 +146,7 @@ class Flood : public Uevents, public testing::WithParamInterface<bool> {
 TEST_P(Flood, OfAHundredThousandPassesAndLeavesNothing) {
     host.command("flush speaker");
     const board::HostPlayer player(board::noise);
-    ASSERT_TRUE(board::waitFor([&] { return player.queued() > board::kRate; }));
+    ASSERT_TRUE(player.fill());
     app->speak(board::noise);
     bothOn();
     ASSERT_TRUE(hostHears());
@@ -179,5 +179,6 @@ TEST_P(Flood, OfAHundredThousandPassesAndLeavesNothing) {
 INSTANTIATE_TEST_SUITE_P(Of, Flood, testing::Bool(), [](const auto& info) {
     return info.param ? "KernelUevents" : "ProcessUevents";
 });
+
 }  // namespace
 }  // namespace uafd

@@ -307,5 +307,6 @@ TEST_P(FailedRecovery, StopsTheChannelUntilTheHostsNextWord) {
 }
 
 INSTANTIATE_BOTH_DIRECTIONS(FailedRecovery);
+
 }  // namespace
 }  // namespace uafd

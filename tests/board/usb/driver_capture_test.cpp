@@ -14,7 +14,7 @@
 #include "board/kit/files.h"
 #include "board/kit/sound.h"
 #include "board/kit/usb/usb_monitor.h"
-#include "tests/board/usb/driver_case.h"
+#include "tests/board/usb/usb_case.h"
 
 namespace uafd {
 namespace {

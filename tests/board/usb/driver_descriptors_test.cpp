@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/board/usb/driver_case.h"
+#include "tests/board/usb/usb_case.h"
 
 namespace uafd {
 namespace {

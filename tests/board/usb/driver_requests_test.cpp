@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "board/kit/random.h"
-#include "tests/board/usb/driver_case.h"
+#include "tests/board/usb/usb_case.h"
 
 namespace uafd {
 namespace {

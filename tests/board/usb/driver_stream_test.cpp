@@ -13,8 +13,7 @@
 #include "board/kit/sound.h"
 #include "board/kit/usb/usb_monitor.h"
 #include "tests/board/uevents.h"
-#include "tests/board/usb/driver_case.h"
-#include "tests/board/usb/sound_gaps.h"
+#include "tests/board/usb/usb_case.h"
 
 namespace uafd {
 namespace {
@@ -34,7 +33,7 @@ using board::waitFor;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr int64_t kEnoughFrames = 24000;
+constexpr int64_t kHeardFrames = 24000;
 constexpr uint8_t kFeedbackIn = 0x83;
 constexpr char kStatePath[] = "/sys/class/android_usb/android0/state";
 constexpr uint32_t kSpeakerActive = 2;
@@ -53,16 +52,16 @@ class Sound : public DriverCase {
         PcmPlayer hostSpeaker(kHostPcm, noise);
         const Ns begin = now();
         ASSERT_TRUE(waitFor(
-            [&] { return app.frames() > kEnoughFrames && hostMic.frames() > kEnoughFrames; }));
+            [&] { return app.frames() > kHeardFrames && hostMic.frames() > kHeardFrames; }));
         EXPECT_LT(now() - begin, 700 * kMs);
         for (board::PcmStream* stream :
              std::initializer_list<board::PcmStream*>{&app, &hostMic, &appMic, &hostSpeaker}) {
             stream->stop();
         }
-        EXPECT_THAT(findGaps(app.recording(), noise), IsEmpty());
-        EXPECT_THAT(findGaps(hostMic.recording(), noise), IsEmpty());
-        EXPECT_LT(board::firstSound(app.recording()), kEnoughFrames / 2U);
-        EXPECT_LT(board::firstSound(hostMic.recording()), kEnoughFrames / 2U);
+        EXPECT_THAT(board::findGaps(app.recording(), noise), IsEmpty());
+        EXPECT_THAT(board::findGaps(hostMic.recording(), noise), IsEmpty());
+        EXPECT_LT(board::firstSound(app.recording()), kHeardFrames / 2U);
+        EXPECT_LT(board::firstSound(hostMic.recording()), kHeardFrames / 2U);
         expectFeedback(&monitor, fullSpeed);
     }
 

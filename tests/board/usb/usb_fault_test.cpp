@@ -13,9 +13,9 @@
 
 #include "board/kit/clock.h"
 #include "board/kit/sound.h"
-#include "tests/board/usb/sound_gaps.h"
 #include "tests/board/usb/usb_case.h"
 
+namespace uafd {
 namespace {
 
 using board::IsoPacket;
@@ -242,14 +242,14 @@ TEST_P(FaultySound, MissesWhatItsPacketCarried) {
     player.stop();
     EXPECT_THAT(wire.uframesOf("fault " + end + " " + row.fault, first),
                 ElementsAre(first, second));
-    const std::vector<Gap> gaps = findGaps(recorder.recording(), noise);
+    const std::vector<board::Gap> gaps = board::findGaps(recorder.recording(), noise);
     if (row.missing == 0) {
         EXPECT_THAT(gaps, IsEmpty());
         return;
     }
     ASSERT_EQ(gaps.size(), 2U);
     EXPECT_EQ(gaps[0].missing, row.missing);
-    EXPECT_EQ(gaps[1], (Gap{gaps[0].at + 99 * kPacketFrames, row.missing}));
+    EXPECT_EQ(gaps[1], (board::Gap{gaps[0].at + 99 * kPacketFrames, row.missing}));
     if (!row.toHost) {
         // The gadget's card moves with the packets, from the first on.
         const int64_t packets = counters.at(end + ".packets") - packetsBefore -
@@ -319,3 +319,4 @@ TEST_F(UsbCase, RefusesWhatItDoesNotUnderstand) {
 }
 
 }  // namespace
+}  // namespace uafd

@@ -12,8 +12,9 @@
 #include "board/kit/files.h"
 #include "board/kit/usb/kernel_gadget.h"
 #include "board/kit/usb/usb_host.h"
-#include "tests/board/usb/wire_module.h"
+#include "tests/board/usb/usb_case.h"
 
+namespace uafd {
 namespace {
 
 using board::KernelGadget;
@@ -70,11 +71,11 @@ void expectNothingKept(const KernelMemory& before) {
 
 TEST(Memory, IsKeptByNoModuleThatWent) {
     for (int i = 0; i < kWarmUps; ++i) {
-        reload();
+        reloadWire();
     }
     const KernelMemory before = baseline();
     for (int i = 0; i < kCycles; ++i) {
-        reload();
+        reloadWire();
     }
     expectNothingKept(before);
 }
@@ -101,3 +102,4 @@ TEST(Memory, IsKeptByNoEndpointThatWent) {
 }
 
 }  // namespace
+}  // namespace uafd

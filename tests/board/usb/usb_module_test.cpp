@@ -10,38 +10,15 @@
 
 #include "board/kit/clock.h"
 #include "board/kit/sound.h"
-#include "board/kit/usb/kernel_gadget.h"
-#include "board/kit/usb/pcm_stream.h"
-#include "board/kit/usb/usb_host.h"
-#include "board/kit/usb/wire.h"
-#include "tests/board/usb/wire_module.h"
+#include "tests/board/usb/usb_case.h"
 
+namespace uafd {
 namespace {
 
 using board::KernelGadget;
-using board::noise;
-using board::PcmPlayer;
-using board::PcmRecorder;
 using board::UsbHost;
 using board::waitFor;
 using board::Wire;
-
-constexpr char kGadgetPcm[] = "hw:UAC2Gadget";
-constexpr int64_t kEnoughFrames = 4800;
-
-// Sound from end to end.
-struct Streams {
-    PcmRecorder app{kGadgetPcm};
-    PcmPlayer appMic{kGadgetPcm, noise};
-    PcmPlayer hostSpeaker{board::kHostPcm, noise};
-    PcmRecorder hostMic{board::kHostPcm};
-
-    bool flow() {
-        const int64_t heard = app.frames() + kEnoughFrames;
-        const int64_t recorded = hostMic.frames() + kEnoughFrames;
-        return waitFor([&] { return app.frames() > heard && hostMic.frames() > recorded; });
-    }
-};
 
 class Module : public testing::Test {
   protected:
@@ -55,15 +32,14 @@ class Module : public testing::Test {
     void expectSound() {
         gadget.reset();
         enumerate();
-        Streams streams;
-        EXPECT_TRUE(streams.flow());
+        EXPECT_TRUE(SoundStreams(kUac2.pcm).flow());
     }
 
     std::unique_ptr<KernelGadget> gadget;
 };
 
 TEST_F(Module, GoesWhenNothingIsBound) {
-    reload();
+    reloadWire();
     expectSound();
 }
 
@@ -73,7 +49,7 @@ TEST_F(Module, GoesWithACommandPlanned) {
         Wire wire;
         wire.unplug(wire.uframeIn(100));
     }
-    reload();
+    reloadWire();
     board::sleepFor(150 * board::kMs);
     expectSound();
 }
@@ -81,22 +57,22 @@ TEST_F(Module, GoesWithACommandPlanned) {
 TEST_F(Module, StaysWhileItsCommandsAreOpen) {
     {
         const Wire wire;
-        EXPECT_EQ(unload(), EAGAIN);
+        EXPECT_EQ(unloadWire(), EAGAIN);
     }
-    reload();
+    reloadWire();
     expectSound();
 }
 
 TEST_F(Module, GoesFromAnEnumeratedGadget) {
     enumerate();
-    reload();
+    reloadWire();
     expectSound();
 }
 
 TEST_F(Module, GoesFromAnUnpluggedGadget) {
     enumerate();
     Wire().unplug();
-    reload();
+    reloadWire();
     expectSound();
 }
 
@@ -105,7 +81,7 @@ TEST_F(Module, GoesInMidEnumeration) {
     for (const board::Ns delay : {1, 120, 200, 300, 390}) {
         gadget->bind();
         board::sleepFor(delay * board::kMs);
-        reload();
+        reloadWire();
         gadget->unbind();
     }
     expectSound();
@@ -117,7 +93,7 @@ TEST_F(Module, GoesWhileTheHostWaitsForItsFirstTransfer) {
         Wire().command(command);
         gadget->bind();
         board::sleepFor(500 * board::kMs);
-        reload();
+        reloadWire();
         gadget->unbind();
     }
     expectSound();
@@ -133,12 +109,12 @@ INSTANTIATE_TEST_SUITE_P(Usb, StreamingModule,
 
 TEST_P(StreamingModule, Goes) {
     enumerate();
-    Streams streams;
+    SoundStreams streams(kUac2.pcm);
     ASSERT_TRUE(streams.flow());
     Wire().command(GetParam());
     // A suspend is noticed after 3 ms.
     board::sleepFor(5 * board::kMs);
-    reload();
+    reloadWire();
     ASSERT_TRUE(waitFor([&] { return streams.hostMic.isOver() && streams.hostSpeaker.isOver(); }));
     ASSERT_TRUE(waitFor([&] { return streams.app.isOver() && streams.appMic.isOver(); }));
     streams.app.stop();
@@ -147,3 +123,4 @@ TEST_P(StreamingModule, Goes) {
 }
 
 }  // namespace
+}  // namespace uafd

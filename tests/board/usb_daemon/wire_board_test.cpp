@@ -14,7 +14,7 @@
 
 #include "board/kit/files.h"
 #include "board/kit/usb/host_mixer.h"
-#include "tests/board/usb/driver_case.h"
+#include "tests/board/usb/usb_case.h"
 
 namespace uafd {
 namespace {
