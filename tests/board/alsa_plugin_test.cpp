@@ -22,10 +22,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::Ns;
+using namespace board;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
 
@@ -53,7 +50,7 @@ class Program {
 
 class AlsaPlugin : public BoardCase {
   protected:
-    static void SetUpTestSuite() { board::installAlsaDevice(); }
+    static void SetUpTestSuite() { installAlsaDevice(); }
     ~AlsaPlugin() override {
         if (pcm != nullptr) {
             snd_pcm_close(pcm);
@@ -72,8 +69,8 @@ class AlsaPlugin : public BoardCase {
                                      kRate, 0, static_cast<unsigned>(buffer * 1000000 / kRate)),
                   0);
     }
-    static board::Samples stereo(const board::Samples& mono) {
-        board::Samples both;
+    static Samples stereo(const Samples& mono) {
+        Samples both;
         for (const int16_t sample : mono) {
             both.push_back(sample);
             both.push_back(static_cast<int16_t>(~sample));
@@ -86,27 +83,27 @@ class AlsaPlugin : public BoardCase {
 // The host's stream is off, on, off and on again; the recorder is the only app, and starts the
 // daemon.
 TEST_F(AlsaPlugin, RecordsWhatTheHostPlaysAndSilenceBetween) {
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     ASSERT_TRUE(player.fill());
-    const Ns begun = board::now();
+    const Ns begun = now();
     const Program recorder = record("3");
     startWithoutApp();
-    board::sleepUntil(begun + kSecond);
+    sleepUntil(begun + kSecond);
     host.command("speaker on");
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     host.command("speaker off");
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     host.command("speaker on");
     recorder.expectDone();
-    const Ns took = board::now() - begun;
-    const board::Samples heard = heardIn(kHeardFile);
+    const Ns took = now() - begun;
+    const Samples heard = heardIn(kHeardFile);
     EXPECT_EQ(heard.size(), static_cast<size_t>(3 * kRate));
     EXPECT_GT(took, 3 * kSecond);
     EXPECT_LT(took, 3 * kSecond + 250 * kMs);
     const std::vector<Stretch> sound = stretchesOf(heard);
     ASSERT_EQ(sound.size(), 2U);
     for (const Stretch& stretch : sound) {
-        EXPECT_EQ(breaksIn(heard, stretch), 0);
+        EXPECT_EQ(breaksIn(heard, stretch.from, stretch.end()), 0);
         EXPECT_GT(stretch.frames, static_cast<size_t>(kRate / 2 - kRate / 10));
     }
     printf("3 s of recording took %ld ms; sound at frames %zu and %zu\n", took / kMs, sound[0].from,
@@ -118,18 +115,18 @@ TEST_F(AlsaPlugin, PlaysWhatTheHostRecordsAtTheClocksPace) {
     startWithoutApp();
     host.command("mic on");
     // After silence, in which the daemon brings its buffer into the middle of its range.
-    const board::Samples said = board::render(board::noise, 1, kRate / 2);
-    board::Samples file(7 * kRate / 2);
+    const Samples said = render(noise, 1, kRate / 2);
+    Samples file(7 * kRate / 2);
     file.insert(file.end(), said.begin(), said.end());
     writeRaw(kSaidFile, file);
-    board::sleepFor(kSecond / 5);
+    sleepFor(kSecond / 5);
     host.takeRecording();
-    const Ns begun = board::now();
+    const Ns begun = now();
     play().expectDone();
-    const Ns took = board::now() - begun;
-    board::sleepFor(kSecond / 10);
-    const board::Samples recorded = host.takeRecording();
-    EXPECT_GE(board::findWhole(said, recorded), 0) << "it is not there to the bit";
+    const Ns took = now() - begun;
+    sleepFor(kSecond / 10);
+    const Samples recorded = host.takeRecording();
+    EXPECT_GE(findWhole(said, recorded), 0) << "it is not there to the bit";
     EXPECT_GT(took, 4 * kSecond);
     EXPECT_LT(took, 4 * kSecond + 150 * kMs);
     printf("4 s of sound took %ld ms\n", took / kMs);
@@ -137,36 +134,36 @@ TEST_F(AlsaPlugin, PlaysWhatTheHostRecordsAtTheClocksPace) {
 
 TEST_F(AlsaPlugin, ConvertsOtherFormatsWithPlug) {
     const Words other = {"-q", "-t", "raw", "-f", "S16_LE", "-c", "1", "-r", "44100"};
-    const board::HostPlayer player(board::sine(441));
+    const HostPlayer player(sine(441));
     const Program recorder = record("2", "plug:uafd", other);
     startWithoutApp();
     bothOn();
-    board::Samples tone;
+    Samples tone;
     for (int i = 0; i < 44100; ++i) {
-        tone.push_back(board::sine(441)(static_cast<int64_t>(i) * kRate / 44100));
+        tone.push_back(sine(441)(static_cast<int64_t>(i) * kRate / 44100));
     }
     writeRaw(kSaidFile, tone, 1);
     host.takeRecording();
     play("plug:uafd", other).expectDone();
-    const board::Samples recorded = host.takeRecording();
-    EXPECT_NEAR(board::upwardCrossings(recorded, 0, recorded.size()), 441, 8);
+    const Samples recorded = host.takeRecording();
+    EXPECT_NEAR(upwardCrossings(recorded, 0, recorded.size()), 441, 8);
     recorder.expectDone();
-    const board::Samples heard = readRaw(kHeardFile);
+    const Samples heard = readRaw(kHeardFile);
     EXPECT_EQ(heard.size(), 2U * 44100);
-    const auto sound = static_cast<int>((heard.size() - board::firstSound(heard)) / 100);
+    const auto sound = static_cast<int>((heard.size() - firstSound(heard)) / 100);
     EXPECT_GT(sound, 441);
-    EXPECT_NEAR(board::upwardCrossings(heard, 0, heard.size()), sound, 8);
+    EXPECT_NEAR(upwardCrossings(heard, 0, heard.size()), sound, 8);
 }
 
 // Both programs run on as if nothing had happened. A second one of either kind is refused.
 TEST_F(AlsaPlugin, OutlivesTheDaemon) {
-    const board::HostPlayer player(board::ramp);
-    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate));
+    const HostPlayer player(ramp);
+    writeRaw(kSaidFile, render(noise, 1, 3 * kRate));
     const Program recorder = record("3");
     startWithoutApp();
     bothOn();
     const Program player2 = play();
-    board::sleepFor(700 * kMs);
+    sleepFor(700 * kMs);
     const Program second = {"arecord", kNative, {"-D", "uafd", "-d", "1", "/out/none.raw"}};
     EXPECT_EQ(second->wait(), 1);
     EXPECT_THAT(second->errors(), HasSubstr("an app has this part open already"));
@@ -176,19 +173,19 @@ TEST_F(AlsaPlugin, OutlivesTheDaemon) {
     EXPECT_THAT(third->errors(), HasSubstr("Device or resource busy"));
 
     daemon.stop();
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     host.takeRecording();
     daemon.start();
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    ASSERT_TRUE(hasThreads(kStreamingThreads));
     recorder.expectDone();
-    const board::Samples heard = heardIn(kHeardFile);
+    const Samples heard = heardIn(kHeardFile);
     const std::vector<Stretch> sound = stretchesOf(heard);
     ASSERT_EQ(sound.size(), 2U);
-    EXPECT_EQ(breaksIn(heard, sound[0]), 0);
-    EXPECT_EQ(breaksIn(heard, sound[1]), 0);
+    EXPECT_EQ(breaksIn(heard, sound[0].from, sound[0].end()), 0);
+    EXPECT_EQ(breaksIn(heard, sound[1].from, sound[1].end()), 0);
     EXPECT_GT(sound[1].frames, static_cast<size_t>(kRate / 2));
-    const board::Samples recorded = host.takeRecording();
-    EXPECT_GT(recorded.size() - board::firstSound(recorded), static_cast<size_t>(kRate / 2));
+    const Samples recorded = host.takeRecording();
+    EXPECT_GT(recorded.size() - firstSound(recorded), static_cast<size_t>(kRate / 2));
     player2.expectDone();
 }
 
@@ -196,27 +193,27 @@ TEST_F(AlsaPlugin, PausesResumesAndDrains) {
     const Program recorder = record("30");
     startWithoutApp();
     host.command("mic on");
-    board::sleepFor(kSecond / 5);
+    sleepFor(kSecond / 5);
     host.takeRecording();
     openPcm(SND_PCM_STREAM_PLAYBACK, kRate);
-    const board::Samples said = board::render(board::noise, 1, kRate / 2);
-    const board::Samples both = stereo(said);
+    const Samples said = render(noise, 1, kRate / 2);
+    const Samples both = stereo(said);
     ASSERT_EQ(snd_pcm_writei(pcm, both.data(), said.size()), static_cast<long>(said.size()));
     ASSERT_EQ(snd_pcm_start(pcm), 0);
-    board::sleepFor(205 * kMs);
+    sleepFor(205 * kMs);
     ASSERT_EQ(snd_pcm_pause(pcm, 1), 0);
     snd_pcm_sframes_t delay = 0;
     ASSERT_EQ(snd_pcm_delay(pcm, &delay), 0);
     EXPECT_EQ(delay, kRate / 2 - 20 * 480);
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     EXPECT_EQ(snd_pcm_delay(pcm, &delay), 0);
     EXPECT_EQ(delay, kRate / 2 - 20 * 480);
     ASSERT_EQ(snd_pcm_pause(pcm, 0), 0);
-    const Ns resumed = board::now();
+    const Ns resumed = now();
     ASSERT_EQ(snd_pcm_drain(pcm), 0);
-    EXPECT_NEAR(static_cast<double>(board::now() - resumed) / kMs, 300, 5);
-    board::sleepFor(kSecond / 10);
-    const board::Samples recorded = host.takeRecording();
+    EXPECT_NEAR(static_cast<double>(now() - resumed) / kMs, 300, 5);
+    sleepFor(kSecond / 10);
+    const Samples recorded = host.takeRecording();
     // Latency control makes the sound a little longer or shorter after each start.
     const std::vector<Stretch> sound = stretchesOf(recorded);
     ASSERT_EQ(sound.size(), 2U);
@@ -229,22 +226,22 @@ TEST_F(AlsaPlugin, PausesResumesAndDrains) {
 // The host plays for a part of the minute in which the program does not read: the daemon must not
 // wait.
 TEST_F(AlsaPlugin, LetsAProgramStopReadingForAMinute) {
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     openPcm(SND_PCM_STREAM_CAPTURE, kRate / 2);
     ASSERT_EQ(snd_pcm_start(pcm), 0);
     startWithoutApp();
     host.command("speaker on");
-    board::sleepFor(2 * kSecond);
+    sleepFor(2 * kSecond);
     const size_t mark = daemon.mark();
     host.command("speaker off");
-    EXPECT_TRUE(hasThreads(board::kIdleThreads, 100 * kMs)) << "the stop waits for a reader";
-    board::sleepFor(58 * kSecond);
+    EXPECT_TRUE(hasThreads(kIdleThreads, 100 * kMs)) << "the stop waits for a reader";
+    sleepFor(58 * kSecond);
     std::vector<int16_t> samples(2 * 4800);
     EXPECT_EQ(snd_pcm_readi(pcm, samples.data(), 4800), -EPIPE);
     EXPECT_EQ(snd_pcm_state(pcm), SND_PCM_STATE_XRUN);
     ASSERT_EQ(snd_pcm_prepare(pcm), 0);
     host.command("speaker on");
-    board::Samples heard;
+    Samples heard;
     while (heard.size() < static_cast<size_t>(kRate)) {
         ASSERT_EQ(snd_pcm_readi(pcm, samples.data(), 4800), 4800);
         for (size_t i = 0; i < samples.size(); i += 2) {
@@ -253,7 +250,7 @@ TEST_F(AlsaPlugin, LetsAProgramStopReadingForAMinute) {
     }
     const std::vector<Stretch> sound = stretchesOf(heard);
     ASSERT_EQ(sound.size(), 1U);
-    EXPECT_EQ(breaksIn(heard, sound[0]), 0);
+    EXPECT_EQ(breaksIn(heard, sound[0].from, sound[0].end()), 0);
     EXPECT_GT(sound[0].frames, static_cast<size_t>(kRate / 2));
     EXPECT_EQ(daemon.count("overrun*", mark), 0);
 }
@@ -262,7 +259,7 @@ TEST_F(AlsaPlugin, LetsAProgramStopReadingForAMinute) {
 TEST_F(AlsaPlugin, HasTheHostsMixer) {
     const Program recorder = record("30");
     startDaemon();
-    const Ns since = board::now();
+    const Ns since = now();
     const Words mixer = {"-D", "uafd"};
     const auto set = [&](const std::string& value) {
         Program("amixer", mixer, {"-q", "--", "sset", "Speaker", value}).expectDone();
@@ -288,7 +285,7 @@ TEST_F(AlsaPlugin, HasTheHostsMixer) {
     snd_ctl_event_alloca(&event);
     snd_ctl_elem_value_alloca(&value);
     for (const auto& [number, now] : std::map<unsigned, long>{{1, 95}, {2, 0}, {3, 98}}) {
-        ASSERT_TRUE(board::waitFor([&] { return snd_ctl_read(ctl, event) == 1; }));
+        ASSERT_TRUE(waitFor([&] { return snd_ctl_read(ctl, event) == 1; }));
         EXPECT_EQ(snd_ctl_event_elem_get_numid(event), number);
         snd_ctl_elem_value_set_numid(value, number);
         ASSERT_EQ(snd_ctl_elem_read(ctl, value), 0);
@@ -299,18 +296,18 @@ TEST_F(AlsaPlugin, HasTheHostsMixer) {
 
 // Programs that are killed in the middle of a stream leave the daemon whole.
 TEST_F(AlsaPlugin, LeavesTheDaemonWholeWhenItsProgramsDie) {
-    const board::HostPlayer player(board::ramp);
-    writeRaw(kSaidFile, board::render(board::noise, 1, 3 * kRate));
+    const HostPlayer player(ramp);
+    writeRaw(kSaidFile, render(noise, 1, 3 * kRate));
     {
         const Program recorder = record("30");
         startWithoutApp();
         bothOn();
         const Program speaker = play();
-        board::sleepFor(kSecond / 2);
+        sleepFor(kSecond / 2);
     }
-    EXPECT_TRUE(board::waitFor([&] { return daemon.count("handler: 13") > 0; }))
+    EXPECT_TRUE(waitFor([&] { return daemon.count("handler: 13") > 0; }))
         << "the daemon did not write without a reader";
-    app = std::make_unique<board::App>();
+    app = std::make_unique<App>();
     bothOff();
     EXPECT_EQ(findDamage(), "");
 }

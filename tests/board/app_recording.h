@@ -52,6 +52,7 @@ inline board::Samples heardIn(const std::string& path, size_t header = 0) {
 struct Stretch {
     size_t from;
     size_t frames;
+    size_t end() const { return from + frames; }
 };
 
 // In their order; silence is at least 10 ms long.
@@ -69,10 +70,6 @@ inline std::vector<Stretch> stretchesOf(const board::Samples& heard) {
         }
     }
     return found;
-}
-
-inline int breaksIn(const board::Samples& recording, const Stretch& stretch) {
-    return board::breaksIn(recording, stretch.from, stretch.from + stretch.frames);
 }
 
 }  // namespace uafd

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated board itself: what the daemon and the other tests take for granted about it.
-#include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 
@@ -16,21 +12,17 @@
 #include <sys/utsname.h>
 #include <sys/wait.h>
 
+#include "board/kit/clock.h"
+#include "board/kit/daemon_board.h"
+#include "board/kit/files.h"
+#include "board/kit/host.h"
+
 namespace uafd {
 namespace {
 
+using namespace board;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-constexpr int64_t kNsPerSecond = 1000000000;
-constexpr int64_t kNsPerMs = 1000000;
-
-std::string contents(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return file ? text.str() : "no " + path;
-}
 
 std::string property(const std::string& name) {
     return contents("/run/properties/" + name);
@@ -41,49 +33,15 @@ int run(const char* command) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-int64_t nowNs(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now.tv_sec * kNsPerSecond + now.tv_nsec;
+Ns calendar() {
+    timespec time{};
+    clock_gettime(CLOCK_REALTIME, &time);
+    return time.tv_sec * kSecond + time.tv_nsec;
 }
 
-void sleepNs(int64_t ns) {
-    const timespec time{ns / kNsPerSecond, ns % kNsPerSecond};
-    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr) == EINTR) {
-    }
-}
-
-// The value of a "KEY VALUE" line of the module's counters.
 int64_t counter(const std::string& key) {
-    std::istringstream lines(contents("/proc/usb_host"));
-    std::string name;
-    for (int64_t value; lines >> name >> value;) {
-        if (name == key) {
-            return value;
-        }
-    }
-    return -1;
+    return Host().counter(key);
 }
-
-// Runs the board's microphone service while it exists.
-class MicCapture {
-  public:
-    MicCapture() : pid(fork()) {
-        if (pid == 0) {
-            execl("/bin/mic_capture", "mic_capture", nullptr);
-            _exit(127);
-        }
-    }
-    ~MicCapture() {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    MicCapture(const MicCapture&) = delete;
-    MicCapture& operator=(const MicCapture&) = delete;
-
-  private:
-    const pid_t pid;
-};
 
 constexpr char kMicStatus[] = "/proc/asound/card0/pcm0c/sub0/status";
 
@@ -97,7 +55,7 @@ int64_t micTstampNs() {
         sscanf(status.c_str() + at, "\ntstamp      : %ld.%ld", &seconds, &ns) != 2) {
         return -1;
     }
-    return seconds * kNsPerSecond + ns;
+    return seconds * kSecond + ns;
 }
 
 TEST(Board, RunsAnArm64KernelOnTwoProcessors) {
@@ -109,17 +67,17 @@ TEST(Board, RunsAnArm64KernelOnTwoProcessors) {
 }
 
 TEST(Board, StartsItsCalendarInTheYear2026) {
-    const int64_t newYearNs = int64_t{1767225600} * kNsPerSecond;
-    EXPECT_GE(nowNs(CLOCK_REALTIME), newYearNs);
-    EXPECT_LT(nowNs(CLOCK_REALTIME), newYearNs + 3600 * kNsPerSecond);
+    const int64_t newYearNs = int64_t{1767225600} * kSecond;
+    EXPECT_GE(calendar(), newYearNs);
+    EXPECT_LT(calendar(), newYearNs + 3600 * kSecond);
 }
 
 TEST(Board, SkipsTheTimeThatItSleeps) {
-    const int64_t sleep = 600 * kNsPerSecond;
-    const int64_t before = nowNs(CLOCK_MONOTONIC);
-    sleepNs(sleep);
-    EXPECT_GE(nowNs(CLOCK_MONOTONIC) - before, sleep);
-    EXPECT_LT(nowNs(CLOCK_MONOTONIC) - before, sleep + 10 * kNsPerMs);
+    const int64_t sleep = 600 * kSecond;
+    const int64_t before = now();
+    sleepFor(sleep);
+    EXPECT_GE(now() - before, sleep);
+    EXPECT_LT(now() - before, sleep + 10 * kMs);
 }
 
 TEST(Board, HasItsOwnCardFirstAndTheGadgetCardSecond) {
@@ -179,14 +137,14 @@ TEST(Setprop, ReenumeratesTheGadgetForTheUsbConfiguration) {
 
 TEST(MicCapture, ShowsARunningStreamWithARealTimeStampThatMoves) {
     EXPECT_EQ(contents(kMicStatus), "closed\n");
-    MicCapture capture;
-    sleepNs(100 * kNsPerMs);
+    const MicService capture;
+    sleepFor(100 * kMs);
     EXPECT_THAT(contents(kMicStatus), StartsWith("state: RUNNING\n"));
     const int64_t first = micTstampNs();
-    EXPECT_LT(std::abs(nowNs(CLOCK_REALTIME) - first), 20 * kNsPerMs);
-    sleepNs(kNsPerSecond);
-    EXPECT_NEAR(static_cast<double>(micTstampNs() - first), static_cast<double>(kNsPerSecond),
-                static_cast<double>(20 * kNsPerMs));
+    EXPECT_LT(std::abs(calendar() - first), 20 * kMs);
+    sleepFor(kSecond);
+    EXPECT_NEAR(static_cast<double>(micTstampNs() - first), static_cast<double>(kSecond),
+                static_cast<double>(20 * kMs));
 }
 
 }  // namespace

@@ -24,9 +24,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kRate;
-using board::kSecond;
+using namespace board;
 using testing::HasSubstr;
 using testing::Not;
 using Words = std::vector<std::string>;
@@ -84,7 +82,7 @@ class Bridge : public BoardCase {
         });
     }
     void startWithDaemon(const Words& options = {}) {
-        micService = std::make_unique<board::MicService>();
+        micService = std::make_unique<MicService>();
         start(options);
         startDaemon();
     }
@@ -95,7 +93,7 @@ class Bridge : public BoardCase {
     }
     // What the user will say: a tone.
     static void prepareSpeech(int seconds) {
-        writeRaw(kSaidFile, board::render(board::sine(kToneHz), 0, int64_t{kRate} * seconds));
+        writeRaw(kSaidFile, render(sine(kToneHz), 0, int64_t{kRate} * seconds));
     }
     static std::unique_ptr<ChildProcess> speak() {
         return std::make_unique<ChildProcess>(Words{"/usr/bin/aplay", "-q", "-D", kUsersCard, "-t",
@@ -103,10 +101,10 @@ class Bridge : public BoardCase {
                                                     kSaidFile});
     }
     // The tone, from `from` seconds on, without a click.
-    static void expectTone(const char* who, const board::Samples& sound, double from) {
+    static void expectTone(const char* who, const Samples& sound, double from) {
         const auto begin = static_cast<size_t>(from * kRate);
         ASSERT_GT(sound.size(), begin + kRate);
-        const int bend = board::largestSecondDifference(sound, begin, sound.size());
+        const int bend = largestSecondDifference(sound, begin, sound.size());
         printf("%s: %.1f s, largest second difference %d, the tone's is %.0f\n", who,
                static_cast<double>(sound.size()) / kRate, bend, kToneBend);
         EXPECT_LT(bend, 1.3 * kToneBend) << who;
@@ -118,7 +116,7 @@ class Bridge : public BoardCase {
             ASSERT_LT(zeros, 10) << who << " at " << static_cast<double>(i) / kRate << " s";
         }
     }
-    static int peakOf(const board::Samples& sound) {
+    static int peakOf(const Samples& sound) {
         int peak = 0;
         for (const int16_t sample : sound) {
             peak = std::max(peak, std::abs(sample));
@@ -128,8 +126,8 @@ class Bridge : public BoardCase {
     // Whether both tones arrive within some seconds.
     bool flows() {
         host.takeRecording();
-        const bool isHeardByHost = board::waitFor([&] {
-            board::sleepFor(100 * kMs);
+        const bool isHeardByHost = waitFor([&] {
+            sleepFor(100 * kMs);
             return peakOf(host.takeRecording()) > 7000;
         });
         const auto ear = listen(1);
@@ -139,7 +137,7 @@ class Bridge : public BoardCase {
     void endBridge() {
         bridge->send(SIGINT);
         EXPECT_EQ(bridge->wait(), 0) << bridge->errors();
-        app = std::make_unique<board::App>();
+        app = std::make_unique<App>();
         bothOff();
     }
     void printLast() const {
@@ -166,23 +164,23 @@ TEST_F(Bridge, MakesTheBoardAHeadsetWhateverTheClocks) {
     }
     prepareSpeech(seconds + 1);
     setClocks(hostPpm, speakerPpm, microphonePpm);
-    const board::HostPlayer player(board::sine(kToneHz));
+    const HostPlayer player(sine(kToneHz));
     startWithDaemon();
     const auto ear = listen(seconds);
     const auto mouth = speak();
     bothOn();
-    board::sleepFor(2 * kSecond);
+    sleepFor(2 * kSecond);
     host.takeRecording();
-    const pid_t pid = atoi(board::outputOf("/bin/busybox pidof uafd-companion").c_str());
-    const board::Ns cpuBefore = board::cpuOf(pid);
-    board::Samples recorded;
+    const pid_t pid = atoi(outputOf("/bin/busybox pidof uafd-companion").c_str());
+    const Ns cpuBefore = cpuOf(pid);
+    Samples recorded;
     for (int i = 4; i < seconds; i += 2) {
-        board::sleepFor(2 * kSecond);
-        const board::Samples more = host.takeRecording();
+        sleepFor(2 * kSecond);
+        const Samples more = host.takeRecording();
         recorded.insert(recorded.end(), more.begin(), more.end());
     }
     // On this board a nanosecond of processor time is an instruction.
-    const int64_t instructions = (board::cpuOf(pid) - cpuBefore) / (seconds - 4);
+    const int64_t instructions = (cpuOf(pid) - cpuBefore) / (seconds - 4);
     printf("the bridge takes %.1f Mi/s\n", static_cast<double>(instructions) / 1e6);
     EXPECT_LT(instructions, 200000000);
     printLast();
@@ -209,7 +207,7 @@ TEST_F(Bridge, SaysWhyItCannotBegin) {
     EXPECT_EQ(bridge->wait(), 1);
     EXPECT_THAT(bridge->errors(), HasSubstr("speaker plug:'nothing: Invalid argument: "));
     start({}, "none", kUsersCard);
-    ASSERT_TRUE(board::waitFor([&] { return bridge->errors() != ""; }));
+    ASSERT_TRUE(waitFor([&] { return bridge->errors() != ""; }));
     EXPECT_EQ(bridge->errors(),
               "uafd-companion: microphone hw:5,1,0: 48000 Hz, 2 channels, S16_LE\n");
     ChildProcess second(
@@ -224,74 +222,73 @@ TEST_F(Bridge, SaysWhyItCannotBegin) {
 
 TEST_F(Bridge, AppliesVolumeAndMuteInBothDirections) {
     prepareSpeech(4);
-    const board::HostPlayer player(board::sine(kToneHz));
+    const HostPlayer player(sine(kToneHz));
     startWithDaemon({"--apply-volume"});
     const auto ear = listen(3);
     const auto mouth = speak();
     bothOn();
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     host.command("volume speaker -5120");
     host.command("volume mic -5120");
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     host.takeRecording();
-    board::sleepFor(kSecond / 5);
+    sleepFor(kSecond / 5);
     EXPECT_NEAR(peakOf(host.takeRecording()), 800, 40);
     host.command("mute speaker 1");
     host.command("mute mic 1");
     EXPECT_EQ(ear->wait(), 0);
     host.takeRecording();
-    board::sleepFor(kSecond / 5);
+    sleepFor(kSecond / 5);
     EXPECT_EQ(peakOf(host.takeRecording()), 0);
-    const board::Samples sound = heardIn(kHeardFile);
+    const Samples sound = heardIn(kHeardFile);
     const auto second = [&](double from) {
         const auto at = sound.begin() + static_cast<std::ptrdiff_t>(from * kRate);
-        return peakOf(board::Samples(at, at + kRate / 5));
+        return peakOf(Samples(at, at + kRate / 5));
     };
     EXPECT_NEAR(second(0.7), 8000, 100);
     EXPECT_NEAR(second(1.7), 800, 40);
     EXPECT_EQ(second(2.7), 0);
-    EXPECT_LT(board::largestSecondDifference(sound, kRate / 2, sound.size()), 1.3 * kToneBend);
+    EXPECT_LT(largestSecondDifference(sound, kRate / 2, sound.size()), 1.3 * kToneBend);
 }
 
 // The daemon, the card, and the bridge's own processor time are gone for a while.
 TEST_F(Bridge, OutlivesDaemonAndCardAndALongWait) {
     prepareSpeech(20);
-    const board::HostPlayer player(board::sine(kToneHz));
+    const HostPlayer player(sine(kToneHz));
     startWithDaemon();
     auto mouth = speak();
     bothOn();
     EXPECT_TRUE(flows());
     daemon.stop();
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     daemon.start();
     EXPECT_TRUE(flows()) << "after a restart of the daemon";
 
     bridge->send(SIGSTOP);
-    board::sleepFor(kSecond / 5);
+    sleepFor(kSecond / 5);
     bridge->send(SIGCONT);
     EXPECT_TRUE(flows()) << "after a long wait";
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_GT(lastOf(bridge->output(), "speaker", "xruns"), 0);
     EXPECT_GT(lastOf(bridge->output(), "microphone", "xruns"), 0);
 
     // The speaker's card goes while it stands still, when no write can fail.
     host.command("speaker off");
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     mouth->send(SIGKILL);
     mouth->wait();
     constexpr char kDriver[] = "/sys/bus/platform/drivers/snd_aloop/";
-    board::put(std::string(kDriver) + "unbind", "snd_aloop.0");
+    put(std::string(kDriver) + "unbind", "snd_aloop.0");
     for (const char* direction : {"speaker", "microphone"}) {
         const std::string message =
             std::string(direction) + " hw:5,0,0: there is no such card; waiting for it\n";
-        EXPECT_TRUE(board::waitFor([&] {
-            return bridge->errors().find(message) != std::string::npos;
-        })) << bridge->errors();
+        EXPECT_TRUE(waitFor([&] { return bridge->errors().find(message) != std::string::npos; }))
+            << bridge->errors();
     }
-    board::sleepFor(kSecond);
-    board::put(std::string(kDriver) + "bind", "snd_aloop.0");
+    sleepFor(kSecond);
+    put(std::string(kDriver) + "bind", "snd_aloop.0");
     host.command("speaker on");
-    board::sleepFor(2 * kSecond);
+    sleepFor(2 * kSecond);
     mouth = speak();
     EXPECT_TRUE(flows()) << "with a card that is back";
     bridge->send(SIGTERM);

@@ -18,21 +18,20 @@
 namespace uafd {
 namespace {
 
-using board::kRate;
+using namespace board;
 using testing::StartsWith;
 
 class CompanionExamples : public BoardCase {
   protected:
-    CompanionExamples() { micService = std::make_unique<board::MicService>(); }
+    CompanionExamples() { micService = std::make_unique<MicService>(); }
 
     ChildProcess& start(std::vector<std::string> words) {
         words[0].insert(0, "/tests/example_");
         return example.emplace(words);
     }
     void expectToSay(const std::string& line) {
-        EXPECT_TRUE(board::waitFor([&] {
-            return example->output().find(line) != std::string::npos;
-        })) << example->output();
+        EXPECT_TRUE(waitFor([&] { return example->output().find(line) != std::string::npos; }))
+            << example->output();
     }
 
     uafd::Companion other;
@@ -40,14 +39,14 @@ class CompanionExamples : public BoardCase {
 };
 
 TEST_F(CompanionExamples, RecordsAndLetsTheDaemonStart) {
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     start({"record", "/out/heard.raw"});
     startDaemon();
     host.command("speaker on");
     EXPECT_EQ(example->wait(), 0) << example->errors();
-    const board::Samples heard = heardIn("/out/heard.raw");
+    const Samples heard = heardIn("/out/heard.raw");
     EXPECT_EQ(heard.size(), 5U * kRate);
-    EXPECT_EQ(board::breaksIn(heard), 0);
+    EXPECT_EQ(breaksIn(heard), 0);
 }
 
 TEST_F(CompanionExamples, LetsTheHostRecordATone) {
@@ -56,19 +55,19 @@ TEST_F(CompanionExamples, LetsTheHostRecordATone) {
     startDaemon();
     host.command("mic on");
     EXPECT_EQ(example->wait(), 0) << example->errors();
-    const board::Samples recorded = host.takeRecording();
-    const size_t first = board::firstSound(recorded);
+    const Samples recorded = host.takeRecording();
+    const size_t first = firstSound(recorded);
     ASSERT_GT(recorded.size() - first, 4U * kRate);
-    const board::Samples tone(recorded.begin() + static_cast<std::ptrdiff_t>(first),
-                              recorded.begin() + static_cast<std::ptrdiff_t>(first) + 4 * kRate);
-    EXPECT_NEAR(board::upwardCrossings(tone, 0, tone.size()), 4 * 440, 5);
+    const Samples tone(recorded.begin() + static_cast<std::ptrdiff_t>(first),
+                       recorded.begin() + static_cast<std::ptrdiff_t>(first) + 4 * kRate);
+    EXPECT_NEAR(upwardCrossings(tone, 0, tone.size()), 4 * 440, 5);
     EXPECT_NEAR(*std::max_element(tone.begin(), tone.end()), 8000, 10);
 }
 
 TEST_F(CompanionExamples, SetsTheVolumeAndTellsWhatChanges) {
     ASSERT_EQ(other.open(UAFD_SOUND), 0);
     startDaemon();
-    const board::Ns since = board::now();
+    const Ns since = now();
     start({"volume", "-1280"});
     EXPECT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME -1280 0", since));
     expectToSay("microphone 0\n");

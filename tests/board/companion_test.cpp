@@ -24,10 +24,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::Ns;
+using namespace board;
 using testing::ElementsAre;
 using Event = std::pair<uafd_event_type, int>;
 
@@ -51,7 +48,7 @@ class LibraryApp {
 
     uafd_counts counts() const { return companion.counts(); }
     // The left channel's samples; the right channel has the same ones.
-    board::Samples takeHeard() {
+    Samples takeHeard() {
         const std::lock_guard<std::mutex> lock(mutex);
         return std::exchange(heard, {});
     }
@@ -77,7 +74,7 @@ class LibraryApp {
             if (ready > 0 && (ready & UAFD_READY_BLOCK) != 0 && !paused) {
                 int16_t said[2 * UAFD_BLOCK_FRAMES];
                 for (int i = 0; i < UAFD_BLOCK_FRAMES; ++i) {
-                    said[2 * i] = board::noise(frame + i);
+                    said[2 * i] = noise(frame + i);
                     said[2 * i + 1] = static_cast<int16_t>(~said[2 * i]);
                 }
                 frame += companion.write(said) == 0 ? UAFD_BLOCK_FRAMES : 0;
@@ -93,7 +90,7 @@ class LibraryApp {
         while (const auto event = companion.nextEvent()) {
             events.emplace_back(event->type, event->value);
             beliefs[event->type] = event->value;
-            lastToldAt = board::now();
+            lastToldAt = now();
         }
     }
     void hear() {
@@ -109,7 +106,7 @@ class LibraryApp {
 
     const unsigned parts;
     std::mutex mutex;
-    board::Samples heard;
+    Samples heard;
     std::vector<Event> events;
     std::map<uafd_event_type, int> beliefs{
         {UAFD_USB_STATE, 0}, {UAFD_SPEAKER_STATE, 0}, {UAFD_MIC_STATE, 0}, {UAFD_DAEMON_STATE, 0}};
@@ -122,14 +119,14 @@ class LibraryApp {
 class CompanionLibrary : public BoardCase {
   protected:
     void start() {
-        micService = std::make_unique<board::MicService>();
+        micService = std::make_unique<MicService>();
         library.emplace();
         startDaemon();
     }
     bool hears(int64_t frames) {
         int64_t sound = 0;
         library->takeHeard();
-        return board::waitFor([&] {
+        return waitFor([&] {
             for (const int16_t sample : library->takeHeard()) {
                 sound += sample != 0 ? 1 : 0;
             }
@@ -139,15 +136,14 @@ class CompanionLibrary : public BoardCase {
     // The host hears what the app has said within the last second.
     bool isHeard() {
         host.takeRecording();
-        return board::waitFor([&] {
-            board::sleepFor(200 * kMs);
+        return waitFor([&] {
+            sleepFor(200 * kMs);
             const auto said = static_cast<int64_t>(library->counts().blocks_taken) * kBlock;
-            const board::Samples recent =
-                board::render(board::noise, std::max<int64_t>(said - kRate, 0), kRate);
-            const board::Samples recorded = host.takeRecording();
+            const Samples recent = render(noise, std::max<int64_t>(said - kRate, 0), kRate);
+            const Samples recorded = host.takeRecording();
             int stretches = 0;
             for (size_t at = 0; at + kBlock < recorded.size(); at += kBlock) {
-                stretches += board::find(recorded, at, recent) >= 0 ? 1 : 0;
+                stretches += find(recorded, at, recent) >= 0 ? 1 : 0;
             }
             return stretches >= 5;
         });
@@ -155,14 +151,14 @@ class CompanionLibrary : public BoardCase {
     // Another app shows that the daemon is intact.
     void expectWhole() {
         bothOff();
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
         library.reset();
-        app = std::make_unique<board::App>();
+        app = std::make_unique<App>();
         EXPECT_EQ(findDamage(), "");
     }
     std::vector<Event> events(size_t count) {
         std::vector<Event> all;
-        board::waitFor([&] {
+        waitFor([&] {
             const std::vector<Event> more = library->takeEvents();
             all.insert(all.end(), more.begin(), more.end());
             return all.size() >= count;
@@ -171,7 +167,7 @@ class CompanionLibrary : public BoardCase {
     }
 
     bool believes(int usb, int speaker, int mic) {
-        return board::waitFor([&] {
+        return waitFor([&] {
             auto belief = library->belief();
             return belief[UAFD_DAEMON_STATE] == 1 && belief[UAFD_USB_STATE] == usb &&
                    belief[UAFD_SPEAKER_STATE] == speaker && belief[UAFD_MIC_STATE] == mic;
@@ -183,23 +179,23 @@ class CompanionLibrary : public BoardCase {
 
 TEST_F(CompanionLibrary, CarriesSoundBothWays) {
     start();
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     ASSERT_TRUE(player.fill());
     const uafd_counts before = library->counts();
     switchBoth(true);
     EXPECT_TRUE(isHeard());
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     const uafd_counts after = library->counts();
-    const board::Samples heard = library->takeHeard();
+    const Samples heard = library->takeHeard();
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate));
-    EXPECT_EQ(board::breaksIn(heard), 0);
+    EXPECT_EQ(breaksIn(heard), 0);
     EXPECT_GE(after.frames_read - before.frames_read, heard.size());
     EXPECT_GT(after.blocks_taken, before.blocks_taken + 100);
 }
 
 TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
     start();
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     library->takeEvents();  // discards the events of the start
     ASSERT_EQ(library->companion.sync(), 0);
     EXPECT_THAT(events(3), ElementsAre(Event{UAFD_USB_STATE, 1}, Event{UAFD_SPEAKER_STATE, 0},
@@ -225,7 +221,7 @@ TEST_F(CompanionLibrary, TellsWhatTheHostDoes) {
 
 TEST_F(CompanionLibrary, SetsVolumeAndMute) {
     start();
-    const Ns since = board::now();
+    const Ns since = now();
     EXPECT_EQ(library->companion.setSpeakerVolume(-2560), 0);
     EXPECT_EQ(library->companion.setSpeakerMute(true), 0);
     EXPECT_EQ(library->companion.setSpeakerMute(false), 0);
@@ -239,12 +235,12 @@ TEST_F(CompanionLibrary, LetsADaemonThatWaitsStart) {
     ASSERT_TRUE(daemon.waitForLog("/tmp/usbAudioFifoRx is not available yet*"));
     library.emplace();
     EXPECT_TRUE(daemon.waitForLog("Fifos observed*"));
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
 }
 
 TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     start();
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
     ASSERT_TRUE(hears(kRate / 2));
     library->takeEvents();
@@ -252,9 +248,9 @@ TEST_F(CompanionLibrary, OutlivesTheDaemon) {
     EXPECT_EQ(library->companion.sync(), -ECONNREFUSED);
     EXPECT_THAT(events(4), ElementsAre(Event{UAFD_DAEMON_STATE, 0}, Event{UAFD_USB_STATE, 0},
                                        Event{UAFD_SPEAKER_STATE, 0}, Event{UAFD_MIC_STATE, 0}));
-    EXPECT_TRUE(board::waitFor([&] { return library->counts().blocks_unread > 10; }));
+    EXPECT_TRUE(waitFor([&] { return library->counts().blocks_unread > 10; }));
     daemon.start();  // the host's streams are on
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    ASSERT_TRUE(hasThreads(kStreamingThreads));
     EXPECT_TRUE(hears(kRate / 2));
     EXPECT_TRUE(isHeard());
     EXPECT_TRUE(believes(1, 1, 1));
@@ -266,12 +262,12 @@ TEST_F(CompanionLibrary, TellsAnAppThatOnlyWaitsOfTheDaemonsEnd) {
     library.emplace(UAFD_EVENTS);
     startDaemon();
     ASSERT_TRUE(believes(1, 0, 0));
-    const Ns ended = board::now();
+    const Ns ended = now();
     daemon.stop();
-    EXPECT_TRUE(board::waitFor([&] { return library->belief()[UAFD_DAEMON_STATE] == 0; }));
+    EXPECT_TRUE(waitFor([&] { return library->belief()[UAFD_DAEMON_STATE] == 0; }));
     const Ns told = library->toldAt();
     EXPECT_LT(told - ended, 210 * kMs);
-    const Ns started = board::now();
+    const Ns started = now();
     daemon.start();
     EXPECT_TRUE(believes(1, 0, 0));
     printf("the daemon's end is reported after %ld ms, its states %ld ms after its start\n",
@@ -289,7 +285,7 @@ TEST_F(CompanionLibrary, NoticesADaemonThatIsReplaced) {
         daemon.start();
         EXPECT_THAT(events(3), testing::Contains(Event{UAFD_DAEMON_STATE, 0})) << i;
         EXPECT_TRUE(believes(1, 0, 1)) << i;
-        board::sleepFor(40 * kMs);
+        sleepFor(40 * kMs);
     }
 }
 
@@ -302,9 +298,9 @@ TEST_F(CompanionLibrary, BelievesADaemonThatTellsOfNoUsb) {
     daemon.stop();
     host.command("unplug");
     daemon.start();
-    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    ASSERT_TRUE(hasThreads(kIdleThreads));
     EXPECT_TRUE(believes(0, 0, 0));
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_TRUE(believes(0, 0, 0));
 }
 
@@ -314,16 +310,16 @@ TEST_F(CompanionLibrary, LeavesNoEventsThatDelayTheNextApps) {
     startDaemon();
     for (int i = 0; i < 6; ++i) {
         host.command("volume speaker -256");
-        board::sleepFor(kSecond);
+        sleepFor(kSecond);
     }
     library.emplace();
-    const Ns opened = board::now();
+    const Ns opened = now();
     EXPECT_TRUE(believes(1, 0, 0));
     const Ns told = library->toldAt();
     EXPECT_LT(told - opened, 50 * kMs);
     host.command("volume speaker -512");
-    const Ns changed = board::now();
-    EXPECT_TRUE(board::waitFor([&] { return library->toldAt() >= changed; }, 10 * kSecond));
+    const Ns changed = now();
+    EXPECT_TRUE(waitFor([&] { return library->toldAt() >= changed; }, 10 * kSecond));
     EXPECT_LT(library->toldAt() - changed, 50 * kMs);
     printf("the next app's states come after %ld us, its first event after %ld us\n",
            (told - opened) / 1000, (library->toldAt() - changed) / 1000);
@@ -336,12 +332,12 @@ TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
     host.command("mic on");
     EXPECT_TRUE(isHeard());
     library->pauseSpeaking(true);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     host.takeRecording();
-    board::sleepFor(kSecond);
-    const board::Samples recorded = host.takeRecording();
+    sleepFor(kSecond);
+    const Samples recorded = host.takeRecording();
     EXPECT_GT(recorded.size(), static_cast<size_t>(kRate / 2));
-    EXPECT_EQ(board::firstSound(recorded), recorded.size());
+    EXPECT_EQ(firstSound(recorded), recorded.size());
     library->pauseSpeaking(false);
     EXPECT_TRUE(isHeard());
     expectWhole();
@@ -349,26 +345,26 @@ TEST_F(CompanionLibrary, KeepsTheHostInSilenceWhenItSaysNothing) {
 
 // One app takes the speaker, another the microphone.
 TEST_F(CompanionLibrary, ServesTwoAppsWithAPartEach) {
-    micService = std::make_unique<board::MicService>();
+    micService = std::make_unique<MicService>();
     library.emplace(UAFD_MIC | UAFD_EVENTS);
     std::optional<LibraryApp> listener(UAFD_SPEAKER);
     startDaemon();
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
     EXPECT_TRUE(isHeard());
     EXPECT_TRUE(believes(1, 1, 1));
-    EXPECT_TRUE(board::waitFor([&] { return listener->counts().frames_read > kRate; }));
+    EXPECT_TRUE(waitFor([&] { return listener->counts().frames_read > kRate; }));
     listener.reset();
     EXPECT_TRUE(isHeard()) << "the microphone's app goes on when the other one ends";
 }
 
 TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
     start();
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
     ASSERT_TRUE(hears(kRate / 2));
     library.reset();
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     library.emplace();
     EXPECT_THAT(events(4), ElementsAre(Event{UAFD_DAEMON_STATE, 1}, Event{UAFD_USB_STATE, 1},
                                        Event{UAFD_SPEAKER_STATE, 1}, Event{UAFD_MIC_STATE, 1}));
@@ -379,7 +375,7 @@ TEST_F(CompanionLibrary, ComesBackToADaemonThatStreams) {
 
 // The example starts before the daemon; each waits until the other is there.
 TEST_F(CompanionLibrary, RunsTheExample) {
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     const pid_t example = fork();
     if (example == 0) {
         execl("/tests/record_and_play", "record_and_play", "/out/heard.raw", nullptr);
@@ -393,12 +389,12 @@ TEST_F(CompanionLibrary, RunsTheExample) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(used.ru_utime.tv_sec + used.ru_stime.tv_sec, 0)
         << "it used the processor for a second";
-    const board::Samples left = heardIn("/out/heard.raw");
+    const Samples left = heardIn("/out/heard.raw");
     ASSERT_GT(left.size(), static_cast<size_t>(4 * kRate));
-    EXPECT_EQ(board::breaksIn(left), 0);
+    EXPECT_EQ(breaksIn(left), 0);
     // The tone's period is 109 frames; latency control bends it by a sample now and then.
-    const board::Samples recorded = host.takeRecording();
-    EXPECT_NEAR(board::upwardCrossings(recorded, 0, recorded.size()), 4.5 * 440, 0.5 * 440);
+    const Samples recorded = host.takeRecording();
+    EXPECT_NEAR(upwardCrossings(recorded, 0, recorded.size()), 4.5 * 440, 0.5 * 440);
 }
 
 }  // namespace

@@ -23,9 +23,7 @@
 namespace uafd {
 namespace {
 
-using board::kRate;
-using board::kSecond;
-using board::Ns;
+using namespace board;
 using testing::HasSubstr;
 
 constexpr char kTool[] = "/bin/uafd-companion";
@@ -38,7 +36,7 @@ class CompanionTool : public BoardCase {
     }
     // The daemon waits for an app's FIFO ends; here the tool is that app.
     void startWithDaemon(const std::vector<std::string>& words) {
-        micService = std::make_unique<board::MicService>();
+        micService = std::make_unique<MicService>();
         start(words);
         daemon.start();
         ASSERT_TRUE(daemon.waitForLog("Fifos observed*"));
@@ -63,15 +61,15 @@ class HostCable {
 
   private:
     void run() {
-        const board::Fd ear = board::Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK);
-        const board::Fd mouth = board::Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
+        const Fd ear = Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK);
+        const Fd mouth = Fd::open("/dev/usb_host_speaker", O_WRONLY | O_NONBLOCK);
         while (!stop) {
             char sound[4800];
             const ssize_t got = read(ear.get(), sound, sizeof sound);
             if (got > 0) {
                 EXPECT_EQ(write(mouth.get(), sound, static_cast<size_t>(got)), got);
             }
-            board::sleepFor(board::kMs);
+            sleepFor(kMs);
         }
     }
 
@@ -93,24 +91,23 @@ constexpr char kAllPassed[] =
     "10 passed, 0 failed\n";
 
 TEST_F(CompanionTool, FindsTheDaemonGood) {
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
-    const Ns since = board::now();
+    const Ns since = now();
     startWithDaemon({"check", "--volume", "-1280"});
     EXPECT_EQ(outputAfter(0), kAllPassed);
     EXPECT_EQ(host.countEvents("uac SET_SPK_VOLUME -1280 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 1 0", since), 1);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE 0 0", since), 1);
-    EXPECT_FALSE(board::exists(board::kSocketRx))
-        << "it would keep another user's app from binding its own";
-    EXPECT_TRUE(board::exists(board::kFifoRx));
+    EXPECT_FALSE(exists(kSocketRx)) << "it would keep another user's app from binding its own";
+    EXPECT_TRUE(exists(kFifoRx));
 }
 
 TEST_F(CompanionTool, FindsThatAFrozenDaemonDoesNotAnswer) {
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
     startWithDaemon({"loop"});
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    ASSERT_TRUE(hasThreads(kStreamingThreads));
     daemon.freeze();
     start({"check", "--wait", "0.5"});
     EXPECT_THAT(outputAfter(1), HasSubstr("FAIL  a sync-up is answered: no answer\n"));
@@ -131,27 +128,27 @@ TEST_F(CompanionTool, FindsWhatTheHostLeavesUndone) {
 }
 
 TEST_F(CompanionTool, RecordsPlaysAndTells) {
-    const board::HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     ASSERT_TRUE(player.fill());
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "1"});
     switchBoth(true);
     EXPECT_EQ(outputAfter(0), "");
-    const board::Samples heard = board::readWav("/out/heard.wav");
+    const Samples heard = readWav("/out/heard.wav");
     ASSERT_GT(heard.size(), static_cast<size_t>(kRate / 2));
     ASSERT_LE(heard.size(), static_cast<size_t>(kRate));
-    EXPECT_EQ(board::breaksIn(heard), 0);
+    EXPECT_EQ(breaksIn(heard), 0);
 
-    const board::Samples speech = board::render(board::noise, 0, kRate);
-    board::writeWav("/out/said.wav", speech);
+    const Samples speech = render(noise, 0, kRate);
+    writeWav("/out/said.wav", speech);
     host.takeRecording();
     start({"play", "/out/said.wav"});
     outputAfter(0);
-    board::sleepFor(kSecond / 10);
-    const board::Samples recorded = host.takeRecording();
+    sleepFor(kSecond / 10);
+    const Samples recorded = host.takeRecording();
     // The file arrives from its first sample on; latency control may bend a frame here and there.
     const auto first = static_cast<size_t>(std::find(recorded.begin(), recorded.end(), speech[0]) -
                                            recorded.begin());
-    ASSERT_EQ(board::find(recorded, first, speech), 0);
+    ASSERT_EQ(find(recorded, first, speech), 0);
     EXPECT_GE(recorded.size() - first, speech.size());
 
     start({"events", "--count", "4"});
@@ -163,11 +160,11 @@ TEST_F(CompanionTool, RecordsPlaysAndTells) {
 
 // The host plays nothing, so the recording is silence.
 TEST_F(CompanionTool, RecordsForAsLongAsItIsAskedTo) {
-    const Ns begin = board::now();
+    const Ns begin = now();
     startWithDaemon({"record", "/out/heard.wav", "--seconds", "3"});
     EXPECT_EQ(tool->wait(), 0);
-    EXPECT_NEAR(static_cast<double>(board::now() - begin) / kSecond, 3, 0.5);
-    EXPECT_EQ(board::readWav("/out/heard.wav").size(), 0U);
+    EXPECT_NEAR(static_cast<double>(now() - begin) / kSecond, 3, 0.5);
+    EXPECT_EQ(readWav("/out/heard.wav").size(), 0U);
 }
 
 // The number after "KEY": in an object's part that begins with "PART".
@@ -179,11 +176,11 @@ double valueIn(const std::string& json, const std::string& part, const std::stri
 }
 
 TEST_F(CompanionTool, WatchesDaemonAndAppFromOutside) {
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     switchBoth(true);
     startWithDaemon({"loop"});
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
-    board::sleepFor(kSecond / 10);  // the first periods of a stream move at once
+    ASSERT_TRUE(hasThreads(kStreamingThreads));
+    sleepFor(kSecond / 10);  // the first periods of a stream move at once
     ChildProcess top({kTool, "top", "--once", "--json"});
     EXPECT_EQ(top.wait(), 0) << top.errors();
     const std::string seen = top.output();
@@ -270,15 +267,15 @@ TEST_F(UsersFolder, IsNotForAnAppOfAnotherGroup) {
     EXPECT_EQ(tool->output(),
               failure(path("FifoRx") + " would be made for 1000:1000, not for the daemon "
                                        "(500:501): run this in the daemon's group"));
-    EXPECT_FALSE(board::exists(path("FifoRx")));
-    EXPECT_FALSE(board::exists(path("UdsIpcRx")));
+    EXPECT_FALSE(exists(path("FifoRx")));
+    EXPECT_FALSE(exists(path("UdsIpcRx")));
 }
 
 TEST_F(UsersFolder, IsForAnAppOfTheGroupWhateverItsMask) {
     check(true, 077);
     EXPECT_THAT(tool->output(), HasSubstr("ok    daemon and app may open each other's files\n"));
     EXPECT_EQ(ownerOf(path("FifoRx")), "1000:501 660");
-    EXPECT_FALSE(board::exists(path("UdsIpcRx")));
+    EXPECT_FALSE(exists(path("UdsIpcRx")));
 }
 
 TEST_F(UsersFolder, ShowsAFifoThatIsNotForTheApp) {

@@ -10,24 +10,22 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::LogLine;
+using namespace board;
 using ThreadLog = std::vector<std::string>;
 
 constexpr char kController[] = "/run/properties/sys.usb.controller";
 
 bool matchesAll(const ThreadLog& lines, const ThreadLog& wanted) {
-    return std::equal(lines.begin(), lines.end(), wanted.begin(), wanted.end(),
-                      [](const std::string& line, const std::string& text) {
-                          return board::matches(line, text);
-                      });
+    return std::equal(
+        lines.begin(), lines.end(), wanted.begin(), wanted.end(),
+        [](const std::string& line, const std::string& text) { return matches(line, text); });
 }
 
 class DaemonLog : public BoardCase {
   protected:
     // A board without the cable's fault, which logs no line every second.
-    void SetUp() override { board::put(kController, "fe800000.usb"); }
-    void TearDown() override { board::put(kController, "ff300000.usb"); }
+    void SetUp() override { put(kController, "fe800000.usb"); }
+    void TearDown() override { put(kController, "ff300000.usb"); }
 
     // `wanted` has one list of lines for each thread that logs something, in any order.
     void expectPhase(const char* phase, const std::vector<ThreadLog>& wanted) {
@@ -35,8 +33,8 @@ class DaemonLog : public BoardCase {
         const size_t lines =
             std::accumulate(wanted.begin(), wanted.end(), size_t{0},
                             [](size_t sum, const ThreadLog& log) { return sum + log.size(); });
-        board::waitFor([&] { return daemon.mark() >= logMark + lines; });
-        board::sleepFor(100 * kMs);  // for a line too many
+        waitFor([&] { return daemon.mark() >= logMark + lines; });
+        sleepFor(100 * kMs);  // for a line too many
         std::map<int, ThreadLog> threads;
         for (size_t i = logMark; i < daemon.log().size(); ++i) {
             threads[daemon.log()[i].tid].push_back(daemon.log()[i].brief());
@@ -215,13 +213,13 @@ TEST_F(DaemonLog, CountsBindsAndActivationsWhileUnbound) {
 }
 
 TEST_F(DaemonLog, ShowsThatItWaitsForTheFifos) {
-    micService = std::make_unique<board::MicService>();
+    micService = std::make_unique<MicService>();
     daemon.start();
     ASSERT_TRUE(
         daemon.waitForLog("/tmp/usbAudioFifoRx is not available yet. Waiting for creation..."));
-    board::sleepFor(2 * board::kSecond);
+    sleepFor(2 * kSecond);
     EXPECT_EQ(daemon.mark(), 2U);  // one line for 1500 attempts
-    app = std::make_unique<board::App>();
+    app = std::make_unique<App>();
     ASSERT_TRUE(
         daemon.waitForLog("Fifos observed for /tmp/usbAudioFifoRx after # attempts, "
                           "/tmp/usbAudioFifoTx after 0 attempts"));
@@ -244,10 +242,10 @@ TEST_F(DaemonLog, ShowsATickASecondOnTheBoardWithTheCableFault) {
     constexpr char kTick[] =
         "recvmsg error: <-1:11:Resource temporarily unavailable> - likely a timeout for RK-based "
         "SoC";
-    board::put(kController, "ff300000.usb");
+    put(kController, "ff300000.usb");
     start();
-    ASSERT_TRUE(daemon.waitForLog(kTick, 0, 10, 15 * board::kSecond));
-    std::vector<board::Ns> ticks;
+    ASSERT_TRUE(daemon.waitForLog(kTick, 0, 10, 15 * kSecond));
+    std::vector<Ns> ticks;
     for (const LogLine& line : daemon.log()) {
         if (line.text == kTick) {
             EXPECT_EQ(line.level, 'D');
@@ -256,8 +254,8 @@ TEST_F(DaemonLog, ShowsATickASecondOnTheBoardWithTheCableFault) {
         }
     }
     for (size_t i = 1; i < ticks.size(); ++i) {
-        EXPECT_NEAR(static_cast<double>(ticks[i] - ticks[i - 1]),
-                    static_cast<double>(board::kSecond), static_cast<double>(50 * kMs));
+        EXPECT_NEAR(static_cast<double>(ticks[i] - ticks[i - 1]), static_cast<double>(kSecond),
+                    static_cast<double>(50 * kMs));
     }
 }
 

@@ -9,9 +9,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -27,17 +25,17 @@ class Events : public BoardCase {
         look();
         queue(type, data);
         ASSERT_TRUE(settle());
-        board::sleepFor(50 * kMs);
+        sleepFor(50 * kMs);
     }
 
     // Sends the message; returns the requests that reached the driver.
     std::vector<std::string> requestsAfter(Message message) {
         look();
-        const board::Ns since = board::now();
+        const Ns since = now();
         EXPECT_EQ(app->send(message), 0);
-        board::sleepFor(50 * kMs);
+        sleepFor(50 * kMs);
         std::vector<std::string> requests;
-        for (const board::HostEvent& event : host.eventsSince(since)) {
+        for (const HostEvent& event : host.eventsSince(since)) {
             requests.push_back(event.text);
         }
         return requests;
@@ -81,7 +79,7 @@ TEST_F(Events, BindWithoutACardLeavesTheDaemonUnbound) {
 TEST_F(Events, UnbindStopsBothChannelsAndForgetsTheCard) {
     bothOn();
     deliver(1, 0);
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     EXPECT_THAT(told(), testing::UnorderedElementsAre(Message{kSpeaker, 0}, Message{kMic, 0}));
     deliver(2, 0);
     EXPECT_EQ(said("devName not set"), 1);
@@ -194,7 +192,7 @@ TEST_F(Events, ASyncUpTellsTheStateOfBothChannels) {
     requestsAfter({7, 0});
     EXPECT_THAT(told(), ElementsAre(Message{0, 1}, Message{1, 1}, Message{2, 0}));
     host.command("usb_state DISCONNECTED");
-    board::sleepFor(50 * kMs);
+    sleepFor(50 * kMs);
     requestsAfter({7, 0});
     EXPECT_THAT(told(), ElementsAre(Message{0, 0}));
 }
@@ -212,7 +210,7 @@ class Channel : public Events, public testing::WithParamInterface<uint32_t> {
         host.command(channel() == kSpeaker ? "speaker on" : "mic on");
         ASSERT_TRUE(waitForChannel(channel(), true, 0));
         deliver(event(), 0);
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
 };
 
@@ -237,7 +235,7 @@ TEST_P(Channel, RunningIsStoppedOnceByTwoOffEvents) {
     const size_t messages = app->messages().size();
     queue(event(), 0);
     deliver(event(), 0);
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     EXPECT_EQ(app->messageValues(messages), (std::vector<Message>{{channel(), 0}}));
     EXPECT_EQ(daemon.count("intfUpdate to 0, current state 2"), 1);
 }
@@ -245,13 +243,13 @@ TEST_P(Channel, RunningIsStoppedOnceByTwoOffEvents) {
 TEST_P(Channel, StoppingIsCancelledByAnOnEvent) {
     deliver(event(), 1);
     const size_t messages = app->messages().size();
-    const board::Ns since = board::now();
+    const Ns since = now();
     queue(event(), 0);
-    board::sleepFor(6 * kMs);
+    sleepFor(6 * kMs);
     deliver(event(), 1);
     EXPECT_EQ(said("intfUpdate to 1, current state 2"), 1);
     EXPECT_EQ(said("stopDelayCnt = 1") + said("stopDelayCnt = 2"), 1);
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_EQ(app->messages().size(), messages);
     EXPECT_EQ(host.countEvents(std::string(stream()) + " close", since), 0);
     EXPECT_EQ(findDamage(), "");
@@ -267,7 +265,7 @@ TEST_P(Channel, StaysStoppedWhenItsStartFailsAndStartsTheNextTime) {
         deliver(event(), 1);
         EXPECT_THAT(told(), ElementsAre(Message{channel(), 1}));
         deliver(event(), 0);
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
     }
     EXPECT_EQ(findDamage(), "");
 }

@@ -10,12 +10,7 @@
 namespace uafd {
 namespace {
 
-using board::App;
-using board::AppProcess;
-using board::kMicDirection;
-using board::kMs;
-using board::kSecond;
-using board::kSpeakerDirection;
+using namespace board;
 
 class Faults : public Scenario {
   protected:
@@ -23,13 +18,13 @@ class Faults : public Scenario {
 
     void stream() {
         bothOn();
-        board::sleepFor(300 * kMs);
+        sleepFor(300 * kMs);
     }
     // A process that can die plays the app's part.
     void letAProcessBeTheApp() {
         app.reset();
         victim = std::make_unique<AppProcess>();
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
     }
     void killTheApp() { victim->kill(); }
     void restartTheApp() { app = std::make_unique<App>(); }
@@ -60,7 +55,7 @@ TEST_F(Faults, TheAppDiesAndTheHostStopsBeforeItIsBack) {
     letAProcessBeTheApp();
     stream();
     killTheApp();
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     bothOff();
     expectNobodyBusy();
     restartTheApp();
@@ -70,9 +65,9 @@ TEST_F(Faults, TheAppDiesAndTheHostStopsAndStartsBeforeItIsBack) {
     letAProcessBeTheApp();
     stream();
     killTheApp();
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     bothOff();
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     switchBoth(true);
     expectNobodyBusy();
     restartTheApp();
@@ -84,12 +79,12 @@ TEST_F(Faults, TheAppDiesWhileBothChannelsAreStopping) {
         SCOPED_TRACE(delay);
         letAProcessBeTheApp();
         bothOn();
-        board::sleepFor(200 * kMs);
+        sleepFor(200 * kMs);
         queue(kSpeakerDirection.record, 0);
         queue(kMicDirection.record, 0);
-        board::sleepFor(delay * kMs);
+        sleepFor(delay * kMs);
         killTheApp();
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
         restartTheApp();
         EXPECT_EQ(findDamage(), "");
     }
@@ -108,7 +103,7 @@ TEST_F(Faults, AFrozenAppCostsSoundAndNothingElse) {
     victim->freeze();
     expectNobodyBusy();
     victim->thaw();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     killTheApp();
     restartTheApp();
 }
@@ -122,7 +117,7 @@ TEST_P(Fifo, IsReplacedWhileBothChannelsRun) {
     unlink(GetParam());
     app.reset();
     restartTheApp();  // makes the FIFO again
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
 }
 
 TEST_P(Fifo, IsGoneForAWhileWhileBothChannelsRun) {
@@ -131,7 +126,7 @@ TEST_P(Fifo, IsGoneForAWhileWhileBothChannelsRun) {
     app.reset();
     expectNobodyBusy();
     restartTheApp();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
 }
 
 TEST_P(Fifo, IsGoneWhenBothChannelsStart) {
@@ -141,20 +136,20 @@ TEST_P(Fifo, IsGoneWhenBothChannelsStart) {
     expectNobodyBusy();
     EXPECT_GE(daemon.count(std::string("failed to open ") + GetParam()), 1);
     restartTheApp();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
 }
 
 TEST_P(Fifo, IsGoneAndBackManyTimes) {
     for (int i = 0; i < 10; ++i) {
         SCOPED_TRACE(i);
         bothOn();
-        board::sleepFor(i * 7 * kMs);
+        sleepFor(i * 7 * kMs);
         unlink(GetParam());
         app.reset();
-        board::sleepFor(i * 3 * kMs);
+        sleepFor(i * 3 * kMs);
         bothOff();
         restartTheApp();
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
 }
 
@@ -163,7 +158,7 @@ TEST_P(Fifo, IsGoneAndBackManyTimes) {
 TEST_P(Fifo, IsRecreatedWhileTheDaemonWaitsToOpenIt) {
     stream();
     app.reset();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     unlink(GetParam());
     restartTheApp();
 }
@@ -172,18 +167,16 @@ TEST_P(Fifo, IsRecreatedWhileTheDaemonWaitsToOpenIt) {
 TEST_P(Fifo, IsRecreatedAfterTheHostHasStopped) {
     stream();
     app.reset();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     bothOff();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads + 1, 100 * kMs));
+    EXPECT_TRUE(hasThreads(kIdleThreads + 1, 100 * kMs));
     expectNobodyBusy();
     unlink(GetParam());
     restartTheApp();
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Fifo, testing::Values(board::kFifoRx, board::kFifoTx),
-                         [](const auto& info) {
-                             return info.param == board::kFifoRx ? "Rx" : "Tx";
-                         });
+INSTANTIATE_TEST_SUITE_P(Each, Fifo, testing::Values(kFifoRx, kFifoTx),
+                         [](const auto& info) { return info.param == kFifoRx ? "Rx" : "Tx"; });
 
 // ---- The sound card goes -----------------------------------------------------------------------
 
@@ -192,16 +185,16 @@ TEST_F(Faults, TheCardIsRemovedInMidStreamAndReturns) {
     host.command("card remove");
     expectNobodyBusy();
     bothOff();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     host.command("card add");
 }
 
 TEST_F(Faults, TheCardIsRemovedInMidStreamAndReturnsBeforeTheHostStops) {
     stream();
     host.command("card remove");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     host.command("card add");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     bothOff();
 }
 
@@ -209,7 +202,7 @@ TEST_F(Faults, TheGadgetIsUnboundInMidStreamAndBoundElsewhere) {
     stream();
     host.command("unbind");
     expectNobodyBusy();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     host.command("bind 3");
 }
 
@@ -217,7 +210,7 @@ TEST_F(Faults, TheGadgetIsReboundInMidStreamAtOnce) {
     for (int i = 0; i < 5; ++i) {
         SCOPED_TRACE(i);
         bothOn();
-        board::sleepFor(100 * kMs + i * kMs);
+        sleepFor(100 * kMs + i * kMs);
         host.command("unbind");
         host.command("bind");
         ASSERT_TRUE(settle());

@@ -17,9 +17,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Ns;
+using namespace board;
 
 constexpr Ns kPeriod = 5 * kMs;
 constexpr Ns kSoon = kMs / 10;     // for 99.9 % of the answers
@@ -37,11 +35,11 @@ class Latency : public BoardCase {
     void measure(const char* how) {
         start();
         host.command("ppb " + std::to_string(kHostPpb));
-        board::Streaming streaming(this);
-        board::AnswerTimes answers(streaming.threads(), measuredTime());
+        Streaming streaming(this);
+        AnswerTimes answers(streaming.threads(), measuredTime());
         for (int phase = 0; phase < kPhases; ++phase) {
             host.command("stall mic 1");
-            board::sleepFor(kMs);
+            sleepFor(kMs);
             host.command("stall mic 0");
             streaming.run(measuredTime() / kPhases, [&] { answers.look(); });
         }
@@ -53,7 +51,7 @@ class Latency : public BoardCase {
         EXPECT_EQ(host.counter("capture.xruns") + host.counter("playback.xruns"), 0);
     }
 
-    void report(const char* what, const char* how, board::AnswerTimes::Waits answers) {
+    void report(const char* what, const char* how, AnswerTimes::Waits answers) {
         EXPECT_EQ(answers.unasked, 0);
         EXPECT_LE(answers.unanswered, 1);
         std::vector<Ns>& waits = answers.times;
@@ -61,18 +59,18 @@ class Latency : public BoardCase {
         EXPECT_NEAR(static_cast<double>(waits.size()), periods, periods / 50);
         std::sort(waits.begin(), waits.end());
         const auto us = [&](double share) {
-            return static_cast<double>(board::quantileOf(waits, share)) / 1000;
+            return static_cast<double>(quantileOf(waits, share)) / 1000;
         };
         const auto late = waits.end() - std::upper_bound(waits.begin(), waits.end(), kSoon);
         char line[240];
         snprintf(line, sizeof line,
                  "latency: %-34s, %-5s, %d cpus, %6zu periods: 50 %% %6.1f, 99 %% %6.1f, 99.9 %% "
                  "%6.1f, max %6.1f us; %lld above 100\n",
-                 what, how, board::processors(), waits.size(), us(0.5), us(0.99), us(0.999), us(1),
+                 what, how, processors(), waits.size(), us(0.5), us(0.99), us(0.999), us(1),
                  static_cast<long long>(late));
         fputs(line, stdout);
         std::ofstream("/out/latency.txt", std::ios::app) << line;
-        EXPECT_LT(board::quantileOf(waits, 0.999), kSoon);
+        EXPECT_LT(quantileOf(waits, 0.999), kSoon);
     }
 };
 
@@ -81,11 +79,11 @@ TEST_F(Latency, OfADaemonAlone) {
 }
 
 TEST_F(Latency, AmongBusyProcesses) {
-    const board::Hogs hogs;
-    const Ns from = board::now();
+    const Hogs hogs;
+    const Ns from = now();
     measure("busy");
-    const double share = static_cast<double>(hogs.cpu()) /
-                         static_cast<double>((board::now() - from) * board::processors());
+    const double share =
+        static_cast<double>(hogs.cpu()) / static_cast<double>((now() - from) * processors());
     printf("latency: the hogs had %.1f %% of the processors\n", 100 * share);
     EXPECT_GT(share, 0.8);
 }

@@ -11,21 +11,14 @@
 namespace uafd {
 namespace {
 
-using board::FrameKind;
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::MicFrame;
-using board::MicRecording;
-using board::MicStream;
-using board::Ns;
+using namespace board;
 
 class Microphone : public BoardCase {
   protected:
     // Streams noise for `time` and records what arrives.
     void stream(MicStream* mic, Ns time) {
-        for (Ns end = board::now() + time; board::now() < end;) {
-            board::sleepFor(kSecond);
+        for (Ns end = now() + time; now() < end;) {
+            sleepFor(kSecond);
             mic->observe();
         }
         mic->off();
@@ -42,20 +35,19 @@ class Microphone : public BoardCase {
 
     void report(const char* start, const MicStream& mic) {
         std::vector<Ns> settled;
-        for (const board::MicLatency& latency : mic.latencies()) {
+        for (const MicLatency& latency : mic.latencies()) {
             if (latency.recordedAt >= mic.settledAt()) {
                 settled.push_back(latency.latency);
             }
         }
-        const board::Spread latency = board::spreadOf(settled);
+        const Spread latency = spreadOf(settled);
         printf(
             "microphone: %s: start to first sample %.2f ms; settled after %.2f s, %ld frames "
             "stretched and %ld squeezed; latency then %s\n",
             start, static_cast<double>(mic.timeToSound()) / kMs,
             static_cast<double>(mic.settledAt()) / kRate,
             static_cast<long>(mic.explained().count(FrameKind::kStretched)),
-            static_cast<long>(mic.explained().count(FrameKind::kSqueezed)),
-            board::inMs(latency).c_str());
+            static_cast<long>(mic.explained().count(FrameKind::kSqueezed)), inMs(latency).c_str());
         RecordProperty("start_to_first_sample_us", static_cast<int>(mic.timeToSound() / 1000));
         RecordProperty("latency_us", static_cast<int>(latency.median / 1000));
         EXPECT_LT(latency.largest - latency.smallest, kMs);
@@ -67,10 +59,10 @@ class Microphone : public BoardCase {
 // second of each pair finds too few samples and is stretched, until the latency has grown into its
 // range.
 TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
-    board::AppOptions quiet;
+    AppOptions quiet;
     quiet.speaks = false;
     start(true, quiet);
-    MicStream mic(this, board::noise);
+    MicStream mic(this, noise);
     app->pauseSpeaking(false);
     stream(&mic, 20 * kSecond);
     expectExact(mic);
@@ -85,7 +77,7 @@ TEST_F(Microphone, ReachesTheHostBitForBitOnceItHasSettled) {
 // An app that never stops writing has left blocks in the FIFO; they are sent first.
 TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
     start();
-    MicStream mic(this, board::noise);
+    MicStream mic(this, noise);
     stream(&mic, 20 * kSecond);
     expectExact(mic);
     report("from a filled FIFO", mic);
@@ -94,13 +86,13 @@ TEST_F(Microphone, SettlesAfterTheBlocksThatWaitedInTheFifo) {
 
 // The latency grows by the samples gained, as the app's and the host's time stamps show.
 TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
-    board::AppOptions quiet;
+    AppOptions quiet;
     quiet.speaks = false;
     start(true, quiet);
-    MicStream mic(this, board::noise);
+    MicStream mic(this, noise);
     app->pauseSpeaking(false);
     stream(&mic, 5 * kSecond);
-    const std::vector<board::MicLatency> latencies = mic.latencies();
+    const std::vector<MicLatency> latencies = mic.latencies();
     ASSERT_FALSE(latencies.empty());
     int64_t gained = 0;
     for (const MicFrame& frame : mic.frames()) {
@@ -115,7 +107,7 @@ TEST_F(Microphone, GainsTheSamplesThatItsLatencyGrowsBy) {
 TEST_F(Microphone, CarriesTheLeftChannelAlone) {
     start();
     // The right channel is the inverse of the left: silence on the left is a right channel at -1.
-    MicStream mic(this, board::silence);
+    MicStream mic(this, silence);
     stream(&mic, 2 * kSecond);
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
     EXPECT_GT(mic.explained().frames(), kRate / MicRecording::kFrame);
@@ -127,11 +119,11 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
     constexpr int64_t settled = 2 * kRate;
     start();
     app.reset();
-    board::AppOptions options;
+    AppOptions options;
     options.jitter = 4 * kMs;
-    app = std::make_unique<board::App>(options);
-    board::sleepFor(100 * kMs);
-    MicStream mic(this, board::noise);
+    app = std::make_unique<App>(options);
+    sleepFor(100 * kMs);
+    MicStream mic(this, noise);
     stream(&mic, 6 * kSecond);
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
     EXPECT_EQ(mic.explained().count(FrameKind::kStarved), 0);
@@ -155,19 +147,19 @@ TEST_F(Microphone, LosesNothingWhenTheAppJittersByFourMilliseconds) {
 TEST_F(Microphone, IsSilentWhileTheAppIsAndThenGoesOn) {
     constexpr int64_t waitingMax = 2 * 480;
     start();
-    app->speak(board::noise);
-    board::sleepFor(100 * kMs);
+    app->speak(noise);
+    sleepFor(100 * kMs);
     app->pauseSpeaking(true);
     host.command("mic on");
-    board::sleepFor(kSecond);
-    const board::Samples quiet = host.takeRecording();
+    sleepFor(kSecond);
+    const Samples quiet = host.takeRecording();
     EXPECT_GT(quiet.size(), size_t{kRate} * 9 / 10);
     EXPECT_LE(static_cast<int64_t>(quiet.size()) - std::count(quiet.begin(), quiet.end(), 0),
               waitingMax + waitingMax / 100);
     app->pauseSpeaking(false);
-    EXPECT_TRUE(board::waitFor([this] {
-        const board::Samples recorded = host.takeRecording();
-        return board::firstSound(recorded) < recorded.size();
+    EXPECT_TRUE(waitFor([this] {
+        const Samples recorded = host.takeRecording();
+        return firstSound(recorded) < recorded.size();
     }));
     host.command("mic off");
     EXPECT_EQ(findDamage(), "");

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -26,10 +27,7 @@
 namespace uafd {
 namespace {
 
-using board::contents;
-using board::kMs;
-using board::now;
-using board::sleepFor;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -275,57 +273,18 @@ TEST_F(Module, ReenumeratesWithTheCableAndWithoutAFault) {
 }
 
 TEST_F(Module, RefusesWhatItDoesNotUnderstand) {
-    for (const char* text : {"",
-                             "  ",
-                             "nonsense",
-                             "bind now",
-                             "bind 1 2",
-                             "unbind now",
-                             "card",
-                             "card eject",
-                             "card add x",
-                             "card remove 1",
-                             "speaker",
-                             "speaker maybe",
-                             "speaker on 1",
-                             "volume both 1",
-                             "volume mic loud",
-                             "volume speaker 32768",
-                             "volume speaker -32769",
-                             "mute mic",
-                             "mute mic 2",
-                             "mute mic -1",
-                             "record 1",
-                             "record x 1",
-                             "record 1 x",
-                             "record 1 1 x",
-                             "ppb fast",
-                             "ppb 100000001",
-                             "ppb -100000001",
-                             "flush both",
-                             "stall mic",
-                             "stall mic 2",
-                             "stall both 1",
-                             "xrun mic 5",
-                             "xrun mic at=x",
-                             "suspend both",
-                             "usb_state",
-                             "usb_state A loudly",
-                             "uevent",
-                             "cable perhaps",
-                             "cable 1 1",
-                             "unplug now",
-                             "plug now",
-                             "reenumerate now",
-                             "fault read",
-                             "fault read x",
-                             "fault read -1",
-                             "fault nothing 1",
-                             "fault read 5 often",
-                             "fault read 5 after=x",
-                             "fault read 5 times=x",
-                             "fault clear all",
-                             "fault clear read now"}) {
+    std::istringstream refused(
+        "|  |nonsense|bind now|bind 1 2|unbind now|card|card eject|card add x|"
+        "card remove 1|speaker|speaker maybe|speaker on 1|volume both 1|"
+        "volume mic loud|volume speaker 32768|volume speaker -32769|mute mic|"
+        "mute mic 2|mute mic -1|record 1|record x 1|record 1 x|record 1 1 x|ppb fast|"
+        "ppb 100000001|ppb -100000001|flush both|stall mic|stall mic 2|stall both 1|"
+        "xrun mic 5|xrun mic at=x|suspend both|usb_state|usb_state A loudly|uevent|"
+        "cable perhaps|cable 1 1|unplug now|plug now|reenumerate now|fault read|"
+        "fault read x|fault read -1|fault nothing 1|fault read 5 often|"
+        "fault read 5 after=x|fault read 5 times=x|fault clear all|"
+        "fault clear read now|");
+    for (std::string text; std::getline(refused, text, '|');) {
         EXPECT_EQ(command(text), EINVAL) << text;
     }
     EXPECT_EQ(command("log " + std::string(3997, 'x')), E2BIG);
@@ -357,7 +316,7 @@ TEST_F(Module, StampsItsLogAndTellsAReaderWhatItMissed) {
 TEST_F(Module, CanBeUnloadedAndLoadedUnboundAndUnplugged) {
     host.reset();  // holds its devices
     ASSERT_EQ(system("rmmod usb_board"), 0);
-    EXPECT_FALSE(board::exists("/proc/usb_host"));
+    EXPECT_FALSE(exists("/proc/usb_host"));
     ASSERT_EQ(system("modprobe usb_board bound=0 plugged=0 index=3"), 0);
     host.emplace();
     EXPECT_EQ(counter("card"), -1);

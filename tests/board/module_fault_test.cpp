@@ -3,7 +3,6 @@
 // program, and the card's coming and going.
 #include <cerrno>
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,35 +10,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "board/kit/clock.h"
+#include "board/kit/audio_host.h"
 #include "board/kit/files.h"
 #include "tests/board/module_case.h"
-#include "tests/board/pcm.h"
 
 namespace uafd {
 namespace {
 
-using board::contents;
-using board::kMs;
-using board::sleepFor;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 
 constexpr snd_pcm_uframes_t kBuffer = 2400;
 constexpr snd_pcm_uframes_t kPeriod = 240;
 
-struct Direction {
-    snd_pcm_stream_t stream;
-    const char* pcm;   // name in fault points, log and counters
-    const char* host;  // name in commands
-};
-
-void PrintTo(const Direction& direction, std::ostream* out) {
-    *out << direction.pcm;
-}
-
 class Fault : public ModuleCase, public testing::WithParamInterface<Direction> {
   protected:
+    static snd_pcm_stream_t stream() {
+        return GetParam() == kSpeakerDirection ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
+    }
     // A playback starts only when there is something to play, so this writes first.
     static int start(Pcm& pcm) {
         if (snd_pcm_stream(pcm.get()) == SND_PCM_STREAM_PLAYBACK) {
@@ -51,14 +39,14 @@ class Fault : public ModuleCase, public testing::WithParamInterface<Direction> {
     void run(Pcm& pcm) {
         ASSERT_EQ(pcm.setUp(kBuffer, kPeriod), "");
         ASSERT_EQ(start(pcm), 0);
-        command(std::string(GetParam().host) + " on");
+        command(std::string(GetParam().name) + " on");
         ASSERT_TRUE(waitFor([this] { return count("periods") > 0; }));
     }
     int64_t count(const char* what) { return counter(std::string(GetParam().pcm) + "." + what); }
     void arm(const std::string& fault) {
         ASSERT_EQ(command("fault " + std::string(GetParam().pcm) + "." + fault), 0);
     }
-    int injure(const std::string& how) { return command(how + " " + GetParam().host); }
+    int injure(const std::string& how) { return command(how + " " + GetParam().name); }
 };
 
 // Returns the negative error with which a transfer of one period fails.
@@ -69,8 +57,8 @@ snd_pcm_sframes_t transfer(Pcm& pcm, snd_pcm_stream_t stream) {
 
 TEST_P(Fault, FailsAnOpen) {
     arm("open 13");
-    EXPECT_EQ(Pcm(GetParam().stream).opened(), -EACCES);
-    EXPECT_EQ(Pcm(GetParam().stream).opened(), 0);
+    EXPECT_EQ(Pcm(stream()).opened(), -EACCES);
+    EXPECT_EQ(Pcm(stream()).opened(), 0);
 }
 
 TEST_P(Fault, FailsEveryStepOfSettingUp) {
@@ -85,24 +73,24 @@ TEST_P(Fault, FailsEveryStepOfSettingUp) {
     };
     for (const auto& row : rows) {
         arm(row.fault);
-        Pcm broken(GetParam().stream);
+        Pcm broken(stream());
         ASSERT_EQ(broken.opened(), 0) << row.fault;
         EXPECT_EQ(broken.setUp(kBuffer, kPeriod), row.failed);
         command("card add");
     }
-    EXPECT_EQ(Pcm(GetParam().stream).setUp(kBuffer, kPeriod), "");
+    EXPECT_EQ(Pcm(stream()).setUp(kBuffer, kPeriod), "");
 }
 
 TEST_P(Fault, GrantsAnotherRate) {
     arm("other_rate 44100");
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     EXPECT_EQ(pcm.setUp(kBuffer, kPeriod), "");
     EXPECT_EQ(pcm.rate, 44100U);
 }
 
 TEST_P(Fault, FailsAStart) {
     arm("start 19 after=1 times=2");
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     ASSERT_EQ(pcm.setUp(kBuffer, kPeriod), "");
     EXPECT_EQ(start(pcm), 0);
     for (const int expected : {-ENODEV, -ENODEV, 0}) {
@@ -113,7 +101,7 @@ TEST_P(Fault, FailsAStart) {
 }
 
 TEST_P(Fault, MakesAnXrunNow) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
     const int64_t xruns = count("xruns");
     Notes log(*this);
@@ -121,16 +109,16 @@ TEST_P(Fault, MakesAnXrunNow) {
     EXPECT_THAT(log.texts(), ElementsAre(GetParam().pcm + std::string(" xrun")));
     EXPECT_EQ(pcm.state(), SND_PCM_STATE_XRUN);
     EXPECT_EQ(count("xruns"), xruns + 1);
-    EXPECT_EQ(transfer(pcm, GetParam().stream), -EPIPE);
+    EXPECT_EQ(transfer(pcm, stream()), -EPIPE);
     EXPECT_EQ(injure("xrun"), ENXIO);
     EXPECT_EQ(snd_pcm_prepare(pcm.get()), 0);
     EXPECT_EQ(pcm.state(), SND_PCM_STATE_PREPARED);
 }
 
 TEST_P(Fault, MakesAnXrunAtAnExactFrame) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
-    const std::string host = GetParam().host;
+    const std::string host = GetParam().name;
     const std::string idle = host == "mic" ? "mic.silent" : "speaker.lost";
     const int64_t idleBefore = counter(idle);
     const int64_t at = counter(host + ".frames") + 48000;
@@ -148,37 +136,37 @@ TEST_P(Fault, LetsATransferMeetWhatNoWaitHasToldOf) {
     } rows[] = {{EPIPE, SND_PCM_STATE_XRUN}, {ESTRPIPE, SND_PCM_STATE_SUSPENDED}};
     const int64_t before = count("xruns") + count("suspends");
     for (const auto& row : rows) {
-        Pcm pcm(GetParam().stream);
+        Pcm pcm(stream());
         run(pcm);
         arm("transfer " + std::to_string(row.error) + " after=1");
         EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
-        EXPECT_EQ(transfer(pcm, GetParam().stream), static_cast<snd_pcm_sframes_t>(kPeriod));
+        EXPECT_EQ(transfer(pcm, stream()), static_cast<snd_pcm_sframes_t>(kPeriod));
         EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
-        EXPECT_EQ(transfer(pcm, GetParam().stream), -row.error);
+        EXPECT_EQ(transfer(pcm, stream()), -row.error);
         EXPECT_EQ(pcm.state(), row.state);
-        command(std::string(GetParam().host) + " off");
+        command(std::string(GetParam().name) + " off");
     }
     EXPECT_EQ(count("xruns") + count("suspends"), before + 2);
 }
 
 TEST_P(Fault, FailsATransfer) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
     arm("ack 5 times=2");
     for (const snd_pcm_sframes_t expected : {-EIO, -EIO, static_cast<int>(kPeriod)}) {
         EXPECT_EQ(snd_pcm_wait(pcm.get(), 10), 1);
-        EXPECT_EQ(transfer(pcm, GetParam().stream), expected);
+        EXPECT_EQ(transfer(pcm, stream()), expected);
         EXPECT_EQ(pcm.state(), SND_PCM_STATE_RUNNING);
     }
 }
 
 TEST_P(Fault, SuspendsAndRefusesToResume) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
     arm("resume 11 times=3");
     EXPECT_EQ(injure("suspend"), 0);
     EXPECT_EQ(pcm.state(), SND_PCM_STATE_SUSPENDED);
-    EXPECT_EQ(transfer(pcm, GetParam().stream), -ESTRPIPE);
+    EXPECT_EQ(transfer(pcm, stream()), -ESTRPIPE);
     for (const int expected : {-EAGAIN, -EAGAIN, -EAGAIN, 0}) {
         EXPECT_EQ(snd_pcm_resume(pcm.get()), expected);
     }
@@ -188,7 +176,7 @@ TEST_P(Fault, SuspendsAndRefusesToResume) {
 }
 
 TEST_P(Fault, CanBePreparedInsteadOfResumed) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
     arm("resume 5");
     EXPECT_EQ(injure("suspend"), 0);
@@ -198,8 +186,8 @@ TEST_P(Fault, CanBePreparedInsteadOfResumed) {
 }
 
 TEST_P(Fault, SuspendsOneDirectionOnly) {
-    const bool capture = GetParam().stream == SND_PCM_STREAM_CAPTURE;
-    Pcm pcm(GetParam().stream);
+    const bool capture = stream() == SND_PCM_STREAM_CAPTURE;
+    Pcm pcm(stream());
     run(pcm);
     Pcm other(capture ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE);
     ASSERT_EQ(other.setUp(kBuffer, kPeriod), "");
@@ -210,23 +198,23 @@ TEST_P(Fault, SuspendsOneDirectionOnly) {
 }
 
 TEST_P(Fault, DisconnectsAStreamWhenTheCardIsRemoved) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     run(pcm);
     EXPECT_EQ(command("card remove"), 0);
     EXPECT_EQ(pcm.state(), SND_PCM_STATE_DISCONNECTED);
     EXPECT_LT(snd_pcm_wait(pcm.get(), 10), 0);
-    EXPECT_LT(transfer(pcm, GetParam().stream), 0);
+    EXPECT_LT(transfer(pcm, stream()), 0);
     EXPECT_LT(snd_pcm_prepare(pcm.get()), 0);
     EXPECT_EQ(command("card remove"), ENODEV);
     // The same index serves a new card while the old card is still open.
     EXPECT_EQ(command("card add"), 0);
     EXPECT_EQ(command("card add"), EBUSY);
-    Pcm fresh(GetParam().stream);
+    Pcm fresh(stream());
     EXPECT_EQ(fresh.setUp(kBuffer, kPeriod), "");
 }
 
 TEST_P(Fault, WakesABlockedTransferWhenTheCardIsRemoved) {
-    Pcm pcm(GetParam().stream);
+    Pcm pcm(stream());
     ASSERT_EQ(pcm.setUp(kBuffer, kPeriod), "");
     std::thread remover([this] {
         sleepFor(20 * kMs);
@@ -234,15 +222,13 @@ TEST_P(Fault, WakesABlockedTransferWhenTheCardIsRemoved) {
     });
     snd_pcm_sframes_t result = 0;
     while (result >= 0) {
-        result = transfer(pcm, GetParam().stream);
+        result = transfer(pcm, stream());
     }
     EXPECT_EQ(result, -EBADFD);
     remover.join();
 }
 
-INSTANTIATE_TEST_SUITE_P(Pcm, Fault,
-                         testing::Values(Direction{SND_PCM_STREAM_CAPTURE, "capture", "speaker"},
-                                         Direction{SND_PCM_STREAM_PLAYBACK, "playback", "mic"}),
+INSTANTIATE_TEST_SUITE_P(Pcm, Fault, testing::Values(kSpeakerDirection, kMicDirection),
                          [](const auto& info) { return std::string(info.param.pcm); });
 
 class Card : public ModuleCase {};

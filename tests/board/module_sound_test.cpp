@@ -14,18 +14,11 @@
 #include "board/kit/clock.h"
 #include "board/kit/files.h"
 #include "tests/board/module_case.h"
-#include "tests/board/pcm.h"
 
 namespace uafd {
 namespace {
 
-using board::contents;
-using board::Fd;
-using board::kMs;
-using board::kSecond;
-using board::now;
-using board::sleepFor;
-using board::waitFor;
+using namespace board;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -64,7 +57,7 @@ std::vector<int16_t> withoutLeadingZeros(std::vector<int16_t> frames) {
 // How long `frames` last on the host's clock, in whole nanoseconds of the board's clock.
 int64_t hostTimeNs(int64_t frames, int64_t ppb) {
     const __int128 parts = 1000000000;
-    const __int128 usbFrames = frames / board::kFramesPerUsbFrame;
+    const __int128 usbFrames = frames / kFramesPerUsbFrame;
     return static_cast<int64_t>(usbFrames * kMs * parts / (parts + ppb));
 }
 
@@ -230,7 +223,7 @@ TEST_F(Sound, StandsStillWhileTheHostsStreamIsOffOrStalled) {
     EXPECT_EQ(snd_pcm_wait(capture.get(), 50), 1);
     command("stall speaker 1");
     const snd_pcm_sframes_t avail = snd_pcm_avail(capture.get());
-    EXPECT_EQ(avail % board::kFramesPerUsbFrame, 0);
+    EXPECT_EQ(avail % kFramesPerUsbFrame, 0);
     sleepFor(50 * kMs);
     EXPECT_EQ(snd_pcm_avail(capture.get()), avail);
     command("stall speaker 0");

@@ -23,12 +23,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Ns;
-using board::PerfEvent;
-using board::PerfSample;
-using board::PerfScope;
+using namespace board;
 
 constexpr int kPriority = 58;
 constexpr int kHostPpb = 1000000;       // the host is faster: frames are stretched
@@ -67,7 +62,7 @@ struct Conduct {
 // The frame buffer's lock is taken once for each frame or block. On this processor the PCM's
 // position is not mapped into the process: alsa-lib asks the kernel for it to learn the state,
 // before a wait, after a transfer and for the check of the backlog.
-std::vector<Conduct> conducts(const board::StreamingThreads& threads) {
+std::vector<Conduct> conducts(const StreamingThreads& threads) {
     Allowances logged{{"getpid", kForALine},
                       {"gettid", kForALine},
                       {"rt_sigprocmask", kTwiceForALine},
@@ -151,7 +146,7 @@ class Watch {
 
   private:
     static PerfEvent enters(pid_t tid) {
-        return PerfEvent::traced(board::traceId("raw_syscalls/sys_enter"), PerfScope::thread(tid));
+        return PerfEvent::traced(traceId("raw_syscalls/sys_enter"), PerfScope::thread(tid));
     }
 
     PerfEvent systemCalls;
@@ -163,14 +158,14 @@ class Watch {
 class Realtime : public BoardCase {
   protected:
     int linesOf(pid_t tid, size_t mark) {
-        const std::vector<board::LogLine>& log = daemon.log();
+        const std::vector<LogLine>& log = daemon.log();
         return static_cast<int>(
             std::count_if(log.begin() + static_cast<std::ptrdiff_t>(mark), log.end(),
-                          [tid](const board::LogLine& line) { return line.tid == tid; }));
+                          [tid](const LogLine& line) { return line.tid == tid; }));
     }
 
     void expectScheduling(pid_t tid) {
-        const auto threads = board::threadsOf(daemon.pid());
+        const auto threads = threadsOf(daemon.pid());
         const auto found = std::find_if(threads.begin(), threads.end(),
                                         [tid](const auto& thread) { return thread.tid == tid; });
         ASSERT_NE(found, threads.end());
@@ -212,7 +207,7 @@ TEST(Watching, SeesWhatAThreadDoes) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&mutex);
     pthread_mutex_unlock(&mutex);
-    board::sleepFor(kMs);
+    sleepFor(kMs);
     const std::map<std::string, int64_t> done = watch.done();
     EXPECT_GE(done.at("page fault"), 1);
     EXPECT_GE(done.at("malloc"), 1);
@@ -224,7 +219,7 @@ TEST(Watching, SeesWhatAThreadDoes) {
 
 TEST_F(Realtime, StreamingThreadsDoNothingThatMayTakeLong) {
     start();
-    board::Streaming streaming(this);
+    Streaming streaming(this);
     host.command("ppb " + std::to_string(kHostPpb));
     const std::vector<Conduct> all = conducts(streaming.threads());
     std::map<pid_t, Watch> watches;

@@ -11,13 +11,7 @@
 namespace uafd {
 namespace {
 
-using board::Heard;
-using board::HostPlayer;
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::noise;
-using board::Ns;
+using namespace board;
 
 constexpr uint32_t kSpeaker = 1;
 constexpr int64_t kPeriod = 240;
@@ -31,12 +25,12 @@ class Speaker : public BoardCase {
         const HostPlayer player(noise);
         player.fill();
         const size_t messages = app->messages().size();
-        onAt = board::now();
+        onAt = now();
         host.command("speaker on");
-        board::sleepFor(time);
+        sleepFor(time);
         host.command("speaker off");
         EXPECT_TRUE(waitForChannel(kSpeaker, false, messages));
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
         return app->takeHeard();
     }
 
@@ -45,7 +39,7 @@ class Speaker : public BoardCase {
     int64_t expectExact(const Heard& heard) {
         EXPECT_EQ(heard.unequalFrames, 0);
         const int64_t sent = host.counter("speaker.frames") - host.counter("speaker.first_frames");
-        const int64_t first = board::find(heard.left, 0, board::render(noise, 0, kRate));
+        const int64_t first = find(heard.left, 0, render(noise, 0, kRate));
         EXPECT_GE(first, 0) << "what the app heard first is nowhere in what the host played";
         int64_t exact = 0;
         while (exact < static_cast<int64_t>(heard.left.size()) &&
@@ -66,7 +60,7 @@ class Speaker : public BoardCase {
         const int64_t anchor = host.frameTime("speaker", base);
         std::vector<Ns> latencies;
         const int64_t frames = static_cast<int64_t>(heard.left.size()) - 5 * kPeriod;
-        for (const board::HeardBlock& block : heard.blocks) {
+        for (const HeardBlock& block : heard.blocks) {
             const int64_t index = block.firstFrame - heard.blocks.front().firstFrame;
             if (index < frames) {
                 latencies.push_back(block.at - anchor - index * kSecond / kRate);
@@ -83,10 +77,10 @@ TEST_F(Speaker, ReachesTheAppBitForBitAfterTheHoldBack) {
     const Heard heard = play(3 * kSecond);
     const int64_t first = expectExact(heard);
     EXPECT_LT(first, 6 * kPeriod);
-    const board::Spread latency = board::spreadOf(latencies(heard, first));
+    const Spread latency = spreadOf(latencies(heard, first));
     const Ns firstByte = heard.blocks.front().at - onAt;
     printf("speaker: start to first byte %.2f ms; latency %s\n",
-           static_cast<double>(firstByte) / kMs, board::inMs(latency).c_str());
+           static_cast<double>(firstByte) / kMs, inMs(latency).c_str());
     RecordProperty("start_to_first_byte_us", static_cast<int>(firstByte / 1000));
     RecordProperty("latency_us", static_cast<int>(latency.median / 1000));
     EXPECT_LT(firstByte, 40 * kMs);
@@ -110,7 +104,7 @@ TEST_F(Speaker, IsExactInEveryOfManyStarts) {
     start();
     for (int i = 0; i < 25; ++i) {
         SCOPED_TRACE(i);
-        board::sleepFor(i * kMs / 5);
+        sleepFor(i * kMs / 5);
         const Heard heard = play(200 * kMs);
         EXPECT_LT(expectExact(heard), 6 * kPeriod);
     }
@@ -129,13 +123,13 @@ TEST_F(Speaker, HoldsBackOnePeriodInHalfOfThePhases) {
         const size_t mark = daemon.mark();
         host.command("stall speaker 1");
         host.command("speaker on");
-        board::sleepFor(30 * kMs + i * 2 * kMs / 5);
+        sleepFor(30 * kMs + i * 2 * kMs / 5);
         host.command("stall speaker 0");
         ASSERT_TRUE(daemon.waitForLog("loopcnt 0, pcmRead #, fifoWrite 960", mark));
         written += daemon.count("loopcnt 0, pcmRead 240, fifoWrite 960", mark);
         held += daemon.count("loopcnt 0, pcmRead 480, fifoWrite 960", mark);
         host.command("speaker off");
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
     EXPECT_EQ(written + held, starts);
     EXPECT_NEAR(held, starts / 2, 4);
@@ -148,13 +142,13 @@ TEST_F(Speaker, FillsAStalledStreamWithSilence) {
     const HostPlayer player(noise);
     player.fill();
     host.command("speaker on");
-    board::sleepFor(500 * kMs);
+    sleepFor(500 * kMs);
     host.command("stall speaker 1");
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     host.command("stall speaker 0");
-    board::sleepFor(500 * kMs);
+    sleepFor(500 * kMs);
     host.command("speaker off");
-    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    ASSERT_TRUE(hasThreads(kIdleThreads));
     EXPECT_EQ(daemon.count("clear timeout, pcmStallCnt=#"), 1);
     EXPECT_EQ(findDamage(), "");
 }

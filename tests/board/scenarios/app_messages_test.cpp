@@ -14,11 +14,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::kSocketRx;
-using board::Message;
-using board::Ns;
+using namespace board;
 using testing::ElementsAre;
 using Messages = std::vector<Message>;
 
@@ -35,8 +31,8 @@ class AppSocket : public Scenario {
         ASSERT_EQ(receive(5).size(), 5U);  // configured, two volumes, two mutes
     }
 
-    static board::AppOptions silent() {
-        board::AppOptions options;
+    static AppOptions silent() {
+        AppOptions options;
         options.socket = false;
         return options;
     }
@@ -71,13 +67,13 @@ class AppSocket : public Scenario {
             received.insert(received.end(), more.begin(), more.end());
             return received.size() >= count;
         };
-        board::waitFor(take, limit);
-        board::sleepFor(50 * kMs);
+        waitFor(take, limit);
+        sleepFor(50 * kMs);
         take();
         return received;
     }
 
-    std::optional<board::MessageSocket> socket;
+    std::optional<MessageSocket> socket;
 };
 
 // ---- Absent ------------------------------------------------------------------------------------
@@ -96,18 +92,18 @@ TEST_P(AbsentSocket, DelaysMessagesAndAtLastDropsThem) {
     app.reset();  // the whole app is away, which also makes the time cheap to simulate
     micService.reset();
     removeSocket();
-    const Ns since = board::now();
+    const Ns since = now();
     changeVolume(1, 3);
-    const Ns cpu = board::cpuOf(daemon.pid());
-    board::sleepUntil(since + seconds * kSecond);
-    EXPECT_LT(board::cpuOf(daemon.pid()) - cpu, (seconds + 1) * 5 * kMs);
+    const Ns cpu = cpuOf(daemon.pid());
+    sleepUntil(since + seconds * kSecond);
+    EXPECT_LT(cpuOf(daemon.pid()) - cpu, (seconds + 1) * 5 * kMs);
     socket.emplace();
     EXPECT_EQ(receive(static_cast<size_t>(3 - lost)), volumes(1 + lost, 3));
     EXPECT_EQ(daemon.count("sendMsg failed: error: <#:#>; bytes: #; attempts: <#:#>; "
                            "data: <0x#:0x#>"),
               0);
-    micService = std::make_unique<board::MicService>();
-    app = std::make_unique<board::App>(silent());
+    micService = std::make_unique<MicService>();
+    app = std::make_unique<App>(silent());
 }
 
 INSTANTIATE_TEST_SUITE_P(For, AbsentSocket,
@@ -125,7 +121,7 @@ TEST_P(PendingMessages, KeepTheirOrderAndOnlyTheNewestGivesWay) {
     const int last = 1 + kPendingMax + tooMany;
     removeSocket();
     changeVolume(1, 1);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     changeVolume(2, last);
     EXPECT_EQ(daemon.count(kOverwriting), tooMany);
     socket.emplace();
@@ -141,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(TooMany, PendingMessages, testing::Values(0, 1, 30),
 TEST_F(AppSocket, WithAHundredPendingGetsTheLastMessageOfASyncUpAlone) {
     removeSocket();
     changeVolume(1, 1);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     changeVolume(2, 1 + kPendingMax);
     app->send({7, 0});
     EXPECT_TRUE(daemon.waitForLog(kOverwriting, 0, 3));
@@ -171,7 +167,7 @@ class FullSocket : public AppSocket {
   protected:
     void SetUp() override {
         AppSocket::SetUp();
-        inSocket = 1 + std::stoi(board::contents("/proc/sys/net/unix/max_dgram_qlen"));
+        inSocket = 1 + std::stoi(contents("/proc/sys/net/unix/max_dgram_qlen"));
     }
 
     int inSocket = 0;
@@ -180,7 +176,7 @@ class FullSocket : public AppSocket {
 TEST_F(FullSocket, HoldsUpNothingButTheMessages) {
     const int kept = inSocket + 1 + kPendingMax;
     changeVolume(1, inSocket + 1);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     changeVolume(inSocket + 2, kept);
     EXPECT_EQ(daemon.count(kOverwriting), 0);
     changeVolume(kept + 1, kept + 2);
@@ -201,7 +197,7 @@ TEST_F(FullSocket, HoldsUpNothingButTheMessages) {
 
 TEST_F(FullSocket, OfAnAppThatDiesLetsTheSenderGo) {
     changeVolume(1, inSocket + 5);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     leaveSocketStale();
     EXPECT_TRUE(
         daemon.waitForLog("sendMsg failed: error: <-1:#>; bytes: 0; attempts: <1:0>; "
@@ -220,7 +216,7 @@ TEST_F(AppSocket, SendsAMessageWithEveryDatagramOfEightBytesOrMore) {
         SCOPED_TRACE(size);
         std::vector<uint8_t> bytes(std::max(size, sizeof(Message)), 0xFF);
         *reinterpret_cast<Message*>(bytes.data()) = {5, 1};
-        const Ns since = board::now();
+        const Ns since = now();
         ASSERT_EQ(app->sendBytes(bytes.data(), size), 0);
         app->send({3, 0});  // once this is handled, so is what came before it
         ASSERT_TRUE(host.waitForEvents("uac SET_SPK_VOLUME 0 0", since));
@@ -235,10 +231,10 @@ TEST_F(AppSocket, ThatGetsAnEmptyDatagramHearsTheDaemonStill) {
     app->sendBytes("", 0);
     EXPECT_TRUE(daemon.waitForLog("receive error: <0:#>"));
     missingThreads = 1;
-    EXPECT_TRUE(hasThreads(board::kIdleThreads - missingThreads));
-    const Ns since = board::now();
+    EXPECT_TRUE(hasThreads(kIdleThreads - missingThreads));
+    const Ns since = now();
     EXPECT_EQ(app->send({5, 1}), 0);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_EQ(host.countEvents("uac SET_SPK_MUTE", since), 0);
     changeVolume(1, 2);
     EXPECT_EQ(receive(2), volumes(1, 2));
@@ -293,7 +289,7 @@ TEST_F(SyncUp, InEveryStateOfBothChannelsTellsIt) {
             }
             ASSERT_TRUE(settle());
             receive(0);
-            const Ns off = board::now();
+            const Ns off = now();
             if (speaker == kStopping) {
                 queue(2, 0);
             }
@@ -303,13 +299,13 @@ TEST_F(SyncUp, InEveryStateOfBothChannelsTellsIt) {
             ASSERT_TRUE(settle());
             app->send({7, 0});
             const Messages expected = reply(speaker != kStopped, mic != kStopped);
-            ASSERT_TRUE(board::waitFor([&] {
+            ASSERT_TRUE(waitFor([&] {
                 const Messages more = socket->take();
                 return !more.empty() && Messages(more.begin(), more.begin() + 3) == expected;
             }));
-            EXPECT_LT(board::now() - off, 15 * kMs) << "too late for a stopping channel";
+            EXPECT_LT(now() - off, 15 * kMs) << "too late for a stopping channel";
             bothOff();
-            ASSERT_TRUE(hasThreads(board::kIdleThreads));
+            ASSERT_TRUE(hasThreads(kIdleThreads));
             receive(0);
         }
     }
@@ -324,9 +320,9 @@ TEST_F(SyncUp, DuringStartsAndStopsNeverLeavesTheAppWithAnOldState) {
         for (const uint32_t on : {1U, 0U}) {
             host.command(std::string("speaker ") + (on == 1 ? "on" : "off"));
             host.command(std::string("mic ") + (on == 1 ? "on" : "off"));
-            board::sleepFor(steppedThrough[on] * i / steps);
+            sleepFor(steppedThrough[on] * i / steps);
             app->send({7, 0});
-            ASSERT_TRUE(hasThreads(on == 1 ? board::kStreamingThreads : board::kIdleThreads));
+            ASSERT_TRUE(hasThreads(on == 1 ? kStreamingThreads : kIdleThreads));
             const Messages heard = receive(5);
             ASSERT_EQ(heard.size(), 5U);
             const auto connected = std::find(heard.begin(), heard.end(), Message{0, 1});

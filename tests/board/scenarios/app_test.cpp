@@ -12,14 +12,7 @@
 namespace uafd {
 namespace {
 
-using board::App;
-using board::FrameKind;
-using board::HostPlayer;
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::MicStream;
-using board::Ns;
+using namespace board;
 
 constexpr int kPeriod = 240;
 constexpr Ns kPeriodTime = 5 * kMs;
@@ -31,16 +24,15 @@ class StoppedApp : public Scenario {
     void SetUp() override {
         start();
         app.reset();
-        process = std::make_unique<board::AppProcess>();
-        player = std::make_unique<HostPlayer>(board::noise);
+        process = std::make_unique<AppProcess>();
+        player = std::make_unique<HostPlayer>(noise);
         bothOn();
         ASSERT_TRUE(soundFlows());
     }
 
     bool soundFlows() {
         const int64_t heard = process->heardSound();
-        return board::waitFor([&] { return process->heardSound() > heard + kRate / 10; }) &&
-               hostHears();
+        return waitFor([&] { return process->heardSound() > heard + kRate / 10; }) && hostHears();
     }
     void TearDown() override {
         process.reset();
@@ -49,7 +41,7 @@ class StoppedApp : public Scenario {
         Scenario::TearDown();
     }
 
-    std::unique_ptr<board::AppProcess> process;
+    std::unique_ptr<AppProcess> process;
     std::unique_ptr<HostPlayer> player;
 };
 
@@ -57,7 +49,7 @@ TEST_F(StoppedApp, HearsAndIsHeardAgainWhenItGoesOn) {
     for (const Ns time : {20 * kMs, 60 * kMs, 500 * kMs, 10 * kSecond}) {
         SCOPED_TRACE(time / kMs);
         process->freeze();
-        board::sleepFor(time);
+        sleepFor(time);
         process->thaw();
         EXPECT_TRUE(soundFlows());
     }
@@ -74,7 +66,7 @@ TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
     }
     EXPECT_TRUE(settle());
     process->thaw();
-    EXPECT_TRUE(board::waitFor([&] { return process->messages() == messages + volumes; }));
+    EXPECT_TRUE(waitFor([&] { return process->messages() == messages + volumes; }));
     EXPECT_TRUE(soundFlows());
 }
 
@@ -82,12 +74,12 @@ TEST_F(StoppedApp, GetsTheMessagesOfTheMeantime) {
 // meanwhile.
 TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
     process->freeze();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     bothOff();
     expectNobodyBusy();
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 1);
     process->thaw();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)"), 2);
     bothOn();
     EXPECT_TRUE(soundFlows());
@@ -95,9 +87,9 @@ TEST_F(StoppedApp, FindsTheHostsStreamsOffWhenItGoesOn) {
 
 TEST_F(StoppedApp, MissesAnOffAndAnOnOfTheHosts) {
     process->freeze();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     bothOff();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     switchBoth(true);
     expectNobodyBusy();
     process->thaw();
@@ -106,19 +98,24 @@ TEST_F(StoppedApp, MissesAnOffAndAnOnOfTheHosts) {
 
 TEST_F(StoppedApp, IsKilled) {
     process->freeze();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
 }
 
 // ---- Slow and fast -----------------------------------------------------------------------------
 
 class Pace : public Scenario {
   protected:
-    void SetUp() override { start(); }
+    void SetUp() override {
+        start();
+        xrunsBefore = xruns();
+    }
+
+    int64_t xrunsBefore = 0;
 };
 
 // Expects whole periods of the host's sound, with nothing or whole periods missing in between.
 // Returns how many frames are missing.
-int64_t expectWholePeriods(const board::Samples& heard) {
+int64_t expectWholePeriods(const Samples& heard) {
     int64_t missing = 0;
     for (size_t i = 1; i < heard.size(); ++i) {
         const auto step = static_cast<uint16_t>(heard[i] - heard[i - 1]);
@@ -132,21 +129,21 @@ int64_t expectWholePeriods(const board::Samples& heard) {
 }
 
 TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
-    const HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     ASSERT_TRUE(player.fill());
     host.command("speaker on");
-    ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
-    board::Samples heard = app->takeHeard().left;
+    ASSERT_TRUE(waitFor([&] { return app->heardFrames() > kRate / 2; }));
+    Samples heard = app->takeHeard().left;
     EXPECT_EQ(expectWholePeriods(heard), 0);
 
     app->listenSlowly(kPeriodTime * 21 / 20);
-    board::sleepFor(5 * kSecond);
-    const board::Samples slow = app->takeHeard().left;
+    sleepFor(5 * kSecond);
+    const Samples slow = app->takeHeard().left;
     heard.insert(heard.end(), slow.begin(), slow.end());
     const int64_t missing = expectWholePeriods(heard);
     EXPECT_NEAR(static_cast<double>(missing), 5.0 * kRate / 21, kRate / 20);
     EXPECT_GE(daemon.count("too much samples in the buffer, drop samples. (avail=#)"), 5);
-    EXPECT_EQ(xruns(), 0);
+    EXPECT_EQ(xruns(), xrunsBefore);
     // Three periods may wait in the card's ring and two in the pipe, and more until the daemon's
     // next check.
     const int64_t behind = host.counter("speaker.frames") - host.counter("speaker.first_frames") -
@@ -157,10 +154,10 @@ TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
            daemon.count("too much samples in the buffer, drop samples. (avail=#)"));
 
     app->listenSlowly(0);
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     app->takeHeard();
-    const board::Heard after = [&] {
-        board::sleepFor(kSecond);
+    const Heard after = [&] {
+        sleepFor(kSecond);
         return app->takeHeard();
     }();
     EXPECT_EQ(expectWholePeriods(after.left), 0);
@@ -170,16 +167,16 @@ TEST_F(Pace, ASlowReaderLosesWholePeriodsAndIsNeverFarBehind) {
 // The app is so slow that the card's ring overruns: the stream restarts again and again, and the
 // daemon stays whole.
 TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
-    const HostPlayer player(board::ramp);
+    const HostPlayer player(ramp);
     ASSERT_TRUE(player.fill());
     host.command("speaker on");
-    ASSERT_TRUE(board::waitFor([&] { return app->heardFrames() > kRate / 2; }));
+    ASSERT_TRUE(waitFor([&] { return app->heardFrames() > kRate / 2; }));
     app->listenSlowly(kPeriodTime * 4);
-    board::sleepFor(3 * kSecond);
+    sleepFor(3 * kSecond);
     app->listenSlowly(0);
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     app->takeHeard();
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_EQ(expectWholePeriods(app->takeHeard().left), 0);
     host.command("speaker off");
 }
@@ -187,19 +184,19 @@ TEST_F(Pace, AReaderOfAQuarterOfTheSpeedOverrunsTheCardAndRecovers) {
 // The frame buffer runs dry again and again, but less than eleven times a second: silence, then a
 // new start; every sample that came is heard.
 TEST_F(Pace, ASlowWriterIsHeardInPieces) {
-    MicStream mic(this, board::noise);
-    board::sleepFor(kSecond);
+    MicStream mic(this, noise);
+    sleepFor(kSecond);
     mic.observe();
     EXPECT_EQ(mic.explained().count(FrameKind::kStarved), 0);
     app->speakSlower(3);
-    board::sleepFor(5 * kSecond);
+    sleepFor(5 * kSecond);
     mic.observe();
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
     EXPECT_GE(mic.explained().count(FrameKind::kStarved), 5);
     EXPECT_EQ(daemon.count("increased ssrs queue depth"), 0);
     EXPECT_GE(daemon.count("buffer loopcnt #, Depth #, Underruns #, Overruns 0"), 3);
     app->speakSlower(0);
-    board::sleepFor(3 * kSecond);
+    sleepFor(3 * kSecond);
     mic.off();
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), 0);
 }
@@ -207,15 +204,15 @@ TEST_F(Pace, ASlowWriterIsHeardInPieces) {
 // The frame buffer runs dry so often that it is enlarged, once; the next stream starts with the
 // small one.
 TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
-    MicStream mic(this, board::noise);
-    board::sleepFor(kSecond);
+    MicStream mic(this, noise);
+    sleepFor(kSecond);
     mic.observe();
     app->speakSlower(40);
-    board::sleepFor(5 * kSecond);
+    sleepFor(5 * kSecond);
     mic.observe();
     EXPECT_EQ(daemon.count("increased ssrs queue depth"), 1);
     app->speakSlower(0);
-    board::sleepFor(3 * kSecond);
+    sleepFor(3 * kSecond);
     mic.off();
     // What was queued when the buffer was enlarged is discarded, down to a frame.
     EXPECT_LE(mic.explained().count(FrameKind::kUnexplained), 2);
@@ -225,19 +222,19 @@ TEST_F(Pace, AVerySlowWriterGetsTheLargeBufferForTheRestOfTheStream) {
 
 // A block that finds the buffer full is dropped whole.
 TEST_F(Pace, AFastWriterLosesWholeBlocks) {
-    MicStream mic(this, board::noise);
-    board::sleepFor(kSecond);
+    MicStream mic(this, noise);
+    sleepFor(kSecond);
     app->speakSlower(-20);
-    board::sleepFor(2 * kSecond);
+    sleepFor(2 * kSecond);
     app->speakSlower(0);
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     mic.observe();
     EXPECT_GT(mic.explained().count(FrameKind::kUnexplained), 10);
     const int64_t lost = mic.explained().count(FrameKind::kUnexplained);
-    board::sleepFor(2 * kSecond);
+    sleepFor(2 * kSecond);
     mic.off();
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), lost);
-    EXPECT_EQ(xruns(), 0);
+    EXPECT_EQ(xruns(), xrunsBefore);
 }
 
 // ---- Pieces of any size ------------------------------------------------------------------------
@@ -245,18 +242,18 @@ TEST_F(Pace, AFastWriterLosesWholeBlocks) {
 class ChunkSize : public Scenario, public testing::WithParamInterface<size_t> {
   protected:
     static constexpr Ns kEnough = kSecond / 10;
-    static constexpr int64_t kFrame = board::MicRecording::kFrame;
+    static constexpr int64_t kFrame = MicRecording::kFrame;
 
     // Whether the sound that the host records from now on is the app's noise in every frame.
     bool isNoise() {
         host.takeRecording();
-        board::sleepFor(kEnough);
-        board::Samples recorded = host.takeRecording();
+        sleepFor(kEnough);
+        Samples recorded = host.takeRecording();
         const auto values = host.counters();
         const int64_t first = values.at("mic.frames") - values.at("mic.queued") -
                               values.at("mic.start_frames") - static_cast<int64_t>(recorded.size());
         recorded.erase(recorded.begin(), recorded.begin() + (kFrame - first % kFrame) % kFrame);
-        board::MicRecording explained(board::noise);
+        MicRecording explained(noise);
         explained.add(recorded);
         return explained.count(FrameKind::kUnexplained) == 1;  // where the search starts
     }
@@ -269,13 +266,13 @@ TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
     const size_t chunkBytes = GetParam();
     start();
     app.reset();
-    board::AppOptions odd;
+    AppOptions odd;
     odd.chunkBytes = chunkBytes;
     // A tiny write costs the daemon as much as a whole block, so tiny ones come no more often than
     // blocks.
     odd.slowdownPercent = chunkBytes < 100 ? static_cast<int>(100 * block / chunkBytes) : 0;
     app = std::make_unique<App>(odd);
-    app->speak(board::noise);
+    app->speak(noise);
     host.command("mic on");
     EXPECT_TRUE(hostHears());
     expectNobodyBusy();
@@ -284,8 +281,8 @@ TEST_P(ChunkSize, SpoilsTheSoundForAsLongAsItLasts) {
 
     app.reset();  // so that only the next one writes
     app = std::make_unique<App>();
-    app->speak(board::noise);
-    board::sleepFor(500 * kMs);
+    app->speak(noise);
+    sleepFor(500 * kMs);
     EXPECT_TRUE(isNoise());
     host.command("mic off");
 }

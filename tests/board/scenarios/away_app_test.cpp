@@ -18,14 +18,7 @@
 namespace uafd {
 namespace {
 
-using board::App;
-using board::AppOptions;
-using board::AppProcess;
-using board::FrameKind;
-using board::kMs;
-using board::kSecond;
-using board::Message;
-using board::Ns;
+using namespace board;
 
 constexpr Ns kHandled = 50 * kMs;
 constexpr Ns kStopped = 42 * kMs;  // four passes, up to 10 ms each, and the threads
@@ -37,7 +30,7 @@ class AwayApp : public Scenario {
         start();
         app.reset();
         messageSocket.emplace();
-        player.emplace(board::ramp);
+        player.emplace(ramp);
         watch.emplace(&host);
     }
 
@@ -50,7 +43,7 @@ class AwayApp : public Scenario {
 
     // Returns true as soon as the message is there, false after the limit.
     bool isTold(Message wanted, Ns limit) {
-        return board::waitFor(
+        return waitFor(
             [&] {
                 const std::vector<Message> messages = messageSocket->take();
                 return std::find(messages.begin(), messages.end(), wanted) != messages.end();
@@ -68,7 +61,7 @@ class AwayApp : public Scenario {
     }
     // Every record so far was handled in time.
     void expectPrompt() {
-        board::sleepFor(kHandled);
+        sleepFor(kHandled);
         watch->look();
         EXPECT_LE(watch->wait().time, kHandled) << watch->wait().text();
         EXPECT_LE(watch->micStop().time, kStopped) << watch->micStop().text();
@@ -76,7 +69,7 @@ class AwayApp : public Scenario {
 
     // Does everything that the host may do meanwhile.
     void hostGoesOn() {
-        board::sleepFor(200 * kMs);  // until everything that can wait for the app waits
+        sleepFor(200 * kMs);  // until everything that can wait for the app waits
         expectToldInTime("mic off", {kMic, 0}, kStopped);
         expectToldInTime("volume speaker 7", {3, 7}, kHandled);
         expectToldInTime("mic on", {kMic, 1}, kHandled);
@@ -91,17 +84,17 @@ class AwayApp : public Scenario {
     // The app is back: the speaker's stop, which the unbind began, ends now, and both directions
     // stream without losing a frame.
     void expectBothStream() {
-        ASSERT_TRUE(board::waitFor(
+        ASSERT_TRUE(waitFor(
             [this] { return host.counter("capture.opens") == host.counter("capture.closes"); }));
         host.command("speaker on");
-        ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+        ASSERT_TRUE(hasThreads(kStreamingThreads));
         ASSERT_TRUE(hostHears());
-        board::sleepFor(kSecond);
+        sleepFor(kSecond);
         const int64_t jumps = process->heardJumps();
         const int64_t heard = process->heardSound();
         expectEachFrameIsTheApps(kSecond);
         EXPECT_EQ(process->heardJumps(), jumps);
-        EXPECT_GE(process->heardSound(), heard + board::kRate * 9 / 10);
+        EXPECT_GE(process->heardSound(), heard + kRate * 9 / 10);
         expectPrompt();
     }
     void expectEachFrameIsTheApps(Ns time) {
@@ -109,11 +102,11 @@ class AwayApp : public Scenario {
         const auto values = host.counters();
         const int64_t into =
             (values.at("mic.frames") - values.at("mic.queued") - values.at("mic.start_frames")) %
-            board::MicRecording::kFrame;
-        board::sleepFor(time);
-        board::Samples recorded = host.takeRecording();
-        recorded.erase(recorded.begin(), recorded.begin() + (board::MicRecording::kFrame - into));
-        board::MicRecording explained(board::noise);
+            MicRecording::kFrame;
+        sleepFor(time);
+        Samples recorded = host.takeRecording();
+        recorded.erase(recorded.begin(), recorded.begin() + (MicRecording::kFrame - into));
+        MicRecording explained(noise);
         explained.add(recorded);
         EXPECT_EQ(explained.count(FrameKind::kUnexplained), 1);  // where the search starts
         EXPECT_EQ(explained.count(FrameKind::kStarved), 0);
@@ -134,9 +127,9 @@ class AwayApp : public Scenario {
         Scenario::TearDown();
     }
 
-    std::optional<board::MessageSocket> messageSocket;
-    std::optional<board::HostPlayer> player;
-    std::optional<board::RecordWatch> watch;
+    std::optional<MessageSocket> messageSocket;
+    std::optional<HostPlayer> player;
+    std::optional<RecordWatch> watch;
     std::unique_ptr<AppProcess> process;
 };
 
@@ -144,7 +137,7 @@ class AwayApp : public Scenario {
 TEST_F(AwayApp, OnlyRecords) {
     startApp(false);
     bothOn();
-    ASSERT_TRUE(daemon.waitForLog(std::string(board::kFifoTx) + " opened buffer size #"));
+    ASSERT_TRUE(daemon.waitForLog(std::string(kFifoTx) + " opened buffer size #"));
     hostGoesOn();
     process->pauseSpeaking(false);
     expectBothStream();

@@ -11,9 +11,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -30,8 +28,8 @@ constexpr char kRestart[] =
 class Cable : public BoardCase {
   protected:
     void SetUp() override {
-        board::put(kController, "ff300000.usb");
-        board::put(kConfig, "uac");
+        put(kController, "ff300000.usb");
+        put(kConfig, "uac");
     }
 
     void startConfigured() {
@@ -43,7 +41,7 @@ class Cable : public BoardCase {
     void after(const std::string& command) {
         look();
         host.command(command);
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
     }
     std::vector<Message> states() const {
         std::vector<Message> states;
@@ -67,7 +65,7 @@ TEST_F(Cable, TellsTheAppNothingOfADisconnectedStart) {
     host.command("usb_state DISCONNECTED quiet");
     start();
     ASSERT_TRUE(app->waitForMessages(4));
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_THAT(states(), IsEmpty());
     EXPECT_EQ(daemon.count("Initial USB state is DISCONNECTED"), 1);
     after("usb_state DISCONNECTED");
@@ -97,8 +95,8 @@ TEST_F(Cable, SeesThePlugPulledAndPutBack) {
     bothOn();
     after("unplug");
     EXPECT_THAT(states(), ElementsAre(kDisconnected));
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
-    board::sleepFor(5 * kSecond);
+    EXPECT_TRUE(hasThreads(kIdleThreads));
+    sleepFor(5 * kSecond);
     EXPECT_EQ(said(kRestart), 0);
     after("plug");
     EXPECT_THAT(states(), ElementsAre(kConnected));
@@ -118,7 +116,7 @@ TEST_F(Cable, SaysNothingOfOtherSubsystems) {
     startConfigured();
     const size_t before = daemon.mark();
     host.command("foreign change USB_STATE=DISCONNECTED");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     for (size_t i = before; i < daemon.log().size(); ++i) {
         EXPECT_THAT(daemon.log()[i].text, testing::HasSubstr("likely a timeout"));
     }
@@ -132,11 +130,11 @@ TEST_F(Cable, RestartsAGadgetThatStaysDisconnectedWhilePlugged) {
     after("usb_state DISCONNECTED");
     ASSERT_TRUE(daemon.waitForLog(kRestart, 0, 1, 6 * kSecond));
     EXPECT_EQ(said("Issue: setprop sys.usb.config uac"), 1);
-    ASSERT_TRUE(board::waitFor([this] { return states().size() == 2; }));
+    ASSERT_TRUE(waitFor([this] { return states().size() == 2; }));
     EXPECT_THAT(states(), ElementsAre(kDisconnected, kConnected));
     ASSERT_TRUE(settle());
     EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), 1);
-    board::sleepFor(5 * kSecond);
+    sleepFor(5 * kSecond);
     EXPECT_EQ(said(kRestart), 1);
     EXPECT_EQ(findDamage(), "");
 }
@@ -146,9 +144,9 @@ TEST_F(Cable, RestartsAgainEveryThirdTickWhileTheFaultLasts) {
     host.command("fault enumerate 1 times=2");
     after("usb_state DISCONNECTED");
     ASSERT_TRUE(daemon.waitForLog(kRestart, 0, 3, 15 * kSecond));
-    ASSERT_TRUE(board::waitFor([this] { return states().size() == 2; }));
-    std::vector<board::Ns> restarts;
-    for (const board::LogLine& line : daemon.log()) {
+    ASSERT_TRUE(waitFor([this] { return states().size() == 2; }));
+    std::vector<Ns> restarts;
+    for (const LogLine& line : daemon.log()) {
         if (line.text == kRestart) {
             restarts.push_back(line.at);
         }
@@ -164,15 +162,15 @@ TEST_F(Cable, RestartsNothingWhileUnplugged) {
     startConfigured();
     host.command("cable 0");
     after("usb_state DISCONNECTED");
-    board::sleepFor(6 * kSecond);
+    sleepFor(6 * kSecond);
     EXPECT_EQ(said(kRestart), 0);
 }
 
 TEST_F(Cable, RestartsNothingOnAnotherBoard) {
-    board::put(kController, "fe800000.usb");
+    put(kController, "fe800000.usb");
     startConfigured();
     after("usb_state DISCONNECTED");
-    board::sleepFor(6 * kSecond);
+    sleepFor(6 * kSecond);
     EXPECT_EQ(said(kRestart), 0);
     EXPECT_THAT(states(), ElementsAre(kDisconnected));
 }
@@ -180,19 +178,19 @@ TEST_F(Cable, RestartsNothingOnAnotherBoard) {
 TEST_F(Cable, RunsNoCommandThatIsHiddenInTheProperty) {
     startConfigured();
     unlink("/tmp/hidden");
-    board::put(kConfig, "uac; touch /tmp/hidden");
+    put(kConfig, "uac; touch /tmp/hidden");
     after("usb_state DISCONNECTED");
     ASSERT_TRUE(daemon.waitForLog("Issue: setprop sys.usb.config uac; touch /tmp/hidden", 0, 1,
                                   6 * kSecond));
-    board::sleepFor(500 * kMs);
-    EXPECT_FALSE(board::exists("/tmp/hidden"));
+    sleepFor(500 * kMs);
+    EXPECT_FALSE(exists("/tmp/hidden"));
 }
 
 class CableFault : public Scenario {
   protected:
     void SetUp() override {
-        board::put(kController, "ff300000.usb");
-        board::put(kConfig, "uac");
+        put(kController, "ff300000.usb");
+        put(kConfig, "uac");
         start(false);
         ASSERT_TRUE(app->waitForMessages(5));
     }
@@ -201,9 +199,9 @@ class CableFault : public Scenario {
     void gadgetIs(const char* word) { host.command(std::string("usb_state ") + word + " quiet"); }
     void looks(int count) {
         const size_t mark = daemon.mark();
-        board::sleepFor((count - 1) * kSecond);
+        sleepFor((count - 1) * kSecond);
         ASSERT_TRUE(daemon.waitForLog(kCheck, mark, count, 2 * kSecond));
-        board::sleepFor(10 * kMs);  // what it does about it
+        sleepFor(10 * kMs);  // what it does about it
     }
     int restarts() { return daemon.count(kRestart); }
 };
@@ -256,7 +254,7 @@ TEST_F(CableFault, InMidStreamEndsBothStreamsAndLetsThemStartAgain) {
                 testing::UnorderedElementsAre(Message{0, 0}, Message{kSpeaker, 0}, Message{kMic, 0},
                                               Message{0, 1}));
     EXPECT_EQ(app->messageValues(messages).front(), (Message{0, 0}));
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     bothOn();
 }
 
@@ -264,15 +262,15 @@ TEST_F(CableFault, InMidStreamEndsBothStreamsAndLetsThemStartAgain) {
 TEST_F(CableFault, WithoutRecoveryRestartsAgainAndAgainAndWearsNothingOut) {
     host.command("fault enumerate 1 times=0");
     host.command("usb_state DISCONNECTED");
-    board::sleepFor(40 * kSecond);
+    sleepFor(40 * kSecond);
     EXPECT_GE(restarts(), 9);
     EXPECT_LE(restarts(), 13);
     expectNobodyBusy();
     host.command("fault clear enumerate");
-    board::sleepFor(5 * kSecond);
+    sleepFor(5 * kSecond);
     EXPECT_EQ(app->messageValues().back(), (Message{0, 1}));
-    EXPECT_EQ(board::contents("/proc/" + std::to_string(daemon.pid()) + "/task/" +
-                              std::to_string(daemon.pid()) + "/children"),
+    EXPECT_EQ(contents("/proc/" + std::to_string(daemon.pid()) + "/task/" +
+                       std::to_string(daemon.pid()) + "/children"),
               "");
 }
 

@@ -14,11 +14,7 @@
 namespace uafd {
 namespace {
 
-using board::Direction;
-using board::kMicDirection;
-using board::kMs;
-using board::kSpeakerDirection;
-using board::Ns;
+using namespace board;
 
 enum class State { kStopped, kRunning, kStopping, kSuspended };
 constexpr State kStates[] = {State::kStopped, State::kRunning, State::kStopping, State::kSuspended};
@@ -44,7 +40,7 @@ class CardRemoval : public Scenario {
   protected:
     void SetUp() override {
         start();
-        app->speak(board::noise);
+        app->speak(noise);
     }
 
     void command(const Direction& direction, const std::string& text) {
@@ -55,7 +51,7 @@ class CardRemoval : public Scenario {
     // several directions can take it at the same time.
     void prepare(const Direction& direction, State state) {
         if (state != State::kStopped) {
-            const Ns before = board::now();
+            const Ns before = now();
             command(direction, "on");
             ASSERT_TRUE(host.waitForEvents(std::string(direction.pcm) + " start 0", before));
         }
@@ -73,11 +69,11 @@ class CardRemoval : public Scenario {
     void enterBoth(State speaker, State mic) {
         prepare(kSpeakerDirection, speaker);
         prepare(kMicDirection, mic);
-        board::sleepFor(50 * kMs);
+        sleepFor(50 * kMs);
         enter(kSpeakerDirection, speaker);
         enter(kMicDirection, mic);
         // Some moment in the passes that a stop waits for.
-        board::sleepFor(++cells * 3 % 14 * kMs);
+        sleepFor(++cells * 3 % 14 * kMs);
     }
 
     void removeAndAdd(Return how) {
@@ -87,7 +83,7 @@ class CardRemoval : public Scenario {
         } else {
             host.command("card remove");
         }
-        board::sleepFor(20 * kMs);
+        sleepFor(20 * kMs);
         host.command("fault clear");
         cardIndex = how == Return::kUntold ? cardIndex : other;
         const std::string index = std::to_string(cardIndex);
@@ -99,28 +95,28 @@ class CardRemoval : public Scenario {
 
     void stopBoth() {
         bothOff();
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
     }
     // Both directions carry sound.
     void expectSound() {
         ASSERT_TRUE(settle());
         host.command("flush speaker");
-        const board::HostPlayer player(board::noise, board::kRate / 2);
-        ASSERT_TRUE(player.fill(board::kRate / 2));
+        const HostPlayer player(noise, kRate / 2);
+        ASSERT_TRUE(player.fill(kRate / 2));
         app->takeHeard();
         host.takeRecording();
         switchBoth(true);
-        const auto sounds = [](const board::Samples& samples) {
-            return board::firstSound(samples) < samples.size();
+        const auto sounds = [](const Samples& samples) {
+            return firstSound(samples) < samples.size();
         };
-        EXPECT_TRUE(board::waitFor([&] { return sounds(app->takeHeard().left); }));
-        EXPECT_TRUE(board::waitFor([&] { return sounds(host.takeRecording()); }));
+        EXPECT_TRUE(waitFor([&] { return sounds(app->takeHeard().left); }));
+        EXPECT_TRUE(waitFor([&] { return sounds(host.takeRecording()); }));
         stopBoth();
     }
     // The app is told on and off alternately, ending with off.
     void expectTold(const Direction& direction, size_t messagesBefore) {
         uint32_t on = 0;
-        for (const board::Message& message : app->messageValues(messagesBefore)) {
+        for (const Message& message : app->messageValues(messagesBefore)) {
             if (message.type == direction.channel) {
                 EXPECT_EQ(message.data, 1 - on) << direction.name;
                 on = message.data;
@@ -165,7 +161,7 @@ TEST_F(CardRemoval, WhileAChannelStarts) {
             SCOPED_TRACE(std::string(direction.name) + " " + nameOf(state));
             const size_t mark = daemon.mark();
             prepare(other, state);
-            board::sleepFor(50 * kMs);
+            sleepFor(50 * kMs);
             enter(other, state);
             host.command(std::string("fault ") + direction.pcm + ".unplug 1");
             command(direction, "on");
@@ -180,7 +176,7 @@ TEST_F(CardRemoval, WhileAChannelStarts) {
             command(direction, "off");
             command(other, "off");
             // A microphone that failed to start keeps its buffer thread until the next start.
-            ASSERT_TRUE(hasThreads(board::kIdleThreads + (speaker ? 0 : 1)));
+            ASSERT_TRUE(hasThreads(kIdleThreads + (speaker ? 0 : 1)));
             ASSERT_NO_FATAL_FAILURE(expectSound());
             EXPECT_EQ(daemon.count("start, audio still open, trying to close", mark), 1);
         }
@@ -193,11 +189,11 @@ TEST_F(CardRemoval, WhileTheAppIsAway) {
         SCOPED_TRACE(static_cast<int>(how));
         enterBoth(State::kRunning, State::kRunning);
         app.reset();
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
         removeAndAdd(how);
-        board::sleepFor(100 * kMs);
-        app = std::make_unique<board::App>();
-        app->speak(board::noise);
+        sleepFor(100 * kMs);
+        app = std::make_unique<App>();
+        app->speak(noise);
         stopBoth();
         ASSERT_NO_FATAL_FAILURE(expectSound());
     }

@@ -11,9 +11,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 
 constexpr int kBurst = 10000;
 
@@ -63,25 +61,25 @@ class ControlDevice : public RecordCase {
     // Streams in both directions during the event; no frame may be lost.
     template <typename Event>
     void expectSoundGoesOnDuring(Event&& event) {
-        const board::HostPlayer player(board::ramp);
-        app->speak(board::ramp);
+        const HostPlayer player(ramp);
+        app->speak(ramp);
         bothOn();
-        board::sleepFor(300 * kMs);
+        sleepFor(300 * kMs);
         app->takeHeard();
         const auto before = host.counters();
         event();
-        board::sleepFor(100 * kMs);
-        const board::Samples heard = app->takeHeard().left;
+        sleepFor(100 * kMs);
+        const Samples heard = app->takeHeard().left;
         const auto after = host.counters();
         ASSERT_GT(heard.size(), 4800U);
-        EXPECT_EQ(board::breaksIn(heard, 0, heard.size()), 0);
+        EXPECT_EQ(breaksIn(heard, 0, heard.size()), 0);
         for (const char* key : {"capture.xruns", "playback.xruns", "capture.stops",
                                 "playback.stops", "mic.silent", "mic.stale", "speaker.lost"}) {
             EXPECT_EQ(after.at(key), before.at(key)) << key;
         }
-        app->speak(board::silence);
+        app->speak(silence);
         bothOff();
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
 };
 
@@ -167,9 +165,9 @@ TEST_F(ControlDevice, ReadsThatGoOnFailingAreHandledAHundredTimesASecond) {
     ASSERT_TRUE(settle());
     EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), failures);
 
-    std::vector<board::Ns> times;
+    std::vector<Ns> times;
     for (size_t i = mark; i < daemon.log().size(); ++i) {
-        if (board::matches(daemon.log()[i].text, repeated)) {
+        if (matches(daemon.log()[i].text, repeated)) {
             times.push_back(daemon.log()[i].at);
         }
     }
@@ -202,9 +200,9 @@ TEST_F(ControlDevice, ReadsThatEndTimeAndAgainCostNoSound) {
 TEST_F(ControlDevice, ARefusedMuteIsLoggedAndForgotten) {
     look();
     host.command("fault set_mute 5");
-    const board::Ns since = board::now();
+    const Ns since = now();
     app->send({5, 1});
-    ASSERT_TRUE(board::waitFor([&] { return said("rxLoop: ioctl failed: <-1:5>") == 1; }));
+    ASSERT_TRUE(waitFor([&] { return said("rxLoop: ioctl failed: <-1:5>") == 1; }));
     app->send({5, 1});
     EXPECT_TRUE(host.waitForEvents("uac SET_SPK_MUTE 1 0", since));
 }
@@ -216,13 +214,13 @@ TEST_F(ControlDevice, TenThousandRecordsInABurstAreHandledInOrder) {
         look();
         burst([this] { queue(kSpeakerVolume, 0, kBurst); });
         uint32_t next = 0;
-        for (const board::LogLine& line : daemon.log()) {
+        for (const LogLine& line : daemon.log()) {
             next += line.text == readLine(kSpeakerVolume, next, 8) ? 1 : 0;
         }
         EXPECT_EQ(next, static_cast<uint32_t>(kBurst));
         // Each new message replaces the newest pending one, so the last of all arrives.
         const Message last{3, kBurst - 1};
-        ASSERT_TRUE(board::waitFor([&] { return !told().empty() && told().back() == last; }));
+        ASSERT_TRUE(waitFor([&] { return !told().empty() && told().back() == last; }));
         const std::vector<Message> messages = told();
         EXPECT_EQ(messages.size() + static_cast<size_t>(
                                         said("queueMsg: overwriting msg: <0x#:0x#> -> <0x#:0x#>")),
@@ -246,7 +244,7 @@ TEST_F(ControlDevice, TenThousandSwitchesInABurstEndAsTheLastOnesSay) {
             }
         });
         EXPECT_EQ(said("intfUpdate to #, current state #"), kBurst);
-        EXPECT_TRUE(hasThreads(last != 0 ? board::kStreamingThreads : board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(last != 0 ? kStreamingThreads : kIdleThreads));
         EXPECT_EQ(told().back().data, last);
     }
 }
@@ -310,7 +308,7 @@ TEST_F(Binding, TwiceEachWhileBothStreamsRun) {
     handle(kBind, 0);
     EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), 1);
     handle(kBind, 0);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_EQ(host.counter("capture.stops"), before.at("capture.stops"));
     EXPECT_EQ(host.counter("playback.stops"), before.at("playback.stops"));
     EXPECT_TRUE(told().empty());
@@ -318,10 +316,10 @@ TEST_F(Binding, TwiceEachWhileBothStreamsRun) {
     look();
     queue(kUnbind, 0);
     queue(kUnbind, 0);
-    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    ASSERT_TRUE(hasThreads(kIdleThreads));
     EXPECT_EQ(said("UAC Vexa is disabled, bindcnt=2, bindbad=0"), 2);
     EXPECT_EQ(said("intfUpdate to 0, current state 1"), 2);
-    EXPECT_TRUE(board::waitFor([this] { return told().size() == 2; }));
+    EXPECT_TRUE(waitFor([this] { return told().size() == 2; }));
     EXPECT_EQ(told()[0].data + told()[1].data, 0U);
     handle(kBind, 0);
 }
@@ -337,7 +335,7 @@ TEST_F(Binding, AgainFindsTheCardWhereItIsNow) {
         handle(kSpeakerOn, 1);
         EXPECT_EQ(said("start, opening hw:" + std::to_string(index)), 1);
         handle(kSpeakerOn, 0);
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
 }
 
@@ -357,9 +355,9 @@ TEST_F(Binding, ComesAfterBothStreamsWhichWaitForTheirNextStart) {
     host.command("bind");
     ASSERT_TRUE(settle());
     EXPECT_EQ(said("UAC Vexa is enabled, using hw:1"), 1);
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     EXPECT_TRUE(told().empty());
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     handle(kSpeakerOn, 1);
     expectTold({{kSpeaker, 1}});
 }
@@ -369,18 +367,18 @@ TEST_F(Binding, ComesAfterBothStreamsWhichWaitForTheirNextStart) {
 TEST_F(Binding, EndsWhileBothStreamsAreStopping) {
     start();
     int stopping = 0;
-    for (board::Ns delay = 0; delay <= 20 * kMs; delay += kMs) {
+    for (Ns delay = 0; delay <= 20 * kMs; delay += kMs) {
         SCOPED_TRACE(delay);
         handle(kSpeakerOn, 1);
         handle(kMicOn, 1);
-        board::sleepFor(30 * kMs);
+        sleepFor(30 * kMs);
         look();
         queue(kSpeakerOn, 0);
         queue(kMicOn, 0);
-        board::sleepFor(delay);
+        sleepFor(delay);
         queue(kUnbind, 0);
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
-        EXPECT_TRUE(board::waitFor([this] { return told().size() == 2; }));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
+        EXPECT_TRUE(waitFor([this] { return told().size() == 2; }));
         EXPECT_EQ(said("UAF channel stopped. Current state is (2)"), 2);
         stopping += said("intfUpdate to 0, current state 2");
         const auto counters = host.counters();
@@ -407,8 +405,8 @@ TEST_F(Binding, ChangesInABurstEndAsTheLastRecordSays) {
         queue(kMicOn, last);
         daemon.thaw();
         ASSERT_TRUE(settle(60 * kSecond));
-        board::sleepFor(100 * kMs);  // longer than a stop waits
-        EXPECT_TRUE(hasThreads(last != 0 ? board::kStreamingThreads : board::kIdleThreads));
+        sleepFor(100 * kMs);  // longer than a stop waits
+        EXPECT_TRUE(hasThreads(last != 0 ? kStreamingThreads : kIdleThreads));
     }
 }
 

@@ -19,11 +19,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kRate;
-using board::kSecond;
-using board::kSocketTx;
-using board::Message;
+using namespace board;
 
 constexpr size_t kMiB = 1 << 20;
 
@@ -52,7 +48,7 @@ class Child {
     int waitForEnd() {
         int status = 0;
         const bool ended =
-            board::waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60 * kSecond);
+            waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60 * kSecond);
         pid = ended ? -1 : pid;
         return ended && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     }
@@ -65,11 +61,11 @@ class Environment : public Scenario {
   protected:
     // The driver shows what the daemon does with the app's messages.
     bool answersTheApp() {
-        const board::Ns since = board::now();
+        const Ns since = now();
         return app->send({5, 1}) == 0 && host.waitForEvents("uac SET_SPK_MUTE 1 0", since);
     }
     // Starts only the app; the daemon comes later.
-    void startApp() { app = std::make_unique<board::App>(); }
+    void startApp() { app = std::make_unique<App>(); }
 };
 
 // ---- What others left behind -------------------------------------------------------------------
@@ -77,7 +73,7 @@ class Environment : public Scenario {
 TEST_F(Environment, OfAStaleSocketIsTakenOver) {
     start();
     daemon.stop();
-    EXPECT_TRUE(board::exists(kSocketTx));
+    EXPECT_TRUE(exists(kSocketTx));
     const size_t mark = daemon.mark();
     startDaemon();
     EXPECT_EQ(daemon.count("unlink failed err #, path does not exist ... ignoring", mark), 0);
@@ -85,7 +81,7 @@ TEST_F(Environment, OfAStaleSocketIsTakenOver) {
 }
 
 TEST_F(Environment, OfAFileInTheSocketsPlaceIsTakenOver) {
-    board::put(kSocketTx, "a file");
+    put(kSocketTx, "a file");
     start();
     EXPECT_TRUE(answersTheApp());
 }
@@ -106,7 +102,7 @@ TEST_F(Environment, OfAFolderInTheSocketsPlaceEndsTheStart) {
 // go on.
 TEST_F(Environment, OfASecondDaemonLeavesBothInOrder) {
     start();
-    board::Daemon second(caseName() + ".second");
+    Daemon second(caseName() + ".second");
     second.start();
     ASSERT_TRUE(second.waitForLog("enter loop"));
     EXPECT_TRUE(answersTheApp());
@@ -116,9 +112,9 @@ TEST_F(Environment, OfASecondDaemonLeavesBothInOrder) {
     const size_t messages = app->messages().size();
     host.command("speaker on");
     ASSERT_TRUE(waitForChannel(kSpeaker, true, messages));
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     host.command("speaker off");
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     expectNobodyBusy();
     EXPECT_TRUE(daemon.isRunning());
     EXPECT_TRUE(second.isRunning());
@@ -181,7 +177,7 @@ TEST_F(LogReader, MayStandStill) {
     EXPECT_EQ(findDamage(), "");
     const size_t mark = daemon.mark();
     reader->thaw();
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_GT(daemon.mark(), mark);
     EXPECT_EQ(findDamage(), "");
     EXPECT_EQ(daemon.count("UAF channel stopped. Current state is (2)", mark), 2);
@@ -234,7 +230,7 @@ TEST_F(RoomAtStart, ForAllButTheMonitorStreams) {
     const size_t messages = app->messages().size();
     host.command("usb_state DISCONNECTED");
     host.command("usb_state CONFIGURED");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_EQ(app->messages().size(), messages);
 }
 
@@ -245,8 +241,7 @@ class NoMoreMemory : public Environment, public testing::WithParamInterface<size
 
     // Leaves room for this many bytes more.
     void limitTo(size_t bytes) {
-        std::istringstream pages(
-            board::contents("/proc/" + std::to_string(daemon.pid()) + "/statm"));
+        std::istringstream pages(contents("/proc/" + std::to_string(daemon.pid()) + "/statm"));
         size_t total = 0;
         pages >> total;
         setLimit(total * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + bytes);
@@ -267,7 +262,7 @@ TEST_P(NoMoreMemory, KeepsThreadsFromStartingUntilThereIsSome) {
     limitTo(threads * kStack + kStack / 2);  // a heap may grow, too
     switchBoth(true);
     ASSERT_TRUE(settle());
-    EXPECT_EQ(board::threadCount(daemon.pid()), board::kIdleThreads + threads);
+    EXPECT_EQ(threadCount(daemon.pid()), kIdleThreads + threads);
     EXPECT_EQ(daemon.count("pthread_create failed"), threads == 0 ? 2 : 1);
     EXPECT_EQ(daemon.count("pthread_create: <12:Cannot allocate memory>"), threads < 2 ? 1 : 0);
     expectNobodyBusy();
@@ -286,9 +281,9 @@ class Streaming : public NoMoreMemory {
     void SetUp() override {
         start();
         host.command("flush speaker");
-        player = std::make_unique<board::HostPlayer>(board::noise);
+        player = std::make_unique<HostPlayer>(noise);
         ASSERT_TRUE(player->fill());
-        app->speak(board::noise);
+        app->speak(noise);
         bothOn();
         ASSERT_TRUE(hostHears());
         xrunsBefore = xruns();
@@ -297,12 +292,12 @@ class Streaming : public NoMoreMemory {
     // Everything since the start was heard, no frame is missing, and the host still hears the app.
     void expectExact() {
         const int64_t heardBefore = app->heardFrames();
-        EXPECT_TRUE(board::waitFor([&] { return app->heardFrames() > heardBefore + kRate / 10; }));
+        EXPECT_TRUE(waitFor([&] { return app->heardFrames() > heardBefore + kRate / 10; }));
         expectNoise(app->takeHeard().left);
         EXPECT_EQ(xruns(), xrunsBefore);
     }
 
-    std::unique_ptr<board::HostPlayer> player;
+    std::unique_ptr<HostPlayer> player;
 
   private:
     int64_t xrunsBefore = 0;
@@ -312,13 +307,13 @@ TEST_F(Streaming, GoesOnWithoutMoreMemory) {
     limitTo(0);
     for (int i = 0; i < 50; ++i) {
         host.command("volume mic " + std::to_string(i));
-        board::sleepFor(20 * kMs);
+        sleepFor(20 * kMs);
     }
     EXPECT_TRUE(answersTheApp());
     EXPECT_TRUE(hostHears());
     expectExact();
     bothOff();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     lift();
 }
 
@@ -326,15 +321,15 @@ TEST_F(Streaming, GoesOnWithoutMoreMemory) {
 class ScarceMemory {
   public:
     ScarceMemory() {
-        std::istringstream lines(board::contents("/proc/meminfo"));
+        std::istringstream lines(contents("/proc/meminfo"));
         std::string key;
         size_t kb = 0;
         std::string unit;
         while (lines >> key >> kb >> unit && key != "MemAvailable:") {
         }
-        board::put(kHugePages, std::to_string((kb / 1024 - kLeftMiB) / 2));
+        put(kHugePages, std::to_string((kb / 1024 - kLeftMiB) / 2));
     }
-    ~ScarceMemory() { board::put(kHugePages, "0"); }
+    ~ScarceMemory() { put(kHugePages, "0"); }
     ScarceMemory(const ScarceMemory&) = delete;
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 
@@ -347,7 +342,7 @@ class ScarceMemory {
 TEST_F(Streaming, GoesOnWhileAnotherProcessTakesAllMemory) {
     const ScarceMemory scarce;
     Child glutton([] {
-        board::put("/proc/self/oom_score_adj", "1000");
+        put("/proc/self/oom_score_adj", "1000");
         for (;;) {
             void* const more = mmap(nullptr, kMiB, PROT_READ | PROT_WRITE,
                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);

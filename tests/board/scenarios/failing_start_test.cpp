@@ -10,9 +10,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 
 constexpr char kFailingAlsa[] = "/tests/libfailing_alsa.so";
 constexpr char kOrder[] = "/tmp/failing_alsa";
@@ -94,7 +92,7 @@ class FailingStart : public StreamCase {
         EXPECT_EQ(errorsSince(again),
                   opened ? Lines{says("start, audio still open, trying to close")} : Lines{});
         switchOff();
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
 };
 
@@ -115,7 +113,7 @@ TEST_P(FailingStart, InEachHardwareParameter) {
 TEST_P(FailingStart, InEachSoftwareParameter) {
     for (const SoftwareFault& row : kSoftwareFaults) {
         SCOPED_TRACE(row.call);
-        board::put(kOrder, std::string(row.call) + " -5");
+        put(kOrder, std::string(row.call) + " -5");
         expectFailure({"E UAFSND: error at setSwParams@" + std::to_string(row.step) + ": err=-5"},
                       kSoftware);
     }
@@ -138,16 +136,16 @@ TEST_P(FailingStart, ManyTimesInARow) {
     EXPECT_EQ(said("start, audio still open, trying to close", before), failures - 1);
     EXPECT_TRUE(told(before).empty());
     // The microphone's buffer thread stays, and is idle.
-    EXPECT_TRUE(hasThreads(board::kIdleThreads + either(0U, 1U)));
+    EXPECT_TRUE(hasThreads(kIdleThreads + either(0U, 1U)));
     expectStartable();
 }
 
 TEST_P(FailingStart, IsNoneAtAnotherRate) {
     const Moment before = mark();
     arm("other_rate 44100");
-    board::RampCheck sound(this, direction());
+    RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     sound.collect();
     EXPECT_EQ(said("warnning: rate is not accurate, want 48000 Hz, got 44100 Hz", before), 1);
     EXPECT_TRUE(errorsSince(before).empty());

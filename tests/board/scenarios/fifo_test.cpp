@@ -12,10 +12,7 @@
 namespace uafd {
 namespace {
 
-using board::App;
-using board::kFifoRx;
-using board::kMs;
-using board::kSecond;
+using namespace board;
 
 class FifoName : public Scenario, public testing::WithParamInterface<const char*> {
   protected:
@@ -24,7 +21,7 @@ class FifoName : public Scenario, public testing::WithParamInterface<const char*
     // Puts a file with contents in the FIFO's place.
     static void putAFile() {
         unlink(GetParam());
-        board::put(GetParam(), std::string(10000, 'x'));
+        put(GetParam(), std::string(10000, 'x'));
     }
     // Clears the FIFO's place and starts an app that makes its FIFOs.
     void bringAppBack() {
@@ -35,18 +32,18 @@ class FifoName : public Scenario, public testing::WithParamInterface<const char*
 
 TEST_P(FifoName, IsDeletedUnderAnOpenFifoWhichGoesOn) {
     start();
-    const board::HostPlayer player(board::noise);
-    app->speak(board::noise);
+    const HostPlayer player(noise);
+    app->speak(noise);
     bothOn();
     ASSERT_TRUE(hostHears());
     unlink(GetParam());
     EXPECT_TRUE(hostHears());
     const int64_t heard = app->heardFrames();
-    EXPECT_TRUE(board::waitFor([&] { return app->heardFrames() > heard + board::kRate; }));
+    EXPECT_TRUE(waitFor([&] { return app->heardFrames() > heard + kRate; }));
     EXPECT_EQ(daemon.count(std::string("failed to open ") + GetParam()), 0);
 
     bothOff();
-    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    ASSERT_TRUE(hasThreads(kIdleThreads));
     bringAppBack();
 }
 
@@ -54,7 +51,7 @@ TEST_P(FifoName, IsDeletedUnderAnOpenFifoWhichGoesOn) {
 TEST_P(FifoName, BecomesAFileWhileBothChannelsRun) {
     start();
     bothOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     putAFile();
     app.reset();
     ASSERT_TRUE(daemon.waitForLog(std::string(GetParam()) + " opened buffer size -1"));
@@ -100,10 +97,8 @@ TEST_P(FifoName, IsAFileWhenTheDaemonStarts) {
     bringAppBack();
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, FifoName, testing::Values(board::kFifoRx, board::kFifoTx),
-                         [](const auto& info) {
-                             return info.param == board::kFifoRx ? "Rx" : "Tx";
-                         });
+INSTANTIATE_TEST_SUITE_P(Each, FifoName, testing::Values(kFifoRx, kFifoTx),
+                         [](const auto& info) { return info.param == kFifoRx ? "Rx" : "Tx"; });
 
 }  // namespace
 }  // namespace uafd

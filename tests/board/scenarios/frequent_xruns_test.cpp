@@ -15,10 +15,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Ns;
-using board::RampCheck;
+using namespace board;
 
 constexpr Ns kSettling = 1500 * kMs;
 constexpr Ns kEvery = 500 * kMs;
@@ -36,16 +33,15 @@ class FrequentXruns : public Scenario {
     void check(const char* name, RampCheck* sound, const std::vector<Ns>& xruns, int64_t held,
                Ns latencyMax) {
         constexpr Ns reach = 100 * kMs;
-        for (const board::Break& gap : sound->breaks()) {
+        for (const Break& gap : sound->breaks()) {
             const auto after = std::upper_bound(xruns.begin(), xruns.end(), gap.at + kPeriodTime);
             ASSERT_NE(after, xruns.begin()) << "a break before the first xrun";
             EXPECT_LT(gap.at - *(after - 1), reach) << name;
             EXPECT_LE(gap.lost, held) << name;
         }
-        const board::Spread latency = sound->latency(xruns.front(), board::now());
+        const Spread latency = sound->latency(xruns.front(), now());
         printf("%s: %zu xruns, %ld frames lost in %zu places, latency %s\n", name, xruns.size(),
-               static_cast<long>(sound->lost()), sound->losses().size(),
-               board::inMs(latency).c_str());
+               static_cast<long>(sound->lost()), sound->losses().size(), inMs(latency).c_str());
         EXPECT_LE(latency.largest, latencyMax) << name;
         EXPECT_LE(sound->losses().size(), xruns.size()) << name;
     }
@@ -53,16 +49,16 @@ class FrequentXruns : public Scenario {
 
 TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
     start();
-    RampCheck heard(this, board::kSpeakerDirection);
-    RampCheck recorded(this, board::kMicDirection);
+    RampCheck heard(this, kSpeakerDirection);
+    RampCheck recorded(this, kMicDirection);
     switchBoth(true);
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     const size_t mark = daemon.mark();
     std::vector<Ns> xruns;
     for (int i = 0; i < minutes * 120; ++i) {
         // Each time at another place of the period.
-        board::sleepFor(kEvery + (i % 5 - 2) * 733 * kMs / 1000);
-        xruns.push_back(board::now());
+        sleepFor(kEvery + (i % 5 - 2) * 733 * kMs / 1000);
+        xruns.push_back(now());
         host.command("xrun speaker");
         host.command("xrun mic");
         if (i % 10 == 0) {
@@ -70,7 +66,7 @@ TEST_F(FrequentXruns, CostNoMoreThanTheFirst) {
             recorded.collect();
         }
     }
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     heard.collect();
     recorded.collect();
     const auto count = static_cast<int>(xruns.size());

@@ -16,6 +16,8 @@
 namespace uafd {
 namespace {
 
+using namespace board;
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -23,13 +25,13 @@ class StandardStreams : public BoardCase {
   protected:
     // Starts the app, and the daemon without these streams.
     void startWithout(const std::vector<int>& closed) {
-        app = std::make_unique<board::App>();
+        app = std::make_unique<App>();
         daemon.start([&] {
             for (const int fd : closed) {
                 close(fd);
             }
         });
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
         ASSERT_TRUE(settle());
     }
 
@@ -48,20 +50,20 @@ class StandardStreams : public BoardCase {
     void expectOnlyTheHostIsHeard() {
         EXPECT_EQ(app->heardFrames(), 0);
         host.command("flush speaker");
-        const board::HostPlayer player(board::ramp);
-        app->speak(board::ramp);
+        const HostPlayer player(ramp);
+        app->speak(ramp);
         bothOn();
         EXPECT_TRUE(hostHears());
-        EXPECT_TRUE(board::waitFor([this] { return app->heardFrames() > board::kRate / 4; }));
-        const board::Heard heard = app->takeHeard();
+        EXPECT_TRUE(waitFor([this] { return app->heardFrames() > kRate / 4; }));
+        const Heard heard = app->takeHeard();
         EXPECT_EQ(heard.unequalFrames, 0);
         // The sound is silence until the host's player has begun.
-        const size_t first = board::firstSound(heard.left);
+        const size_t first = firstSound(heard.left);
         ASSERT_LT(first, heard.left.size());
         EXPECT_EQ(heard.left[first], 1);
-        EXPECT_EQ(board::breaksIn(heard.left), 0);
+        EXPECT_EQ(breaksIn(heard.left), 0);
         bothOff();
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
     }
 };
 
@@ -107,11 +109,11 @@ TEST_F(StandardStreams, AllThreeAreOccupied) {
 TEST_F(StandardStreams, TheCardSearchsLinesReachAFileAtOnce) {
     constexpr char control[] = "/dev/snd/controlC0";
     ASSERT_EQ(chmod(control, 0400), 0);
-    app = std::make_unique<board::App>();
+    app = std::make_unique<App>();
     startDaemon([] { prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE); });
     EXPECT_EQ(chmod(control, 0600), 0);
     EXPECT_EQ(daemon.count("UAC Vexa is enabled, using hw:1"), 1);
-    EXPECT_EQ(board::contents(daemon.stdoutPath), "control open (0): Permission denied\n");
+    EXPECT_EQ(contents(daemon.stdoutPath), "control open (0): Permission denied\n");
     EXPECT_EQ(findDamage(), "");
 }
 

@@ -12,8 +12,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
+using namespace board;
 
 // ---- An on event while the channel is stopping -------------------------------------------------
 
@@ -25,10 +24,10 @@ class Debounce : public Scenario, public testing::WithParamInterface<bool> {
     uint32_t channel() const { return speaker() ? kSpeaker : kMic; }
     uint32_t record() const { return channel() + 1; }
     // The count at which the on event came, or -1 when the channel had stopped.
-    int cancelAfter(board::Ns delay) {
+    int cancelAfter(Ns delay) {
         look();
         queue(record(), 0);
-        board::sleepFor(delay);
+        sleepFor(delay);
         queue(record(), 1);
         EXPECT_TRUE(settle());
         for (int count = 0; count <= 3; ++count) {
@@ -41,23 +40,23 @@ class Debounce : public Scenario, public testing::WithParamInterface<bool> {
 };
 
 TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
-    const board::HostPlayer player(board::ramp);
-    app->speak(board::ramp);
+    const HostPlayer player(ramp);
+    app->speak(ramp);
     host.command(speaker() ? "speaker on" : "mic on");
     ASSERT_TRUE(waitForChannel(channel(), true, 0));
-    board::sleepFor(300 * kMs);
-    board::Samples heard = app->takeHeard().left;
+    sleepFor(300 * kMs);
+    Samples heard = app->takeHeard().left;
     const auto before = host.counters();
     std::set<int> counts;
     int last = 0;
-    for (board::Ns delay = 0; last >= 0; delay += kMs) {
+    for (Ns delay = 0; last >= 0; delay += kMs) {
         last = cancelAfter(delay);
         if (last >= 0) {
             SCOPED_TRACE(last);
             counts.insert(last);
-            board::sleepFor(50 * kMs);
+            sleepFor(50 * kMs);
             EXPECT_TRUE(told().empty());
-            const board::Samples more = app->takeHeard().left;
+            const Samples more = app->takeHeard().left;
             heard.insert(heard.end(), more.begin(), more.end());
             for (const char* key : {".opens", ".closes", ".stops", ".xruns"}) {
                 EXPECT_EQ(host.counter(pcm() + key), before.at(pcm() + key)) << key;
@@ -67,7 +66,7 @@ TEST_P(Debounce, EndsAtEachCountWithTheStreamUnbroken) {
     }
     EXPECT_EQ(counts, (std::set<int>{0, 1, 2, 3}));
     // The host may have played nothing yet when its stream began.
-    EXPECT_EQ(board::breaksIn(heard), 0);
+    EXPECT_EQ(breaksIn(heard), 0);
     // The next on event came too late: the channel has stopped, and starts again.
     EXPECT_EQ(said("start, opening hw:1"), 1);
     expectTold({{channel(), 0}, {channel(), 1}});
@@ -94,7 +93,7 @@ class StartStop : public BoardCase {
             wanted[mic] = random.flip();
             switchStream(mic);
             if (random.flip()) {
-                board::sleepFor(random.below(30000) * kMs / 1000);
+                sleepFor(random.below(30000) * kMs / 1000);
             }
         }
     }
@@ -104,15 +103,15 @@ class StartStop : public BoardCase {
 
     // The daemon's last message about each channel is what the host wants.
     bool isAsWanted() {
-        const std::vector<board::Message> told = app->messageValues(seen);
+        const std::vector<Message> told = app->messageValues(seen);
         watch.see(told);
         seen += told.size();
         return watch.isOn(kSpeaker) == wanted[false] && watch.isOn(kMic) == wanted[true] &&
-               board::threadCount(daemon.pid()) ==
-                   board::kIdleThreads + (wanted[false] ? 1U : 0U) + (wanted[true] ? 2U : 0U);
+               threadCount(daemon.pid()) ==
+                   kIdleThreads + (wanted[false] ? 1U : 0U) + (wanted[true] ? 2U : 0U);
     }
     void becomeAsWanted() {
-        if (!board::waitFor([this] { return isAsWanted(); }, 500 * kMs) &&
+        if (!waitFor([this] { return isAsWanted(); }, 500 * kMs) &&
             daemon.count("ALERT! This should be impossible and can cause inconsistencies in this "
                          "channel's state.") > alerts) {
             // An on event came when the stop could no longer be cancelled. The next one starts the
@@ -121,7 +120,7 @@ class StartStop : public BoardCase {
             switchStream(false);
             switchStream(true);
         }
-        ASSERT_TRUE(board::waitFor([this] { return isAsWanted(); }));
+        ASSERT_TRUE(waitFor([this] { return isAsWanted(); }));
         ASSERT_EQ(watch.repetition(), "");
     }
 
@@ -129,8 +128,8 @@ class StartStop : public BoardCase {
     int alerts = 0;
 
   private:
-    board::Random random{kSeed};
-    board::ChannelWatch watch;
+    Random random{kSeed};
+    ChannelWatch watch;
     size_t seen = 0;
 };
 

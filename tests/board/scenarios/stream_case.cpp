@@ -7,9 +7,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::LogLine;
-using board::Ns;
+using namespace board;
 
 constexpr int64_t kUsbFrame = 48;  // audio frames
 constexpr int64_t kPeriod = 240;
@@ -24,11 +22,11 @@ bool isRepetition(const LogLine& line) {
            beginsWith(line.text, "loopcnt ") || beginsWith(line.text, "buffer loopcnt ");
 }
 
-bool isSpeakers(const board::Direction& direction) {
-    return direction == board::kSpeakerDirection;
+bool isSpeakers(const Direction& direction) {
+    return direction == kSpeakerDirection;
 }
 
-Lines met(const board::Direction& direction, const char* error, const char* what) {
+Lines met(const Direction& direction, const char* error, const char* what) {
     return {"D UAFSND: stream recovery from ...",
             std::string("D UAFSND: xrun_recovery: ") + direction.pcm + " xrun, err " + error,
             std::string("D UAFSND: ") + what};
@@ -46,11 +44,11 @@ Lines times(int count, const Lines& lines) {
 
 namespace stream_log {
 
-Lines xrunMet(const board::Direction& direction) {
+Lines xrunMet(const Direction& direction) {
     return met(direction, "-32", isSpeakers(direction) ? "overrun..." : "underrun...");
 }
 
-Lines suspendMet(const board::Direction& direction) {
+Lines suspendMet(const Direction& direction) {
     return met(direction, "-86", "suspend...");
 }
 
@@ -58,22 +56,22 @@ Lines ready() {
     return {"D UAFSND: ready "};
 }
 
-Lines kickStart(const board::Direction& direction) {
+Lines kickStart(const Direction& direction) {
     return isSpeakers(direction) ? Lines{} : Lines{"D UAFSRC: need to kick start"};
 }
 
-Lines recovery(const board::Direction& direction) {
+Lines recovery(const Direction& direction) {
     return xrunMet(direction) + ready() + kickStart(direction);
 }
 
-Lines failedPrepare(const board::Direction& direction, const std::string& cause, int state) {
+Lines failedPrepare(const Direction& direction, const std::string& cause, int state) {
     const std::string error = std::string("E ") + direction.tag + ": ";
     return Lines{"D UAFSND: Can't recovery from " + cause + ", prepare failed: Input/output error",
                  error + "ALSA xrun recovery failed (Input/output error)", error + "rc=-5"} +
            stopRequest(state);
 }
 
-Lines failure(const board::Direction& direction, const std::string& what, int state) {
+Lines failure(const Direction& direction, const std::string& what, int state) {
     return Lines{std::string("E ") + direction.tag + ": " + what} + stopRequest(state);
 }
 
@@ -81,7 +79,7 @@ Lines stopRequest(int state) {
     return {"D UAFCH: intfUpdate to 0, current state " + std::to_string(state)};
 }
 
-Lines stop(const board::Direction& direction) {
+Lines stop(const Direction& direction) {
     const std::string stopped = "D UAFCH: UAF channel stopped. Current state is (2)";
     if (isSpeakers(direction)) {
         return {"D UAFSNK: stop, closing hw:#", "D UAFSNK: stop, closing /tmp/usbAudioFifoRx",
@@ -123,7 +121,7 @@ void StreamCase::deliver(bool on) {
 
 void StreamCase::waitForStarts(int times, const Moment& since) {
     const std::string start = std::string(direction().pcm) + " start 0";
-    if (!board::waitFor([&] { return host.countEvents(start, since.at) >= times; })) {
+    if (!waitFor([&] { return host.countEvents(start, since.at) >= times; })) {
         throw std::runtime_error(std::string(direction().pcm) + " is not started");
     }
 }
@@ -131,7 +129,7 @@ void StreamCase::waitForStarts(int times, const Moment& since) {
 // The first end of a period at or after this many frames, counted from the PCM's last start.
 int64_t StreamCase::nextPeriodAt(int64_t frames) {
     const std::string start = std::string(direction().pcm) + " start 0";
-    const std::vector<board::HostEvent>& events = host.events();
+    const std::vector<HostEvent>& events = host.events();
     const auto last = std::find_if(events.rbegin(), events.rend(),
                                    [&](const auto& event) { return event.text == start; });
     const int64_t begin = movedBy(last->at);
@@ -139,18 +137,18 @@ int64_t StreamCase::nextPeriodAt(int64_t frames) {
 }
 
 int64_t StreamCase::waitForEarlyInPeriod() {
-    const int64_t begin = nextPeriodAt(movedBy(board::now()) + kPeriod);
-    board::sleepUntil(host.frameTime(direction().name, begin + kUsbFrame));
+    const int64_t begin = nextPeriodAt(movedBy(now()) + kPeriod);
+    sleepUntil(host.frameTime(direction().name, begin + kUsbFrame));
     return begin;
 }
 
 void StreamCase::injureInPeriod(const std::string& injury, int usbFrame) {
-    const int64_t soon = movedBy(board::now()) + 4 * kPeriod;
+    const int64_t soon = movedBy(now()) + 4 * kPeriod;
     command(injury, "at=" + std::to_string(nextPeriodAt(soon) + usbFrame * kUsbFrame));
 }
 
 Moment StreamCase::mark() {
-    return {board::now(), daemon.mark(), app->messages().size()};
+    return {now(), daemon.mark(), app->messages().size()};
 }
 
 void StreamCase::expectLog(const Moment& since, const Lines& wanted) {
@@ -162,7 +160,7 @@ void StreamCase::expectLog(const Moment& since, const Lines& wanted) {
         }
     }
     const bool same = said.size() == wanted.size() &&
-                      std::equal(said.begin(), said.end(), wanted.begin(), board::matches);
+                      std::equal(said.begin(), said.end(), wanted.begin(), matches);
     if (!same) {
         EXPECT_EQ(said, wanted);
     }
@@ -171,7 +169,7 @@ void StreamCase::expectLog(const Moment& since, const Lines& wanted) {
 std::vector<std::string> StreamCase::requests(const Moment& since) {
     const std::string prefix = std::string(direction().pcm) + " ";
     std::vector<std::string> requests;
-    for (const board::HostEvent& event : host.eventsSince(since.at)) {
+    for (const HostEvent& event : host.eventsSince(since.at)) {
         if (beginsWith(event.text, prefix)) {
             requests.push_back(event.text.substr(prefix.size()));
         }
@@ -179,7 +177,7 @@ std::vector<std::string> StreamCase::requests(const Moment& since) {
     return requests;
 }
 
-std::vector<board::Message> StreamCase::told(const Moment& since) const {
+std::vector<Message> StreamCase::told(const Moment& since) const {
     return app->messageValues(since.messages);
 }
 
@@ -192,30 +190,30 @@ int64_t StreamCase::movedBy(Ns at) const {
 
 void StreamCase::expectStopped(const Moment& since, const Lines& log, Ns limit) {
     EXPECT_TRUE(waitForChannel(direction().channel, false, since.messages, limit));
-    ASSERT_TRUE(hasThreads(board::kIdleThreads));
+    ASSERT_TRUE(hasThreads(kIdleThreads));
     expectLog(since, log + stream_log::stop(direction()));
-    EXPECT_EQ(told(since), (std::vector<board::Message>{{direction().channel, 0}}));
+    EXPECT_EQ(told(since), (std::vector<Message>{{direction().channel, 0}}));
 }
 
 void StreamCase::expectStartable() {
     constexpr int64_t enough = 5760;  // 120 ms
     const Moment before = mark();
-    board::RampCheck sound(this, direction());
+    RampCheck sound(this, direction());
     deliver(true);
     waitForStarts(1, before);
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     sound.collect();
     ASSERT_FALSE(sound.sections().empty());
     EXPECT_GT(sound.sections().back().frames, enough);
-    EXPECT_EQ(told(before), (std::vector<board::Message>{{direction().channel, 1}}));
+    EXPECT_EQ(told(before), (std::vector<Message>{{direction().channel, 1}}));
 }
 
-void StreamCase::expectHealthy(board::RampCheck* sound, Ns from) {
+void StreamCase::expectHealthy(RampCheck* sound, Ns from) {
     const Ns to = from + kLook;
-    const board::Spread latency = sound->latency(from, to);
-    EXPECT_GE(latency.smallest, either(4 * kMs, 11 * kMs)) << board::inMs(latency);
-    EXPECT_LE(latency.largest, either(9 * kMs, 21 * kMs)) << board::inMs(latency);
-    for (const board::Break& gap : sound->breaks()) {
+    const Spread latency = sound->latency(from, to);
+    EXPECT_GE(latency.smallest, either(4 * kMs, 11 * kMs)) << inMs(latency);
+    EXPECT_LE(latency.largest, either(9 * kMs, 21 * kMs)) << inMs(latency);
+    for (const Break& gap : sound->breaks()) {
         EXPECT_TRUE(gap.at < from || gap.at >= to)
             << "after " << (gap.at - from) / kMs << " ms " << gap.silent << " samples silent, "
             << gap.lost << " frames lost";

@@ -7,10 +7,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Ns;
-using board::RampCheck;
+using namespace board;
 using stream_log::failedPrepare;
 using stream_log::failure;
 using stream_log::kickStart;
@@ -41,7 +38,7 @@ class Suspend : public StreamCase {
     // When the driver got a request, since the moment.
     std::vector<Ns> timesOf(const std::string& request, const Moment& since) {
         std::vector<Ns> times;
-        for (const board::HostEvent& event : host.eventsSince(since.at)) {
+        for (const HostEvent& event : host.eventsSince(since.at)) {
             if (event.text == std::string(direction().pcm) + " " + request) {
                 times.push_back(event.at);
             }
@@ -53,18 +50,18 @@ class Suspend : public StreamCase {
 TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     for (const Refusal& row : kRefusals) {
         SCOPED_TRACE(row.name);
         const Moment before = mark();
         arm(row.fault);
         injureInPeriod("suspend", 3);
         const char* const last = row.prepared ? "start 0" : "resume 0";
-        ASSERT_TRUE(board::waitFor([&] { return !timesOf(last, before).empty(); }, 10 * kSecond));
-        const Ns again = board::now();
+        ASSERT_TRUE(waitFor([&] { return !timesOf(last, before).empty(); }, 10 * kSecond));
+        const Ns again = now();
         // Meanwhile the microphone's buffer filled up; it shrinks by a sample a frame at most.
         const Ns healthyAfter = row.refusals == 6 ? either(kHealing, 3 * kSecond) : kHealing;
-        board::sleepFor(healthyAfter + kLook);
+        sleepFor(healthyAfter + kLook);
         sound.collect();
         expectLog(before, suspendMet(direction()) + ready() +
                               (row.prepared ? kickStart(direction()) : Lines{}));
@@ -83,14 +80,14 @@ TEST_P(Suspend, IsOverAsSoonAsTheDriverResumes) {
 TEST_P(Suspend, InATransferCostsAPeriod) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     const Moment before = mark();
     arm("transfer 86");
-    board::sleepFor(kHealing + kLook);
+    sleepFor(kHealing + kLook);
     sound.collect();
     expectLog(before, suspendMet(direction()) + ready());
     EXPECT_EQ(requests(before), (Lines{"suspend", "resume 0"}));
-    const std::vector<board::Break> losses = sound.losses();
+    const std::vector<Break> losses = sound.losses();
     ASSERT_EQ(losses.size(), 1U);
     EXPECT_EQ(losses[0].silent, 0);
     EXPECT_NEAR(static_cast<double>(losses[0].lost), static_cast<double>(either(-240, 240)), 1);
@@ -99,7 +96,7 @@ TEST_P(Suspend, InATransferCostsAPeriod) {
 
 TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
     switchOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     const Moment before = mark();
     arm("resume 5");
     arm("prepare 5");
@@ -116,17 +113,17 @@ TEST_P(Suspend, ThatNothingEndsStopsTheChannel) {
 }
 
 TEST_P(Suspend, LeavesTheOtherWayAlone) {
-    const board::Direction other = isSpeaker() ? board::kMicDirection : board::kSpeakerDirection;
+    const Direction other = isSpeaker() ? kMicDirection : kSpeakerDirection;
     RampCheck sound(this, other);
     host.command(std::string(other.name) + " on");
     switchOn();
-    board::sleepFor(kSettling);
-    const Ns from = board::now();
+    sleepFor(kSettling);
+    const Ns from = now();
     arm("resume 11 times=3");
     command("suspend");
-    board::sleepFor(4 * kSecond);
+    sleepFor(4 * kSecond);
     sound.collect();
-    for (const board::Break& gap : sound.breaks()) {
+    for (const Break& gap : sound.breaks()) {
         EXPECT_LT(gap.at, from);
     }
     EXPECT_GE(sound.sections().back().end, from + 4 * kSecond - 20 * kMs);
@@ -135,28 +132,28 @@ TEST_P(Suspend, LeavesTheOtherWayAlone) {
 // The channel's thread asks the driver once a second and sees nothing else meanwhile.
 TEST_P(Suspend, OutlastsTheHostsStop) {
     switchOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     const Moment before = mark();
     arm("resume 11 times=3");
     command("suspend");
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     deliver(false);
     expectStopped(before, suspendMet(direction()) + stopRequest(1) + ready(), 4 * kSecond);
-    EXPECT_GE(board::now(), before.at + 3 * kSecond);
+    EXPECT_GE(now(), before.at + 3 * kSecond);
     expectStartable();
 }
 
 TEST_P(Suspend, OutlastsTheHostsStopAndStart) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     const Moment before = mark();
     arm("resume 11 times=3");
     command("suspend");
-    board::sleepFor(kSecond / 2);
+    sleepFor(kSecond / 2);
     deliver(false);
     deliver(true);
-    board::sleepFor(3 * kSecond + kHealing);
+    sleepFor(3 * kSecond + kHealing);
     sound.collect();
     expectLog(before,
               suspendMet(direction()) + stopRequest(1) +

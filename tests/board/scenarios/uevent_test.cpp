@@ -10,9 +10,7 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -38,9 +36,9 @@ class Uevents : public Scenario {
         daemon.log();
         int lines = 0;
         for (size_t i = marked; i < daemon.log().size(); ++i) {
-            lines += board::matches(daemon.log()[i].text,
-                                    "recvmsg error: <-1:11:Resource temporarily unavailable> - "
-                                    "likely a timeout for RK-based SoC")
+            lines += matches(daemon.log()[i].text,
+                             "recvmsg error: <-1:11:Resource temporarily unavailable> - "
+                             "likely a timeout for RK-based SoC")
                          ? 0
                          : 1;
         }
@@ -70,7 +68,7 @@ TEST_F(Uevents, OfProcessesAreIgnoredInEveryGroup) {
     for (unsigned group = 1; group != 0; group <<= 1) {
         SCOPED_TRACE(group);
         sender.send(ueventText(kGadgetGone), group);
-        board::sleepFor(20 * kMs);
+        sleepFor(20 * kMs);
         refused += group <= 8 ? 1 : 0;
         EXPECT_EQ(said(kStranger), refused);
     }
@@ -87,7 +85,7 @@ TEST_F(Uevents, ThatAreTooLongAreDroppedAsTruncated) {
     for (const size_t size : {longest + 1, size_t{4000}, size_t{100000}}) {
         sender.send(std::string(size, 'x'), kKernelGroup);
     }
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_EQ(said("recvmsg truncate: <2304:11:Resource temporarily unavailable>, buf size is "
                    "2304") +
                   said("recvmsg truncate: <2304:0:Success>, buf size is 2304"),
@@ -101,7 +99,7 @@ TEST_F(Uevents, OfNoSubsystemAreNobodys) {
     sender.sendAsKernel(
         ueventText("change@/devices/virtual/android_usb/android0 ACTION=change "
                    "DEVPATH=/devices/virtual/android_usb/android0 USB_STATE=DISCONNECTED"));
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     EXPECT_EQ(linesSaid(), 0);
     EXPECT_THAT(told(), IsEmpty());
     // With a subsystem the same text is the gadget's; its line shows that the one before was read.
@@ -145,20 +143,20 @@ class Flood : public Uevents, public testing::WithParamInterface<bool> {
 
 TEST_P(Flood, OfAHundredThousandPassesAndLeavesNothing) {
     host.command("flush speaker");
-    const board::HostPlayer player(board::noise);
+    const HostPlayer player(noise);
     ASSERT_TRUE(player.fill());
-    app->speak(board::noise);
+    app->speak(noise);
     bothOn();
     ASSERT_TRUE(hostHears());
-    const board::Ns cpu = board::cpuOf(daemon.pid());
-    const int64_t memory = board::memoryOf(daemon.pid()).privateKb;
-    const board::Ns start = board::now();
+    const Ns cpu = cpuOf(daemon.pid());
+    const int64_t memory = memoryOf(daemon.pid()).privateKb;
+    const Ns start = now();
     flood();
-    const board::Ns time = board::now() - start;
-    const board::Ns used = board::cpuOf(daemon.pid()) - cpu;
-    board::sleepFor(100 * kMs);
-    EXPECT_NEAR(static_cast<double>(board::memoryOf(daemon.pid()).privateKb),
-                static_cast<double>(memory), 32);
+    const Ns time = now() - start;
+    const Ns used = cpuOf(daemon.pid()) - cpu;
+    sleepFor(100 * kMs);
+    EXPECT_NEAR(static_cast<double>(memoryOf(daemon.pid()).privateKb), static_cast<double>(memory),
+                32);
     expectHearing();
     expectNoise(app->takeHeard().left);
     EXPECT_EQ(xruns(), 0);

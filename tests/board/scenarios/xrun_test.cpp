@@ -10,11 +10,7 @@
 namespace uafd {
 namespace {
 
-using board::Break;
-using board::kMs;
-using board::Message;
-using board::Ns;
-using board::RampCheck;
+using namespace board;
 using stream_log::failedPrepare;
 using stream_log::failure;
 using stream_log::kickStart;
@@ -63,12 +59,12 @@ class Xrun : public StreamCase {
 TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     std::vector<Moment> moments;
     for (int i = 1; i <= kUsbFramesInPeriod; ++i) {
         moments.push_back(mark());
         injureInPeriod("xrun", i);
-        board::sleepFor(kHealing + kLook);
+        sleepFor(kHealing + kLook);
         expectLog(moments.back(), recovery(direction()));
         EXPECT_EQ(requests(moments.back()), kRestart);
         EXPECT_TRUE(told(moments.back()).empty());
@@ -93,9 +89,9 @@ TEST_P(Xrun, InEachFifthOfAPeriodCostsWhatTheDriverHeld) {
 TEST_P(Xrun, TenTimesInARow) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     const Moment before = strike(10);
-    board::sleepFor(kHealing + kLook);
+    sleepFor(kHealing + kLook);
     sound.collect();
     expectLog(before, times(10, recovery(direction())));
     EXPECT_EQ(requests(before), times(10, kRestart));
@@ -108,11 +104,11 @@ TEST_P(Xrun, TenTimesInARow) {
 TEST_P(Xrun, InATransfer) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     for (const int count : {1, 10}) {
         const Moment before = mark();
         arm("transfer 32 times=" + std::to_string(count));
-        board::sleepFor(kHealing + kLook);
+        sleepFor(kHealing + kLook);
         sound.collect();
         expectLog(before, times(count, recovery(direction())));
         EXPECT_EQ(requests(before), times(count, kRestart));
@@ -134,7 +130,7 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
         const int64_t at = host.counter(std::string(direction().name) + ".frames") + ms * kUsbFrame;
         command("xrun", "at=" + std::to_string(at));
         switchOn();
-        board::sleepFor(200 * kMs);
+        sleepFor(200 * kMs);
         sound.collect();
         EXPECT_EQ(overruns(start),
                   host.countEvents(std::string(direction().pcm) + " xrun", start.at));
@@ -150,17 +146,17 @@ TEST_P(Xrun, InEachOfTheFirstMillisecondsOfAStream) {
 TEST_P(Xrun, WhileTheAppPauses) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     const Moment before = mark();
     app->pauseListening(true);
     app->pauseSpeaking(true);
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     overrunByItself();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     app->pauseListening(false);
     app->pauseSpeaking(false);
-    const Ns goesOn = board::now();
-    board::sleepFor(kHealing + kLook);
+    const Ns goesOn = now();
+    sleepFor(kHealing + kLook);
     sound.collect();
     expectLog(before, recovery(direction()));
     EXPECT_EQ(requests(before), kRestart);
@@ -169,13 +165,13 @@ TEST_P(Xrun, WhileTheAppPauses) {
 
 TEST_P(Xrun, WhileTheAppIsAway) {
     switchOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     const Moment before = mark();
     app.reset();
-    board::sleepFor(200 * kMs);
+    sleepFor(200 * kMs);
     overrunByItself();
-    board::sleepFor(200 * kMs);
-    app = std::make_unique<board::App>();
+    sleepFor(200 * kMs);
+    app = std::make_unique<App>();
     waitForStarts(1, before);
     EXPECT_EQ(overruns(before), 1);
     EXPECT_EQ(requests(before), kRestart);
@@ -184,16 +180,16 @@ TEST_P(Xrun, WhileTheAppIsAway) {
 TEST_P(Xrun, WhileTheHostStalls) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(kSettling);
+    sleepFor(kSettling);
     sound.collect();
     const Moment before = mark();
     host.command(std::string("stall ") + direction().name + " 1");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     command("xrun");
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     host.command(std::string("stall ") + direction().name + " 0");
-    const Ns goesOn = board::now();
-    board::sleepFor(kHealing + kLook);
+    const Ns goesOn = now();
+    sleepFor(kHealing + kLook);
     sound.collect();
     const Lines stall{std::string("D ") + direction().tag + ": timeout0, rc=0"};
     const Lines end{either("D UAFSNK: ", "E UAFSRC: ") +
@@ -211,13 +207,13 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
     for (int pass = 0; pass <= lastPass; ++pass) {
         SCOPED_TRACE(pass);
         switchOn();
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
         const int64_t period = waitForEarlyInPeriod();
         const Moment before = mark();
         deliver(false);
         command("xrun", "at=" + std::to_string(period + pass * kPeriod + 4 * kUsbFrame));
         ASSERT_TRUE(waitForChannel(direction().channel, false, before.messages));
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
         const bool restarts = pass < lastPass;
         expectLog(before, stopRequest(1) +
                               (restarts ? recovery(direction()) : xrunMet(direction()) + ready()) +
@@ -234,7 +230,7 @@ TEST_P(Xrun, WhileTheChannelIsStopping) {
 TEST_P(Xrun, WhoseFirstRestartFails) {
     RampCheck sound(this, direction());
     switchOn();
-    board::sleepFor(300 * kMs);
+    sleepFor(300 * kMs);
     const Moment before = mark();
     arm("start 5");
     command("xrun");
@@ -242,7 +238,7 @@ TEST_P(Xrun, WhoseFirstRestartFails) {
         expectStopped(before, recovery(direction()) + failure(direction(), kRestartFailed, 1));
         expectStartable();
     } else {
-        board::sleepFor(kHealing + kLook);
+        sleepFor(kHealing + kLook);
         sound.collect();
         expectLog(before, recovery(direction()));
         expectHealthy(&sound, before.at + kHealing);
@@ -275,7 +271,7 @@ class FailedRecovery : public StreamCase {
     // The faults strike the running stream: the channel stops, with these lines in its log.
     void expectStop(const char* name, const std::vector<std::string>& faults, const Lines& log) {
         SCOPED_TRACE(name);
-        board::sleepFor(100 * kMs);
+        sleepFor(100 * kMs);
         const Moment before = mark();
         for (const std::string& fault : faults) {
             fault == "xrun" ? command(fault) : arm(fault);

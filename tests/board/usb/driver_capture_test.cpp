@@ -19,14 +19,7 @@
 namespace uafd {
 namespace {
 
-using board::kHostPcm;
-using board::kMs;
-using board::PcmPlayer;
-using board::PcmRecorder;
-using board::ramp;
-using board::sleepFor;
-using board::UsbPacket;
-using board::UsbTransfer;
+using namespace board;
 
 constexpr uint8_t kSpeakerOut = 0x01;
 constexpr uint8_t kMicIn = 0x82;
@@ -43,11 +36,11 @@ std::string format(const char* text, unsigned value) {
     return line;
 }
 
-// 16 to a line.
+// 32 to a line.
 std::string hex(const std::string& bytes) {
     std::string text;
     for (size_t i = 0; i < bytes.size(); ++i) {
-        text += i % 16 == 0 ? (i == 0 ? "   " : "\n   ") : "";
+        text += i % 32 == 0 ? (i == 0 ? "   " : "\n   ") : "";
         text += format(" %02x", static_cast<uint8_t>(bytes[i]));
     }
     return text + (bytes.empty() ? "" : "\n");
@@ -127,7 +120,7 @@ std::string kept(const std::string& capture) {
 class Capture : public DriverCase {
   protected:
     static void expectSame(const std::string& name, const std::string& now) {
-        board::put("/out/" + name + ".txt", now);
+        put("/out/" + name + ".txt", now);
         EXPECT_EQ(now, kept(kCaptures.at(name)))
             << "what there is now is in the results: " << name << ".txt";
     }
@@ -142,7 +135,7 @@ class Capture : public DriverCase {
         return monitor.take();
     }
 
-    board::UsbMonitor monitor;
+    UsbMonitor monitor;
 };
 
 TEST_F(Capture, OfAnEnumeration) {

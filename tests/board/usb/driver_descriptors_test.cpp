@@ -13,8 +13,7 @@
 namespace uafd {
 namespace {
 
-using board::UsbDevice;
-using board::UsbHost;
+using namespace board;
 
 using Bytes = std::vector<uint8_t>;
 

@@ -22,14 +22,7 @@
 namespace uafd {
 namespace {
 
-using board::contents;
-using board::exists;
-using board::kHostPcm;
-using board::noise;
-using board::PcmPlayer;
-using board::PcmRecorder;
-using board::UsbHost;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 
 constexpr char kGadget[] = "/sys/kernel/config/usb_gadget/board";
@@ -37,7 +30,7 @@ constexpr int kCycles = 20;
 
 // 0, or the errno that refused it.
 int unload() {
-    return board::unloadModule("usb_f_vexa");
+    return unloadModule("usb_f_vexa");
 }
 
 int write(const std::string& path, const std::string& text) {
@@ -119,7 +112,7 @@ TEST_F(Lifetime, TakesNoAttributeOutOfItsRange) {
 
 TEST_F(Lifetime, RefusesToBindWithARangeUpsideDown) {
     make({{"p_volume_min", "0"}});
-    EXPECT_NE(write(std::string(kGadget) + "/UDC", board::kUdc), 0);
+    EXPECT_NE(write(std::string(kGadget) + "/UDC", kUdc), 0);
     EXPECT_EQ(contents(std::string(kGadget) + "/UDC"), "\n");
     EXPECT_TRUE(control->records().empty());
 }

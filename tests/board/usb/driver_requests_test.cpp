@@ -19,7 +19,7 @@
 namespace uafd {
 namespace {
 
-using board::UsbDevice;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -296,7 +296,7 @@ TEST_F(Requests, AreAnsweredAsByTheClassWhateverComes) {
     constexpr uint8_t kSelectors[] = {1, 2, 1, 2, 0, 3};
     constexpr uint8_t kEntities[] = {2, 5, 2, 5, 2, 5, 0, 1, 3, 4, 6, 7};
     constexpr uint8_t kLengths[] = {1, 2, 1, 2, 0, 3, 64};
-    board::Random random(1);
+    Random random(1);
     Model model;
     int answered = 0;
     const auto pick = [&random](const auto& values) {

@@ -18,18 +18,7 @@
 namespace uafd {
 namespace {
 
-using board::contents;
-using board::kHostPcm;
-using board::kMs;
-using board::noise;
-using board::now;
-using board::Ns;
-using board::PcmPlayer;
-using board::PcmRecorder;
-using board::sleepFor;
-using board::UsbDevice;
-using board::UsbHost;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -45,7 +34,7 @@ class Sound : public DriverCase {
     void expectSound(bool fullSpeed, int64_t ppb) {
         enumerate({}, fullSpeed);
         wire.setPpb(ppb);
-        board::UsbMonitor monitor;
+        UsbMonitor monitor;
         PcmRecorder app(kDriverPcm);
         PcmRecorder hostMic(kHostPcm);
         PcmPlayer appMic(kDriverPcm, noise);
@@ -54,25 +43,25 @@ class Sound : public DriverCase {
         ASSERT_TRUE(waitFor(
             [&] { return app.frames() > kHeardFrames && hostMic.frames() > kHeardFrames; }));
         EXPECT_LT(now() - begin, 700 * kMs);
-        for (board::PcmStream* stream :
-             std::initializer_list<board::PcmStream*>{&app, &hostMic, &appMic, &hostSpeaker}) {
+        for (PcmStream* stream :
+             std::initializer_list<PcmStream*>{&app, &hostMic, &appMic, &hostSpeaker}) {
             stream->stop();
         }
-        EXPECT_THAT(board::findGaps(app.recording(), noise), IsEmpty());
-        EXPECT_THAT(board::findGaps(hostMic.recording(), noise), IsEmpty());
-        EXPECT_LT(board::firstSound(app.recording()), kHeardFrames / 2U);
-        EXPECT_LT(board::firstSound(hostMic.recording()), kHeardFrames / 2U);
+        EXPECT_THAT(findGaps(app.recording(), noise), IsEmpty());
+        EXPECT_THAT(findGaps(hostMic.recording(), noise), IsEmpty());
+        EXPECT_LT(firstSound(app.recording()), kHeardFrames / 2U);
+        EXPECT_LT(firstSound(hostMic.recording()), kHeardFrames / 2U);
         expectFeedback(&monitor, fullSpeed);
     }
 
   private:
     // 48 frames a packet, as 10.14 or 16.16 bits. A host disregards what makes no sense to it.
-    static void expectFeedback(board::UsbMonitor* monitor, bool fullSpeed) {
+    static void expectFeedback(UsbMonitor* monitor, bool fullSpeed) {
         const std::string wanted =
             fullSpeed ? std::string("\x00\x00\x0c", 3) : std::string("\x00\x00\x30\x00", 4);
         int answers = 0;
-        for (const board::UsbTransfer& transfer : monitor->take()) {
-            for (const board::UsbPacket& packet : transfer.packets) {
+        for (const UsbTransfer& transfer : monitor->take()) {
+            for (const UsbPacket& packet : transfer.packets) {
                 if (transfer.endpoint == kFeedbackIn && !packet.data.empty()) {
                     EXPECT_EQ(packet.data, wanted);
                     ++answers;
@@ -118,13 +107,13 @@ class Pcm {
     Pcm& operator=(const Pcm&) = delete;
 
     // To the last frame.
-    void play(const board::Samples& samples) {
+    void play(const Samples& samples) {
         EXPECT_EQ(snd_pcm_writei(pcm, samples.data(), samples.size()),
                   static_cast<snd_pcm_sframes_t>(samples.size()));
         EXPECT_EQ(snd_pcm_drain(pcm), 0);
     }
-    board::Samples record(size_t frames) {
-        board::Samples samples(frames);
+    Samples record(size_t frames) {
+        Samples samples(frames);
         EXPECT_EQ(snd_pcm_readi(pcm, samples.data(), frames),
                   static_cast<snd_pcm_sframes_t>(frames));
         return samples;
@@ -144,21 +133,20 @@ TEST_F(Sound, IsExactInEveryRingAndToTheLastFrame) {
         {240, 720}, {240, 2400}, {250, 1000}};
     int64_t from = 0;
     for (const auto& [period, ring] : rings) {
-        Pcm(SND_PCM_STREAM_PLAYBACK, period, ring).play(board::render(noise, from, 4800));
+        Pcm(SND_PCM_STREAM_PLAYBACK, period, ring).play(render(noise, from, 4800));
         from += 4800;
         const int64_t end = hostMic.frames() + 960;  // a while of silence
         ASSERT_TRUE(waitFor([&] { return hostMic.frames() > end; }));
     }
     hostMic.stop();
     for (int64_t part = 0; part < from; part += 4800) {
-        EXPECT_GE(board::findWhole(board::render(noise, part, 4800), hostMic.recording()), 0)
-            << part;
+        EXPECT_GE(findWhole(render(noise, part, 4800), hostMic.recording()), 0) << part;
     }
     PcmPlayer hostSpeaker(kHostPcm, noise);
     sleepFor(50 * kMs);
     for (const auto& [period, ring] : rings) {
-        const board::Samples heard = Pcm(SND_PCM_STREAM_CAPTURE, period, ring).record(5000);
-        EXPECT_GE(board::findWhole(heard, board::render(noise, 0, 96000)), 0) << period;
+        const Samples heard = Pcm(SND_PCM_STREAM_CAPTURE, period, ring).record(5000);
+        EXPECT_GE(findWhole(heard, render(noise, 0, 96000)), 0) << period;
     }
 }
 
@@ -174,7 +162,7 @@ TEST_F(Sound, IsSilenceWhenNothingPlays) {
     PcmRecorder hostMic(kHostPcm);
     ASSERT_TRUE(waitFor([&] { return hostMic.frames() > 4800; }));
     hostMic.stop();
-    EXPECT_EQ(board::firstSound(hostMic.recording()), hostMic.recording().size());
+    EXPECT_EQ(firstSound(hostMic.recording()), hostMic.recording().size());
 }
 
 class Records : public DriverCase {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,15 +19,7 @@
 namespace uafd {
 namespace {
 
-using board::IsoPacket;
-using board::kSecond;
-using board::noise;
-using board::PcmPlayer;
-using board::PcmRecorder;
-using board::sleepFor;
-using board::UsbDevice;
-using board::UsbHost;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -50,7 +43,7 @@ class Transfers : public UsbCase {
     void start(bool fullSpeed = false, const std::string& pattern = "0",
                const std::string& answer = "4096") {
         wire.setFullSpeed(fullSpeed);
-        gadget = std::make_unique<board::KernelGadget>(
+        gadget = std::make_unique<KernelGadget>(
             "SourceSink",
             std::map<std::string, std::string>{
                 {"pattern", pattern}, {"isoc_maxpacket", "64"}, {"bulk_buflen", answer}});
@@ -63,7 +56,7 @@ class Transfers : public UsbCase {
     void runKernelTests(bool fullSpeed) {
         run("modprobe usbtest alt=1 pattern=1");
         start(fullSpeed, "1");
-        ASSERT_TRUE(waitFor([] { return board::exists("/sys/bus/usb/drivers/usbtest/1-1:1.0"); }));
+        ASSERT_TRUE(waitFor([] { return exists("/sys/bus/usb/drivers/usbtest/1-1:1.0"); }));
         UsbDevice device;
         const unsigned packet = fullSpeed ? 64 : 512;
         // Bulk; scatter lists; chapter 9; queued control; unlinking; halts; control writes;
@@ -229,8 +222,8 @@ TEST_P(FaultySound, MissesWhatItsPacketCarried) {
     enumerate();
     const std::string end = row.toHost ? mic : speaker;
     const int64_t packetsBefore = wire.counterOrZero(end + ".packets");
-    PcmRecorder recorder(row.toHost ? board::kHostPcm : gadgetPcm);
-    PcmPlayer player(row.toHost ? gadgetPcm : board::kHostPcm, noise);
+    PcmRecorder recorder(row.toHost ? kHostPcm : gadgetPcm);
+    PcmPlayer player(row.toHost ? gadgetPcm : kHostPcm, noise);
     ASSERT_TRUE(waitFor([&] { return recorder.frames() > 4800; }));
     const int64_t first = wire.uframeIn(10);
     const int64_t second = first + 100 * kInterval;
@@ -242,14 +235,14 @@ TEST_P(FaultySound, MissesWhatItsPacketCarried) {
     player.stop();
     EXPECT_THAT(wire.uframesOf("fault " + end + " " + row.fault, first),
                 ElementsAre(first, second));
-    const std::vector<board::Gap> gaps = board::findGaps(recorder.recording(), noise);
+    const std::vector<Gap> gaps = findGaps(recorder.recording(), noise);
     if (row.missing == 0) {
         EXPECT_THAT(gaps, IsEmpty());
         return;
     }
     ASSERT_EQ(gaps.size(), 2U);
     EXPECT_EQ(gaps[0].missing, row.missing);
-    EXPECT_EQ(gaps[1], (board::Gap{gaps[0].at + 99 * kPacketFrames, row.missing}));
+    EXPECT_EQ(gaps[1], (Gap{gaps[0].at + 99 * kPacketFrames, row.missing}));
     if (!row.toHost) {
         // The gadget's card moves with the packets, from the first on.
         const int64_t packets = counters.at(end + ".packets") - packetsBefore -
@@ -280,28 +273,12 @@ TEST_F(UsbCase, TriesInterruptPacketsThreeTimes) {
 }
 
 TEST_F(UsbCase, RefusesWhatItDoesNotUnderstand) {
-    for (const char* text : {"",
-                             "   ",
-                             "plugg",
-                             "plug now",
-                             "speed",
-                             "speed super",
-                             "ppb",
-                             "ppb x",
-                             "ppb 100000001",
-                             "poll ep1in",
-                             "poll ep1in 2",
-                             "poll ep8in 1",
-                             "poll ep0in 1",
-                             "fault ep1in",
-                             "fault ep1in dead",
-                             "fault all lost",
-                             "fault ep1in lost times=x",
-                             "plug times=2",
-                             "plug at=",
-                             "plug at=-1",
-                             "clear at=5",
-                             "plug a b c d e f g"}) {
+    std::istringstream refused(
+        "|   |plugg|plug now|speed|speed super|ppb|ppb x|ppb 100000001|poll ep1in|"
+        "poll ep1in 2|poll ep8in 1|poll ep0in 1|fault ep1in|fault ep1in dead|"
+        "fault all lost|fault ep1in lost times=x|plug times=2|plug at=|plug at=-1|"
+        "clear at=5|plug a b c d e f g|");
+    for (std::string text; std::getline(refused, text, '|');) {
         const int error = wire.tryCommand(text);
         EXPECT_TRUE(error == EINVAL || error == E2BIG) << text << ": " << error;
     }

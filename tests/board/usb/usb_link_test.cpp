@@ -18,15 +18,7 @@
 namespace uafd {
 namespace {
 
-using board::KernelGadget;
-using board::kMs;
-using board::kUframesPerMs;
-using board::noise;
-using board::put;
-using board::sleepFor;
-using board::UsbDevice;
-using board::UsbHost;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -51,8 +43,8 @@ class Link : public UsbCase {
         expectNoGaps();
     }
     void expectNoGaps() {
-        EXPECT_THAT(board::findGaps(streams->app.recording(), noise), IsEmpty());
-        EXPECT_THAT(board::findGaps(streams->hostMic.recording(), noise), IsEmpty());
+        EXPECT_THAT(findGaps(streams->app.recording(), noise), IsEmpty());
+        EXPECT_THAT(findGaps(streams->hostMic.recording(), noise), IsEmpty());
     }
     bool waitForState(const std::string& state) {
         return waitFor([&] { return KernelGadget::state() == state; });
@@ -228,11 +220,11 @@ TEST_F(Link, GoesAndComesWithTheGadgetsConnection) {
     enumerate();
     for (int i = 0; i < 2; ++i) {
         stream();
-        put(std::string("/sys/class/udc/") + board::kUdc + "/soft_connect", "disconnect");
+        put(std::string("/sys/class/udc/") + kUdc + "/soft_connect", "disconnect");
         ASSERT_TRUE(UsbHost::waitForCard(false));
         EXPECT_TRUE(waitFor([&] { return streams->hostSpeaker.isOver(); }));
         streams->stop();
-        put(std::string("/sys/class/udc/") + board::kUdc + "/soft_connect", "connect");
+        put(std::string("/sys/class/udc/") + kUdc + "/soft_connect", "connect");
         ASSERT_TRUE(UsbHost::waitForCard());
     }
     expectSoundAfresh();
@@ -263,7 +255,7 @@ TEST_F(Link, BreaksAtAnyPointOfAnEnumeration) {
     // The host may still be making a card for the last device, which goes only afterwards.
     ASSERT_TRUE(waitFor([] { return UsbHost::attribute("devnum").empty(); }));
     wire.plug();
-    ASSERT_TRUE(UsbHost::waitForCard(true, 5 * board::kSecond));
+    ASSERT_TRUE(UsbHost::waitForCard(true, 5 * kSecond));
     stream();
     expectSoundAfresh();
 }

@@ -17,8 +17,7 @@
 namespace uafd {
 namespace {
 
-using board::KernelGadget;
-using board::waitFor;
+using namespace board;
 
 constexpr int kCycles = 40;               // of loading and unloading
 constexpr int kUses = 2000;               // of an endpoint
@@ -29,9 +28,9 @@ constexpr int64_t kKeptBytes = 32 << 10;  // of either kind, in all of them; 12 
 // for a grace period and then, by the kernel's choice, up to five seconds more; and a slab counts
 // as long as one object in it is in use, which for the larger sizes is 32 kB each.
 void sweep() {
-    board::sleepFor(6 * board::kSecond);
+    sleepFor(6 * kSecond);
     for (const auto& cache : std::filesystem::directory_iterator("/sys/kernel/slab")) {
-        board::put(cache.path().string() + "/shrink", "1");
+        put(cache.path().string() + "/shrink", "1");
     }
 }
 
@@ -44,7 +43,7 @@ struct KernelMemory {
 KernelMemory kernelMemory() {
     sweep();
     KernelMemory memory{};
-    std::istringstream lines(board::contents("/proc/meminfo"));
+    std::istringstream lines(contents("/proc/meminfo"));
     std::string key;
     for (int64_t kilobytes = 0; lines >> key; lines.ignore(80, '\n')) {
         lines >> kilobytes;
@@ -83,17 +82,17 @@ TEST(Memory, IsKeptByNoModuleThatWent) {
 TEST(Memory, IsKeptByNoEndpointThatWent) {
     KernelGadget gadget("SourceSink");
     gadget.bind();
-    ASSERT_TRUE(waitFor([] { return board::UsbHost::attribute("bConfigurationValue") == "1"; }));
-    board::UsbDevice device;
+    ASSERT_TRUE(waitFor([] { return UsbHost::attribute("bConfigurationValue") == "1"; }));
+    UsbDevice device;
     std::string data(512, '\0');
     // Without a configuration the gadget's own buffers are gone.
     const auto use = [&](int times) {
-        board::UsbHost::configure(1);
+        UsbHost::configure(1);
         for (int i = 0; i < times; ++i) {
             device.claim(0);
             ASSERT_EQ(device.bulk(0x81, &data), 512);
         }
-        board::UsbHost::configure(0);
+        UsbHost::configure(0);
     };
     use(kWarmUps);
     const KernelMemory before = baseline();

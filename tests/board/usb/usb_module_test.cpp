@@ -15,10 +15,7 @@
 namespace uafd {
 namespace {
 
-using board::KernelGadget;
-using board::UsbHost;
-using board::waitFor;
-using board::Wire;
+using namespace board;
 
 class Module : public testing::Test {
   protected:
@@ -50,7 +47,7 @@ TEST_F(Module, GoesWithACommandPlanned) {
         wire.unplug(wire.uframeIn(100));
     }
     reloadWire();
-    board::sleepFor(150 * board::kMs);
+    sleepFor(150 * kMs);
     expectSound();
 }
 
@@ -78,9 +75,9 @@ TEST_F(Module, GoesFromAnUnpluggedGadget) {
 
 TEST_F(Module, GoesInMidEnumeration) {
     gadget = std::make_unique<KernelGadget>("uac2");
-    for (const board::Ns delay : {1, 120, 200, 300, 390}) {
+    for (const Ns delay : {1, 120, 200, 300, 390}) {
         gadget->bind();
-        board::sleepFor(delay * board::kMs);
+        sleepFor(delay * kMs);
         reloadWire();
         gadget->unbind();
     }
@@ -92,7 +89,7 @@ TEST_F(Module, GoesWhileTheHostWaitsForItsFirstTransfer) {
     for (const char* command : {"suspend", "poll all 0"}) {
         Wire().command(command);
         gadget->bind();
-        board::sleepFor(500 * board::kMs);
+        sleepFor(500 * kMs);
         reloadWire();
         gadget->unbind();
     }
@@ -113,7 +110,7 @@ TEST_P(StreamingModule, Goes) {
     ASSERT_TRUE(streams.flow());
     Wire().command(GetParam());
     // A suspend is noticed after 3 ms.
-    board::sleepFor(5 * board::kMs);
+    sleepFor(5 * kMs);
     reloadWire();
     ASSERT_TRUE(waitFor([&] { return streams.hostMic.isOver() && streams.hostSpeaker.isOver(); }));
     ASSERT_TRUE(waitFor([&] { return streams.app.isOver() && streams.appMic.isOver(); }));

@@ -16,20 +16,12 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::kUframesPerMs;
-using board::noise;
-using board::now;
-using board::Ns;
-using board::sleepFor;
-using board::UsbHost;
-using board::waitFor;
+using namespace board;
 
 using Counters = std::map<std::string, int64_t>;
 
-constexpr int64_t kHeardFrames = 9600;          // of each direction, at least
-constexpr Ns kLateNs = 60 * board::kMs / 1000;  // of a packet, on one processor
+constexpr int64_t kHeardFrames = 9600;   // of each direction, at least
+constexpr Ns kLateNs = 60 * kMs / 1000;  // of a packet, on one processor
 
 class Enumeration : public UsbCase {
   protected:
@@ -42,7 +34,7 @@ class Enumeration : public UsbCase {
         EXPECT_LT(now() - start, 600 * kMs);
         EXPECT_EQ(UsbHost::attribute("speed"), fullSpeed ? "12" : "480");
         EXPECT_EQ(wire.counter("high_speed"), fullSpeed ? 0 : 1);
-        EXPECT_EQ(board::KernelGadget::state(), "configured");
+        EXPECT_EQ(KernelGadget::state(), "configured");
         // A host resets a device, reads eight bytes, resets it again.
         EXPECT_EQ(wire.uframesOf("attach", since).size(), 1U);
         EXPECT_EQ(wire.uframesOf("reset", since).size(), 2U);
@@ -75,7 +67,7 @@ TEST_F(Enumeration, WaitsForTheCable) {
     makeGadget();
     gadget->bind();
     EXPECT_FALSE(UsbHost::waitForCard(true, 500 * kMs));
-    EXPECT_EQ(board::KernelGadget::state(), "not attached");
+    EXPECT_EQ(KernelGadget::state(), "not attached");
     wire.plug();
     EXPECT_TRUE(UsbHost::waitForCard());
 }
@@ -112,10 +104,10 @@ TEST_P(Stream, IsExactAtEveryOffset) {
         expectPace(first, second, speaker);
         expectPace(first, second, mic);
         streams.stop();
-        for (const board::PcmRecorder* recorder : {&streams.app, &streams.hostMic}) {
-            const board::Samples recording = recorder->recording();
-            EXPECT_GE(recording.size() - board::firstSound(recording), size_t{kHeardFrames});
-            EXPECT_THAT(board::findGaps(recording, noise), testing::IsEmpty());
+        for (const PcmRecorder* recorder : {&streams.app, &streams.hostMic}) {
+            const Samples recording = recorder->recording();
+            EXPECT_GE(recording.size() - firstSound(recording), size_t{kHeardFrames});
+            EXPECT_THAT(findGaps(recording, noise), testing::IsEmpty());
         }
     }
     EXPECT_LT(wire.counter("late_ns_max"), kLateNs);

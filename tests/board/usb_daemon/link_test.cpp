@@ -21,77 +21,17 @@
 namespace uafd {
 namespace {
 
-using board::Direction;
-using board::kMicDirection;
-using board::kMs;
-using board::kSpeakerDirection;
-using board::put;
-using board::UsbHost;
-using board::WireBoard;
+using namespace board;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 
-constexpr board::Ns kHandled = 100 * kMs;  // by the daemon, a stop of both channels included
+constexpr Ns kHandled = 100 * kMs;  // by the daemon, a stop of both channels included
 constexpr char kConfiguration[] = "/sys/bus/usb/devices/1-1/bConfigurationValue";
 constexpr char kPullUp[] = "/sys/class/udc/ff300000.usb/soft_connect";
 constexpr Direction kDirections[] = {kSpeakerDirection, kMicDirection};
 
 // ---- What happens ------------------------------------------------------------------------------
-
-void pull(WireBoard& board) {
-    board.host.unplug();
-}
-void plug(WireBoard& board) {
-    board.host.plug();
-}
-
-// The device takes a disturbance for a reset; the host's hub shuts the port.
-void disturb(WireBoard& board) {
-    board.wire.reset();
-    ASSERT_TRUE(UsbHost::waitForCard(false));
-}
-
-void reset(WireBoard& /*board*/) {
-    ASSERT_EQ(board::UsbDevice().reset(), 0);
-}
-
-void suspend(WireBoard& board) {
-    board.wire.suspend();
-}
-void resume(WireBoard& board) {
-    board.wire.resume();
-}
-
-void leaveConfiguration(WireBoard& /*board*/) {
-    put(kConfiguration, "0");
-}
-void enterConfiguration(WireBoard& /*board*/) {
-    put(kConfiguration, "1");
-}
-
-void unbind(WireBoard& board) {
-    board.gadget.unbind();
-}
-void bind(WireBoard& board) {
-    board.gadget.bind();
-}
-
-void releasePullUp(WireBoard& /*board*/) {
-    put(kPullUp, "disconnect");
-}
-void applyPullUp(WireBoard& /*board*/) {
-    put(kPullUp, "connect");
-}
-
-void unloadController(WireBoard& board) {
-    board.unloadController();
-}
-void loadController(WireBoard& board) {
-    board.loadController();
-}
-
-void nothing(WireBoard& /*board*/) {}
 
 struct LinkEvent {
     const char* name;
@@ -103,15 +43,28 @@ struct LinkEvent {
     bool enumerates;  // the host does: it tries each volume a step below, where that was 0
 };
 
+// The device takes a disturbance for a reset; the host's hub shuts the port.
+void disturb(WireBoard& board) {
+    board.wire.reset();
+    ASSERT_TRUE(UsbHost::waitForCard(false));
+}
+
 constexpr LinkEvent kLinkEvents[] = {
-    {"Unplug", pull, plug, true, true, false, true},
-    {"Disturbance", disturb, nothing, true, true, false, true},
-    {"Reset", reset, nothing, true, true, false, true},
-    {"Suspend", suspend, resume, false, false, false, false},
-    {"Configuration", leaveConfiguration, enterConfiguration, true, false, false, true},
-    {"Unbind", unbind, bind, true, true, true, true},
-    {"PullUp", releasePullUp, applyPullUp, true, true, false, true},
-    {"Controller", unloadController, loadController, true, true, true, true},
+    {"Unplug", [](WireBoard& board) { board.host.unplug(); },
+     [](WireBoard& board) { board.host.plug(); }, true, true, false, true},
+    {"Disturbance", disturb, [](WireBoard&) {}, true, true, false, true},
+    {"Reset", [](WireBoard&) { ASSERT_EQ(UsbDevice().reset(), 0); }, [](WireBoard&) {}, true, true,
+     false, true},
+    {"Suspend", [](WireBoard& board) { board.wire.suspend(); },
+     [](WireBoard& board) { board.wire.resume(); }, false, false, false, false},
+    {"Configuration", [](WireBoard&) { put(kConfiguration, "0"); },
+     [](WireBoard&) { put(kConfiguration, "1"); }, true, false, false, true},
+    {"Unbind", [](WireBoard& board) { board.gadget.unbind(); },
+     [](WireBoard& board) { board.gadget.bind(); }, true, true, true, true},
+    {"PullUp", [](WireBoard&) { put(kPullUp, "disconnect"); },
+     [](WireBoard&) { put(kPullUp, "connect"); }, true, true, false, true},
+    {"Controller", [](WireBoard& board) { board.unloadController(); },
+     [](WireBoard& board) { board.loadController(); }, true, true, true, true},
 };
 
 void PrintTo(const LinkEvent& event, std::ostream* out) {
@@ -131,7 +84,7 @@ class Link : public WireCase, public testing::WithParamInterface<std::tuple<Link
     }
     // Whatever began, both streams are off by now.
     void expectNoStream() {
-        EXPECT_TRUE(hasThreads(board::kIdleThreads));
+        EXPECT_TRUE(hasThreads(kIdleThreads));
         for (const Direction& direction : kDirections) {
             EXPECT_THAT(told(direction.channel), ElementsAreArray(ifOn(direction, {0})))
                 << direction.name;
@@ -149,11 +102,11 @@ TEST_P(Link, LeavesTheDaemonWhole) {
     switchOn(streams);
     forget();
     event.begin(*this);
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     expectNoStream();
     event.end(*this);
     ASSERT_TRUE(UsbHost::waitForCard());
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     EXPECT_THAT(told(kUsbState), ElementsAreArray(statesWanted()));
     for (const Direction& direction : kDirections) {
         SCOPED_TRACE(direction.name);
@@ -190,7 +143,7 @@ TEST_F(Daemon, RestartsAGadgetThatDoesNotHearItsHost) {
         "Cable plugged without android_usb subsystem acknowledging the plug. Restart UDC with "
         "property: uac"));
     ASSERT_TRUE(UsbHost::waitForCard());
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     EXPECT_THAT(told(kUsbState), ElementsAre(0, 1));
     expectWhole();
 }
@@ -202,7 +155,7 @@ TEST_F(Daemon, FindsWhatRunsAtItsStart) {
     forget();
     daemon.start();
     ASSERT_TRUE(waitUntilTold(kUsbState, 1));
-    ASSERT_TRUE(hasThreads(board::kStreamingThreads));
+    ASSERT_TRUE(hasThreads(kStreamingThreads));
     EXPECT_THAT(told(kUsbState), ElementsAre(1));
     for (const Direction& direction : kDirections) {
         EXPECT_THAT(told(direction.channel), ElementsAre(1));
@@ -220,20 +173,20 @@ class ReloadedDriver {
             WireBoard board(caseName() + ".before");
             board.start(false);
             if (streams.speaker) {
-                board.host.play(board::noise);
+                board.host.play(noise);
             }
             if (streams.mic) {
                 board.host.record();
             }
             EXPECT_TRUE(board.hasThreads(streams.threads()));
-            EXPECT_EQ(board::unloadModule("usb_f_vexa"), EWOULDBLOCK);
+            EXPECT_EQ(unloadModule("usb_f_vexa"), EWOULDBLOCK);
             EXPECT_TRUE(board.hasThreads(streams.threads()));
             board.daemon.stop();
-            EXPECT_EQ(board::unloadModule("usb_f_vexa"),
+            EXPECT_EQ(unloadModule("usb_f_vexa"),
                       EWOULDBLOCK);  // the gadget holds it as well
         }
-        EXPECT_EQ(board::unloadModule("usb_f_vexa"), 0);
-        EXPECT_FALSE(board::exists("/sys/class/android_usb"));
+        EXPECT_EQ(unloadModule("usb_f_vexa"), 0);
+        EXPECT_FALSE(exists("/sys/class/android_usb"));
     }
 };
 

@@ -14,16 +14,11 @@
 namespace uafd {
 namespace {
 
-using board::Direction;
-using board::HostMixer;
-using board::kMicDirection;
-using board::kMs;
-using board::kSpeakerDirection;
-using board::Message;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr board::Ns kHandled = 20 * kMs;
+constexpr Ns kHandled = 20 * kMs;
 constexpr int kVolumes[] = {-256, -2560, -12800, -25600, 0};  // from a dB below the top to mute's
 constexpr Direction kDirections[] = {kSpeakerDirection, kMicDirection};
 
@@ -41,7 +36,7 @@ class Settings : public WireCase {
             for (const int volume : kVolumes) {
                 forgetAll();
                 host.setVolume(direction, volume);
-                board::sleepFor(kHandled);
+                sleepFor(kHandled);
                 EXPECT_THAT(toldAll(), ElementsAre(Message{volumeOf(direction),
                                                            static_cast<uint16_t>(volume)}));
                 EXPECT_EQ(host.volume(direction), volume);
@@ -49,7 +44,7 @@ class Settings : public WireCase {
             for (const bool mute : {true, false}) {
                 forgetAll();
                 host.setMute(direction, mute);
-                board::sleepFor(kHandled);
+                sleepFor(kHandled);
                 EXPECT_THAT(toldAll(), ElementsAre(Message{muteOf(direction), mute ? 1U : 0U}));
             }
         }
@@ -107,7 +102,7 @@ TEST_F(Settings, OfTheMicrophoneAreNotTheApps) {
     HostMixer mixer;
     for (const uint32_t type : {volumeOf(kMicDirection), muteOf(kMicDirection)}) {
         EXPECT_EQ(app->send({type, 1}), 0);
-        board::sleepFor(kHandled);
+        sleepFor(kHandled);
         EXPECT_EQ(said("got unknown msg: type=" + std::to_string(type) + ", msg: 0x00000001"), 1);
     }
     EXPECT_THAT(mixer.takeEvents(), IsEmpty());
@@ -118,7 +113,7 @@ TEST_F(Settings, GoBothWaysWhileBothStreamsRun) {
     switchOn(kBothStreams);
     expectTheHostsSettingsToReachTheApp();
     expectTheAppsSettingsToReachTheHost();
-    EXPECT_TRUE(hasThreads(board::kStreamingThreads));
+    EXPECT_TRUE(hasThreads(kStreamingThreads));
     expectWhole();
 }
 
@@ -128,10 +123,10 @@ TEST_F(Settings, AreTheBoardsWhenAHostComes) {
     host.setVolume(kMicDirection, -5120);
     host.setMute(kMicDirection, true);
     EXPECT_EQ(app->send({muteOf(kSpeakerDirection), 1}), 0);
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     host.unplug();
     EXPECT_EQ(app->send({volumeOf(kSpeakerDirection), static_cast<uint16_t>(-3840)}), 0);
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     host.plug();
     HostMixer mixer;
     EXPECT_EQ(mixer.volume(kSpeakerDirection), -3840);
@@ -156,20 +151,20 @@ TEST_P(StreamStates, ReachTheApp) {
         switchOn(around);
         forget();
         for (int i = 0; i < 3; ++i) {
-            isSpeaker ? host.play(board::noise) : host.record();
-            const board::Ns on = board::now();
+            isSpeaker ? host.play(noise) : host.record();
+            const Ns on = now();
             ASSERT_TRUE(waitUntilTold(direction.channel, 1));
-            EXPECT_LE(board::now() - on, 20 * kMs);
-            board::sleepFor(50 * kMs);
+            EXPECT_LE(now() - on, 20 * kMs);
+            sleepFor(50 * kMs);
             isSpeaker ? host.stopPlaying() : host.stopRecording();
-            const board::Ns off = board::now();
+            const Ns off = now();
             ASSERT_TRUE(waitUntilTold(direction.channel, 0));
-            EXPECT_LE(board::now() - off, 42 * kMs);
+            EXPECT_LE(now() - off, 42 * kMs);
         }
         EXPECT_THAT(told(direction.channel), ElementsAre(1, 0, 1, 0, 1, 0));
         EXPECT_THAT(told(other.channel), IsEmpty());
         switchOff();
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
     expectWhole();
 }
@@ -186,7 +181,7 @@ class SyncUp : public Settings {
     std::vector<Message> answer() {
         forgetAll();
         EXPECT_EQ(app->send({kSyncUp, 0}), 0);
-        board::sleepFor(kHandled);
+        sleepFor(kHandled);
         return toldAll();
     }
 };
@@ -198,10 +193,10 @@ TEST_F(SyncUp, TellsWhatTheHostDoes) {
         EXPECT_THAT(answer(), ElementsAre(Message{kUsbState, 1}, Message{1, streams.speaker},
                                           Message{2, streams.mic}));
         switchOff();
-        ASSERT_TRUE(hasThreads(board::kIdleThreads));
+        ASSERT_TRUE(hasThreads(kIdleThreads));
     }
     host.unplug();
-    board::sleepFor(kHandled);
+    sleepFor(kHandled);
     EXPECT_THAT(answer(), ElementsAre(Message{kUsbState, 0}));
     host.plug();
     EXPECT_THAT(answer(), ElementsAre(Message{kUsbState, 1}, Message{1, 0}, Message{2, 0}));

@@ -14,9 +14,9 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
+using namespace board;
 
-constexpr board::Ns kTime = 500 * kMs;
+constexpr Ns kTime = 500 * kMs;
 
 constexpr int64_t kPacketBytes = 96;  // 48 frames
 

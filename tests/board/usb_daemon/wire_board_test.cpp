@@ -19,15 +19,7 @@
 namespace uafd {
 namespace {
 
-using board::HostMixer;
-using board::kMicDirection;
-using board::kMs;
-using board::kSpeakerDirection;
-using board::Message;
-using board::noise;
-using board::PcmPlayer;
-using board::PcmRecorder;
-using board::waitFor;
+using namespace board;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -44,7 +36,7 @@ class Mixer : public DriverCase {
   protected:
     void SetUp() override {
         enumerate();
-        board::sleepFor(50 * kMs);
+        sleepFor(50 * kMs);
         control->records();
         mixer.emplace();
     }
@@ -94,10 +86,10 @@ class Streams : public DriverCase {
 
 // Measures of the kit that every figure of latency stands on.
 TEST_F(Streams, AreWhereTheWireSays) {
-    board::WireAudioHost host(&wire, gadget.get());
+    WireAudioHost host(&wire, gadget.get());
     host.play(noise);
     host.record();
-    board::sleepFor(20 * kMs);
+    sleepFor(20 * kMs);
     host.stopRecording();
     // The streams before do not count.
     PcmRecorder app(kDriverPcm);
@@ -105,41 +97,41 @@ TEST_F(Streams, AreWhereTheWireSays) {
     ASSERT_TRUE(waitFor([&] { return app.frames() > 4800; }));
     host.stopPlaying();
     const int64_t sent = host.position(kSpeakerDirection).frames;
-    board::sleepFor(30 * kMs);  // until it has read what is left
+    sleepFor(30 * kMs);  // until it has read what is left
     app.stop();
-    const board::Samples heard = app.take();
+    const Samples heard = app.take();
     EXPECT_EQ(heard.back(), noise(sent - 1));
-    EXPECT_EQ(board::find(heard, heard.size() - 480, board::render(noise, 0, sent)), sent - 480);
+    EXPECT_EQ(find(heard, heard.size() - 480, render(noise, 0, sent)), sent - 480);
 
     host.record();
-    board::sleepFor(20 * kMs);
+    sleepFor(20 * kMs);
     EXPECT_FALSE(host.daemonsFirstFrame());
     PcmPlayer daemon(kDriverPcm, noise);
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
     const std::optional<int64_t> first = host.daemonsFirstFrame();
-    const board::Samples recorded = host.takeRecording();
+    const Samples recorded = host.takeRecording();
     ASSERT_TRUE(first);
     ASSERT_LT(*first + 960, static_cast<int64_t>(recorded.size()));
-    EXPECT_EQ(board::firstSound(recorded),
-              static_cast<size_t>(*first) + board::firstSound(board::render(noise, 0, 960)));
+    EXPECT_EQ(firstSound(recorded),
+              static_cast<size_t>(*first) + firstSound(render(noise, 0, 960)));
     EXPECT_EQ(recorded[static_cast<size_t>(*first) + 480], noise(480));
     host.stopRecording();
 }
 
 TEST(WireBoard, HasADaemonThatSurvivesTheCable) {
-    board::WireBoard board("wire_board");
-    board::AppOptions options;
+    WireBoard board("wire_board");
+    AppOptions options;
     options.speaks = false;
     board.start(true, options);
-    EXPECT_EQ(board::contents(kCable), "1\n");
+    EXPECT_EQ(contents(kCable), "1\n");
     const size_t mark = board.app->messages().size();
     board.host.unplug();
-    EXPECT_EQ(board::contents(kCable), "0\n");
+    EXPECT_EQ(contents(kCable), "0\n");
     EXPECT_TRUE(waitFor([&] {
         return board.app->messageValues(mark) == std::vector<Message>{{0, 0}};
     }));
     board.host.plug();
-    EXPECT_EQ(board::contents(kCable), "1\n");
+    EXPECT_EQ(contents(kCable), "1\n");
     EXPECT_TRUE(waitFor([&] {
         const std::vector<Message> told = board.app->messageValues(mark);
         return std::count(told.begin(), told.end(), Message{0, 1}) > 0;

@@ -11,21 +11,18 @@
 
 namespace uafd {
 
-using board::FrameKind;
-using board::kMs;
-using board::kRate;
-using board::noise;
+using namespace board;
 
 namespace {
 
-constexpr board::Ns kSoundTime = 150 * kMs;
-constexpr board::Ns kLastBlock = 15 * kMs;  // until the app has written what it was about to
+constexpr Ns kSoundTime = 150 * kMs;
+constexpr Ns kLastBlock = 15 * kMs;  // until the app has written what it was about to
 // Until the host takes from the daemon what the app says. What the app says earlier waits in the
 // buffer, which may then have too little or too much for a moment.
-constexpr board::Ns kMicFlows = 40 * kMs;
+constexpr Ns kMicFlows = 40 * kMs;
 // When the app begins to speak, the frame buffer may drop a block, depending on the phase between
 // the app's blocks and the daemon's frames. It may also run dry once, then or later.
-constexpr board::Ns kMicSettles = 100 * kMs;
+constexpr Ns kMicSettles = 100 * kMs;
 // What the app misses of a stream: it is on for 10 ms before the daemon is told, and the daemon
 // holds back until the phase is right.
 constexpr int64_t kMissedMax = kRate / 20;
@@ -46,7 +43,7 @@ void WireCase::forget() {
 
 std::vector<uint32_t> WireCase::told(uint32_t type) const {
     std::vector<uint32_t> data;
-    for (const board::Message& message : app->messageValues(messageMark)) {
+    for (const Message& message : app->messageValues(messageMark)) {
         if (message.type == type) {
             data.push_back(message.data);
         }
@@ -55,7 +52,7 @@ std::vector<uint32_t> WireCase::told(uint32_t type) const {
 }
 
 bool WireCase::waitUntilTold(uint32_t type, uint32_t data) {
-    return board::waitFor([&] {
+    return waitFor([&] {
         const std::vector<uint32_t> all = told(type);
         return !all.empty() && all.back() == data;
     });
@@ -69,7 +66,7 @@ void WireCase::switchOn(const Streams& streams) {
         host.record();
     }
     ASSERT_TRUE(hasThreads(streams.threads()));
-    board::sleepFor(100 * kMs);
+    sleepFor(100 * kMs);
 }
 
 void WireCase::switchOff() {
@@ -80,53 +77,53 @@ void WireCase::switchOff() {
 // The next recording begins with what the app says next: the daemon reads nothing between streams.
 void WireCase::emptyTheMicsFifo() {
     app->pauseSpeaking(true);
-    board::sleepFor(kLastBlock);
-    const board::Fd fifo = board::Fd::open(board::kFifoTx, O_RDONLY | O_NONBLOCK);
+    sleepFor(kLastBlock);
+    const Fd fifo = Fd::open(kFifoTx, O_RDONLY | O_NONBLOCK);
     char bytes[4096];
     while (read(fifo.get(), bytes, sizeof bytes) > 0) {
     }
 }
 
 void WireCase::expectHeard() {
-    const board::Heard heard = app->takeHeard();
-    const size_t from = board::firstSound(heard.left);
-    const int64_t first = board::find(heard.left, from, board::render(noise, 0, kMissedMax));
+    const Heard heard = app->takeHeard();
+    const size_t from = firstSound(heard.left);
+    const int64_t first = find(heard.left, from, render(noise, 0, kMissedMax));
     ASSERT_GE(first, 0) << "the app does not hear the beginning of what the host plays";
     const auto count = static_cast<int64_t>(heard.left.size() - from);
     EXPECT_GT(count, kRate / 10);
-    EXPECT_EQ(board::Samples(heard.left.begin() + static_cast<std::ptrdiff_t>(from),
-                             heard.left.end()) == board::render(noise, first, count),
+    EXPECT_EQ(Samples(heard.left.begin() + static_cast<std::ptrdiff_t>(from), heard.left.end()) ==
+                  render(noise, first, count),
               true)
         << "the app does not hear what the host plays";
     EXPECT_EQ(heard.unequalFrames, 0);
 }
 
-void WireCase::expectSound(board::Ns time) {
+void WireCase::expectSound(Ns time) {
     emptyTheMicsFifo();
     app->takeHeard();
     host.play(noise);
-    board::MicStream mic(this, noise);
-    board::sleepFor(kMicFlows);
+    MicStream mic(this, noise);
+    sleepFor(kMicFlows);
     app->pauseSpeaking(false);
-    board::sleepFor(kMicSettles);
+    sleepFor(kMicSettles);
     mic.observe();
     const int64_t unexplained = mic.explained().count(FrameKind::kUnexplained);
     EXPECT_LE(unexplained, 1);
-    board::sleepFor(time);
-    EXPECT_TRUE(hasThreads(board::kStreamingThreads));
+    sleepFor(time);
+    EXPECT_TRUE(hasThreads(kStreamingThreads));
     mic.observe();
     expectHeard();
     EXPECT_EQ(mic.explained().count(FrameKind::kUnexplained), unexplained);
     EXPECT_LE(mic.explained().count(FrameKind::kStarved), 1);
     EXPECT_GT(mic.explained().count(FrameKind::kCopied), 10);
     switchOff();
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
 }
 
 void WireCase::expectNoUnknownLine() {
-    const std::vector<board::LogLine>& lines = daemon.log();
+    const std::vector<LogLine>& lines = daemon.log();
     for (; linesSeen < lines.size(); ++linesSeen) {
-        EXPECT_TRUE(board::isKnown(lines[linesSeen])) << lines[linesSeen].brief();
+        EXPECT_TRUE(isKnown(lines[linesSeen])) << lines[linesSeen].brief();
     }
 }
 
@@ -134,7 +131,7 @@ void WireCase::expectWhole() {
     switchOff();
     ASSERT_TRUE(daemon.isRunning());
     EXPECT_TRUE(settle());
-    EXPECT_TRUE(hasThreads(board::kIdleThreads));
+    EXPECT_TRUE(hasThreads(kIdleThreads));
     expectSound(kSoundTime);
     expectNoUnknownLine();
 }

@@ -11,9 +11,7 @@
 
 namespace uafd {
 
-using board::App;
-using board::AppOptions;
-using board::kMs;
+using namespace board;
 
 void restartApp(Walk& walk) {
     walk.endApp();
@@ -53,11 +51,11 @@ void slowApp(Walk& walk) {
 }
 
 void loseSocket(Walk& /*walk*/) {
-    unlink(board::kSocketRx);
+    unlink(kSocketRx);
 }
 
 void changeFifo(Walk& walk) {
-    const char* const fifo = pick(walk, {board::kFifoRx, board::kFifoTx});
+    const char* const fifo = pick(walk, {kFifoRx, kFifoTx});
     const int64_t replacement = walk.random.below(4);
     walk.note(fifo);
     unlink(fifo);
@@ -66,7 +64,7 @@ void changeFifo(Walk& walk) {
         mkfifo(fifo, 0666);
     } else if (replacement == 2) {
         walk.note("a file in its place");
-        board::put(fifo, "");
+        put(fifo, "");
     }
 }
 
@@ -86,9 +84,9 @@ void sendOddDatagram(Walk& walk) {
 }
 
 void passTime(Walk& walk) {
-    const board::Ns time = walk.random.below(8000) * kMs;
+    const Ns time = walk.random.below(8000) * kMs;
     walk.note(std::to_string(time / kMs) + " ms");
-    board::sleepFor(time);
+    sleepFor(time);
 }
 
 }  // namespace uafd

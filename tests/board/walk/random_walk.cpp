@@ -14,6 +14,8 @@
 namespace uafd {
 namespace {
 
+using namespace board;
+
 constexpr long kStepsAProof = 25;
 
 // The argument after `name`, or null.
@@ -47,7 +49,7 @@ std::unique_ptr<Walk> walkOf(int argc, char** argv) {
 // Returns the exit status: 1 when something went wrong.
 int take(long steps, Walk* walk) {
     for (long step = 1; step <= steps; ++step) {
-        printf("step %ld %lld ms ", step, static_cast<long long>(board::now() / board::kMs));
+        printf("step %ld %lld ms ", step, static_cast<long long>(now() / kMs));
         std::string wrong = walk->step();
         if (wrong.empty() && (step % kStepsAProof == 0 || step == steps)) {
             wrong = walk->prove();

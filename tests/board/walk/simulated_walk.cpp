@@ -13,10 +13,10 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
+using namespace board;
 
-constexpr board::Ns kHandled = 50 * kMs;  // until a record is handled, whatever the app does
-constexpr board::Ns kMicStopped =
+constexpr Ns kHandled = 50 * kMs;  // until a record is handled, whatever the app does
+constexpr Ns kMicStopped =
     42 * kMs;  // from its off event: four passes of up to 10 ms, and the threads
 
 // What a walk covers.
@@ -38,16 +38,16 @@ class SimulatedWalk : public Walk {
     std::string pcm();        // "capture" or "playback"
 
   private:
-    board::DaemonBoard& board() override { return simulated; }
+    DaemonBoard& board() override { return simulated; }
     void act() override;
     std::string findDelay() override;
     void restore() override;
     void switchStreams(bool on) override;
 
-    board::Board simulated{"random_walk"};
+    Board simulated{"random_walk"};
     const Scope scope;
     const std::vector<Action<SimulatedWalk>> actions;
-    board::RecordWatch recordWatch{&simulated.host};
+    RecordWatch recordWatch{&simulated.host};
 };
 
 // ---- Host --------------------------------------------------------------------------------------
@@ -120,7 +120,7 @@ void injure(SimulatedWalk& walk) {
 void injureOften(SimulatedWalk& walk) {
     for (int64_t i = 1 + walk.random.below(10); i > 0; --i) {
         injure(walk);
-        board::sleepFor(walk.random.below(10) * kMs);
+        sleepFor(walk.random.below(10) * kMs);
     }
 }
 
@@ -258,7 +258,7 @@ void SimulatedWalk::act() {
 // done.
 std::string SimulatedWalk::findDelay() {
     recordWatch.look();
-    const board::Delay& delay = scope == Scope::kApp ? recordWatch.wait() : recordWatch.absence();
+    const Delay& delay = scope == Scope::kApp ? recordWatch.wait() : recordWatch.absence();
     if (delay.time > kHandled) {
         return "a record waited for " + delay.text();
     }

@@ -13,14 +13,12 @@
 namespace uafd {
 namespace {
 
-using board::kMs;
-using board::kSecond;
-using board::Message;
+using namespace board;
 
 constexpr std::ptrdiff_t kRealtimeThreads = 3;  // two workers and the FIFO's reader
-constexpr board::Ns kPatience = 30 * kSecond;   // a suspend delays a channel by six seconds
-constexpr board::Ns kSyncPatience = 60 * kSecond;
-constexpr board::Ns kBusyWindow = kSecond;
+constexpr Ns kPatience = 30 * kSecond;          // a suspend delays a channel by six seconds
+constexpr Ns kSyncPatience = 60 * kSecond;
+constexpr Ns kBusyWindow = kSecond;
 constexpr size_t kPendingMessages = 128;  // in the daemon, in a socket, and a few more
 
 }  // namespace
@@ -35,8 +33,8 @@ void Walk::note(const std::string& what) {
     did += (did.empty() ? "" : ", ") + what;
 }
 
-void Walk::startApp(board::AppOptions options) {
-    app = std::make_unique<board::AppProcess>(options);
+void Walk::startApp(AppOptions options) {
+    app = std::make_unique<AppProcess>(options);
     watch.forget();
     seenMessages = 0;
 }
@@ -63,8 +61,8 @@ std::string Walk::step() {
     act();
     printf("%s%s\n", did.empty() ? "" : ": ", did.c_str());
     fflush(stdout);
-    const board::Ns since = board::now();
-    const board::Ns cpu = board::cpuOf(board().daemon.pid());
+    const Ns since = now();
+    const Ns cpu = cpuOf(board().daemon.pid());
     pause();
     return findOddity(since, cpu);
 }
@@ -72,21 +70,21 @@ std::string Walk::step() {
 // Most steps follow each other quickly.
 void Walk::pause() {
     const int64_t chance = random.below(100);
-    const board::Ns limit = chance < 35   ? 0
-                            : chance < 75 ? 20 * kMs
-                            : chance < 95 ? 300 * kMs
-                                          : 3 * kSecond;
+    const Ns limit = chance < 35   ? 0
+                     : chance < 75 ? 20 * kMs
+                     : chance < 95 ? 300 * kMs
+                                   : 3 * kSecond;
     if (limit > 0) {
-        board::sleepFor(random.below(limit));
+        sleepFor(random.below(limit));
     }
 }
 
-std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
+std::string Walk::findOddity(Ns since, Ns cpuBefore) {
     if (!board().daemon.isRunning()) {
         return "the daemon has ended";
     }
-    const board::Ns passed = board::now() - since;
-    const board::Ns used = board::cpuOf(board().daemon.pid()) - cpuBefore;
+    const Ns passed = now() - since;
+    const Ns used = cpuOf(board().daemon.pid()) - cpuBefore;
     if (passed >= kBusyWindow && used > passed / 2) {
         return "the daemon was busy for " + std::to_string(used / kMs) + " of " +
                std::to_string(passed / kMs) + " ms";
@@ -102,11 +100,10 @@ std::string Walk::findOddity(board::Ns since, board::Ns cpuBefore) {
 }
 
 std::string Walk::findCrowd() {
-    const auto threads = board::threadsOf(board().daemon.pid());
-    const auto realtime =
-        std::count_if(threads.begin(), threads.end(),
-                      [](const board::ThreadView& t) { return t.policy == SCHED_FIFO; });
-    return threads.size() > board::kStreamingThreads || realtime > kRealtimeThreads
+    const auto threads = threadsOf(board().daemon.pid());
+    const auto realtime = std::count_if(threads.begin(), threads.end(),
+                                        [](const ThreadView& t) { return t.policy == SCHED_FIFO; });
+    return threads.size() > kStreamingThreads || realtime > kRealtimeThreads
                ? std::to_string(threads.size()) + " threads, " + std::to_string(realtime) +
                      " of them real-time"
                : "";
@@ -118,8 +115,8 @@ std::string Walk::findUnknownLine() {
         if (!isKnown(lines[seenLines])) {
             return "the log says: " + lines[seenLines].brief();
         }
-        if (board::matches(lines[seenLines].text, "queueMsg: overwriting*") ||
-            board::matches(lines[seenLines].text, "sendMsg failed*")) {
+        if (matches(lines[seenLines].text, "queueMsg: overwriting*") ||
+            matches(lines[seenLines].text, "sendMsg failed*")) {
             messagesAroundLoss = kPendingMessages;
         }
     }
@@ -175,28 +172,28 @@ bool Walk::syncUp() {
     };
     const auto lost = [this] { return board().daemon.count("queueMsg: overwriting*"); };
     const auto lostBefore = lost();
-    board::App::send({7, 0});
-    if (board::waitFor(answered, kSyncPatience)) {
+    App::send({7, 0});
+    if (waitFor(answered, kSyncPatience)) {
         return true;
     }
     if (lost() == lostBefore) {
         return false;
     }
-    board::App::send({7, 0});
-    return board::waitFor(answered, kSyncPatience);
+    App::send({7, 0});
+    return waitFor(answered, kSyncPatience);
 }
 
 // After the next starts the daemon must be as good as new.
 std::string Walk::makeSound() {
     endApp();
     restore();
-    for (const char* fifo : {board::kFifoRx, board::kFifoTx}) {
+    for (const char* fifo : {kFifoRx, kFifoTx}) {
         struct stat status {};
         if (stat(fifo, &status) == 0 && !S_ISFIFO(status.st_mode)) {
             unlink(fifo);
         }
     }
-    board().app = std::make_unique<board::App>();
+    board().app = std::make_unique<App>();
     seenMessages = 0;
     if (!board().settle(kPatience)) {
         return "event records are not handled";
@@ -205,13 +202,13 @@ std::string Walk::makeSound() {
         return "a sync-up is not answered";
     }
     // This start cleans up what a failed one may have left.
-    board::sleepFor(kSecond);
+    sleepFor(kSecond);
     switchStreams(true);
-    if (!board().hasThreads(board::kStreamingThreads, kPatience)) {
+    if (!board().hasThreads(kStreamingThreads, kPatience)) {
         return "a stream does not start";
     }
     switchStreams(false);
-    return board().hasThreads(board::kIdleThreads, kPatience) ? "" : "a stream does not stop";
+    return board().hasThreads(kIdleThreads, kPatience) ? "" : "a stream does not stop";
 }
 
 }  // namespace uafd

@@ -16,14 +16,7 @@
 namespace uafd {
 namespace {
 
-using board::Direction;
-using board::kMicDirection;
-using board::kMs;
-using board::kSecond;
-using board::kSpeakerDirection;
-using board::Message;
-using board::put;
-using board::UsbHost;
+using namespace board;
 
 constexpr char kDetector[] = "/sys/module/usb_board/parameters/plugged";
 constexpr char kConfiguration[] = "/sys/bus/usb/devices/1-1/bConfigurationValue";
@@ -36,7 +29,7 @@ class WireWalk : public Walk {
 
     // ---- For the actions -----------------------------------------------------------------------
 
-    board::WireBoard wired{"random_walk"};
+    WireBoard wired{"random_walk"};
 
     // Does and prints what may fail in the present state.
     void attempt(const std::string& what, const std::function<void()>& deed);
@@ -49,7 +42,7 @@ class WireWalk : public Walk {
     void switchStream(const Direction& direction, bool on);
 
   private:
-    board::DaemonBoard& board() override { return wired; }
+    DaemonBoard& board() override { return wired; }
     void act() override;
     void restore() override;
     void switchStreams(bool on) override;
@@ -75,7 +68,7 @@ void interrupt(WireWalk& walk, const std::string& end, const std::function<void(
                const std::string& begin, const std::function<void()>& begins) {
     walk.attempt(end, ends);
     if (walk.random.below(4) != 0) {
-        board::sleepFor(walk.random.below(400) * kMs);
+        sleepFor(walk.random.below(400) * kMs);
         walk.attempt(begin, begins);
         if (walk.random.flip()) {
             UsbHost::waitForCard();
@@ -99,7 +92,7 @@ void switchStream(WireWalk& walk) {
 void switchBothFast(WireWalk& walk) {
     for (int64_t i = 2 + walk.random.below(4); i > 0; --i) {
         switchStream(walk);
-        board::sleepFor(walk.random.below(25) * kMs);
+        sleepFor(walk.random.below(25) * kMs);
     }
 }
 
@@ -119,8 +112,8 @@ void moveMute(WireWalk& walk) {
 
 void resetDevice(WireWalk& walk) {
     walk.attemptOnHost("reset", [] {
-        if (board::UsbDevice().reset() != 0) {
-            board::fail("reset");
+        if (UsbDevice().reset() != 0) {
+            fail("reset");
         }
     });
 }
@@ -187,7 +180,7 @@ void changeController(WireWalk& walk) {
         walk.wired.unloadController();
     }
     if (walk.random.below(4) != 0) {
-        board::sleepFor(walk.random.below(400) * kMs);
+        sleepFor(walk.random.below(400) * kMs);
         walk.note("controller loaded");
         walk.wired.loadController();
         if (walk.random.flip()) {
@@ -199,7 +192,7 @@ void changeController(WireWalk& walk) {
 // Must be refused: the gadget and the daemon use it.
 void unloadDriver(WireWalk& walk) {
     walk.note("the driver is unloaded");
-    if (board::unloadModule("usb_f_vexa") != EWOULDBLOCK) {
+    if (unloadModule("usb_f_vexa") != EWOULDBLOCK) {
         throw std::runtime_error("a driver in use is unloaded");
     }
 }
@@ -214,7 +207,7 @@ void reloadDriver(WireWalk& walk) {
         walk.wired.reloadDriver();
         if (binding < 3) {
             bind();
-            board::sleepFor(walk.random.below(400) * kMs);
+            sleepFor(walk.random.below(400) * kMs);
         }
     });
     if (binding >= 3 && binding < 6) {
@@ -278,7 +271,7 @@ void WireWalk::attemptOnHost(const std::string& what, const std::function<void()
 }
 
 bool WireWalk::hasController() {
-    return board::exists("/proc/usb_wire");
+    return exists("/proc/usb_wire");
 }
 
 Direction WireWalk::direction() {
@@ -289,8 +282,7 @@ void WireWalk::switchStream(const Direction& direction, bool on) {
     const bool isSpeaker = direction == kSpeakerDirection;
     const std::string what = direction.name + std::string(on ? " on" : " off");
     if (on) {
-        attemptOnHost(what,
-                      [&] { isSpeaker ? wired.host.play(board::noise) : wired.host.record(); });
+        attemptOnHost(what, [&] { isSpeaker ? wired.host.play(noise) : wired.host.record(); });
     } else {
         attempt(what, [&] { isSpeaker ? wired.host.stopPlaying() : wired.host.stopRecording(); });
     }
@@ -319,7 +311,7 @@ void WireWalk::restore() {
 
 void WireWalk::switchStreams(bool on) {
     if (on) {
-        wired.host.play(board::noise);
+        wired.host.play(noise);
         wired.host.record();
     } else {
         wired.host.stopPlaying();
@@ -337,14 +329,14 @@ std::string WireWalk::proveMore() {
         const int volume = before == 0 ? -2560 : 0;
         wired.host.setVolume(direction, volume);
         const std::vector<Message> wanted{{direction.channel + 2, static_cast<uint16_t>(volume)}};
-        if (!board::waitFor([&] { return wired.app->messageValues(mark) == wanted; }, kSecond)) {
+        if (!waitFor([&] { return wired.app->messageValues(mark) == wanted; }, kSecond)) {
             return std::string("the host's volume of the ") + direction.name +
                    " does not reach the app";
         }
     }
     const int volume = wired.host.volume(kSpeakerDirection) - 256;
-    board::App::send({kSpeakerDirection.channel + 2, static_cast<uint16_t>(volume)});
-    return board::waitFor([&] { return wired.host.volume(kSpeakerDirection) == volume; }, kSecond)
+    App::send({kSpeakerDirection.channel + 2, static_cast<uint16_t>(volume)});
+    return waitFor([&] { return wired.host.volume(kSpeakerDirection) == volume; }, kSecond)
                ? ""
                : "the app's volume does not reach the host";
 }
