@@ -24,7 +24,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int kStepsDefault = 3000;
+constexpr int kStepsDefault = 2000;
 constexpr int kReported = 99;  // exit status after a report
 
 int fromEnvironment(const char* name, int otherwise) {
