@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -30,6 +31,11 @@ void put(const std::string& path, const std::string& text) {
     }
 }
 
+std::string firstLineOf(const std::string& path) {
+    const std::string text = contents(path);
+    return text.substr(0, text.find('\n'));
+}
+
 bool exists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
@@ -46,6 +52,42 @@ Fd Fd::open(const std::string& path, int flags, mode_t mode) {
         fail("opening " + path);
     }
     return fd;
+}
+
+ModuleControl::ModuleControl(const std::string& device, std::string countersPath)
+    : control(Fd::open(device, O_WRONLY)), countersPath(std::move(countersPath)) {}
+
+int ModuleControl::tryCommand(const std::string& text) {
+    const ssize_t written = write(control.get(), text.data(), text.size());
+    return written < 0 ? errno : 0;
+}
+
+void ModuleControl::command(const std::string& text) {
+    const int error = tryCommand(text);
+    if (error != 0) {
+        errno = error;
+        fail("command \"" + text + "\"");
+    }
+}
+
+std::map<std::string, int64_t> ModuleControl::counters() const {
+    std::map<std::string, int64_t> values;
+    std::istringstream lines(contents(countersPath));
+    std::string key;
+    for (int64_t value = 0; lines >> key >> value;) {
+        values[key] = value;
+    }
+    return values;
+}
+
+// Reads only the counter in question, because tests ask every millisecond.
+int64_t ModuleControl::counter(const std::string& key) const {
+    const std::string lines = "\n" + contents(countersPath);
+    const size_t at = lines.find("\n" + key + " ");
+    if (at == std::string::npos) {
+        throw std::runtime_error(countersPath + " has no " + key);
+    }
+    return std::stoll(lines.substr(at + key.size() + 2));
 }
 
 }  // namespace board

@@ -3,6 +3,8 @@
 // that a test ends with it.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 
@@ -16,6 +18,7 @@ namespace board {
 // The whole file; empty when there is none (files below /proc come and go).
 std::string contents(const std::string& path);
 void put(const std::string& path, const std::string& text);
+std::string firstLineOf(const std::string& path);
 bool exists(const std::string& path);
 
 // A descriptor that closes itself.
@@ -37,6 +40,25 @@ class Fd {
 
   private:
     int descriptor = -1;
+};
+
+// A kernel module of the board: a device that takes commands, and a file of counters, "KEY VALUE"
+// in each line. One thread at a time.
+class ModuleControl {
+  public:
+    // Throws when the module is not loaded, and keeps it from being unloaded.
+    ModuleControl(const std::string& device, std::string countersPath);
+
+    // One command; the second form returns the errno that refused it, or 0.
+    void command(const std::string& text);
+    int tryCommand(const std::string& text);
+
+    std::map<std::string, int64_t> counters() const;
+    int64_t counter(const std::string& key) const;
+
+  private:
+    Fd control;
+    std::string countersPath;
 };
 
 }  // namespace board

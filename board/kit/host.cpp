@@ -2,10 +2,7 @@
 #include "board/kit/host.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
-#include <sstream>
-#include <stdexcept>
 #include <unistd.h>
 #include <utility>
 
@@ -19,22 +16,9 @@ constexpr Ns kPause = 250 * kMs;        // well below what the device's queue ho
 }  // namespace
 
 Host::Host()
-    : control(Fd::open("/dev/usb_host", O_WRONLY)),
+    : ModuleControl("/dev/usb_host", "/proc/usb_host"),
       log(Fd::open("/dev/usb_host_log", O_RDONLY | O_NONBLOCK)),
       mic(Fd::open("/dev/usb_host_mic", O_RDONLY | O_NONBLOCK)) {}
-
-int Host::tryCommand(const std::string& text) {
-    const ssize_t written = write(control.get(), text.data(), text.size());
-    return written < 0 ? errno : 0;
-}
-
-void Host::command(const std::string& text) {
-    const int error = tryCommand(text);
-    if (error != 0) {
-        errno = error;
-        fail("host command \"" + text + "\"");
-    }
-}
 
 void Host::reset() {
     for (const char* text :
@@ -49,26 +33,6 @@ void Host::reset() {
     if (counter("bound") == 0) {
         command("bind 1");
     }
-}
-
-std::map<std::string, int64_t> Host::counters() const {
-    std::map<std::string, int64_t> values;
-    std::istringstream lines(contents("/proc/usb_host"));
-    std::string key;
-    for (int64_t value = 0; lines >> key >> value;) {
-        values[key] = value;
-    }
-    return values;
-}
-
-// Reads only the counter in question, because tests ask every millisecond.
-int64_t Host::counter(const std::string& key) const {
-    const std::string lines = "\n" + contents("/proc/usb_host");
-    const size_t at = lines.find("\n" + key + " ");
-    if (at == std::string::npos) {
-        throw std::runtime_error("/proc/usb_host has no " + key);
-    }
-    return std::stoll(lines.substr(at + key.size() + 2));
 }
 
 const std::vector<HostEvent>& Host::events() {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,20 +21,14 @@ struct HostEvent {
     std::string text;
 };
 
-class Host {
+class Host : public ModuleControl {
   public:
     // Throws when the module is not loaded.
     Host();
 
-    // One command; the second form returns the errno that refused it, or 0.
-    void command(const std::string& text);
-    int tryCommand(const std::string& text);
     // Everything as after loading: bound, plugged, configured, streams off, volumes 0, clocks
     // equal, no fault armed, queues empty.
     void reset();
-
-    std::map<std::string, int64_t> counters() const;
-    int64_t counter(const std::string& key) const;
 
     // The events so far, or those from `since` on.
     const std::vector<HostEvent>& events();
@@ -55,7 +48,6 @@ class Host {
     Samples takeRecording();
 
   private:
-    Fd control;
     Fd log;
     Fd mic;
     std::string partialLine;

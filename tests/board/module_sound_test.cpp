@@ -61,6 +61,14 @@ int64_t hostTimeNs(int64_t frames, int64_t ppb) {
     return static_cast<int64_t>(usbFrames * kMs * parts / (parts + ppb));
 }
 
+class RunningCapture : public Pcm {
+  public:
+    RunningCapture() : Pcm(SND_PCM_STREAM_CAPTURE) {
+        EXPECT_EQ(setUp(kCaptureBuffer, kPeriod), "");
+        EXPECT_EQ(start(), 0);
+    }
+};
+
 class Sound : public ModuleCase {};
 
 TEST_F(Sound, GrantsTheSizesThatADaemonAsksFor) {
@@ -83,9 +91,7 @@ TEST_F(Sound, GrantsTheSizesThatADaemonAsksFor) {
 TEST_F(Sound, CapturesWhatTheHostPlaysFrameByFrame) {
     const std::vector<int16_t> played = ramp(96000);
     ASSERT_EQ(play(played), played.size());
-    Pcm capture(SND_PCM_STREAM_CAPTURE);
-    ASSERT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
-    ASSERT_EQ(capture.start(), 0);
+    RunningCapture capture;
     command("speaker on");
     std::vector<int16_t> captured;
     std::vector<int16_t> period(kPeriod);
@@ -215,9 +221,7 @@ TEST_F(Sound, MakesTheHostsProgramsWaitWithoutFollowingEveryUsbFrame) {
 }
 
 TEST_F(Sound, StandsStillWhileTheHostsStreamIsOffOrStalled) {
-    Pcm capture(SND_PCM_STREAM_CAPTURE);
-    ASSERT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
-    ASSERT_EQ(capture.start(), 0);
+    RunningCapture capture;
     EXPECT_EQ(snd_pcm_wait(capture.get(), 50), 0);
     command("speaker on");
     EXPECT_EQ(snd_pcm_wait(capture.get(), 50), 1);
@@ -264,9 +268,7 @@ TEST_F(Sound, ChangesItsClockWhileStreamsRun) {
 }
 
 TEST_F(Sound, TellsWhenEachFrameMoved) {
-    Pcm capture(SND_PCM_STREAM_CAPTURE);
-    ASSERT_EQ(capture.setUp(kCaptureBuffer, kPeriod), "");
-    ASSERT_EQ(capture.start(), 0);
+    RunningCapture capture;
     command("speaker on");
     sleepFor(3 * kMs);
     ASSERT_EQ(play(ramp(4800)), 4800U);

@@ -34,11 +34,6 @@ void makeFolder(const std::string& folder) {
     }
 }
 
-std::string firstLine(const std::string& path) {
-    const std::string text = contents(path);
-    return text.substr(0, text.find('\n'));
-}
-
 // What is given, and for an audio function of the kernel's what makes it mono.
 std::map<std::string, std::string> attributesOf(const std::string& function,
                                                 std::map<std::string, std::string> given) {
@@ -97,11 +92,11 @@ void KernelGadget::unbind() {
 }
 
 std::string KernelGadget::attribute(const std::string& name) const {
-    return firstLine(functionFolder + "/" + name);
+    return firstLineOf(functionFolder + "/" + name);
 }
 
 std::string KernelGadget::state() {
-    return firstLine(std::string("/sys/class/udc/") + kUdc + "/state");
+    return firstLineOf(std::string("/sys/class/udc/") + kUdc + "/state");
 }
 
 int unloadModule(const std::string& name) {

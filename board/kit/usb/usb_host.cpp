@@ -64,8 +64,7 @@ bool UsbHost::waitForCard(bool there, Ns limit) {
 }
 
 std::string UsbHost::attribute(const std::string& name) {
-    const std::string text = contents(kDevice + name);
-    return text.substr(0, text.find('\n'));
+    return firstLineOf(kDevice + name);
 }
 
 void UsbHost::configure(int configuration) {

@@ -1,34 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/kit/usb/wire.h"
 
-#include <cerrno>
-#include <fcntl.h>
+#include <map>
 #include <sstream>
-#include <stdexcept>
-#include <unistd.h>
 
 namespace board {
 namespace {
 
-constexpr char kCounters[] = "/proc/usb_wire";
 constexpr int64_t kSlots = 64;  // a multiple of every interval that a test uses
 
 }  // namespace
 
-Wire::Wire() : control(Fd::open("/dev/usb_wire", O_WRONLY)) {}
-
-int Wire::tryCommand(const std::string& text) {
-    const ssize_t written = write(control.get(), text.data(), text.size());
-    return written < 0 ? errno : 0;
-}
-
 void Wire::command(const std::string& text, int64_t at) {
-    const std::string whole = at == kAtOnce ? text : text + " at=" + std::to_string(at);
-    const int error = tryCommand(whole);
-    if (error != 0) {
-        errno = error;
-        fail("wire command \"" + whole + "\"");
-    }
+    ModuleControl::command(at == kAtOnce ? text : text + " at=" + std::to_string(at));
 }
 
 void Wire::restore() {
@@ -43,25 +27,6 @@ void Wire::poll(const std::string& endpoint, bool on, int64_t at) {
 
 void Wire::fault(const std::string& endpoint, const std::string& fault, int times, int64_t at) {
     command("fault " + endpoint + " " + fault + " times=" + std::to_string(times), at);
-}
-
-std::map<std::string, int64_t> Wire::counters() const {
-    std::map<std::string, int64_t> values;
-    std::istringstream lines(contents(kCounters));
-    std::string key;
-    for (int64_t value = 0; lines >> key >> value;) {
-        values[key] = value;
-    }
-    return values;
-}
-
-int64_t Wire::counter(const std::string& key) const {
-    const std::map<std::string, int64_t> values = counters();
-    const auto found = values.find(key);
-    if (found == values.end()) {
-        throw std::runtime_error(std::string(kCounters) + " has no " + key);
-    }
-    return found->second;
 }
 
 int64_t Wire::counterOrZero(const std::string& key) const {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -22,15 +21,12 @@ struct WireEvent {
     std::string text;
 };
 
-class Wire {
+class Wire : public ModuleControl {
   public:
-    // Throws when the module is not loaded. The module cannot be unloaded while this lives.
-    Wire();
+    Wire() : ModuleControl("/dev/usb_wire", "/proc/usb_wire") {}
 
-    // One command, done or planned when it returns; the second form returns the errno that refused
-    // it, or 0.
+    // Done when it returns, or planned.
     void command(const std::string& text, int64_t at = kAtOnce);
-    int tryCommand(const std::string& text);
     // Everything as after loading: plugged, high speed, no fault, nothing planned, clocks equal.
     void restore();
 
@@ -46,8 +42,6 @@ class Wire {
     void fault(const std::string& endpoint, const std::string& fault, int times = 1,
                int64_t at = kAtOnce);
 
-    std::map<std::string, int64_t> counters() const;
-    int64_t counter(const std::string& key) const;
     // 0 when the endpoint has not moved anything yet.
     int64_t counterOrZero(const std::string& key) const;
     int64_t uframe() const { return counter("uframe"); }
@@ -59,9 +53,6 @@ class Wire {
     std::vector<WireEvent> events() const;
     // The microframes of the events with this text at their beginning, from microframe `since` on.
     std::vector<int64_t> uframesOf(const std::string& beginning, int64_t since = 0) const;
-
-  private:
-    Fd control;
 };
 
 }  // namespace board
