@@ -9,9 +9,9 @@
 #include "bench/board/sections.h"
 #include "bench/board/subject.h"
 #include "bench/board/table.h"
-#include "board/kit/service.h"
 #include "board/kit/board.h"
 #include "board/kit/host.h"
+#include "board/kit/service.h"
 
 namespace bench {
 namespace {
