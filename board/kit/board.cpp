@@ -8,7 +8,6 @@ namespace board {
 namespace {
 
 constexpr char kReadsRecord[] = "uac_read";  // where the driver keeps its reader
-
 constexpr char kHostPrefix[] = "host ";
 
 bool beginsWith(const std::string& text, const char* beginning) {

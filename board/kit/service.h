@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the package installs: the daemon as a service with an app as the man page describes it, and
-// the device uafd for the programs that use ALSA.
-// Throws when a program fails. One thread.
+// the device uafd for the programs that use ALSA. Throws when a program fails. One thread.
 #pragma once
 
 #include <string>

@@ -44,6 +44,7 @@ Lines stopRequest(int state);
 Lines stop(const board::Direction& direction);
 
 }  // namespace stream_log
+
 // A stream is healthy again within a second of a fault; then it is checked for a while.
 constexpr board::Ns kHealing = board::kSecond;
 constexpr board::Ns kLook = 200 * board::kMs;

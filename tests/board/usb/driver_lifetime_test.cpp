@@ -128,8 +128,7 @@ TEST_F(Lifetime, LetsFilesOutliveTheGadgetButNotTheModule) {
     EXPECT_THAT(control->records(), ElementsAre(Record(1, 0)));
     EXPECT_FALSE(exists("/proc/asound/Gadget"));
     // The next card is there at once, while the files of the last are still open.
-    gadget->bind();
-    ASSERT_TRUE(UsbHost::waitForCard());
+    bind();
     {
         PcmRecorder next(kDriverPcm);
         PcmPlayer hostSpeaker(kHostPcm, noise);
@@ -154,8 +153,7 @@ TEST_F(Lifetime, LetsFilesOutliveTheGadgetButNotTheModule) {
 TEST_F(Lifetime, ComesAndGoesInMidStream) {
     make();
     for (int i = 0; i < kCycles; ++i) {
-        gadget->bind();
-        ASSERT_TRUE(UsbHost::waitForCard()) << i;
+        bind();
         PcmRecorder app(kDriverPcm);
         PcmPlayer appMic(kDriverPcm, noise);
         PcmRecorder hostMic(kHostPcm);

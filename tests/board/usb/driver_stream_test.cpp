@@ -193,10 +193,8 @@ TEST_F(Records, TellOfNoStreamWhileAHostEnumerates) {
     EXPECT_THAT(streamRecords(records), IsEmpty());
     // It did try them out.
     EXPECT_THAT(wire.uframesOf("ep1out enable"), testing::SizeIs(testing::Ge(1)));
-    wire.unplug();
-    ASSERT_TRUE(UsbHost::waitForCard(false));
-    wire.plug();
-    ASSERT_TRUE(UsbHost::waitForCard());
+    pull();
+    plug();
     sleepFor(50 * kMs);
     EXPECT_THAT(streamRecords(control->records()), IsEmpty());
 }
@@ -246,8 +244,7 @@ TEST_F(Records, TellOfTheStreamsEndWhenTheHostGoesAway) {
     PcmPlayer hostSpeaker(kHostPcm, noise);
     sleepFor(50 * kMs);
     control->records();
-    wire.unplug();
-    ASSERT_TRUE(UsbHost::waitForCard(false));
+    pull();
     EXPECT_THAT(control->records(), ElementsAre(Record(kSpeakerActive, 0), Record(kMicActive, 0)));
 }
 
@@ -313,16 +310,13 @@ TEST_F(Bus, IsShownAsAndroidDoes) {
         }
         return states;
     };
-    gadget->bind();
-    ASSERT_TRUE(UsbHost::waitForCard());
+    bind();
     EXPECT_THAT(states(), ElementsAre("CONNECTED", "DISCONNECTED", "CONNECTED", "CONFIGURED"));
     EXPECT_EQ(contents(kStatePath), "CONFIGURED\n");
-    wire.unplug();
-    ASSERT_TRUE(UsbHost::waitForCard(false));
+    pull();
     EXPECT_THAT(states(), ElementsAre("DISCONNECTED"));
     EXPECT_EQ(contents(kStatePath), "DISCONNECTED\n");
-    wire.plug();
-    ASSERT_TRUE(UsbHost::waitForCard());
+    plug();
     EXPECT_THAT(states(), ElementsAre("CONNECTED", "DISCONNECTED", "CONNECTED", "CONFIGURED"));
     gadget->unbind();
     sleepFor(10 * kMs);

@@ -65,7 +65,19 @@ class UsbCase : public testing::Test {
     void enumerate(const SoundFunction& function = kUac2, bool fullSpeed = false) {
         wire.setFullSpeed(fullSpeed);
         makeGadget(function);
+        bind();
+    }
+    void bind() {
         gadget->bind();
+        ASSERT_TRUE(board::UsbHost::waitForCard());
+    }
+    // Pulls the cable, or plugs it in; returns when the host has lost its card or has one.
+    void pull() {
+        wire.unplug();
+        ASSERT_TRUE(board::UsbHost::waitForCard(false));
+    }
+    void plug() {
+        wire.plug();
         ASSERT_TRUE(board::UsbHost::waitForCard());
     }
     // Not bound yet.
@@ -101,8 +113,7 @@ class DriverCase : public UsbCase {
     void enumerate(const Attributes& attributes = {}, bool fullSpeed = false) {
         wire.setFullSpeed(fullSpeed);
         make(attributes);
-        gadget->bind();
-        ASSERT_TRUE(board::UsbHost::waitForCard());
+        bind();
     }
     // From here on the device is a test's, without the host's sound driver.
     static void takeFromHost() {

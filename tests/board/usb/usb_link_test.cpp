@@ -196,8 +196,7 @@ TEST_F(Link, IsSuspendedByAHostThatDoesNotUseIt) {
     ASSERT_TRUE(waitForState("configured"));
     UsbHost::allowSuspend(true);
     ASSERT_TRUE(waitForState("suspended"));
-    wire.unplug();
-    ASSERT_TRUE(UsbHost::waitForCard(false));
+    pull();
     EXPECT_TRUE(waitForState("not attached"));
     wire.plug();
     expectSoundAfresh();
@@ -234,8 +233,7 @@ TEST_F(Link, GoesAndComesWithTheGadgetsConnection) {
 // the end.
 TEST_F(Link, BreaksAtAnyPointOfAnEnumeration) {
     makeGadget();
-    gadget->bind();
-    ASSERT_TRUE(UsbHost::waitForCard());
+    bind();
     const int64_t attached = wire.uframesOf("attach").back();
     const std::vector<int64_t> requests = wire.uframesOf("control", attached);
     std::vector<int64_t> delays = {1, 500, 1000, 1600, 2200};
@@ -243,8 +241,7 @@ TEST_F(Link, BreaksAtAnyPointOfAnEnumeration) {
         delays.push_back(requests[i] - attached);
     }
     for (const int64_t delay : delays) {
-        wire.unplug();
-        ASSERT_TRUE(UsbHost::waitForCard(false));
+        pull();
         const int64_t at = wire.uframeIn(1);
         wire.plug(at);
         wire.unplug(at + delay);
