@@ -9,7 +9,7 @@ namespace {
 
 constexpr int64_t kAround = 4800;  // how far off a section continues the one before
 constexpr int64_t kNames = 65536;  // frames that the ramp's values tell apart
-constexpr size_t kShortest = 4;    // samples of a section; what is shorter is strange
+constexpr size_t kShortest = 4;    // samples of a section
 
 // Consecutive samples that follow the ramp, in the ramp's values.
 struct Run {
@@ -49,10 +49,8 @@ Run followFrom(const Samples& samples, size_t at, int slack) {
     return run;
 }
 
-// The runs, and the number of samples that are in none of them and are not silent.
-std::vector<Run> runsOf(const Samples& samples, int slack, int64_t* strange) {
+std::vector<Run> runsOf(const Samples& samples, int slack) {
     std::vector<Run> runs;
-    *strange = 0;
     for (size_t i = 0; i < samples.size();) {
         if (samples[i] == 0 && (i + 1 == samples.size() || samples[i + 1] == 0)) {
             ++i;
@@ -63,7 +61,6 @@ std::vector<Run> runsOf(const Samples& samples, int slack, int64_t* strange) {
             runs.push_back(run);
             i += run.size;
         } else {
-            *strange += samples[i] != 0 ? 1 : 0;
             ++i;
         }
     }
@@ -170,7 +167,7 @@ const std::vector<Section>& RampCheck::sections() {
     analysed = heardSamples.size();
     foundSections.clear();
     int64_t previous = -1;
-    for (const Run& run : runsOf(heardSamples, isSpeaker() ? 0 : 1, &strangeSamples)) {
+    for (const Run& run : runsOf(heardSamples, isSpeaker() ? 0 : 1)) {
         const auto at = static_cast<int64_t>(run.at);
         const auto size = static_cast<int64_t>(run.size);
         const Ns begin = pointOf(heardPoints, at, &Point::frame).at;
@@ -180,11 +177,6 @@ const std::vector<Section>& RampCheck::sections() {
         foundSections.push_back({at, size, first, previous, begin, end});
     }
     return foundSections;
-}
-
-int64_t RampCheck::strange() {
-    sections();
-    return strangeSamples;
 }
 
 std::vector<Break> RampCheck::breaks() {

@@ -58,8 +58,6 @@ class RampCheck {
     int64_t lost();
     // The latency of what was heard in [from, to).
     Spread latency(Ns from, Ns to);
-    // Samples that are neither silence nor ramp.
-    int64_t strange();
 
   private:
     bool isSpeaker() const { return direction == kSpeakerDirection; }
@@ -78,7 +76,6 @@ class RampCheck {
     std::vector<Point> sentPoints;
     size_t analysed = 0;  // samples, by what follows
     std::vector<Section> foundSections;
-    int64_t strangeSamples = 0;
 };
 
 }  // namespace board

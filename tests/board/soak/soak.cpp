@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 
 namespace board {
 namespace {
@@ -29,7 +30,7 @@ struct Kind {
 
 // A stream's pause may be shorter or longer than the time for which a channel waits before it
 // stops.
-constexpr Kind kKinds[kDisturbanceKinds] = {
+constexpr Kind kKinds[] = {
     {"app_late", 15 * kMs, 40 * kMs},
     {"app_deaf", 15 * kMs, 40 * kMs},
     {"mic_xrun", 0, 0},
@@ -44,18 +45,20 @@ const Kind& kindOf(DisturbanceKind kind) {
     return kKinds[static_cast<size_t>(kind)];
 }
 
+// Disturbance `number` of the soak with this seed; the kinds take turns.
+Disturbance disturbanceOf(int64_t seed, int64_t number) {
+    const auto kind =
+        static_cast<DisturbanceKind>(number % static_cast<int64_t>(std::size(kKinds)));
+    const Kind& limits = kindOf(kind);
+    const auto draw = static_cast<uint16_t>(noise(number + (seed << 32)));
+    return {kind, limits.shortest + (limits.longest - limits.shortest) * draw / 65536};
+}
+
 int16_t spoken(int64_t frame) {
     return tone().at(frame);
 }
 
 }  // namespace
-
-Disturbance disturbanceOf(int64_t seed, int64_t number) {
-    const auto kind = static_cast<DisturbanceKind>(number % kDisturbanceKinds);
-    const Kind& limits = kindOf(kind);
-    const auto draw = static_cast<uint16_t>(noise(number + (seed << 32)));
-    return {kind, limits.shortest + (limits.longest - limits.shortest) * draw / 65536};
-}
 
 const char* nameOf(DisturbanceKind kind) {
     return kindOf(kind).name;

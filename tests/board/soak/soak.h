@@ -37,15 +37,12 @@ enum class DisturbanceKind {
     kMicOff,        // the host closes its microphone and opens it again
     kSpeakerOff,    // the same of its speaker
 };
-constexpr int kDisturbanceKinds = 8;
 
 struct Disturbance {
     DisturbanceKind kind;
     Ns length;  // 0 for an xrun
 };
 
-// Disturbance `number` of the soak with this seed; the kinds take turns.
-Disturbance disturbanceOf(int64_t seed, int64_t number);
 const char* nameOf(DisturbanceKind kind);
 
 // A disturbance and what followed.
