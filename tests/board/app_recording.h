@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "board/kit/files.h"
+#include "board/kit/host.h"
+#include "board/kit/mic_recording.h"
 #include "board/kit/sound.h"
 
 namespace uafd {
@@ -70,6 +72,27 @@ inline std::vector<Stretch> stretchesOf(const board::Samples& heard) {
         }
     }
     return found;
+}
+
+// What a program has played the host has recorded, since its stream went on: nothing between the
+// samples, and none missing. A program may write so unevenly, or in such a phase, that the daemon's
+// latency control goes on stretching and squeezing periods for as long as it plays.
+inline void expectAllOf(const board::Samples& played, board::Host* host) {
+    using board::FrameKind;
+    const board::Samples recorded = host->takeRecording();
+    const auto counters = host->counters();
+    const int64_t first = counters.at("mic.first_frames") - counters.at("mic.on_frames");
+    ASSERT_GT(static_cast<int64_t>(recorded.size()), first);
+    const auto end = static_cast<int64_t>(played.size());
+    board::MicRecording explained(
+        [&](int64_t i) { return i < end ? played[static_cast<size_t>(i)] : int16_t{0}; });
+    for (const board::MicFrame& frame : explained.add({recorded.begin() + first, recorded.end()})) {
+        if (frame.sentAt > 0 && frame.sentAt < end) {
+            EXPECT_TRUE(frame.kind == FrameKind::kCopied || frame.gain() != 0)
+                << "at " << frame.sentAt;
+        }
+    }
+    EXPECT_GE(explained.consumed(), end);
 }
 
 }  // namespace uafd
