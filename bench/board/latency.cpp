@@ -10,8 +10,7 @@
 
 #include "bench/board/sections.h"
 #include "bench/board/table.h"
-#include "board/kit/answer_times.h"
-#include "board/kit/host_player.h"
+#include "board/kit/host.h"
 #include "board/kit/mic_stream.h"
 #include "board/kit/perf_event.h"
 #include "board/kit/statistics.h"
