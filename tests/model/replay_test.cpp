@@ -18,8 +18,6 @@
 
 #include "tests/model/replayed_daemon.h"
 #include "tests/support/fake_alsa.h"
-#include "tests/support/fake_ipc.h"
-#include "tests/support/fake_ssrs.h"
 
 namespace uafd {
 namespace {
@@ -76,19 +74,8 @@ std::vector<Step> readTrace(const std::string& path) {
     return steps;
 }
 
-class ReplayTest : public fake_alsa::Test, public ::testing::WithParamInterface<std::string> {
+class ReplayTest : public fake_sys::Test, public ::testing::WithParamInterface<std::string> {
   protected:
-    void SetUp() override {
-        fake_alsa::Test::SetUp();
-        fake_ipc::clear();
-        fake_ssrs::reset();
-    }
-    void TearDown() override {
-        fake_ipc::clear();
-        fake_ssrs::reset();
-        fake_alsa::Test::TearDown();
-    }
-
     static void replay(ReplayedDaemon& daemon, const Step& step) {
         for (const int channel : {0, 1}) {
             ASSERT_EQ(step.views[channel], daemon.view(channel)) << "channel " << channel;

@@ -29,7 +29,6 @@ fake_log::Line usbStateLine(const std::string& state) {
 }
 
 void Fixture::SetUp() {
-    fake_sys::Test::SetUp();
     ASSERT_TRUE(service.start());
     service.take();
     fake_sys::reset();

@@ -4,7 +4,6 @@
 namespace uafd::channel_bench {
 
 void Test::SetUp() {
-    fake_alsa::Test::SetUp();
     locks.install();
     locks.watch(channel.intfMutex);
     threads.install();
@@ -15,11 +14,6 @@ void Test::SetUp() {
     };
     forget();
     channel.setDevName(kFifoPath, kPcmName);
-}
-
-void Test::TearDown() {
-    fake_ipc::clear();
-    fake_alsa::Test::TearDown();
 }
 
 void Test::start() {

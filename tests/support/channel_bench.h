@@ -76,10 +76,9 @@ class TestChannel : public UafCh {
 const fake_ipc::Message kOnMessage{TestChannel::kMsgType, 1};
 const fake_ipc::Message kOffMessage{TestChannel::kMsgType, 0};
 
-class Test : public fake_alsa::Test {
+class Test : public fake_sys::Test {
   protected:
     void SetUp() override;
-    void TearDown() override;
 
     void start();
     // Starts the channel and switches it off; it is then just before its first isRunning.

@@ -10,9 +10,6 @@
 namespace uafd {
 
 void ChannelLifecycleTest::SetUp() {
-    fake_alsa::Test::SetUp();
-    fake_ipc::clear();
-    fake_ssrs::reset();
     signal(SIGPIPE, SIG_IGN);
     makeFifos();
     fake_sys::hooks().nanosleep = [](const timespec*, timespec*) {
@@ -46,9 +43,7 @@ void ChannelLifecycleTest::TearDown() {
     sink.joinWorker();
     EXPECT_EQ(0, fake_alsa::pcmsOpen());
     signal(SIGPIPE, SIG_DFL);
-    fake_ipc::clear();
-    fake_ssrs::reset();
-    fake_alsa::Test::TearDown();
+    fake_sys::Test::TearDown();
 }
 
 void ChannelLifecycleTest::makeFifos() {

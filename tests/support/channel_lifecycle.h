@@ -55,7 +55,7 @@ class Open : public Channel {
     }
 };
 
-class ChannelLifecycleTest : public fake_alsa::Test {
+class ChannelLifecycleTest : public fake_sys::Test {
   protected:
     void SetUp() override;
     void TearDown() override;

@@ -125,13 +125,14 @@ int statusObjects() {
     return kept().statusObjects;
 }
 
-void reset() {
+// No record, script, hook, card or PCM.
+const fake_sys::Restorer kRestorer([] {
     hooks() = Hooks{};
     resetPcms();
     resetCards();
     const Guard guard(lock());
     kept() = Kept{};
-}
+});
 
 }  // namespace fake_alsa
 

@@ -119,15 +119,4 @@ struct Card {
 };
 void setCards(const std::vector<Card>& cards);
 
-// ---- Fixture -----------------------------------------------------------------------------------
-
-// Restores the state at the start: no record, script, hook, card or PCM.
-void reset();
-
-class Test : public fake_sys::Test {
-  protected:
-    void SetUp() override;
-    void TearDown() override;
-};
-
 }  // namespace fake_alsa

@@ -37,6 +37,8 @@ std::function<void(const Message&)>& onMessage() {
     return *hook;
 }
 
+const fake_sys::Restorer kRestorer(clear);
+
 }  // namespace fake_ipc
 
 void UafIpc::queueMsg(const UsbAudioMsgT& msg) {

@@ -68,6 +68,11 @@ std::function<void(const Line&)>& onLine() {
 
 }  // namespace fake_log
 
+const fake_sys::Restorer kRestorer([] {
+    fake_log::onLine() = nullptr;
+    fake_log::clear();
+});
+
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
     char text[4096];
     va_list arguments;

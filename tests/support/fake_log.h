@@ -50,8 +50,8 @@ std::vector<Line> take();
 int count(const Line& line);
 void clear();
 
-// Called for each line when set, on the thread that logs it, without a lock held; the fixtures
-// unset it. Set it before the threads that log start.
+// Called for each line when set, on the thread that logs it, without a lock held; the fixture
+// unsets it. Set it before the threads that log start.
 std::function<void(const Line&)>& onLine();
 
 }  // namespace fake_log

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/fake_ssrs.h"
 
+#include "tests/support/fake_sys.h"
+
 extern "C" {
 #define WRAPPED WRAPPED_LINKED
 #include "tests/support/wrapped_ssrs.inc"
@@ -16,6 +18,8 @@ Hooks& hooks() {
 void reset() {
     hooks() = Hooks{};
 }
+
+const fake_sys::Restorer kRestorer(reset);
 
 namespace real {
 #define WRAPPED WRAPPED_REAL_BODY

@@ -2,6 +2,7 @@
 #include "tests/support/fake_sys.h"
 
 #include <cstdarg>
+#include <vector>
 
 extern "C" {
 #define WRAPPED WRAPPED_LINKED
@@ -24,6 +25,25 @@ Hooks& hooks() {
 
 void reset() {
     hooks() = Hooks{};
+}
+
+namespace {
+
+std::vector<void (*)()>& restorers() {
+    static auto* const all = new std::vector<void (*)()>{reset};
+    return *all;
+}
+
+}  // namespace
+
+Restorer::Restorer(void (*restore)()) {
+    restorers().push_back(restore);
+}
+
+void Test::restoreAll() {
+    for (void (*const restore)() : restorers()) {
+        restore();
+    }
 }
 
 namespace real {

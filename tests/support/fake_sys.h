@@ -77,11 +77,19 @@ class Mutex {
     static inline bool unseen = false;
 };
 
-// A fixture that starts and ends without hooks and with an empty log.
+// What brings a stand-in back to its state at the start. Each stand-in has one static object.
+struct Restorer {
+    explicit Restorer(void (*restore)());
+};
+
+// A fixture that restores every stand-in before and after each test.
 class Test : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    Test() { restoreAll(); }
+    void TearDown() override { restoreAll(); }
+
+  private:
+    static void restoreAll();
 };
 
 }  // namespace fake_sys

@@ -12,8 +12,6 @@ Period Test::stereoFrom(uint64_t frame) {
 }
 
 void Test::SetUp() {
-    fake_alsa::Test::SetUp();
-    fake_ipc::clear();
     fake_new::reset();
     // Without the board's own card the start synchronisation fails at once, so every period is
     // written.
@@ -35,7 +33,7 @@ void Test::TearDown() {
     fake_alsa::hooks().before = nullptr;
     snk.reset();
     fake_new::reset();
-    fake_alsa::Test::TearDown();
+    fake_sys::Test::TearDown();
 }
 
 // The first alsa-lib call of every pass asks for the state.

@@ -28,7 +28,7 @@ constexpr size_t kPeriodSamples = 480;  // of one period in the FIFO: 240 frames
 
 using Period = std::vector<int16_t>;
 
-class Test : public fake_alsa::Test {
+class Test : public fake_sys::Test {
   protected:
     void SetUp() override;
     void TearDown() override;

@@ -9,8 +9,6 @@ namespace uafd::source_bench {
 using fake_log::kSourceLog;
 
 void Test::SetUp() {
-    fake_alsa::Test::SetUp();
-    fake_ssrs::reset();
     fake_new::reset();
     locks.install();
     locks.watchNew({"intf", "ssrs"});
@@ -36,10 +34,8 @@ void Test::SetUp() {
 
 void Test::TearDown() {
     source.reset();
-    fake_ipc::clear();
-    fake_ssrs::reset();
     fake_new::reset();
-    fake_alsa::Test::TearDown();
+    fake_sys::Test::TearDown();
 }
 
 int Test::create(const FakeThreads::Thread& thread) {

@@ -50,7 +50,7 @@ class OpenSource : public UafSrc {
     using UafSrc::stopDelayCnt;
 };
 
-class Test : public fake_alsa::Test {
+class Test : public fake_sys::Test {
   protected:
     void SetUp() override;
     void TearDown() override;

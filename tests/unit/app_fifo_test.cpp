@@ -179,7 +179,6 @@ TEST_F(AppFifoTest, OtherErrorsEndEachCallAtOnce) {
 class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterface<int> {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         makeFifo(path);
         fake_sys::hooks().nanosleep = [](const timespec*, timespec*) {
             std::this_thread::yield();

@@ -34,12 +34,9 @@ constexpr char kRunningStatus[] =
     "delay       : 480\n";
 constexpr int64_t kRunningSinceNs = 1700000000123456789;
 
-class CaptureSyncTest : public fake_alsa::Test {
+class CaptureSyncTest : public fake_sys::Test {
   protected:
-    void SetUp() override {
-        fake_alsa::Test::SetUp();
-        files.install();
-    }
+    void SetUp() override { files.install(); }
 
     FakeFiles files;
 };

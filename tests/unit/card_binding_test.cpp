@@ -27,12 +27,12 @@ using testing::IsEmpty;
 
 constexpr char kDriver[] = "Vexa_Gadget";
 
-class CardSearchTest : public fake_alsa::Test {
+class CardSearchTest : public fake_sys::Test {
   protected:
     void TearDown() override {
         EXPECT_EQ(0, fake_alsa::controlsOpen());
         EXPECT_THAT(fake_log::lines(), IsEmpty());
-        fake_alsa::Test::TearDown();
+        fake_sys::Test::TearDown();
     }
     // Buffers the output as for a file or a pipe, wherever the tests print to.
     static void SetUpTestSuite() { setvbuf(stdout, nullptr, _IOFBF, BUFSIZ); }
@@ -129,10 +129,9 @@ TEST_F(CardSearchTest, LaterFailureIsPrintedAndReturnsTheLastCardLookedAt) {
     EXPECT_EQ("snd_card_next\n", printed);
 }
 
-class UafBindTest : public fake_alsa::Test {
+class UafBindTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_alsa::Test::SetUp();
         fake_sys::hooks().strdup = [this](const char* text) {
             copied.emplace_back(text);
             return fake_sys::real::strdup(text);

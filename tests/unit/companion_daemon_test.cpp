@@ -25,10 +25,7 @@ using Message = DaemonEnds::Message;
 
 class CompanionDaemonTest : public CompanionTest {
   protected:
-    void SetUp() override {
-        CompanionTest::SetUp();
-        ASSERT_EQ(open(UAFD_EVENTS), 0);
-    }
+    void SetUp() override { ASSERT_EQ(open(UAFD_EVENTS), 0); }
     // Sends the app these states.
     void tell(const std::vector<Message>& messages) {
         for (const Message& message : messages) {

@@ -28,7 +28,6 @@ constexpr const char* kNames[] = {"FifoRx", "FifoTx", "UdsIpcRx"};
 class CompanionFilesTest : public CompanionTest {
   protected:
     void SetUp() override {
-        CompanionTest::SetUp();
         savedUmask = umask(022);
         options.directory = folder.path().c_str();
     }

@@ -16,7 +16,6 @@ using Message = DaemonEnds::Message;
 class CompanionMessagesTest : public CompanionTest {
   protected:
     void SetUp() override {
-        CompanionTest::SetUp();
         openBesideDaemon(UAFD_EVENTS);
         before = companion.counts();
     }

@@ -23,10 +23,7 @@ std::vector<int16_t> samplesFrom(int first, size_t count) {
 
 class CompanionSoundTest : public CompanionTest {
   protected:
-    void SetUp() override {
-        CompanionTest::SetUp();
-        openBoth();
-    }
+    void SetUp() override { openBoth(); }
     std::vector<int16_t> read(size_t frames) {
         std::vector<int16_t> samples(2 * frames);
         const int got = companion.read(samples.data(), frames);

@@ -19,7 +19,6 @@ namespace {
 class CompanionWaitTest : public CompanionTest {
   protected:
     void SetUp() override {
-        CompanionTest::SetUp();
         fake_sys::hooks().clock_gettime = [this](clockid_t clock, timespec* time) {
             EXPECT_EQ(CLOCK_MONOTONIC, clock);
             *time = {nowMs / 1000, nowMs % 1000 * 1000000};

@@ -45,15 +45,13 @@ Line opening(const char* tag, const std::string& name = "hw:1") {
     return {fake_log::kDebug, tag, "start, opening " + name + "\n"};
 }
 
-class EventLoopTest : public fake_alsa::Test {
+class EventLoopTest : public fake_sys::Test {
   protected:
     static constexpr int kRunning = 1;
     static constexpr int kStopping = 2;
     static constexpr int kStopped = 3;
 
     void SetUp() override {
-        fake_alsa::Test::SetUp();
-        fake_ipc::clear();
         threads.install();
         plug();
     }

@@ -18,7 +18,7 @@ using testing::IsEmpty;
 
 constexpr int64_t kNsPerMs = 1000000;
 
-class FakeAlsaTest : public fake_alsa::Test {
+class FakeAlsaTest : public fake_sys::Test {
   protected:
     // 48 kHz mono, periods of 240 frames.
     static snd_pcm_t* opened(snd_pcm_stream_t stream, snd_pcm_uframes_t bufferFrames,

@@ -30,8 +30,6 @@ using ::testing::IsEmpty;
 class FrameBufferTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
-        fake_ssrs::reset();
         fake_new::reset();
         locks.install();
         locks.watchNew({""});
@@ -42,7 +40,6 @@ class FrameBufferTest : public fake_sys::Test {
     }
     void TearDown() override {
         buffer = nullptr;
-        fake_ssrs::reset();
         fake_sys::Test::TearDown();
     }
 

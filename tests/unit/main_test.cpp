@@ -55,11 +55,9 @@ std::vector<std::string> joined(std::initializer_list<std::vector<std::string>> 
     return all;
 }
 
-class MainTest : public fake_alsa::Test {
+class MainTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_alsa::Test::SetUp();
-        fake_ipc::clear();
         events.clear();
         ipcStarts = true;
         cableStarts = true;

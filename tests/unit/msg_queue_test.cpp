@@ -32,7 +32,6 @@ using Strings = std::vector<std::string>;
 class MsgQueueTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         locks.install();
         locks.watch(queue);
         locks.answer("wait", EINVAL);  // as nobody would signal

@@ -17,12 +17,9 @@ using fake_log::Line;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class PcmParamsTest : public fake_alsa::Test {
+class PcmParamsTest : public fake_sys::Test {
   protected:
-    void SetUp() override {
-        fake_alsa::Test::SetUp();
-        open();
-    }
+    void SetUp() override { open(); }
     void open() {
         snd_pcm_open(&pcm, "hw:1", SND_PCM_STREAM_CAPTURE, 0);
         fake_alsa::clearCalls();

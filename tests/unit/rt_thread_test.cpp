@@ -33,7 +33,6 @@ void* entryPoint(void* argument) {
 class RtThreadTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         fake_sys::hooks().pthread_create = [this](pthread_t* id, const pthread_attr_t* attributes,
                                                   void* (*entry)(void*), void* given) {
             return create(id, attributes, entry, given);

@@ -39,7 +39,6 @@ Line missing(const std::string& path) {
 class StandardStreamsTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         fake_sys::hooks().fcntl = [this](int fd, int command, long) {
             EXPECT_EQ(F_GETFD, command);
             errno = EBADF;
@@ -90,7 +89,6 @@ TEST_F(StandardStreamsTest, WithoutANullDeviceTheDaemonGoesOn) {
 class WaitForFifosTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         fake_sys::hooks().open = [this](const char* path, int flags) {
             opens.push_back(std::string(path) + ' ' + std::to_string(flags));
             int& failures = path == std::string(kRx) ? rxFailures : txFailures;
@@ -182,7 +180,6 @@ TEST_F(WaitForFifosTest, DescriptorZeroIsOpen) {
 class GadgetControlTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         fake_sys::hooks().mknod = [this](const char* path, mode_t mode, dev_t device) {
             calls.push_back(std::string("mknod ") + path);
             EXPECT_EQ(static_cast<mode_t>(020770), mode);

@@ -23,7 +23,6 @@ const std::string kProperties = "/run/properties/";
 class SystemPropertiesTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         fake_sys::hooks().open = [this](const char* path, int flags) {
             opened.push_back(path);
             EXPECT_EQ(O_RDONLY | O_CLOEXEC, flags);

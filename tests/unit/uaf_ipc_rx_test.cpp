@@ -53,7 +53,6 @@ const fake_log::Line kEndLine = kIpcLog.error("receive error: <-1:9>\n");
 class UafIpcRxTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         ASSERT_TRUE(service.start());
         fake_sys::hooks().open = [this](const char* path, int flags) {
             EXPECT_STREQ("/dev/uac_user", path);

@@ -26,10 +26,7 @@ using Strings = std::vector<std::string>;
 
 class UafIpcTest : public fake_sys::Test {
   protected:
-    void SetUp() override {
-        fake_sys::Test::SetUp();
-        service.hold();
-    }
+    void SetUp() override { service.hold(); }
 
     void expectFailure(const Strings& lines, const Strings& closed) {
         EXPECT_FALSE(started);

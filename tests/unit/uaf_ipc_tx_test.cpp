@@ -37,7 +37,6 @@ const fake_log::Line kEndLine = kIpcLog.error("txLoop: conditional wait failed: 
 class UafIpcTxTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_sys::Test::SetUp();
         ASSERT_TRUE(service.start());
         service.take();
         fake_log::clear();

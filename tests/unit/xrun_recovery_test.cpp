@@ -18,10 +18,9 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 
-class XrunRecoveryTest : public fake_alsa::Test {
+class XrunRecoveryTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_alsa::Test::SetUp();
         fake_sys::hooks().sleep = [this](unsigned seconds) {
             sleeps.push_back(seconds);
             return 0;
