@@ -1,13 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
+// The fake alsa-lib without its PCMs: the record, the script, and the sound cards.
 #include "tests/support/fake_alsa.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
 
-#include "tests/support/fake_alsa_call.h"
+#include "tests/support/fake_pcm.h"
+
+struct _snd_ctl {
+    fake_alsa::Card card;
+};
+
+struct _snd_ctl_card_info {
+    char driver[32];
+};
+
+struct _snd_pcm_status {
+    char unused[64];
+};
 
 namespace {
 
@@ -22,6 +36,8 @@ struct Kept {
     std::vector<std::string> calls;
     std::map<std::string, Script> scripts;
     int statusObjects = 0;
+    std::vector<fake_alsa::Card> cards;
+    int openControls = 0;
 };
 
 Kept& kept() {
@@ -41,6 +57,22 @@ std::optional<long> nextAnswer(const std::string& function) {
     Script& script = found->second;
     const auto line = script.answers.find(++script.calls);
     return line != script.answers.end() ? line->second : script.always;
+}
+
+std::string nameOf(const fake_alsa::Card& card) {
+    return "hw:" + std::to_string(card.index);
+}
+
+int openControl(snd_ctl_t** control, const char* name) {
+    const fake_alsa::Guard guard(fake_alsa::lock());
+    const auto card = std::find_if(kept().cards.begin(), kept().cards.end(),
+                                   [name](const auto& each) { return nameOf(each) == name; });
+    if (card == kept().cards.end() || card->openResult < 0) {
+        return card == kept().cards.end() ? -ENOENT : card->openResult;
+    }
+    ++kept().openControls;
+    *control = new snd_ctl_t{*card};
+    return 0;
 }
 
 }  // namespace
@@ -120,6 +152,16 @@ Hooks& hooks() {
     return *current;
 }
 
+void setCards(const std::vector<Card>& cards) {
+    const Guard guard(lock());
+    kept().cards = cards;
+}
+
+int controlsOpen() {
+    const Guard guard(lock());
+    return kept().openControls;
+}
+
 int statusObjects() {
     const Guard guard(lock());
     return kept().statusObjects;
@@ -129,22 +171,61 @@ int statusObjects() {
 const fake_sys::Restorer kRestorer([] {
     hooks() = Hooks{};
     resetPcms();
-    resetCards();
     const Guard guard(lock());
     kept() = Kept{};
 });
 
 }  // namespace fake_alsa
 
-struct _snd_pcm_status {
-    char unused[64];
-};
+using fake_alsa::answer;
+using fake_alsa::Guard;
+using fake_alsa::lock;
 
 extern "C" {
 
+int snd_card_next(int* card) {
+    return answer("snd_card_next", std::to_string(*card), [card] {
+        const Guard guard(lock());
+        const auto next = std::find_if(kept().cards.begin(), kept().cards.end(),
+                                       [card](const auto& other) { return other.index > *card; });
+        *card = next != kept().cards.end() ? next->index : -1;
+        return 0;
+    });
+}
+
+int snd_ctl_open(snd_ctl_t** control, const char* name, int mode) {
+    return answer("snd_ctl_open", name + (", " + std::to_string(mode)),
+                  [&] { return openControl(control, name); });
+}
+
+int snd_ctl_close(snd_ctl_t* control) {
+    fake_alsa::record("snd_ctl_close", nameOf(control->card));
+    const Guard guard(lock());
+    --kept().openControls;
+    delete control;
+    return 0;
+}
+
+int snd_ctl_card_info(snd_ctl_t* control, snd_ctl_card_info_t* info) {
+    return answer("snd_ctl_card_info", nameOf(control->card) + fake_alsa::fillOf(info), [&] {
+        // Filled in even on failure, when the caller must not use it.
+        strncpy(info->driver, control->card.driver.c_str(), sizeof info->driver - 1);
+        return control->card.infoResult;
+    });
+}
+
+size_t snd_ctl_card_info_sizeof() {
+    return sizeof(snd_ctl_card_info_t);
+}
+
+const char* snd_ctl_card_info_get_driver(const snd_ctl_card_info_t* info) {
+    fake_alsa::record("snd_ctl_card_info_get_driver", info->driver);
+    return info->driver;
+}
+
 int snd_pcm_status_malloc(snd_pcm_status_t** status) {
-    return fake_alsa::answer("snd_pcm_status_malloc", "", [&] {
-        const fake_alsa::Guard guard(fake_alsa::lock());
+    return answer("snd_pcm_status_malloc", "", [&] {
+        const Guard guard(lock());
         ++kept().statusObjects;
         *status = new snd_pcm_status_t{};
         return 0;
@@ -153,7 +234,7 @@ int snd_pcm_status_malloc(snd_pcm_status_t** status) {
 
 void snd_pcm_status_free(snd_pcm_status_t* status) {
     fake_alsa::record("snd_pcm_status_free", status != nullptr ? "object" : "null");
-    const fake_alsa::Guard guard(fake_alsa::lock());
+    const Guard guard(lock());
     --kept().statusObjects;
     delete status;
 }

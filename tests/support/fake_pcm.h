@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The PCM behind a handle of the fake alsa-lib; the device and the parameters share it. Everything
-// here is used under fake_alsa::lock().
+// The inside of the fake alsa-lib: the PCM behind a handle, which is used under fake_alsa::lock(),
+// and how a call is recorded and answered.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/support/fake_alsa.h"
-#include "tests/support/fake_alsa_call.h"
 
 struct _snd_pcm_hw_params {
     snd_pcm_access_t access;
@@ -59,6 +60,37 @@ struct _snd_pcm {
 };
 
 namespace fake_alsa {
+
+// ---- What all parts of the fake alsa-lib share -----------------------------------------------
+
+// Guards record, scripts, PCMs and cards; never held while a hook runs.
+fake_sys::Mutex& lock();
+using Guard = std::lock_guard<fake_sys::Mutex>;
+
+bool isRecording();
+
+// Records the call "function(arguments)" and returns its scripted answer, if it has one.
+std::optional<long> record(const std::string& function, const std::string& arguments);
+
+// The recorded call's answer: the script's, or else what `effect` returns.
+template <typename Effect>
+int answer(const std::string& function, const std::string& arguments, Effect effect) {
+    const std::optional<long> scripted = record(function, arguments);
+    return scripted ? static_cast<int>(*scripted) : effect();
+}
+
+// Shows in the record whether the caller filled a container with zeros.
+template <typename Container>
+const char* fillOf(const Container* container) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(container);
+    const bool zeroed =
+        std::all_of(bytes, bytes + sizeof *container, [](unsigned char byte) { return byte == 0; });
+    return zeroed ? ", zeroed" : ", dirty";
+}
+
+void resetPcms();
+
+// ---- Calls with a PCM --------------------------------------------------------------------------
 
 inline std::string nameOf(const snd_pcm_t* pcm) {
     return pcm != nullptr ? "pcm" + std::to_string(pcm->index) : "null";
