@@ -6,11 +6,6 @@
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-#define UAFD_TSAN 1
-#endif
-#endif
-
-#ifdef UAFD_TSAN
 // Functions of the sanitizer's runtime.
 extern "C" {
 void AnnotateIgnoreSyncBegin(const char* file, int line);
@@ -20,6 +15,11 @@ void AnnotateIgnoreReadsEnd(const char* file, int line);
 void AnnotateIgnoreWritesBegin(const char* file, int line);
 void AnnotateIgnoreWritesEnd(const char* file, int line);
 }
+#define TSAN_IGNORE(what) AnnotateIgnore##what(__FILE__, __LINE__)
+#endif
+#endif
+#ifndef TSAN_IGNORE
+#define TSAN_IGNORE(what) static_cast<void>(0)
 #endif
 
 namespace tsan_blind {
@@ -27,36 +27,22 @@ namespace tsan_blind {
 // Hides what orders threads: locks and descriptors.
 class ToOrder {
   public:
-#ifdef UAFD_TSAN
-    ToOrder() {
-        AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
-    }
-    ~ToOrder() {
-        AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
-    }
-#else
-    ToOrder() {}
-    ~ToOrder() {}
-#endif
+    ToOrder() { TSAN_IGNORE(SyncBegin); }
+    ~ToOrder() { TSAN_IGNORE(SyncEnd); }
     ToOrder(const ToOrder&) = delete;
     ToOrder& operator=(const ToOrder&) = delete;
 };
 
 // Hide what orders threads, and memory accesses.
 inline void begin() {
-#ifdef UAFD_TSAN
-    AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
-    AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
-    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
-#endif
+    TSAN_IGNORE(SyncBegin);
+    TSAN_IGNORE(ReadsBegin);
+    TSAN_IGNORE(WritesBegin);
 }
-
 inline void end() {
-#ifdef UAFD_TSAN
-    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
-    AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
-    AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
-#endif
+    TSAN_IGNORE(WritesEnd);
+    TSAN_IGNORE(ReadsEnd);
+    TSAN_IGNORE(SyncEnd);
 }
 
 }  // namespace tsan_blind
