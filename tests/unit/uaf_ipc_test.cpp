@@ -45,8 +45,22 @@ class UafIpcTest : public fake_sys::Test {
     // Starts with the hooks as they are.
     void start() { started = ipc.start(); }
 
+    // The first thread, the receiver, is real; the second one is only counted.
+    void createReceiverAlone() {
+        fake_sys::hooks().pthread_create = [this](pthread_t* id, const pthread_attr_t*,
+                                                  void* (*entry)(void*), void* argument) {
+            if (++creations == 2)
+                return 0;
+            const int rc = fake_sys::real::pthread_create(id, nullptr, entry, argument);
+            receiver = *id;
+            return rc;
+        };
+    }
+
     IpcService service;
     UafIpc ipc;
+    pthread_t receiver{};
+    int creations = 0;
     bool started = false;
 };
 
@@ -161,18 +175,9 @@ TEST_F(UafIpcTest, DestructorClosesNothing) {
 // When the start releases the receive thread, it finds the service running.
 TEST_F(UafIpcTest, ServiceRunsBeforeItsReceiveThreadMayBegin) {
     const pthread_t starter = pthread_self();
-    pthread_t receiver{};
-    int creations = 0;
     int receives = 0;
     bool joined = false;
-    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
-                                           void* (*entry)(void*), void* argument) {
-        if (++creations == 2)
-            return 0;
-        const int rc = fake_sys::real::pthread_create(id, nullptr, entry, argument);
-        receiver = *id;
-        return rc;
-    };
+    createReceiverAlone();
     fake_sys::hooks().pthread_mutex_unlock = [&](pthread_mutex_t* mutex) {
         const int rc = fake_sys::real::pthread_mutex_unlock(mutex);
         if (pthread_equal(starter, pthread_self()) != 0 && creations == 2 && !joined) {
@@ -198,7 +203,6 @@ TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
     static std::atomic<bool> running;
     static void* (*receiveEntry)(void*);
     running = false;
-    pthread_t receiver{};
     int calls = 0;
     fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
                                            void* (*entry)(void*), void* argument) {
@@ -230,16 +234,7 @@ TEST_F(UafIpcTest, ReceiveThreadOfAFailedStartNeverTouchesTheInstance) {
 }
 
 TEST_F(UafIpcTest, ReceiveThreadOfAGoodStartRuns) {
-    pthread_t receiver{};
-    int calls = 0;
-    fake_sys::hooks().pthread_create = [&](pthread_t* id, const pthread_attr_t*,
-                                           void* (*entry)(void*), void* argument) {
-        if (++calls == 2)
-            return 0;
-        const int rc = fake_sys::real::pthread_create(id, nullptr, entry, argument);
-        receiver = *id;
-        return rc;
-    };
+    createReceiverAlone();
     fake_sys::hooks().open = fake_sys::failing(ENODEV);
     start();
     EXPECT_TRUE(started);
