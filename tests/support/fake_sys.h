@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <new>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/daemon_ends.h"
@@ -16,6 +17,18 @@
 namespace uafd {
 
 struct StreamingOptions {
+    static StreamingOptions answering(std::vector<DaemonEnds::Message> answer) {
+        StreamingOptions options;
+        options.answer = std::move(answer);
+        return options;
+    }
+    static StreamingOptions playing(int16_t left, int16_t right) {
+        StreamingOptions options;
+        options.left = left;
+        options.right = right;
+        return options;
+    }
+
     std::vector<DaemonEnds::Message> answer = {{0, 1}, {1, 1}, {2, 1}};  // to a sync-up
     int16_t left = 1000;  // of the sound that is played
     int16_t right = 1000;

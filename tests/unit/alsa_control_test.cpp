@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/alsa_config.h"
 #include "tests/support/daemon_ends.h"
+#include "tests/unit/alsa_config.h"
 
 namespace uafd {
 namespace {

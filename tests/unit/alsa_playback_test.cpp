@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "tests/support/alsa_pcm.h"
+#include "tests/unit/alsa_pcm.h"
 
 namespace uafd {
 namespace {

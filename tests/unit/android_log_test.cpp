@@ -19,7 +19,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "tests/support/thread_state.h"
+#include "tests/unit/eventually.h"
 
 namespace uafd {
 
@@ -325,9 +325,7 @@ void letAThreadWait() {
         id = gettid();
         __android_log_print(ANDROID_LOG_DEBUG, "UAFCH", "waiting");
     });
-    while (id == 0 || !isAsleep(id)) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(fallsAsleep(id));
 }
 
 TEST_F(AndroidLogTest, ALineThatWaitsComesBeforeTheNextOneOfTheWriter) {

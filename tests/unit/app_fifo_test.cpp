@@ -20,7 +20,7 @@
 #include "tests/support/fake_log.h"
 #include "tests/support/fake_sys.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/thread_state.h"
+#include "tests/unit/eventually.h"
 
 namespace uafd {
 namespace {
@@ -219,26 +219,20 @@ class AppFifoWaitTest : public fake_sys::Test, public testing::WithParamInterfac
     void startOpening() {
         startUser([this] { opened = fifo.openEnd(path.c_str(), GetParam(), kBlockBytes, kTag); });
     }
-    // After the thread has published its number, only its calls on the FIFO sleep.
-    void waitUntilAsleep() const {
-        while (userTid == 0 || !isAsleep(userTid)) {
-            std::this_thread::yield();
-        }
-    }
 
     TempDir dir;
     const std::string path = dir.path() + "/fifo";
     AppFifo fifo;
     std::function<void()> beforeOpen = [] {};
     std::thread user;
-    std::atomic<pid_t> userTid{0};
+    std::atomic<pid_t> userTid{0};  // once it is set, the thread sleeps only in calls on the FIFO
     std::atomic<int32_t> running{0};
     bool opened = false;
 };
 
 TEST_P(AppFifoWaitTest, AnOpenLastsUntilTheAppComesHoweverOftenItLooks) {
     startOpening();
-    waitUntilAsleep();
+    ASSERT_TRUE(fallsAsleep(userTid));
     for (int i = 0; i < 100; ++i) {
         fifo.lookAgain();
     }
@@ -252,7 +246,7 @@ TEST_P(AppFifoWaitTest, AnOpenLastsUntilTheAppComesHoweverOftenItLooks) {
 
 TEST_P(AppFifoWaitTest, ALookFindsTheFifoThatReplacedTheOneWaitedOn) {
     startOpening();
-    waitUntilAsleep();
+    ASSERT_TRUE(fallsAsleep(userTid));
     replaceFifo();
     fifo.lookAgain();
     const int app = openOtherEnd();
@@ -263,7 +257,7 @@ TEST_P(AppFifoWaitTest, ALookFindsTheFifoThatReplacedTheOneWaitedOn) {
 
 TEST_P(AppFifoWaitTest, ALookFindsThatTheFifoHasGone) {
     startOpening();
-    waitUntilAsleep();
+    ASSERT_TRUE(fallsAsleep(userTid));
     ASSERT_EQ(0, unlink(path.c_str()));
     fifo.lookAgain();
     user.join();
@@ -332,7 +326,7 @@ TEST_P(AppFifoWaitTest, NoLookIsAskedOfAThreadThatDoesNotOpen) {
 
 TEST_P(AppFifoWaitTest, TheStopEndsAnOpenAndNothingIsLogged) {
     startOpening();
-    waitUntilAsleep();
+    ASSERT_TRUE(fallsAsleep(userTid));
     fifo.endWaits(user.native_handle(), running);
     EXPECT_EQ(0, running);
     user.join();
@@ -381,7 +375,7 @@ TEST_P(AppFifoWaitTest, TheStopEndsAReadOrAWriteAndTheFifoStaysOpen) {
                                             : fifo.write(block.data(), block.size());
         } while (result > 0);
     });
-    waitUntilAsleep();
+    ASSERT_TRUE(fallsAsleep(userTid));
     fifo.endWaits(user.native_handle(), running);
     user.join();
     EXPECT_EQ(-1, result);

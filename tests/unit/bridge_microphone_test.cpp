@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "companion/bridge/microphone.h"
-#include "tests/support/simulated_card.h"
+#include "tests/unit/simulated_card.h"
 
 namespace uafd {
 namespace {

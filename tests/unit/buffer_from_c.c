@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/unit/buffer_from_c.h"
-
+// The buffer modules as a C program sees them; called by ssrs_setup_test.
 #include <stdlib.h>
 #include <string.h>
 

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/cable_fixture.h"
+#include "tests/unit/cable_fixture.h"
 
 namespace uafd {
 namespace {

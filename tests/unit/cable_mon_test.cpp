@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "tests/support/cable_fixture.h"
+#include "tests/unit/cable_fixture.h"
 
 namespace uafd {
 namespace {

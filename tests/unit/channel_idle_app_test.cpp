@@ -9,12 +9,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/channel_lifecycle.h"
-#include "tests/support/fifo_app.h"
+#include "tests/unit/channel_lifecycle.h"
 
 namespace uafd {
 namespace {
 
+using fake_log::kChannelLog;
+using fake_log::kSourceLog;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
@@ -33,18 +34,21 @@ class ChannelIdleAppTest : public ChannelLifecycleTest,
         const auto [name, opens, writes, closes] = GetParam();
         if (opens) {
             app = fake_sys::real::open(sourceFifo.c_str(), O_WRONLY);
-            ASSERT_TRUE(eventually([&] { return logged(3, "UAFSRC", openedLine) == 1; }));
+            ASSERT_TRUE(
+                eventually([&] { return fake_log::count(kSourceLog.debug(openedLine)) == 1; }));
         }
         if (writes) {
             const std::vector<int16_t> block(960, 5);
             ASSERT_EQ(1920, write(app, block.data(), 1920));
-            ASSERT_TRUE(eventually([&] { return logged(3, "UAFSRC", readLine) == 1; }));
+            ASSERT_TRUE(
+                eventually([&] { return fake_log::count(kSourceLog.debug(readLine)) == 1; }));
         }
         if (closes) {
             closeApp();
-            ASSERT_TRUE(eventually([&] { return logged(3, "UAFSRC", closedLine) == 1; }));
+            ASSERT_TRUE(
+                eventually([&] { return fake_log::count(kSourceLog.debug(closedLine)) == 1; }));
         }
-        ASSERT_TRUE(eventually([&] { return openerTid != 0 && isAsleep(openerTid); }));
+        ASSERT_TRUE(fallsAsleep(openerTid));
     }
     void closeApp() {
         if (app >= 0) {
@@ -75,8 +79,8 @@ TEST_P(ChannelIdleAppTest, AStopDoesNotWaitForIt) {
         EXPECT_EQ(3, line.priority) << line;
         EXPECT_EQ(std::string::npos, line.text.find("closing /")) << line;
     }
-    EXPECT_EQ(1, logged(3, "UAFCH", "intfUpdate to 0, current state 1\n"));
-    EXPECT_EQ(0, logged(3, "UAFCH", "intfUpdate to 0, current state 2\n"));
+    EXPECT_EQ(1, fake_log::count(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
+    EXPECT_EQ(0, fake_log::count(kChannelLog.debug("intfUpdate to 0, current state 2\n")));
 }
 
 // The stop holds the channel's lock, which every event of the channel needs.
@@ -84,7 +88,8 @@ TEST_P(ChannelIdleAppTest, EventsAreHandledWhileAStopIsUnderWay) {
     startAndWait();
     const AppReader reader(sinkFifo);
     ASSERT_EQ(0, source.intfUpdate(false));
-    ASSERT_TRUE(eventually([] { return logged(3, "UAFSRC", "stopping buffer thread\n") == 1; }));
+    ASSERT_TRUE(eventually(
+        [] { return fake_log::count(kSourceLog.debug("stopping buffer thread\n")) == 1; }));
     std::atomic<bool> handled{false};
     std::thread eventLoop([&] {
         source.setVolume(1, 4);
@@ -123,7 +128,7 @@ TEST_P(ChannelIdleAppTest, TheNextStreamPlaysWhatTheAppWritesThen) {
         }
         // Reads the end of the file, so that the next round opens the FIFO again.
         ASSERT_EQ(0, source.intfUpdate(true));
-        ASSERT_TRUE(eventually([&] { return logged(3, "UAFSRC", closedLine) == 1; }));
+        ASSERT_TRUE(eventually([&] { return fake_log::count(kSourceLog.debug(closedLine)) == 1; }));
         stop();
         openerTid = 0;
     }

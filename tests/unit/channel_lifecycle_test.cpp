@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Both channels with their real threads, locks and FIFOs, against a companion app that comes and
 // goes.
-#include "tests/support/channel_lifecycle.h"
+#include "tests/unit/channel_lifecycle.h"
 
 #include <csignal>
 #include <memory>
@@ -10,12 +10,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/fifo_app.h"
-#include "tests/support/pass_gate.h"
-
 namespace uafd {
 namespace {
 
+using fake_log::kChannelLog;
+using fake_log::kSinkLog;
+using fake_log::kSourceLog;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
@@ -70,6 +70,54 @@ TEST_F(ChannelLifecycleTest, NamesAreReplacedAndClearedWhileThreadsReadThem) {
 
 // ---- Within the debounce -----------------------------------------------------------------------
 
+// Lets a channel's worker make its passes one by one: the worker stops at the gate in each pass,
+// and a test lets it through and waits until it is back.
+class PassGate {
+  public:
+    // The worker calls this in each pass.
+    void arrive() {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++arrivals;
+        changed.notify_all();
+        changed.wait(lock, [this] { return isOpen || permits > 0; });
+        permits -= isOpen ? 0 : 1;
+    }
+
+    // The test calls this: lets `passes` passes begin and waits until the worker is back at the
+    // gate; 0 waits for its first arrival.
+    void letThrough(int passes) {
+        std::unique_lock<std::mutex> lock(mutex);
+        permits += passes;
+        expected += passes;
+        changed.notify_all();
+        changed.wait(lock, [this] { return arrivals >= expected; });
+    }
+
+    // The test calls this: from now on nobody has to stop.
+    void open() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        isOpen = true;
+        changed.notify_all();
+    }
+
+    // The test calls this while there is no worker: closes the gate and forgets all passes.
+    void reset() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        arrivals = 0;
+        expected = 1;
+        permits = 0;
+        isOpen = false;
+    }
+
+  private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    int arrivals = 0;
+    int expected = 1;
+    int permits = 0;
+    bool isOpen = false;
+};
+
 TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
     PassGate gate;
     atWait = [&] { gate.arrive(); };
@@ -82,7 +130,8 @@ TEST_F(ChannelLifecycleTest, AnOnCancelsAStopAtEachCount) {
         gate.letThrough(passes);
         EXPECT_EQ(UAFCH_STOPPING, source.currentState());
         ASSERT_EQ(0, source.intfUpdate(true));
-        EXPECT_EQ(1, logged(3, "UAFCH", "stopDelayCnt = " + std::to_string(passes) + "\n"));
+        EXPECT_EQ(1, fake_log::count(
+                         kChannelLog.debug("stopDelayCnt = " + std::to_string(passes) + "\n")));
         gate.letThrough(5);
         EXPECT_EQ(UAFCH_RUNNING, source.currentState());
     }
@@ -102,7 +151,7 @@ TEST_F(ChannelLifecycleTest, AFifoThatFailsDuringTheStopDoesNotDeadlock) {
     std::atomic<bool> opening{false};
     std::atomic<int> stops{0};  // rounds; each stop holds the lock and waits for the thread
     const auto stopWaits = [&] {
-        return logged(3, "UAFSRC", "stopping buffer thread\n") > stops.load();
+        return fake_log::count(kSourceLog.debug("stopping buffer thread\n")) > stops.load();
     };
     fake_sys::hooks().open = [&](const char* path, int flags) {
         opening = true;
@@ -117,7 +166,7 @@ TEST_F(ChannelLifecycleTest, AFifoThatFailsDuringTheStopDoesNotDeadlock) {
         ASSERT_EQ(0, source.intfUpdate(false));
         ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
     }
-    EXPECT_EQ(20, logged(6, "UAFSRC", "failed to open " + sourceFifo + "\n"));
+    EXPECT_EQ(20, fake_log::count(kSourceLog.error("failed to open " + sourceFifo + "\n")));
     expectAlternatingMessages();
 }
 
@@ -165,7 +214,7 @@ TEST_F(ChannelLifecycleTest, AStopEndsABufferThreadThatHasNotRunYet) {
     ASSERT_EQ(0, source.intfUpdate(true));
     ASSERT_EQ(0, source.intfUpdate(false));
     ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
-    EXPECT_EQ(1, logged(3, "UAFSRC", "exit buffer loop, loopcnt=0, fifoRead 0\n"));
+    EXPECT_EQ(1, fake_log::count(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     const AppWriter writer(sourceFifo, 5);
     ASSERT_EQ(0, source.intfUpdate(true));
     EXPECT_TRUE(eventually([&] { return lastPlayed == 5; }));
@@ -190,8 +239,9 @@ TEST_F(ChannelLifecycleTest, AThreadLeftByAFailedStartIsTheOneThatGoesOn) {
         EXPECT_EQ(-1, source.intfUpdate(true));
         EXPECT_EQ(UAFCH_STOPPED, source.currentState());
     }
-    ASSERT_TRUE(eventually(
-        [&] { return logged(6, "UAFSRC", "failed to open " + sourceFifo + "\n") >= 3; }));
+    ASSERT_TRUE(eventually([&] {
+        return fake_log::count(kSourceLog.error("failed to open " + sourceFifo + "\n")) >= 3;
+    }));
     fake_alsa::stopAnswering("snd_pcm_open");
     ASSERT_EQ(0, mkfifo(sourceFifo.c_str(), 0600));
     const AppWriter writer(sourceFifo, 5);
@@ -215,7 +265,7 @@ TEST_F(ChannelLifecycleTest, APcmLeftOpenIsClosedAndTheMicrophoneWorks) {
         source.intfUpdate(false);
         ASSERT_TRUE(eventually([&] { return source.hasStopped(); }));
     }
-    EXPECT_EQ(3, logged(6, "UAFSRC", "start, audio still open, trying to close\n"));
+    EXPECT_EQ(3, fake_log::count(kSourceLog.error("start, audio still open, trying to close\n")));
 }
 
 // ---- The app comes and goes --------------------------------------------------------------------
@@ -231,7 +281,7 @@ TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsMicrophoneFifo) {
     EXPECT_EQ(UAFCH_RUNNING, source.currentState());
     source.intfUpdate(false);
     EXPECT_TRUE(eventually([&] { return source.hasStopped(); }));
-    EXPECT_EQ(0, logged(3, "UAFCH", "intfUpdate to 0, current state 2\n"));
+    EXPECT_EQ(0, fake_log::count(kChannelLog.debug("intfUpdate to 0, current state 2\n")));
 }
 
 TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsSpeakerFifo) {
@@ -241,20 +291,22 @@ TEST_F(ChannelLifecycleTest, TheAppClosesAndReopensItsSpeakerFifo) {
     for (int round = 1; round <= 20; ++round) {
         {
             const AppReader reader(sinkFifo);
-            ASSERT_TRUE(eventually([&] { return logged(3, "UAFSNK", opened) == round; }));
+            ASSERT_TRUE(
+                eventually([&] { return fake_log::count(kSinkLog.debug(opened)) == round; }));
         }
-        ASSERT_TRUE(eventually([&] { return logged(3, "UAFSNK", closed) == round; }));
+        ASSERT_TRUE(eventually([&] { return fake_log::count(kSinkLog.debug(closed)) == round; }));
     }
     EXPECT_EQ(UAFCH_RUNNING, sink.currentState());
     const AppReader reader(sinkFifo);
     sink.intfUpdate(false);
     EXPECT_TRUE(eventually([&] { return sink.hasStopped(); }));
-    EXPECT_EQ(20, logged(6, "UAFSNK", "handler: 13\n"));
+    EXPECT_EQ(20, fake_log::count(kSinkLog.error("handler: 13\n")));
 }
 
 TEST_F(ChannelLifecycleTest, AnOffIsTakenWhileTheSinkWaitsForTheApp) {
     ASSERT_EQ(0, sink.intfUpdate(true));
-    ASSERT_TRUE(eventually([] { return logged(6, "UAFSNK", "synch startup failed") == 1; }));
+    ASSERT_TRUE(
+        eventually([] { return fake_log::count(kSinkLog.error("synch startup failed")) == 1; }));
     ASSERT_EQ(0, sink.intfUpdate(false));
     EXPECT_EQ(UAFCH_STOPPING, sink.currentState());
     const AppReader reader(sinkFifo);

@@ -15,8 +15,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/channel_lifecycle.h"
-#include "tests/support/wild_app.h"
+#include "tests/unit/channel_lifecycle.h"
+#include "tests/unit/wild_app.h"
 
 namespace uafd {
 namespace {

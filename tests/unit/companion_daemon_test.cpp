@@ -11,9 +11,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/companion_test.h"
-#include "tests/support/thread_state.h"
-#include "tests/support/unprivileged.h"
+#include "tests/unit/companion_test.h"
+#include "tests/unit/eventually.h"
 
 namespace uafd {
 namespace {
@@ -198,15 +197,7 @@ class Waiter {
             thread.join();
         }
     }
-    bool fallsAsleep() const {
-        for (int i = 0; i < 5000; ++i) {
-            if (tid != 0 && isAsleep(tid)) {
-                return true;
-            }
-            usleep(1000);
-        }
-        return false;
-    }
+    testing::AssertionResult fallsAsleep() const { return uafd::fallsAsleep(tid); }
     int found() {
         thread.join();
         return result;

@@ -15,8 +15,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "tests/support/companion_test.h"
-#include "tests/support/unprivileged.h"
+#include "tests/unit/companion_test.h"
 
 namespace uafd {
 namespace {

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/companion_test.h"
+#include "tests/unit/companion_test.h"
 
 namespace uafd {
 namespace {

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/companion_test.h"
+#include "tests/unit/companion_test.h"
 
 namespace uafd {
 namespace {

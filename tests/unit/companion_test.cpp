@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Opening when the daemon is there, comes later or never comes; waiting; and closing.
-#include "tests/support/companion_test.h"
+#include "tests/unit/companion_test.h"
 
 #include <atomic>
 #include <cerrno>
@@ -16,8 +16,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-
-#include "tests/support/thread_state.h"
 
 namespace uafd {
 namespace {

@@ -10,8 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/companion_tool.h"
 #include "tests/support/streaming_daemon.h"
+#include "tests/unit/companion_tool.h"
 
 namespace uafd {
 namespace {
@@ -20,7 +20,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::UnorderedElementsAre;
-using Message = DaemonEnds::Message;
 
 std::vector<std::string> namesIn(const std::string& path) {
     std::vector<std::string> names;
@@ -41,7 +40,7 @@ TEST_F(ToolTest, ChecksADaemonThatIsNotThere) {
 
 TEST_F(ToolTest, DoesNotPassACheckThatIsInterrupted) {
     start({"check"});
-    ASSERT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
+    ASSERT_TRUE(eventually([&] { return !tool->errors().empty(); }));
     tool->send(SIGINT);
     EXPECT_EQ(tool->wait(), 1);
     EXPECT_THAT(tool->output(), EndsWith("1 passed, 0 failed, 9 not tried, interrupted\n"));
@@ -79,19 +78,6 @@ struct Fault {
     ChildProcess tool;
 };
 
-StreamingOptions answering(std::vector<Message> answer) {
-    StreamingOptions options;
-    options.answer = std::move(answer);
-    return options;
-}
-
-StreamingOptions playing(int16_t left, int16_t right) {
-    StreamingOptions options;
-    options.left = left;
-    options.right = right;
-    return options;
-}
-
 StreamingOptions streaming(bool plays, bool records) {
     StreamingOptions options;
     options.plays = plays;
@@ -101,6 +87,8 @@ StreamingOptions streaming(bool plays, bool records) {
 
 // All checks run at the same time, as each takes a while.
 TEST_F(ToolTest, FindsAFaultyDaemonOut) {
+    const auto answering = StreamingOptions::answering;
+    const auto playing = StreamingOptions::playing;
     Fault faults[] = {
         {"a sync-up is answered: no answer", answering({})},
         {"a sync-up is answered: the answer is incomplete", answering({{0, 1}})},
@@ -118,7 +106,8 @@ TEST_F(ToolTest, FindsAFaultyDaemonOut) {
     for (Fault& fault : faults) {
         SCOPED_TRACE(fault.line);
         const auto verdict = [&] { return fault.tool.output().find(fault.line); };
-        EXPECT_TRUE(waitFor([&] { return verdict() != std::string::npos; })) << fault.tool.output();
+        EXPECT_TRUE(eventually([&] { return verdict() != std::string::npos; }))
+            << fault.tool.output();
         fault.tool.send(SIGTERM);
         EXPECT_EQ(fault.tool.wait(), 1);
     }

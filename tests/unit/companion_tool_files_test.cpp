@@ -4,8 +4,6 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <uafd_companion.hpp>
 #include <unistd.h>
@@ -15,19 +13,13 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
-#include "tests/support/companion_tool.h"
+#include "tests/unit/companion_tool.h"
 
 namespace uafd {
 namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
-
-std::string contentsOf(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 std::string bytesOf(const Samples& samples) {
     return {reinterpret_cast<const char*>(samples.data()), samples.size() * sizeof samples[0]};
@@ -45,7 +37,7 @@ class Recording : public ToolTest {
         ASSERT_TRUE(daemon.openFifos());
     }
     void waitUntilAllIsRead() {
-        ASSERT_TRUE(waitFor([&] {
+        ASSERT_TRUE(eventually([&] {
             int unread = 0;
             return ioctl(daemon.speakerFd(), FIONREAD, &unread) == 0 && unread == 0;
         }));
@@ -93,7 +85,7 @@ TEST_F(Recording, GoesOnAfterASignalThatItIsToIgnore) {
     ASSERT_TRUE(daemon.openFifos());
     tool->send(SIGHUP);
     daemon.play(ramp(480));
-    EXPECT_TRUE(waitFor([&] { return recorded() == ramp(480); }));
+    EXPECT_TRUE(eventually([&] { return recorded() == ramp(480); }));
     tool->send(SIGINT);
     EXPECT_EQ(tool->wait(), 0);
 }
@@ -101,7 +93,7 @@ TEST_F(Recording, GoesOnAfterASignalThatItIsToIgnore) {
 TEST_F(Recording, IsWholeWhileItGoesOnAndWhenItIsKilled) {
     startRecording({file("heard.wav")});
     daemon.play(ramp(480));
-    EXPECT_TRUE(waitFor([&] { return recorded() == ramp(480); }));
+    EXPECT_TRUE(eventually([&] { return recorded() == ramp(480); }));
     tool->send(SIGKILL);
     EXPECT_EQ(tool->wait(), 128 + SIGKILL);
     EXPECT_EQ(recorded(), ramp(480));
@@ -150,7 +142,7 @@ TEST_F(Recording, EndsWhenTheFileCannotGrow) {
 TEST_F(Recording, OfAPipeHasAHeaderWithoutALength) {
     startRecording({"-"});
     daemon.play(ramp(480));
-    EXPECT_TRUE(waitFor([&] { return tool->output().size() == 44 + 960; }));
+    EXPECT_TRUE(eventually([&] { return tool->output().size() == 44 + 960; }));
     tool->send(SIGINT);
     EXPECT_EQ(tool->wait(), 0);
     const std::string written = tool->output();
@@ -163,7 +155,7 @@ TEST_F(Recording, OfAPipeHasAHeaderWithoutALength) {
 TEST_F(Recording, WithoutAHeaderIsWhatTheHostPlays) {
     startRecording({"--raw", "-"});
     daemon.play(ramp(480));
-    EXPECT_TRUE(waitFor([&] { return tool->output() == bytesOf(ramp(480)); }));
+    EXPECT_TRUE(eventually([&] { return tool->output() == bytesOf(ramp(480)); }));
 }
 
 // ---- Playing -----------------------------------------------------------------------------------

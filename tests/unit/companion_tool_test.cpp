@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The companion tool as a process beside the daemon's ends: what it prints, sends, records and
 // plays, and its exit status.
-#include "tests/support/companion_tool.h"
+#include "tests/unit/companion_tool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -105,11 +105,11 @@ class EventsTool : public ToolTest {
         words.insert(words.begin(), {"events", "--count", "15"});
         start(words);
         std::vector<Message> asked;
-        EXPECT_TRUE(waitFor([&] { return !(asked = daemon.messages()).empty(); }));
+        EXPECT_TRUE(eventually([&] { return !(asked = daemon.messages()).empty(); }));
         EXPECT_THAT(asked, Each(Message{7, 0}));
         for (const Message& message : kTold) {
             EXPECT_TRUE(
-                waitFor([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
+                eventually([&] { return daemon.send(message.first, message.second) != EAGAIN; }));
         }
         EXPECT_EQ(tool->wait(), 0);
         return tool->output();
@@ -141,7 +141,7 @@ TEST_F(EventsTool, PrintsEventsAsJson) {
 
 TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
     start({"events"});
-    EXPECT_TRUE(waitFor([&] { return !tool->errors().empty(); }));
+    EXPECT_TRUE(eventually([&] { return !tool->errors().empty(); }));
     EXPECT_EQ(tool->errors(), "uafd-companion: waiting: no daemon runs\n");
     tool->send(SIGINT);
     EXPECT_EQ(tool->wait(), 0);
@@ -149,14 +149,8 @@ TEST_F(ToolTest, SaysThatItWaitsForADaemon) {
 
 // ---- Status ------------------------------------------------------------------------------------
 
-StreamingOptions answering(std::vector<Message> answer) {
-    StreamingOptions options;
-    options.answer = std::move(answer);
-    return options;
-}
-
 TEST_F(ToolTest, TellsTheStatus) {
-    const StreamingDaemon streaming(folder, answering({{0, 1}, {1, 1}, {2, 0}}));
+    const StreamingDaemon streaming(folder, StreamingOptions::answering({{0, 1}, {1, 1}, {2, 0}}));
     EXPECT_EQ(run({"status"}), 0);
     EXPECT_EQ(tool->output(),
               "daemon      running\nusb         configured\nspeaker     on\nmicrophone  off\n");
@@ -168,7 +162,7 @@ TEST_F(ToolTest, TellsTheStatus) {
 }
 
 TEST_F(ToolTest, TellsTheStatusWithoutAHost) {
-    const StreamingDaemon streaming(folder, answering({{0, 0}}));
+    const StreamingDaemon streaming(folder, StreamingOptions::answering({{0, 0}}));
     EXPECT_EQ(run({"status"}), 0);
     EXPECT_EQ(tool->output(),
               "daemon      running\nusb         disconnected\nspeaker     unknown\n"
@@ -232,9 +226,8 @@ TEST_F(ToolTest, GivesTheHostBackWhatItPlays) {
 }
 
 TEST_F(ToolTest, ShowsTheLevel) {
-    StreamingOptions options;
-    options.left = options.right = 3277;  // all of it is 20 dB below full scale
-    const StreamingDaemon streaming(folder, options);
+    // All of it is 20 dB below full scale.
+    const StreamingDaemon streaming(folder, StreamingOptions::playing(3277, 3277));
     EXPECT_EQ(run({"meter", "--seconds", "1"}), 0);
     EXPECT_THAT(tool->output(), HasSubstr(" speaker on   peak -20.0 dB  rms -20.0 dB  |" +
                                           std::string(28, '#') + std::string(20, ' ') + "|\n"));
@@ -249,8 +242,7 @@ TEST_F(ToolTest, ShowsSilence) {
 // ---- Latency -----------------------------------------------------------------------------------
 
 TEST_F(ToolTest, MeasuresTheWayToTheHostAndBack) {
-    StreamingOptions options;
-    options.left = options.right = 0;
+    StreamingOptions options = StreamingOptions::playing(0, 0);
     options.echoes = true;
     const StreamingDaemon streaming(folder, options);
     EXPECT_EQ(run({"latency", "--count", "3"}), 0);
@@ -262,8 +254,7 @@ TEST_F(ToolTest, MeasuresTheWayToTheHostAndBack) {
 }
 
 TEST_F(ToolTest, SaysWhyItCannotMeasure) {
-    StreamingOptions options;
-    options.left = options.right = 0;
+    StreamingOptions options = StreamingOptions::playing(0, 0);
     {
         const StreamingDaemon deaf(folder, options);
         EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
@@ -278,9 +269,7 @@ TEST_F(ToolTest, SaysWhyItCannotMeasure) {
         EXPECT_EQ(tool->errors(),
                   "uafd-companion: latency: the daemon accepts no sound: does the host record?\n");
     }
-    options.left = options.right = 2000;
-    options.records = true;
-    const StreamingDaemon loud(folder, options);
+    const StreamingDaemon loud(folder, StreamingOptions::playing(2000, 2000));
     EXPECT_EQ(run({"latency", "--wait", "0.3"}), 1);
     EXPECT_EQ(tool->errors(),
               "uafd-companion: latency: the host plays other sound, which hides the bursts\n");

@@ -3,9 +3,7 @@
 // colours, and the terminal afterwards.
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -13,20 +11,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/companion_tool.h"
-#include "tests/support/fake_system.h"
+#include "tests/unit/companion_tool.h"
+#include "tests/unit/fake_system.h"
 
 namespace uafd {
 namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-
-std::string contentsOf(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 class TopScreen : public ToolTest {
   protected:
@@ -61,15 +53,9 @@ class TopScreen : public ToolTest {
         return tmux({"display-message", "-p", "#{cursor_flag} #{alternate_on} #{wrap_flag}"});
     }
     // Waits until the screen has a line with this. Each look takes some milliseconds.
-    bool shows(const std::string& line, bool isWanted = true) const {
+    testing::AssertionResult shows(const std::string& line, bool isWanted = true) const {
         const std::regex wanted(line, std::regex::multiline);
-        for (int look = 0; look < 200; ++look) {
-            if (std::regex_search(screen(), wanted) == isWanted) {
-                return true;
-            }
-            usleep(10000);
-        }
-        return false;
+        return eventually([&] { return std::regex_search(screen(), wanted) == isWanted; });
     }
     void startTop(const std::string& options = "") const {
         type("bash ./top " + options + "; echo ended $?");

@@ -15,9 +15,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/companion_tool.h"
-#include "tests/support/fake_system.h"
 #include "tests/support/streaming_daemon.h"
+#include "tests/unit/companion_tool.h"
+#include "tests/unit/fake_system.h"
 
 namespace uafd {
 namespace {
@@ -60,16 +60,12 @@ class TopTest : public ToolTest {
     }
 
     // Waits until the tool has printed this. `meanwhile` is called before each look.
-    bool prints(
+    testing::AssertionResult prints(
         const std::string& text, const std::function<void()>& meanwhile = [] {}) {
-        for (int look = 0; look < 300; ++look) {
+        return eventually([&] {
             meanwhile();
-            if (std::regex_search(tool->output(), std::regex(text))) {
-                return true;
-            }
-            usleep(10000);
-        }
-        return false;
+            return std::regex_search(tool->output(), std::regex(text));
+        });
     }
 
     const FakeSystem system;

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the companion tool's command line accepts and prints, and that its manual and completion
 // agree with it.
-#include <fstream>
 #include <set>
 #include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/companion_tool.h"
+#include "tests/unit/companion_tool.h"
 
 namespace uafd {
 namespace {
@@ -31,12 +30,6 @@ TEST_F(ToolTest, HelpsItself) {
     EXPECT_THAT(tool->output(), HasSubstr("--raw "));
     EXPECT_THAT(tool->output(), Not(HasSubstr("--tone ")));
     EXPECT_EQ(tool->errors(), "");
-}
-
-std::string contentsOf(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
 }
 
 // The repository has the generated manual: whoever changes the help texts has to generate it again.

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include "tests/support/companion_test.h"
-#include "tests/support/thread_state.h"
+#include "tests/unit/companion_test.h"
+#include "tests/unit/eventually.h"
 
 namespace uafd {
 namespace {
@@ -26,15 +26,6 @@ class CompanionWaitTest : public CompanionTest {
         };
         openBoth();
         EXPECT_EQ(UAFD_READY_BLOCK, companion.wait());
-    }
-    static bool fallsAsleep(const std::atomic<int>& tid) {
-        for (int i = 0; i < 5000; ++i) {
-            if (tid != 0 && isAsleep(tid)) {
-                return true;
-            }
-            usleep(1000);
-        }
-        return false;
     }
     // Waits at a time when something is ready, so that the call returns at once.
     int waitAt(int64_t ms) {

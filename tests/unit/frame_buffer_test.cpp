@@ -15,9 +15,9 @@
 #include "channel/stream_shape.h"
 #include "tests/support/fake_locks.h"
 #include "tests/support/fake_log.h"
-#include "tests/support/fake_new.h"
 #include "tests/support/fake_ssrs.h"
 #include "tests/support/fake_sys.h"
+#include "tests/unit/fake_new.h"
 
 namespace uafd {
 namespace {
@@ -30,7 +30,7 @@ using ::testing::IsEmpty;
 class FrameBufferTest : public fake_sys::Test {
   protected:
     void SetUp() override {
-        fake_new::reset();
+        memory.install();
         locks.install();
         locks.watchNew({""});
         buffer = std::make_unique<FrameBuffer>();
@@ -59,6 +59,7 @@ class FrameBufferTest : public fake_sys::Test {
         return static_cast<int>(bytes / sizeof(int16_t));
     }
 
+    FakeNew memory;
     std::unique_ptr<FrameBuffer> buffer;
     std::vector<std::string> journal;
     FakeLocks locks{journal};
@@ -151,11 +152,11 @@ TEST_F(FrameBufferTest, EveryBuildMayBeEnlargedOnce) {
 
 TEST_F(FrameBufferTest, StorageWithoutMemoryIsTriedAgain) {
     FrameBuffer fresh;
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     EXPECT_FALSE(fresh.allocateStorage());
-    fake_new::reset();
+    memory.neverFail();
     EXPECT_TRUE(fresh.allocateStorage());
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     EXPECT_TRUE(fresh.allocateStorage());
 }
 

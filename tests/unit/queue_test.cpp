@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/guarded.h"
 #include "tests/support/queue_model.h"
+#include "tests/unit/guarded.h"
 
 namespace uafd {
 namespace {

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/guarded.h"
+#include "tests/unit/guarded.h"
 
 namespace uafd {
 namespace {

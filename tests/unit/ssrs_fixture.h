@@ -13,7 +13,7 @@
 
 #include "buffer/resample.h"
 #include "buffer/ssrs.h"
-#include "tests/support/guarded.h"
+#include "tests/unit/guarded.h"
 
 namespace uafd {
 

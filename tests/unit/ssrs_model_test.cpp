@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "buffer/ssrs.h"
-#include "tests/support/guarded.h"
+#include "tests/unit/guarded.h"
 
 namespace uafd {
 namespace {

@@ -12,9 +12,12 @@
 #include <sys/mman.h>
 
 #include "buffer/ssrs.h"
-#include "tests/support/guarded.h"
-#include "tests/unit/buffer_from_c.h"
+#include "tests/unit/guarded.h"
 #include "tests/unit/ssrs_fixture.h"
+
+// Calls both buffer modules from C, in buffer_from_c.c. Returns 0, or the line of the first call
+// that went wrong.
+extern "C" int bufferFromC();
 
 namespace uafd {
 

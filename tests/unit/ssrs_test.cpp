@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/guarded.h"
+#include "tests/unit/guarded.h"
 #include "tests/unit/ssrs_fixture.h"
 
 namespace uafd {

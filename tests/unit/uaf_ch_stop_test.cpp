@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "channel/uaf_ch.h"
-#include "tests/support/channel_bench.h"
+#include "tests/unit/channel_bench.h"
 
 namespace uafd {
 namespace {

@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/channel_bench.h"
+#include "tests/unit/channel_bench.h"
 
 namespace uafd {
 namespace {

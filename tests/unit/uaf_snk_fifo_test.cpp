@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/support/sink_bench.h"
+#include "tests/unit/sink_bench.h"
 
 namespace uafd {
 namespace {

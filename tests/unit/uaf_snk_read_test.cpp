@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/sink_bench.h"
+#include "tests/unit/sink_bench.h"
 
 namespace uafd {
 namespace {

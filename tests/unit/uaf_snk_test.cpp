@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/sink_bench.h"
+#include "tests/unit/sink_bench.h"
 
 namespace uafd {
 namespace {
@@ -71,16 +71,16 @@ TEST_F(UafSnkTest, FailedStatusObjectIsNotFreed) {
 }
 
 TEST_F(UafSnkTest, StartWithoutMemoryFails) {
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     EXPECT_EQ(-1, snk->intfUpdate(true));
-    fake_new::reset();
+    memory.neverFail();
     EXPECT_EQ(0, fake_alsa::pcmsOpened());
     EXPECT_EQ(0, snk->intfUpdate(true));
 }
 
 TEST_F(UafSnkTest, StatusObjectAndBufferAreAllocatedOnce) {
     run(3);
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     run(3);
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_status_malloc"));
     EXPECT_EQ(2, fake_alsa::pcmsOpened());
@@ -289,7 +289,7 @@ TEST_F(UafSnkTest, StreamingAllocatesNothing) {
         ++allocations;
         return fake_sys::real::malloc(size);
     };
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     runLoop(10);
     EXPECT_EQ(0, allocations);
 }

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/source_bench.h"
+#include "tests/unit/source_bench.h"
 
 namespace uafd {
 namespace {

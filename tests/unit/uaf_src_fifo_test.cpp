@@ -5,11 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/source_bench.h"
+#include "tests/unit/source_bench.h"
 
 namespace uafd {
 namespace {
 
+using fake_log::kChannelLog;
 using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
@@ -21,7 +22,23 @@ using ::testing::IsSupersetOf;
 using ::testing::SizeIs;
 using Samples = std::vector<int16_t>;
 
-using UafSrcFifoTest = FifoTest;
+class UafSrcFifoTest : public FifoTest {
+  protected:
+    // Reads return these results, one after the other, and then whole blocks.
+    void readResults(std::vector<int> results) {
+        fifo.onRead = [results, next = size_t{0}](int16_t*, size_t size) mutable {
+            return next < results.size() ? results[next++] : static_cast<ssize_t>(size);
+        };
+    }
+    // The loop will end in its `yields`-th failed pass.
+    void stopAtYield(int yields) {
+        threads.onYield = [this, left = yields]() mutable {
+            if (--left == 0) {
+                source->uafStop();
+            }
+        };
+    }
+};
 
 // ---- Reading the FIFO --------------------------------------------------------------------------
 
@@ -150,7 +167,8 @@ TEST_F(UafSrcFifoTest, AFifoThatDoesNotOpenIsRetriedAtOnceWithoutAPause) {
     EXPECT_THAT(ownLines(),
                 AllOf(Contains(kSourceLog.error("failed to open /tmp/usbAudioFifoTx\n")).Times(3),
                       Contains(kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n"))));
-    EXPECT_THAT(fake_log::lines(), Contains(base(3, "intfUpdate to 0, current state 1\n")));
+    EXPECT_THAT(fake_log::lines(),
+                Contains(kChannelLog.debug("intfUpdate to 0, current state 1\n")));
 }
 
 // A failed start left the thread behind. Nothing ends it, so it must not spin.
@@ -179,7 +197,7 @@ TEST_F(UafSrcFifoTest, ClearedNamesFailTheReopeningAndNothingElse) {
         ownLines(),
         IsSupersetOf({kSourceLog.debug("closing (null), failed to read rc=0, expect 1920\n"),
                       kSourceLog.error("failed to open (null)\n")}));
-    EXPECT_THAT(fake_log::lines(), Contains(base(6, "devName not set\n")));
+    EXPECT_THAT(fake_log::lines(), Contains(kChannelLog.error("devName not set\n")));
     EXPECT_THAT(blocks, ElementsAre(Each(0)));
 }
 
@@ -253,7 +271,7 @@ TEST_F(UafSrcFifoTest, AFailureWhileTheStopIsUnderWayIsReported) {
         fake_log::lines(),
         ElementsAre(kSourceLog.debug("closing /tmp/usbAudioFifoTx, failed to read rc=-1, expect "
                                      "1920\n"),
-                    base(3, "intfUpdate to 0, current state 1\n"),
+                    kChannelLog.debug("intfUpdate to 0, current state 1\n"),
                     kSourceLog.debug("exit buffer loop, loopcnt=0, fifoRead 0\n")));
     EXPECT_FALSE(source->fifo.isOpen());
 }

@@ -6,12 +6,13 @@
 #include <gtest/gtest.h>
 
 #include "channel/uaf_src.h"
-#include "tests/support/source_bench.h"
+#include "tests/unit/source_bench.h"
 
 namespace uafd {
 namespace {
 
 using fake_log::kAlsaLog;
+using fake_log::kChannelLog;
 using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
@@ -48,6 +49,14 @@ class UafSrcPlaybackTest : public source_bench::Test {
 
     snd_pcm_t* pcm() const { return source->pcmHandle; }
 
+    // The worker's `pass`-th wait will request the channel's stop; three more passes follow.
+    void switchOffInWait(int pass) {
+        fake_alsa::hooks().before = [this, pass, waits = 0](const std::string& call) mutable {
+            if (call.compare(0, 12, "snd_pcm_wait") == 0 && ++waits == pass) {
+                source->intfUpdate(false);
+            }
+        };
+    }
     // Runs `passes` passes and the three that end the channel, each with a ready PCM.
     void runPasses(int passes) {
         switchOffInWait(passes);
@@ -405,7 +414,7 @@ TEST_F(UafSrcPlaybackTest, AnOnWithinTheDebounceKeepsTheStream) {
     };
     runWorker();
     EXPECT_EQ(kSourceLog.debug("exit, loopcnt=11, pcmWrite 2640\n"), fake_log::lines().back());
-    EXPECT_THAT(fake_log::lines(), Contains(base(3, "stopDelayCnt = 3\n")));
+    EXPECT_THAT(fake_log::lines(), Contains(kChannelLog.debug("stopDelayCnt = 3\n")));
     EXPECT_THAT(fake_ipc::messages(), ElementsAre(Pair(2U, 0U)));
     EXPECT_EQ(1, fake_alsa::count("snd_pcm_close"));
 }

@@ -8,11 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/source_bench.h"
+#include "tests/unit/source_bench.h"
 
 namespace uafd {
 namespace {
 
+using fake_log::kChannelLog;
 using fake_log::kSourceLog;
 using namespace source_bench;
 using ::testing::AllOf;
@@ -22,7 +23,15 @@ using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
 using ::testing::SizeIs;
 
-using UafSrcTest = source_bench::Test;
+class UafSrcTest : public source_bench::Test {
+  protected:
+    // Opens the FIFO as the buffer thread does.
+    void openFifo() {
+        ASSERT_TRUE(source->fifo.openEnd(kFifoPath, O_RDONLY, 2 * kBlockSamples * sizeof(int16_t),
+                                         "UAFSRC"));
+        forget();
+    }
+};
 
 // ---- Construction and destruction --------------------------------------------------------------
 
@@ -86,9 +95,10 @@ TEST_F(UafSrcTest, AStartRunsItsStepsInOrder) {
                                      "depth 480-720", "create buffer", "snd_pcm_status_malloc()",
                                      "snd_pcm_open(hw:1, PLAYBACK, 0)", "message 2,1",
                                      "create worker", "unlock intf"));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(base(3, "intfUpdate to 1, current state 3\n"),
-                                               kSourceLog.debug("init SSRS\n"),
-                                               kSourceLog.debug("start, opening hw:1\n")));
+    EXPECT_THAT(
+        fake_log::lines(),
+        ElementsAre(kChannelLog.debug("intfUpdate to 1, current state 3\n"),
+                    kSourceLog.debug("init SSRS\n"), kSourceLog.debug("start, opening hw:1\n")));
 }
 
 TEST_F(UafSrcTest, AStartSetsThePcmUpAndPrimesItWithSilence) {
@@ -181,7 +191,7 @@ TEST_F(UafSrcTest, ABufferWithoutMemoryFailsTheStart) {
         source = std::make_unique<OpenSource>();
         source->setDevName(kFifoPath, kPcmName);
         forget();
-        fake_new::failAfter(successes);
+        memory.failAfter(successes);
         EXPECT_EQ(-1, source->uafStart());
         EXPECT_EQ(0, buffersCreated);
         EXPECT_THAT(fake_alsa::calls(), IsEmpty());
@@ -192,7 +202,7 @@ TEST_F(UafSrcTest, ABufferWithoutMemoryFailsTheStart) {
 TEST_F(UafSrcTest, TheBuffersAreAllocatedOnce) {
     start();
     source->uafStop();
-    fake_new::failAfter(0);
+    memory.failAfter(0);
     EXPECT_EQ(0, source->uafStart());
 }
 

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "channel/uaf_src.h"
-#include "tests/support/source_bench.h"
+#include "tests/unit/source_bench.h"
 
 namespace uafd {
 namespace {

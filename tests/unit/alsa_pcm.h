@@ -16,8 +16,8 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
-#include "tests/support/alsa_config.h"
 #include "tests/support/daemon_ends.h"
+#include "tests/unit/alsa_config.h"
 
 namespace uafd {
 

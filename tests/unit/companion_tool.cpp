@@ -1,10 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/companion_tool.h"
+#include "tests/unit/companion_tool.h"
 
+#include <fstream>
 #include <numeric>
+#include <sstream>
 #include <unistd.h>
 
 namespace uafd {
+
+std::string contentsOf(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
 
 ChildProcess& ToolTest::start(std::vector<std::string> words,
                               const std::function<void()>& prepare) {
@@ -13,18 +21,8 @@ ChildProcess& ToolTest::start(std::vector<std::string> words,
     return tool.emplace(words, prepare);
 }
 
-bool ToolTest::waitFor(const std::function<bool()>& condition) {
-    for (int i = 0; i < 20000; ++i) {
-        if (condition()) {
-            return true;
-        }
-        usleep(1000);
-    }
-    return false;
-}
-
-bool ToolTest::waitForFile(const std::string& name) {
-    return waitFor([&] { return access(daemon.path(name).c_str(), F_OK) == 0; });
+testing::AssertionResult ToolTest::waitForFile(const std::string& name) const {
+    return eventually([&] { return access(daemon.path(name).c_str(), F_OK) == 0; });
 }
 
 void ToolTest::writeWav(const std::string& path, const Samples& samples, int channels, int rate,

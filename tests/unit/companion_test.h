@@ -3,14 +3,33 @@
 // that is closed before them. One thread.
 #pragma once
 
-#include <fcntl.h>
+#include <cstdlib>
 #include <poll.h>
 #include <uafd_companion.hpp>
+#include <unistd.h>
 
 #include "tests/support/daemon_ends.h"
 #include "tests/support/fake_sys.h"
 
 namespace uafd {
+
+// While this object exists, the process has only the rights of an ordinary user. One at a time.
+class Unprivileged {
+  public:
+    Unprivileged() : formerUser(geteuid()) { become(formerUser == 0 ? 65534 : formerUser); }
+    ~Unprivileged() { become(formerUser); }
+    Unprivileged(const Unprivileged&) = delete;
+    Unprivileged& operator=(const Unprivileged&) = delete;
+
+  private:
+    static void become(uid_t user) {
+        if (seteuid(user) != 0) {
+            abort();
+        }
+    }
+
+    const uid_t formerUser;
+};
 
 class CompanionTest : public fake_sys::Test {
   protected:

@@ -78,14 +78,42 @@ const fake_ipc::Message kOffMessage{TestChannel::kMsgType, 0};
 
 class Test : public fake_sys::Test {
   protected:
-    void SetUp() override;
-
-    void start();
+    void SetUp() override {
+        locks.install();
+        locks.watch(channel.intfMutex);
+        threads.install();
+        threads.onCreate = [this](const FakeThreads::Thread& thread) {
+            EXPECT_EQ(&UafCh::ChThread, thread.entry);
+            EXPECT_EQ(&channel, thread.argument);
+            return 0;
+        };
+        forget();
+        channel.setDevName(kFifoPath, kPcmName);
+    }
+    void start() {
+        ASSERT_EQ(0, channel.intfUpdate(true));
+        forget();
+    }
     // Starts the channel and switches it off; it is then just before its first isRunning.
-    void startAndSwitchOff();
-    void runToStop();
+    void startAndSwitchOff() {
+        start();
+        ASSERT_EQ(0, channel.intfUpdate(false));
+        forget();
+    }
+    void runToStop() {
+        for (int passes = 1; channel.isRunning(); ++passes) {
+            ASSERT_LT(passes, 10) << "the channel does not stop";
+        }
+    }
     // Empties journal, log and messages.
-    void forget();
+    void forget() {
+        journal.clear();
+        fake_log::clear();
+        fake_ipc::clear();
+        fake_ipc::onMessage() = [this](const fake_ipc::Message& message) {
+            journal.push_back("message " + std::to_string(message.second));
+        };
+    }
 
     std::vector<std::string> journal;
     TestChannel channel{journal};

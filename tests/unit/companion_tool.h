@@ -14,10 +14,13 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/daemon_ends.h"
+#include "tests/unit/eventually.h"
 
 namespace uafd {
 
 using Samples = std::vector<int16_t>;
+
+std::string contentsOf(const std::string& path);
 
 class ToolTest : public testing::Test {
   protected:
@@ -26,9 +29,7 @@ class ToolTest : public testing::Test {
     // Starts the tool in the test's folder.
     ChildProcess& start(std::vector<std::string> words, const std::function<void()>& prepare = {});
     int run(const std::vector<std::string>& words) { return start(words).wait(); }
-    // Waits in real time, as the tool is a process of its own.
-    static bool waitFor(const std::function<bool()>& condition);
-    bool waitForFile(const std::string& name);
+    testing::AssertionResult waitForFile(const std::string& name) const;
     std::string file(const std::string& name) const { return folder.path() + "/" + name; }
 
     // `format` is one of libsndfile's.

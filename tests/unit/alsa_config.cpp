@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/support/alsa_config.h"
+#include "tests/unit/alsa_config.h"
 
 #include <cstdarg>
 #include <cstdio>
