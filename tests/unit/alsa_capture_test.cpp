@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ALSA plugin's capture: the program reads what the host plays, and silence while nothing
 // comes, whether the host is off, the daemon restarts, or there is none.
+#include <algorithm>
+
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -15,6 +18,33 @@ class AlsaCapture : public AlsaPcm {
         openReady(SND_PCM_STREAM_CAPTURE, setup);
         openDaemon("FifoTx");
         ASSERT_EQ(snd_pcm_start(pcm), 0);
+    }
+    std::vector<int16_t> read(size_t frames) {
+        std::vector<int16_t> samples(2 * frames);
+        const long got = snd_pcm_readi(pcm, samples.data(), frames);
+        EXPECT_GE(got, 0) << snd_strerror(static_cast<int>(got));
+        samples.resize(2 * static_cast<size_t>(std::max(got, 0L)));
+        return samples;
+    }
+    // Reads until this much sound has come, without the silence before it.
+    std::vector<int16_t> readSound(size_t frames) {
+        std::vector<int16_t> sound;
+        while (sound.size() < 2 * frames && !HasFailure()) {
+            for (const int16_t sample : read(240)) {
+                if (sample != 0 || !sound.empty()) {
+                    sound.push_back(sample);
+                }
+            }
+        }
+        sound.resize(std::min(sound.size(), 2 * frames));
+        return sound;
+    }
+    // Waits until the FIFO has been read, by the stream's thread.
+    void waitUntilHeard() const {
+        int bytes = 1;
+        while (bytes != 0) {
+            ASSERT_EQ(ioctl(daemon.speakerFd(), FIONREAD, &bytes), 0);
+        }
     }
     // Reads a period, and appends it without silence.
     void hear(std::vector<int16_t>* sound) {

@@ -2,7 +2,6 @@
 // A PCM of the device uafd in the test's folder, and the daemon's ends of its FIFO. One thread.
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
@@ -13,7 +12,6 @@
 
 #include <alsa/asoundlib.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include "tests/support/daemon_ends.h"
@@ -111,27 +109,6 @@ class AlsaPcm : public testing::Test {
         ASSERT_TRUE(daemon.openFifos());
     }
 
-    // ---- Playback ------------------------------------------------------------------------------
-
-    // The daemon is there and has room for everything.
-    void beDaemon() {
-        openDaemon("FifoRx");
-        ASSERT_GE(fcntl(daemon.micFd(), F_SETPIPE_SZ, 1 << 20), 1 << 20);
-    }
-    std::vector<int16_t> recorded() {
-        std::vector<int16_t> all;
-        pollfd source{daemon.micFd(), POLLIN, 0};
-        while (poll(&source, 1, 0) > 0 && (source.revents & POLLIN) != 0) {
-            const std::vector<int16_t> block = daemon.record();
-            all.insert(all.end(), block.begin(), block.end());
-        }
-        return all;
-    }
-    // Waits until the daemon has something to read.
-    void waitForBlock() const {
-        pollfd source{daemon.micFd(), POLLIN, 0};
-        ASSERT_EQ(poll(&source, 1, 20000), 1);
-    }
     // Interleaved samples that are never 0.
     static std::vector<int16_t> samplesFrom(int first, size_t frames) {
         std::vector<int16_t> samples(2 * frames);
@@ -139,39 +116,6 @@ class AlsaPcm : public testing::Test {
             samples[i] = static_cast<int16_t>((static_cast<size_t>(first) + i) % 30000 + 1);
         }
         return samples;
-    }
-    long write(const std::vector<int16_t>& samples) {
-        return snd_pcm_writei(pcm, samples.data(), samples.size() / 2);
-    }
-
-    // ---- Capture -------------------------------------------------------------------------------
-
-    std::vector<int16_t> read(size_t frames) {
-        std::vector<int16_t> samples(2 * frames);
-        const long got = snd_pcm_readi(pcm, samples.data(), frames);
-        EXPECT_GE(got, 0) << snd_strerror(static_cast<int>(got));
-        samples.resize(2 * static_cast<size_t>(std::max(got, 0L)));
-        return samples;
-    }
-    // Reads until this much sound has come, without the silence before it.
-    std::vector<int16_t> readSound(size_t frames) {
-        std::vector<int16_t> sound;
-        while (sound.size() < 2 * frames && !HasFailure()) {
-            for (const int16_t sample : read(240)) {
-                if (sample != 0 || !sound.empty()) {
-                    sound.push_back(sample);
-                }
-            }
-        }
-        sound.resize(std::min(sound.size(), 2 * frames));
-        return sound;
-    }
-    // Waits until the FIFO has been read, by the stream's thread.
-    void waitUntilHeard() const {
-        int bytes = 1;
-        while (bytes != 0) {
-            ASSERT_EQ(ioctl(daemon.speakerFd(), FIONREAD, &bytes), 0);
-        }
     }
 
     TempDir folder;

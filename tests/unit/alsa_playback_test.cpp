@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ALSA plugin's playback: what the program writes reaches the daemon in whole blocks, in order
 // and to the last frame; xruns, pause, drain and poll are those of a sound card.
+#include <fcntl.h>
+#include <poll.h>
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -17,6 +20,28 @@ class AlsaPlayback : public AlsaPcm {
     void openBeside(const PcmSetup& setup = {}, int mode = 0) {
         openReady(SND_PCM_STREAM_PLAYBACK, setup, mode);
         beDaemon();
+    }
+    // The daemon is there and has room for everything.
+    void beDaemon() {
+        openDaemon("FifoRx");
+        ASSERT_GE(fcntl(daemon.micFd(), F_SETPIPE_SZ, 1 << 20), 1 << 20);
+    }
+    long write(const std::vector<int16_t>& samples) {
+        return snd_pcm_writei(pcm, samples.data(), samples.size() / 2);
+    }
+    std::vector<int16_t> recorded() {
+        std::vector<int16_t> all;
+        pollfd source{daemon.micFd(), POLLIN, 0};
+        while (poll(&source, 1, 0) > 0 && (source.revents & POLLIN) != 0) {
+            const std::vector<int16_t> block = daemon.record();
+            all.insert(all.end(), block.begin(), block.end());
+        }
+        return all;
+    }
+    // Waits until the daemon has something to read.
+    void waitForBlock() const {
+        pollfd source{daemon.micFd(), POLLIN, 0};
+        ASSERT_EQ(poll(&source, 1, 20000), 1);
     }
     // No block comes in the time of several.
     void expectNothing() const {
