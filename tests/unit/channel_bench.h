@@ -32,10 +32,7 @@ class TestChannel : public UafCh {
     explicit TestChannel(std::vector<std::string>& journalOfTest)
         : UafCh(kMsgType), journal(journalOfTest) {}
 
-    void uafLoop() override {
-        journal.push_back("loop");
-        onLoop();
-    }
+    void uafLoop() override { journal.push_back("loop"); }
     int uafStart() override {
         journal.push_back("start");
         onStart();
@@ -50,7 +47,6 @@ class TestChannel : public UafCh {
     int startResult = 0;
     std::function<void()> onStart = [] {};
     std::function<void()> onStop = [] {};
-    std::function<void()> onLoop = [] {};
 
     using UafCh::fifo;
     using UafCh::fifoName;

@@ -69,7 +69,6 @@ class SimulatedCard final : public Card {
     double stepMs = 1;  // of the position that the card tells
     double bufferMs = 80;
     int error = 0;  // of every call
-    double toneHz = 1000;
 
     int starts = 0;
     int stops = 0;
@@ -88,8 +87,10 @@ class SimulatedCard final : public Card {
     // The tone is what it is for everyone; a fast card has more samples of it.
     float heard(int64_t frame) const {
         const double seconds = static_cast<double>(frame) / (nominalRate * (1 + ppm / 1e6));
-        return 0.5F * static_cast<float>(std::sin(2 * M_PI * toneHz * seconds));
+        return 0.5F * static_cast<float>(std::sin(2 * M_PI * kToneHz * seconds));
     }
+
+    static constexpr double kToneHz = 1000;
 
     const double nominalRate;
     const int64_t* const nowNs;
