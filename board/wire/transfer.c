@@ -64,9 +64,8 @@ void wire_give_urb(struct urb *urb, int status)
 }
 
 /*
- * Whether a packet that went wrong is sent once more: one that is not acknowledged, or whose
- * answer does not come or is spoilt. The
- * gadget's controller discards what it has seen already.
+ * Whether a packet that went wrong is sent once more: one that is not acknowledged, or whose answer does not
+ * come or is spoilt. The gadget's controller discards what it has seen already.
  */
 bool wire_try_again(struct wire_pipe *pipe, enum wire_fault fault)
 {
