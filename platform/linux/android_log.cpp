@@ -23,10 +23,10 @@ constexpr int64_t kSecondsPerDay = 86400;
 // One writer at a time: the room that poll() saw is still there at the write(). It is locked only
 // with SIGPIPE blocked, so that the SIGPIPE handler may log too.
 //
-// With priority inheritance an unlock hands the lock to the thread that waits. Otherwise a thread
-// that logs without a pause has the lock again before the waiting one has woken up, for as long as
-// it goes on: the source's buffer thread, whose FIFO is gone, until the worker has stopped it,
-// and the worker logs as well.
+// Priority inheritance makes an unlock hand the lock to the thread that waits for it. Without that,
+// a thread that logs without a pause takes the lock again before the waiting thread has woken up.
+// The source's buffer thread logs like that when its FIFO is gone, until the worker stops it; the
+// worker itself logs, so it must get the lock.
 struct OutputLock {
     OutputLock() noexcept {
         pthread_mutexattr_t attributes;
